@@ -1,0 +1,206 @@
+/* The life of every area: attach, remove, create, read, announce, save to flash. */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <sysconfig/core.h>
+
+#include "core/area.h"
+#include "core/bytes.h"
+#include "core/lock_file.h"
+#include "core/notify.h"
+
+namespace sc {
+
+namespace {
+
+constexpr char kNoSegment[] = "shmget failed\n";
+constexpr char kNotAttached[] = "shmat failed\n";
+constexpr char kNotDetached[] = "shmdt failed\n";
+constexpr char kNotRemoved[] = "shmctl(IPC_RMID) failed\n";
+/* Required: these two without a newline, the two that go through puts with one. */
+constexpr char kNoImageToRead[] = "cant open the file";
+constexpr char kNoImageToWrite[] = "canot open the file.";
+constexpr char kReadError[] = "file read error";
+constexpr char kWriteError[] = "file write error";
+
+constexpr char kLockPath[] = "/var/lock_store/%s_conf_lock";
+constexpr char kImagePath[] = "/var/systemconfig/config_%s.cfg";
+constexpr char kArchivePath[] = "/var/dataconfig/config_%s.bin";
+
+/* Required: the blanks, of which the default template has others. */
+constexpr char kPack[] = "tar -zcf %s  %s >/dev/null;sync";
+constexpr char kUnpack[] = "tar -zxf %s -C / >/dev/null";
+constexpr char kUnpackDefTemplate[] = "tar -zxf %s  -C />/dev/null";
+
+constexpr int kMode = 0666;
+void* const kNowhere = reinterpret_cast<void*>(-1);
+
+/* One of an area's paths. */
+struct Path {
+  char text[48];
+
+  Path(const char* format, const char* stem) { snprintf(text, sizeof text, format, stem); }
+};
+
+void complain(const char* message) {
+  fwrite(message, strlen(message), 1, stderr);
+}
+
+/* Addresses are 32-bit values of the interface, so a 64-bit host reserves room below 4 GiB and
+ * attaches there. */
+void* attach(int segment, size_t size) {
+  if constexpr (sizeof(void*) == 4) {
+    return shmat(segment, nullptr, 0);
+  } else {
+#ifdef MAP_32BIT
+    void* room = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
+#else
+    constexpr uintptr_t kLowest = 0x10000000, kHighest = 0xf0000000, kStep = 0x10000;
+    void* room = MAP_FAILED;
+    for (uintptr_t hint = kLowest; room == MAP_FAILED && hint < kHighest; hint += kStep) {
+      room = mmap(reinterpret_cast<void*>(hint), size, PROT_NONE,
+                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+    }
+#endif
+    if (room == MAP_FAILED) return kNowhere;
+    void* block = shmat(segment, room, SHM_REMAP);
+    if (block == kNowhere) munmap(room, size);
+    return block;
+  }
+}
+
+/* Zero, without touching pages that nobody wrote: a fresh segment stays as small as it is and an
+ * old one gives its pages back. Where that is refused, or taken as no more than advice, the mark is
+ * still there and the block is written over. */
+void empty(uint8_t* block, size_t size) {
+  volatile uint8_t* mark = block;
+  *mark = 1;
+  if (madvise(block, size, MADV_REMOVE) != 0 || *mark != 0) memset(block, 0, size);
+}
+
+/* Lock path and lock indices. */
+void number(const Area& area, uint8_t* block) {
+  Path path(kLockPath, area.lock_stem);
+  strcpy(reinterpret_cast<char*>(block) + area.header.path_at, path.text);
+  store<int32_t>(block + area.header.index_at, 1);
+  int32_t lock_index = 2;
+  for (const LockSpan& span : area.spans) {
+    for (uint32_t n = 0; n < span.count; ++n)
+      store(block + span.at + n * span.stride, lock_index++);
+  }
+}
+
+/* Creates and empties an area's block; its status is what Init returns. */
+int create(const Area& area, uint8_t** block) {
+  int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
+  if (segment < 0) return errno;
+  void* attached = attach(segment, area.size);
+  if (attached == kNowhere) return -1;
+  *block = static_cast<uint8_t*>(attached);
+  empty(*block, area.size);
+  sc_do_system("echo '' > %s", Path(kLockPath, area.lock_stem).text);
+  for (const LockSpan& span : area.spans) {
+    for (uint32_t n = 0; span.slot != 0 && n < span.count; ++n) {
+      store<int32_t>(*block + span.at + span.slot + n * span.stride, -1);
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+uint32_t get(AreaId id) {
+  const Area& area = kAreas[id];
+  int segment = shmget(area.key, area.size, kMode);
+  if (segment < 0) return 0;
+  void* block = attach(segment, area.size);
+  if (block == kNowhere) {
+    complain(kNotAttached);
+    exit(1); /* Required: an area that exists but cannot be attached is fatal. */
+  }
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(block));
+}
+
+/* Required: a failed step is said and the next one is taken. */
+int uninit(AreaId id) {
+  const Area& area = kAreas[id];
+  int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
+  if (segment < 0) complain(kNoSegment);
+  void* block = attach(segment, area.size);
+  if (block == kNowhere) complain(kNotAttached);
+  if (shmdt(block) < 0) complain(kNotDetached);
+  if (shmctl(segment, IPC_RMID, nullptr) < 0) complain(kNotRemoved);
+  return 0;
+}
+
+int init(AreaId id, int read_flag) {
+  uint8_t* block;
+  int status = create(kAreas[id], &block);
+  /* Required: only the low byte counts. */
+  if (status == 0 && static_cast<uint8_t>(read_flag) == 1) read(id, block);
+  return status;
+}
+
+int init_run_time(AreaId id) {
+  uint8_t* block;
+  int status = create(kAreas[id], &block);
+  if (status == 0) number(kAreas[id], block);
+  return status;
+}
+
+int read(AreaId id, void* block) {
+  const Area& area = kAreas[id];
+  number(area, static_cast<uint8_t*>(block));
+  Path archive(kArchivePath, area.stem);
+  int status = access(archive.text, F_OK);
+  if (status < 0) return status;
+  status = sc_do_system(id == kDefApTemplate ? kUnpackDefTemplate : kUnpack, archive.text);
+  Path image(kImagePath, area.stem);
+  FILE* file = fopen(image.text, "rb");
+  if (file == nullptr) {
+    printf(kNoImageToRead);
+    return status;
+  }
+  if (fread(block, area.size, 1, file) != 1) puts(kReadError);
+  fclose(file);
+  return sc_do_system("rm -f %s", image.text);
+}
+
+void save(AreaId id) {
+  notify(kAreas[id].code);
+}
+
+void save_to_flash(AreaId id, const void* block) {
+  const Area& area = kAreas[id];
+  const auto& header = *static_cast<const BlockHeader*>(block);
+  {
+    LockFile file(header.lock_path);
+    if (!file) return;
+    ByteLock lock(file, &header.block_lock_index);
+    Path image(kImagePath, area.stem);
+    FILE* out = fopen(image.text, "w");
+    if (out == nullptr) {
+      printf(kNoImageToWrite);
+      return;
+    }
+    if (fwrite(block, area.size, 1, out) != 1) puts(kWriteError);
+    fclose(out);
+    sc_do_system(kPack, Path(kArchivePath, area.stem).text, image.text);
+    sc_do_system("rm -f %s", image.text);
+  }
+  switch (area.events) {
+    case Events::kNone: break;
+    case Events::kNetwork: sc_do_system("change_event network"); break;
+    case Events::kAccessPoints:
+      sc_do_system("send_event 5 0");
+      sc_do_system("change_event ap");
+      break;
+  }
+}
+
+}  // namespace sc

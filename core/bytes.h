@@ -1,0 +1,28 @@
+/* Unaligned loads and stores. Words of a block may sit at any byte, so they go through packed
+ * one-member structs, which the compiler turns into lwl/lwr on MIPS where memcpy becomes a call.
+ */
+#ifndef CORE_BYTES_H
+#define CORE_BYTES_H
+
+#include <stdint.h>
+
+namespace sc {
+
+template <class T>
+struct Unaligned {
+  T value;
+} __attribute__((packed, may_alias));
+
+template <class T>
+inline T load(const void* at) {
+  return static_cast<const Unaligned<T>*>(at)->value;
+}
+
+template <class T>
+inline void store(void* at, T value) {
+  static_cast<Unaligned<T>*>(at)->value = value;
+}
+
+}  // namespace sc
+
+#endif

@@ -1,0 +1,171 @@
+/* The frame of all item layers. */
+#include "core/item.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <arpa/inet.h>
+
+#include <sysconfig/core.h>
+
+#include "core/bytes.h"
+#include "core/notify.h"
+
+namespace sc {
+
+namespace {
+
+/* The widest record that an item is converted to. */
+constexpr size_t kMaxStride = 1068;
+
+/* Head of every item list: the items follow, and a zero tail follows these. */
+struct ListHead {
+  uint32_t count;
+  uint32_t capacity;
+} SC_PACKED;
+
+/* Into a zeroed item: addresses are appended to their fields. */
+void to_item(const List& list, const uint8_t* record, uint8_t* item) {
+  store(item, load<int32_t>(record + list.table.geometry.slot_at));
+  for (int i = 0; i < list.map.field_count; ++i) {
+    const Field& field = list.map.fields[i];
+    const uint8_t* from = record + field.record_at;
+    uint8_t* to = item + field.item_at;
+    switch (field.kind) {
+      case Kind::kBytes: memcpy(to, from, field.size); break;
+      case Kind::kSignedBytes:
+        for (int n = 0; n < field.size; ++n) store<int32_t>(to + 4 * n, load<int8_t>(from + n));
+        break;
+      case Kind::kSignedHalf: store<int32_t>(to, load<int16_t>(from)); break;
+      case Kind::kAddress: sc_inet_ntoa(load<uint32_t>(from), reinterpret_cast<char*>(to)); break;
+    }
+  }
+}
+
+/* The address in a text field, which may fill it without a terminator. */
+uint32_t address_of(const uint8_t* field) {
+  char text[SC_IP_TEXT + 1];
+  memcpy(text, field, SC_IP_TEXT);
+  text[SC_IP_TEXT] = '\0';
+  return inet_addr(text);
+}
+
+void to_record(const List& list, const uint8_t* item, uint8_t* record) {
+  for (int i = 0; i < list.map.field_count; ++i) {
+    const Field& field = list.map.fields[i];
+    const uint8_t* from = item + field.item_at;
+    uint8_t* to = record + field.record_at;
+    switch (field.kind) {
+      case Kind::kBytes: memcpy(to, from, field.size); break;
+      case Kind::kSignedBytes:
+        for (int n = 0; n < field.size; ++n) to[n] = from[4 * n];
+        break;
+      case Kind::kSignedHalf: store(to, load<uint16_t>(from)); break;
+      case Kind::kAddress: store(to, address_of(from)); break;
+    }
+  }
+}
+
+int32_t write_item(const List& list, void* block, uint32_t op, uint32_t position,
+                   const void* item) {
+  uint8_t record[kMaxStride]; /* only what the map fills is read */
+  to_record(list, static_cast<const uint8_t*>(item), record);
+  return operate(list.table, block, op, &position, record);
+}
+
+}  // namespace
+
+uint32_t get_items(const List& list, const void* block, void* items) {
+  if (block == nullptr) return 0;
+  const Geometry& geometry = list.table.geometry;
+  memset(items, 0, sizeof(ListHead) + geometry.capacity * list.map.item_size + SC_LIST_TAIL);
+  auto* head = static_cast<ListHead*>(items);
+  uint8_t* item = static_cast<uint8_t*>(items) + sizeof(ListHead);
+  uint32_t used = 0;
+  for (uint32_t position = 0; position < geometry.capacity; ++position) {
+    const uint8_t* record = record_at(geometry, block, position);
+    if (load<int32_t>(record + geometry.slot_at) < 0) continue;
+    to_item(list, record, item);
+    item += list.map.item_size;
+    ++used;
+  }
+  head->count = used;
+  head->capacity = geometry.capacity;
+  return used;
+}
+
+void get_item(const List& list, const void* block, uint32_t id, void* item) {
+  if (block == nullptr) return;
+  memset(item, 0, list.map.item_size);
+  const Geometry& geometry = list.table.geometry;
+  if (id - 1 >= geometry.capacity) return;
+  to_item(list, record_at(geometry, block, id - 1), static_cast<uint8_t*>(item));
+}
+
+int32_t add_item(const List& list, void* block, const void* item) {
+  int32_t result = write_item(list, block, LIST_OP_ADD, 0, item);
+  if (result == SC_LIST_OK) count(list, block, 1);
+  notify(list.code);
+  return result;
+}
+
+int32_t modify_item(const List& list, void* block, const void* item) {
+  int32_t result = write_item(list, block, LIST_OP_MODIFY, load<uint32_t>(item) - 1, item);
+  notify(list.code);
+  return result;
+}
+
+void delete_item(const List& list, void* block, uint32_t id) {
+  uint32_t position = id - 1;
+  operate(list.table, block, LIST_OP_DEL, &position, nullptr);
+  /* Required: lowered whatever the result. */
+  count(list, block, -1);
+}
+
+void delete_items(const List& list, void* block, char* ids) {
+  int32_t id;
+  for (Ids tokens(ids); tokens.next(&id);) delete_item(list, block, static_cast<uint32_t>(id));
+  notify(list.code);
+}
+
+void delete_all_items(const List& list, void* block) {
+  operate(list.table, block, LIST_OP_DEL_ALL, nullptr, nullptr);
+  /* Required: zero even when nothing could be freed. */
+  memset(static_cast<uint8_t*>(block) + list.counter.at, 0, list.counter.size);
+  notify(list.code);
+}
+
+/* Counters are aligned, unlike the words of records, and changed without a lock: by single
+ * instructions, so that processes at the same time lose no count. */
+void count(const List& list, void* block, int32_t change) {
+  void* counter = static_cast<uint8_t*>(block) + list.counter.at;
+  if (list.counter.size == 2) {
+    __atomic_fetch_add(static_cast<uint16_t*>(counter), change, __ATOMIC_RELAXED);
+  } else if (list.counter.size == 4) {
+    __atomic_fetch_add(static_cast<uint32_t*>(counter), change, __ATOMIC_RELAXED);
+  }
+}
+
+void delete_referring(const List& list, const Reference& reference, void* block, int32_t group_id) {
+  const Geometry& geometry = list.table.geometry;
+  for (uint32_t position = 0; position < geometry.capacity; ++position) {
+    const uint8_t* record = record_at(geometry, block, position);
+    const uint8_t* id = record + reference.id_at;
+    int32_t referred = reference.id_size == 1 ? load<int8_t>(id) : load<int16_t>(id);
+    /* Required: matched by these bytes alone, also in a record that was freed before. */
+    if (load<int8_t>(record + reference.mode_at) != reference.mode || referred != group_id)
+      continue;
+    delete_item(list, block, position + 1);
+    notify(list.code);
+  }
+}
+
+bool Ids::next(int32_t* id) {
+  const char* token = strtok_r(text_, "#", &rest_);
+  text_ = nullptr;
+  if (token == nullptr) return false;
+  *id = atoi(token);
+  return true;
+}
+
+}  // namespace sc

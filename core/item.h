@@ -1,0 +1,88 @@
+/* Items: what callers see of a record. A map says where each field of the record lies in the item
+ * and how it is converted; a list is a table with its map, its counter and its notification code.
+ */
+#ifndef CORE_ITEM_H
+#define CORE_ITEM_H
+
+#include <stdint.h>
+
+#include "core/table.h"
+
+namespace sc {
+
+enum class Kind : uint8_t {
+  kBytes,       /* copied */
+  kSignedBytes, /* each byte widened to an int; low bytes stored */
+  kSignedHalf,  /* 16 bits widened to an int; low half stored */
+  kAddress      /* 32 bits shown as dotted text of 16 bytes */
+};
+
+struct Field {
+  uint16_t record_at;
+  uint16_t item_at;
+  Kind kind;
+  uint8_t size; /* bytes of kBytes, elements of kSignedBytes */
+};
+
+constexpr int kMaxFields = 13;
+
+/* The item's id always stands at its offset 0. */
+struct ItemMap {
+  uint16_t item_size;
+  uint8_t field_count;
+  Field fields[kMaxFields];
+};
+
+/* The number of used records as the item layer keeps it; size 0: the area has none. */
+struct Counter {
+  uint16_t at;
+  uint8_t size;
+};
+
+struct List {
+  Table table;
+  uint8_t code; /* of the change notification */
+  Counter counter;
+  ItemMap map;
+};
+
+/* The item operations; what they do is said in sysconfig/core.h. */
+uint32_t get_items(const List& list, const void* block, void* items); /* the count */
+void get_item(const List& list, const void* block, uint32_t id, void* item);
+int32_t add_item(const List& list, void* block, const void* item);
+int32_t modify_item(const List& list, void* block, const void* item);
+void delete_items(const List& list, void* block, char* ids);
+void delete_all_items(const List& list, void* block);
+
+/* Frees the record at id - 1 and lowers the counter, whether or not there was one. */
+void delete_item(const List& list, void* block, uint32_t id);
+
+/* Adds to the list's counter in the block. */
+void count(const List& list, void* block, int32_t change);
+
+/* A mode byte and a signed group id of 1 or 2 bytes in a record. */
+struct Reference {
+  uint16_t mode_at;
+  int8_t mode;
+  uint16_t id_at;
+  uint8_t id_size;
+};
+
+/* Deletes every record that refers to the group, each with its notification. */
+void delete_referring(const List& list, const Reference& reference, void* block, int32_t group_id);
+
+/* The ids of an index list, split in place. */
+class Ids {
+ public:
+  explicit Ids(char* text) : text_(text) {}
+  /* False after the last one. */
+  bool next(int32_t* id);
+
+ private:
+  char* text_;
+  char* rest_ = nullptr;
+};
+
+}  // namespace sc
+
+#endif

@@ -1,0 +1,180 @@
+/* Makers of rows: they take offsets, widths and kinds from the members of the public structs, so
+ * that a row cannot lie about a field, and check at compile time what the columns can carry. The
+ * only template file of the library.
+ */
+#ifndef CORE_ROWS_H
+#define CORE_ROWS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "core/area.h"
+#include "core/item.h"
+#include "core/table.h"
+
+namespace sc {
+
+/* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
+void member_does_not_fit_its_column();
+void fields_are_not_in_record_order();
+void row_has_no_room_left();
+
+constexpr uint8_t byte_column(size_t value) {
+  if (value > UINT8_MAX) member_does_not_fit_its_column();
+  return static_cast<uint8_t>(value);
+}
+
+constexpr uint16_t half_column(size_t value) {
+  if (value > UINT16_MAX) member_does_not_fit_its_column();
+  return static_cast<uint16_t>(value);
+}
+
+template <class T>
+struct Extent {
+  static constexpr size_t count = 1;
+  using Element = T;
+};
+template <class T, size_t kCount>
+struct Extent<T[kCount]> {
+  static constexpr size_t count = kCount;
+  using Element = T;
+};
+
+/* ---- areas ---- */
+
+/* Records with a slot_id are free at -1; other tables and sections are empty when all zero. */
+template <class Table>
+consteval LockSpan lock_span(size_t table_at) {
+  using Record = typename Extent<Table>::Element;
+  constexpr size_t lock_at = offsetof(Record, lock_index);
+  int slot = 0;
+  if constexpr (requires(Record r) { r.slot_id; }) {
+    slot = static_cast<int>(offsetof(Record, slot_id)) - static_cast<int>(lock_at);
+  }
+  return {half_column(table_at + lock_at), half_column(sizeof(Record)),
+          half_column(Extent<Table>::count), static_cast<int8_t>(slot)};
+}
+
+/* The lock words of a table, or of equal sections. */
+#define SC_LOCKS(Block, table) lock_span<decltype(Block::table)>(offsetof(Block, table))
+/* The lock word of one section. */
+constexpr LockSpan lock_of_section(size_t at) {
+  return {half_column(at), 0, 1, 0};
+}
+#define SC_LOCK(Block, word) lock_of_section(offsetof(Block, word))
+
+/* ---- tables ---- */
+
+template <class Table>
+consteval Geometry table_geometry(size_t table_at) {
+  using Record = typename Extent<Table>::Element;
+  return {half_column(table_at), half_column(sizeof(Record)), half_column(Extent<Table>::count),
+          byte_column(offsetof(Record, lock_index)), byte_column(offsetof(Record, slot_id))};
+}
+#define SC_GEOMETRY(Block, table) table_geometry<decltype(Block::table)>(offsetof(Block, table))
+
+/* A clash key: a text compared without case, or bytes compared exactly. */
+constexpr Key key(Compare compare, size_t at, size_t size) {
+  return {compare, byte_column(size), half_column(at)};
+}
+#define SC_TEXT_KEY(Record, member) \
+  key(Compare::kTextWithoutCase, offsetof(Record, member), sizeof(Record::member))
+#define SC_BYTES_KEY(Record, member) \
+  key(Compare::kBytes, offsetof(Record, member), sizeof(Record::member))
+
+constexpr Run run(size_t at, size_t size) {
+  return {half_column(at), half_column(size)};
+}
+#define SC_RUN(Record, member) run(offsetof(Record, member), sizeof(Record::member))
+
+/* ---- items ---- */
+
+template <class InRecord, class InItem>
+consteval Field field(size_t record_at, size_t item_at) {
+  using R = typename Extent<InRecord>::Element;
+  using I = typename Extent<InItem>::Element;
+  constexpr size_t count = Extent<InRecord>::count;
+  Field f = {half_column(record_at), half_column(item_at), Kind::kBytes,
+             byte_column(sizeof(InRecord))};
+  if constexpr (__is_same(R, uint32_t) && __is_same(I, char)) {
+    static_assert(sizeof(InItem) == 16 && count == 1, "an address is shown as 16 bytes of text");
+    f.kind = Kind::kAddress;
+  } else if constexpr (sizeof(R) == sizeof(I)) {
+    static_assert(__is_same(InRecord, InItem), "copied fields have one type");
+  } else {
+    static_assert(__is_same(I, int32_t) && count == Extent<InItem>::count,
+                  "signed bytes and halves are widened one by one");
+    static_assert(__is_same(R, int8_t) || (__is_same(R, int16_t) && count == 1));
+    f.kind = __is_same(R, int8_t) ? Kind::kSignedBytes : Kind::kSignedHalf;
+    f.size = count;
+  }
+  return f;
+}
+#define SC_FIELD(Record, record_member, Item, item_member)             \
+  field<decltype(Record::record_member), decltype(Item::item_member)>( \
+      offsetof(Record, record_member), offsetof(Item, item_member))
+
+constexpr size_t record_width(const Field& f) {
+  return f.kind == Kind::kAddress ? 4 : f.kind == Kind::kSignedHalf ? 2 : f.size;
+}
+
+/* Adds one member to the payload: longer last run, or a new one. */
+constexpr void add_run(Runs& runs, size_t at, size_t width) {
+  size_t used = 0;
+  while (used < kMaxRuns && runs.run[used].size != 0) ++used;
+  if (used > 0) {
+    Run& last = runs.run[used - 1];
+    if (last.at + last.size > at) fields_are_not_in_record_order();
+    if (last.at + last.size == at) {
+      last.size = half_column(last.size + width);
+      return;
+    }
+  }
+  if (used == kMaxRuns) row_has_no_room_left();
+  runs.run[used] = run(at, width);
+}
+
+/* The payload of a table: its members in record order, neighbours joined. */
+template <size_t kCount>
+consteval Runs runs_of(const Run (&members)[kCount]) {
+  Runs runs = {};
+  for (const Run& member : members) add_run(runs, member.at, member.size);
+  return runs;
+}
+template <size_t kCount>
+consteval Runs runs_of(const Field (&fields)[kCount]) {
+  Runs runs = {};
+  for (const Field& f : fields) add_run(runs, f.record_at, record_width(f));
+  return runs;
+}
+
+/* The map of an item: its fields in record order; copied neighbours that stay neighbours are joined
+ * while their width fits. */
+template <class Item, size_t kCount>
+consteval ItemMap map_of(const Field (&fields)[kCount]) {
+  ItemMap map = {half_column(sizeof(Item)), 0, {}};
+  for (const Field& f : fields) {
+    if (map.field_count > 0) {
+      Field& last = map.fields[map.field_count - 1];
+      if (last.kind == Kind::kBytes && f.kind == Kind::kBytes &&
+          last.record_at + last.size == f.record_at && last.item_at + last.size == f.item_at &&
+          last.size + f.size <= 255) {
+        last.size = static_cast<uint8_t>(last.size + f.size);
+        continue;
+      }
+    }
+    if (map.field_count == kMaxFields) row_has_no_room_left();
+    map.fields[map.field_count++] = f;
+  }
+  return map;
+}
+
+/* The counter that an area keeps beside its table. */
+constexpr Counter counter(size_t at, size_t size) {
+  return {half_column(at), byte_column(size)};
+}
+#define SC_COUNTER(Block, member) counter(offsetof(Block, member), sizeof(Block::member))
+
+}  // namespace sc
+
+#endif

@@ -1,0 +1,119 @@
+/* The frame of all record tables. */
+#include "core/table.h"
+
+#include <string.h>
+#include <strings.h>
+
+#include <sysconfig/layout.h>
+
+#include "core/bytes.h"
+#include "core/lock_file.h"
+
+namespace sc {
+
+namespace {
+
+constexpr int32_t kFree = -1;
+
+const BlockHeader& header_of(const void* block) {
+  return *static_cast<const BlockHeader*>(block);
+}
+
+int32_t slot_of(const Geometry& geometry, const uint8_t* record) {
+  return load<int32_t>(record + geometry.slot_at);
+}
+
+bool equal(const Key& key, const uint8_t* one, const uint8_t* other) {
+  one += key.at;
+  other += key.at;
+  if (key.compare == Compare::kBytes) return memcmp(one, other, key.size) == 0;
+  return strncasecmp(reinterpret_cast<const char*>(one), reinterpret_cast<const char*>(other),
+                     key.size) == 0;
+}
+
+/* Writes the slot word, and the identity beside it: zeroes when the record is freed. */
+void release(const Table& table, const LockFile& file, uint8_t* record) {
+  ByteLock lock(file, record + table.geometry.lock_at);
+  store<int32_t>(record + table.geometry.slot_at, kFree);
+  memset(record + table.identity.at, 0, table.identity.size);
+}
+
+}  // namespace
+
+int32_t find_clash(const Table& table, const void* block, const void* record, uint32_t skip_slot) {
+  const auto* wanted = static_cast<const uint8_t*>(record);
+  for (uint32_t position = 0; position < table.geometry.capacity; ++position) {
+    const uint8_t* used = record_at(table.geometry, block, position);
+    int32_t slot = slot_of(table.geometry, used);
+    if (slot == kFree || slot == static_cast<int32_t>(skip_slot)) continue;
+    for (const Key& key : table.keys) {
+      if (key.compare == Compare::kNone) break;
+      if (equal(key, used, wanted)) return 1;
+    }
+  }
+  return 0;
+}
+
+int32_t claim(const Geometry& geometry, void* block) {
+  if (block == nullptr) return -1;
+  LockFile file(header_of(block).lock_path);
+  if (!file) return -1;
+  for (uint32_t position = 0; position < geometry.capacity; ++position) {
+    uint8_t* record = record_at(geometry, block, position);
+    if (slot_of(geometry, record) != kFree) continue;
+    ByteLock lock(file, record + geometry.lock_at);
+    if (slot_of(geometry, record) != kFree) continue; /* another process was faster */
+    store(record + geometry.slot_at, position + 1);
+    return static_cast<int32_t>(position);
+  }
+  return -1;
+}
+
+void copy_payload(const Table& table, uint8_t* to, const uint8_t* from) {
+  for (const Run& run : table.payload.run) memcpy(to + run.at, from + run.at, run.size);
+}
+
+int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, const void* record) {
+  const Geometry& geometry = table.geometry;
+  LockFile file(header_of(block).lock_path);
+  if (!file) return SC_LIST_NO_LOCK;
+
+  uint32_t position;
+  switch (op) {
+    case LIST_OP_ADD:
+      if (find_clash(table, block, record, static_cast<uint32_t>(kFree))) return SC_LIST_REJECTED;
+      position = static_cast<uint32_t>(claim(geometry, block));
+      if (position >= geometry.capacity) return SC_LIST_REJECTED;
+      break;
+    case LIST_OP_MODIFY:
+      position = *index;
+      /* Required: the clash is told before the range. */
+      if (find_clash(table, block, record, position + 1)) return SC_LIST_REJECTED;
+      if (position >= geometry.capacity) return table.modify_range;
+      break;
+    case LIST_OP_DEL:
+      position = *index;
+      if (position >= geometry.capacity) return SC_LIST_DEL_RANGE;
+      release(table, file, record_at(geometry, block, position));
+      return SC_LIST_OK;
+    case LIST_OP_DEL_ALL:
+      for (position = 0; position < geometry.capacity; ++position) {
+        release(table, file, record_at(geometry, block, position));
+      }
+      return SC_LIST_OK;
+    default: return SC_LIST_BAD_OP;
+  }
+
+  /* Required: a record modified while it is free is written and stays free. */
+  uint8_t* target = record_at(geometry, block, position);
+  const auto* source = static_cast<const uint8_t*>(record);
+  ByteLock lock(file, target + geometry.lock_at);
+  if (op == LIST_OP_ADD) {
+    memcpy(target + table.identity.at, source + table.identity.at, table.identity.size);
+  }
+  copy_payload(table, target, source);
+  *index = position;
+  return SC_LIST_OK;
+}
+
+}  // namespace sc

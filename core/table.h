@@ -1,0 +1,76 @@
+/* Record tables: a fixed number of equal records at a fixed place of a block, and the operations
+ * that every list has, driven by one row of constant data.
+ *
+ * A record is free when its slot word is -1, else the word is its position + 1. Positions are
+ * 0-based. Writers hold the record's byte of the lock file; reads take no lock.
+ */
+#ifndef CORE_TABLE_H
+#define CORE_TABLE_H
+
+#include <stdint.h>
+
+namespace sc {
+
+/* Where the table lies in its block, and the two words of each record. */
+struct Geometry {
+  uint16_t at;
+  uint16_t stride;
+  uint16_t capacity;
+  uint8_t lock_at;
+  uint8_t slot_at;
+};
+
+enum class Compare : uint8_t { kNone, kTextWithoutCase, kBytes };
+
+/* A member that may not be equal in two used records. */
+struct Key {
+  Compare compare;
+  uint8_t size;
+  uint16_t at;
+};
+
+/* Bytes of a record that are written as one. */
+struct Run {
+  uint16_t at;
+  uint16_t size;
+};
+
+constexpr int kMaxRuns = 5;
+
+/* The payload: what add and modify write. Ends with the first run of size 0. */
+struct Runs {
+  Run run[kMaxRuns];
+};
+
+struct Table {
+  Geometry geometry;
+  uint8_t modify_range; /* result of a modify out of range */
+  Key keys[2];          /* the first that matches rejects */
+  Run identity;         /* written by add, cleared by delete, never modified; size 0: none */
+  Runs payload;
+};
+
+/* The record at a position of the table. */
+inline uint8_t* record_at(const Geometry& geometry, void* block, uint32_t position) {
+  return static_cast<uint8_t*>(block) + geometry.at + position * geometry.stride;
+}
+inline const uint8_t* record_at(const Geometry& geometry, const void* block, uint32_t position) {
+  return static_cast<const uint8_t*>(block) + geometry.at + position * geometry.stride;
+}
+
+/* 1 when a used record other than the one of skip_slot has a key of `record`, else 0. */
+int32_t find_clash(const Table& table, const void* block, const void* record, uint32_t skip_slot);
+
+/* Claims the lowest free record: its slot word is set under its lock. Position, or -1 when none is
+ * free, the lock file cannot be opened or the block is null. */
+int32_t claim(const Geometry& geometry, void* block);
+
+/* One list operation; results as in sysconfig/layout.h. */
+int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, const void* record);
+
+/* The payload's bytes of one record, written into another. */
+void copy_payload(const Table& table, uint8_t* to, const uint8_t* from);
+
+}  // namespace sc
+
+#endif

@@ -1,0 +1,116 @@
+/* DHCP static bindings: the LAN table and the access controller's, alike but for their place and
+ * their counter. Here slot_id stands before lock_index, in all other tables behind it.
+ */
+#include <sysconfig/lan.h>
+
+#include "core/rows.h"
+
+using namespace sc;
+
+namespace {
+
+constexpr Field kFields[] = {
+    SC_FIELD(DhcpBindRecord, bind_flag, DhcpStaticItem, flag),
+    SC_FIELD(DhcpBindRecord, bind_mac, DhcpStaticItem, mac),
+    SC_FIELD(DhcpBindRecord, bind_ip, DhcpStaticItem, ip),
+    SC_FIELD(DhcpBindRecord, bind_name, DhcpStaticItem, name),
+};
+
+consteval List binds(Geometry geometry, Counter counter) {
+  return {
+      .table = {.geometry = geometry,
+                .modify_range = SC_LIST_MOD_RANGE,
+                .keys = {SC_TEXT_KEY(DhcpBindRecord, bind_mac),
+                         SC_BYTES_KEY(DhcpBindRecord, bind_ip)},
+                .identity = {},
+                .payload = runs_of(kFields)},
+      .code = SC_CODE_LAN,
+      .counter = counter,
+      .map = map_of<DhcpStaticItem>(kFields),
+  };
+}
+
+constexpr List kLanBinds =
+    binds(SC_GEOMETRY(LanBlock, lan_binds), SC_COUNTER(LanBlock, lan_bind_count));
+constexpr List kAcBinds =
+    binds(SC_GEOMETRY(LanBlock, ac_binds), SC_COUNTER(LanBlock, ac_bind_count));
+
+}  // namespace
+
+int32_t SC_Operate_System_List_DhcpdBind(LanBlock* block, uint32_t op, uint32_t* index,
+                                         const DhcpBindRecord* record) {
+  return operate(kLanBinds.table, block, op, index, record);
+}
+
+int32_t SC_Operate_System_List_GetDhcpdBind_Blank(LanBlock* block) {
+  return claim(kLanBinds.table.geometry, block);
+}
+
+int32_t SC_Operate_System_List_DhcpdBindCheckIpMac(const LanBlock* block,
+                                                   const DhcpBindRecord* record,
+                                                   uint32_t skip_slot) {
+  return find_clash(kLanBinds.table, block, record, skip_slot);
+}
+
+int32_t SC_Operate_System_List_AC_DhcpdBind(LanBlock* block, uint32_t op, uint32_t* index,
+                                            const DhcpBindRecord* record) {
+  return operate(kAcBinds.table, block, op, index, record);
+}
+
+int32_t SC_Operate_System_List_AC_GetDhcpdBind_Blank(LanBlock* block) {
+  return claim(kAcBinds.table.geometry, block);
+}
+
+int32_t SC_Operate_System_List_AC_DhcpdBindCheckIpMac(const LanBlock* block,
+                                                      const DhcpBindRecord* record,
+                                                      uint32_t skip_slot) {
+  return find_clash(kAcBinds.table, block, record, skip_slot);
+}
+
+void GetDhcpStaticItemList(const LanBlock* block, DhcpStaticItemList* list) {
+  get_items(kLanBinds, block, list);
+}
+
+void GetDhcpStaticItem(const LanBlock* block, uint32_t id, DhcpStaticItem* item) {
+  get_item(kLanBinds, block, id, item);
+}
+
+int32_t AddDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
+  return add_item(kLanBinds, block, item);
+}
+
+int32_t ModifyDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
+  return modify_item(kLanBinds, block, item);
+}
+
+void DelDhcpStaticItem(LanBlock* block, char* ids) {
+  delete_items(kLanBinds, block, ids);
+}
+
+void DelAllDhcpStaticItem(LanBlock* block) {
+  delete_all_items(kLanBinds, block);
+}
+
+void AC_GetDhcpStaticItemList(const LanBlock* block, DhcpStaticItemList* list) {
+  get_items(kAcBinds, block, list);
+}
+
+void AC_GetDhcpStaticItem(const LanBlock* block, uint32_t id, DhcpStaticItem* item) {
+  get_item(kAcBinds, block, id, item);
+}
+
+int32_t AC_AddDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
+  return add_item(kAcBinds, block, item);
+}
+
+int32_t AC_ModifyDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
+  return modify_item(kAcBinds, block, item);
+}
+
+void AC_DelDhcpStaticItem(LanBlock* block, char* ids) {
+  delete_items(kAcBinds, block, ids);
+}
+
+void AC_DelAllDhcpStaticItem(LanBlock* block) {
+  delete_all_items(kAcBinds, block);
+}
