@@ -24,7 +24,7 @@ struct Field {
   uint8_t size; /* bytes of kBytes, elements of kSignedBytes */
 };
 
-constexpr int kMaxFields = 13;
+constexpr int kMaxFields = 14;
 
 /* The item's id always stands at its offset 0. */
 struct ItemMap {

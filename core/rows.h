@@ -148,20 +148,26 @@ consteval Runs runs_of(const Field (&fields)[kCount]) {
   return runs;
 }
 
-/* The map of an item: its fields in record order; copied neighbours that stay neighbours are joined
- * while their width fits. */
+constexpr size_t item_width(const Field& f) {
+  return f.kind == Kind::kSignedBytes ? 4 * f.size : f.size;
+}
+
+/* Neighbours of one kind in the record and in the item alike. */
+constexpr bool joins(const Field& f, const Field& next) {
+  return f.kind == next.kind && (f.kind == Kind::kBytes || f.kind == Kind::kSignedBytes) &&
+         f.record_at + record_width(f) == next.record_at &&
+         f.item_at + item_width(f) == next.item_at && f.size + next.size <= UINT8_MAX;
+}
+
+/* The map of an item: its fields in record order, neighbours joined. */
 template <class Item, size_t kCount>
 consteval ItemMap map_of(const Field (&fields)[kCount]) {
   ItemMap map = {half_column(sizeof(Item)), 0, {}};
   for (const Field& f : fields) {
-    if (map.field_count > 0) {
+    if (map.field_count > 0 && joins(map.fields[map.field_count - 1], f)) {
       Field& last = map.fields[map.field_count - 1];
-      if (last.kind == Kind::kBytes && f.kind == Kind::kBytes &&
-          last.record_at + last.size == f.record_at && last.item_at + last.size == f.item_at &&
-          last.size + f.size <= 255) {
-        last.size = static_cast<uint8_t>(last.size + f.size);
-        continue;
-      }
+      last.size = byte_column(last.size + f.size);
+      continue;
     }
     if (map.field_count == kMaxFields) row_has_no_room_left();
     map.fields[map.field_count++] = f;
@@ -174,6 +180,14 @@ constexpr Counter counter(size_t at, size_t size) {
   return {half_column(at), byte_column(size)};
 }
 #define SC_COUNTER(Block, member) counter(offsetof(Block, member), sizeof(Block::member))
+
+/* Records with this mode refer to the group of this id. */
+constexpr Reference reference(size_t mode_at, int8_t mode, size_t id_at, size_t id_size) {
+  return {half_column(mode_at), mode, half_column(id_at), byte_column(id_size)};
+}
+#define SC_REFERENCE(Record, mode_member, mode, id_member)                    \
+  reference(offsetof(Record, mode_member), mode, offsetof(Record, id_member), \
+            sizeof(Record::id_member))
 
 }  // namespace sc
 

@@ -1,0 +1,80 @@
+/* The frame of the tables that are free at an id of 0. */
+#include "ap/id_table.h"
+
+#include <string.h>
+
+#include "core/bytes.h"
+
+namespace sc {
+
+namespace {
+
+uint8_t* record_at(const IdTable& table, void* block, uint32_t position) {
+  return static_cast<uint8_t*>(block) + table.at + position * table.stride;
+}
+
+const uint8_t* record_at(const IdTable& table, const void* block, uint32_t position) {
+  return static_cast<const uint8_t*>(block) + table.at + position * table.stride;
+}
+
+uint32_t id_of(const IdTable& table, const void* block, uint32_t position) {
+  return load<uint32_t>(record_at(table, block, position) + table.id_at);
+}
+
+}  // namespace
+
+int32_t find_id(const IdTable& table, const void* block, uint32_t id) {
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    if (id_of(table, block, position) == id) return static_cast<int32_t>(position);
+  }
+  return -1;
+}
+
+int32_t find_mac(const IdTable& table, const void* block, const uint8_t* mac) {
+  const uint32_t head = load<uint32_t>(mac);
+  const uint16_t tail = load<uint16_t>(mac + 4);
+  const uint8_t* at = record_at(table, block, 0) + table.mac_at;
+  for (int32_t position = 0; position < table.capacity; ++position, at += table.stride) {
+    if (load<uint32_t>(at) == head && load<uint16_t>(at + 4) == tail) return position;
+  }
+  return -1;
+}
+
+/* Ids are aligned, so a claim is one instruction and two processes never claim one record. */
+int32_t claim_id(const IdTable& table, void* block) {
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    void* id = record_at(table, block, position) + table.id_at;
+    uint32_t free = 0;
+    if (__atomic_compare_exchange_n(static_cast<uint32_t*>(id), &free, position + 1, false,
+                                    __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+      return static_cast<int32_t>(position);
+    }
+  }
+  return -1;
+}
+
+int32_t count_used(const IdTable& table, const void* block) {
+  int32_t used = 0;
+  if (block == nullptr) return used;
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    if (id_of(table, block, position) != 0) ++used;
+  }
+  return used;
+}
+
+int32_t delete_mac(const IdTable& table, const LockFile& file, void* block, const uint8_t* mac) {
+  int32_t position = find_mac(table, block, mac);
+  if (position < 0) return 0;
+  clear_record(table, file, block, static_cast<uint32_t>(position));
+  return 1;
+}
+
+void clear_record(const IdTable& table, const LockFile& file, void* block, uint32_t position) {
+  uint8_t* record = record_at(table, block, position);
+  int32_t lock_index = load<int32_t>(record + table.lock_at);
+  ByteLock lock(file, record + table.lock_at);
+  memset(record, 0, table.stride);
+  store(record + table.lock_at, lock_index);
+}
+
+}  // namespace sc

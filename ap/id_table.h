@@ -1,0 +1,50 @@
+/* Tables whose records are free when their id is 0: a second, smaller frame.
+ *
+ * The id of a used record is its position + 1. Records are large and mostly their writers' own; the
+ * frame finds, claims, counts and clears them. MACs are 6 raw bytes.
+ */
+#ifndef AP_ID_TABLE_H
+#define AP_ID_TABLE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "core/lock_file.h"
+
+namespace sc {
+
+struct IdTable {
+  uint16_t at; /* of record 0 in the block */
+  uint16_t stride;
+  uint16_t capacity;
+  uint16_t lock_at;
+  uint16_t id_at;
+  uint16_t mac_at;
+};
+
+#define SC_ID_TABLE(Block, table, Record, id, mac)                                 \
+  IdTable {                                                                        \
+    offsetof(Block, table), sizeof(Record), sizeof(Block::table) / sizeof(Record), \
+        offsetof(Record, lock_index), offsetof(Record, id), offsetof(Record, mac)  \
+  }
+
+/* Position of the first record with the id or the MAC, free ones included; -1 when there is none.
+ */
+int32_t find_id(const IdTable& table, const void* block, uint32_t id);
+int32_t find_mac(const IdTable& table, const void* block, const uint8_t* mac);
+
+/* Claims the lowest free record without a lock. Its position, or -1. */
+int32_t claim_id(const IdTable& table, void* block);
+
+/* Number of records whose id is not 0; 0 for a null block. */
+int32_t count_used(const IdTable& table, const void* block);
+
+/* Clears the first record with the MAC. 1, or 0 when there is none. */
+int32_t delete_mac(const IdTable& table, const LockFile& file, void* block, const uint8_t* mac);
+
+/* Under its lock, zeroes the whole record but its lock index. */
+void clear_record(const IdTable& table, const LockFile& file, void* block, uint32_t position);
+
+}  // namespace sc
+
+#endif

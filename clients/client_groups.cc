@@ -1,0 +1,88 @@
+/* Client groups: ten names. An item is laid out as the first bytes of its record, so the frame
+ * works on it without a map. */
+#include <sysconfig/clients.h>
+
+#include "core/area.h"
+#include "core/rows.h"
+
+using namespace sc;
+
+namespace {
+
+constexpr Run kPayload[] = {SC_RUN(ClientsGroupRecord, group_name)};
+
+constexpr List kGroups = {
+    .table = {.geometry = SC_GEOMETRY(ClientsGroupsBlock, groups),
+              .modify_range = SC_LIST_MOD_RANGE,
+              .keys = {SC_TEXT_KEY(ClientsGroupRecord, group_name)},
+              .identity = {},
+              .payload = runs_of(kPayload)},
+    .code = SC_CODE_CLIENTS_GROUPS,
+    .counter = {},
+    .map = {},
+};
+
+static_assert(offsetof(ClientsGroupsItem, group_name) == offsetof(ClientsGroupRecord, group_name));
+
+}  // namespace
+
+uint32_t SC_Get_Clients_Groups_System_Config(void) {
+  return get(kClientsGroups);
+}
+
+int SC_Uninit_System_Clients_Groups_Config(void) {
+  return uninit(kClientsGroups);
+}
+
+int SC_Init_System_Clients_Groups_Config(int read_flag) {
+  return init(kClientsGroups, read_flag);
+}
+
+int SC_Read_System_Clients_Groups_Config(ClientsGroupsBlock* block) {
+  return read(kClientsGroups, block);
+}
+
+void SC_Save_System_Clients_Groups_Config(void) {
+  save(kClientsGroups);
+}
+
+void SC_Save_System_Clients_Groups_Config2Flash(ClientsGroupsBlock* block) {
+  save_to_flash(kClientsGroups, block);
+}
+
+int32_t SC_Operate_System_List_ClientsGroups(ClientsGroupsBlock* block, uint32_t op,
+                                             uint32_t* index, const ClientsGroupsItem* item) {
+  return operate(kGroups.table, block, op, index, item);
+}
+
+int32_t SC_Operate_System_List_GetClientsGroups_Blank(ClientsGroupsBlock* block) {
+  return claim(kGroups.table.geometry, block);
+}
+
+int32_t SC_Operate_System_List_ClientsGroupsCheckName(const ClientsGroupsBlock* block,
+                                                      const ClientsGroupsItem* item,
+                                                      uint32_t skip_slot) {
+  return find_clash(kGroups.table, block, item, skip_slot);
+}
+
+int32_t AddClientsGroupsItem(ClientsGroupsBlock* block, const ClientsGroupsItem* item) {
+  uint32_t position = 0;
+  int32_t result = operate(kGroups.table, block, LIST_OP_ADD, &position, item);
+  save(kClientsGroups);
+  return result;
+}
+
+int32_t ModifyClientsGroupsItem(ClientsGroupsBlock* block, const ClientsGroupsItem* item) {
+  uint32_t position = static_cast<uint32_t>(item->slot_id) - 1;
+  int32_t result = operate(kGroups.table, block, LIST_OP_MODIFY, &position, item);
+  save(kClientsGroups);
+  return result;
+}
+
+void DelClientsGroupsItem(ClientsGroupsBlock* block, char* ids) {
+  delete_items(kGroups, block, ids);
+}
+
+void DelAllClientsGroupsItem(ClientsGroupsBlock* block) {
+  delete_all_items(kGroups, block);
+}

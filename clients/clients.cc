@@ -1,0 +1,103 @@
+/* Clients, keyed by their MAC. An item is laid out as the first bytes of its record, so the frame
+ * works on it without a map. The MAC is the record's identity: add writes it, delete clears it,
+ * modify leaves it. */
+#include <string.h>
+
+#include <sysconfig/clients.h>
+
+#include "core/area.h"
+#include "core/rows.h"
+
+using namespace sc;
+
+namespace {
+
+constexpr Run kPayload[] = {
+    SC_RUN(ClientRecord, field_14), SC_RUN(ClientRecord, field_16), SC_RUN(ClientRecord, field_20),
+    SC_RUN(ClientRecord, field_24), SC_RUN(ClientRecord, field_26), SC_RUN(ClientRecord, field_27),
+    SC_RUN(ClientRecord, field_28), SC_RUN(ClientRecord, field_29), SC_RUN(ClientRecord, field_30),
+    SC_RUN(ClientRecord, field_31), SC_RUN(ClientRecord, field_32), SC_RUN(ClientRecord, field_34),
+    SC_RUN(ClientRecord, field_36), SC_RUN(ClientRecord, field_40), SC_RUN(ClientRecord, field_44),
+    SC_RUN(ClientRecord, field_48), SC_RUN(ClientRecord, text_52),  SC_RUN(ClientRecord, text_82),
+    SC_RUN(ClientRecord, text_102), SC_RUN(ClientRecord, text_122), SC_RUN(ClientRecord, text_142),
+    SC_RUN(ClientRecord, text_162), SC_RUN(ClientRecord, text_182),
+};
+
+constexpr List kClientList = {
+    .table = {.geometry = SC_GEOMETRY(ClientsBlock, clients),
+              .modify_range = SC_LIST_MOD_RANGE,
+              .keys = {SC_BYTES_KEY(ClientRecord, client_mac)},
+              .identity = SC_RUN(ClientRecord, client_mac),
+              .payload = runs_of(kPayload)},
+    .code = SC_CODE_CLIENTS,
+    .counter = {},
+    .map = {},
+};
+
+static_assert(offsetof(ClientsItem, client_mac) == offsetof(ClientRecord, client_mac));
+static_assert(sizeof(ClientsItem) == offsetof(ClientRecord, spare_217));
+
+}  // namespace
+
+uint32_t SC_Get_Clients_System_Config(void) {
+  return get(kClients);
+}
+
+int SC_Uninit_System_Clients_Config(void) {
+  return uninit(kClients);
+}
+
+int SC_Init_System_Clients_Config(int read_flag) {
+  return init(kClients, read_flag);
+}
+
+int SC_Read_System_Clients_Config(ClientsBlock* block) {
+  return read(kClients, block);
+}
+
+void SC_Save_System_Clients_Config(void) {
+  save(kClients);
+}
+
+void SC_Save_System_Clients_Config2Flash(ClientsBlock* block) {
+  save_to_flash(kClients, block);
+}
+
+int32_t SC_Operate_System_List_Clients(ClientsBlock* block, uint32_t op, uint32_t* index,
+                                       const ClientsItem* item) {
+  return operate(kClientList.table, block, op, index, item);
+}
+
+int32_t SC_Operate_System_List_GetClients_Blank(ClientsBlock* block) {
+  return claim(kClientList.table.geometry, block);
+}
+
+int32_t SC_Operate_System_List_ClientsCheckMac(const ClientsBlock* block, const ClientsItem* item,
+                                               uint32_t skip_slot) {
+  return find_clash(kClientList.table, block, item, skip_slot);
+}
+
+int32_t AddClientsItem(ClientsBlock* block, const ClientsItem* item) {
+  uint32_t position = 0;
+  int32_t result = operate(kClientList.table, block, LIST_OP_ADD, &position, item);
+  save(kClients);
+  return result;
+}
+
+/* Required: the check sees a zero MAC, not the item's. */
+int32_t ModifyClientsItem(ClientsBlock* block, const ClientsItem* item) {
+  ClientsItem scratch = *item;
+  memset(scratch.client_mac, 0, sizeof scratch.client_mac);
+  uint32_t position = static_cast<uint32_t>(item->slot_id) - 1;
+  int32_t result = operate(kClientList.table, block, LIST_OP_MODIFY, &position, &scratch);
+  save(kClients);
+  return result;
+}
+
+void DelClientsItem(ClientsBlock* block, char* ids) {
+  delete_items(kClientList, block, ids);
+}
+
+void DelAllClientsItem(ClientsBlock* block) {
+  delete_all_items(kClientList, block);
+}

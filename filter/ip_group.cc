@@ -1,0 +1,115 @@
+/* IP groups: named address ranges that IP filter and QoS rules refer to by id.
+ * Deleting a group deletes these rules first. */
+#include <sysconfig/filter.h>
+#include <sysconfig/rules.h>
+
+#include "core/area.h"
+#include "filter/groups.h"
+#include "core/rows.h"
+
+using namespace sc;
+
+namespace {
+
+constexpr Field kFields[] = {
+    SC_FIELD(IpGroupRecord, leading_text, IpGroupItem, leading_text),
+    SC_FIELD(IpGroupRecord, start_addr, IpGroupItem, start_ip_text),
+    SC_FIELD(IpGroupRecord, end_addr, IpGroupItem, end_ip_text),
+    SC_FIELD(IpGroupRecord, trailing_text, IpGroupItem, trailing_text),
+};
+
+constexpr List kIpGroups = {
+    .table = {.geometry = SC_GEOMETRY(IpGroupBlock, groups),
+              .modify_range = SC_LIST_MOD_RANGE,
+              .keys = {},
+              .identity = {},
+              .payload = runs_of(kFields)},
+    .code = SC_CODE_IP_GROUP,
+    .counter = SC_COUNTER(IpGroupBlock, group_count),
+    .map = map_of<IpGroupItem>(kFields),
+};
+
+}  // namespace
+
+uint32_t SC_Get_IpGroup_System_Config(void) {
+  return get(kIpGroup);
+}
+
+int SC_Uninit_System_IpGroup_Config(void) {
+  return uninit(kIpGroup);
+}
+
+int SC_Init_System_IpGroup_Config(int read_flag) {
+  return init(kIpGroup, read_flag);
+}
+
+int SC_Read_System_IpGroup_Config(IpGroupBlock* block) {
+  return read(kIpGroup, block);
+}
+
+void SC_Save_System_IpGroup_Config(void) {
+  save(kIpGroup);
+}
+
+void SC_Save_System_IpGroup_Config2Flash(IpGroupBlock* block) {
+  save_to_flash(kIpGroup, block);
+}
+
+int32_t SC_Operate_System_List_UserIpGroup(IpGroupBlock* block, uint32_t op, uint32_t* index,
+                                           const IpGroupRecord* record) {
+  return operate(kIpGroups.table, block, op, index, record);
+}
+
+int32_t SC_Operate_System_List_GetUserIpGroup_Blank(IpGroupBlock* block) {
+  return claim(kIpGroups.table.geometry, block);
+}
+
+void GetIpGroupItemList(const IpGroupBlock* block, IpGroupItemList* list) {
+  get_items(kIpGroups, block, list);
+}
+
+void GetIpGroupItem(const IpGroupBlock* block, uint32_t id, IpGroupItem* item) {
+  get_item(kIpGroups, block, id, item);
+}
+
+int32_t AddIpGroupItem(IpGroupBlock* block, const IpGroupItem* item) {
+  return add_item(kIpGroups, block, item);
+}
+
+int32_t ModifyIpGroupItem(IpGroupBlock* block, const IpGroupItem* item) {
+  return modify_item(kIpGroups, block, item);
+}
+
+void DelAllIpGroupItem(IpGroupBlock* block) {
+  delete_all_items(kIpGroups, block);
+}
+
+int32_t GetIpGroupIndex(const IpGroupBlock* block, int32_t id) {
+  if (block == nullptr) return -1;
+  for (int32_t position = 0; position < SC_IP_GROUPS; ++position) {
+    if (block->groups[position].slot_id == id) return position;
+  }
+  return -1;
+}
+
+void DelIpGroupItem(IpGroupBlock* block, FwIpportBlock* ip_filters, QosBlock* qos_rules,
+                    char* ids) {
+  int32_t id;
+  for (Ids tokens(ids); tokens.next(&id);) {
+    DelIpFilterItemByIpGroupId(ip_filters, id);
+    DelQosItemByIpGroupId(qos_rules, id);
+    delete_item(kIpGroups, block, static_cast<uint32_t>(id));
+  }
+  save(kIpGroup);
+}
+
+namespace sc {
+
+void show_ip_group(const IpGroupBlock* groups, int32_t id, char* name, char* addresses) {
+  IpGroupItem group = {};
+  GetIpGroupItem(groups, static_cast<uint32_t>(id), &group);
+  memcpy(name, group.leading_text, SC_TEXT);
+  memcpy(addresses, group.start_ip_text, 2 * SC_IP_TEXT);
+}
+
+}  // namespace sc
