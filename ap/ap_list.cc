@@ -10,7 +10,8 @@ using namespace sc;
 
 namespace {
 
-constexpr IdTable kAps = SC_ID_TABLE(ManageApListBlock, aps, ApInfoRecord, ap_id, ap_mac);
+constexpr IdTable kAps =
+    SC_ID_TABLE(ManageApListBlock, header.lock_path, aps, ApInfoRecord, ap_id, ap_mac);
 
 constexpr int8_t kOffline = -2;
 
@@ -30,26 +31,18 @@ int32_t bind(ManageApListBlock* block, const char* info, int group, const uint8_
 
 }  // namespace
 
-uint32_t SC_Get_ManageApList_System_Config(void) {
-  return get(kManageApList);
-}
+uint32_t SC_Get_ManageApList_System_Config(void) { return get(kManageApList); }
 
-int SC_Uninit_System_ManageApList_Config(void) {
-  return uninit(kManageApList);
-}
+int SC_Uninit_System_ManageApList_Config(void) { return uninit(kManageApList); }
 
-int SC_Init_System_ManageApList_Config(int read_flag) {
-  return init(kManageApList, read_flag);
-}
+int SC_Init_System_ManageApList_Config(int read_flag) { return init(kManageApList, read_flag); }
 
 int SC_Read_System_ManageApList_Config(ManageApListBlock* block) {
   SC_CleanWtpFragBuffer(block);
   return read(kManageApList, block);
 }
 
-void SC_Save_System_ManageApList_Config(void) {
-  save(kManageApList);
-}
+void SC_Save_System_ManageApList_Config(void) { save(kManageApList); }
 
 void SC_Save_System_ManageApList_Config2Flash(ManageApListBlock* block) {
   save_to_flash(kManageApList, block);
@@ -73,9 +66,7 @@ int32_t SC_Get_Ap_Info_Blank(ManageApListBlock* block, const ApLimitsRecord* lim
   return claim_id(kAps, block);
 }
 
-int32_t SC_Get_Ap_Info_Count(const ManageApListBlock* block) {
-  return count_used(kAps, block);
-}
+int32_t SC_Get_Ap_Info_Count(const ManageApListBlock* block) { return count_used(kAps, block); }
 
 int32_t SC_Get_Ap_Info_Count_Online(const ManageApListBlock* block) {
   int32_t online = 0;
@@ -106,8 +97,7 @@ int32_t SC_Get_Ap_Info_Count_And_Id(uint32_t* positions, const ManageApListBlock
 }
 
 int32_t SC_Del_Ap_Info_by_Mac(ManageApListBlock* block, const uint8_t* mac) {
-  LockFile file(block->header.lock_path);
-  return file ? delete_mac(kAps, file, block, mac) : 0;
+  return delete_mac(kAps, block, mac);
 }
 
 int32_t SC_Ap_Add_GroupInfo_by_Mac(ManageApListBlock* block, const char* info, int group,

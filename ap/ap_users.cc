@@ -8,22 +8,17 @@ using namespace sc;
 
 namespace {
 
-constexpr IdTable kUsers = SC_ID_TABLE(ApUserListBlock, users, ApUserRecord, user_id, user_mac);
+constexpr IdTable kUsers =
+    SC_ID_TABLE(ApUserListBlock, lock_path, users, ApUserRecord, user_id, user_mac);
 
 }  // namespace
 
-uint32_t SC_Get_ApUserList_System_Config(void) {
-  return get(kApUserList);
-}
+uint32_t SC_Get_ApUserList_System_Config(void) { return get(kApUserList); }
 
-int SC_Uninit_System_ApUserList_Config(void) {
-  return uninit(kApUserList);
-}
+int SC_Uninit_System_ApUserList_Config(void) { return uninit(kApUserList); }
 
 /* Required: no flag, no archive. */
-int SC_Init_System_ApUserList_Config(void) {
-  return init_run_time(kApUserList);
-}
+int SC_Init_System_ApUserList_Config(void) { return init_run_time(kApUserList); }
 
 int32_t SC_Get_ApUser_Info_By_Id(const ApUserListBlock* block, uint32_t id) {
   return find_id(kUsers, block, id);
@@ -34,14 +29,9 @@ int32_t SC_Get_ApUser_Info_By_Mac(const ApUserListBlock* block, const uint8_t* m
 }
 
 int32_t SC_Del_ApUser_Info_by_Mac(ApUserListBlock* block, const uint8_t* mac) {
-  LockFile file(block->lock_path);
-  return file ? delete_mac(kUsers, file, block, mac) : 0;
+  return delete_mac(kUsers, block, mac);
 }
 
-int32_t SC_Get_ApUser_Info_Blank(ApUserListBlock* block) {
-  return claim_id(kUsers, block);
-}
+int32_t SC_Get_ApUser_Info_Blank(ApUserListBlock* block) { return claim_id(kUsers, block); }
 
-int32_t SC_Get_ApUser_Info_Count(const ApUserListBlock* block) {
-  return count_used(kUsers, block);
-}
+int32_t SC_Get_ApUser_Info_Count(const ApUserListBlock* block) { return count_used(kUsers, block); }

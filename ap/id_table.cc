@@ -62,7 +62,9 @@ int32_t count_used(const IdTable& table, const void* block) {
   return used;
 }
 
-int32_t delete_mac(const IdTable& table, const LockFile& file, void* block, const uint8_t* mac) {
+int32_t delete_mac(const IdTable& table, void* block, const uint8_t* mac) {
+  LockFile file(static_cast<const char*>(block) + table.path_at, table.path_size);
+  if (!file) return 0;
   int32_t position = find_mac(table, block, mac);
   if (position < 0) return 0;
   clear_record(table, file, block, static_cast<uint32_t>(position));

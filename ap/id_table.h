@@ -14,6 +14,8 @@
 namespace sc {
 
 struct IdTable {
+  uint8_t path_at; /* of the lock path in the block */
+  uint8_t path_size;
   uint16_t at; /* of record 0 in the block */
   uint16_t stride;
   uint16_t capacity;
@@ -22,10 +24,12 @@ struct IdTable {
   uint16_t mac_at;
 };
 
-#define SC_ID_TABLE(Block, table, Record, id, mac)                                 \
-  IdTable {                                                                        \
-    offsetof(Block, table), sizeof(Record), sizeof(Block::table) / sizeof(Record), \
-        offsetof(Record, lock_index), offsetof(Record, id), offsetof(Record, mac)  \
+/* The row of a table, from its structs. */
+#define SC_ID_TABLE(Block, path, table, Record, id, mac)                                           \
+  IdTable {                                                                                        \
+    offsetof(Block, path), sizeof(Block::path), offsetof(Block, table), sizeof(Record),            \
+        sizeof(Block::table) / sizeof(Record), offsetof(Record, lock_index), offsetof(Record, id), \
+        offsetof(Record, mac)                                                                      \
   }
 
 /* Position of the first record with the id or the MAC, free ones included; -1 when there is none.
@@ -39,8 +43,9 @@ int32_t claim_id(const IdTable& table, void* block);
 /* Number of records whose id is not 0; 0 for a null block. */
 int32_t count_used(const IdTable& table, const void* block);
 
-/* Clears the first record with the MAC. 1, or 0 when there is none. */
-int32_t delete_mac(const IdTable& table, const LockFile& file, void* block, const uint8_t* mac);
+/* Clears the first record with the MAC. 1, or 0 when there is none or the lock file cannot be
+ * opened. */
+int32_t delete_mac(const IdTable& table, void* block, const uint8_t* mac);
 
 /* Under its lock, zeroes the whole record but its lock index. */
 void clear_record(const IdTable& table, const LockFile& file, void* block, uint32_t position);

@@ -9,42 +9,32 @@ using namespace sc;
 
 namespace {
 
-constexpr Run kPayload[] = {SC_RUN(ClientsGroupRecord, group_name)};
+constexpr Field kFields[] = {
+    SC_FIELD(ClientsGroupRecord, group_name, ClientsGroupsItem, group_name)};
 
 constexpr List kGroups = {
     .table = {.geometry = SC_GEOMETRY(ClientsGroupsBlock, groups),
               .modify_range = SC_LIST_MOD_RANGE,
               .keys = {SC_TEXT_KEY(ClientsGroupRecord, group_name)},
-              .identity = {},
-              .payload = runs_of(kPayload)},
+              .payload = payload(kFields)},
     .code = SC_CODE_CLIENTS_GROUPS,
-    .counter = {},
-    .map = {},
 };
 
 static_assert(offsetof(ClientsGroupsItem, group_name) == offsetof(ClientsGroupRecord, group_name));
 
 }  // namespace
 
-uint32_t SC_Get_Clients_Groups_System_Config(void) {
-  return get(kClientsGroups);
-}
+uint32_t SC_Get_Clients_Groups_System_Config(void) { return get(kClientsGroups); }
 
-int SC_Uninit_System_Clients_Groups_Config(void) {
-  return uninit(kClientsGroups);
-}
+int SC_Uninit_System_Clients_Groups_Config(void) { return uninit(kClientsGroups); }
 
-int SC_Init_System_Clients_Groups_Config(int read_flag) {
-  return init(kClientsGroups, read_flag);
-}
+int SC_Init_System_Clients_Groups_Config(int read_flag) { return init(kClientsGroups, read_flag); }
 
 int SC_Read_System_Clients_Groups_Config(ClientsGroupsBlock* block) {
   return read(kClientsGroups, block);
 }
 
-void SC_Save_System_Clients_Groups_Config(void) {
-  save(kClientsGroups);
-}
+void SC_Save_System_Clients_Groups_Config(void) { save(kClientsGroups); }
 
 void SC_Save_System_Clients_Groups_Config2Flash(ClientsGroupsBlock* block) {
   save_to_flash(kClientsGroups, block);
@@ -83,6 +73,4 @@ void DelClientsGroupsItem(ClientsGroupsBlock* block, char* ids) {
   delete_items(kGroups, block, ids);
 }
 
-void DelAllClientsGroupsItem(ClientsGroupsBlock* block) {
-  delete_all_items(kGroups, block);
-}
+void DelAllClientsGroupsItem(ClientsGroupsBlock* block) { delete_all_items(kGroups, block); }

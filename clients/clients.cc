@@ -12,26 +12,39 @@ using namespace sc;
 
 namespace {
 
-constexpr Run kPayload[] = {
-    SC_RUN(ClientRecord, field_14), SC_RUN(ClientRecord, field_16), SC_RUN(ClientRecord, field_20),
-    SC_RUN(ClientRecord, field_24), SC_RUN(ClientRecord, field_26), SC_RUN(ClientRecord, field_27),
-    SC_RUN(ClientRecord, field_28), SC_RUN(ClientRecord, field_29), SC_RUN(ClientRecord, field_30),
-    SC_RUN(ClientRecord, field_31), SC_RUN(ClientRecord, field_32), SC_RUN(ClientRecord, field_34),
-    SC_RUN(ClientRecord, field_36), SC_RUN(ClientRecord, field_40), SC_RUN(ClientRecord, field_44),
-    SC_RUN(ClientRecord, field_48), SC_RUN(ClientRecord, text_52),  SC_RUN(ClientRecord, text_82),
-    SC_RUN(ClientRecord, text_102), SC_RUN(ClientRecord, text_122), SC_RUN(ClientRecord, text_142),
-    SC_RUN(ClientRecord, text_162), SC_RUN(ClientRecord, text_182),
+constexpr Field kFields[] = {
+    SC_FIELD(ClientRecord, field_14, ClientsItem, field_14),
+    SC_FIELD(ClientRecord, field_16, ClientsItem, field_16),
+    SC_FIELD(ClientRecord, field_20, ClientsItem, field_20),
+    SC_FIELD(ClientRecord, field_24, ClientsItem, field_24),
+    SC_FIELD(ClientRecord, field_26, ClientsItem, field_26),
+    SC_FIELD(ClientRecord, field_27, ClientsItem, field_27),
+    SC_FIELD(ClientRecord, field_28, ClientsItem, field_28),
+    SC_FIELD(ClientRecord, field_29, ClientsItem, field_29),
+    SC_FIELD(ClientRecord, field_30, ClientsItem, field_30),
+    SC_FIELD(ClientRecord, field_31, ClientsItem, field_31),
+    SC_FIELD(ClientRecord, field_32, ClientsItem, field_32),
+    SC_FIELD(ClientRecord, field_34, ClientsItem, field_34),
+    SC_FIELD(ClientRecord, field_36, ClientsItem, field_36),
+    SC_FIELD(ClientRecord, field_40, ClientsItem, field_40),
+    SC_FIELD(ClientRecord, field_44, ClientsItem, field_44),
+    SC_FIELD(ClientRecord, field_48, ClientsItem, field_48),
+    SC_FIELD(ClientRecord, text_52, ClientsItem, text_52),
+    SC_FIELD(ClientRecord, text_82, ClientsItem, text_82),
+    SC_FIELD(ClientRecord, text_102, ClientsItem, text_102),
+    SC_FIELD(ClientRecord, text_122, ClientsItem, text_122),
+    SC_FIELD(ClientRecord, text_142, ClientsItem, text_142),
+    SC_FIELD(ClientRecord, text_162, ClientsItem, text_162),
+    SC_FIELD(ClientRecord, text_182, ClientsItem, text_182),
 };
 
 constexpr List kClientList = {
     .table = {.geometry = SC_GEOMETRY(ClientsBlock, clients),
               .modify_range = SC_LIST_MOD_RANGE,
+              .identity = SC_IDENTITY(ClientRecord, client_mac),
               .keys = {SC_BYTES_KEY(ClientRecord, client_mac)},
-              .identity = SC_RUN(ClientRecord, client_mac),
-              .payload = runs_of(kPayload)},
+              .payload = payload(kFields)},
     .code = SC_CODE_CLIENTS,
-    .counter = {},
-    .map = {},
 };
 
 static_assert(offsetof(ClientsItem, client_mac) == offsetof(ClientRecord, client_mac));
@@ -39,29 +52,17 @@ static_assert(sizeof(ClientsItem) == offsetof(ClientRecord, spare_217));
 
 }  // namespace
 
-uint32_t SC_Get_Clients_System_Config(void) {
-  return get(kClients);
-}
+uint32_t SC_Get_Clients_System_Config(void) { return get(kClients); }
 
-int SC_Uninit_System_Clients_Config(void) {
-  return uninit(kClients);
-}
+int SC_Uninit_System_Clients_Config(void) { return uninit(kClients); }
 
-int SC_Init_System_Clients_Config(int read_flag) {
-  return init(kClients, read_flag);
-}
+int SC_Init_System_Clients_Config(int read_flag) { return init(kClients, read_flag); }
 
-int SC_Read_System_Clients_Config(ClientsBlock* block) {
-  return read(kClients, block);
-}
+int SC_Read_System_Clients_Config(ClientsBlock* block) { return read(kClients, block); }
 
-void SC_Save_System_Clients_Config(void) {
-  save(kClients);
-}
+void SC_Save_System_Clients_Config(void) { save(kClients); }
 
-void SC_Save_System_Clients_Config2Flash(ClientsBlock* block) {
-  save_to_flash(kClients, block);
-}
+void SC_Save_System_Clients_Config2Flash(ClientsBlock* block) { save_to_flash(kClients, block); }
 
 int32_t SC_Operate_System_List_Clients(ClientsBlock* block, uint32_t op, uint32_t* index,
                                        const ClientsItem* item) {
@@ -94,10 +95,6 @@ int32_t ModifyClientsItem(ClientsBlock* block, const ClientsItem* item) {
   return result;
 }
 
-void DelClientsItem(ClientsBlock* block, char* ids) {
-  delete_items(kClientList, block, ids);
-}
+void DelClientsItem(ClientsBlock* block, char* ids) { delete_items(kClientList, block, ids); }
 
-void DelAllClientsItem(ClientsBlock* block) {
-  delete_all_items(kClientList, block);
-}
+void DelAllClientsItem(ClientsBlock* block) { delete_all_items(kClientList, block); }

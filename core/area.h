@@ -32,13 +32,13 @@ enum AreaId : uint8_t {
   kAreaCount
 };
 
-/* Lock words of one table, or of one section (count 1). Words are numbered from 2 on, span after
- * span. */
+/* Lock words of one table or section. An area's words are numbered from 2 on, span after span. */
 struct LockSpan {
-  uint16_t at;     /* block offset of the first lock word */
+  AreaId area;
+  int8_t slot; /* where the record's slot word lies from its lock word; 0: it has no free mark */
+  uint16_t at; /* block offset of the first lock word */
   uint16_t stride; /* from one lock word to the next */
   uint16_t count;
-  int8_t slot; /* where the record's slot word lies from its lock word; 0: it has no free mark */
 };
 
 /* What a flash save runs when it is done. */
@@ -58,10 +58,12 @@ struct Area {
   uint32_t size;
   char stem[15];      /* of the image and the archive */
   char lock_stem[15]; /* of the lock file */
-  LockSpan spans[5];  /* ends with the first of count 0 */
 };
 
+constexpr int kLockSpanCount = 20;
+
 extern const Area kAreas[kAreaCount];
+extern const LockSpan kLockSpans[kLockSpanCount];
 
 uint32_t get(AreaId id);
 int uninit(AreaId id);

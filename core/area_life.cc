@@ -47,9 +47,7 @@ struct Path {
   Path(const char* format, const char* stem) { snprintf(text, sizeof text, format, stem); }
 };
 
-void complain(const char* message) {
-  fwrite(message, strlen(message), 1, stderr);
-}
+void complain(const char* message) { fwrite(message, strlen(message), 1, stderr); }
 
 /* Addresses are 32-bit values of the interface, so a 64-bit host reserves room below 4 GiB and
  * attaches there. */
@@ -84,19 +82,23 @@ void empty(uint8_t* block, size_t size) {
 }
 
 /* Lock path and lock indices. */
-void number(const Area& area, uint8_t* block) {
+void number(AreaId id, uint8_t* block) {
+  const Area& area = kAreas[id];
   Path path(kLockPath, area.lock_stem);
   strcpy(reinterpret_cast<char*>(block) + area.header.path_at, path.text);
   store<int32_t>(block + area.header.index_at, 1);
   int32_t lock_index = 2;
-  for (const LockSpan& span : area.spans) {
-    for (uint32_t n = 0; n < span.count; ++n)
+  for (const LockSpan& span : kLockSpans) {
+    if (span.area != id) continue;
+    for (uint32_t n = 0; n < span.count; ++n) {
       store(block + span.at + n * span.stride, lock_index++);
+    }
   }
 }
 
 /* Creates and empties an area's block; its status is what Init returns. */
-int create(const Area& area, uint8_t** block) {
+int create(AreaId id, uint8_t** block) {
+  const Area& area = kAreas[id];
   int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
   if (segment < 0) return errno;
   void* attached = attach(segment, area.size);
@@ -104,8 +106,9 @@ int create(const Area& area, uint8_t** block) {
   *block = static_cast<uint8_t*>(attached);
   empty(*block, area.size);
   sc_do_system("echo '' > %s", Path(kLockPath, area.lock_stem).text);
-  for (const LockSpan& span : area.spans) {
-    for (uint32_t n = 0; span.slot != 0 && n < span.count; ++n) {
+  for (const LockSpan& span : kLockSpans) {
+    if (span.area != id || span.slot == 0) continue;
+    for (uint32_t n = 0; n < span.count; ++n) {
       store<int32_t>(*block + span.at + span.slot + n * span.stride, -1);
     }
   }
@@ -140,7 +143,7 @@ int uninit(AreaId id) {
 
 int init(AreaId id, int read_flag) {
   uint8_t* block;
-  int status = create(kAreas[id], &block);
+  int status = create(id, &block);
   /* Required: only the low byte counts. */
   if (status == 0 && static_cast<uint8_t>(read_flag) == 1) read(id, block);
   return status;
@@ -148,14 +151,14 @@ int init(AreaId id, int read_flag) {
 
 int init_run_time(AreaId id) {
   uint8_t* block;
-  int status = create(kAreas[id], &block);
-  if (status == 0) number(kAreas[id], block);
+  int status = create(id, &block);
+  if (status == 0) number(id, block);
   return status;
 }
 
 int read(AreaId id, void* block) {
   const Area& area = kAreas[id];
-  number(area, static_cast<uint8_t*>(block));
+  number(id, static_cast<uint8_t*>(block));
   Path archive(kArchivePath, area.stem);
   int status = access(archive.text, F_OK);
   if (status < 0) return status;
@@ -171,9 +174,7 @@ int read(AreaId id, void* block) {
   return sc_do_system("rm -f %s", image.text);
 }
 
-void save(AreaId id) {
-  notify(kAreas[id].code);
-}
+void save(AreaId id) { notify(kAreas[id].code); }
 
 void save_to_flash(AreaId id, const void* block) {
   const Area& area = kAreas[id];

@@ -27,8 +27,8 @@ struct ListHead {
 /* Into a zeroed item: addresses are appended to their fields. */
 void to_item(const List& list, const uint8_t* record, uint8_t* item) {
   store(item, load<int32_t>(record + list.table.geometry.slot_at));
-  for (int i = 0; i < list.map.field_count; ++i) {
-    const Field& field = list.map.fields[i];
+  for (const Field& field : list.table.payload.fields) {
+    if (field.size == 0) break;
     const uint8_t* from = record + field.record_at;
     uint8_t* to = item + field.item_at;
     switch (field.kind) {
@@ -51,8 +51,8 @@ uint32_t address_of(const uint8_t* field) {
 }
 
 void to_record(const List& list, const uint8_t* item, uint8_t* record) {
-  for (int i = 0; i < list.map.field_count; ++i) {
-    const Field& field = list.map.fields[i];
+  for (const Field& field : list.table.payload.fields) {
+    if (field.size == 0) break;
     const uint8_t* from = item + field.item_at;
     uint8_t* to = record + field.record_at;
     switch (field.kind) {
@@ -78,7 +78,7 @@ int32_t write_item(const List& list, void* block, uint32_t op, uint32_t position
 uint32_t get_items(const List& list, const void* block, void* items) {
   if (block == nullptr) return 0;
   const Geometry& geometry = list.table.geometry;
-  memset(items, 0, sizeof(ListHead) + geometry.capacity * list.map.item_size + SC_LIST_TAIL);
+  memset(items, 0, sizeof(ListHead) + geometry.capacity * list.item_size + SC_LIST_TAIL);
   auto* head = static_cast<ListHead*>(items);
   uint8_t* item = static_cast<uint8_t*>(items) + sizeof(ListHead);
   uint32_t used = 0;
@@ -86,7 +86,7 @@ uint32_t get_items(const List& list, const void* block, void* items) {
     const uint8_t* record = record_at(geometry, block, position);
     if (load<int32_t>(record + geometry.slot_at) < 0) continue;
     to_item(list, record, item);
-    item += list.map.item_size;
+    item += list.item_size;
     ++used;
   }
   head->count = used;
@@ -96,7 +96,7 @@ uint32_t get_items(const List& list, const void* block, void* items) {
 
 void get_item(const List& list, const void* block, uint32_t id, void* item) {
   if (block == nullptr) return;
-  memset(item, 0, list.map.item_size);
+  memset(item, 0, list.item_size);
   const Geometry& geometry = list.table.geometry;
   if (id - 1 >= geometry.capacity) return;
   to_item(list, record_at(geometry, block, id - 1), static_cast<uint8_t*>(item));

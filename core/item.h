@@ -10,29 +10,6 @@
 
 namespace sc {
 
-enum class Kind : uint8_t {
-  kBytes,       /* copied */
-  kSignedBytes, /* each byte widened to an int; low bytes stored */
-  kSignedHalf,  /* 16 bits widened to an int; low half stored */
-  kAddress      /* 32 bits shown as dotted text of 16 bytes */
-};
-
-struct Field {
-  uint16_t record_at;
-  uint16_t item_at;
-  Kind kind;
-  uint8_t size; /* bytes of kBytes, elements of kSignedBytes */
-};
-
-constexpr int kMaxFields = 14;
-
-/* The item's id always stands at its offset 0. */
-struct ItemMap {
-  uint16_t item_size;
-  uint8_t field_count;
-  Field fields[kMaxFields];
-};
-
 /* The number of used records as the item layer keeps it; size 0: the area has none. */
 struct Counter {
   uint16_t at;
@@ -42,8 +19,9 @@ struct Counter {
 struct List {
   Table table;
   uint8_t code; /* of the change notification */
-  Counter counter;
-  ItemMap map;
+  Counter counter = {};
+  uint16_t item_size =
+      0; /* 0: an item is the record's first bytes, and the payload is not mapped */
 };
 
 /* The item operations; what they do is said in sysconfig/core.h. */

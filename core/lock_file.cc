@@ -27,9 +27,7 @@ ByteLock::ByteLock(const LockFile& file, const void* lock_word)
   sc_lock_reg(fd_, F_SETLKW, F_WRLCK, lock_index_, SEEK_SET, 1);
 }
 
-ByteLock::~ByteLock() {
-  sc_lock_reg(fd_, F_SETLK, F_UNLCK, lock_index_, SEEK_SET, 1);
-}
+ByteLock::~ByteLock() { sc_lock_reg(fd_, F_SETLK, F_UNLCK, lock_index_, SEEK_SET, 1); }
 
 }  // namespace sc
 

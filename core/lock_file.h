@@ -18,6 +18,8 @@ class LockFile {
  public:
   template <size_t kWidth>
   explicit LockFile(const char (&path)[kWidth]) : LockFile(path, static_cast<int>(kWidth)) {}
+  /* A path in a field of this width. */
+  LockFile(const char* path, int width);
   ~LockFile();
   LockFile(const LockFile&) = delete;
   LockFile& operator=(const LockFile&) = delete;
@@ -26,8 +28,6 @@ class LockFile {
   int fd() const { return fd_; }
 
  private:
-  LockFile(const char* path, int width);
-
   int fd_;
 };
 

@@ -16,7 +16,7 @@ namespace sc {
 
 /* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
 void member_does_not_fit_its_column();
-void fields_are_not_in_record_order();
+void members_are_not_in_record_order();
 void row_has_no_room_left();
 
 constexpr uint8_t byte_column(size_t value) {
@@ -44,24 +44,24 @@ struct Extent<T[kCount]> {
 
 /* Records with a slot_id are free at -1; other tables and sections are empty when all zero. */
 template <class Table>
-consteval LockSpan lock_span(size_t table_at) {
+consteval LockSpan lock_span(AreaId area, size_t table_at) {
   using Record = typename Extent<Table>::Element;
   constexpr size_t lock_at = offsetof(Record, lock_index);
   int slot = 0;
   if constexpr (requires(Record r) { r.slot_id; }) {
     slot = static_cast<int>(offsetof(Record, slot_id)) - static_cast<int>(lock_at);
   }
-  return {half_column(table_at + lock_at), half_column(sizeof(Record)),
-          half_column(Extent<Table>::count), static_cast<int8_t>(slot)};
+  return {area, static_cast<int8_t>(slot), half_column(table_at + lock_at),
+          half_column(sizeof(Record)), half_column(Extent<Table>::count)};
 }
 
 /* The lock words of a table, or of equal sections. */
-#define SC_LOCKS(Block, table) lock_span<decltype(Block::table)>(offsetof(Block, table))
+#define SC_LOCKS(area, Block, table) lock_span<decltype(Block::table)>(area, offsetof(Block, table))
 /* The lock word of one section. */
-constexpr LockSpan lock_of_section(size_t at) {
-  return {half_column(at), 0, 1, 0};
+constexpr LockSpan lock_of_section(AreaId area, size_t at) {
+  return {area, 0, half_column(at), 0, 1};
 }
-#define SC_LOCK(Block, word) lock_of_section(offsetof(Block, word))
+#define SC_LOCK(area, Block, word) lock_of_section(area, offsetof(Block, word))
 
 /* ---- tables ---- */
 
@@ -82,10 +82,8 @@ constexpr Key key(Compare compare, size_t at, size_t size) {
 #define SC_BYTES_KEY(Record, member) \
   key(Compare::kBytes, offsetof(Record, member), sizeof(Record::member))
 
-constexpr Run run(size_t at, size_t size) {
-  return {half_column(at), half_column(size)};
-}
-#define SC_RUN(Record, member) run(offsetof(Record, member), sizeof(Record::member))
+constexpr Identity identity(size_t at, size_t size) { return {byte_column(at), byte_column(size)}; }
+#define SC_IDENTITY(Record, member) identity(offsetof(Record, member), sizeof(Record::member))
 
 /* ---- items ---- */
 
@@ -106,47 +104,12 @@ consteval Field field(size_t record_at, size_t item_at) {
                   "signed bytes and halves are widened one by one");
     static_assert(__is_same(R, int8_t) || (__is_same(R, int16_t) && count == 1));
     f.kind = __is_same(R, int8_t) ? Kind::kSignedBytes : Kind::kSignedHalf;
-    f.size = count;
   }
   return f;
 }
 #define SC_FIELD(Record, record_member, Item, item_member)             \
   field<decltype(Record::record_member), decltype(Item::item_member)>( \
       offsetof(Record, record_member), offsetof(Item, item_member))
-
-constexpr size_t record_width(const Field& f) {
-  return f.kind == Kind::kAddress ? 4 : f.kind == Kind::kSignedHalf ? 2 : f.size;
-}
-
-/* Adds one member to the payload: longer last run, or a new one. */
-constexpr void add_run(Runs& runs, size_t at, size_t width) {
-  size_t used = 0;
-  while (used < kMaxRuns && runs.run[used].size != 0) ++used;
-  if (used > 0) {
-    Run& last = runs.run[used - 1];
-    if (last.at + last.size > at) fields_are_not_in_record_order();
-    if (last.at + last.size == at) {
-      last.size = half_column(last.size + width);
-      return;
-    }
-  }
-  if (used == kMaxRuns) row_has_no_room_left();
-  runs.run[used] = run(at, width);
-}
-
-/* The payload of a table: its members in record order, neighbours joined. */
-template <size_t kCount>
-consteval Runs runs_of(const Run (&members)[kCount]) {
-  Runs runs = {};
-  for (const Run& member : members) add_run(runs, member.at, member.size);
-  return runs;
-}
-template <size_t kCount>
-consteval Runs runs_of(const Field (&fields)[kCount]) {
-  Runs runs = {};
-  for (const Field& f : fields) add_run(runs, f.record_at, record_width(f));
-  return runs;
-}
 
 constexpr size_t item_width(const Field& f) {
   return f.kind == Kind::kSignedBytes ? 4 * f.size : f.size;
@@ -155,30 +118,32 @@ constexpr size_t item_width(const Field& f) {
 /* Neighbours of one kind in the record and in the item alike. */
 constexpr bool joins(const Field& f, const Field& next) {
   return f.kind == next.kind && (f.kind == Kind::kBytes || f.kind == Kind::kSignedBytes) &&
-         f.record_at + record_width(f) == next.record_at &&
-         f.item_at + item_width(f) == next.item_at && f.size + next.size <= UINT8_MAX;
+         f.record_at + f.size == next.record_at && f.item_at + item_width(f) == next.item_at &&
+         f.size + next.size <= UINT8_MAX;
 }
 
-/* The map of an item: its fields in record order, neighbours joined. */
-template <class Item, size_t kCount>
-consteval ItemMap map_of(const Field (&fields)[kCount]) {
-  ItemMap map = {half_column(sizeof(Item)), 0, {}};
-  for (const Field& f : fields) {
-    if (map.field_count > 0 && joins(map.fields[map.field_count - 1], f)) {
-      Field& last = map.fields[map.field_count - 1];
-      last.size = byte_column(last.size + f.size);
+/* The payload of a table: its members in record order, neighbours joined. */
+template <size_t kCount>
+consteval Payload payload(const Field (&members)[kCount]) {
+  Payload made = {};
+  Field* last = nullptr;
+  for (const Field& f : members) {
+    if (last != nullptr && last->record_at + last->size > f.record_at) {
+      members_are_not_in_record_order();
+    }
+    if (last != nullptr && joins(*last, f)) {
+      last->size = byte_column(last->size + f.size);
       continue;
     }
-    if (map.field_count == kMaxFields) row_has_no_room_left();
-    map.fields[map.field_count++] = f;
+    last = last == nullptr ? made.fields : last + 1;
+    if (last == made.fields + kMaxFields) row_has_no_room_left();
+    *last = f;
   }
-  return map;
+  return made;
 }
 
 /* The counter that an area keeps beside its table. */
-constexpr Counter counter(size_t at, size_t size) {
-  return {half_column(at), byte_column(size)};
-}
+constexpr Counter counter(size_t at, size_t size) { return {half_column(at), byte_column(size)}; }
 #define SC_COUNTER(Block, member) counter(offsetof(Block, member), sizeof(Block::member))
 
 /* Records with this mode refer to the group of this id. */

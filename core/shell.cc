@@ -22,24 +22,14 @@ constexpr char kSavedClientLeases[] = "/var/dataconfig/udhcpd.leases";
 constexpr char kApLeases[] = "/var/addrserver.leases";
 constexpr char kSavedApLeases[] = "/var/dataconfig/addrserver.leases";
 
-int copy(const char* from, const char* to) {
-  return sc_do_system("cp -rf %s %s", from, to);
-}
+int copy(const char* from, const char* to) { return sc_do_system("cp -rf %s %s", from, to); }
 
 }  // namespace
 
-int SC_Save_Dhcp_Clients(void) {
-  return copy(kClientLeases, kSavedClientLeases);
-}
+int SC_Save_Dhcp_Clients(void) { return copy(kClientLeases, kSavedClientLeases); }
 
-int SC_Save_Dhcp_Ap(void) {
-  return copy(kApLeases, kSavedApLeases);
-}
+int SC_Save_Dhcp_Ap(void) { return copy(kApLeases, kSavedApLeases); }
 
-int SC_Restore_Dhcp_Clients(void) {
-  return copy(kSavedClientLeases, kClientLeases);
-}
+int SC_Restore_Dhcp_Clients(void) { return copy(kSavedClientLeases, kClientLeases); }
 
-int SC_Restore_Dhcp_Ap(void) {
-  return copy(kSavedApLeases, kApLeases);
-}
+int SC_Restore_Dhcp_Ap(void) { return copy(kSavedApLeases, kApLeases); }

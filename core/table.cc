@@ -15,9 +15,7 @@ namespace {
 
 constexpr int32_t kFree = -1;
 
-const BlockHeader& header_of(const void* block) {
-  return *static_cast<const BlockHeader*>(block);
-}
+const BlockHeader& header_of(const void* block) { return *static_cast<const BlockHeader*>(block); }
 
 int32_t slot_of(const Geometry& geometry, const uint8_t* record) {
   return load<int32_t>(record + geometry.slot_at);
@@ -69,10 +67,6 @@ int32_t claim(const Geometry& geometry, void* block) {
   return -1;
 }
 
-void copy_payload(const Table& table, uint8_t* to, const uint8_t* from) {
-  for (const Run& run : table.payload.run) memcpy(to + run.at, from + run.at, run.size);
-}
-
 int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, const void* record) {
   const Geometry& geometry = table.geometry;
   LockFile file(header_of(block).lock_path);
@@ -111,7 +105,9 @@ int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, c
   if (op == LIST_OP_ADD) {
     memcpy(target + table.identity.at, source + table.identity.at, table.identity.size);
   }
-  copy_payload(table, target, source);
+  for (const Field& field : table.payload.fields) {
+    memcpy(target + field.record_at, source + field.record_at, field.size);
+  }
   *index = position;
   return SC_LIST_OK;
 }

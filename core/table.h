@@ -29,25 +29,40 @@ struct Key {
   uint16_t at;
 };
 
-/* Bytes of a record that are written as one. */
-struct Run {
-  uint16_t at;
-  uint16_t size;
+/* A member written by add and cleared by delete, never modified; size 0: none. */
+struct Identity {
+  uint8_t at;
+  uint8_t size;
 };
 
-constexpr int kMaxRuns = 5;
+enum class Kind : uint8_t {
+  kBytes,       /* copied */
+  kSignedBytes, /* each byte widened to an int in the item; low bytes stored */
+  kSignedHalf,  /* 16 bits widened to an int in the item; low half stored */
+  kAddress      /* 32 bits shown in the item as dotted text of 16 bytes */
+};
 
-/* The payload: what add and modify write. Ends with the first run of size 0. */
-struct Runs {
-  Run run[kMaxRuns];
+/* A member of the payload, or several that are neighbours in record and item alike. */
+struct Field {
+  uint16_t record_at;
+  uint16_t item_at;
+  Kind kind;
+  uint8_t size; /* in the record */
+};
+
+constexpr int kMaxFields = 14;
+
+/* The payload: what add and modify write, and where it lies in an item. Ends with a size of 0. */
+struct Payload {
+  Field fields[kMaxFields];
 };
 
 struct Table {
   Geometry geometry;
   uint8_t modify_range; /* result of a modify out of range */
-  Key keys[2];          /* the first that matches rejects */
-  Run identity;         /* written by add, cleared by delete, never modified; size 0: none */
-  Runs payload;
+  Identity identity = {};
+  Key keys[2] = {}; /* the first that matches rejects */
+  Payload payload;
 };
 
 /* The record at a position of the table. */
@@ -67,9 +82,6 @@ int32_t claim(const Geometry& geometry, void* block);
 
 /* One list operation; results as in sysconfig/layout.h. */
 int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, const void* record);
-
-/* The payload's bytes of one record, written into another. */
-void copy_payload(const Table& table, uint8_t* to, const uint8_t* from);
 
 }  // namespace sc
 

@@ -31,12 +31,11 @@ constexpr Field kFields[] = {
 constexpr List kIpFilters = {
     .table = {.geometry = SC_GEOMETRY(FwIpportBlock, rules),
               .modify_range = SC_LIST_MOD_RANGE,
-              .keys = {},
-              .identity = {},
-              .payload = runs_of(kFields)},
+
+              .payload = payload(kFields)},
     .code = SC_CODE_FW_IPPORT,
     .counter = SC_COUNTER(FwIpportBlock, rule_count),
-    .map = map_of<IpFilterItem>(kFields),
+    .item_size = sizeof(IpFilterItem),
 };
 
 constexpr Reference kIpGroupReference = SC_REFERENCE(IpFilterRecord, ip_mode, 1, ip_group_id);
@@ -45,29 +44,17 @@ constexpr Reference kTimeGroupReference = SC_REFERENCE(IpFilterRecord, time_mode
 
 }  // namespace
 
-uint32_t SC_Get_FwIpport_System_Config(void) {
-  return get(kFwIpport);
-}
+uint32_t SC_Get_FwIpport_System_Config(void) { return get(kFwIpport); }
 
-int SC_Uninit_System_FwIpport_Config(void) {
-  return uninit(kFwIpport);
-}
+int SC_Uninit_System_FwIpport_Config(void) { return uninit(kFwIpport); }
 
-int SC_Init_System_FwIpport_Config(int read_flag) {
-  return init(kFwIpport, read_flag);
-}
+int SC_Init_System_FwIpport_Config(int read_flag) { return init(kFwIpport, read_flag); }
 
-int SC_Read_System_FwIpport_Config(FwIpportBlock* block) {
-  return read(kFwIpport, block);
-}
+int SC_Read_System_FwIpport_Config(FwIpportBlock* block) { return read(kFwIpport, block); }
 
-void SC_Save_System_FwIpport_Config(void) {
-  save(kFwIpport);
-}
+void SC_Save_System_FwIpport_Config(void) { save(kFwIpport); }
 
-void SC_Save_System_FwIpport_Config2Flash(FwIpportBlock* block) {
-  save_to_flash(kFwIpport, block);
-}
+void SC_Save_System_FwIpport_Config2Flash(FwIpportBlock* block) { save_to_flash(kFwIpport, block); }
 
 int32_t SC_Operate_System_List_FireWall_IpPort(FwIpportBlock* block, uint32_t op, uint32_t* index,
                                                const IpFilterRecord* record) {
@@ -101,9 +88,7 @@ int32_t ModifyIpFilterItem(FwIpportBlock* block, const IpFilterItem* item) {
   return modify_item(kIpFilters, block, item);
 }
 
-void DelIpFilterItem(FwIpportBlock* block, char* ids) {
-  delete_items(kIpFilters, block, ids);
-}
+void DelIpFilterItem(FwIpportBlock* block, char* ids) { delete_items(kIpFilters, block, ids); }
 
 void DelIpFilterItemByIpGroupId(FwIpportBlock* block, int32_t ip_group_id) {
   delete_referring(kIpFilters, kIpGroupReference, block, ip_group_id);

@@ -21,39 +21,26 @@ constexpr Field kFields[] = {
 constexpr List kIpGroups = {
     .table = {.geometry = SC_GEOMETRY(IpGroupBlock, groups),
               .modify_range = SC_LIST_MOD_RANGE,
-              .keys = {},
-              .identity = {},
-              .payload = runs_of(kFields)},
+
+              .payload = payload(kFields)},
     .code = SC_CODE_IP_GROUP,
     .counter = SC_COUNTER(IpGroupBlock, group_count),
-    .map = map_of<IpGroupItem>(kFields),
+    .item_size = sizeof(IpGroupItem),
 };
 
 }  // namespace
 
-uint32_t SC_Get_IpGroup_System_Config(void) {
-  return get(kIpGroup);
-}
+uint32_t SC_Get_IpGroup_System_Config(void) { return get(kIpGroup); }
 
-int SC_Uninit_System_IpGroup_Config(void) {
-  return uninit(kIpGroup);
-}
+int SC_Uninit_System_IpGroup_Config(void) { return uninit(kIpGroup); }
 
-int SC_Init_System_IpGroup_Config(int read_flag) {
-  return init(kIpGroup, read_flag);
-}
+int SC_Init_System_IpGroup_Config(int read_flag) { return init(kIpGroup, read_flag); }
 
-int SC_Read_System_IpGroup_Config(IpGroupBlock* block) {
-  return read(kIpGroup, block);
-}
+int SC_Read_System_IpGroup_Config(IpGroupBlock* block) { return read(kIpGroup, block); }
 
-void SC_Save_System_IpGroup_Config(void) {
-  save(kIpGroup);
-}
+void SC_Save_System_IpGroup_Config(void) { save(kIpGroup); }
 
-void SC_Save_System_IpGroup_Config2Flash(IpGroupBlock* block) {
-  save_to_flash(kIpGroup, block);
-}
+void SC_Save_System_IpGroup_Config2Flash(IpGroupBlock* block) { save_to_flash(kIpGroup, block); }
 
 int32_t SC_Operate_System_List_UserIpGroup(IpGroupBlock* block, uint32_t op, uint32_t* index,
                                            const IpGroupRecord* record) {
@@ -80,9 +67,7 @@ int32_t ModifyIpGroupItem(IpGroupBlock* block, const IpGroupItem* item) {
   return modify_item(kIpGroups, block, item);
 }
 
-void DelAllIpGroupItem(IpGroupBlock* block) {
-  delete_all_items(kIpGroups, block);
-}
+void DelAllIpGroupItem(IpGroupBlock* block) { delete_all_items(kIpGroups, block); }
 
 int32_t GetIpGroupIndex(const IpGroupBlock* block, int32_t id) {
   if (block == nullptr) return -1;

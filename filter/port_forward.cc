@@ -24,39 +24,26 @@ constexpr Field kFields[] = {
 constexpr List kPortForwards = {
     .table = {.geometry = SC_GEOMETRY(VsIpportBlock, rules),
               .modify_range = SC_LIST_MOD_RANGE,
-              .keys = {},
-              .identity = {},
-              .payload = runs_of(kFields)},
+
+              .payload = payload(kFields)},
     .code = SC_CODE_VS_IPPORT,
     .counter = SC_COUNTER(VsIpportBlock, rule_count),
-    .map = map_of<PortFwItem>(kFields),
+    .item_size = sizeof(PortFwItem),
 };
 
 }  // namespace
 
-uint32_t SC_Get_VsIpport_System_Config(void) {
-  return get(kVsIpport);
-}
+uint32_t SC_Get_VsIpport_System_Config(void) { return get(kVsIpport); }
 
-int SC_Uninit_System_VsIpport_Config(void) {
-  return uninit(kVsIpport);
-}
+int SC_Uninit_System_VsIpport_Config(void) { return uninit(kVsIpport); }
 
-int SC_Init_System_VsIpport_Config(int read_flag) {
-  return init(kVsIpport, read_flag);
-}
+int SC_Init_System_VsIpport_Config(int read_flag) { return init(kVsIpport, read_flag); }
 
-int SC_Read_System_VsIpport_Config(VsIpportBlock* block) {
-  return read(kVsIpport, block);
-}
+int SC_Read_System_VsIpport_Config(VsIpportBlock* block) { return read(kVsIpport, block); }
 
-void SC_Save_System_VsIpport_Config(void) {
-  save(kVsIpport);
-}
+void SC_Save_System_VsIpport_Config(void) { save(kVsIpport); }
 
-void SC_Save_System_VsIpport_Config2Flash(VsIpportBlock* block) {
-  save_to_flash(kVsIpport, block);
-}
+void SC_Save_System_VsIpport_Config2Flash(VsIpportBlock* block) { save_to_flash(kVsIpport, block); }
 
 int32_t SC_Operate_System_List_ForwordIpPort(VsIpportBlock* block, uint32_t op, uint32_t* index,
                                              const PortFwRecord* record) {
@@ -83,10 +70,6 @@ int32_t ModifyPortFwItem(VsIpportBlock* block, const PortFwItem* item) {
   return modify_item(kPortForwards, block, item);
 }
 
-void DelPortFwItem(VsIpportBlock* block, char* ids) {
-  delete_items(kPortForwards, block, ids);
-}
+void DelPortFwItem(VsIpportBlock* block, char* ids) { delete_items(kPortForwards, block, ids); }
 
-void DelAllPortFwItem(VsIpportBlock* block) {
-  delete_all_items(kPortForwards, block);
-}
+void DelAllPortFwItem(VsIpportBlock* block) { delete_all_items(kPortForwards, block); }

@@ -22,35 +22,24 @@ constexpr Field kFields[] = {
 constexpr List kTimeGroups = {
     .table = {.geometry = SC_GEOMETRY(TimeGroupBlock, groups),
               .modify_range = SC_LIST_MOD_RANGE,
-              .keys = {},
-              .identity = {},
-              .payload = runs_of(kFields)},
+
+              .payload = payload(kFields)},
     .code = SC_CODE_TIME_GROUP,
     .counter = SC_COUNTER(TimeGroupBlock, group_count),
-    .map = map_of<TimeGroupItem>(kFields),
+    .item_size = sizeof(TimeGroupItem),
 };
 
 }  // namespace
 
-uint32_t SC_Get_TimeGroup_System_Config(void) {
-  return get(kTimeGroup);
-}
+uint32_t SC_Get_TimeGroup_System_Config(void) { return get(kTimeGroup); }
 
-int SC_Uninit_System_TimeGroup_Config(void) {
-  return uninit(kTimeGroup);
-}
+int SC_Uninit_System_TimeGroup_Config(void) { return uninit(kTimeGroup); }
 
-int SC_Init_System_TimeGroup_Config(int read_flag) {
-  return init(kTimeGroup, read_flag);
-}
+int SC_Init_System_TimeGroup_Config(int read_flag) { return init(kTimeGroup, read_flag); }
 
-int SC_Read_System_TimeGroup_Config(TimeGroupBlock* block) {
-  return read(kTimeGroup, block);
-}
+int SC_Read_System_TimeGroup_Config(TimeGroupBlock* block) { return read(kTimeGroup, block); }
 
-void SC_Save_System_TimeGroup_Config(void) {
-  save(kTimeGroup);
-}
+void SC_Save_System_TimeGroup_Config(void) { save(kTimeGroup); }
 
 void SC_Save_System_TimeGroup_Config2Flash(TimeGroupBlock* block) {
   save_to_flash(kTimeGroup, block);
@@ -81,9 +70,7 @@ int32_t ModifyTimeGroupItem(TimeGroupBlock* block, const TimeGroupItem* item) {
   return modify_item(kTimeGroups, block, item);
 }
 
-void DelAllTimeGroupItem(TimeGroupBlock* block) {
-  delete_all_items(kTimeGroups, block);
-}
+void DelAllTimeGroupItem(TimeGroupBlock* block) { delete_all_items(kTimeGroups, block); }
 
 void DelTimeGroupItem(TimeGroupBlock* block, FwIpportBlock* ip_filters, FwMacBlock* mac_filters,
                       FwUrlBlock* url_filters, QosBlock* qos_rules, char* ids) {

@@ -22,11 +22,10 @@ consteval List binds(Geometry geometry, Counter counter) {
                 .modify_range = SC_LIST_MOD_RANGE,
                 .keys = {SC_TEXT_KEY(DhcpBindRecord, bind_mac),
                          SC_BYTES_KEY(DhcpBindRecord, bind_ip)},
-                .identity = {},
-                .payload = runs_of(kFields)},
+                .payload = payload(kFields)},
       .code = SC_CODE_LAN,
       .counter = counter,
-      .map = map_of<DhcpStaticItem>(kFields),
+      .item_size = sizeof(DhcpStaticItem),
   };
 }
 
@@ -83,13 +82,9 @@ int32_t ModifyDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
   return modify_item(kLanBinds, block, item);
 }
 
-void DelDhcpStaticItem(LanBlock* block, char* ids) {
-  delete_items(kLanBinds, block, ids);
-}
+void DelDhcpStaticItem(LanBlock* block, char* ids) { delete_items(kLanBinds, block, ids); }
 
-void DelAllDhcpStaticItem(LanBlock* block) {
-  delete_all_items(kLanBinds, block);
-}
+void DelAllDhcpStaticItem(LanBlock* block) { delete_all_items(kLanBinds, block); }
 
 void AC_GetDhcpStaticItemList(const LanBlock* block, DhcpStaticItemList* list) {
   get_items(kAcBinds, block, list);
@@ -107,10 +102,6 @@ int32_t AC_ModifyDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
   return modify_item(kAcBinds, block, item);
 }
 
-void AC_DelDhcpStaticItem(LanBlock* block, char* ids) {
-  delete_items(kAcBinds, block, ids);
-}
+void AC_DelDhcpStaticItem(LanBlock* block, char* ids) { delete_items(kAcBinds, block, ids); }
 
-void AC_DelAllDhcpStaticItem(LanBlock* block) {
-  delete_all_items(kAcBinds, block);
-}
+void AC_DelAllDhcpStaticItem(LanBlock* block) { delete_all_items(kAcBinds, block); }

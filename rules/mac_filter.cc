@@ -25,11 +25,10 @@ constexpr List kMacFilters = {
     .table = {.geometry = SC_GEOMETRY(FwMacBlock, rules),
               .modify_range = SC_LIST_REJECTED /* Required: not SC_LIST_MOD_RANGE. */,
               .keys = {SC_TEXT_KEY(MacFilterRecord, mac)},
-              .identity = {},
-              .payload = runs_of(kFields)},
+              .payload = payload(kFields)},
     .code = SC_CODE_FW_MAC,
     .counter = SC_COUNTER(FwMacBlock, rule_count),
-    .map = map_of<MacFilterItem>(kFields),
+    .item_size = sizeof(MacFilterItem),
 };
 
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
@@ -38,29 +37,17 @@ constexpr Reference kTimeGroupReference =
 
 }  // namespace
 
-uint32_t SC_Get_FwMac_System_Config(void) {
-  return get(kFwMac);
-}
+uint32_t SC_Get_FwMac_System_Config(void) { return get(kFwMac); }
 
-int SC_Uninit_System_FwMac_Config(void) {
-  return uninit(kFwMac);
-}
+int SC_Uninit_System_FwMac_Config(void) { return uninit(kFwMac); }
 
-int SC_Init_System_FwMac_Config(int read_flag) {
-  return init(kFwMac, read_flag);
-}
+int SC_Init_System_FwMac_Config(int read_flag) { return init(kFwMac, read_flag); }
 
-int SC_Read_System_FwMac_Config(FwMacBlock* block) {
-  return read(kFwMac, block);
-}
+int SC_Read_System_FwMac_Config(FwMacBlock* block) { return read(kFwMac, block); }
 
-void SC_Save_System_FwMac_Config(void) {
-  save(kFwMac);
-}
+void SC_Save_System_FwMac_Config(void) { save(kFwMac); }
 
-void SC_Save_System_FwMac_Config2Flash(FwMacBlock* block) {
-  save_to_flash(kFwMac, block);
-}
+void SC_Save_System_FwMac_Config2Flash(FwMacBlock* block) { save_to_flash(kFwMac, block); }
 
 int32_t SC_Operate_System_List_FireWall_Mac(FwMacBlock* block, uint32_t op, uint32_t* index,
                                             const MacFilterRecord* record) {
@@ -98,13 +85,9 @@ int32_t ModifyMacFilterItem(FwMacBlock* block, const MacFilterItem* item) {
   return modify_item(kMacFilters, block, item);
 }
 
-void DelMacFilterItem(FwMacBlock* block, char* ids) {
-  delete_items(kMacFilters, block, ids);
-}
+void DelMacFilterItem(FwMacBlock* block, char* ids) { delete_items(kMacFilters, block, ids); }
 
-void DelAllMacFilterItem(FwMacBlock* block) {
-  delete_all_items(kMacFilters, block);
-}
+void DelAllMacFilterItem(FwMacBlock* block) { delete_all_items(kMacFilters, block); }
 
 void DelMacFilterItemByTimeGroupId(FwMacBlock* block, int32_t time_group_id) {
   delete_referring(kMacFilters, kTimeGroupReference, block, time_group_id);

@@ -33,12 +33,11 @@ constexpr Field kFields[] = {
 constexpr List kQosRules = {
     .table = {.geometry = SC_GEOMETRY(QosBlock, rules),
               .modify_range = SC_LIST_MOD_RANGE,
-              .keys = {},
-              .identity = {},
-              .payload = runs_of(kFields)},
+
+              .payload = payload(kFields)},
     .code = SC_CODE_QOS,
     .counter = SC_COUNTER(QosBlock, rule_count),
-    .map = map_of<QosItem>(kFields),
+    .item_size = sizeof(QosItem),
 };
 
 constexpr Reference kIpGroupReference = SC_REFERENCE(QosRuleRecord, ip_mode, 1, ip_group_id);
@@ -47,29 +46,17 @@ constexpr Reference kTimeGroupReference = SC_REFERENCE(QosRuleRecord, time_mode,
 
 }  // namespace
 
-uint32_t SC_Get_Qos_System_Config(void) {
-  return get(kQos);
-}
+uint32_t SC_Get_Qos_System_Config(void) { return get(kQos); }
 
-int SC_Uninit_System_Qos_Config(void) {
-  return uninit(kQos);
-}
+int SC_Uninit_System_Qos_Config(void) { return uninit(kQos); }
 
-int SC_Init_System_Qos_Config(int read_flag) {
-  return init(kQos, read_flag);
-}
+int SC_Init_System_Qos_Config(int read_flag) { return init(kQos, read_flag); }
 
-int SC_Read_System_Qos_Config(QosBlock* block) {
-  return read(kQos, block);
-}
+int SC_Read_System_Qos_Config(QosBlock* block) { return read(kQos, block); }
 
-void SC_Save_System_Qos_Config(void) {
-  save(kQos);
-}
+void SC_Save_System_Qos_Config(void) { save(kQos); }
 
-void SC_Save_System_Qos_Config2Flash(QosBlock* block) {
-  save_to_flash(kQos, block);
-}
+void SC_Save_System_Qos_Config2Flash(QosBlock* block) { save_to_flash(kQos, block); }
 
 int32_t SC_Operate_System_List_QosRule(QosBlock* block, uint32_t op, uint32_t* index,
                                        const QosRuleRecord* record) {
@@ -103,13 +90,9 @@ int32_t ModifyQosItem(QosBlock* block, const QosItem* item) {
   return modify_item(kQosRules, block, item);
 }
 
-void DelQosItem(QosBlock* block, char* ids) {
-  delete_items(kQosRules, block, ids);
-}
+void DelQosItem(QosBlock* block, char* ids) { delete_items(kQosRules, block, ids); }
 
-void DelAllQosItem(QosBlock* block) {
-  delete_all_items(kQosRules, block);
-}
+void DelAllQosItem(QosBlock* block) { delete_all_items(kQosRules, block); }
 
 void DelQosItemByIpGroupId(QosBlock* block, int32_t ip_group_id) {
   delete_referring(kQosRules, kIpGroupReference, block, ip_group_id);

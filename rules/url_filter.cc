@@ -25,11 +25,10 @@ constexpr List kUrlFilters = {
     .table = {.geometry = SC_GEOMETRY(FwUrlBlock, rules),
               .modify_range = SC_LIST_REJECTED /* Required: not SC_LIST_MOD_RANGE. */,
               .keys = {SC_BYTES_KEY(UrlFilterRecord, url)},
-              .identity = {},
-              .payload = runs_of(kFields)},
+              .payload = payload(kFields)},
     .code = SC_CODE_FW_URL,
     .counter = SC_COUNTER(FwUrlBlock, rule_count),
-    .map = map_of<UrlFilterItem>(kFields),
+    .item_size = sizeof(UrlFilterItem),
 };
 
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
@@ -38,29 +37,17 @@ constexpr Reference kTimeGroupReference =
 
 }  // namespace
 
-uint32_t SC_Get_FwUrl_System_Config(void) {
-  return get(kFwUrl);
-}
+uint32_t SC_Get_FwUrl_System_Config(void) { return get(kFwUrl); }
 
-int SC_Uninit_System_FwUrl_Config(void) {
-  return uninit(kFwUrl);
-}
+int SC_Uninit_System_FwUrl_Config(void) { return uninit(kFwUrl); }
 
-int SC_Init_System_FwUrl_Config(int read_flag) {
-  return init(kFwUrl, read_flag);
-}
+int SC_Init_System_FwUrl_Config(int read_flag) { return init(kFwUrl, read_flag); }
 
-int SC_Read_System_FwUrl_Config(FwUrlBlock* block) {
-  return read(kFwUrl, block);
-}
+int SC_Read_System_FwUrl_Config(FwUrlBlock* block) { return read(kFwUrl, block); }
 
-void SC_Save_System_FwUrl_Config(void) {
-  save(kFwUrl);
-}
+void SC_Save_System_FwUrl_Config(void) { save(kFwUrl); }
 
-void SC_Save_System_FwUrl_Config2Flash(FwUrlBlock* block) {
-  save_to_flash(kFwUrl, block);
-}
+void SC_Save_System_FwUrl_Config2Flash(FwUrlBlock* block) { save_to_flash(kFwUrl, block); }
 
 int32_t SC_Operate_System_List_FireWall_Url(FwUrlBlock* block, uint32_t op, uint32_t* index,
                                             const UrlFilterRecord* record) {
@@ -98,13 +85,9 @@ int32_t ModifyUrlFilterItem(FwUrlBlock* block, const UrlFilterItem* item) {
   return modify_item(kUrlFilters, block, item);
 }
 
-void DelUrlFilterItem(FwUrlBlock* block, char* ids) {
-  delete_items(kUrlFilters, block, ids);
-}
+void DelUrlFilterItem(FwUrlBlock* block, char* ids) { delete_items(kUrlFilters, block, ids); }
 
-void DelAllUrlFilterItem(FwUrlBlock* block) {
-  delete_all_items(kUrlFilters, block);
-}
+void DelAllUrlFilterItem(FwUrlBlock* block) { delete_all_items(kUrlFilters, block); }
 
 void DelUrlFilterItemByTimeGroupId(FwUrlBlock* block, int32_t time_group_id) {
   delete_referring(kUrlFilters, kTimeGroupReference, block, time_group_id);
