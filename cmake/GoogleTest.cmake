@@ -1,0 +1,36 @@
+# GoogleTest from the sources of Debian's package, built for every target in the same way, and
+# sysconfig_add_test(), which makes one test program and its CTest entry.
+set(SYSCONFIG_GOOGLETEST /usr/src/googletest CACHE PATH "Sources of GoogleTest")
+if(NOT EXISTS ${SYSCONFIG_GOOGLETEST}/CMakeLists.txt)
+  message(FATAL_ERROR "${SYSCONFIG_GOOGLETEST} is missing; run tools/setup.sh check first")
+endif()
+
+set(INSTALL_GTEST OFF)
+set(BUILD_GMOCK OFF)
+add_subdirectory(${SYSCONFIG_GOOGLETEST} ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
+foreach(target gtest gtest_main)
+  set_target_properties(${target} PROPERTIES COMPILE_WARNING_AS_ERROR OFF)
+  target_compile_options(${target} PRIVATE -O1 -g0)
+endforeach()
+
+# Test programs spend their time in system calls and the compiler: -O1 builds fastest without
+# making the emulated targets slow. Their own headers rarely change, GoogleTest's never does.
+file(WRITE ${CMAKE_BINARY_DIR}/gtest_pch.cc "#include <gtest/gtest.h>\n")
+add_library(gtest_pch OBJECT ${CMAKE_BINARY_DIR}/gtest_pch.cc)
+target_link_libraries(gtest_pch PUBLIC gtest)
+target_compile_options(gtest_pch PRIVATE -O1 -g0)
+target_precompile_headers(gtest_pch PRIVATE <gtest/gtest.h>)
+
+# sysconfig_add_test(<name> <source>... [LIBRARIES <target>...])
+# Each program writes its results to results/<name>.xml, where tools/check counts them.
+function(sysconfig_add_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "LIBRARIES")
+  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  target_compile_options(${name} PRIVATE -O1 -g0)
+  target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} gtest)
+  target_precompile_headers(${name} REUSE_FROM gtest_pch)
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES
+    TIMEOUT 300
+    ENVIRONMENT "GTEST_OUTPUT=xml:${CMAKE_BINARY_DIR}/results/${name}.xml")
+endfunction()

@@ -1,0 +1,49 @@
+#!/bin/bash
+# Installs what a command of this repository needs and the machine lacks.
+# Usage: tools/setup.sh demo|check     ("check" includes what "demo" needs)
+set -euo pipefail
+
+list=$(dirname "$0")/packages.list
+
+case ${1:-} in
+  demo) groups=' demo ' ;;
+  check) groups=' demo check ' ;;
+  *)
+    echo "usage: $0 demo|check" >&2
+    exit 2
+    ;;
+esac
+
+wanted=()
+group=
+while read -r word _; do
+  case $word in
+    '' | '#'*) ;;
+    '['*) group=${word//[][]/} ;;
+    *) [[ $groups == *" $group "* ]] && wanted+=("$word") ;;
+  esac
+done <"$list"
+
+missing=()
+for package in "${wanted[@]}"; do
+  status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
+  [[ $status == installed ]] || missing+=("$package")
+done
+[[ ${#missing[@]} -gt 0 ]] || exit 0
+
+as_root=()
+if [[ $(id -u) -ne 0 ]]; then
+  if ! command -v sudo >/dev/null; then
+    echo "$0: these packages are missing: ${missing[*]}" >&2
+    echo "$0: run as root, or install sudo, or install them yourself:" >&2
+    echo "  apt-get install --no-install-recommends ${missing[*]}" >&2
+    exit 1
+  fi
+  as_root=(sudo)
+fi
+
+echo "Installing: ${missing[*]}"
+# A broken third-party list must not stop us; the installation below decides.
+"${as_root[@]}" apt-get update -q || echo "$0: apt-get update failed, trying to install anyway" >&2
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  apt-get install -q -y --no-install-recommends "${missing[@]}" </dev/null
