@@ -1,0 +1,60 @@
+/* What is written to standard output and standard error, byte for byte, and child processes. */
+#ifndef SUPPORT_OUTPUT_H
+#define SUPPORT_OUTPUT_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <ostream>
+#include <string>
+
+namespace sc_test {
+
+/* EXPECT_EQ(capture([&] { ... }), (Output{"on stdout", "on stderr"})); */
+struct Output {
+  std::string out, err;
+
+  bool operator==(const Output&) const = default;
+};
+std::ostream& operator<<(std::ostream& stream, const Output& output);
+
+inline const Output kSilence = {};
+
+/* Runs the action with both streams redirected (descriptors 1 and 2, buffers flushed). What the
+ * commands that it starts write is captured too. */
+Output capture(const std::function<void()>& action);
+
+/* A forked process that runs the action and then ends with status 0, without ending gtest twice.
+ * Where the action itself ends the process, its status counts. Killed when it is still there at the
+ * end of its scope. */
+class Child {
+ public:
+  explicit Child(const std::function<void()>& action);
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  bool ended();
+  /* Waits for the end; its exit status, or -1 when a signal ended it or it takes over a minute. */
+  int wait();
+
+ private:
+  pid_t pid_;
+  int status_ = -1;
+  bool reaped_ = false;
+};
+
+/* The action in a child, with its streams captured. */
+struct Ending {
+  int status;
+  Output output;
+
+  bool operator==(const Ending&) const = default;
+};
+std::ostream& operator<<(std::ostream& stream, const Ending& ending);
+Ending run_in_child(const std::function<void()>& action);
+
+}  // namespace sc_test
+
+#endif
