@@ -142,17 +142,17 @@ int uninit(AreaId id) {
 }
 
 int init(AreaId id, int read_flag) {
-  uint8_t* block;
+  uint8_t* block = nullptr;
   int status = create(id, &block);
   /* Required: only the low byte counts. */
-  if (status == 0 && static_cast<uint8_t>(read_flag) == 1) read(id, block);
+  if (block != nullptr && static_cast<uint8_t>(read_flag) == 1) read(id, block);
   return status;
 }
 
 int init_run_time(AreaId id) {
-  uint8_t* block;
+  uint8_t* block = nullptr;
   int status = create(id, &block);
-  if (status == 0) number(id, block);
+  if (block != nullptr) number(id, block);
   return status;
 }
 

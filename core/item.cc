@@ -6,8 +6,9 @@
 
 #include <arpa/inet.h>
 
-#include <sysconfig/core.h>
+#include <sysconfig/rules.h>
 
+#include "core/address.h"
 #include "core/bytes.h"
 #include "core/notify.h"
 
@@ -15,8 +16,9 @@ namespace sc {
 
 namespace {
 
-/* The widest record that an item is converted to. */
-constexpr size_t kMaxStride = 1068;
+/* The widest record that an item is converted to, and the most items that a list shows. */
+constexpr size_t kMaxStride = sizeof(UrlFilterRecord);
+constexpr uint32_t kMaxItems = SC_FILTER_RULES;
 
 /* Head of every item list: the items follow, and a zero tail follows these. */
 struct ListHead {
@@ -24,21 +26,46 @@ struct ListHead {
   uint32_t capacity;
 } SC_PACKED;
 
-/* Into a zeroed item: addresses are appended to their fields. */
-void to_item(const List& list, const uint8_t* record, uint8_t* item) {
-  store(item, load<int32_t>(record + list.table.geometry.slot_at));
+/* One field of some records, into zeroed items that follow each other. Fields come first and
+ * records second, so that the kind is looked at once for a whole listing. */
+void show(const Field& field, const uint8_t* const* records, uint32_t count, uint8_t* items,
+          size_t item_size) {
+  const uint8_t* const* end = records + count;
+  const size_t at = field.record_at;
+  const size_t size = field.size;
+  uint8_t* to = items + field.item_at;
+  switch (field.kind) {
+    case Kind::kBytes:
+      for (; records < end; ++records, to += item_size) memcpy(to, *records + at, size);
+      break;
+    case Kind::kSignedBytes:
+      for (; records < end; ++records, to += item_size) {
+        const uint8_t* from = *records + at;
+        for (size_t n = 0; n < size; ++n) store<int32_t>(to + 4 * n, load<int8_t>(from + n));
+      }
+      break;
+    case Kind::kSignedHalf:
+      for (; records < end; ++records, to += item_size) {
+        store<int32_t>(to, load<int16_t>(*records + at));
+      }
+      break;
+    case Kind::kAddress:
+      for (; records < end; ++records, to += item_size) {
+        write_address(load<uint32_t>(*records + at), reinterpret_cast<char*>(to));
+      }
+      break;
+  }
+}
+
+/* Used and free records alike, into zeroed items. */
+void to_items(const List& list, const uint8_t* const* records, uint32_t count, uint8_t* items) {
+  uint8_t* id = items;
+  for (uint32_t n = 0; n < count; ++n, id += list.item_size) {
+    store(id, load<int32_t>(records[n] + list.table.geometry.slot_at));
+  }
   for (const Field& field : list.table.payload.fields) {
     if (field.size == 0) break;
-    const uint8_t* from = record + field.record_at;
-    uint8_t* to = item + field.item_at;
-    switch (field.kind) {
-      case Kind::kBytes: memcpy(to, from, field.size); break;
-      case Kind::kSignedBytes:
-        for (int n = 0; n < field.size; ++n) store<int32_t>(to + 4 * n, load<int8_t>(from + n));
-        break;
-      case Kind::kSignedHalf: store<int32_t>(to, load<int16_t>(from)); break;
-      case Kind::kAddress: sc_inet_ntoa(load<uint32_t>(from), reinterpret_cast<char*>(to)); break;
-    }
+    show(field, records, count, items, list.item_size);
   }
 }
 
@@ -78,19 +105,17 @@ int32_t write_item(const List& list, void* block, uint32_t op, uint32_t position
 uint32_t get_items(const List& list, const void* block, void* items) {
   if (block == nullptr) return 0;
   const Geometry& geometry = list.table.geometry;
-  memset(items, 0, sizeof(ListHead) + geometry.capacity * list.item_size + SC_LIST_TAIL);
-  auto* head = static_cast<ListHead*>(items);
-  uint8_t* item = static_cast<uint8_t*>(items) + sizeof(ListHead);
+  const uint8_t* records[kMaxItems];
   uint32_t used = 0;
   for (uint32_t position = 0; position < geometry.capacity; ++position) {
     const uint8_t* record = record_at(geometry, block, position);
-    if (load<int32_t>(record + geometry.slot_at) < 0) continue;
-    to_item(list, record, item);
-    item += list.item_size;
-    ++used;
+    if (load<int32_t>(record + geometry.slot_at) >= 0) records[used++] = record;
   }
+  memset(items, 0, sizeof(ListHead) + geometry.capacity * list.item_size + SC_LIST_TAIL);
+  auto* head = static_cast<ListHead*>(items);
   head->count = used;
   head->capacity = geometry.capacity;
+  to_items(list, records, used, static_cast<uint8_t*>(items) + sizeof(ListHead));
   return used;
 }
 
@@ -99,7 +124,8 @@ void get_item(const List& list, const void* block, uint32_t id, void* item) {
   memset(item, 0, list.item_size);
   const Geometry& geometry = list.table.geometry;
   if (id - 1 >= geometry.capacity) return;
-  to_item(list, record_at(geometry, block, id - 1), static_cast<uint8_t*>(item));
+  const uint8_t* record = record_at(geometry, block, id - 1);
+  to_items(list, &record, 1, static_cast<uint8_t*>(item));
 }
 
 int32_t add_item(const List& list, void* block, const void* item) {
@@ -140,7 +166,8 @@ void delete_all_items(const List& list, void* block) {
 void count(const List& list, void* block, int32_t change) {
   void* counter = static_cast<uint8_t*>(block) + list.counter.at;
   if (list.counter.size == 2) {
-    __atomic_fetch_add(static_cast<uint16_t*>(counter), change, __ATOMIC_RELAXED);
+    __atomic_fetch_add(static_cast<uint16_t*>(counter), static_cast<uint16_t>(change),
+                       __ATOMIC_RELAXED);
   } else if (list.counter.size == 4) {
     __atomic_fetch_add(static_cast<uint32_t*>(counter), change, __ATOMIC_RELAXED);
   }

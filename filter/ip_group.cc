@@ -94,7 +94,8 @@ void show_ip_group(const IpGroupBlock* groups, int32_t id, char* name, char* add
   IpGroupItem group = {};
   GetIpGroupItem(groups, static_cast<uint32_t>(id), &group);
   memcpy(name, group.leading_text, SC_TEXT);
-  memcpy(addresses, group.start_ip_text, 2 * SC_IP_TEXT);
+  memcpy(addresses, group.start_ip_text, SC_IP_TEXT);
+  memcpy(addresses + SC_IP_TEXT, group.end_ip_text, SC_IP_TEXT);
 }
 
 }  // namespace sc
