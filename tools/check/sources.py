@@ -1,0 +1,67 @@
+"""Checks that read the sources: format, static analysis, public headers."""
+
+import json
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+
+from suite import BUILD, ROOT, files
+
+C_FAMILY = ("**/*.h", "**/*.c", "**/*.cc")
+
+# Compilers that every public header is read by. The small C library's is named with its specs.
+COMPILERS = {
+    "host": ["gcc"],
+    "i386": ["i686-linux-gnu-gcc"],
+    "mipsel": ["mipsel-linux-gnu-gcc"],
+    "mipsel-small": ["mipsel-linux-gnu-gcc", "-specs=%s/musl/musl-gcc.specs" % BUILD],
+}
+DIALECTS = (["-x", "c", "-std=c99"], ["-x", "c++", "-std=c++20"])
+
+
+def check_format(suite):
+    for path in files(*C_FAMILY):
+        suite.run(["clang-format", "--dry-run", "-Werror", path], check="format of %s" % path)
+
+
+def check_analysis(suite):
+    entries = json.loads((BUILD / "host/compile_commands.json").read_text())
+    library = [entry["file"] for entry in entries
+               if "/CMakeFiles/sysconfig_objects.dir/" in entry["command"]]
+    commands = {
+        "clang-tidy %s" % path[len(str(ROOT)) + 1:]:
+            ["clang-tidy", "--quiet", "-p", "build/host", "--warnings-as-errors=*",
+             "--extra-arg=-Wno-unknown-warning-option", path]
+        for path in library
+    }
+    commands["cppcheck"] = [
+        "cppcheck", "--quiet", "--std=c++20", "--enable=warning,performance,portability",
+        "--inline-suppr", "--error-exitcode=1", "-Iinclude", "-I.", *library]
+    commands["shellcheck"] = ["shellcheck", "-x", *shell_scripts()]
+
+    def run(command):
+        return subprocess.run([str(word) for word in command], cwd=ROOT, text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+
+    with ThreadPoolExecutor(2) as pool:
+        for what, result in zip(commands, pool.map(run, commands.values())):
+            suite.note(result.stdout)
+            suite.verdict(result.returncode == 0, what)
+
+
+def shell_scripts():
+    scripts = []
+    for path in files("*", "tools/*", "tests/**/*", ".ci/*", "examples/*", "bench/*"):
+        with open(ROOT / path, "rb") as file:
+            if file.readline().startswith((b"#!/bin/bash", b"#!/bin/sh")):
+                scripts.append(path)
+    return scripts
+
+
+def check_headers(suite, targets):
+    for target in targets:
+        for header in files("include/sysconfig/*.h"):
+            for dialect in DIALECTS:
+                include = "<%s>" % header.relative_to("include")
+                suite.run([*COMPILERS[target], *dialect, "-pedantic", "-Wall", "-Wextra", "-Werror",
+                           "-fsyntax-only", "-Iinclude", "-include", header, "/dev/null"],
+                          check="%s %s %s" % (target, dialect[-1], include))

@@ -1,0 +1,95 @@
+"""One suite of checks: its log, its counts, and the commands that it runs."""
+
+import os
+import pathlib
+import subprocess
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = ROOT / "build"
+LOGS = BUILD / "check"
+
+
+class Suite:
+    def __init__(self, name):
+        self.name = name
+        self.passed = 0
+        self.failed = 0
+        self.log_path = LOGS / (name + ".log")
+        self._log = open(self.log_path, "w", buffering=1)
+        self._started = time.monotonic()
+        self.seconds = 0.0
+
+    def ok(self, what):
+        self.passed += 1
+        self.note("ok " + what)
+
+    def fail(self, what):
+        self.failed += 1
+        self.note("FAILED " + what)
+
+    def verdict(self, good, what, why=""):
+        if good:
+            self.ok(what)
+        else:
+            self.fail(what + (": " + why if why else ""))
+        return good
+
+    def note(self, text):
+        self._log.write(text + "\n")
+
+    def run(self, command, check=None, **options):
+        """Runs a command with its output in the log. Returns whether it ended with status 0, which
+        counts as one check under the name given, if any."""
+        command = [str(word) for word in command]
+        self.note("$ " + " ".join(command))
+        status = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=self._log,
+                                stderr=subprocess.STDOUT, **options).returncode
+        if status != 0:
+            self.note("status %d" % status)
+        if check:
+            self.verdict(status == 0, check, "status %d" % status)
+        return status == 0
+
+    def end(self):
+        """Closes the books. A suite that checked nothing has failed."""
+        if self.passed + self.failed == 0:
+            self.fail(self.name + ": nothing was checked")
+        self.seconds = time.monotonic() - self._started
+        self._log.close()
+        if self.failed:
+            lines = self.log_path.read_text(errors="replace").splitlines()
+            failures = [line for line in lines[:-40] if line.startswith("FAILED ")]
+            print("\n".join(failures[:40] + ["--- end of %s" % self.log_path] + lines[-40:]))
+
+    def summary(self):
+        return "%-14s %5d passed %4d failed %7.1f s" % (
+            self.name, self.passed, self.failed, self.seconds)
+
+
+def output(command):
+    """The output of a command that must succeed."""
+    return subprocess.run([str(word) for word in command], cwd=ROOT, check=True, text=True,
+                          stdout=subprocess.PIPE).stdout
+
+
+def files(*patterns):
+    """The repository's own files that match, as sorted paths relative to the root."""
+    found = set()
+    for pattern in patterns:
+        for path in ROOT.glob(pattern):
+            relative = path.relative_to(ROOT)
+            if path.is_file() and relative.parts[0] not in ("build", ".git"):
+                found.add(relative)
+    return sorted(found)
+
+
+def private_world(command, stand_ins):
+    """The command in its own mount and IPC namespaces: /var is empty but for the folders that a
+    device has, `stand_ins` leads PATH. Needs no root where user namespaces are allowed."""
+    user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+    script = ("mount -t tmpfs tmpfs /var && "
+              "mkdir /var/lock_store /var/dataconfig /var/systemconfig && "
+              "PATH=$0:$PATH exec \"$@\"")
+    return ["unshare", "--mount", "--ipc", *user, "sh", "-c", script, str(stand_ins),
+            *[str(word) for word in command]]

@@ -1,0 +1,159 @@
+"""Builds the targets, runs their tests and compares what ran where."""
+
+import csv
+import json
+import os
+import re
+import shutil
+import xml.etree.ElementTree
+
+from suite import BUILD, LOGS, ROOT, output, private_world
+
+EXCEPTIONS = ROOT / "tests/exceptions.csv"
+
+# Tests run in their own namespaces, which needs root; elsewhere a user namespace lends it to them
+# (they cannot make one themselves under the emulator, whose process has more than one thread).
+AS_ROOT = [] if os.geteuid() == 0 else ["unshare", "--user", "--map-root-user"]
+
+
+def build(suite, targets):
+    for target in targets:
+        suite.verdict(suite.run(["cmake", "--preset", target])
+                      and suite.run(["cmake", "--build", "--preset", target]), target)
+
+
+class Results:
+    """Names of the tests of one target by outcome."""
+
+    def __init__(self):
+        self.ran = set()
+        self.skipped = set()
+
+
+def run_tests(suite, target):
+    """Runs the target's test programs; counts each test of a program that reports them singly, and
+    each other program as one test."""
+    tree = BUILD / target
+    shutil.rmtree(tree / "results", ignore_errors=True)
+    verdicts = LOGS / (target + "-ctest.xml")
+    verdicts.unlink(missing_ok=True)
+    suite.run([*AS_ROOT, "ctest", "--test-dir", tree, "--parallel", "2", "--output-on-failure",
+               "--no-tests=error", "--output-junit", verdicts])
+
+    results = Results()
+    if not verdicts.exists():
+        suite.fail("ctest ended without results")
+        return results
+    programs = {test["name"]: reported_to(test) for test in json.loads(
+        output(["ctest", "--test-dir", tree, "--show-only=json-v1"]))["tests"]}
+    for case in xml.etree.ElementTree.parse(verdicts).iter("testcase"):
+        program, good = case.get("name"), case.get("status") == "run"
+        if programs[program] is None:
+            suite.verdict(good, program)
+            results.ran.add(program)
+            continue
+        try:
+            reported = xml.etree.ElementTree.parse(programs[program])
+        except (OSError, xml.etree.ElementTree.ParseError) as error:
+            suite.fail("%s: ended without results (%s)" % (program, error))
+            continue
+        failed_before = suite.failed
+        for test in reported.iter("testcase"):
+            count_test(suite, results, test)
+        if not good and suite.failed == failed_before:
+            suite.fail("%s: failed outside of its tests" % program)
+    return results
+
+
+def reported_to(test):
+    """The file that a test program writes its single results to, or None."""
+    for entry in test["properties"]:
+        if entry["name"] == "ENVIRONMENT":
+            for variable in entry["value"]:
+                if variable.startswith("GTEST_OUTPUT=xml:"):
+                    return variable.split(":", 1)[1]
+    return None
+
+
+def count_test(suite, results, test):
+    name = "%s.%s" % (test.get("classname"), test.get("name"))
+    if name in results.ran or name in results.skipped:
+        suite.fail(name + ": there are two tests of this name")
+    elif test.find("failure") is not None:
+        suite.fail(name)
+        results.ran.add(name)
+    elif test.get("status") == "run" and test.get("result") == "completed":
+        suite.ok(name)
+        results.ran.add(name)
+    else:
+        suite.note("skipped " + name)
+        results.skipped.add(name)
+
+
+def check_counts(suite, results):
+    """Every test runs on every target, but for those that EXCEPTIONS lists with a reason."""
+    with open(EXCEPTIONS, newline="") as file:
+        exceptions = list(csv.DictReader(file))
+    for row in exceptions:
+        suite.verdict(row["reason"] and re.fullmatch(r"host|asan|i386|mipsel", row["target"]),
+                      "%s on %s has a reason" % (row["test"], row["target"]))
+    every = set().union(*(r.ran | r.skipped for r in results.values()))
+    for target, result in results.items():
+        listed = {row["test"] for row in exceptions if row["target"] == target}
+        absent = every - result.ran
+        for name in sorted(absent - listed):
+            suite.fail("%s: %s did not run and is no listed exception" % (target, name))
+        for name in sorted(listed - absent):
+            suite.fail("%s: %s is a listed exception, but it ran or does not exist" % (target, name))
+        suite.verdict(len(result.ran) + len(listed) == len(every),
+                      "%s: %d ran + %d exceptions = %d" %
+                      (target, len(result.ran), len(listed), len(every)))
+
+
+def check_package(suite):
+    """The plain build, its installation, and a program that uses it by either way of finding it,
+    run once from boot to power cut."""
+    plain, prefix, consumer = LOGS / "plain", LOGS / "prefix", LOGS / "consumer"
+    for folder in (plain, prefix, consumer):
+        shutil.rmtree(folder, ignore_errors=True)
+    suite.run(["cmake", "-S", ".", "-B", plain], check="configure without options")
+    suite.run(["cmake", "--build", plain, "--parallel", "2"], check="build without options")
+    suite.verdict((plain / "libsysconfig.so").exists(), "libsysconfig.so is in the build folder")
+    suite.run(["cmake", "--install", plain, "--prefix", prefix], check="install")
+
+    suite.run(["cmake", "-S", "tests/consumer", "-B", consumer, "-DCMAKE_PREFIX_PATH=%s" % prefix],
+              check="found by CMake")
+    suite.run(["cmake", "--build", consumer], check="builds by CMake")
+    run_request(suite, [consumer / "typical_request"], "runs when built by CMake")
+
+    os.environ["PKG_CONFIG_PATH"] = str(next(prefix.glob("lib*/**/pkgconfig"), prefix))
+    flags = "-Wall -Wextra -Werror $(pkg-config --cflags --libs sysconfig)"
+    program = consumer / "by_pkgconf"
+    suite.run(["sh", "-c", "gcc examples/typical_request.c -o %s %s -Wl,-rpath,%s"
+               % (program, flags, next(prefix.glob("lib*")))], check="builds by pkg-config")
+    run_request(suite, [program], "runs when built by pkg-config")
+
+
+def check_small(suite):
+    """The typical request by a C program on MIPS with the small C library."""
+    musl, library = BUILD / "musl", BUILD / "mipsel-small"
+    program = LOGS / "typical_request-small"
+    program.unlink(missing_ok=True)
+    suite.run(["mipsel-linux-gnu-gcc", "-specs=%s/musl-gcc.specs" % musl, "-std=c99", "-Os",
+               "-Wall", "-Wextra", "-Werror", "-Iinclude", "examples/typical_request.c",
+               "-o", program, "-L%s" % library, "-lsysconfig", "-Wl,-rpath,%s" % library],
+              check="builds")
+    needed = re.findall(r"\(NEEDED\).*\[(.*)\]", output(["readelf", "--dynamic", program])
+                        if program.exists() else "")
+    suite.verdict(needed == ["libsysconfig.so.1", "libc.so"], "needs the library and the C library",
+                  " ".join(needed))
+    run_request(suite, ["qemu-mipsel-static", "-L", musl / "root", program], "runs")
+
+
+def run_request(suite, command, what):
+    stand_ins = LOGS / "stand-ins"
+    stand_ins.mkdir(exist_ok=True)
+    event = stand_ins / "change_event"
+    event.write_text("#!/bin/sh\necho change_event \"$@\"\n")
+    event.chmod(0o755)
+    suite.run(private_world(command, stand_ins), check=what)
