@@ -30,13 +30,18 @@ int32_t find_id(const IdTable& table, const void* block, uint32_t id) {
   return -1;
 }
 
+/* The maker's half of a MAC is often the same: its other end is compared first. */
 int32_t find_mac(const IdTable& table, const void* block, const uint8_t* mac) {
-  const uint32_t head = load<uint32_t>(mac);
-  const uint16_t tail = load<uint16_t>(mac + 4);
+  const uint32_t tail = load<uint32_t>(mac + 2);
+  const uint16_t head = load<uint16_t>(mac);
+  const size_t stride = table.stride;
+  const int32_t capacity = table.capacity;
   const uint8_t* at = record_at(table, block, 0) + table.mac_at;
-  for (int32_t position = 0; position < table.capacity; ++position, at += table.stride) {
-    if (load<uint32_t>(at) == head && load<uint16_t>(at + 4) == tail) return position;
-  }
+  int32_t position = 0;
+  do {
+    if (load<uint32_t>(at + 2) == tail && load<uint16_t>(at) == head) return position;
+    at += stride;
+  } while (++position < capacity);
   return -1;
 }
 

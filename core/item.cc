@@ -50,8 +50,9 @@ void show(const Field& field, const uint8_t* const* records, uint32_t count, uin
       }
       break;
     case Kind::kAddress:
+      AddressText text;
       for (; records < end; ++records, to += item_size) {
-        write_address(load<uint32_t>(*records + at), reinterpret_cast<char*>(to));
+        text.write(load<uint32_t>(*records + at), reinterpret_cast<char*>(to));
       }
       break;
   }

@@ -21,12 +21,40 @@ int32_t slot_of(const Geometry& geometry, const uint8_t* record) {
   return load<int32_t>(record + geometry.slot_at);
 }
 
-bool equal(const Key& key, const uint8_t* one, const uint8_t* other) {
-  one += key.at;
-  other += key.at;
-  if (key.compare == Compare::kBytes) return memcmp(one, other, key.size) == 0;
-  return strncasecmp(reinterpret_cast<const char*>(one), reinterpret_cast<const char*>(other),
-                     key.size) == 0;
+/* A used record other than the one of skip_slot. */
+bool counts(const Geometry& geometry, const uint8_t* record, uint32_t skip_slot) {
+  int32_t slot = slot_of(geometry, record);
+  return slot != kFree && slot != static_cast<int32_t>(skip_slot);
+}
+
+/* Most records differ already in the last word of the key, which is looked at first. */
+bool bytes_clash(const Geometry& geometry, const Key& key, const uint8_t* record,
+                 const uint8_t* wanted, uint32_t skip_slot) {
+  const size_t stride = geometry.stride;
+  const size_t last = key.at + key.size - sizeof(uint32_t);
+  const uint32_t wanted_last = load<uint32_t>(wanted + last);
+  const uint8_t* end = record + geometry.capacity * stride;
+  do {
+    if (load<uint32_t>(record + last) == wanted_last &&
+        memcmp(record + key.at, wanted + key.at, key.size) == 0 &&
+        counts(geometry, record, skip_slot)) {
+      return true;
+    }
+    record += stride;
+  } while (record < end);
+  return false;
+}
+
+bool text_clash(const Geometry& geometry, const Key& key, const uint8_t* record,
+                const uint8_t* wanted, uint32_t skip_slot) {
+  const auto* text = reinterpret_cast<const char*>(wanted) + key.at;
+  for (uint32_t n = 0; n < geometry.capacity; ++n, record += geometry.stride) {
+    if (strncasecmp(reinterpret_cast<const char*>(record) + key.at, text, key.size) == 0 &&
+        counts(geometry, record, skip_slot)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 /* Writes the slot word, and the identity beside it: zeroes when the record is freed. */
@@ -39,15 +67,15 @@ void release(const Table& table, const LockFile& file, uint8_t* record) {
 }  // namespace
 
 int32_t find_clash(const Table& table, const void* block, const void* record, uint32_t skip_slot) {
+  const Geometry& geometry = table.geometry;
+  const uint8_t* first = record_at(geometry, block, 0);
   const auto* wanted = static_cast<const uint8_t*>(record);
-  for (uint32_t position = 0; position < table.geometry.capacity; ++position) {
-    const uint8_t* used = record_at(table.geometry, block, position);
-    int32_t slot = slot_of(table.geometry, used);
-    if (slot == kFree || slot == static_cast<int32_t>(skip_slot)) continue;
-    for (const Key& key : table.keys) {
-      if (key.compare == Compare::kNone) break;
-      if (equal(key, used, wanted)) return 1;
-    }
+  for (const Key& key : table.keys) {
+    if (key.compare == Compare::kNone) break;
+    bool clash = key.compare == Compare::kBytes
+                     ? bytes_clash(geometry, key, first, wanted, skip_slot)
+                     : text_clash(geometry, key, first, wanted, skip_slot);
+    if (clash) return 1;
   }
   return 0;
 }
