@@ -1,0 +1,40 @@
+/* Areas as they are after the device's start: initialised, read (without an archive) and attached.
+ */
+#ifndef SUPPORT_STARTED_H
+#define SUPPORT_STARTED_H
+
+#include <string.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/areas.h"
+
+namespace sc_test {
+
+/* A null block when it could not be started; the test has failed then. */
+template <class Block>
+Block* started(const std::string& name) {
+  EXPECT_EQ(area(name).init(1), 0) << name;
+  const uint32_t address = area(name).get();
+  EXPECT_NE(address, 0u) << name;
+  return block_at<Block>(address);
+}
+
+/* A text in a field: its bytes, then zeroes; cut, and then without terminator, when too long. */
+template <size_t kWidth>
+void put_text(char (&field)[kWidth], const std::string& text) {
+  memset(field, 0, kWidth);
+  memcpy(field, text.data(), text.size() < kWidth ? text.size() : kWidth);
+}
+
+/* The text of a field, which need not be terminated. */
+template <size_t kWidth>
+std::string text_of(const char (&field)[kWidth]) {
+  return std::string(field, strnlen(field, kWidth));
+}
+
+}  // namespace sc_test
+
+#endif
