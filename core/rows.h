@@ -92,8 +92,13 @@ consteval Field field(size_t record_at, size_t item_at) {
   using R = typename Extent<InRecord>::Element;
   using I = typename Extent<InItem>::Element;
   constexpr size_t count = Extent<InRecord>::count;
-  Field f = {half_column(record_at), half_column(item_at), Kind::kBytes,
-             byte_column(sizeof(InRecord))};
+  Field f = {};
+  f.record_at = record_at & 0x3ff;
+  f.item_at = item_at & 0xfff;
+  f.size = sizeof(InRecord) & 0xff;
+  if (f.record_at != record_at || f.item_at != item_at || f.size != sizeof(InRecord)) {
+    member_does_not_fit_its_column();
+  }
   if constexpr (__is_same(R, uint32_t) && __is_same(I, char)) {
     static_assert(sizeof(InItem) == 16 && count == 1, "an address is shown as 16 bytes of text");
     f.kind = Kind::kAddress;
@@ -132,7 +137,7 @@ consteval Payload payload(const Field (&members)[kCount]) {
       members_are_not_in_record_order();
     }
     if (last != nullptr && joins(*last, f)) {
-      last->size = byte_column(last->size + f.size);
+      last->size = (last->size + f.size) & 0xff;
       continue;
     }
     last = last == nullptr ? made.fields : last + 1;

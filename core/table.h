@@ -35,19 +35,19 @@ struct Identity {
   uint8_t size;
 };
 
-enum class Kind : uint8_t {
+enum class Kind : uint32_t {
   kBytes,       /* copied */
   kSignedBytes, /* each byte widened to an int in the item; low bytes stored */
   kSignedHalf,  /* 16 bits widened to an int in the item; low half stored */
   kAddress      /* 32 bits shown in the item as dotted text of 16 bytes */
 };
 
-/* A member of the payload, or several that are neighbours in record and item alike. */
+/* A member of the payload, or several that are neighbours in record and item alike. One word. */
 struct Field {
-  uint16_t record_at;
-  uint16_t item_at;
-  Kind kind;
-  uint8_t size; /* in the record */
+  uint32_t record_at : 10;
+  uint32_t item_at : 12;
+  Kind kind : 2;
+  uint32_t size : 8; /* in the record */
 };
 
 constexpr int kMaxFields = 14;

@@ -16,9 +16,26 @@ constexpr size_t kScheduleSize =
  * group that does not exist shows as zeroes, a freed one with its last contents. */
 void show_ip_group(const IpGroupBlock* groups, int32_t id, char* name, char* addresses);
 
-/* Write the group's name, up to its NUL, into a zeroed field and its schedule over the rule's own;
- * a negative id leaves the rule its own. */
-void show_time_group(const TimeGroupBlock* groups, int32_t id, char* name, void* schedule);
+/* How a listed rule refers to its time group. */
+struct TimeReference {
+  int32_t mode;
+  int32_t id;
+  char name[SC_TEXT];
+} SC_PACKED;
+
+/* Where listed rules have that, and where their schedule. */
+struct TimeReferences {
+  uint16_t item_size;
+  uint16_t reference_at;
+  uint16_t schedule_at;
+};
+#define SC_TIME_REFERENCES(Item) \
+  TimeReferences { sizeof(Item), offsetof(Item, time_mode), offsetof(Item, weekday) }
+
+/* For each of some listed rules with time_mode 1 and no negative time_group_id: writes the group's
+ * name, up to its NUL, into the zeroed field and its schedule over the rule's own. */
+void show_time_groups(const TimeReferences& where, const TimeGroupBlock* groups, void* items,
+                      uint32_t count);
 
 }  // namespace sc
 

@@ -88,12 +88,17 @@ void DelTimeGroupItem(TimeGroupBlock* block, FwIpportBlock* ip_filters, FwMacBlo
 
 namespace sc {
 
-void show_time_group(const TimeGroupBlock* groups, int32_t id, char* name, void* schedule) {
-  if (id < 0) return;
-  TimeGroupItem group = {};
-  GetTimeGroupItem(groups, static_cast<uint32_t>(id), &group);
-  strncpy(name, group.leading_text, SC_TEXT);
-  memcpy(schedule, group.weekday, kScheduleSize);
+void show_time_groups(const TimeReferences& where, const TimeGroupBlock* groups, void* items,
+                      uint32_t count) {
+  auto* item = static_cast<uint8_t*>(items);
+  for (; count != 0; --count, item += where.item_size) {
+    auto& reference = *reinterpret_cast<TimeReference*>(item + where.reference_at);
+    if (reference.mode != 1 || reference.id < 0) continue;
+    TimeGroupItem group = {};
+    GetTimeGroupItem(groups, static_cast<uint32_t>(reference.id), &group);
+    strncpy(reference.name, group.leading_text, SC_TEXT);
+    memcpy(item + where.schedule_at, group.weekday, kScheduleSize);
+  }
 }
 
 }  // namespace sc

@@ -43,6 +43,7 @@ constexpr List kQosRules = {
 constexpr Reference kIpGroupReference = SC_REFERENCE(QosRuleRecord, ip_mode, 1, ip_group_id);
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
 constexpr Reference kTimeGroupReference = SC_REFERENCE(QosRuleRecord, time_mode, 2, time_group_id);
+constexpr TimeReferences kTimeReferences = SC_TIME_REFERENCES(QosItem);
 
 }  // namespace
 
@@ -73,9 +74,8 @@ void GetQosItemList(const QosBlock* block, const IpGroupBlock* ip_groups,
   for (QosItem* item = list->items; item < list->items + count; ++item) {
     if (item->match_kind == 0 && item->ip_mode == 1)
       show_ip_group(ip_groups, item->ip_group_id, item->ip_group_name, item->start_ip_text);
-    if (item->time_mode == 1)
-      show_time_group(time_groups, item->time_group_id, item->time_group_name, item->weekday);
   }
+  show_time_groups(kTimeReferences, time_groups, list->items, count);
 }
 
 void GetQosItem(const QosBlock* block, uint32_t id, QosItem* item) {
