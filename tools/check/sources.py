@@ -26,7 +26,9 @@ def check_format(suite):
 def check_analysis(suite):
     entries = json.loads((BUILD / "host/compile_commands.json").read_text())
     library = [entry["file"] for entry in entries
-               if "/CMakeFiles/sysconfig_objects.dir/" in entry["command"]]
+               if " CMakeFiles/sysconfig_objects.dir/" in entry["command"]]
+    if not library:
+        suite.fail("compile_commands.json knows no sources of the library")
     commands = {
         "clang-tidy %s" % path[len(str(ROOT)) + 1:]:
             ["clang-tidy", "--quiet", "-p", "build/host", "--warnings-as-errors=*",
