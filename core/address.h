@@ -1,23 +1,17 @@
-/* Dotted text of IPv4 addresses, as inet_addr returns them. */
+/* Dotted text of IPv4 addresses. */
 #ifndef CORE_ADDRESS_H
 #define CORE_ADDRESS_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 namespace sc {
 
-/* Writes the texts of addresses, one after the other. It keeps the text of the first three octets,
- * which neighbours of one network share: a listing then formats little more than the last one. */
-class AddressText {
- public:
-  /* Writes 16 bytes: the text and zeroes behind it. */
-  void write(uint32_t address, char* to);
-
- private:
-  uint32_t network_ = 0;
-  uint32_t size_ = 0; /* of the network's text; 0: none yet */
-  char text_[16];
-};
+/* Writes the text of each of `count` addresses, 16 bytes with zeroes behind it. The n-th address, as
+ * inet_addr returns it, lies at addresses[n] + at; its text goes to `to`, `step` bytes behind the one
+ * before. */
+void write_addresses(const uint8_t* const* addresses, size_t at, uint32_t count, uint8_t* to,
+                     size_t step);
 
 }  // namespace sc
 

@@ -26,16 +26,19 @@ struct ListHead {
   uint32_t capacity;
 } SC_PACKED;
 
-/* Sixteen bytes at a time, the last ones overlapping: fields are short, and calls are not. */
+/* Short texts are moved in two overlapping halves where the CPU has the registers for it. */
 inline void copy(uint8_t* to, const uint8_t* from, size_t size) {
-  using Chunk = uint8_t __attribute__((vector_size(16)));
-  if (size < sizeof(Chunk)) {
-    memcpy(to, from, size);
-    return;
+  if constexpr (sizeof(void*) == 8) {
+    using Half = uint8_t __attribute__((vector_size(16)));
+    if (size >= sizeof(Half) && size <= 2 * sizeof(Half)) {
+      Half first = load<Half>(from);
+      Half second = load<Half>(from + size - sizeof(Half));
+      store(to, first);
+      store(to + size - sizeof(Half), second);
+      return;
+    }
   }
-  const size_t last = size - sizeof(Chunk);
-  for (size_t n = 0; n < last; n += sizeof(Chunk)) store(to + n, load<Chunk>(from + n));
-  store(to + last, load<Chunk>(from + last));
+  memcpy(to, from, size);
 }
 
 /* One field of some records, into zeroed items that follow each other. Fields come first and
@@ -61,12 +64,7 @@ void show(const Field& field, const uint8_t* const* records, uint32_t count, uin
         store<int32_t>(to, load<int16_t>(*records + at));
       }
       break;
-    case Kind::kAddress:
-      AddressText text;
-      for (; records < end; ++records, to += item_size) {
-        text.write(load<uint32_t>(*records + at), reinterpret_cast<char*>(to));
-      }
-      break;
+    case Kind::kAddress: write_addresses(records, at, count, to, item_size); break;
   }
 }
 

@@ -12,29 +12,31 @@ namespace sc {
 constexpr size_t kScheduleSize =
     offsetof(TimeGroupItem, trailing_text) - offsetof(TimeGroupItem, weekday);
 
-/* Write the group's name (200 bytes) and its two address texts (32 bytes) into a listed rule. A
- * group that does not exist shows as zeroes, a freed one with its last contents. */
-void show_ip_group(const IpGroupBlock* groups, int32_t id, char* name, char* addresses);
-
-/* How a listed rule refers to its time group. */
-struct TimeReference {
-  int32_t mode;
+/* How a listed rule refers to a group. */
+struct GroupReference {
+  int32_t mode; /* 1: shown with its group */
   int32_t id;
   char name[SC_TEXT];
 } SC_PACKED;
 
-/* Where listed rules have that, and where their schedule. */
-struct TimeReferences {
+/* Where listed rules have that, and what of the group is shown in place of their own. */
+struct Shown {
   uint16_t item_size;
   uint16_t reference_at;
-  uint16_t schedule_at;
+  uint16_t own_at;
+  uint16_t unless_at; /* an int that must be 0 for the group to be shown; 0: there is none */
 };
-#define SC_TIME_REFERENCES(Item) \
-  TimeReferences { sizeof(Item), offsetof(Item, time_mode), offsetof(Item, weekday) }
+#define SC_SHOWN(Item, mode, own) \
+  Shown { sizeof(Item), offsetof(Item, mode), offsetof(Item, own), 0 }
+#define SC_SHOWN_UNLESS(Item, mode, own, unless) \
+  Shown { sizeof(Item), offsetof(Item, mode), offsetof(Item, own), offsetof(Item, unless) }
 
-/* For each of some listed rules with time_mode 1 and no negative time_group_id: writes the group's
- * name, up to its NUL, into the zeroed field and its schedule over the rule's own. */
-void show_time_groups(const TimeReferences& where, const TimeGroupBlock* groups, void* items,
+/* Write each rule's group into some listed rules: its name, 200 bytes, and both address texts. A group
+ * that does not exist shows as zeroes, a freed one with its last contents. */
+void show_ip_groups(const Shown& shown, const IpGroupBlock* groups, void* items, uint32_t count);
+
+/* The same with its name up to its NUL and its schedule; a rule with a negative id keeps its own. */
+void show_time_groups(const Shown& shown, const TimeGroupBlock* groups, void* items,
                       uint32_t count);
 
 }  // namespace sc

@@ -41,7 +41,8 @@ constexpr List kIpFilters = {
 constexpr Reference kIpGroupReference = SC_REFERENCE(IpFilterRecord, ip_mode, 1, ip_group_id);
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
 constexpr Reference kTimeGroupReference = SC_REFERENCE(IpFilterRecord, time_mode, 2, time_group_id);
-constexpr TimeReferences kTimeReferences = SC_TIME_REFERENCES(IpFilterItem);
+constexpr Shown kShownIpGroup = SC_SHOWN(IpFilterItem, ip_mode, start_ip_text);
+constexpr Shown kShownTimeGroup = SC_SHOWN(IpFilterItem, time_mode, weekday);
 
 }  // namespace
 
@@ -69,11 +70,8 @@ int32_t SC_Operate_System_List_GetFireWall_IpPort_Blank(FwIpportBlock* block) {
 void GetIpFilterItemList(const FwIpportBlock* block, const IpGroupBlock* ip_groups,
                          const TimeGroupBlock* time_groups, IpFilterItemList* list) {
   uint32_t count = get_items(kIpFilters, block, list);
-  for (IpFilterItem* item = list->items; item < list->items + count; ++item) {
-    if (item->ip_mode == 1)
-      show_ip_group(ip_groups, item->ip_group_id, item->ip_group_name, item->start_ip_text);
-  }
-  show_time_groups(kTimeReferences, time_groups, list->items, count);
+  show_ip_groups(kShownIpGroup, ip_groups, list->items, count);
+  show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetIpFilterItem(const FwIpportBlock* block, uint32_t id, IpFilterItem* item) {

@@ -4,6 +4,7 @@
 #include <sysconfig/rules.h>
 
 #include "core/area.h"
+#include "core/bytes.h"
 #include "filter/groups.h"
 #include "core/rows.h"
 
@@ -90,12 +91,17 @@ void DelIpGroupItem(IpGroupBlock* block, FwIpportBlock* ip_filters, QosBlock* qo
 
 namespace sc {
 
-void show_ip_group(const IpGroupBlock* groups, int32_t id, char* name, char* addresses) {
-  IpGroupItem group = {};
-  GetIpGroupItem(groups, static_cast<uint32_t>(id), &group);
-  memcpy(name, group.leading_text, SC_TEXT);
-  memcpy(addresses, group.start_ip_text, SC_IP_TEXT);
-  memcpy(addresses + SC_IP_TEXT, group.end_ip_text, SC_IP_TEXT);
+void show_ip_groups(const Shown& shown, const IpGroupBlock* groups, void* items, uint32_t count) {
+  auto* item = static_cast<uint8_t*>(items);
+  for (; count != 0; --count, item += shown.item_size) {
+    auto& reference = *reinterpret_cast<GroupReference*>(item + shown.reference_at);
+    if (reference.mode != 1) continue;
+    if (shown.unless_at != 0 && load<int32_t>(item + shown.unless_at) != 0) continue;
+    IpGroupItem group = {};
+    GetIpGroupItem(groups, static_cast<uint32_t>(reference.id), &group);
+    memcpy(reference.name, group.leading_text, SC_TEXT);
+    memcpy(item + shown.own_at, group.start_ip_text, 2 * SC_IP_TEXT);
+  }
 }
 
 }  // namespace sc

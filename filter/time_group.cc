@@ -88,16 +88,16 @@ void DelTimeGroupItem(TimeGroupBlock* block, FwIpportBlock* ip_filters, FwMacBlo
 
 namespace sc {
 
-void show_time_groups(const TimeReferences& where, const TimeGroupBlock* groups, void* items,
+void show_time_groups(const Shown& shown, const TimeGroupBlock* groups, void* items,
                       uint32_t count) {
   auto* item = static_cast<uint8_t*>(items);
-  for (; count != 0; --count, item += where.item_size) {
-    auto& reference = *reinterpret_cast<TimeReference*>(item + where.reference_at);
+  for (; count != 0; --count, item += shown.item_size) {
+    auto& reference = *reinterpret_cast<GroupReference*>(item + shown.reference_at);
     if (reference.mode != 1 || reference.id < 0) continue;
     TimeGroupItem group = {};
     GetTimeGroupItem(groups, static_cast<uint32_t>(reference.id), &group);
     strncpy(reference.name, group.leading_text, SC_TEXT);
-    memcpy(item + where.schedule_at, group.weekday, kScheduleSize);
+    memcpy(item + shown.own_at, group.weekday, kScheduleSize);
   }
 }
 

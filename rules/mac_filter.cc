@@ -34,7 +34,7 @@ constexpr List kMacFilters = {
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
 constexpr Reference kTimeGroupReference =
     SC_REFERENCE(MacFilterRecord, time_mode, 2, time_group_id);
-constexpr TimeReferences kTimeReferences = SC_TIME_REFERENCES(MacFilterItem);
+constexpr Shown kShownTimeGroup = SC_SHOWN(MacFilterItem, time_mode, weekday);
 
 }  // namespace
 
@@ -68,7 +68,7 @@ int32_t SC_Operate_System_List_FireWall_MacCheckMac(const FwMacBlock* block,
 void GetMacFilterItemList(const FwMacBlock* block, const TimeGroupBlock* time_groups,
                           MacFilterItemList* list) {
   uint32_t count = get_items(kMacFilters, block, list);
-  show_time_groups(kTimeReferences, time_groups, list->items, count);
+  show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetMacFilterItem(const FwMacBlock* block, uint32_t id, MacFilterItem* item) {

@@ -43,7 +43,9 @@ constexpr List kQosRules = {
 constexpr Reference kIpGroupReference = SC_REFERENCE(QosRuleRecord, ip_mode, 1, ip_group_id);
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
 constexpr Reference kTimeGroupReference = SC_REFERENCE(QosRuleRecord, time_mode, 2, time_group_id);
-constexpr TimeReferences kTimeReferences = SC_TIME_REFERENCES(QosItem);
+/* Required: a rule that selects by text keeps its own addresses. */
+constexpr Shown kShownIpGroup = SC_SHOWN_UNLESS(QosItem, ip_mode, start_ip_text, match_kind);
+constexpr Shown kShownTimeGroup = SC_SHOWN(QosItem, time_mode, weekday);
 
 }  // namespace
 
@@ -71,11 +73,8 @@ int32_t SC_Operate_System_List_GetQosRule_Blank(QosBlock* block) {
 void GetQosItemList(const QosBlock* block, const IpGroupBlock* ip_groups,
                     const TimeGroupBlock* time_groups, QosItemList* list) {
   uint32_t count = get_items(kQosRules, block, list);
-  for (QosItem* item = list->items; item < list->items + count; ++item) {
-    if (item->match_kind == 0 && item->ip_mode == 1)
-      show_ip_group(ip_groups, item->ip_group_id, item->ip_group_name, item->start_ip_text);
-  }
-  show_time_groups(kTimeReferences, time_groups, list->items, count);
+  show_ip_groups(kShownIpGroup, ip_groups, list->items, count);
+  show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetQosItem(const QosBlock* block, uint32_t id, QosItem* item) {

@@ -34,7 +34,7 @@ constexpr List kUrlFilters = {
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
 constexpr Reference kTimeGroupReference =
     SC_REFERENCE(UrlFilterRecord, time_mode, 2, time_group_id);
-constexpr TimeReferences kTimeReferences = SC_TIME_REFERENCES(UrlFilterItem);
+constexpr Shown kShownTimeGroup = SC_SHOWN(UrlFilterItem, time_mode, weekday);
 
 }  // namespace
 
@@ -68,7 +68,7 @@ int32_t SC_Operate_System_List_FireWall_UrlCheckUrl(const FwUrlBlock* block,
 void GetUrlFilterItemList(const FwUrlBlock* block, const TimeGroupBlock* time_groups,
                           UrlFilterItemList* list) {
   uint32_t count = get_items(kUrlFilters, block, list);
-  show_time_groups(kTimeReferences, time_groups, list->items, count);
+  show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetUrlFilterItem(const FwUrlBlock* block, uint32_t id, UrlFilterItem* item) {
