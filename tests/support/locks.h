@@ -13,7 +13,7 @@ namespace sc_test {
 class LockHolder {
  public:
   LockHolder(const std::string& path, off_t byte);
-  ~LockHolder() { release(); }
+  ~LockHolder();
   LockHolder(const LockHolder&) = delete;
   LockHolder& operator=(const LockHolder&) = delete;
 
@@ -21,7 +21,7 @@ class LockHolder {
 
  private:
   pid_t pid_;
-  int until_; /* the holder lives until this end of a pipe is closed */
+  int until_; /* the holder lives until it reads from this pipe */
 };
 
 /* Waits until the kernel lists the process as blocked on that byte of the file (the waiter line in

@@ -1,0 +1,214 @@
+#include "support/world.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace sc_test {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kFirstKey = 9600, kLastKey = 9616;
+const char* const kDirectories[] = {"/var/lock_store", "/var/systemconfig", "/var/dataconfig"};
+const fs::path kStandIns = "/var/stand_ins";
+const fs::path kCommandsRun = "/var/stand_ins/commands_run";
+
+/* Attached by this process, as shmat and shmdt below saw it. */
+std::vector<void*>& attached() {
+  static std::vector<void*> addresses;
+  return addresses;
+}
+
+[[noreturn]] void refuse(const std::string& step) {
+  fprintf(stderr, "No private world for the tests: %s: %s\n", step.c_str(), strerror(errno));
+  exit(2);
+}
+
+void must(bool done, const std::string& step) {
+  if (!done) refuse(step);
+}
+
+void write_map(const char* path, const std::string& text) {
+  int fd = open(path, O_WRONLY);
+  must(fd >= 0, path);
+  must(write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), path);
+  close(fd);
+}
+
+void enter_namespaces() {
+  const bool root = geteuid() == 0;
+  const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
+  must(unshare(CLONE_NEWNS | CLONE_NEWIPC | (root ? 0 : CLONE_NEWUSER)) == 0, "unshare");
+  if (!root) {
+    write_map("/proc/self/setgroups", "deny");
+    write_map("/proc/self/uid_map", uid + " " + uid + " 1");
+    write_map("/proc/self/gid_map", gid + " " + gid + " 1");
+  }
+  must(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount / private");
+}
+
+/* A tmpfs over /var, in which the folders that were there before stay visible (the build tree may
+ * lie in one of them), but for those of the library. */
+void replace_var() {
+  int old_var = open("/var", O_PATH | O_DIRECTORY);
+  must(old_var >= 0, "open /var");
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator("/var")) {
+    if (entry.is_directory() && !entry.is_symlink()) names.push_back(entry.path().filename());
+  }
+  must(mount("tmpfs", "/var", "tmpfs", 0, "mode=0755") == 0, "mount tmpfs over /var");
+  for (const auto& name : names) {
+    if (name == "lock_store" || name == "systemconfig" || name == "dataconfig") continue;
+    const std::string from = "/proc/self/fd/" + std::to_string(old_var) + "/" + name;
+    fs::create_directory("/var/" + name);
+    must(mount(from.c_str(), ("/var/" + name).c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+         "bind /var/" + name);
+  }
+  close(old_var);
+}
+
+/* sync is among them because flushing the host's disks again and again is no part of a test. */
+void put_stand_ins_first_in_path() {
+  fs::create_directory(kStandIns);
+  for (const char* name : {"change_event", "send_event", "sync"}) {
+    const fs::path script = kStandIns / name;
+    std::ofstream(script) << "#!/bin/sh\necho \"" << name << "${*:+ }$*\" >>" << kCommandsRun.native()
+                          << "\n";
+    fs::permissions(script, fs::perms::owner_all);
+  }
+  const char* path = getenv("PATH");
+  setenv("PATH", (kStandIns.native() + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
+}
+
+}  // namespace
+
+void enter_private_world() {
+  enter_namespaces();
+  replace_var();
+  put_stand_ins_first_in_path();
+}
+
+void World::SetUp() {
+  for (int key = kFirstKey; key <= kLastKey; ++key) {
+    int segment = segment_of(key);
+    if (segment >= 0) ASSERT_EQ(shmctl(segment, IPC_RMID, nullptr), 0) << strerror(errno);
+  }
+  for (const char* directory : kDirectories) {
+    fs::remove_all(directory);
+    ASSERT_TRUE(fs::create_directory(directory));
+  }
+  for (const auto& entry : fs::directory_iterator("/var")) {
+    if (!entry.is_directory()) fs::remove(entry.path());
+  }
+  fs::remove(kCommandsRun);
+}
+
+void World::TearDown() {
+  for (void* address : attached_addresses()) shmdt(address);
+}
+
+std::vector<std::string> commands_run() {
+  std::vector<std::string> lines;
+  std::ifstream file(kCommandsRun);
+  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  return lines;
+}
+
+void write_file(const std::string& path, const std::string& bytes) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  ASSERT_TRUE(file) << path;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  EXPECT_TRUE(file) << path;
+  std::stringstream bytes;
+  bytes << file.rdbuf();
+  return bytes.str();
+}
+
+bool exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+int segment_of(int key) { return shmget(key, 0, 0); }
+
+size_t segment_size(int key) {
+  shmid_ds state;
+  return shmctl(segment_of(key), IPC_STAT, &state) == 0 ? state.shm_segsz : 0;
+}
+
+std::vector<void*> attached_addresses() { return attached(); }
+
+/* Takes all room in ever smaller pieces. A 64-bit library attaches in the low part only. */
+NoAddressSpace::NoAddressSpace() {
+  int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+#ifdef MAP_32BIT
+  if (sizeof(void*) == 8) flags |= MAP_32BIT;
+#endif
+  rooms_.reserve(4096);
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  for (size_t size = size_t{1} << 30; size >= page; size /= 2) {
+    void* at;
+    while ((at = mmap(nullptr, size, PROT_NONE, flags, -1, 0)) != MAP_FAILED) {
+      rooms_.push_back({at, size});
+    }
+  }
+}
+
+NoAddressSpace::~NoAddressSpace() {
+  for (const Room& room : rooms_) munmap(room.at, room.size);
+}
+
+NoDescriptors::NoDescriptors() {
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  soft_ = limit.rlim_cur;
+  hard_ = limit.rlim_max;
+  int lowest_free = dup(0);
+  close(lowest_free);
+  limit.rlim_cur = static_cast<rlim_t>(lowest_free);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+NoDescriptors::~NoDescriptors() {
+  rlimit limit;
+  limit.rlim_cur = static_cast<rlim_t>(soft_);
+  limit.rlim_max = static_cast<rlim_t>(hard_);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace sc_test
+
+#include <dlfcn.h>
+
+/* Interposed: the library attaches and never detaches, so the fixture has to know the addresses. */
+extern "C" void* shmat(int segment, const void* at, int flags) noexcept {
+  static const auto next = reinterpret_cast<decltype(&shmat)>(dlsym(RTLD_NEXT, "shmat"));
+  void* address = next(segment, at, flags);
+  if (address != reinterpret_cast<void*>(-1)) sc_test::attached().push_back(address);
+  return address;
+}
+
+extern "C" int shmdt(const void* address) noexcept {
+  static const auto next = reinterpret_cast<decltype(&shmdt)>(dlsym(RTLD_NEXT, "shmdt"));
+  int result = next(address);
+  if (result == 0) {
+    std::erase(sc_test::attached(), address);
+  }
+  return result;
+}
