@@ -14,6 +14,7 @@ constexpr IdTable kAps =
     SC_ID_TABLE(ManageApListBlock, header.lock_path, aps, ApInfoRecord, ap_id, ap_mac);
 
 constexpr int8_t kOffline = -2;
+constexpr char kNoInfo[sizeof(ApInfoRecord::group_info)] = {};
 
 /* Writes the binding of the first AP with the MAC under its lock. 1, or 0 when it cannot be done.
  */
@@ -106,8 +107,7 @@ int32_t SC_Ap_Add_GroupInfo_by_Mac(ManageApListBlock* block, const char* info, i
 }
 
 int32_t SC_Ap_Clean_GroupInfo_by_Mac(ManageApListBlock* block, const uint8_t* mac) {
-  const char nothing[sizeof(ApInfoRecord::group_info)] = {};
-  return bind(block, nothing, 0, mac);
+  return bind(block, kNoInfo, 0, mac);
 }
 
 /* Required: despite the name it clears whole records. */

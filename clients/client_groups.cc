@@ -56,17 +56,11 @@ int32_t SC_Operate_System_List_ClientsGroupsCheckName(const ClientsGroupsBlock* 
 }
 
 int32_t AddClientsGroupsItem(ClientsGroupsBlock* block, const ClientsGroupsItem* item) {
-  uint32_t position = 0;
-  int32_t result = operate(kGroups.table, block, LIST_OP_ADD, &position, item);
-  save(kClientsGroups);
-  return result;
+  return add_record(kGroups, block, item);
 }
 
 int32_t ModifyClientsGroupsItem(ClientsGroupsBlock* block, const ClientsGroupsItem* item) {
-  uint32_t position = static_cast<uint32_t>(item->slot_id) - 1;
-  int32_t result = operate(kGroups.table, block, LIST_OP_MODIFY, &position, item);
-  save(kClientsGroups);
-  return result;
+  return modify_record(kGroups, block, static_cast<uint32_t>(item->slot_id), item);
 }
 
 void DelClientsGroupsItem(ClientsGroupsBlock* block, char* ids) {

@@ -79,20 +79,14 @@ int32_t SC_Operate_System_List_ClientsCheckMac(const ClientsBlock* block, const 
 }
 
 int32_t AddClientsItem(ClientsBlock* block, const ClientsItem* item) {
-  uint32_t position = 0;
-  int32_t result = operate(kClientList.table, block, LIST_OP_ADD, &position, item);
-  save(kClients);
-  return result;
+  return add_record(kClientList, block, item);
 }
 
 /* Required: the check sees a zero MAC, not the item's. */
 int32_t ModifyClientsItem(ClientsBlock* block, const ClientsItem* item) {
   ClientsItem scratch = *item;
   memset(scratch.client_mac, 0, sizeof scratch.client_mac);
-  uint32_t position = static_cast<uint32_t>(item->slot_id) - 1;
-  int32_t result = operate(kClientList.table, block, LIST_OP_MODIFY, &position, &scratch);
-  save(kClients);
-  return result;
+  return modify_record(kClientList, block, static_cast<uint32_t>(item->slot_id), &scratch);
 }
 
 void DelClientsItem(ClientsBlock* block, char* ids) { delete_items(kClientList, block, ids); }

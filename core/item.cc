@@ -104,13 +104,6 @@ void to_record(const List& list, const uint8_t* item, uint8_t* record) {
   }
 }
 
-int32_t write_item(const List& list, void* block, uint32_t op, uint32_t position,
-                   const void* item) {
-  uint8_t record[kMaxStride]; /* only what the map fills is read */
-  to_record(list, static_cast<const uint8_t*>(item), record);
-  return operate(list.table, block, op, &position, record);
-}
-
 }  // namespace
 
 uint32_t get_items(const List& list, const void* block, void* items) {
@@ -140,14 +133,28 @@ void get_item(const List& list, const void* block, uint32_t id, void* item) {
 }
 
 int32_t add_item(const List& list, void* block, const void* item) {
-  int32_t result = write_item(list, block, LIST_OP_ADD, 0, item);
+  uint8_t record[kMaxStride]; /* only what the fields fill is read */
+  to_record(list, static_cast<const uint8_t*>(item), record);
+  return add_record(list, block, record);
+}
+
+int32_t modify_item(const List& list, void* block, const void* item) {
+  uint8_t record[kMaxStride];
+  to_record(list, static_cast<const uint8_t*>(item), record);
+  return modify_record(list, block, load<uint32_t>(item), record);
+}
+
+int32_t add_record(const List& list, void* block, const void* record) {
+  uint32_t position = 0;
+  int32_t result = operate(list.table, block, LIST_OP_ADD, &position, record);
   if (result == SC_LIST_OK) count(list, block, 1);
   notify(list.code);
   return result;
 }
 
-int32_t modify_item(const List& list, void* block, const void* item) {
-  int32_t result = write_item(list, block, LIST_OP_MODIFY, load<uint32_t>(item) - 1, item);
+int32_t modify_record(const List& list, void* block, uint32_t id, const void* record) {
+  uint32_t position = id - 1;
+  int32_t result = operate(list.table, block, LIST_OP_MODIFY, &position, record);
   notify(list.code);
   return result;
 }

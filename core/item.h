@@ -32,6 +32,10 @@ int32_t modify_item(const List& list, void* block, const void* item);
 void delete_items(const List& list, void* block, char* ids);
 void delete_all_items(const List& list, void* block);
 
+/* Adding and modifying where an item is laid out as its record. */
+int32_t add_record(const List& list, void* block, const void* record);
+int32_t modify_record(const List& list, void* block, uint32_t id, const void* record);
+
 /* Frees the record at id - 1 and lowers the counter, whether or not there was one. */
 void delete_item(const List& list, void* block, uint32_t id);
 
