@@ -1,15 +1,16 @@
 #!/bin/bash
 # Installs what a command of this repository needs and the machine lacks.
-# Usage: tools/setup.sh demo|check     ("check" includes what "demo" needs)
+# Usage: tools/setup.sh demo|device|check     (each includes what the ones before it need)
 set -euo pipefail
 
 list=$(dirname "$0")/packages.list
 
 case ${1:-} in
   demo) groups=' demo ' ;;
-  check) groups=' demo check ' ;;
+  device) groups=' demo device ' ;;
+  check) groups=' demo device check ' ;;
   *)
-    echo "usage: $0 demo|check" >&2
+    echo "usage: $0 demo|device|check" >&2
     exit 2
     ;;
 esac

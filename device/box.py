@@ -1,0 +1,172 @@
+"""The box: a small router in the system emulator, its flash and its console.
+
+The flash is a piece of the emulated memory that the kernel does not use and drives as a memory
+chip (phram). The emulated memory is a file that this process maps, so a byte that the CPU stores
+to the flash is in our hands at once: nothing between the file system and the chip delays or
+reorders, and killing the emulator leaves exactly what was stored until then.
+"""
+
+import mmap
+import os
+import pathlib
+import re
+import selectors
+import signal
+import subprocess
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+BUILD = ROOT / "build/device"
+
+MIB = 1 << 20
+MEMORY = 256 * MIB
+FLASH_AT = 64 * MIB
+FLASH_SIZE = 8 * MIB
+ERASE_BLOCK = 64 * 1024
+# Results of the test suite leave the box through a second such chip.
+SPARE_AT = FLASH_AT + FLASH_SIZE
+SPARE_SIZE = 24 * MIB
+
+EMPTY_FLASH = b"\xff" * FLASH_SIZE
+
+
+def build():
+    subprocess.run([ROOT / "device/build"], check=True, stdin=subprocess.DEVNULL)
+
+
+def end_on_signals():
+    """Turns a signal that ends this process into an exception, so that boxes are switched off."""
+    def end(number, _frame):
+        raise SystemExit(128 + number)
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, end)
+
+
+class BoxError(Exception):
+    pass
+
+
+class Box:
+    """One run from power on to power off. Use as a context: leaving it cuts the power."""
+
+    def __init__(self, job, flash=EMPTY_FLASH, guard=False, arguments="", initrds=(),
+                 console=None, terminal=False, options=()):
+        if len(flash) != FLASH_SIZE:
+            raise BoxError("a flash image has %d bytes, this one %d" % (FLASH_SIZE, len(flash)))
+        self._terminal = terminal
+        self._echo = console or (lambda line: None)
+        self._pending = b""
+        self.lines = []
+        self._memory_file = os.memfd_create("box")
+        os.ftruncate(self._memory_file, MEMORY)
+        self._memory = mmap.mmap(self._memory_file, MEMORY)
+        self.flash = flash
+
+        self._initrd = None
+        initrd = BUILD / "box/initrd"
+        pass_fds = [self._memory_file]
+        if initrds:
+            # The kernel unpacks archives that follow one another.
+            self._initrd = os.memfd_create("initrd")
+            for path in (initrd, *initrds):
+                os.write(self._initrd, b"\0" * (-os.fstat(self._initrd).st_size % 4))
+                with open(path, "rb") as file:
+                    while os.sendfile(self._initrd, file.fileno(), None, 1 << 24):
+                        pass
+            pass_fds.append(self._initrd)
+            initrd = "/proc/self/fd/%d" % self._initrd
+        end = SPARE_AT + SPARE_SIZE
+        kernel_arguments = " ".join([
+            "console=ttyS0 quiet", "mem=%dM@0" % (FLASH_AT // MIB),
+            "mem=%dM@%dM" % ((MEMORY - end) // MIB, end // MIB),
+            "job=" + job, "guard=%d" % guard,
+            "flash=flash,%d,%d,%d" % (FLASH_AT, FLASH_SIZE, ERASE_BLOCK),
+            "spare=spare,%d,%d,%d" % (SPARE_AT, SPARE_SIZE, ERASE_BLOCK), arguments])
+        # Should this process be killed, the emulator dies with it.
+        command = [
+            "setpriv", "--pdeathsig", "KILL", "qemu-system-mipsel",
+            "-M", "malta,memory-backend=memory", "-cpu", "24Kc", "-m", "%dM" % (MEMORY // MIB),
+            "-object", "memory-backend-file,id=memory,share=on,size=%d,mem-path=/proc/self/fd/%d"
+            % (MEMORY, self._memory_file),
+            "-kernel", BUILD / "box/kernel", "-initrd", initrd, "-append", kernel_arguments,
+            "-nodefaults", "-display", "none", "-no-reboot", "-serial",
+            "mon:stdio" if terminal else "stdio", *options]
+        stream = None if terminal else subprocess.PIPE
+        self._emulator = subprocess.Popen(
+            [str(word) for word in command], stdin=stream, stdout=stream, pass_fds=pass_fds,
+            bufsize=0)
+        self._selector = selectors.DefaultSelector()
+        if not terminal:
+            self._selector.register(self._emulator.stdout, selectors.EVENT_READ)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.cut_power()
+        self._selector.close()
+        self._memory.close()
+        os.close(self._memory_file)
+        if self._initrd is not None:
+            os.close(self._initrd)
+
+    @property
+    def flash(self):
+        """The bytes on the flash, now."""
+        return self._memory[FLASH_AT:FLASH_AT + FLASH_SIZE]
+
+    @flash.setter
+    def flash(self, image):
+        self._memory[FLASH_AT:FLASH_AT + FLASH_SIZE] = image
+
+    @property
+    def spare(self):
+        return self._memory[SPARE_AT:SPARE_AT + SPARE_SIZE]
+
+    def cut_power(self):
+        """The emulator is killed, and gone when this returns. What it said before is kept."""
+        if self._emulator.poll() is None:
+            self._emulator.kill()
+        self._emulator.wait()
+        if not self._terminal:
+            self._take(self._emulator.stdout.read())
+
+    def type(self, text):
+        self._emulator.stdin.write(text.encode())
+
+    def wait_for(self, pattern, seconds):
+        """The match of the next console line that the pattern fits."""
+        expression = re.compile(pattern)
+        seen = len(self.lines)
+        limit = time.monotonic() + seconds
+        while True:
+            while seen < len(self.lines):
+                match = expression.search(self.lines[seen])
+                seen += 1
+                if match:
+                    return match
+            if not self._read(limit - time.monotonic()):
+                raise BoxError("no line with '%s' within %d s; the console's last lines:\n%s"
+                               % (pattern, seconds, "\n".join(self.lines[-20:])))
+
+    def run(self, seconds):
+        """Lets the box run until it switches itself off."""
+        if self._terminal:
+            self._emulator.wait()
+            return
+        self.wait_for("^power off$", seconds)
+        self._emulator.wait(10)
+
+    def _read(self, seconds):
+        if seconds <= 0 or not self._selector.select(seconds):
+            return False
+        received = os.read(self._emulator.stdout.fileno(), 65536)
+        self._take(received)
+        return received != b""
+
+    def _take(self, received):
+        *lines, self._pending = (self._pending + received).split(b"\n")
+        for line in lines:
+            text = line.decode(errors="replace").rstrip("\r")
+            self.lines.append(text)
+            self._echo(text)
