@@ -9,14 +9,14 @@ uint32_t SC_Get_DefApTemplate_System_Config(void) { return get(kDefApTemplate); 
 
 int SC_Uninit_System_DefApTemplate_Config(void) { return uninit(kDefApTemplate); }
 
-int SC_Init_System_DefApTemplate_Config(int read_flag) { return init(kDefApTemplate, read_flag); }
+int SC_Init_System_DefApTemplate_Config(int read_flag) { return init(read_flag, kDefApTemplate); }
 
 int SC_Read_System_DefApTemplate_Config(DefApTemplateBlock* block) {
-  return read(kDefApTemplate, block);
+  return read(block, kDefApTemplate);
 }
 
 void SC_Save_System_DefApTemplate_Config(void) { save(kDefApTemplate); }
 
 void SC_Save_System_DefApTemplate_Config2Flash(DefApTemplateBlock* block) {
-  save_to_flash(kDefApTemplate, block);
+  save_to_flash(block, kDefApTemplate);
 }

@@ -21,7 +21,7 @@ constexpr char kNoInfo[sizeof(ApInfoRecord::group_info)] = {};
 int32_t bind(ManageApListBlock* block, const char* info, int group, const uint8_t* mac) {
   LockFile file(block->header.lock_path);
   if (!file) return 0;
-  int32_t position = find_mac(kAps, block, mac);
+  int32_t position = find_mac(block, mac, kAps);
   if (position < 0) return 0;
   ApInfoRecord& ap = block->aps[position];
   ByteLock lock(file, &ap.lock_index);
@@ -36,25 +36,25 @@ uint32_t SC_Get_ManageApList_System_Config(void) { return get(kManageApList); }
 
 int SC_Uninit_System_ManageApList_Config(void) { return uninit(kManageApList); }
 
-int SC_Init_System_ManageApList_Config(int read_flag) { return init(kManageApList, read_flag); }
+int SC_Init_System_ManageApList_Config(int read_flag) { return init(read_flag, kManageApList); }
 
 int SC_Read_System_ManageApList_Config(ManageApListBlock* block) {
   SC_CleanWtpFragBuffer(block);
-  return read(kManageApList, block);
+  return read(block, kManageApList);
 }
 
 void SC_Save_System_ManageApList_Config(void) { save(kManageApList); }
 
 void SC_Save_System_ManageApList_Config2Flash(ManageApListBlock* block) {
-  save_to_flash(kManageApList, block);
+  save_to_flash(block, kManageApList);
 }
 
 int32_t SC_Get_Ap_Info_By_Id(const ManageApListBlock* block, uint32_t id) {
-  return find_id(kAps, block, id);
+  return find_id(block, id, kAps);
 }
 
 int32_t SC_Get_Ap_Info_By_Mac(const ManageApListBlock* block, const uint8_t* mac) {
-  return find_mac(kAps, block, mac);
+  return find_mac(block, mac, kAps);
 }
 
 /* Required: ids below 0 are not counted against the limit, but are not free either. */
@@ -64,10 +64,10 @@ int32_t SC_Get_Ap_Info_Blank(ManageApListBlock* block, const ApLimitsRecord* lim
     if (static_cast<int32_t>(ap.ap_id) > 0) ++used;
   }
   if (used >= limits->max_ap_count) return -1;
-  return claim_id(kAps, block);
+  return claim_id(block, kAps);
 }
 
-int32_t SC_Get_Ap_Info_Count(const ManageApListBlock* block) { return count_used(kAps, block); }
+int32_t SC_Get_Ap_Info_Count(const ManageApListBlock* block) { return count_used(block, kAps); }
 
 int32_t SC_Get_Ap_Info_Count_Online(const ManageApListBlock* block) {
   int32_t online = 0;
@@ -98,7 +98,7 @@ int32_t SC_Get_Ap_Info_Count_And_Id(uint32_t* positions, const ManageApListBlock
 }
 
 int32_t SC_Del_Ap_Info_by_Mac(ManageApListBlock* block, const uint8_t* mac) {
-  return delete_mac(kAps, block, mac);
+  return delete_mac(block, mac, kAps);
 }
 
 int32_t SC_Ap_Add_GroupInfo_by_Mac(ManageApListBlock* block, const char* info, int group,

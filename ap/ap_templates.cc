@@ -25,7 +25,7 @@ void change_binding(ApTemplateListBlock* block, ManageApListBlock* aps, uint32_t
                     const uint8_t* mac, bool bind) {
   LockFile file(block->header.lock_path);
   if (!file) return;
-  int32_t position = find_id(kTemplates, block, id);
+  int32_t position = find_id(block, id, kTemplates);
   if (position < 0) return;
   ApTemplateRecord& target = block->templates[position];
   ByteLock lock(file, &target.lock_index);
@@ -47,28 +47,28 @@ uint32_t SC_Get_ApTemplateList_System_Config(void) { return get(kApTemplateList)
 
 int SC_Uninit_System_ApTemplateList_Config(void) { return uninit(kApTemplateList); }
 
-int SC_Init_System_ApTemplateList_Config(int read_flag) { return init(kApTemplateList, read_flag); }
+int SC_Init_System_ApTemplateList_Config(int read_flag) { return init(read_flag, kApTemplateList); }
 
 int SC_Read_System_ApTemplateList_Config(ApTemplateListBlock* block) {
-  return read(kApTemplateList, block);
+  return read(block, kApTemplateList);
 }
 
 void SC_Save_System_ApTemplateList_Config(void) { save(kApTemplateList); }
 
 void SC_Save_System_ApTemplateList_Config2Flash(ApTemplateListBlock* block) {
-  save_to_flash(kApTemplateList, block);
+  save_to_flash(block, kApTemplateList);
 }
 
 int32_t SC_Get_AP_Template_Info_By_Id(const ApTemplateListBlock* block, uint32_t id) {
-  return find_id(kTemplates, block, id);
+  return find_id(block, id, kTemplates);
 }
 
 int32_t SC_Get_AP_Template_Info_Blank(ApTemplateListBlock* block) {
-  return claim_id(kTemplates, block);
+  return claim_id(block, kTemplates);
 }
 
 int32_t SC_Get_AP_Template_Info_Count(const ApTemplateListBlock* block) {
-  return count_used(kTemplates, block);
+  return count_used(block, kTemplates);
 }
 
 /* Required: takes a position, despite the name. */

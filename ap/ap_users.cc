@@ -21,17 +21,17 @@ int SC_Uninit_System_ApUserList_Config(void) { return uninit(kApUserList); }
 int SC_Init_System_ApUserList_Config(void) { return init_run_time(kApUserList); }
 
 int32_t SC_Get_ApUser_Info_By_Id(const ApUserListBlock* block, uint32_t id) {
-  return find_id(kUsers, block, id);
+  return find_id(block, id, kUsers);
 }
 
 int32_t SC_Get_ApUser_Info_By_Mac(const ApUserListBlock* block, const uint8_t* mac) {
-  return find_mac(kUsers, block, mac);
+  return find_mac(block, mac, kUsers);
 }
 
 int32_t SC_Del_ApUser_Info_by_Mac(ApUserListBlock* block, const uint8_t* mac) {
-  return delete_mac(kUsers, block, mac);
+  return delete_mac(block, mac, kUsers);
 }
 
-int32_t SC_Get_ApUser_Info_Blank(ApUserListBlock* block) { return claim_id(kUsers, block); }
+int32_t SC_Get_ApUser_Info_Blank(ApUserListBlock* block) { return claim_id(block, kUsers); }
 
-int32_t SC_Get_ApUser_Info_Count(const ApUserListBlock* block) { return count_used(kUsers, block); }
+int32_t SC_Get_ApUser_Info_Count(const ApUserListBlock* block) { return count_used(block, kUsers); }

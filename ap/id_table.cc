@@ -23,7 +23,7 @@ uint32_t id_of(const IdTable& table, const void* block, uint32_t position) {
 
 }  // namespace
 
-int32_t find_id(const IdTable& table, const void* block, uint32_t id) {
+int32_t find_id(const void* block, uint32_t id, const IdTable& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     if (id_of(table, block, position) == id) return static_cast<int32_t>(position);
   }
@@ -31,7 +31,7 @@ int32_t find_id(const IdTable& table, const void* block, uint32_t id) {
 }
 
 /* The maker's half of a MAC is often the same: its other end is compared first. */
-int32_t find_mac(const IdTable& table, const void* block, const uint8_t* mac) {
+int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table) {
   const uint32_t tail = load<uint32_t>(mac + 2);
   const uint16_t head = load<uint16_t>(mac);
   const size_t stride = table.stride;
@@ -46,7 +46,7 @@ int32_t find_mac(const IdTable& table, const void* block, const uint8_t* mac) {
 }
 
 /* Ids are aligned, so a claim is one instruction and two processes never claim one record. */
-int32_t claim_id(const IdTable& table, void* block) {
+int32_t claim_id(void* block, const IdTable& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     void* id = record_at(table, block, position) + table.id_at;
     uint32_t free = 0;
@@ -58,7 +58,7 @@ int32_t claim_id(const IdTable& table, void* block) {
   return -1;
 }
 
-int32_t count_used(const IdTable& table, const void* block) {
+int32_t count_used(const void* block, const IdTable& table) {
   int32_t used = 0;
   if (block == nullptr) return used;
   for (uint32_t position = 0; position < table.capacity; ++position) {
@@ -67,10 +67,10 @@ int32_t count_used(const IdTable& table, const void* block) {
   return used;
 }
 
-int32_t delete_mac(const IdTable& table, void* block, const uint8_t* mac) {
+int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table) {
   LockFile file(static_cast<const char*>(block) + table.path_at, table.path_size);
   if (!file) return 0;
-  int32_t position = find_mac(table, block, mac);
+  int32_t position = find_mac(block, mac, table);
   if (position < 0) return 0;
   clear_record(table, file, block, static_cast<uint32_t>(position));
   return 1;

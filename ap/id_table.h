@@ -34,18 +34,18 @@ struct IdTable {
 
 /* Position of the first record with the id or the MAC, free ones included; -1 when there is none.
  */
-int32_t find_id(const IdTable& table, const void* block, uint32_t id);
-int32_t find_mac(const IdTable& table, const void* block, const uint8_t* mac);
+int32_t find_id(const void* block, uint32_t id, const IdTable& table);
+int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table);
 
 /* Claims the lowest free record without a lock. Its position, or -1. */
-int32_t claim_id(const IdTable& table, void* block);
+int32_t claim_id(void* block, const IdTable& table);
 
 /* Number of records whose id is not 0; 0 for a null block. */
-int32_t count_used(const IdTable& table, const void* block);
+int32_t count_used(const void* block, const IdTable& table);
 
 /* Clears the first record with the MAC. 1, or 0 when there is none or the lock file cannot be
  * opened. */
-int32_t delete_mac(const IdTable& table, void* block, const uint8_t* mac);
+int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table);
 
 /* Under its lock, zeroes the whole record but its lock index. */
 void clear_record(const IdTable& table, const LockFile& file, void* block, uint32_t position);

@@ -28,43 +28,43 @@ uint32_t SC_Get_Clients_Groups_System_Config(void) { return get(kClientsGroups);
 
 int SC_Uninit_System_Clients_Groups_Config(void) { return uninit(kClientsGroups); }
 
-int SC_Init_System_Clients_Groups_Config(int read_flag) { return init(kClientsGroups, read_flag); }
+int SC_Init_System_Clients_Groups_Config(int read_flag) { return init(read_flag, kClientsGroups); }
 
 int SC_Read_System_Clients_Groups_Config(ClientsGroupsBlock* block) {
-  return read(kClientsGroups, block);
+  return read(block, kClientsGroups);
 }
 
 void SC_Save_System_Clients_Groups_Config(void) { save(kClientsGroups); }
 
 void SC_Save_System_Clients_Groups_Config2Flash(ClientsGroupsBlock* block) {
-  save_to_flash(kClientsGroups, block);
+  save_to_flash(block, kClientsGroups);
 }
 
 int32_t SC_Operate_System_List_ClientsGroups(ClientsGroupsBlock* block, uint32_t op,
                                              uint32_t* index, const ClientsGroupsItem* item) {
-  return operate(kGroups.table, block, op, index, item);
+  return operate(block, op, index, item, kGroups.table);
 }
 
 int32_t SC_Operate_System_List_GetClientsGroups_Blank(ClientsGroupsBlock* block) {
-  return claim(kGroups.table.geometry, block);
+  return claim(block, kGroups.table.geometry);
 }
 
 int32_t SC_Operate_System_List_ClientsGroupsCheckName(const ClientsGroupsBlock* block,
                                                       const ClientsGroupsItem* item,
                                                       uint32_t skip_slot) {
-  return find_clash(kGroups.table, block, item, skip_slot);
+  return find_clash(block, item, skip_slot, kGroups.table);
 }
 
 int32_t AddClientsGroupsItem(ClientsGroupsBlock* block, const ClientsGroupsItem* item) {
-  return add_record(kGroups, block, item);
+  return add_record(block, item, kGroups);
 }
 
 int32_t ModifyClientsGroupsItem(ClientsGroupsBlock* block, const ClientsGroupsItem* item) {
-  return modify_record(kGroups, block, static_cast<uint32_t>(item->slot_id), item);
+  return modify_record(block, static_cast<uint32_t>(item->slot_id), item, kGroups);
 }
 
 void DelClientsGroupsItem(ClientsGroupsBlock* block, char* ids) {
-  delete_items(kGroups, block, ids);
+  delete_items(block, ids, kGroups);
 }
 
-void DelAllClientsGroupsItem(ClientsGroupsBlock* block) { delete_all_items(kGroups, block); }
+void DelAllClientsGroupsItem(ClientsGroupsBlock* block) { delete_all_items(block, kGroups); }

@@ -56,39 +56,39 @@ uint32_t SC_Get_Clients_System_Config(void) { return get(kClients); }
 
 int SC_Uninit_System_Clients_Config(void) { return uninit(kClients); }
 
-int SC_Init_System_Clients_Config(int read_flag) { return init(kClients, read_flag); }
+int SC_Init_System_Clients_Config(int read_flag) { return init(read_flag, kClients); }
 
-int SC_Read_System_Clients_Config(ClientsBlock* block) { return read(kClients, block); }
+int SC_Read_System_Clients_Config(ClientsBlock* block) { return read(block, kClients); }
 
 void SC_Save_System_Clients_Config(void) { save(kClients); }
 
-void SC_Save_System_Clients_Config2Flash(ClientsBlock* block) { save_to_flash(kClients, block); }
+void SC_Save_System_Clients_Config2Flash(ClientsBlock* block) { save_to_flash(block, kClients); }
 
 int32_t SC_Operate_System_List_Clients(ClientsBlock* block, uint32_t op, uint32_t* index,
                                        const ClientsItem* item) {
-  return operate(kClientList.table, block, op, index, item);
+  return operate(block, op, index, item, kClientList.table);
 }
 
 int32_t SC_Operate_System_List_GetClients_Blank(ClientsBlock* block) {
-  return claim(kClientList.table.geometry, block);
+  return claim(block, kClientList.table.geometry);
 }
 
 int32_t SC_Operate_System_List_ClientsCheckMac(const ClientsBlock* block, const ClientsItem* item,
                                                uint32_t skip_slot) {
-  return find_clash(kClientList.table, block, item, skip_slot);
+  return find_clash(block, item, skip_slot, kClientList.table);
 }
 
 int32_t AddClientsItem(ClientsBlock* block, const ClientsItem* item) {
-  return add_record(kClientList, block, item);
+  return add_record(block, item, kClientList);
 }
 
 /* Required: the check sees a zero MAC, not the item's. */
 int32_t ModifyClientsItem(ClientsBlock* block, const ClientsItem* item) {
   ClientsItem scratch = *item;
   memset(scratch.client_mac, 0, sizeof scratch.client_mac);
-  return modify_record(kClientList, block, static_cast<uint32_t>(item->slot_id), &scratch);
+  return modify_record(block, static_cast<uint32_t>(item->slot_id), &scratch, kClientList);
 }
 
-void DelClientsItem(ClientsBlock* block, char* ids) { delete_items(kClientList, block, ids); }
+void DelClientsItem(ClientsBlock* block, char* ids) { delete_items(block, ids, kClientList); }
 
-void DelAllClientsItem(ClientsBlock* block) { delete_all_items(kClientList, block); }
+void DelAllClientsItem(ClientsBlock* block) { delete_all_items(block, kClientList); }

@@ -67,12 +67,12 @@ extern const LockSpan kLockSpans[kLockSpanCount];
 
 uint32_t get(AreaId id);
 int uninit(AreaId id);
-int init(AreaId id, int read_flag);
+int init(int read_flag, AreaId id);
 /* Init without a flag: creates and empties the block and writes its header and lock indices. */
 int init_run_time(AreaId id);
-int read(AreaId id, void* block);
+int read(void* block, AreaId id);
 void save(AreaId id);
-void save_to_flash(AreaId id, const void* block);
+void save_to_flash(const void* block, AreaId id);
 
 }  // namespace sc
 

@@ -141,11 +141,11 @@ int uninit(AreaId id) {
   return 0;
 }
 
-int init(AreaId id, int read_flag) {
+int init(int read_flag, AreaId id) {
   uint8_t* block = nullptr;
   int status = create(id, &block);
   /* Required: only the low byte counts. */
-  if (block != nullptr && static_cast<uint8_t>(read_flag) == 1) read(id, block);
+  if (block != nullptr && static_cast<uint8_t>(read_flag) == 1) read(block, id);
   return status;
 }
 
@@ -156,7 +156,7 @@ int init_run_time(AreaId id) {
   return status;
 }
 
-int read(AreaId id, void* block) {
+int read(void* block, AreaId id) {
   const Area& area = kAreas[id];
   number(id, static_cast<uint8_t*>(block));
   Path archive(kArchivePath, area.stem);
@@ -176,7 +176,7 @@ int read(AreaId id, void* block) {
 
 void save(AreaId id) { notify(kAreas[id].code); }
 
-void save_to_flash(AreaId id, const void* block) {
+void save_to_flash(const void* block, AreaId id) {
   const Area& area = kAreas[id];
   const auto& header = *static_cast<const BlockHeader*>(block);
   {

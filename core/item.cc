@@ -106,7 +106,7 @@ void to_record(const List& list, const uint8_t* item, uint8_t* record) {
 
 }  // namespace
 
-uint32_t get_items(const List& list, const void* block, void* items) {
+uint32_t get_items(const void* block, void* items, const List& list) {
   if (block == nullptr) return 0;
   const Geometry& geometry = list.table.geometry;
   const uint8_t* records[kMaxItems];
@@ -123,7 +123,7 @@ uint32_t get_items(const List& list, const void* block, void* items) {
   return used;
 }
 
-void get_item(const List& list, const void* block, uint32_t id, void* item) {
+void get_item(const void* block, uint32_t id, void* item, const List& list) {
   if (block == nullptr) return;
   memset(item, 0, list.item_size);
   const Geometry& geometry = list.table.geometry;
@@ -132,48 +132,48 @@ void get_item(const List& list, const void* block, uint32_t id, void* item) {
   to_items(list, &record, 1, static_cast<uint8_t*>(item));
 }
 
-int32_t add_item(const List& list, void* block, const void* item) {
+int32_t add_item(void* block, const void* item, const List& list) {
   uint8_t record[kMaxStride]; /* only what the fields fill is read */
   to_record(list, static_cast<const uint8_t*>(item), record);
-  return add_record(list, block, record);
+  return add_record(block, record, list);
 }
 
-int32_t modify_item(const List& list, void* block, const void* item) {
+int32_t modify_item(void* block, const void* item, const List& list) {
   uint8_t record[kMaxStride];
   to_record(list, static_cast<const uint8_t*>(item), record);
-  return modify_record(list, block, load<uint32_t>(item), record);
+  return modify_record(block, load<uint32_t>(item), record, list);
 }
 
-int32_t add_record(const List& list, void* block, const void* record) {
+int32_t add_record(void* block, const void* record, const List& list) {
   uint32_t position = 0;
-  int32_t result = operate(list.table, block, LIST_OP_ADD, &position, record);
-  if (result == SC_LIST_OK) count(list, block, 1);
+  int32_t result = operate(block, LIST_OP_ADD, &position, record, list.table);
+  if (result == SC_LIST_OK) count(block, 1, list);
   notify(list.code);
   return result;
 }
 
-int32_t modify_record(const List& list, void* block, uint32_t id, const void* record) {
+int32_t modify_record(void* block, uint32_t id, const void* record, const List& list) {
   uint32_t position = id - 1;
-  int32_t result = operate(list.table, block, LIST_OP_MODIFY, &position, record);
+  int32_t result = operate(block, LIST_OP_MODIFY, &position, record, list.table);
   notify(list.code);
   return result;
 }
 
-void delete_item(const List& list, void* block, uint32_t id) {
+void delete_item(void* block, uint32_t id, const List& list) {
   uint32_t position = id - 1;
-  operate(list.table, block, LIST_OP_DEL, &position, nullptr);
+  operate(block, LIST_OP_DEL, &position, nullptr, list.table);
   /* Required: lowered whatever the result. */
-  count(list, block, -1);
+  count(block, -1, list);
 }
 
-void delete_items(const List& list, void* block, char* ids) {
+void delete_items(void* block, char* ids, const List& list) {
   int32_t id;
-  for (Ids tokens(ids); tokens.next(&id);) delete_item(list, block, static_cast<uint32_t>(id));
+  for (Ids tokens(ids); tokens.next(&id);) delete_item(block, static_cast<uint32_t>(id), list);
   notify(list.code);
 }
 
-void delete_all_items(const List& list, void* block) {
-  operate(list.table, block, LIST_OP_DEL_ALL, nullptr, nullptr);
+void delete_all_items(void* block, const List& list) {
+  operate(block, LIST_OP_DEL_ALL, nullptr, nullptr, list.table);
   /* Required: zero even when nothing could be freed. */
   memset(static_cast<uint8_t*>(block) + list.counter.at, 0, list.counter.size);
   notify(list.code);
@@ -181,7 +181,7 @@ void delete_all_items(const List& list, void* block) {
 
 /* Counters are aligned, unlike the words of records, and changed without a lock: by single
  * instructions, so that processes at the same time lose no count. */
-void count(const List& list, void* block, int32_t change) {
+void count(void* block, int32_t change, const List& list) {
   void* counter = static_cast<uint8_t*>(block) + list.counter.at;
   if (list.counter.size == 2) {
     __atomic_fetch_add(static_cast<uint16_t*>(counter), static_cast<uint16_t>(change),
@@ -191,7 +191,7 @@ void count(const List& list, void* block, int32_t change) {
   }
 }
 
-void delete_referring(const List& list, const Reference& reference, void* block, int32_t group_id) {
+void delete_referring(void* block, int32_t group_id, const List& list, const Reference& reference) {
   const Geometry& geometry = list.table.geometry;
   for (uint32_t position = 0; position < geometry.capacity; ++position) {
     const uint8_t* record = record_at(geometry, block, position);
@@ -200,7 +200,7 @@ void delete_referring(const List& list, const Reference& reference, void* block,
     /* Required: matched by these bytes alone, also in a record that was freed before. */
     if (load<int8_t>(record + reference.mode_at) != reference.mode || referred != group_id)
       continue;
-    delete_item(list, block, position + 1);
+    delete_item(block, position + 1, list);
     notify(list.code);
   }
 }

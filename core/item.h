@@ -25,22 +25,22 @@ struct List {
 };
 
 /* The item operations; what they do is said in sysconfig/core.h. */
-uint32_t get_items(const List& list, const void* block, void* items); /* the count */
-void get_item(const List& list, const void* block, uint32_t id, void* item);
-int32_t add_item(const List& list, void* block, const void* item);
-int32_t modify_item(const List& list, void* block, const void* item);
-void delete_items(const List& list, void* block, char* ids);
-void delete_all_items(const List& list, void* block);
+uint32_t get_items(const void* block, void* items, const List& list); /* the count */
+void get_item(const void* block, uint32_t id, void* item, const List& list);
+int32_t add_item(void* block, const void* item, const List& list);
+int32_t modify_item(void* block, const void* item, const List& list);
+void delete_items(void* block, char* ids, const List& list);
+void delete_all_items(void* block, const List& list);
 
 /* Adding and modifying where an item is laid out as its record. */
-int32_t add_record(const List& list, void* block, const void* record);
-int32_t modify_record(const List& list, void* block, uint32_t id, const void* record);
+int32_t add_record(void* block, const void* record, const List& list);
+int32_t modify_record(void* block, uint32_t id, const void* record, const List& list);
 
 /* Frees the record at id - 1 and lowers the counter, whether or not there was one. */
-void delete_item(const List& list, void* block, uint32_t id);
+void delete_item(void* block, uint32_t id, const List& list);
 
 /* Adds to the list's counter in the block. */
-void count(const List& list, void* block, int32_t change);
+void count(void* block, int32_t change, const List& list);
 
 /* A mode byte and a signed group id of 1 or 2 bytes in a record. */
 struct Reference {
@@ -51,7 +51,7 @@ struct Reference {
 };
 
 /* Deletes every record that refers to the group, each with its notification. */
-void delete_referring(const List& list, const Reference& reference, void* block, int32_t group_id);
+void delete_referring(void* block, int32_t group_id, const List& list, const Reference& reference);
 
 /* The ids of an index list, split in place. */
 class Ids {

@@ -9,12 +9,12 @@ uint32_t SC_Get_ProductInfo_System_Config(void) { return get(kProductInfo); }
 
 int SC_Uninit_System_ProductInfo_Config(void) { return uninit(kProductInfo); }
 
-int SC_Init_System_ProductInfo_Config(int read_flag) { return init(kProductInfo, read_flag); }
+int SC_Init_System_ProductInfo_Config(int read_flag) { return init(read_flag, kProductInfo); }
 
-int SC_Read_System_ProductInfo_Config(ProductInfoBlock* block) { return read(kProductInfo, block); }
+int SC_Read_System_ProductInfo_Config(ProductInfoBlock* block) { return read(block, kProductInfo); }
 
 void SC_Save_System_ProductInfo_Config(void) { save(kProductInfo); }
 
 void SC_Save_System_ProductInfo_Config2Flash(ProductInfoBlock* block) {
-  save_to_flash(kProductInfo, block);
+  save_to_flash(block, kProductInfo);
 }

@@ -66,7 +66,7 @@ void release(const Table& table, const LockFile& file, uint8_t* record) {
 
 }  // namespace
 
-int32_t find_clash(const Table& table, const void* block, const void* record, uint32_t skip_slot) {
+int32_t find_clash(const void* block, const void* record, uint32_t skip_slot, const Table& table) {
   const Geometry& geometry = table.geometry;
   const uint8_t* first = record_at(geometry, block, 0);
   const auto* wanted = static_cast<const uint8_t*>(record);
@@ -80,7 +80,7 @@ int32_t find_clash(const Table& table, const void* block, const void* record, ui
   return 0;
 }
 
-int32_t claim(const Geometry& geometry, void* block) {
+int32_t claim(void* block, const Geometry& geometry) {
   if (block == nullptr) return -1;
   LockFile file(header_of(block).lock_path);
   if (!file) return -1;
@@ -95,7 +95,7 @@ int32_t claim(const Geometry& geometry, void* block) {
   return -1;
 }
 
-int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, const void* record) {
+int32_t operate(void* block, uint32_t op, uint32_t* index, const void* record, const Table& table) {
   const Geometry& geometry = table.geometry;
   LockFile file(header_of(block).lock_path);
   if (!file) return SC_LIST_NO_LOCK;
@@ -103,14 +103,14 @@ int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, c
   uint32_t position;
   switch (op) {
     case LIST_OP_ADD:
-      if (find_clash(table, block, record, static_cast<uint32_t>(kFree))) return SC_LIST_REJECTED;
-      position = static_cast<uint32_t>(claim(geometry, block));
+      if (find_clash(block, record, static_cast<uint32_t>(kFree), table)) return SC_LIST_REJECTED;
+      position = static_cast<uint32_t>(claim(block, geometry));
       if (position >= geometry.capacity) return SC_LIST_REJECTED;
       break;
     case LIST_OP_MODIFY:
       position = *index;
       /* Required: the clash is told before the range. */
-      if (find_clash(table, block, record, position + 1)) return SC_LIST_REJECTED;
+      if (find_clash(block, record, position + 1, table)) return SC_LIST_REJECTED;
       if (position >= geometry.capacity) return table.modify_range;
       break;
     case LIST_OP_DEL:

@@ -1,6 +1,8 @@
 /* Record tables: a fixed number of equal records at a fixed place of a block, and the operations
  * that every list has, driven by one row of constant data.
  *
+ * Rows come last in every function here, so that an export hands its arguments on where they are.
+ *
  * A record is free when its slot word is -1, else the word is its position + 1. Positions are
  * 0-based. Writers hold the record's byte of the lock file; reads take no lock.
  */
@@ -74,14 +76,14 @@ inline const uint8_t* record_at(const Geometry& geometry, const void* block, uin
 }
 
 /* 1 when a used record other than the one of skip_slot has a key of `record`, else 0. */
-int32_t find_clash(const Table& table, const void* block, const void* record, uint32_t skip_slot);
+int32_t find_clash(const void* block, const void* record, uint32_t skip_slot, const Table& table);
 
 /* Claims the lowest free record: its slot word is set under its lock. Position, or -1 when none is
  * free, the lock file cannot be opened or the block is null. */
-int32_t claim(const Geometry& geometry, void* block);
+int32_t claim(void* block, const Geometry& geometry);
 
 /* One list operation; results as in sysconfig/layout.h. */
-int32_t operate(const Table& table, void* block, uint32_t op, uint32_t* index, const void* record);
+int32_t operate(void* block, uint32_t op, uint32_t* index, const void* record, const Table& table);
 
 }  // namespace sc
 

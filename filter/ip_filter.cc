@@ -50,50 +50,50 @@ uint32_t SC_Get_FwIpport_System_Config(void) { return get(kFwIpport); }
 
 int SC_Uninit_System_FwIpport_Config(void) { return uninit(kFwIpport); }
 
-int SC_Init_System_FwIpport_Config(int read_flag) { return init(kFwIpport, read_flag); }
+int SC_Init_System_FwIpport_Config(int read_flag) { return init(read_flag, kFwIpport); }
 
-int SC_Read_System_FwIpport_Config(FwIpportBlock* block) { return read(kFwIpport, block); }
+int SC_Read_System_FwIpport_Config(FwIpportBlock* block) { return read(block, kFwIpport); }
 
 void SC_Save_System_FwIpport_Config(void) { save(kFwIpport); }
 
-void SC_Save_System_FwIpport_Config2Flash(FwIpportBlock* block) { save_to_flash(kFwIpport, block); }
+void SC_Save_System_FwIpport_Config2Flash(FwIpportBlock* block) { save_to_flash(block, kFwIpport); }
 
 int32_t SC_Operate_System_List_FireWall_IpPort(FwIpportBlock* block, uint32_t op, uint32_t* index,
                                                const IpFilterRecord* record) {
-  return operate(kIpFilters.table, block, op, index, record);
+  return operate(block, op, index, record, kIpFilters.table);
 }
 
 int32_t SC_Operate_System_List_GetFireWall_IpPort_Blank(FwIpportBlock* block) {
-  return claim(kIpFilters.table.geometry, block);
+  return claim(block, kIpFilters.table.geometry);
 }
 
 void GetIpFilterItemList(const FwIpportBlock* block, const IpGroupBlock* ip_groups,
                          const TimeGroupBlock* time_groups, IpFilterItemList* list) {
-  uint32_t count = get_items(kIpFilters, block, list);
+  uint32_t count = get_items(block, list, kIpFilters);
   show_ip_groups(kShownIpGroup, ip_groups, list->items, count);
   show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetIpFilterItem(const FwIpportBlock* block, uint32_t id, IpFilterItem* item) {
-  get_item(kIpFilters, block, id, item);
+  get_item(block, id, item, kIpFilters);
 }
 
 int32_t AddIpFilterItem(FwIpportBlock* block, const IpFilterItem* item) {
-  return add_item(kIpFilters, block, item);
+  return add_item(block, item, kIpFilters);
 }
 
 int32_t ModifyIpFilterItem(FwIpportBlock* block, const IpFilterItem* item) {
-  return modify_item(kIpFilters, block, item);
+  return modify_item(block, item, kIpFilters);
 }
 
-void DelIpFilterItem(FwIpportBlock* block, char* ids) { delete_items(kIpFilters, block, ids); }
+void DelIpFilterItem(FwIpportBlock* block, char* ids) { delete_items(block, ids, kIpFilters); }
 
 void DelIpFilterItemByIpGroupId(FwIpportBlock* block, int32_t ip_group_id) {
-  delete_referring(kIpFilters, kIpGroupReference, block, ip_group_id);
+  delete_referring(block, ip_group_id, kIpFilters, kIpGroupReference);
 }
 
 void DelIpFilterItemByTimeGroupId(FwIpportBlock* block, int32_t time_group_id) {
-  delete_referring(kIpFilters, kTimeGroupReference, block, time_group_id);
+  delete_referring(block, time_group_id, kIpFilters, kTimeGroupReference);
 }
 
 /* Required: walks the block as if it held the port-forwarding table, which is at the same place but

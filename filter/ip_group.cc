@@ -35,40 +35,40 @@ uint32_t SC_Get_IpGroup_System_Config(void) { return get(kIpGroup); }
 
 int SC_Uninit_System_IpGroup_Config(void) { return uninit(kIpGroup); }
 
-int SC_Init_System_IpGroup_Config(int read_flag) { return init(kIpGroup, read_flag); }
+int SC_Init_System_IpGroup_Config(int read_flag) { return init(read_flag, kIpGroup); }
 
-int SC_Read_System_IpGroup_Config(IpGroupBlock* block) { return read(kIpGroup, block); }
+int SC_Read_System_IpGroup_Config(IpGroupBlock* block) { return read(block, kIpGroup); }
 
 void SC_Save_System_IpGroup_Config(void) { save(kIpGroup); }
 
-void SC_Save_System_IpGroup_Config2Flash(IpGroupBlock* block) { save_to_flash(kIpGroup, block); }
+void SC_Save_System_IpGroup_Config2Flash(IpGroupBlock* block) { save_to_flash(block, kIpGroup); }
 
 int32_t SC_Operate_System_List_UserIpGroup(IpGroupBlock* block, uint32_t op, uint32_t* index,
                                            const IpGroupRecord* record) {
-  return operate(kIpGroups.table, block, op, index, record);
+  return operate(block, op, index, record, kIpGroups.table);
 }
 
 int32_t SC_Operate_System_List_GetUserIpGroup_Blank(IpGroupBlock* block) {
-  return claim(kIpGroups.table.geometry, block);
+  return claim(block, kIpGroups.table.geometry);
 }
 
 void GetIpGroupItemList(const IpGroupBlock* block, IpGroupItemList* list) {
-  get_items(kIpGroups, block, list);
+  get_items(block, list, kIpGroups);
 }
 
 void GetIpGroupItem(const IpGroupBlock* block, uint32_t id, IpGroupItem* item) {
-  get_item(kIpGroups, block, id, item);
+  get_item(block, id, item, kIpGroups);
 }
 
 int32_t AddIpGroupItem(IpGroupBlock* block, const IpGroupItem* item) {
-  return add_item(kIpGroups, block, item);
+  return add_item(block, item, kIpGroups);
 }
 
 int32_t ModifyIpGroupItem(IpGroupBlock* block, const IpGroupItem* item) {
-  return modify_item(kIpGroups, block, item);
+  return modify_item(block, item, kIpGroups);
 }
 
-void DelAllIpGroupItem(IpGroupBlock* block) { delete_all_items(kIpGroups, block); }
+void DelAllIpGroupItem(IpGroupBlock* block) { delete_all_items(block, kIpGroups); }
 
 int32_t GetIpGroupIndex(const IpGroupBlock* block, int32_t id) {
   if (block == nullptr) return -1;
@@ -84,7 +84,7 @@ void DelIpGroupItem(IpGroupBlock* block, FwIpportBlock* ip_filters, QosBlock* qo
   for (Ids tokens(ids); tokens.next(&id);) {
     DelIpFilterItemByIpGroupId(ip_filters, id);
     DelQosItemByIpGroupId(qos_rules, id);
-    delete_item(kIpGroups, block, static_cast<uint32_t>(id));
+    delete_item(block, static_cast<uint32_t>(id), kIpGroups);
   }
   save(kIpGroup);
 }

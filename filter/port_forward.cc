@@ -37,39 +37,39 @@ uint32_t SC_Get_VsIpport_System_Config(void) { return get(kVsIpport); }
 
 int SC_Uninit_System_VsIpport_Config(void) { return uninit(kVsIpport); }
 
-int SC_Init_System_VsIpport_Config(int read_flag) { return init(kVsIpport, read_flag); }
+int SC_Init_System_VsIpport_Config(int read_flag) { return init(read_flag, kVsIpport); }
 
-int SC_Read_System_VsIpport_Config(VsIpportBlock* block) { return read(kVsIpport, block); }
+int SC_Read_System_VsIpport_Config(VsIpportBlock* block) { return read(block, kVsIpport); }
 
 void SC_Save_System_VsIpport_Config(void) { save(kVsIpport); }
 
-void SC_Save_System_VsIpport_Config2Flash(VsIpportBlock* block) { save_to_flash(kVsIpport, block); }
+void SC_Save_System_VsIpport_Config2Flash(VsIpportBlock* block) { save_to_flash(block, kVsIpport); }
 
 int32_t SC_Operate_System_List_ForwordIpPort(VsIpportBlock* block, uint32_t op, uint32_t* index,
                                              const PortFwRecord* record) {
-  return operate(kPortForwards.table, block, op, index, record);
+  return operate(block, op, index, record, kPortForwards.table);
 }
 
 int32_t SC_Operate_System_List_GetForwordIpPort_Blank(VsIpportBlock* block) {
-  return claim(kPortForwards.table.geometry, block);
+  return claim(block, kPortForwards.table.geometry);
 }
 
 void GetPortFwItemList(const VsIpportBlock* block, PortFwItemList* list) {
-  get_items(kPortForwards, block, list);
+  get_items(block, list, kPortForwards);
 }
 
 void GetPortFwItem(const VsIpportBlock* block, uint32_t id, PortFwItem* item) {
-  get_item(kPortForwards, block, id, item);
+  get_item(block, id, item, kPortForwards);
 }
 
 int32_t AddPortFwItem(VsIpportBlock* block, const PortFwItem* item) {
-  return add_item(kPortForwards, block, item);
+  return add_item(block, item, kPortForwards);
 }
 
 int32_t ModifyPortFwItem(VsIpportBlock* block, const PortFwItem* item) {
-  return modify_item(kPortForwards, block, item);
+  return modify_item(block, item, kPortForwards);
 }
 
-void DelPortFwItem(VsIpportBlock* block, char* ids) { delete_items(kPortForwards, block, ids); }
+void DelPortFwItem(VsIpportBlock* block, char* ids) { delete_items(block, ids, kPortForwards); }
 
-void DelAllPortFwItem(VsIpportBlock* block) { delete_all_items(kPortForwards, block); }
+void DelAllPortFwItem(VsIpportBlock* block) { delete_all_items(block, kPortForwards); }

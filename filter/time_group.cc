@@ -35,42 +35,42 @@ uint32_t SC_Get_TimeGroup_System_Config(void) { return get(kTimeGroup); }
 
 int SC_Uninit_System_TimeGroup_Config(void) { return uninit(kTimeGroup); }
 
-int SC_Init_System_TimeGroup_Config(int read_flag) { return init(kTimeGroup, read_flag); }
+int SC_Init_System_TimeGroup_Config(int read_flag) { return init(read_flag, kTimeGroup); }
 
-int SC_Read_System_TimeGroup_Config(TimeGroupBlock* block) { return read(kTimeGroup, block); }
+int SC_Read_System_TimeGroup_Config(TimeGroupBlock* block) { return read(block, kTimeGroup); }
 
 void SC_Save_System_TimeGroup_Config(void) { save(kTimeGroup); }
 
 void SC_Save_System_TimeGroup_Config2Flash(TimeGroupBlock* block) {
-  save_to_flash(kTimeGroup, block);
+  save_to_flash(block, kTimeGroup);
 }
 
 int32_t SC_Operate_System_List_UserTimeGroup(TimeGroupBlock* block, uint32_t op, uint32_t* index,
                                              const TimeGroupRecord* record) {
-  return operate(kTimeGroups.table, block, op, index, record);
+  return operate(block, op, index, record, kTimeGroups.table);
 }
 
 int32_t SC_Operate_System_List_GetUserTimeGroup_Blank(TimeGroupBlock* block) {
-  return claim(kTimeGroups.table.geometry, block);
+  return claim(block, kTimeGroups.table.geometry);
 }
 
 void GetTimeGroupItemList(const TimeGroupBlock* block, TimeGroupItemList* list) {
-  get_items(kTimeGroups, block, list);
+  get_items(block, list, kTimeGroups);
 }
 
 void GetTimeGroupItem(const TimeGroupBlock* block, uint32_t id, TimeGroupItem* item) {
-  get_item(kTimeGroups, block, id, item);
+  get_item(block, id, item, kTimeGroups);
 }
 
 int32_t AddTimeGroupItem(TimeGroupBlock* block, const TimeGroupItem* item) {
-  return add_item(kTimeGroups, block, item);
+  return add_item(block, item, kTimeGroups);
 }
 
 int32_t ModifyTimeGroupItem(TimeGroupBlock* block, const TimeGroupItem* item) {
-  return modify_item(kTimeGroups, block, item);
+  return modify_item(block, item, kTimeGroups);
 }
 
-void DelAllTimeGroupItem(TimeGroupBlock* block) { delete_all_items(kTimeGroups, block); }
+void DelAllTimeGroupItem(TimeGroupBlock* block) { delete_all_items(block, kTimeGroups); }
 
 void DelTimeGroupItem(TimeGroupBlock* block, FwIpportBlock* ip_filters, FwMacBlock* mac_filters,
                       FwUrlBlock* url_filters, QosBlock* qos_rules, char* ids) {
@@ -81,7 +81,7 @@ void DelTimeGroupItem(TimeGroupBlock* block, FwIpportBlock* ip_filters, FwMacBlo
     DelUrlFilterItemByTimeGroupId(url_filters, id);
     DelMacFilterItemByTimeGroupId(mac_filters, id);
     DelQosItemByTimeGroupId(qos_rules, id);
-    delete_item(kTimeGroups, block, static_cast<uint32_t>(id));
+    delete_item(block, static_cast<uint32_t>(id), kTimeGroups);
   }
   save(kTimeGroup);
 }

@@ -38,70 +38,70 @@ constexpr List kAcBinds =
 
 int32_t SC_Operate_System_List_DhcpdBind(LanBlock* block, uint32_t op, uint32_t* index,
                                          const DhcpBindRecord* record) {
-  return operate(kLanBinds.table, block, op, index, record);
+  return operate(block, op, index, record, kLanBinds.table);
 }
 
 int32_t SC_Operate_System_List_GetDhcpdBind_Blank(LanBlock* block) {
-  return claim(kLanBinds.table.geometry, block);
+  return claim(block, kLanBinds.table.geometry);
 }
 
 int32_t SC_Operate_System_List_DhcpdBindCheckIpMac(const LanBlock* block,
                                                    const DhcpBindRecord* record,
                                                    uint32_t skip_slot) {
-  return find_clash(kLanBinds.table, block, record, skip_slot);
+  return find_clash(block, record, skip_slot, kLanBinds.table);
 }
 
 int32_t SC_Operate_System_List_AC_DhcpdBind(LanBlock* block, uint32_t op, uint32_t* index,
                                             const DhcpBindRecord* record) {
-  return operate(kAcBinds.table, block, op, index, record);
+  return operate(block, op, index, record, kAcBinds.table);
 }
 
 int32_t SC_Operate_System_List_AC_GetDhcpdBind_Blank(LanBlock* block) {
-  return claim(kAcBinds.table.geometry, block);
+  return claim(block, kAcBinds.table.geometry);
 }
 
 int32_t SC_Operate_System_List_AC_DhcpdBindCheckIpMac(const LanBlock* block,
                                                       const DhcpBindRecord* record,
                                                       uint32_t skip_slot) {
-  return find_clash(kAcBinds.table, block, record, skip_slot);
+  return find_clash(block, record, skip_slot, kAcBinds.table);
 }
 
 void GetDhcpStaticItemList(const LanBlock* block, DhcpStaticItemList* list) {
-  get_items(kLanBinds, block, list);
+  get_items(block, list, kLanBinds);
 }
 
 void GetDhcpStaticItem(const LanBlock* block, uint32_t id, DhcpStaticItem* item) {
-  get_item(kLanBinds, block, id, item);
+  get_item(block, id, item, kLanBinds);
 }
 
 int32_t AddDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
-  return add_item(kLanBinds, block, item);
+  return add_item(block, item, kLanBinds);
 }
 
 int32_t ModifyDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
-  return modify_item(kLanBinds, block, item);
+  return modify_item(block, item, kLanBinds);
 }
 
-void DelDhcpStaticItem(LanBlock* block, char* ids) { delete_items(kLanBinds, block, ids); }
+void DelDhcpStaticItem(LanBlock* block, char* ids) { delete_items(block, ids, kLanBinds); }
 
-void DelAllDhcpStaticItem(LanBlock* block) { delete_all_items(kLanBinds, block); }
+void DelAllDhcpStaticItem(LanBlock* block) { delete_all_items(block, kLanBinds); }
 
 void AC_GetDhcpStaticItemList(const LanBlock* block, DhcpStaticItemList* list) {
-  get_items(kAcBinds, block, list);
+  get_items(block, list, kAcBinds);
 }
 
 void AC_GetDhcpStaticItem(const LanBlock* block, uint32_t id, DhcpStaticItem* item) {
-  get_item(kAcBinds, block, id, item);
+  get_item(block, id, item, kAcBinds);
 }
 
 int32_t AC_AddDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
-  return add_item(kAcBinds, block, item);
+  return add_item(block, item, kAcBinds);
 }
 
 int32_t AC_ModifyDhcpStaticItem(LanBlock* block, const DhcpStaticItem* item) {
-  return modify_item(kAcBinds, block, item);
+  return modify_item(block, item, kAcBinds);
 }
 
-void AC_DelDhcpStaticItem(LanBlock* block, char* ids) { delete_items(kAcBinds, block, ids); }
+void AC_DelDhcpStaticItem(LanBlock* block, char* ids) { delete_items(block, ids, kAcBinds); }
 
-void AC_DelAllDhcpStaticItem(LanBlock* block) { delete_all_items(kAcBinds, block); }
+void AC_DelAllDhcpStaticItem(LanBlock* block) { delete_all_items(block, kAcBinds); }

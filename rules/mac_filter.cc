@@ -42,51 +42,51 @@ uint32_t SC_Get_FwMac_System_Config(void) { return get(kFwMac); }
 
 int SC_Uninit_System_FwMac_Config(void) { return uninit(kFwMac); }
 
-int SC_Init_System_FwMac_Config(int read_flag) { return init(kFwMac, read_flag); }
+int SC_Init_System_FwMac_Config(int read_flag) { return init(read_flag, kFwMac); }
 
-int SC_Read_System_FwMac_Config(FwMacBlock* block) { return read(kFwMac, block); }
+int SC_Read_System_FwMac_Config(FwMacBlock* block) { return read(block, kFwMac); }
 
 void SC_Save_System_FwMac_Config(void) { save(kFwMac); }
 
-void SC_Save_System_FwMac_Config2Flash(FwMacBlock* block) { save_to_flash(kFwMac, block); }
+void SC_Save_System_FwMac_Config2Flash(FwMacBlock* block) { save_to_flash(block, kFwMac); }
 
 int32_t SC_Operate_System_List_FireWall_Mac(FwMacBlock* block, uint32_t op, uint32_t* index,
                                             const MacFilterRecord* record) {
-  return operate(kMacFilters.table, block, op, index, record);
+  return operate(block, op, index, record, kMacFilters.table);
 }
 
 int32_t SC_Operate_System_List_GetFireWall_Mac_Blank(FwMacBlock* block) {
-  return claim(kMacFilters.table.geometry, block);
+  return claim(block, kMacFilters.table.geometry);
 }
 
 int32_t SC_Operate_System_List_FireWall_MacCheckMac(const FwMacBlock* block,
                                                     const MacFilterRecord* record,
                                                     uint32_t skip_slot) {
-  return find_clash(kMacFilters.table, block, record, skip_slot);
+  return find_clash(block, record, skip_slot, kMacFilters.table);
 }
 
 void GetMacFilterItemList(const FwMacBlock* block, const TimeGroupBlock* time_groups,
                           MacFilterItemList* list) {
-  uint32_t count = get_items(kMacFilters, block, list);
+  uint32_t count = get_items(block, list, kMacFilters);
   show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetMacFilterItem(const FwMacBlock* block, uint32_t id, MacFilterItem* item) {
-  get_item(kMacFilters, block, id, item);
+  get_item(block, id, item, kMacFilters);
 }
 
 int32_t AddMacFilterItem(FwMacBlock* block, const MacFilterItem* item) {
-  return add_item(kMacFilters, block, item);
+  return add_item(block, item, kMacFilters);
 }
 
 int32_t ModifyMacFilterItem(FwMacBlock* block, const MacFilterItem* item) {
-  return modify_item(kMacFilters, block, item);
+  return modify_item(block, item, kMacFilters);
 }
 
-void DelMacFilterItem(FwMacBlock* block, char* ids) { delete_items(kMacFilters, block, ids); }
+void DelMacFilterItem(FwMacBlock* block, char* ids) { delete_items(block, ids, kMacFilters); }
 
-void DelAllMacFilterItem(FwMacBlock* block) { delete_all_items(kMacFilters, block); }
+void DelAllMacFilterItem(FwMacBlock* block) { delete_all_items(block, kMacFilters); }
 
 void DelMacFilterItemByTimeGroupId(FwMacBlock* block, int32_t time_group_id) {
-  delete_referring(kMacFilters, kTimeGroupReference, block, time_group_id);
+  delete_referring(block, time_group_id, kMacFilters, kTimeGroupReference);
 }

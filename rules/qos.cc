@@ -53,50 +53,50 @@ uint32_t SC_Get_Qos_System_Config(void) { return get(kQos); }
 
 int SC_Uninit_System_Qos_Config(void) { return uninit(kQos); }
 
-int SC_Init_System_Qos_Config(int read_flag) { return init(kQos, read_flag); }
+int SC_Init_System_Qos_Config(int read_flag) { return init(read_flag, kQos); }
 
-int SC_Read_System_Qos_Config(QosBlock* block) { return read(kQos, block); }
+int SC_Read_System_Qos_Config(QosBlock* block) { return read(block, kQos); }
 
 void SC_Save_System_Qos_Config(void) { save(kQos); }
 
-void SC_Save_System_Qos_Config2Flash(QosBlock* block) { save_to_flash(kQos, block); }
+void SC_Save_System_Qos_Config2Flash(QosBlock* block) { save_to_flash(block, kQos); }
 
 int32_t SC_Operate_System_List_QosRule(QosBlock* block, uint32_t op, uint32_t* index,
                                        const QosRuleRecord* record) {
-  return operate(kQosRules.table, block, op, index, record);
+  return operate(block, op, index, record, kQosRules.table);
 }
 
 int32_t SC_Operate_System_List_GetQosRule_Blank(QosBlock* block) {
-  return claim(kQosRules.table.geometry, block);
+  return claim(block, kQosRules.table.geometry);
 }
 
 void GetQosItemList(const QosBlock* block, const IpGroupBlock* ip_groups,
                     const TimeGroupBlock* time_groups, QosItemList* list) {
-  uint32_t count = get_items(kQosRules, block, list);
+  uint32_t count = get_items(block, list, kQosRules);
   show_ip_groups(kShownIpGroup, ip_groups, list->items, count);
   show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetQosItem(const QosBlock* block, uint32_t id, QosItem* item) {
-  get_item(kQosRules, block, id, item);
+  get_item(block, id, item, kQosRules);
 }
 
 int32_t AddQosItem(QosBlock* block, const QosItem* item) {
-  return add_item(kQosRules, block, item);
+  return add_item(block, item, kQosRules);
 }
 
 int32_t ModifyQosItem(QosBlock* block, const QosItem* item) {
-  return modify_item(kQosRules, block, item);
+  return modify_item(block, item, kQosRules);
 }
 
-void DelQosItem(QosBlock* block, char* ids) { delete_items(kQosRules, block, ids); }
+void DelQosItem(QosBlock* block, char* ids) { delete_items(block, ids, kQosRules); }
 
-void DelAllQosItem(QosBlock* block) { delete_all_items(kQosRules, block); }
+void DelAllQosItem(QosBlock* block) { delete_all_items(block, kQosRules); }
 
 void DelQosItemByIpGroupId(QosBlock* block, int32_t ip_group_id) {
-  delete_referring(kQosRules, kIpGroupReference, block, ip_group_id);
+  delete_referring(block, ip_group_id, kQosRules, kIpGroupReference);
 }
 
 void DelQosItemByTimeGroupId(QosBlock* block, int32_t time_group_id) {
-  delete_referring(kQosRules, kTimeGroupReference, block, time_group_id);
+  delete_referring(block, time_group_id, kQosRules, kTimeGroupReference);
 }

@@ -42,51 +42,51 @@ uint32_t SC_Get_FwUrl_System_Config(void) { return get(kFwUrl); }
 
 int SC_Uninit_System_FwUrl_Config(void) { return uninit(kFwUrl); }
 
-int SC_Init_System_FwUrl_Config(int read_flag) { return init(kFwUrl, read_flag); }
+int SC_Init_System_FwUrl_Config(int read_flag) { return init(read_flag, kFwUrl); }
 
-int SC_Read_System_FwUrl_Config(FwUrlBlock* block) { return read(kFwUrl, block); }
+int SC_Read_System_FwUrl_Config(FwUrlBlock* block) { return read(block, kFwUrl); }
 
 void SC_Save_System_FwUrl_Config(void) { save(kFwUrl); }
 
-void SC_Save_System_FwUrl_Config2Flash(FwUrlBlock* block) { save_to_flash(kFwUrl, block); }
+void SC_Save_System_FwUrl_Config2Flash(FwUrlBlock* block) { save_to_flash(block, kFwUrl); }
 
 int32_t SC_Operate_System_List_FireWall_Url(FwUrlBlock* block, uint32_t op, uint32_t* index,
                                             const UrlFilterRecord* record) {
-  return operate(kUrlFilters.table, block, op, index, record);
+  return operate(block, op, index, record, kUrlFilters.table);
 }
 
 int32_t SC_Operate_System_List_GetFireWall_Url_Blank(FwUrlBlock* block) {
-  return claim(kUrlFilters.table.geometry, block);
+  return claim(block, kUrlFilters.table.geometry);
 }
 
 int32_t SC_Operate_System_List_FireWall_UrlCheckUrl(const FwUrlBlock* block,
                                                     const UrlFilterRecord* record,
                                                     uint32_t skip_slot) {
-  return find_clash(kUrlFilters.table, block, record, skip_slot);
+  return find_clash(block, record, skip_slot, kUrlFilters.table);
 }
 
 void GetUrlFilterItemList(const FwUrlBlock* block, const TimeGroupBlock* time_groups,
                           UrlFilterItemList* list) {
-  uint32_t count = get_items(kUrlFilters, block, list);
+  uint32_t count = get_items(block, list, kUrlFilters);
   show_time_groups(kShownTimeGroup, time_groups, list->items, count);
 }
 
 void GetUrlFilterItem(const FwUrlBlock* block, uint32_t id, UrlFilterItem* item) {
-  get_item(kUrlFilters, block, id, item);
+  get_item(block, id, item, kUrlFilters);
 }
 
 int32_t AddUrlFilterItem(FwUrlBlock* block, const UrlFilterItem* item) {
-  return add_item(kUrlFilters, block, item);
+  return add_item(block, item, kUrlFilters);
 }
 
 int32_t ModifyUrlFilterItem(FwUrlBlock* block, const UrlFilterItem* item) {
-  return modify_item(kUrlFilters, block, item);
+  return modify_item(block, item, kUrlFilters);
 }
 
-void DelUrlFilterItem(FwUrlBlock* block, char* ids) { delete_items(kUrlFilters, block, ids); }
+void DelUrlFilterItem(FwUrlBlock* block, char* ids) { delete_items(block, ids, kUrlFilters); }
 
-void DelAllUrlFilterItem(FwUrlBlock* block) { delete_all_items(kUrlFilters, block); }
+void DelAllUrlFilterItem(FwUrlBlock* block) { delete_all_items(block, kUrlFilters); }
 
 void DelUrlFilterItemByTimeGroupId(FwUrlBlock* block, int32_t time_group_id) {
-  delete_referring(kUrlFilters, kTimeGroupReference, block, time_group_id);
+  delete_referring(block, time_group_id, kUrlFilters, kTimeGroupReference);
 }
