@@ -16,8 +16,7 @@ constexpr IdTable kAps =
 constexpr int8_t kOffline = -2;
 constexpr char kNoInfo[sizeof(ApInfoRecord::group_info)] = {};
 
-/* Writes the binding of the first AP with the MAC under its lock. 1, or 0 when it cannot be done.
- */
+/* Writes the binding of the first AP with the MAC, under its lock. 1, or 0 when it cannot be. */
 int32_t bind(ManageApListBlock* block, const char* info, int group, const uint8_t* mac) {
   LockFile file(block->header.lock_path);
   if (!file) return 0;
@@ -117,7 +116,7 @@ int32_t SC_Set_Ap_Info_Id2Zero(ManageApListBlock* block) {
   int32_t cleared = 0;
   for (uint32_t position = 0; position < SC_ACCESS_POINTS; ++position) {
     if (block->aps[position].ap_id == 0) continue;
-    clear_record(kAps, file, block, position);
+    clear_record(block, position, file, kAps);
     ++cleared;
   }
   return cleared;

@@ -75,7 +75,7 @@ int32_t SC_Get_AP_Template_Info_Count(const ApTemplateListBlock* block) {
 int32_t SC_Del_AP_Template_Info_By_Id(ApTemplateListBlock* block, uint32_t position) {
   LockFile file(block->header.lock_path);
   if (!file) return 0;
-  clear_record(kTemplates, file, block, position);
+  clear_record(block, position, file, kTemplates);
   return 1;
 }
 

@@ -72,11 +72,11 @@ int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table) {
   if (!file) return 0;
   int32_t position = find_mac(block, mac, table);
   if (position < 0) return 0;
-  clear_record(table, file, block, static_cast<uint32_t>(position));
+  clear_record(block, static_cast<uint32_t>(position), file, table);
   return 1;
 }
 
-void clear_record(const IdTable& table, const LockFile& file, void* block, uint32_t position) {
+void clear_record(void* block, uint32_t position, const LockFile& file, const IdTable& table) {
   uint8_t* record = record_at(table, block, position);
   int32_t lock_index = load<int32_t>(record + table.lock_at);
   ByteLock lock(file, record + table.lock_at);

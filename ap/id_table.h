@@ -32,8 +32,7 @@ struct IdTable {
         offsetof(Record, mac)                                                                      \
   }
 
-/* Position of the first record with the id or the MAC, free ones included; -1 when there is none.
- */
+/* Position of the first record with the id or the MAC, free ones included; -1 if there is none. */
 int32_t find_id(const void* block, uint32_t id, const IdTable& table);
 int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table);
 
@@ -48,7 +47,7 @@ int32_t count_used(const void* block, const IdTable& table);
 int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table);
 
 /* Under its lock, zeroes the whole record but its lock index. */
-void clear_record(const IdTable& table, const LockFile& file, void* block, uint32_t position);
+void clear_record(void* block, uint32_t position, const LockFile& file, const IdTable& table);
 
 }  // namespace sc
 

@@ -57,7 +57,7 @@ bool text_clash(const Geometry& geometry, const Key& key, const uint8_t* record,
   return false;
 }
 
-/* Writes the slot word, and the identity beside it: zeroes when the record is freed. */
+/* Frees a record: its slot word is marked and its identity cleared. */
 void release(const Table& table, const LockFile& file, uint8_t* record) {
   ByteLock lock(file, record + table.geometry.lock_at);
   store<int32_t>(record + table.geometry.slot_at, kFree);
@@ -134,6 +134,7 @@ int32_t operate(void* block, uint32_t op, uint32_t* index, const void* record, c
     memcpy(target + table.identity.at, source + table.identity.at, table.identity.size);
   }
   for (const Field& field : table.payload.fields) {
+    if (field.size == 0) break;
     memcpy(target + field.record_at, source + field.record_at, field.size);
   }
   *index = position;

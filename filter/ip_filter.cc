@@ -31,7 +31,6 @@ constexpr Field kFields[] = {
 constexpr List kIpFilters = {
     .table = {.geometry = SC_GEOMETRY(FwIpportBlock, rules),
               .modify_range = SC_LIST_MOD_RANGE,
-
               .payload = payload(kFields)},
     .code = SC_CODE_FW_IPPORT,
     .counter = SC_COUNTER(FwIpportBlock, rule_count),

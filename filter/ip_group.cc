@@ -22,7 +22,6 @@ constexpr Field kFields[] = {
 constexpr List kIpGroups = {
     .table = {.geometry = SC_GEOMETRY(IpGroupBlock, groups),
               .modify_range = SC_LIST_MOD_RANGE,
-
               .payload = payload(kFields)},
     .code = SC_CODE_IP_GROUP,
     .counter = SC_COUNTER(IpGroupBlock, group_count),

@@ -24,7 +24,6 @@ constexpr Field kFields[] = {
 constexpr List kPortForwards = {
     .table = {.geometry = SC_GEOMETRY(VsIpportBlock, rules),
               .modify_range = SC_LIST_MOD_RANGE,
-
               .payload = payload(kFields)},
     .code = SC_CODE_VS_IPPORT,
     .counter = SC_COUNTER(VsIpportBlock, rule_count),

@@ -22,7 +22,6 @@ constexpr Field kFields[] = {
 constexpr List kTimeGroups = {
     .table = {.geometry = SC_GEOMETRY(TimeGroupBlock, groups),
               .modify_range = SC_LIST_MOD_RANGE,
-
               .payload = payload(kFields)},
     .code = SC_CODE_TIME_GROUP,
     .counter = SC_COUNTER(TimeGroupBlock, group_count),

@@ -33,7 +33,6 @@ constexpr Field kFields[] = {
 constexpr List kQosRules = {
     .table = {.geometry = SC_GEOMETRY(QosBlock, rules),
               .modify_range = SC_LIST_MOD_RANGE,
-
               .payload = payload(kFields)},
     .code = SC_CODE_QOS,
     .counter = SC_COUNTER(QosBlock, rule_count),

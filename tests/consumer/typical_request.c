@@ -1,10 +1,9 @@
 /* The typical request, from boot to power cut: make the Lan area, add a DHCP binding as an item,
  * save the area to flash, remove the segment, boot again, and find the binding where it was.
  *
- * Changes the system's own Lan area: run it where /var and System V memory are private, such as
- *   unshare --mount --ipc sh -c 'mount -t tmpfs tmpfs /var &&
- *     mkdir /var/lock_store /var/dataconfig /var/systemconfig && ./typical_request'
- * Without a configuration daemon each change says "connect: ..." on stderr and goes on.
+ * It is built as a caller's program would be, against the installed library and for the small C
+ * library, and run by examples/private_world. Without a configuration daemon each change says
+ * "connect: ..." on stderr and goes on.
  */
 #include <stdio.h>
 #include <stdlib.h>

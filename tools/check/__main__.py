@@ -47,6 +47,7 @@ def main(quick):
         run("sizes", binaries.check_sizes)
         run("package", tests.check_package)
         run("small", tests.check_small)
+        run("demo", tests.check_demo)
 
     print()
     for suite in done:

@@ -1,6 +1,5 @@
 """One suite of checks: its log, its counts, and the commands that it runs."""
 
-import os
 import pathlib
 import subprocess
 import time
@@ -38,18 +37,18 @@ class Suite:
     def note(self, text):
         self._log.write(text + "\n")
 
-    def run(self, command, check=None, **options):
-        """Runs a command with its output in the log. Returns whether it ended with status 0, which
-        counts as one check under the name given, if any."""
+    def run(self, command, check=None, status=0):
+        """Runs a command with its output in the log. Returns whether it ended with the status
+        wanted, which counts as one check under the name given, if any."""
         command = [str(word) for word in command]
         self.note("$ " + " ".join(command))
-        status = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=self._log,
-                                stderr=subprocess.STDOUT, **options).returncode
-        if status != 0:
-            self.note("status %d" % status)
+        ended = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=self._log,
+                               stderr=subprocess.STDOUT).returncode
+        if ended != 0:
+            self.note("status %d" % ended)
         if check:
-            self.verdict(status == 0, check, "status %d" % status)
-        return status == 0
+            self.verdict(ended == status, check, "status %d" % ended)
+        return ended == status
 
     def end(self):
         """Closes the books. A suite that checked nothing has failed."""
@@ -82,14 +81,3 @@ def files(*patterns):
             if path.is_file() and relative.parts[0] not in ("build", ".git"):
                 found.add(relative)
     return sorted(found)
-
-
-def private_world(command, stand_ins):
-    """The command in its own mount and IPC namespaces: /var is empty but for the folders that a
-    device has, `stand_ins` leads PATH. Needs no root where user namespaces are allowed."""
-    user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
-    script = ("mount -t tmpfs tmpfs /var && "
-              "mkdir /var/lock_store /var/dataconfig /var/systemconfig && "
-              "PATH=$0:$PATH exec \"$@\"")
-    return ["unshare", "--mount", "--ipc", *user, "sh", "-c", script, str(stand_ins),
-            *[str(word) for word in command]]

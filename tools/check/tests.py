@@ -7,7 +7,7 @@ import re
 import shutil
 import xml.etree.ElementTree
 
-from suite import BUILD, LOGS, ROOT, output, private_world
+from suite import BUILD, LOGS, ROOT, output
 
 EXCEPTIONS = ROOT / "tests/exceptions.csv"
 
@@ -131,7 +131,7 @@ def check_package(suite):
     os.environ["PKG_CONFIG_PATH"] = str(next(prefix.glob("lib*/**/pkgconfig"), prefix))
     flags = "-Wall -Wextra -Werror $(pkg-config --cflags --libs sysconfig)"
     program = consumer / "by_pkgconf"
-    suite.run(["sh", "-c", "gcc examples/typical_request.c -o %s %s -Wl,-rpath,%s"
+    suite.run(["sh", "-c", "gcc tests/consumer/typical_request.c -o %s %s -Wl,-rpath,%s"
                % (program, flags, next(prefix.glob("lib*")))], check="builds by pkg-config")
     run_request(suite, [program], "runs when built by pkg-config")
 
@@ -142,7 +142,7 @@ def check_small(suite):
     program = LOGS / "typical_request-small"
     program.unlink(missing_ok=True)
     suite.run(["mipsel-linux-gnu-gcc", "-specs=%s/musl-gcc.specs" % musl, "-std=c99", "-Os",
-               "-Wall", "-Wextra", "-Werror", "-Iinclude", "examples/typical_request.c",
+               "-Wall", "-Wextra", "-Werror", "-Iinclude", "tests/consumer/typical_request.c",
                "-o", program, "-L%s" % library, "-lsysconfig", "-Wl,-rpath,%s" % library],
               check="builds")
     needed = re.findall(r"\(NEEDED\).*\[(.*)\]", output(["readelf", "--dynamic", program])
@@ -153,9 +153,10 @@ def check_small(suite):
 
 
 def run_request(suite, command, what):
-    stand_ins = LOGS / "stand-ins"
-    stand_ins.mkdir(exist_ok=True)
-    event = stand_ins / "change_event"
-    event.write_text("#!/bin/sh\necho change_event \"$@\"\n")
-    event.chmod(0o755)
-    suite.run(private_world(command, stand_ins), check=what)
+    suite.run(["examples/private_world", *command], check=what)
+
+
+def check_demo(suite):
+    """The demo with its own file, and with one of which a part has to be refused."""
+    suite.run(["./demo"], check="its own bindings")
+    suite.run(["./demo", "examples/forty_bindings.txt"], status=1, check="refusals are said")
