@@ -56,8 +56,7 @@ TEST_F(Utilities, LockReg_PassesEachArgumentToItsMemberOfTheLock) {
   close(fd);
   const std::string numbers = "cmd " + std::to_string(F_SETLK) + " type " +
                               std::to_string(F_RDLCK) + " whence 2 start 5 length 7";
-  EXPECT_EQ(journal.lines(),
-            (Lines{"#1 = open /var/file", "fcntl #1 " + numbers, "close #1"}));
+  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/file", "fcntl #1 " + numbers, "close #1"}));
 }
 
 TEST_F(Utilities, LockReg_HoldsExactlyOneByteUntilItIsReleased) {

@@ -7,7 +7,11 @@
 #include <sysconfig/lan.h>
 #include <sysconfig/rules.h>
 
+#include <stdlib.h>
+
 #include <stdexcept>
+
+#include "support/golden.h"
 
 namespace sc_test {
 
@@ -20,10 +24,26 @@ auto untyped(void* block) {
 
 int init_ap_users(int) { return SC_Init_System_ApUserList_Config(); }
 
-#define AREA(name, Block)                                                             \
-  {#name, SC_Get_##name##_System_Config, SC_Uninit_System_##name##_Config,            \
-   SC_Init_System_##name##_Config, untyped<SC_Read_System_##name##_Config, Block>,    \
-   SC_Save_System_##name##_Config, untyped<SC_Save_System_##name##_Config2Flash, Block>}
+#define AREA(name, Block)                                                                      \
+  {                                                                                            \
+#name, SC_Get_##name##_System_Config, SC_Uninit_System_##name##_Config,                    \
+        SC_Init_System_##name##_Config, untyped < SC_Read_System_##name##_Config, Block>,      \
+        SC_Save_System_##name##_Config, untyped < SC_Save_System_##name##_Config2Flash, Block> \
+  }
+
+/* "offset:stride:count:first offset:stride:count:first" */
+std::vector<Span> spans(const std::string& text) {
+  std::vector<Span> all;
+  for (const std::string& part : split(text, ' ')) {
+    std::vector<unsigned long> numbers;
+    for (const std::string& number : split(part, ':')) {
+      numbers.push_back(strtoul(number.c_str(), nullptr, 10));
+    }
+    numbers.resize(4);
+    all.push_back({numbers[0], numbers[1], numbers[2], static_cast<uint32_t>(numbers[3])});
+  }
+  return all;
+}
 
 }  // namespace
 
@@ -56,6 +76,66 @@ const AreaCalls& area(const std::string& name) {
     if (name == calls.name) return calls;
   }
   throw std::out_of_range("no area " + name);
+}
+
+Image AreaFacts::emptied() const {
+  Image image(size);
+  for (const Span& span : free_marks) {
+    for (size_t i = 0; i < span.count; ++i) image.put32(span.offset + i * span.stride, 0xffffffff);
+  }
+  return image;
+}
+
+void AreaFacts::number(Image& image) const {
+  image.put(path_at, lock_path, lock_path.size() + 1).put32(index_at, 1);
+  for (const Span& span : locks) {
+    for (size_t i = 0; i < span.count; ++i) {
+      image.put32(span.offset + i * span.stride, span.first + static_cast<uint32_t>(i));
+    }
+  }
+  for (const Span& span : zeroed_by_read) {
+    for (size_t i = 0; i < span.count; ++i) image.put32(span.offset + i * span.stride, 0);
+  }
+}
+
+const std::vector<AreaFacts>& golden_areas() {
+  static const std::vector<AreaFacts> areas = [] {
+    std::vector<AreaFacts> all;
+    for (const GoldenRow& row : golden_table("areas.csv")) {
+      const std::string stem = "config_" + row.text("stem");
+      all.push_back({row.text("area"), static_cast<int>(row.number("key")),
+                     static_cast<size_t>(row.number("size")),
+                     static_cast<int32_t>(row.number("code")),
+                     "/var/lock_store/" + row.text("lock_stem") + "_conf_lock",
+                     "/var/systemconfig/" + stem + ".cfg", "/var/dataconfig/" + stem + ".bin",
+                     split(row.text("post_flash"), ';'), static_cast<size_t>(row.number("path_at")),
+                     static_cast<size_t>(row.number("index_at")), spans(row.text("locks")),
+                     spans(row.text("free_marks")), spans(row.text("zeroed_by_read"))});
+    }
+    return all;
+  }();
+  return areas;
+}
+
+const AreaFacts& golden_area(const std::string& name) {
+  for (const AreaFacts& facts : golden_areas()) {
+    if (name == facts.name) return facts;
+  }
+  throw std::out_of_range("no golden area " + name);
+}
+
+std::vector<std::string> area_names() {
+  std::vector<std::string> names;
+  for (const AreaCalls& calls : all_areas()) names.push_back(calls.name);
+  return names;
+}
+
+std::vector<std::string> saved_area_names() {
+  std::vector<std::string> names;
+  for (const AreaCalls& calls : all_areas()) {
+    if (calls.read != nullptr) names.push_back(calls.name);
+  }
+  return names;
 }
 
 }  // namespace sc_test

@@ -1,6 +1,5 @@
-/* The seventeen areas as callable rows: each one's exported functions, with blocks as plain
- * addresses, so that one test body serves them all. Facts about an area come from
- * golden/areas.csv. */
+/* The seventeen areas: what can be called of each, and the facts about each from golden/areas.csv,
+ * so that one test body serves them all. */
 #ifndef SUPPORT_AREAS_H
 #define SUPPORT_AREAS_H
 
@@ -9,8 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "support/image.h"
+
 namespace sc_test {
 
+/* An area's exported functions, with blocks as plain addresses. */
 struct AreaCalls {
   const char* name;
   uint32_t (*get)();
@@ -25,6 +27,36 @@ struct AreaCalls {
 /* In directory order. */
 const std::vector<AreaCalls>& all_areas();
 const AreaCalls& area(const std::string& name);
+
+/* Words in a row: {offset of the first, stride, count}, and the first one's value, if any. */
+struct Span {
+  size_t offset, stride, count;
+  uint32_t first;
+};
+
+struct AreaFacts {
+  std::string name;
+  int key;
+  size_t size;
+  int32_t code; /* 0: none */
+  std::string lock_path, image_path, archive_path;
+  std::vector<std::string> post_flash;
+  size_t path_at, index_at; /* of the header */
+  std::vector<Span> locks, free_marks, zeroed_by_read;
+
+  /* What an Init without Read leaves: zeroes, and the free marks. */
+  Image emptied() const;
+  /* Writes into the image what Read writes before it looks for an archive. */
+  void number(Image& image) const;
+};
+
+/* In directory order. */
+const std::vector<AreaFacts>& golden_areas();
+const AreaFacts& golden_area(const std::string& name);
+
+/* Names for parametrised tests: all areas, or those that have files (all but the AP users). */
+std::vector<std::string> area_names();
+std::vector<std::string> saved_area_names();
 
 /* The attached address that get() returned. */
 template <class Block = uint8_t>

@@ -238,5 +238,4 @@ ssize_t send(int fd, const void* bytes, size_t size, int flags) {
   call.failed_if(result < 0);
   return result;
 }
-
 }

@@ -22,6 +22,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+constexpr size_t kGigabyte = size_t{1} << 30;
 constexpr int kFirstKey = 9600, kLastKey = 9616;
 const char* const kDirectories[] = {"/var/lock_store", "/var/systemconfig", "/var/dataconfig"};
 const fs::path kStandIns = "/var/stand_ins";
@@ -86,8 +87,8 @@ void put_stand_ins_first_in_path() {
   fs::create_directory(kStandIns);
   for (const char* name : {"change_event", "send_event", "sync"}) {
     const fs::path script = kStandIns / name;
-    std::ofstream(script) << "#!/bin/sh\necho \"" << name << "${*:+ }$*\" >>" << kCommandsRun.native()
-                          << "\n";
+    std::ofstream(script) << "#!/bin/sh\necho \"" << name << "${*:+ }$*\" >>"
+                          << kCommandsRun.native() << "\n";
     fs::permissions(script, fs::perms::owner_all);
   }
   const char* path = getenv("PATH");
@@ -154,19 +155,36 @@ size_t segment_size(int key) {
 
 std::vector<void*> attached_addresses() { return attached(); }
 
-/* Takes all room in ever smaller pieces. A 64-bit library attaches in the low part only. */
-NoAddressSpace::NoAddressSpace() {
-  int flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
-#ifdef MAP_32BIT
-  if (sizeof(void*) == 8) flags |= MAP_32BIT;
-#endif
-  rooms_.reserve(4096);
-  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  for (size_t size = size_t{1} << 30; size >= page; size /= 2) {
+/* A 64-bit library attaches where MAP_32BIT leads: in the second gigabyte, from a random start on,
+ * so that all of it has to be taken piece by piece. */
+void NoAddressSpace::take(uintptr_t begin, size_t size) {
+  void* at = mmap(reinterpret_cast<void*>(begin), size, PROT_NONE,
+                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
+  if (at != MAP_FAILED) {
+    rooms_.push_back({at, size});
+  } else if (size > page_) {
+    take(begin, size / 2);
+    take(begin + size / 2, size / 2);
+  }
+}
+
+/* On 32 bits, any room will do. */
+void NoAddressSpace::take_anywhere() {
+  for (size_t size = kGigabyte; size >= page_; size /= 2) {
     void* at;
-    while ((at = mmap(nullptr, size, PROT_NONE, flags, -1, 0)) != MAP_FAILED) {
+    while ((at = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1,
+                      0)) != MAP_FAILED) {
       rooms_.push_back({at, size});
     }
+  }
+}
+
+NoAddressSpace::NoAddressSpace() : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {
+  rooms_.reserve(4096); /* no memory is to be had below */
+  if (sizeof(void*) == 8) {
+    take(kGigabyte, kGigabyte);
+  } else {
+    take_anywhere();
   }
 }
 

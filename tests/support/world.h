@@ -7,6 +7,7 @@
 #ifndef SUPPORT_WORLD_H
 #define SUPPORT_WORLD_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -57,6 +58,10 @@ class NoAddressSpace {
     void* at;
     size_t size;
   };
+  void take(uintptr_t begin, size_t size);
+  void take_anywhere();
+
+  const size_t page_;
   std::vector<Room> rooms_;
 };
 
