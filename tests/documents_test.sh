@@ -1,0 +1,67 @@
+#!/bin/bash
+# The code that the documents show is the code of the examples. A block of code that follows a line
+#   <!-- from PATH -->
+# is, as it stands, a part of that file; with "all of" before PATH it is the whole file.
+# The links of the documents to files of this repository lead somewhere.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+checked=0
+failed=0
+
+complain() {
+  echo "$1" >&2
+  failed=1
+}
+
+compare() {
+  local extent=$1 path=$2 code=$3 text
+  checked=$((checked + 1))
+  if [[ ! -r $path ]]; then
+    complain "$document: shows code of $path, which is not there"
+    return
+  fi
+  text=$(<"$path")$'\n'
+  if [[ $extent == all ]]; then
+    [[ $text == "$code" ]] || complain "$document: the block is not all of $path"
+  else
+    [[ $text == *"$code"* ]] || complain "$document: the block is no part of $path"
+  fi
+}
+
+code_blocks() {
+  local line extent='' path='' code='' inside=
+  while IFS= read -r line; do
+    if [[ $inside ]]; then
+      if [[ $line == '```' ]]; then
+        compare "$extent" "$path" "$code"
+        path='' inside=''
+      else
+        code+=$line$'\n'
+      fi
+    elif [[ $line =~ ^'<!-- from '('all of ')?([^ ]+)' -->'$ ]]; then
+      extent=${BASH_REMATCH[1]:+all} path=${BASH_REMATCH[2]}
+    elif [[ $path && $line == '```'* ]]; then
+      inside=yes code=''
+    fi
+  done
+  [[ -z $path ]] || complain "$document: no block of code for $path"
+}
+
+links() {
+  local target
+  while IFS= read -r target; do
+    target=${target%%#*}
+    [[ -n $target ]] || continue
+    checked=$((checked + 1))
+    [[ -e $(dirname "$document")/$target ]] || complain "$document: no file $target"
+  done < <(grep -oE '\]\([^) ]+\)' | sed -E 's/^\]\((.*)\)$/\1/' | grep -v '://' || true)
+}
+
+for document in *.md */README.md docs/*.md; do
+  code_blocks <"$document"
+  links <"$document"
+done
+[[ $checked -gt 0 ]] || complain "nothing was checked"
+echo "$checked blocks and links checked"
+exit "$failed"
