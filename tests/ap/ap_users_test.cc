@@ -136,7 +136,7 @@ TEST_F(ApUsers, WithoutLockFile_TheDeletionSaysSoAndReturnsZero) {
   const Image before(block, sizeof *block);
   int32_t result = 7;
   EXPECT_EQ(capture([&] { result = SC_Del_ApUser_Info_by_Mac(block, kMac); }),
-            (Output{std::string("Cannot Lock file ") + kLockFile, ""}));
+            cannot_lock(kLockFile));
   EXPECT_EQ(result, 0);
   EXPECT_TRUE(before.matches(block));
 }

@@ -51,15 +51,6 @@ class ClientGroups : public World {
   std::optional<Listener> listener;
 };
 
-TEST_F(ClientGroups, AfterTheStart_AllTenRecordsAreFreeAndNumberedFromTwo) {
-  Image expected(sizeof *block);
-  expected.put(2, "/var/lock_store/clients_groups_conf_lock").put32(132, 1);
-  for (uint32_t i = 0; i < 10; ++i) {
-    expected.put32(136 + 528 * i, i + 2).put32(140 + 528 * i, 0xFFFFFFFF);
-  }
-  EXPECT_TRUE(expected.matches(block));
-}
-
 TEST_F(ClientGroups, AnEleventhGroup_IsRejected) {
   for (char letter = 'a'; letter < 'k'; ++letter) ASSERT_EQ(add({letter}), SC_LIST_OK);
   const Image before(block, sizeof *block);

@@ -235,7 +235,7 @@ TEST_F(IpFilter, DelAllWithoutLockFile_StoresNothingButZeroesTheCountAndNotifies
   ASSERT_EQ(unlink("/var/lock_store/fw_ipport_conf_lock"), 0);
   Image expected(block, sizeof *block);
   EXPECT_EQ(capture([&] { DelAllIpFilterItem(block); }),
-            (Output{"Cannot Lock file /var/lock_store/fw_ipport_conf_lock", ""}));
+            cannot_lock("/var/lock_store/fw_ipport_conf_lock"));
   EXPECT_TRUE(expected.put16(140, 0).matches(block));
   EXPECT_EQ(listener->codes(), (Codes{6}));
 }

@@ -140,7 +140,7 @@ TEST_F(PortForwarding, DelAllWithoutLockFile_FreesNothingButZeroesTheCountAndNot
   ASSERT_EQ(unlink("/var/lock_store/vs_ipport_conf_lock"), 0);
   Image expected(block, sizeof *block);
   EXPECT_EQ(capture([&] { DelAllPortFwItem(block); }),
-            (Output{"Cannot Lock file /var/lock_store/vs_ipport_conf_lock", ""}));
+            cannot_lock("/var/lock_store/vs_ipport_conf_lock"));
   EXPECT_TRUE(expected.put16(140, 0).matches(block));
   EXPECT_EQ(listener->codes(), (Codes{5}));
 }

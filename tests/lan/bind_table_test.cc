@@ -235,15 +235,4 @@ TEST_F(BothBindTables, AnEqualRecordInTheOtherTable_IsNoClash) {
             SC_LIST_REJECTED);
 }
 
-TEST_F(BothBindTables, AfterTheStart_AllRecordsAreFreeAndNumberedFromTwo) {
-  auto* block = started<LanBlock>("Lan");
-  Image expected(sizeof *block);
-  expected.put(2, "/var/lock_store/lan_conf_lock").put32(132, 1);
-  for (uint32_t i = 0; i < 32; ++i) {
-    expected.put32(1508 + 748 * i, 0xFFFFFFFF).put32(1512 + 748 * i, i + 2);
-    expected.put32(25948 + 748 * i, 0xFFFFFFFF).put32(25952 + 748 * i, i + 34);
-  }
-  EXPECT_TRUE(expected.matches(block));
-}
-
 }  // namespace

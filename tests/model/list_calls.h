@@ -1,6 +1,6 @@
-// The library's functions of each list behind one face, so that one set of rules runs over all.
-#ifndef TESTS_MODEL_LIST_CALLS_H
-#define TESTS_MODEL_LIST_CALLS_H
+/* The library's functions of each list behind one face, so that one set of rules runs over all. */
+#ifndef MODEL_LIST_CALLS_H
+#define MODEL_LIST_CALLS_H
 
 #include <sysconfig/clients.h>
 #include <sysconfig/filter.h>
@@ -9,9 +9,9 @@
 
 #include <type_traits>
 
-namespace model {
+namespace sc_test {
 
-// Blocks, records and items as untyped pointers; everything else as it is.
+/* Blocks, records and items as untyped pointers; everything else as it is. */
 template <class T>
 struct Untyped {
   using type = T;
@@ -23,15 +23,13 @@ struct Untyped<T*> {
 };
 
 template <auto F>
-struct Call;
+struct Erased;
 template <class Result, class... Args, Result (*F)(Args...)>
-struct Call<F> {
-  static Result untyped(typename Untyped<Args>::type... args) {
-    return F(static_cast<Args>(args)...);
-  }
+struct Erased<F> {
+  static Result call(typename Untyped<Args>::type... args) { return F(static_cast<Args>(args)...); }
 };
 
-// The areas that a listing or a delete of one list reaches besides its own.
+/* The areas that a listing or a delete of one list reaches besides its own. */
 struct Blocks {
   FwIpportBlock* ip_filters;
   FwMacBlock* mac_filters;
@@ -45,35 +43,37 @@ struct ListCalls {
   const char* list;
   int32_t (*operate)(void* block, uint32_t op, uint32_t* index, const void* record);
   int32_t (*blank)(void* block);
-  int32_t (*check)(const void* block, const void* record, uint32_t skip_slot);  // null: no check
+  /* Null: the list has no check. */
+  int32_t (*check)(const void* block, const void* record, uint32_t skip_slot);
   int32_t (*add)(void* block, const void* item);
   int32_t (*modify)(void* block, const void* item);
-  void (*get)(const void* block, uint32_t id, void* item);  // null: items are not read back
+  /* Null: items are not read back. */
+  void (*get)(const void* block, uint32_t id, void* item);
   void (*get_list)(const void* block, const Blocks& blocks, void* list);
   void (*del)(void* block, const Blocks& blocks, char* ids);
   void (*del_all)(void* block);
 };
 
 template <auto F>
-void PlainList(const void* block, const Blocks&, void* list) {
-  Call<F>::untyped(block, list);
+void plain_list(const void* block, const Blocks&, void* list) {
+  Erased<F>::call(block, list);
 }
 template <auto F>
-void TimedList(const void* block, const Blocks& blocks, void* list) {
-  Call<F>::untyped(block, blocks.time_groups, list);
+void timed_list(const void* block, const Blocks& blocks, void* list) {
+  Erased<F>::call(block, blocks.time_groups, list);
 }
 template <auto F>
-void GroupedList(const void* block, const Blocks& blocks, void* list) {
-  Call<F>::untyped(block, blocks.ip_groups, blocks.time_groups, list);
+void grouped_list(const void* block, const Blocks& blocks, void* list) {
+  Erased<F>::call(block, blocks.ip_groups, blocks.time_groups, list);
 }
 template <auto F>
-void PlainDel(void* block, const Blocks&, char* ids) {
-  Call<F>::untyped(block, ids);
+void plain_del(void* block, const Blocks&, char* ids) {
+  Erased<F>::call(block, ids);
 }
-inline void IpGroupDel(void* block, const Blocks& blocks, char* ids) {
+inline void ip_group_del(void* block, const Blocks& blocks, char* ids) {
   DelIpGroupItem(static_cast<IpGroupBlock*>(block), blocks.ip_filters, blocks.qos_rules, ids);
 }
-inline void TimeGroupDel(void* block, const Blocks& blocks, char* ids) {
+inline void time_group_del(void* block, const Blocks& blocks, char* ids) {
   DelTimeGroupItem(static_cast<TimeGroupBlock*>(block), blocks.ip_filters, blocks.mac_filters,
                    blocks.url_filters, blocks.qos_rules, ids);
 }
@@ -81,85 +81,85 @@ inline void TimeGroupDel(void* block, const Blocks& blocks, char* ids) {
 // clang-format off
 inline const ListCalls kListCalls[] = {
     {"DhcpdBind",
-     Call<SC_Operate_System_List_DhcpdBind>::untyped,
-     Call<SC_Operate_System_List_GetDhcpdBind_Blank>::untyped,
-     Call<SC_Operate_System_List_DhcpdBindCheckIpMac>::untyped,
-     Call<AddDhcpStaticItem>::untyped, Call<ModifyDhcpStaticItem>::untyped,
-     Call<GetDhcpStaticItem>::untyped, PlainList<GetDhcpStaticItemList>,
-     PlainDel<DelDhcpStaticItem>, Call<DelAllDhcpStaticItem>::untyped},
+     Erased<SC_Operate_System_List_DhcpdBind>::call,
+     Erased<SC_Operate_System_List_GetDhcpdBind_Blank>::call,
+     Erased<SC_Operate_System_List_DhcpdBindCheckIpMac>::call,
+     Erased<AddDhcpStaticItem>::call, Erased<ModifyDhcpStaticItem>::call,
+     Erased<GetDhcpStaticItem>::call, plain_list<GetDhcpStaticItemList>,
+     plain_del<DelDhcpStaticItem>, Erased<DelAllDhcpStaticItem>::call},
     {"AC_DhcpdBind",
-     Call<SC_Operate_System_List_AC_DhcpdBind>::untyped,
-     Call<SC_Operate_System_List_AC_GetDhcpdBind_Blank>::untyped,
-     Call<SC_Operate_System_List_AC_DhcpdBindCheckIpMac>::untyped,
-     Call<AC_AddDhcpStaticItem>::untyped, Call<AC_ModifyDhcpStaticItem>::untyped,
-     Call<AC_GetDhcpStaticItem>::untyped, PlainList<AC_GetDhcpStaticItemList>,
-     PlainDel<AC_DelDhcpStaticItem>, Call<AC_DelAllDhcpStaticItem>::untyped},
+     Erased<SC_Operate_System_List_AC_DhcpdBind>::call,
+     Erased<SC_Operate_System_List_AC_GetDhcpdBind_Blank>::call,
+     Erased<SC_Operate_System_List_AC_DhcpdBindCheckIpMac>::call,
+     Erased<AC_AddDhcpStaticItem>::call, Erased<AC_ModifyDhcpStaticItem>::call,
+     Erased<AC_GetDhcpStaticItem>::call, plain_list<AC_GetDhcpStaticItemList>,
+     plain_del<AC_DelDhcpStaticItem>, Erased<AC_DelAllDhcpStaticItem>::call},
     {"UserIpGroup",
-     Call<SC_Operate_System_List_UserIpGroup>::untyped,
-     Call<SC_Operate_System_List_GetUserIpGroup_Blank>::untyped,
+     Erased<SC_Operate_System_List_UserIpGroup>::call,
+     Erased<SC_Operate_System_List_GetUserIpGroup_Blank>::call,
      nullptr,
-     Call<AddIpGroupItem>::untyped, Call<ModifyIpGroupItem>::untyped,
-     Call<GetIpGroupItem>::untyped, PlainList<GetIpGroupItemList>,
-     IpGroupDel, Call<DelAllIpGroupItem>::untyped},
+     Erased<AddIpGroupItem>::call, Erased<ModifyIpGroupItem>::call,
+     Erased<GetIpGroupItem>::call, plain_list<GetIpGroupItemList>,
+     ip_group_del, Erased<DelAllIpGroupItem>::call},
     {"UserTimeGroup",
-     Call<SC_Operate_System_List_UserTimeGroup>::untyped,
-     Call<SC_Operate_System_List_GetUserTimeGroup_Blank>::untyped,
+     Erased<SC_Operate_System_List_UserTimeGroup>::call,
+     Erased<SC_Operate_System_List_GetUserTimeGroup_Blank>::call,
      nullptr,
-     Call<AddTimeGroupItem>::untyped, Call<ModifyTimeGroupItem>::untyped,
-     Call<GetTimeGroupItem>::untyped, PlainList<GetTimeGroupItemList>,
-     TimeGroupDel, Call<DelAllTimeGroupItem>::untyped},
+     Erased<AddTimeGroupItem>::call, Erased<ModifyTimeGroupItem>::call,
+     Erased<GetTimeGroupItem>::call, plain_list<GetTimeGroupItemList>,
+     time_group_del, Erased<DelAllTimeGroupItem>::call},
     {"FireWall_IpPort",
-     Call<SC_Operate_System_List_FireWall_IpPort>::untyped,
-     Call<SC_Operate_System_List_GetFireWall_IpPort_Blank>::untyped,
+     Erased<SC_Operate_System_List_FireWall_IpPort>::call,
+     Erased<SC_Operate_System_List_GetFireWall_IpPort_Blank>::call,
      nullptr,
-     Call<AddIpFilterItem>::untyped, Call<ModifyIpFilterItem>::untyped,
-     Call<GetIpFilterItem>::untyped, GroupedList<GetIpFilterItemList>,
-     PlainDel<DelIpFilterItem>, Call<DelAllIpFilterItem>::untyped},
+     Erased<AddIpFilterItem>::call, Erased<ModifyIpFilterItem>::call,
+     Erased<GetIpFilterItem>::call, grouped_list<GetIpFilterItemList>,
+     plain_del<DelIpFilterItem>, Erased<DelAllIpFilterItem>::call},
     {"ForwordIpPort",
-     Call<SC_Operate_System_List_ForwordIpPort>::untyped,
-     Call<SC_Operate_System_List_GetForwordIpPort_Blank>::untyped,
+     Erased<SC_Operate_System_List_ForwordIpPort>::call,
+     Erased<SC_Operate_System_List_GetForwordIpPort_Blank>::call,
      nullptr,
-     Call<AddPortFwItem>::untyped, Call<ModifyPortFwItem>::untyped,
-     Call<GetPortFwItem>::untyped, PlainList<GetPortFwItemList>,
-     PlainDel<DelPortFwItem>, Call<DelAllPortFwItem>::untyped},
+     Erased<AddPortFwItem>::call, Erased<ModifyPortFwItem>::call,
+     Erased<GetPortFwItem>::call, plain_list<GetPortFwItemList>,
+     plain_del<DelPortFwItem>, Erased<DelAllPortFwItem>::call},
     {"FireWall_Mac",
-     Call<SC_Operate_System_List_FireWall_Mac>::untyped,
-     Call<SC_Operate_System_List_GetFireWall_Mac_Blank>::untyped,
-     Call<SC_Operate_System_List_FireWall_MacCheckMac>::untyped,
-     Call<AddMacFilterItem>::untyped, Call<ModifyMacFilterItem>::untyped,
-     Call<GetMacFilterItem>::untyped, TimedList<GetMacFilterItemList>,
-     PlainDel<DelMacFilterItem>, Call<DelAllMacFilterItem>::untyped},
+     Erased<SC_Operate_System_List_FireWall_Mac>::call,
+     Erased<SC_Operate_System_List_GetFireWall_Mac_Blank>::call,
+     Erased<SC_Operate_System_List_FireWall_MacCheckMac>::call,
+     Erased<AddMacFilterItem>::call, Erased<ModifyMacFilterItem>::call,
+     Erased<GetMacFilterItem>::call, timed_list<GetMacFilterItemList>,
+     plain_del<DelMacFilterItem>, Erased<DelAllMacFilterItem>::call},
     {"FireWall_Url",
-     Call<SC_Operate_System_List_FireWall_Url>::untyped,
-     Call<SC_Operate_System_List_GetFireWall_Url_Blank>::untyped,
-     Call<SC_Operate_System_List_FireWall_UrlCheckUrl>::untyped,
-     Call<AddUrlFilterItem>::untyped, Call<ModifyUrlFilterItem>::untyped,
-     Call<GetUrlFilterItem>::untyped, TimedList<GetUrlFilterItemList>,
-     PlainDel<DelUrlFilterItem>, Call<DelAllUrlFilterItem>::untyped},
+     Erased<SC_Operate_System_List_FireWall_Url>::call,
+     Erased<SC_Operate_System_List_GetFireWall_Url_Blank>::call,
+     Erased<SC_Operate_System_List_FireWall_UrlCheckUrl>::call,
+     Erased<AddUrlFilterItem>::call, Erased<ModifyUrlFilterItem>::call,
+     Erased<GetUrlFilterItem>::call, timed_list<GetUrlFilterItemList>,
+     plain_del<DelUrlFilterItem>, Erased<DelAllUrlFilterItem>::call},
     {"QosRule",
-     Call<SC_Operate_System_List_QosRule>::untyped,
-     Call<SC_Operate_System_List_GetQosRule_Blank>::untyped,
+     Erased<SC_Operate_System_List_QosRule>::call,
+     Erased<SC_Operate_System_List_GetQosRule_Blank>::call,
      nullptr,
-     Call<AddQosItem>::untyped, Call<ModifyQosItem>::untyped,
-     Call<GetQosItem>::untyped, GroupedList<GetQosItemList>,
-     PlainDel<DelQosItem>, Call<DelAllQosItem>::untyped},
+     Erased<AddQosItem>::call, Erased<ModifyQosItem>::call,
+     Erased<GetQosItem>::call, grouped_list<GetQosItemList>,
+     plain_del<DelQosItem>, Erased<DelAllQosItem>::call},
     {"ClientsGroups",
-     Call<SC_Operate_System_List_ClientsGroups>::untyped,
-     Call<SC_Operate_System_List_GetClientsGroups_Blank>::untyped,
-     Call<SC_Operate_System_List_ClientsGroupsCheckName>::untyped,
-     Call<AddClientsGroupsItem>::untyped, Call<ModifyClientsGroupsItem>::untyped,
+     Erased<SC_Operate_System_List_ClientsGroups>::call,
+     Erased<SC_Operate_System_List_GetClientsGroups_Blank>::call,
+     Erased<SC_Operate_System_List_ClientsGroupsCheckName>::call,
+     Erased<AddClientsGroupsItem>::call, Erased<ModifyClientsGroupsItem>::call,
      nullptr, nullptr,
-     PlainDel<DelClientsGroupsItem>, Call<DelAllClientsGroupsItem>::untyped},
+     plain_del<DelClientsGroupsItem>, Erased<DelAllClientsGroupsItem>::call},
     {"Clients",
-     Call<SC_Operate_System_List_Clients>::untyped,
-     Call<SC_Operate_System_List_GetClients_Blank>::untyped,
-     Call<SC_Operate_System_List_ClientsCheckMac>::untyped,
-     Call<AddClientsItem>::untyped, Call<ModifyClientsItem>::untyped,
+     Erased<SC_Operate_System_List_Clients>::call,
+     Erased<SC_Operate_System_List_GetClients_Blank>::call,
+     Erased<SC_Operate_System_List_ClientsCheckMac>::call,
+     Erased<AddClientsItem>::call, Erased<ModifyClientsItem>::call,
      nullptr, nullptr,
-     PlainDel<DelClientsItem>, Call<DelAllClientsItem>::untyped},
+     plain_del<DelClientsItem>, Erased<DelAllClientsItem>::call},
 };
 // clang-format on
 
-}  // namespace model
+}  // namespace sc_test
 
 #endif

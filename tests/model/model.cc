@@ -215,7 +215,7 @@ void Model::change_count(const ListRow& row, uint32_t change) {
   store(counter, row.counter_width, load(counter, row.counter_width) + change);
 }
 
-Bytes Model::to_record(const ListRow& row, const uint8_t* item, bool with_identity) {
+Bytes to_record(const ListRow& row, const uint8_t* item, bool with_identity) {
   Bytes built(row.stride, 0);
   for (const FieldRow& field : row.fields) {
     uint8_t* to = built.data() + field.record_at;
@@ -233,7 +233,7 @@ Bytes Model::to_record(const ListRow& row, const uint8_t* item, bool with_identi
   return built;
 }
 
-void Model::to_item(const ListRow& row, const uint8_t* from_record, uint8_t* item) {
+void to_item(const ListRow& row, const uint8_t* from_record, uint8_t* item) {
   memcpy(item + row.id_at, from_record + row.slot_at, 4);
   for (const FieldRow& field : row.fields) {
     const uint8_t* from = from_record + field.record_at;

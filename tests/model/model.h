@@ -25,6 +25,11 @@ void store(uint8_t* bytes, uint32_t width, uint32_t value);
 /* The numbers of an index list; the text is left as strtok leaves it. */
 std::vector<int32_t> split_ids(std::string& text);
 
+/* The record image that add (with its identity) and modify build from an item. */
+Bytes to_record(const ListRow& row, const uint8_t* item, bool with_identity);
+/* Writes a record's fields into a zeroed item. */
+void to_item(const ListRow& row, const uint8_t* record, uint8_t* item);
+
 class Model {
  public:
   std::map<std::string, Bytes> areas; /* the expected images, by area name */
@@ -59,8 +64,6 @@ class Model {
   void free_record(const std::string& area, const ListRow& row, uint32_t position);
   int32_t operate_in(const std::string& area, const ListRow& row, uint32_t op, uint32_t* position,
                      const uint8_t* record);
-  Bytes to_record(const ListRow& row, const uint8_t* item, bool with_identity);
-  void to_item(const ListRow& row, const uint8_t* record, uint8_t* item);
   void resolve(const ListRow& row, const uint8_t* record, uint8_t* item);
   void change_count(const ListRow& row, uint32_t change);
   void notify(const ListRow& row);

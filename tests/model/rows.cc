@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include "support/areas.h"
 #include "support/golden.h"
 
 namespace sc_test {
@@ -37,9 +38,8 @@ ListRow parsed(const GoldenRow& row) {
   ListRow list;
   list.name = row.text("list");
   list.area = row.text("area");
-  list.block_size = whole(row, "block_size");
-  list.code = static_cast<int32_t>(row.number("code"));
-  list.lock_path = row.text("lock_path");
+  list.code = golden_area(list.area).code;
+  list.lock_path = golden_area(list.area).lock_path;
   list.base = whole(row, "base");
   list.stride = whole(row, "stride");
   list.capacity = whole(row, "capacity");

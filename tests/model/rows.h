@@ -40,9 +40,8 @@ struct ReferenceRow {
 
 struct ListRow {
   std::string name, area;
-  uint32_t block_size;
-  int32_t code;
-  std::string lock_path;
+  int32_t code;          /* the area's */
+  std::string lock_path; /* the area's */
   uint32_t base, stride, capacity, slot_at, lock_at, free_mark;
   int32_t first_lock_index;
   uint32_t counter_at, counter_width; /* width 0: no counter */

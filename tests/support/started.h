@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "support/areas.h"
+#include "support/output.h"
 
 namespace sc_test {
 
@@ -21,6 +22,9 @@ Block* started(const std::string& name) {
   EXPECT_NE(address, 0u) << name;
   return block_at<Block>(address);
 }
+
+/* What an operation says that cannot open its lock file. */
+inline Output cannot_lock(const std::string& path) { return {"Cannot Lock file " + path, ""}; }
 
 /* A text in a field: its bytes, then zeroes; cut, and then without terminator, when too long. */
 template <size_t kWidth>
