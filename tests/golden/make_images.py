@@ -18,7 +18,7 @@ GOLDEN = pathlib.Path(__file__).resolve().parent
 
 # ---- layouts ----
 
-# Area: size, lock file stem, first offset behind the named header fields, other fields.
+# Area: size, lock file stem, fields behind the header.
 # A table is (offset, name of its records' layout, stride, count); a plain field (offset, width).
 AREAS = {
     "Lan": (50888, "lan", {
@@ -62,9 +62,9 @@ STEMS = {"ProductInfo": "product", "VsIpport": "vs_ipport", "FwIpport": "fw_ippo
          "FwMac": "fw_mac", "FwUrl": "fw_url", "ManageApList": "mange_aplist"}
 
 # Record field: (offset, width, name in the item, how the item holds it). "same": the same bytes;
-# "low": one 32-bit word for each byte, of which the low byte counts; "half": a 32-bit word, of which
-# the low 16 bits count; "address": 16 bytes of dotted text. Clients and client groups have no item
-# of their own shape. What lies between two fields is never written.
+# "low": one 32-bit word for each byte, of which the low byte counts; "half": a 32-bit word, of
+# which the low 16 bits count; "address": 16 bytes of dotted text. What lies between two fields is
+# never written.
 SLOT_SECOND = {"lock_index": (0, 4), "slot_id": (4, 4)}
 RECORDS = {
     "WanSection": {"lock_index": (0, 4), "settings": (4, 956)},
@@ -763,13 +763,13 @@ def main():
         if path.exists() and gzip.decompress(path.read_bytes()) == image:
             continue
         if sys.argv[1:]:
-            print("%s is not what history.txt leaves" % path)
+            print("images/%s is not what history.txt leaves" % name)
             status = 1
         else:
             path.write_bytes(gzip.compress(image, 9, mtime=0))
     for path in folder.iterdir():
         if path.name not in images:
-            print("%s belongs to no area" % path)
+            print("images/%s belongs to no area" % path.name)
             status = 1
     sys.exit(status)
 

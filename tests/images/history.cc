@@ -18,14 +18,14 @@ namespace {
 using model::Call;
 
 /* What a list's steps need besides its calls. */
-struct ListRow {
+struct ListStructs {
   const char *list, *area, *item, *record;
   void (*delete_by_ip_group)(void* block, int32_t id);
   void (*delete_by_time_group)(void* block, int32_t id);
 };
 
 // clang-format off
-const ListRow kLists[] = {
+const ListStructs kLists[] = {
   {"DhcpdBind",       "Lan",            "DhcpStaticItem",    "DhcpBindRecord",    nullptr, nullptr},
   {"AC_DhcpdBind",    "Lan",            "DhcpStaticItem",    "DhcpBindRecord",    nullptr, nullptr},
   {"UserIpGroup",     "IpGroup",        "IpGroupItem",       "IpGroupRecord",     nullptr, nullptr},
@@ -44,8 +44,8 @@ const ListRow kLists[] = {
 };
 // clang-format on
 
-const ListRow* find_list(const std::string& name) {
-  for (const ListRow& row : kLists) {
+const ListStructs* find_list(const std::string& name) {
+  for (const ListStructs& row : kLists) {
     if (name == row.list) return &row;
   }
   return nullptr;
@@ -199,7 +199,7 @@ std::vector<int64_t> Replay::run(const Step& step) {
 }
 
 std::vector<int64_t> Replay::on_list(const Step& step) {
-  const ListRow& row = *find_list(step.subject);
+  const ListStructs& row = *find_list(step.subject);
   const model::ListCalls& calls = calls_of(step.subject);
   uint8_t* own = block(row.area);
   const model::Blocks blocks = {

@@ -1,4 +1,4 @@
-/* golden/history.txt: its steps, and the library doing them. The file's head says what they mean. */
+/* golden/history.txt: its steps, and the library doing them. What they mean is said there. */
 #ifndef IMAGES_HISTORY_H
 #define IMAGES_HISTORY_H
 
