@@ -78,7 +78,7 @@ void Model::forget() {
 
 bool Model::open(const std::string& area) {
   const std::string path = text_at(areas.at(area).data() + 2, 130);
-  if (without_lock.count(area) != 0) {
+  if (path.empty() || without_lock.count(area) != 0) {
     journal.push_back("open " + path + " failed");
     printed += "Cannot Lock file " + path;
     return false;
@@ -93,13 +93,15 @@ void Model::close() {
   open_.pop_back();
 }
 
-void Model::lock(int32_t lock_index) {
-  journal.push_back("lock #" + std::to_string(open_.back()) + " " + std::to_string(lock_index));
+/* No byte lies in front of a file: such a lock fails, and the change is made all the same. */
+void Model::log_lock(const char* what, int32_t lock_index) {
+  journal.push_back(std::string(what) + " #" + std::to_string(open_.back()) + " " +
+                    std::to_string(lock_index) + (lock_index < 0 ? " failed" : ""));
 }
 
-void Model::unlock(int32_t lock_index) {
-  journal.push_back("unlock #" + std::to_string(open_.back()) + " " + std::to_string(lock_index));
-}
+void Model::lock(int32_t lock_index) { log_lock("lock", lock_index); }
+
+void Model::unlock(int32_t lock_index) { log_lock("unlock", lock_index); }
 
 void Model::notify(const ListRow& row) {
   codes.push_back(row.code);

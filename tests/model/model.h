@@ -70,6 +70,7 @@ class Model {
 
   bool open(const std::string& area);
   void close();
+  void log_lock(const char* what, int32_t lock_index);
   void lock(int32_t lock_index);
   void unlock(int32_t lock_index);
 
