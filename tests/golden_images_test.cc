@@ -192,7 +192,7 @@ TEST(History, UsesEveryOperationOfEveryListAndArea) {
       "ApTemplateList bind",
       "ApTemplateList unbind",
   };
-  for (const model::ListCalls& calls : model::kListCalls) {
+  for (const ListCalls& calls : kListCalls) {
     for (const char* verb : {"add", "modify", "delete", "delete_all", "blank", "operate 0",
                              "operate 1", "operate 2", "operate 5"}) {
       wanted.push_back(std::string(calls.list) + " " + verb);

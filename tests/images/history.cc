@@ -15,8 +15,6 @@ namespace sc_test {
 
 namespace {
 
-using model::Call;
-
 /* What a list's steps need besides its calls. */
 struct ListStructs {
   const char *list, *area, *item, *record;
@@ -31,14 +29,14 @@ const ListStructs kLists[] = {
   {"UserIpGroup",     "IpGroup",        "IpGroupItem",       "IpGroupRecord",     nullptr, nullptr},
   {"UserTimeGroup",   "TimeGroup",      "TimeGroupItem",     "TimeGroupRecord",   nullptr, nullptr},
   {"FireWall_IpPort", "FwIpport",       "IpFilterItem",      "IpFilterRecord",
-   Call<DelIpFilterItemByIpGroupId>::untyped, Call<DelIpFilterItemByTimeGroupId>::untyped},
+   Erased<DelIpFilterItemByIpGroupId>::call, Erased<DelIpFilterItemByTimeGroupId>::call},
   {"ForwordIpPort",   "VsIpport",       "PortFwItem",        "PortFwRecord",      nullptr, nullptr},
   {"FireWall_Mac",    "FwMac",          "MacFilterItem",     "MacFilterRecord",
-   nullptr, Call<DelMacFilterItemByTimeGroupId>::untyped},
+   nullptr, Erased<DelMacFilterItemByTimeGroupId>::call},
   {"FireWall_Url",    "FwUrl",          "UrlFilterItem",     "UrlFilterRecord",
-   nullptr, Call<DelUrlFilterItemByTimeGroupId>::untyped},
+   nullptr, Erased<DelUrlFilterItemByTimeGroupId>::call},
   {"QosRule",         "Qos",            "QosItem",           "QosRuleRecord",
-   Call<DelQosItemByIpGroupId>::untyped, Call<DelQosItemByTimeGroupId>::untyped},
+   Erased<DelQosItemByIpGroupId>::call, Erased<DelQosItemByTimeGroupId>::call},
   {"ClientsGroups",   "Clients_Groups", "ClientsGroupsItem", "ClientsGroupsItem", nullptr, nullptr},
   {"Clients",         "Clients",        "ClientsItem",       "ClientsItem",       nullptr, nullptr},
 };
@@ -51,8 +49,8 @@ const ListStructs* find_list(const std::string& name) {
   return nullptr;
 }
 
-const model::ListCalls& calls_of(const std::string& name) {
-  for (const model::ListCalls& calls : model::kListCalls) {
+const ListCalls& calls_of(const std::string& name) {
+  for (const ListCalls& calls : kListCalls) {
     if (name == calls.list) return calls;
   }
   throw std::out_of_range("no list " + name);
@@ -200,9 +198,9 @@ std::vector<int64_t> Replay::run(const Step& step) {
 
 std::vector<int64_t> Replay::on_list(const Step& step) {
   const ListStructs& row = *find_list(step.subject);
-  const model::ListCalls& calls = calls_of(step.subject);
+  const ListCalls& calls = calls_of(step.subject);
   uint8_t* own = block(row.area);
-  const model::Blocks blocks = {
+  const Blocks blocks = {
       typed<FwIpportBlock>("FwIpport"), typed<FwMacBlock>("FwMac"),
       typed<FwUrlBlock>("FwUrl"),       typed<QosBlock>("Qos"),
       typed<IpGroupBlock>("IpGroup"),   typed<TimeGroupBlock>("TimeGroup"),
