@@ -3,7 +3,7 @@
 # usage: tests/demo_test.sh [EMULATOR...] DEMO_PROGRAM
 set -euo pipefail
 
-root=$(cd "$(dirname "$0")/.." && pwd)
+root=$(readlink -f "$(dirname "$0")/..")
 program=("$@")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
