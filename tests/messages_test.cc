@@ -42,7 +42,7 @@ INSTANTIATE_TEST_SUITE_P(Areas, SegmentMessages, testing::ValuesIn(area_names())
 TEST_P(SegmentMessages, GetOfAnAreaThatCannotBeAttached_SaysSoOnStderrAndExitsWith1) {
   area_.init(0);
   const Ending ending = run_in_child([&] {
-    NoAddressSpace full;
+    forbid_new_mappings();
     area_.get();
   });
   EXPECT_EQ(ending, (Ending{1, {"", "shmat failed\n"}}));
@@ -59,13 +59,11 @@ TEST_P(SegmentMessages, InitThatCannotAttach_ReturnsMinusOneAndLeavesTheBlockUnt
   fill(block, golden_.size, 1);
   const Image expected(block, golden_.size);
   remove(golden_.lock_path.c_str());
-  int result = 0;
-  EXPECT_EQ(capture([&] {
-              NoAddressSpace full;
-              result = area_.init(1);
-            }),
-            kSilence);
-  EXPECT_EQ(result, -1);
+  const Ending ending = run_in_child([&] {
+    forbid_new_mappings();
+    ASSERT_EQ(area_.init(1), -1);
+  });
+  EXPECT_EQ(ending, (Ending{0, kSilence}));
   EXPECT_TRUE(expected.matches(block));
   EXPECT_FALSE(exists(golden_.lock_path));
 }
@@ -91,13 +89,11 @@ TEST_P(SegmentMessages, UninitOfASmallerSegment_SaysAllFourStepsAndReturnsZero) 
 
 TEST_P(SegmentMessages, UninitThatCannotAttach_SaysSoAndRemovesTheSegmentAllTheSame) {
   area_.init(0);
-  int result = -1;
-  EXPECT_EQ(capture([&] {
-              NoAddressSpace full;
-              result = area_.uninit();
-            }),
-            (Output{"", "shmat failed\nshmdt failed\n"}));
-  EXPECT_EQ(result, 0);
+  const Ending ending = run_in_child([&] {
+    forbid_new_mappings();
+    ASSERT_EQ(area_.uninit(), 0);
+  });
+  EXPECT_EQ(ending, (Ending{0, {"", "shmat failed\nshmdt failed\n"}}));
   EXPECT_EQ(segment_of(golden_.key), -1);
 }
 

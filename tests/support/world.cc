@@ -6,7 +6,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
@@ -15,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 
 namespace sc_test {
 
@@ -22,7 +22,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr size_t kGigabyte = size_t{1} << 30;
 constexpr int kFirstKey = 9600, kLastKey = 9616;
 const char* const kDirectories[] = {"/var/lock_store", "/var/systemconfig", "/var/dataconfig"};
 const fs::path kStandIns = "/var/stand_ins";
@@ -155,41 +154,18 @@ size_t segment_size(int key) {
 
 std::vector<void*> attached_addresses() { return attached(); }
 
-/* A 64-bit library attaches where MAP_32BIT leads: in the second gigabyte, from a random start on,
- * so that all of it has to be taken piece by piece. */
-void NoAddressSpace::take(uintptr_t begin, size_t size) {
-  void* at = mmap(reinterpret_cast<void*>(begin), size, PROT_NONE,
-                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
-  if (at != MAP_FAILED) {
-    rooms_.push_back({at, size});
-  } else if (size > page_) {
-    take(begin, size / 2);
-    take(begin + size / 2, size / 2);
-  }
-}
-
-/* On 32 bits, any room will do. */
-void NoAddressSpace::take_anywhere() {
-  for (size_t size = kGigabyte; size >= page_; size /= 2) {
-    void* at;
-    while ((at = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1,
-                      0)) != MAP_FAILED) {
-      rooms_.push_back({at, size});
-    }
-  }
-}
-
-NoAddressSpace::NoAddressSpace() : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE))) {
-  rooms_.reserve(4096); /* no memory is to be had below */
-  if (sizeof(void*) == 8) {
-    take(kGigabyte, kGigabyte);
-  } else {
-    take_anywhere();
-  }
-}
-
-NoAddressSpace::~NoAddressSpace() {
-  for (const Room& room : rooms_) munmap(room.at, room.size);
+/* By a command, which is a program of the host everywhere: the user-mode emulator ignores the call
+ * itself. */
+void forbid_new_mappings() {
+  const std::string command = "prlimit --as=0: --pid " + std::to_string(getpid());
+  if (system(command.c_str()) != 0) throw std::runtime_error(command);
+  /* What sanitizers do at the end needs memory again. */
+  atexit([] {
+    rlimit limit;
+    getrlimit(RLIMIT_AS, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_AS, &limit);
+  });
 }
 
 NoDescriptors::NoDescriptors() {

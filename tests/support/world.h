@@ -7,7 +7,6 @@
 #ifndef SUPPORT_WORLD_H
 #define SUPPORT_WORLD_H
 
-#include <stddef.h>
 #include <stdint.h>
 
 #include <string>
@@ -45,25 +44,9 @@ size_t segment_size(int key);
 /* Mapped addresses that shmat gave to this process and that are still attached. */
 std::vector<void*> attached_addresses();
 
-/* While it lives, no further mapping fits where blocks are attached: shmat fails for real. */
-class NoAddressSpace {
- public:
-  NoAddressSpace();
-  ~NoAddressSpace();
-  NoAddressSpace(const NoAddressSpace&) = delete;
-  NoAddressSpace& operator=(const NoAddressSpace&) = delete;
-
- private:
-  struct Room {
-    void* at;
-    size_t size;
-  };
-  void take(uintptr_t begin, size_t size);
-  void take_anywhere();
-
-  const size_t page_;
-  std::vector<Room> rooms_;
-};
+/* From now on this process can map no more memory (RLIMIT_AS), so that shmat fails for real. For
+ * children: it cannot be undone. */
+void forbid_new_mappings();
 
 /* While it lives, no further descriptor can be opened. */
 class NoDescriptors {
