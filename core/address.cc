@@ -11,8 +11,8 @@ namespace sc {
 
 namespace {
 
-/* The text of an octet, first letter in the low byte, and how many letters it has. Tens and hundreds
- * come by multiplication, exact for a byte: at -Os the compiler would divide. */
+/* The text of an octet, first letter in the low byte, and how many letters it has. Tens and
+ * hundreds come by multiplication, exact for a byte: at -Os the compiler would divide. */
 struct Octet {
   uint32_t text;
   uint32_t size;

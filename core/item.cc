@@ -6,7 +6,7 @@
 
 #include <arpa/inet.h>
 
-#include <sysconfig/rules.h>
+#include <sysconfig/layout.h>
 
 #include "core/address.h"
 #include "core/bytes.h"
@@ -15,10 +15,6 @@
 namespace sc {
 
 namespace {
-
-/* The widest record that an item is converted to, and the most items that a list shows. */
-constexpr size_t kMaxStride = sizeof(UrlFilterRecord);
-constexpr uint32_t kMaxItems = SC_FILTER_RULES;
 
 /* Head of every item list: the items follow, and a zero tail follows these. */
 struct ListHead {

@@ -16,6 +16,10 @@ struct Counter {
   uint8_t size;
 };
 
+/* The widest record that an item is converted to, and the most items that a list shows. */
+constexpr uint32_t kMaxStride = 1068;
+constexpr uint32_t kMaxItems = 32;
+
 struct List {
   Table table;
   uint8_t code; /* of the change notification */

@@ -75,6 +75,7 @@ consteval Geometry table_geometry(size_t table_at) {
 
 /* A clash key: a text compared without case, or bytes compared exactly. */
 constexpr Key key(Compare compare, size_t at, size_t size) {
+  if (compare == Compare::kBytes && size < sizeof(uint32_t)) member_does_not_fit_its_column();
   return {compare, byte_column(size), half_column(at)};
 }
 #define SC_TEXT_KEY(Record, member) \
@@ -146,6 +147,15 @@ consteval Payload payload(const Field (&members)[kCount]) {
   }
   return made;
 }
+
+/* The size of an item, when the item frame has room for its records. */
+template <class Item, class Table>
+consteval uint16_t item_size() {
+  using Record = typename Extent<Table>::Element;
+  if (sizeof(Record) > kMaxStride || Extent<Table>::count > kMaxItems) row_has_no_room_left();
+  return half_column(sizeof(Item));
+}
+#define SC_ITEM_SIZE(Item, Block, table) item_size<Item, decltype(Block::table)>()
 
 /* The counter that an area keeps beside its table. */
 constexpr Counter counter(size_t at, size_t size) { return {half_column(at), byte_column(size)}; }

@@ -88,7 +88,7 @@ constexpr List kRoutes = {
               .payload = payload(kFields)},
     .code = SC_CODE_ROUTES,
     .counter = SC_COUNTER(RoutesBlock, route_count),
-    .item_size = sizeof(RouteItem),
+    .item_size = SC_ITEM_SIZE(RouteItem, RoutesBlock, routes),
 };
 
 }  // namespace

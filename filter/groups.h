@@ -31,11 +31,11 @@ struct Shown {
 #define SC_SHOWN_UNLESS(Item, mode, own, unless) \
   Shown { sizeof(Item), offsetof(Item, mode), offsetof(Item, own), offsetof(Item, unless) }
 
-/* Write each rule's group into some listed rules: its name, 200 bytes, and both address texts. A group
- * that does not exist shows as zeroes, a freed one with its last contents. */
+/* Write each rule's group into some listed rules: its name, 200 bytes, and both address texts.
+ * A group that does not exist shows as zeroes, a freed one with its last contents. */
 void show_ip_groups(const Shown& shown, const IpGroupBlock* groups, void* items, uint32_t count);
 
-/* The same with its name up to its NUL and its schedule; a rule with a negative id keeps its own. */
+/* The same with its name up to its NUL and its schedule. A rule with a negative id keeps its own. */
 void show_time_groups(const Shown& shown, const TimeGroupBlock* groups, void* items,
                       uint32_t count);
 

@@ -34,7 +34,7 @@ constexpr List kIpFilters = {
               .payload = payload(kFields)},
     .code = SC_CODE_FW_IPPORT,
     .counter = SC_COUNTER(FwIpportBlock, rule_count),
-    .item_size = sizeof(IpFilterItem),
+    .item_size = SC_ITEM_SIZE(IpFilterItem, FwIpportBlock, rules),
 };
 
 constexpr Reference kIpGroupReference = SC_REFERENCE(IpFilterRecord, ip_mode, 1, ip_group_id);

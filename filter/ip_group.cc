@@ -25,7 +25,7 @@ constexpr List kIpGroups = {
               .payload = payload(kFields)},
     .code = SC_CODE_IP_GROUP,
     .counter = SC_COUNTER(IpGroupBlock, group_count),
-    .item_size = sizeof(IpGroupItem),
+    .item_size = SC_ITEM_SIZE(IpGroupItem, IpGroupBlock, groups),
 };
 
 }  // namespace

@@ -27,7 +27,7 @@ constexpr List kPortForwards = {
               .payload = payload(kFields)},
     .code = SC_CODE_VS_IPPORT,
     .counter = SC_COUNTER(VsIpportBlock, rule_count),
-    .item_size = sizeof(PortFwItem),
+    .item_size = SC_ITEM_SIZE(PortFwItem, VsIpportBlock, rules),
 };
 
 }  // namespace

@@ -25,7 +25,7 @@ constexpr List kTimeGroups = {
               .payload = payload(kFields)},
     .code = SC_CODE_TIME_GROUP,
     .counter = SC_COUNTER(TimeGroupBlock, group_count),
-    .item_size = sizeof(TimeGroupItem),
+    .item_size = SC_ITEM_SIZE(TimeGroupItem, TimeGroupBlock, groups),
 };
 
 }  // namespace

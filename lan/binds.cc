@@ -25,7 +25,7 @@ consteval List binds(Geometry geometry, Counter counter) {
                 .payload = payload(kFields)},
       .code = SC_CODE_LAN,
       .counter = counter,
-      .item_size = sizeof(DhcpStaticItem),
+      .item_size = SC_ITEM_SIZE(DhcpStaticItem, LanBlock, lan_binds),
   };
 }
 

@@ -28,7 +28,7 @@ constexpr List kMacFilters = {
               .payload = payload(kFields)},
     .code = SC_CODE_FW_MAC,
     .counter = SC_COUNTER(FwMacBlock, rule_count),
-    .item_size = sizeof(MacFilterItem),
+    .item_size = SC_ITEM_SIZE(MacFilterItem, FwMacBlock, rules),
 };
 
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */

@@ -36,7 +36,7 @@ constexpr List kQosRules = {
               .payload = payload(kFields)},
     .code = SC_CODE_QOS,
     .counter = SC_COUNTER(QosBlock, rule_count),
-    .item_size = sizeof(QosItem),
+    .item_size = SC_ITEM_SIZE(QosItem, QosBlock, rules),
 };
 
 constexpr Reference kIpGroupReference = SC_REFERENCE(QosRuleRecord, ip_mode, 1, ip_group_id);

@@ -28,7 +28,7 @@ constexpr List kUrlFilters = {
               .payload = payload(kFields)},
     .code = SC_CODE_FW_URL,
     .counter = SC_COUNTER(FwUrlBlock, rule_count),
-    .item_size = sizeof(UrlFilterItem),
+    .item_size = SC_ITEM_SIZE(UrlFilterItem, FwUrlBlock, rules),
 };
 
 /* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */

@@ -6,31 +6,32 @@
  *    an address always fits the 32-bit values of this interface. Callers own every item, item list,
  *    index list and directory they pass in; the library allocates nothing and keeps no state.
  * 2. Life of an area, the same six functions for each (AP users: Get, Uninit and Init only):
- *      SC_Get_<Area>_System_Config()       attach; 0 when the segment does not exist. When it
- * exists but cannot be attached: "shmat failed\n" on stderr and exit(1). Every call attaches anew;
- * nothing is detached. SC_Uninit_System_<Area>_Config()    remove the segment; a failed step is
- * said on stderr
- *                                          ("shmget failed\n", "shmat failed\n", "shmdt failed\n",
- *                                          "shmctl(IPC_RMID) failed\n") and the rest goes on; 0.
- *      SC_Init_System_<Area>_Config(flag)  create or empty the segment, recreate the lock file,
- * mark all records free; when the low byte of flag is 1, Read. 0, errno when it cannot be created,
- * -1 when it cannot be attached. Without Read, lock_path stays empty and every operation that locks
- * fails. SC_Read_System_<Area>_Config(b)     write lock path and lock indices, then load the flash
- *                                          archive /var/dataconfig/config_<stem>.bin over the
- * block. -1 when there is none, else the last command's status. "cant open the file" (no newline)
- * or "file read error\n" on stdout. SC_Save_System_<Area>_Config()      tell the configuration
- * daemon: the area's code, 4 bytes, to the stream socket "/var/config_socket". Errors through
- *                                          perror("socket" | "connect" | "send").
- *      SC_Save_System_<Area>_Config2Flash(b)  under byte 1 of the lock file write the image to
- *                                          /var/systemconfig/config_<stem>.cfg and pack it into the
- *                                          archive; then run the area's event commands, if any.
- *                                          "canot open the file." (no newline) or
- *                                          "file write error\n" on stdout.
+ *    SC_Get_<Area>_System_Config()
+ *        Attach; 0 when the segment does not exist. When it exists but cannot be attached:
+ *        "shmat failed\n" on stderr and exit(1). Every call attaches anew; nothing is detached.
+ *    SC_Uninit_System_<Area>_Config()
+ *        Remove the segment; 0. A failed step is said on stderr ("shmget failed\n",
+ *        "shmat failed\n", "shmdt failed\n", "shmctl(IPC_RMID) failed\n") and the rest goes on.
+ *    SC_Init_System_<Area>_Config(flag)
+ *        Create or empty the segment, recreate the lock file, mark all records free; when the low
+ *        byte of flag is 1, Read. 0; errno when it cannot be created, -1 when not attached.
+ *        Without Read, lock_path stays empty and every operation that locks fails.
+ *    SC_Read_System_<Area>_Config(b)
+ *        Write lock path and lock indices, then load the flash archive
+ *        /var/dataconfig/config_<stem>.bin over the block. -1 when there is none, else the last
+ *        command's status. "cant open the file" (no newline) or "file read error\n" on stdout.
+ *    SC_Save_System_<Area>_Config()
+ *        Tell the configuration daemon: the area's code, 4 bytes, to the stream socket
+ *        "/var/config_socket". Errors through perror("socket" | "connect" | "send").
+ *    SC_Save_System_<Area>_Config2Flash(b)
+ *        Under byte 1 of the lock file write the image to /var/systemconfig/config_<stem>.cfg and
+ *        pack it into the archive; then run the area's event commands, if any.
+ *        "canot open the file." (no newline) or "file write error\n" on stdout.
  *    Init and Read take no locks: they are for start-up, before others work on the area.
  * 3. Lists. SC_Operate_System_List_* addresses records by 0-based position and returns a list
- * result (layout.h); its search claims the lowest free record and returns its position or -1; its
- * check returns 1 on a clash, else 0. `index` points to the position: read by delete and modify,
- *    written by add. `record` (or `item`) may be null for the deleting operations.
+ *    result (layout.h); its search claims the lowest free record and returns its position or -1;
+ *    its check returns 1 on a clash, else 0. `index` points to the position: read by delete and
+ *    modify, written by add. `record` (or `item`) may be null for the deleting operations.
  * 4. Items. Ids are 1-based. Get<X>ItemList zeroes the list and packs the used records in table
  *    order; Get<X>Item zeroes the item and fills it from record id - 1, used or free, or leaves it
  *    zero when the id is out of range. With a null block both return without touching the output.
