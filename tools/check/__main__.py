@@ -45,6 +45,7 @@ def main(quick):
     run("counts", tests.check_counts, results)
     if not quick:
         run("sizes", binaries.check_sizes)
+        run("layout", sources.check_layout)
         run("package", tests.check_package)
         run("small", tests.check_small)
         run("demo", tests.check_demo)

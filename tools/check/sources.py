@@ -67,3 +67,9 @@ def check_headers(suite, targets):
                 suite.run([*COMPILERS[target], *dialect, "-pedantic", "-Wall", "-Wextra", "-Werror",
                            "-fsyntax-only", "-Iinclude", "-include", header, "/dev/null"],
                           check="%s %s %s" % (target, dialect[-1], include))
+
+
+def check_layout(suite):
+    """The layout documents are those of the headers, the golden images those of their history."""
+    suite.run([ROOT / "tools/layout_json", "--check"], check="layout.json")
+    suite.run([ROOT / "tests/golden/make_images.py", "--check"], check="golden images")
