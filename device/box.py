@@ -6,12 +6,14 @@ to the flash is in our hands at once: nothing between the file system and the ch
 reorders, and killing the emulator leaves exactly what was stored until then.
 """
 
+import json
 import mmap
 import os
 import pathlib
 import re
-import selectors
+import select
 import signal
+import socket
 import subprocess
 import time
 
@@ -47,10 +49,14 @@ class BoxError(Exception):
 
 
 class Box:
-    """One run from power on to power off. Use as a context: leaving it cuts the power."""
+    """One run from power on to power off. Use as a context: leaving it cuts the power.
 
-    def __init__(self, job, flash=EMPTY_FLASH, guard=False, arguments="", initrds=(),
-                 console=None, terminal=False, options=()):
+    A box that is to boot many times can be frozen once, with freeze(), before it mounts its flash,
+    and later be started as a copy of that moment (frozen=) with any other flash.
+    """
+
+    def __init__(self, job, flash=EMPTY_FLASH, guard=False, initrds=(), console=None,
+                 terminal=False, frozen=None):
         if len(flash) != FLASH_SIZE:
             raise BoxError("a flash image has %d bytes, this one %d" % (FLASH_SIZE, len(flash)))
         self._terminal = terminal
@@ -81,7 +87,10 @@ class Box:
             "mem=%dM@%dM" % ((MEMORY - end) // MIB, end // MIB),
             "job=" + job, "guard=%d" % guard,
             "flash=flash,%d,%d,%d" % (FLASH_AT, FLASH_SIZE, ERASE_BLOCK),
-            "spare=spare,%d,%d,%d" % (SPARE_AT, SPARE_SIZE, ERASE_BLOCK), arguments])
+            "spare=spare,%d,%d,%d" % (SPARE_AT, SPARE_SIZE, ERASE_BLOCK)])
+        self._control, control_end = socket.socketpair()
+        emulators_ends = [control_end, *self._open_debugger()]
+        pass_fds += [end.fileno() for end in emulators_ends]
         # Should this process be killed, the emulator dies with it.
         command = [
             "setpriv", "--pdeathsig", "KILL", "qemu-system-mipsel",
@@ -90,21 +99,36 @@ class Box:
             % (MEMORY, self._memory_file),
             "-kernel", BUILD / "box/kernel", "-initrd", initrd, "-append", kernel_arguments,
             "-nodefaults", "-display", "none", "-no-reboot", "-serial",
-            "mon:stdio" if terminal else "stdio", *options]
+            "mon:stdio" if terminal else "stdio",
+            "-chardev", "socket,id=control,fd=%d" % control_end.fileno(),
+            "-mon", "chardev=control,mode=control"]
+        if frozen:
+            command += ["-S", "-incoming", "exec:cat '%s'" % frozen]
+        for end in emulators_ends[1:]:
+            command += ["-chardev", "socket,id=debugger,fd=%d" % end.fileno(),
+                        "-gdb", "chardev:debugger"]
         stream = None if terminal else subprocess.PIPE
         self._emulator = subprocess.Popen(
             [str(word) for word in command], stdin=stream, stdout=stream, pass_fds=pass_fds,
             bufsize=0)
-        self._selector = selectors.DefaultSelector()
-        if not terminal:
-            self._selector.register(self._emulator.stdout, selectors.EVENT_READ)
+        for end in emulators_ends:
+            end.close()
+        self._answers = self._control.makefile()
+        self._greeted = False
+        if frozen:
+            try:
+                self._thaw(flash)
+            except BaseException:
+                self.__exit__()
+                raise
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
         self.cut_power()
-        self._selector.close()
+        self._answers.close()
+        self._control.close()
         self._memory.close()
         os.close(self._memory_file)
         if self._initrd is not None:
@@ -130,6 +154,51 @@ class Box:
         self._emulator.wait()
         if not self._terminal:
             self._take(self._emulator.stdout.read())
+
+    def freeze(self, path):
+        """Writes this moment to a file and ends the emulator."""
+        self._ask("stop")
+        self._ask("migrate", uri="exec:cat >'%s'" % path)
+        self._ask_until("query-migrate", "completed")
+        self._ask("quit")
+
+    def _thaw(self, flash):
+        # The moment's own flash comes along with the memory and is overwritten.
+        self._ask_until("query-status", "paused", "prelaunch")
+        self.flash = flash
+        self._go()
+
+    def _go(self):
+        self._ask("cont")
+
+    def _open_debugger(self):
+        """The emulator's end of a debugger's connection, for boxes that have one."""
+        return []
+
+    def _ask(self, command, **arguments):
+        if not self._greeted:
+            self._greeted = True
+            self._answers.readline()
+            self._ask("qmp_capabilities")
+        request = {"execute": command, "arguments": arguments}
+        self._control.sendall(json.dumps(request).encode())
+        while True:
+            line = self._answers.readline()
+            answer = json.loads(line) if line else {"error": "the emulator ended"}
+            if "error" in answer:
+                raise BoxError("%s: %s" % (command, answer["error"]))
+            if "return" in answer:
+                return answer["return"]
+
+    def _ask_until(self, question, *wanted):
+        limit = time.monotonic() + 60
+        while True:
+            status = self._ask(question).get("status")
+            if status in wanted:
+                return
+            if status == "failed" or time.monotonic() > limit:
+                raise BoxError("%s: %s" % (question, status))
+            time.sleep(0.02)
 
     def type(self, text):
         self._emulator.stdin.write(text.encode())
@@ -158,7 +227,7 @@ class Box:
         self._emulator.wait(10)
 
     def _read(self, seconds):
-        if seconds <= 0 or not self._selector.select(seconds):
+        if seconds <= 0 or not select.select([self._emulator.stdout], [], [], seconds)[0]:
             return False
         received = os.read(self._emulator.stdout.fileno(), 65536)
         self._take(received)

@@ -14,7 +14,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <sysconfig/core.h>
@@ -33,23 +32,23 @@ constexpr char kFolder[] = "/var/dataconfig";
 struct Path {
   char text[64];
 
-  Path(const char* format, const char* stem) { snprintf(text, sizeof text, format, stem); }
-  static Path in_folder(const char* stem, const char* ending) {
-    Path path("/var/dataconfig/config_%s.", stem);
-    strcat(path.text, ending);
-    return path;
+  Path(const char* format, const char* stem, const char* ending = "") {
+    snprintf(text, sizeof text, format, stem, ending);
   }
 };
 
-/* To the caller and to the system's log. */
-__attribute__((format(printf, 2, 3))) void say(int level, const char* format, ...) {
-  char line[256];
+Path in_folder(const char* stem, const char* ending) {
+  return Path("/var/dataconfig/config_%s.%s", stem, ending);
+}
+
+/* The boot script hands what is said to the system's log. */
+__attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
   va_list values;
   va_start(values, format);
-  vsnprintf(line, sizeof line, format, values);
+  fputs("scguard: ", stderr);
+  vfprintf(stderr, format, values);
+  fputc('\n', stderr);
   va_end(values);
-  fprintf(stderr, "scguard: %s\n", line);
-  syslog(level, "%s", line);
 }
 
 /* ---- what an archive holds ---- */
@@ -163,7 +162,7 @@ bool copy_bytes(int from, int to) {
 
 /* Makes `to` a copy of `from`, or leaves it as it was. errno tells why not. */
 bool replace(const char* stem, const Path& from, const Path& to) {
-  const Path fresh = Path::in_folder(stem, "new");
+  const Path fresh = in_folder(stem, "new");
   const int in = open(from.text, O_RDONLY);
   if (in < 0) return false;
   const int out = open(fresh.text, O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -191,7 +190,7 @@ bool lock(const Area& area) {
   byte.l_start = 1;
   byte.l_len = 1;
   if (fd >= 0 && fcntl(fd, F_SETLKW, &byte) == 0) return true;
-  say(LOG_ERR, "%s cannot be locked: %s", path.text, strerror(errno));
+  say("%s cannot be locked: %s", path.text, strerror(errno));
   return false;
 }
 
@@ -208,18 +207,18 @@ struct Images {
   }
   explicit operator bool() const {
     if (archive != nullptr && good != nullptr) return true;
-    say(LOG_ERR, "no memory for two images");
+    say("no memory for two images");
     return false;
   }
 };
 
 bool keep(const Area& area) {
-  const Path archive = Path::in_folder(area.stem, "bin"), good = Path::in_folder(area.stem, "good");
+  const Path archive = in_folder(area.stem, "bin"), good = in_folder(area.stem, "good");
   const Images images(area.size);
   if (!images || !lock(area)) return false;
   const Archive now = look(area, archive, images.archive);
   if (now.state != Archive::kGood) {
-    say(LOG_ERR, "%s is not kept: %s", archive.text, now.fault);
+    say("%s is not kept: %s", archive.text, now.fault);
     return false;
   }
   /* The archive's bytes change with the time of the save; the image says whether anything did. */
@@ -228,14 +227,14 @@ bool keep(const Area& area) {
     return true;
   }
   if (replace(area.stem, archive, good)) return true;
-  say(LOG_ERR, "%s is not kept: %s", archive.text, strerror(errno));
+  say("%s is not kept: %s", archive.text, strerror(errno));
   return false;
 }
 
 /* Init must not meet a broken archive: it would load as much of it as there is. */
 bool restore(const Area& area) {
-  const Path archive = Path::in_folder(area.stem, "bin"), good = Path::in_folder(area.stem, "good");
-  unlink(Path::in_folder(area.stem, "new").text);
+  const Path archive = in_folder(area.stem, "bin"), good = in_folder(area.stem, "good");
+  unlink(in_folder(area.stem, "new").text);
   const Images images(area.size);
   if (!images) return false;
   const Archive now = look(area, archive, images.archive);
@@ -243,18 +242,18 @@ bool restore(const Area& area) {
   const Archive kept = look(area, good, images.good);
   if (kept.state == Archive::kGood) {
     if (replace(area.stem, good, archive)) {
-      say(LOG_WARNING, "%s: %s; the last good copy is back", archive.text, now.fault);
+      say("%s: %s; the last good copy is back", archive.text, now.fault);
       return true;
     }
-    say(LOG_ERR, "%s: %s; the last good copy cannot be put back: %s", archive.text, now.fault,
+    say("%s: %s; the last good copy cannot be put back: %s", archive.text, now.fault,
         strerror(errno));
     return false;
   }
-  if (kept.state == Archive::kBroken) say(LOG_ERR, "%s: %s", good.text, kept.fault);
+  if (kept.state == Archive::kBroken) say("%s: %s", good.text, kept.fault);
   if (now.state == Archive::kMissing) return kept.state == Archive::kMissing;
-  const Path bad = Path::in_folder(area.stem, "bad");
+  const Path bad = in_folder(area.stem, "bad");
   const bool aside = rename(archive.text, bad.text) == 0 && flush_folder();
-  say(LOG_ERR, "%s: %s; there is no good copy, it %s", archive.text, now.fault,
+  say("%s: %s; there is no good copy, it %s", archive.text, now.fault,
       aside ? "is set aside as .bad" : "stays");
   return false;
 }
@@ -263,7 +262,7 @@ const Area* named(const char* stem) {
   for (const Area& area : sc::kAreas) {
     if (area.stem[0] != '\0' && strcmp(area.stem, stem) == 0) return &area;
   }
-  say(LOG_ERR, "unknown area '%s'", stem);
+  say("unknown area '%s'", stem);
   return nullptr;
 }
 
@@ -283,7 +282,6 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  openlog("scguard", LOG_PID, LOG_DAEMON);
   const bool keeping = argc == 3 && strcmp(argv[1], "keep") == 0;
   const bool restoring = (argc == 2 || argc == 3) && strcmp(argv[1], "restore") == 0;
   if (!keeping && !restoring) return usage();
