@@ -16,7 +16,9 @@ foreach(target gtest gtest_main)
   set_target_properties(${target} PROPERTIES COMPILE_WARNING_AS_ERROR OFF)
   target_compile_options(${target} PRIVATE -O1 -g0 -fno-sanitize=all)
 endforeach()
-set(SYSCONFIG_TEST_OPTIONS -O1 -g0 -fno-sanitize=undefined)
+# gcc 12 sees overflows in std::string's short texts where there are none.
+set(SYSCONFIG_TEST_OPTIONS -O1 -g0 -fno-sanitize=undefined
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-stringop-overflow>)
 
 # The framework's header, compiled once for all test programs.
 file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/gtest_pch.cc CONTENT "#include <gtest/gtest.h>\n")
