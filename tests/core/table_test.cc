@@ -160,6 +160,20 @@ TEST_F(Table, ClaimsOfAFullTable_ReturnMinusOneInSilence) {
   EXPECT_EQ(result, -1);
 }
 
+TEST_F(Table, AClaimOfAFullTable_LeavesTheFreeMarkLookAlikeBehindTheTableAlone) {
+  add_all();
+  memset(block_->spare_25444, 0xff, sizeof block_->spare_25444);
+  const Image expected = now();
+  EXPECT_EQ(SC_Operate_System_List_GetDhcpdBind_Blank(block_), -1);
+  EXPECT_TRUE(expected.matches(block_));
+}
+
+TEST_F(Table, AnAdd_ClashesAlsoWithAUsedRecordOfSlotZero) {
+  add(0);
+  block_->lan_binds[0].slot_id = 0;
+  EXPECT_EQ(operate(LIST_OP_ADD, 0, 0), 1);
+}
+
 TEST_F(Table, AClaimOnANullBlock_ReturnsMinusOneAndPrintsNothing) {
   int32_t result = 0;
   EXPECT_EQ(capture([&] { result = SC_Operate_System_List_GetDhcpdBind_Blank(nullptr); }),
