@@ -1,6 +1,6 @@
 /* The interface as a C99 program sees it: one function of each family, called through the headers
- * as they are. abi_cases_test.cc runs these in a private world; each returns 0, or the number of the
- * first line that did not hold.
+ * as they are. abi_cases_test.cc runs these in a private world; each returns 0, or the number of
+ * the first line that did not hold.
  */
 #include <string.h>
 

@@ -1,4 +1,4 @@
-/* The C program's calls, one function a family of the interface: 0, or the line that did not hold. */
+/* The C program's calls, one function a family of the interface; see abi_test.c. */
 #ifndef ABI_TEST_H
 #define ABI_TEST_H
 

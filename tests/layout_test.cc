@@ -1,5 +1,5 @@
-/* The headers against golden/layout.csv and golden/constants.csv: sizes, offsets and widths of every
- * struct's fields, and every number that a caller uses by name.
+/* The headers against golden/layout.csv and golden/constants.csv: sizes, offsets and widths of the
+ * structs' fields, and every number that a caller uses by name.
  */
 #include <sysconfig/ap.h>
 #include <sysconfig/clients.h>
