@@ -18,7 +18,7 @@ import subprocess
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-BUILD = ROOT / "build/device"
+BUILD = ROOT / "build/box"
 
 MIB = 1 << 20
 MEMORY = 256 * MIB
@@ -63,13 +63,14 @@ class Box:
         self._echo = console or (lambda line: None)
         self._pending = b""
         self.lines = []
+        self._seen = 0
         self._memory_file = os.memfd_create("box")
         os.ftruncate(self._memory_file, MEMORY)
         self._memory = mmap.mmap(self._memory_file, MEMORY)
         self.flash = flash
 
         self._initrd = None
-        initrd = BUILD / "box/initrd"
+        initrd = BUILD / "initrd"
         pass_fds = [self._memory_file]
         if initrds:
             # The kernel unpacks archives that follow one another.
@@ -97,7 +98,7 @@ class Box:
             "-M", "malta,memory-backend=memory", "-cpu", "24Kc", "-m", "%dM" % (MEMORY // MIB),
             "-object", "memory-backend-file,id=memory,share=on,size=%d,mem-path=/proc/self/fd/%d"
             % (MEMORY, self._memory_file),
-            "-kernel", BUILD / "box/kernel", "-initrd", initrd, "-append", kernel_arguments,
+            "-kernel", BUILD / "kernel", "-initrd", initrd, "-append", kernel_arguments,
             "-nodefaults", "-display", "none", "-no-reboot", "-serial",
             "mon:stdio" if terminal else "stdio",
             "-chardev", "socket,id=control,fd=%d" % control_end.fileno(),
@@ -203,15 +204,19 @@ class Box:
     def type(self, text):
         self._emulator.stdin.write(text.encode())
 
+    def forget(self):
+        """Drops the lines that the console has said."""
+        self.lines.clear()
+        self._seen = 0
+
     def wait_for(self, pattern, seconds):
-        """The match of the next console line that the pattern fits."""
+        """The match of the next console line that the pattern fits, after the last such line."""
         expression = re.compile(pattern)
-        seen = len(self.lines)
         limit = time.monotonic() + seconds
         while True:
-            while seen < len(self.lines):
-                match = expression.search(self.lines[seen])
-                seen += 1
+            while self._seen < len(self.lines):
+                match = expression.search(self.lines[self._seen])
+                self._seen += 1
                 if match:
                     return match
             if not self._read(limit - time.monotonic()):

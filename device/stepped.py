@@ -14,7 +14,6 @@ class SteppedBox(Box):
     def __init__(self, addresses, *arguments, **options):
         self._addresses = addresses
         self._stopped = False
-        self._received = b""
         super().__init__(*arguments, **options)
 
     def __exit__(self, *_):
@@ -42,7 +41,7 @@ class SteppedBox(Box):
                 return False
             if self._debugger in ready:
                 if self._reply()[:1] != b"T":
-                    break
+                    raise BoxError("the box went off before '%s'" % last)
                 self._stopped = True
                 return True
         raise BoxError("the box did not come to a stop or to '%s' in %d s" % (last, seconds))
@@ -64,20 +63,24 @@ class SteppedBox(Box):
 
     def _send(self, text):
         self._debugger.sendall(b"$%s#%02x" % (text.encode(), sum(text.encode()) % 256))
+        self._receive(b"+")
 
     def _request(self, text):
         self._send(text)
         return self._reply()
 
     def _reply(self):
-        while True:
-            start, end = self._received.find(b"$"), self._received.find(b"#")
-            if 0 <= start < end and len(self._received) >= end + 3:
-                text = self._received[start + 1:end]
-                self._received = self._received[end + 3:]
-                self._debugger.sendall(b"+")
-                return text
-            more = self._debugger.recv(65536)
-            if not more:
-                return b""
-            self._received += more
+        self._receive(b"$")
+        text = self._receive(b"#")
+        self._debugger.recv(2, socket.MSG_WAITALL)
+        self._debugger.sendall(b"+")
+        return text
+
+    def _receive(self, end):
+        """What comes before the byte `end`. Takes nothing after it: that is for select to see."""
+        text = b""
+        while (byte := self._debugger.recv(1)) != end:
+            if not byte:
+                raise BoxError("the emulator ended")
+            text += byte
+        return text
