@@ -66,7 +66,8 @@ Bytes any_image(Source& source, const std::string& area) {
 }
 
 void read_lists_of(const std::string& area, Source& source) {
-  const Bytes loaded(block_of(area).data(), block_of(area).data() + block_of(area).size());
+  Exact& block = block_of(area);
+  const Bytes loaded(block.data(), block.data() + block.size());
   for (uint32_t list = 0; list < kLists; ++list) {
     if (list_rows()[list].area != area) continue;
     Stage stage(list);

@@ -118,7 +118,7 @@ void run_templates(Source& source) {
 void run_area(Source& source, const AreaCalls& area) {
   if (area.save_to_flash == nullptr) return run_users(source);
   Exact& block = block_of(area.name);
-  Bytes image = hostile_block(source, area.name);
+  const Bytes& image = hostile_block(source, area.name);
   block = image;
   area.save_to_flash(block.data());
   if (memcmp(block.data(), image.data(), block.size()) != 0) found("a save changed %s", area.name);

@@ -54,23 +54,32 @@ Exact& block_of(const std::string& area) {
   return at->second;
 }
 
-Bytes started(const std::string& area) {
-  Image image = golden_area(area).emptied();
-  golden_area(area).number(image);
-  return Bytes(image.data(), image.data() + image.size());
+const Bytes& started(const std::string& area) {
+  static std::map<std::string, Bytes> images;
+  Bytes& bytes = images[area];
+  if (bytes.empty()) {
+    Image image = golden_area(area).emptied();
+    golden_area(area).number(image);
+    bytes.assign(image.data(), image.data() + image.size());
+  }
+  return bytes;
 }
 
-Bytes hostile_block(Source& source, const std::string& area) {
+const Bytes& hostile_block(Source& source, const std::string& area) {
+  static std::map<std::string, Bytes> blocks;
   const AreaFacts& facts = golden_area(area);
   const uint8_t kind = source.byte();
-  Bytes block;
+  Bytes& block = blocks[area];
   switch (kind & 3) {
     case 0: block = started(area); break;
     case 1: block.assign(facts.size, source.byte()); break;
     default: {
       const Bytes pattern = source.bytes(1 + source.below(64));
       block.resize(facts.size);
-      for (size_t i = 0; i < block.size(); ++i) block[i] = pattern[i % pattern.size()];
+      memcpy(&block[0], pattern.data(), pattern.size());
+      for (size_t filled = pattern.size(); filled < facts.size; filled *= 2) {
+        memcpy(&block[filled], &block[0], std::min(filled, facts.size - filled));
+      }
     }
   }
   for (uint32_t patches = source.below(16); patches > 0; --patches) {
@@ -95,8 +104,21 @@ Bytes hostile_block(Source& source, const std::string& area) {
 
 /* ---- a list ---- */
 
+namespace {
+
+Model& kept_model() {
+  static Model model;
+  return model;
+}
+
+}  // namespace
+
 Stage::Stage(uint32_t list)
-    : row_(list_rows().at(list)), calls_(kListCalls[list]), areas_{row_.area} {
+    : row_(list_rows().at(list)),
+      calls_(kListCalls[list]),
+      areas_{row_.area},
+      model_(kept_model()) {
+  model_.forget();
   if (row_.name != calls_.list) found("rows and calls of %s differ in order", calls_.list);
   if (!row_.references.empty()) areas_.insert(areas_.end(), {"IpGroup", "TimeGroup"});
   if (row_.name == "UserIpGroup" || row_.name == "UserTimeGroup") {
@@ -105,7 +127,7 @@ Stage::Stage(uint32_t list)
   for (const std::string& area : areas_) set(area, started(area));
 }
 
-void Stage::set(const std::string& area, Bytes image) {
+void Stage::set(const std::string& area, const Bytes& image) {
   block_of(area) = image;
   const char* path = block_of(area).as<char>() + golden_area(area).path_at;
   const int fd = open(path, O_RDWR);
@@ -115,7 +137,7 @@ void Stage::set(const std::string& area, Bytes image) {
   } else {
     model_.without_lock.insert(area);
   }
-  model_.areas[area] = std::move(image);
+  model_.areas[area] = image;
 }
 
 Blocks Stage::blocks() {

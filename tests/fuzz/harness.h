@@ -80,11 +80,12 @@ class Exact {
 Exact& block_of(const std::string& area);
 
 /* As Init and Read leave it. */
-Bytes started(const std::string& area);
+const Bytes& started(const std::string& area);
 
 /* Any bytes: a background and patches, anywhere or in one field of several records. Mostly with the
- * area's lock path, since nothing else happens where no lock file can be opened. */
-Bytes hostile_block(Source& source, const std::string& area);
+ * area's lock path, since nothing else happens where no lock file can be opened. Good until the
+ * next one of the area. */
+const Bytes& hostile_block(Source& source, const std::string& area);
 
 /* A list between the library and the naive model: every step is made on both, and results, outputs
  * and blocks have to be the same. */
@@ -95,7 +96,7 @@ class Stage {
   const sc_test::ListRow& row() const { return row_; }
   /* Its own area and those that its listing and its deletion reach. */
   const std::vector<std::string>& areas() const { return areas_; }
-  void set(const std::string& area, Bytes image);
+  void set(const std::string& area, const Bytes& image);
 
   void operate(uint32_t op, uint32_t position, Bytes record);
   void blank();
@@ -121,7 +122,7 @@ class Stage {
   const sc_test::ListRow& row_;
   const sc_test::ListCalls& calls_;
   std::vector<std::string> areas_;
-  sc_test::Model model_;
+  sc_test::Model& model_; /* kept, for its images are large */
 };
 
 constexpr uint32_t kLists = 11;
