@@ -262,4 +262,26 @@ TEST_F(Cascade, AFullHouse_Loses32RulesInEachAreaForOneGroup) {
   EXPECT_EQ(ip->rule_count + mac->rule_count + url->rule_count + qos->rule_count, 0);
 }
 
+/* A list full of ones looks as if it held rules that refer to groups. */
+TEST_F(Cascade, ListingsOfANullBlock_LeaveTheListUntouchedWhateverItHolds) {
+  const auto untouched = [](auto listing) {
+    std::vector<int32_t> list(sizeof(QosItemList) / 4, 1);
+    const std::vector<int32_t> before = list;
+    listing(list.data());
+    return list == before;
+  };
+  EXPECT_TRUE(untouched([&](void* list) {
+    GetIpFilterItemList(nullptr, ip_groups, time_groups, static_cast<IpFilterItemList*>(list));
+  }));
+  EXPECT_TRUE(untouched([&](void* list) {
+    GetMacFilterItemList(nullptr, time_groups, static_cast<MacFilterItemList*>(list));
+  }));
+  EXPECT_TRUE(untouched([&](void* list) {
+    GetUrlFilterItemList(nullptr, time_groups, static_cast<UrlFilterItemList*>(list));
+  }));
+  EXPECT_TRUE(untouched([&](void* list) {
+    GetQosItemList(nullptr, ip_groups, time_groups, static_cast<QosItemList*>(list));
+  }));
+}
+
 }  // namespace

@@ -305,6 +305,23 @@ TEST_P(BindItems, ATypicalRequest_LocksClaimsFillsNotifiesInThisOrder) {
           "connect #3 /var/config_socket length 20", "send #3 01000000 flags 0", "close #3"}));
 }
 
+TEST_P(BindItems, TheCounter_StandsBeforeTheDaemonIsTold) {
+  const auto* count = reinterpret_cast<const uint8_t*>(block) + GetParam().count_at;
+  uint32_t told = 0xdead;
+  {
+    Journal journal;
+    journal.before("connect #3", [&] { memcpy(&told, count, sizeof told); });
+    ASSERT_EQ(add(item_of(1)), 0);
+    EXPECT_EQ(told, 1u);
+  }
+  {
+    Journal journal;
+    journal.before("connect #2", [&] { memcpy(&told, count, sizeof told); });
+    GetParam().del_all(block);
+    EXPECT_EQ(told, 0u);
+  }
+}
+
 class BothBindLayers : public World {};
 
 TEST_F(BothBindLayers, EachLayer_KeepsItsOwnTableAndCounter) {
