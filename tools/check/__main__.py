@@ -42,6 +42,8 @@ def main(quick):
     run("library", binaries.check_library, library_targets)
     results = {target: run("tests-" + target, tests.run_tests, target) or tests.Results()
                for target in test_targets}
+    if not quick:
+        results["box"] = run("tests-box", tests.run_box) or tests.Results()
     run("counts", tests.check_counts, results)
     if not quick:
         run("sizes", binaries.check_sizes)
@@ -49,6 +51,7 @@ def main(quick):
         run("package", tests.check_package)
         run("small", tests.check_small)
         run("demo", tests.check_demo)
+        run("device", tests.check_device)
 
     print()
     for suite in done:

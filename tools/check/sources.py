@@ -52,7 +52,7 @@ def check_analysis(suite):
 
 def shell_scripts():
     scripts = []
-    for path in files("*", "tools/*", "tests/**/*", ".ci/*", "examples/*", "bench/*"):
+    for path in files("*", "tools/*", "tests/**/*", ".ci/*", "examples/*", "bench/*", "device/**/*"):
         with open(ROOT / path, "rb") as file:
             if file.readline().startswith((b"#!/bin/bash", b"#!/bin/sh")):
                 scripts.append(path)
