@@ -78,7 +78,8 @@ void Model::forget() {
 
 bool Model::open(const std::string& area) {
   const std::string path = text_at(areas.at(area).data() + 2, 130);
-  if (path.empty() || without_lock.count(area) != 0) {
+  const bool fails = opens_until_failure != 0 && --opens_until_failure == 0;
+  if (fails || path.empty() || without_lock.count(area) != 0) {
     journal.push_back("open " + path + " failed");
     printed += "Cannot Lock file " + path;
     return false;

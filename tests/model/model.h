@@ -34,6 +34,7 @@ class Model {
  public:
   std::map<std::string, Bytes> areas; /* the expected images, by area name */
   std::set<std::string> without_lock; /* areas whose lock file is missing */
+  size_t opens_until_failure = 0;     /* 1: the next one fails; 0: none does */
   std::vector<std::string> journal;   /* what the steps since forget() call */
   std::vector<int32_t> codes;         /* their notifications */
   std::string printed;                /* their standard output */
