@@ -11,57 +11,46 @@ namespace sc {
 
 namespace {
 
-/* The text of an octet, first letter in the low byte, and how many letters it has. Tens and
- * hundreds come by multiplication, exact for a byte: at -Os the compiler would divide. */
-struct Octet {
-  uint32_t text;
-  uint32_t size;
-
-  explicit Octet(uint32_t octet) {
-    uint32_t tens = octet * 205 >> 11;
-    text = octet - tens * 10 + '0';
-    size = 1;
-    if (tens == 0) return;
-    uint32_t hundreds = tens * 205 >> 11;
-    text = text << 8 | (tens - hundreds * 10 + '0');
-    size = 2;
-    if (hundreds == 0) return;
-    text = text << 8 | (hundreds + '0');
-    size = 3;
-  }
-};
-
-/* The text of three octets and their dots, with zeroes behind it. */
-struct Network {
-  char text[16];
-  uint32_t size = 0;
-
-  explicit Network(uint32_t address) {
-    for (int shift = 0; shift < 24; shift += 8) {
-      Octet octet(address >> shift & 0xff);
-      store(text + size, octet.text | uint32_t{'.'} << 8 * octet.size);
-      size += octet.size + 1;
-    }
-    memset(text + size, 0, sizeof text - size);
-  }
-};
+/* An octet as text with an end behind it, first letter in the low byte. Tens and hundreds come by
+ * multiplication, exact for a byte: at -Os the compiler would divide. */
+uint32_t text_of(uint32_t octet, char end) {
+  const uint32_t tens = octet * 205 >> 11;
+  const uint32_t hundreds = octet * 41 >> 12;
+  /* From the high byte on: ones, tens less ten times the hundreds, hundreds. */
+  const uint32_t digits =
+      (octet << 16) - tens * ((10 << 16) - (1 << 8)) - hundreds * (10 * 256 - 1);
+  const int leading_zeroes = __builtin_ctz(digits | 1 << 16) & ~7;
+  return (digits + (0x303030 | static_cast<uint32_t>(end) << 24)) >> leading_zeroes;
+}
 
 }  // namespace
 
-/* Neighbours are mostly of one network, whose text is kept. */
+/* Neighbours are mostly of one network: its text is copied from the first of them, and the last octet
+ * covers the other's. */
 void write_addresses(const uint8_t* const* addresses, size_t at, uint32_t count, uint8_t* to,
                      size_t step) {
   if (count == 0) return;
-  uint32_t last = load<uint32_t>(*addresses + at);
-  Network network(last);
-  for (const uint8_t* const* end = addresses + count; addresses < end; ++addresses, to += step) {
-    uint32_t address = load<uint32_t>(*addresses + at);
-    if ((address ^ last) << 8 != 0) network = Network(address);
+  const uint8_t* first = to;
+  uint32_t size = 0; /* of the network */
+  uint32_t last = ~load<uint32_t>(*addresses + at);
+  do {
+    const uint32_t address = load<uint32_t>(*addresses++ + at);
+    if ((address ^ last) << 8 == 0) {
+      store(to, load<uint64_t>(first));
+      store(to + 8, load<uint64_t>(first + 8));
+    } else {
+      first = to;
+      size = 0;
+      for (int shift = 0; shift < 24; shift += 8) {
+        const uint32_t text = text_of(address >> shift & 0xff, '.');
+        store(to + size, text);
+        size += 4 - static_cast<uint32_t>(__builtin_clz(text)) / 8;
+      }
+    }
     last = address;
-    store(to, load<uint64_t>(network.text));
-    store(to + 8, load<uint64_t>(network.text + 8));
-    store(to + network.size, Octet(address >> 24).text);
-  }
+    store(to + size, text_of(address >> 24, '\0'));
+    to += step;
+  } while (--count != 0);
 }
 
 }  // namespace sc
