@@ -66,10 +66,6 @@ void show(const Field& field, const uint8_t* const* records, uint32_t count, uin
 
 /* Used and free records alike, into zeroed items. */
 void to_items(const List& list, const uint8_t* const* records, uint32_t count, uint8_t* items) {
-  uint8_t* id = items;
-  for (uint32_t n = 0; n < count; ++n, id += list.item_size) {
-    store(id, load<int32_t>(records[n] + list.table.geometry.slot_at));
-  }
   for (const Field& field : list.table.payload.fields) {
     if (field.size == 0) break;
     show(field, records, count, items, list.item_size);
@@ -105,17 +101,26 @@ void to_record(const List& list, const uint8_t* item, uint8_t* record) {
 uint32_t get_items(const void* block, void* items, const List& list) {
   if (block == nullptr) return 0;
   const Geometry& geometry = list.table.geometry;
+  const size_t stride = geometry.stride;
+  const size_t item_size = list.item_size;
+  memset(items, 0, sizeof(ListHead) + geometry.capacity * item_size + SC_LIST_TAIL);
+  auto* head = static_cast<ListHead*>(items);
+  auto* first = static_cast<uint8_t*>(items) + sizeof(ListHead);
   const uint8_t* records[kMaxItems];
   uint32_t used = 0;
-  for (uint32_t position = 0; position < geometry.capacity; ++position) {
-    const uint8_t* record = record_at(geometry, block, position);
-    if (load<int32_t>(record + geometry.slot_at) >= 0) records[used++] = record;
+  uint8_t* item = first;
+  const uint8_t* record = record_at(geometry, block, 0);
+  const uint8_t* end = record + geometry.capacity * stride;
+  for (; record < end; record += stride) {
+    const auto slot = load<int32_t>(record + geometry.slot_at);
+    if (slot < 0) continue;
+    store(item, slot);
+    item += item_size;
+    records[used++] = record;
   }
-  memset(items, 0, sizeof(ListHead) + geometry.capacity * list.item_size + SC_LIST_TAIL);
-  auto* head = static_cast<ListHead*>(items);
   head->count = used;
   head->capacity = geometry.capacity;
-  to_items(list, records, used, static_cast<uint8_t*>(items) + sizeof(ListHead));
+  to_items(list, records, used, first);
   return used;
 }
 
@@ -125,6 +130,7 @@ void get_item(const void* block, uint32_t id, void* item, const List& list) {
   const Geometry& geometry = list.table.geometry;
   if (id - 1 >= geometry.capacity) return;
   const uint8_t* record = record_at(geometry, block, id - 1);
+  store(item, load<int32_t>(record + geometry.slot_at));
   to_items(list, &record, 1, static_cast<uint8_t*>(item));
 }
 
@@ -175,8 +181,8 @@ void delete_all_items(void* block, const List& list) {
   notify(list.code);
 }
 
-/* Counters are aligned, unlike the words of records, and changed without a lock: by single
- * instructions, so that processes at the same time lose no count. */
+/* Counters are aligned, unlike the words of records, and changed without a lock: in one
+ * atomic step, so that processes at the same time lose no count. */
 void count(void* block, int32_t change, const List& list) {
   void* counter = static_cast<uint8_t*>(block) + list.counter.at;
   if (list.counter.size == 2) {
