@@ -3,7 +3,6 @@
 
 #include <stddef.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -12,9 +11,13 @@ namespace sc {
 
 namespace {
 
-constexpr char kSocketPath[] = "/var/config_socket";
+/* As much of a sockaddr_un as is used. */
+constexpr struct {
+  sa_family_t family;
+  char path[sizeof "/var/config_socket"];
+} kAddress = {AF_UNIX, "/var/config_socket"};
 /* Required: the path goes without its NUL. */
-constexpr socklen_t kAddressSize = offsetof(sockaddr_un, sun_path) + sizeof kSocketPath - 1;
+constexpr socklen_t kAddressSize = offsetof(sockaddr_un, sun_path) + sizeof kAddress.path - 1;
 
 }  // namespace
 
@@ -24,10 +27,7 @@ void notify(int32_t code) {
     perror("socket");
     return;
   }
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  memcpy(address.sun_path, kSocketPath, sizeof kSocketPath);
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), kAddressSize) < 0) {
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&kAddress), kAddressSize) < 0) {
     perror("connect");
     close(fd);
     return;
