@@ -541,13 +541,7 @@ class EveryItemLayer : public Rules {
     Rules::SetUp();
     listener = std::make_unique<Listener>();
   }
-  std::vector<std::string> notification(int number) const {
-    const std::string fd = "#" + std::to_string(number);
-    char code[9];
-    snprintf(code, sizeof code, "%02x000000", static_cast<unsigned>(row.code));
-    return {fd + " = socket 1 1 0", "connect " + fd + " /var/config_socket length 20",
-            "send " + fd + " " + code + " flags 0", "close " + fd};
-  }
+  Lines notified(int number) const { return notification(number, row.code); }
   Codes times(size_t count) const { return Codes(count, row.code); }
 
   std::unique_ptr<Listener> listener;
@@ -572,8 +566,7 @@ TEST_P(EveryItemLayer, AddItem_ConvertsEveryFieldRaisesTheCounterAndNotifiesLast
               locked("lock", 1, 0),
               locked("unlock", 1, 0),
               "close #1"};
-  for (const std::string& line : notification(3)) lines.push_back(line);
-  EXPECT_EQ(journal.lines(), lines);
+  EXPECT_EQ(journal.lines(), joined({lines, notified(3)}));
   EXPECT_EQ(listener->codes(), times(1));
 }
 
@@ -603,9 +596,7 @@ TEST_P(EveryItemLayer, ModifyItem_RewritesTheRecordOfItsIdUsedOrFreeLeavesTheCou
     EXPECT_EQ(modify_item(from), SC_LIST_OK) << id;
     put_runs(expected, row.payload, id - 1, built);
     EXPECT_TRUE(expected.matches(block.data()));
-    Lines lines = one_record(id - 1);
-    for (const std::string& line : notification(2)) lines.push_back(line);
-    EXPECT_EQ(journal.lines(), lines);
+    EXPECT_EQ(journal.lines(), joined({one_record(id - 1), notified(2)}));
   }
   EXPECT_EQ(listener->codes(), times(2));
 }
@@ -649,8 +640,7 @@ TEST_P(EveryItemLayer, Del_FreesEachIdInOrderLowersTheCounterForEachAndNotifiesO
     lines.push_back(locked("unlock", number, p));
     lines.push_back("close #" + std::to_string(number));
   }
-  for (const std::string& line : notification(4)) lines.push_back(line);
-  EXPECT_EQ(journal.lines(), lines);
+  EXPECT_EQ(journal.lines(), joined({lines, notified(4)}));
   EXPECT_EQ(listener->codes(), times(1));
 }
 
@@ -694,7 +684,7 @@ TEST_P(EveryItemLayer, DelWithoutIds_ChangesNothingOpensNothingAndNotifiesOnce) 
   for (const char* ids : {"", "#", "###"}) {
     Journal journal;
     EXPECT_EQ(del(ids), ids);
-    EXPECT_EQ(journal.lines(), notification(1));
+    EXPECT_EQ(journal.lines(), notified(1));
   }
   EXPECT_TRUE(before.matches(block.data()));
   EXPECT_EQ(listener->codes(), times(3));

@@ -115,31 +115,16 @@ TEST_F(IpGroups, DelOfAGroup_DeletesFilterRulesThenQosRulesThenTheGroup) {
   refer_to(2);
   Journal journal;
   del("2");
-  EXPECT_EQ(journal.lines(),
-            (std::vector<std::string>{"#1 = open /var/lock_store/fw_ipport_conf_lock",
-                                      "lock #1 2",
-                                      "unlock #1 2",
-                                      "close #1",
-                                      "#2 = socket 1 1 0",
-                                      "connect #2 /var/config_socket length 20",
-                                      "send #2 06000000 flags 0",
-                                      "close #2",
-                                      "#3 = open /var/lock_store/qos_conf_lock",
-                                      "lock #3 2",
-                                      "unlock #3 2",
-                                      "close #3",
-                                      "#4 = socket 1 1 0",
-                                      "connect #4 /var/config_socket length 20",
-                                      "send #4 09000000 flags 0",
-                                      "close #4",
-                                      "#5 = open /var/lock_store/ipgroup_conf_lock",
-                                      "lock #5 3",
-                                      "unlock #5 3",
-                                      "close #5",
-                                      "#6 = socket 1 1 0",
-                                      "connect #6 /var/config_socket length 20",
-                                      "send #6 0a000000 flags 0",
-                                      "close #6"}));
+  EXPECT_EQ(
+      journal.lines(),
+      joined(
+          {{"#1 = open /var/lock_store/fw_ipport_conf_lock", "lock #1 2", "unlock #1 2",
+            "close #1"},
+           notification(2, 6),
+           {"#3 = open /var/lock_store/qos_conf_lock", "lock #3 2", "unlock #3 2", "close #3"},
+           notification(4, 9),
+           {"#5 = open /var/lock_store/ipgroup_conf_lock", "lock #5 3", "unlock #5 3", "close #5"},
+           notification(6, 10)}));
 }
 
 TEST_F(IpGroups, TheCount_WrapsBelowZero) {

@@ -5,6 +5,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "support/started.h"
+
 namespace sc_test {
 namespace {
 
@@ -106,13 +108,7 @@ void Model::unlock(int32_t lock_index) { log_lock("unlock", lock_index); }
 
 void Model::notify(const ListRow& row) {
   codes.push_back(row.code);
-  const std::string fd = "#" + std::to_string(++opened_);
-  char code[9];
-  snprintf(code, sizeof code, "%02x000000", static_cast<unsigned>(row.code));
-  journal.push_back(fd + " = socket 1 1 0");
-  journal.push_back("connect " + fd + " /var/config_socket length 20");
-  journal.push_back("send " + fd + " " + code + " flags 0");
-  journal.push_back("close " + fd);
+  for (const std::string& line : notification(++opened_, row.code)) journal.push_back(line);
 }
 
 /* --- table operations ----------------------------------------------------------------------- */

@@ -3,9 +3,12 @@
 #ifndef SUPPORT_STARTED_H
 #define SUPPORT_STARTED_H
 
+#include <stdio.h>
 #include <string.h>
+#include <sys/socket.h>
 
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -25,6 +28,23 @@ Block* started(const std::string& name) {
 
 /* What an operation says that cannot open its lock file. */
 inline Output cannot_lock(const std::string& path) { return {"Cannot Lock file " + path, ""}; }
+
+/* The journal of one change notification, whose socket is the number-th descriptor. */
+inline std::vector<std::string> notification(int number, int32_t code) {
+  const std::string fd = "#" + std::to_string(number);
+  char bytes[9];
+  snprintf(bytes, sizeof bytes, "%02x000000", static_cast<unsigned>(code));
+  return {fd + " = socket " + std::to_string(AF_UNIX) + " " + std::to_string(SOCK_STREAM) + " 0",
+          "connect " + fd + " /var/config_socket length 20",
+          "send " + fd + " " + bytes + " flags 0", "close " + fd};
+}
+
+/* Journals one after the other. */
+inline std::vector<std::string> joined(std::vector<std::vector<std::string>> parts) {
+  std::vector<std::string> all;
+  for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
 
 /* A text in a field: its bytes, then zeroes; cut, and then without terminator, when too long. */
 template <size_t kWidth>
