@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "core/bytes.h"
+#include "core/scan.h"
 
 namespace sc {
 
@@ -32,16 +33,18 @@ int32_t find_id(const void* block, uint32_t id, const IdTable& table) {
 
 /* The maker's half of a MAC is often the same: its other end is compared first. */
 int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table) {
-  const uint32_t tail = load<uint32_t>(mac + 2);
-  const uint16_t head = load<uint16_t>(mac);
   const size_t stride = table.stride;
-  const int32_t capacity = table.capacity;
-  const uint8_t* at = record_at(table, block, 0) + table.mac_at;
-  int32_t position = 0;
+  const uint8_t* first = record_at(table, block, 0) + table.mac_at + 2;
+  const uint8_t* end = first + table.capacity * stride;
+  const uint8_t* at = first;
   do {
-    if (load<uint32_t>(at + 2) == tail && load<uint16_t>(at) == head) return position;
+    at = find_word(at, end, stride, load<uint32_t>(mac + 2));
+    if (at >= end) break;
+    if (load<uint16_t>(at - 2) == load<uint16_t>(mac)) {
+      return static_cast<int32_t>(static_cast<size_t>(at - first) / stride);
+    }
     at += stride;
-  } while (++position < capacity);
+  } while (at < end);
   return -1;
 }
 

@@ -8,6 +8,7 @@
 
 #include "core/bytes.h"
 #include "core/lock_file.h"
+#include "core/scan.h"
 
 namespace sc {
 
@@ -32,12 +33,12 @@ bool bytes_clash(const Geometry& geometry, const Key& key, const uint8_t* record
                  const uint8_t* wanted, uint32_t skip_slot) {
   const size_t stride = geometry.stride;
   const size_t last = key.at + key.size - sizeof(uint32_t);
-  const uint32_t wanted_last = load<uint32_t>(wanted + last);
   const uint8_t* end = record + geometry.capacity * stride;
   do {
-    if (load<uint32_t>(record + last) == wanted_last &&
-        memcmp(record + key.at, wanted + key.at, key.size) == 0 &&
-        counts(geometry, record, skip_slot)) {
+    record = find_word(record + last, end, stride, load<uint32_t>(wanted + last)) - last;
+    if (record >= end) break;
+    if (counts(geometry, record, skip_slot) &&
+        memcmp(record + key.at, wanted + key.at, key.size) == 0) {
       return true;
     }
     record += stride;
@@ -45,15 +46,27 @@ bool bytes_clash(const Geometry& geometry, const Key& key, const uint8_t* record
   return false;
 }
 
+/* The same for the last four letters, in lower case by the bit that tells cases apart. */
 bool text_clash(const Geometry& geometry, const Key& key, const uint8_t* record,
                 const uint8_t* wanted, uint32_t skip_slot) {
+  const size_t stride = geometry.stride;
   const auto* text = reinterpret_cast<const char*>(wanted) + key.at;
-  for (uint32_t n = 0; n < geometry.capacity; ++n, record += geometry.stride) {
-    if (strncasecmp(reinterpret_cast<const char*>(record) + key.at, text, key.size) == 0 &&
-        counts(geometry, record, skip_slot)) {
+  size_t last = strnlen(text, key.size);
+  uint32_t blind = 0x20202020;
+  if (last < sizeof blind) { /* too short for that */
+    last = sizeof blind;
+    blind = UINT32_MAX;
+  }
+  last += key.at - sizeof blind;
+  const uint32_t word = load<uint32_t>(wanted + last) | blind;
+  const uint8_t* end = record + geometry.capacity * stride;
+  do {
+    if ((load<uint32_t>(record + last) | blind) == word && counts(geometry, record, skip_slot) &&
+        strncasecmp(reinterpret_cast<const char*>(record) + key.at, text, key.size) == 0) {
       return true;
     }
-  }
+    record += stride;
+  } while (record < end);
   return false;
 }
 
