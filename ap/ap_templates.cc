@@ -14,6 +14,8 @@ namespace {
 constexpr IdTable kTemplates = SC_ID_TABLE(ApTemplateListBlock, header.lock_path, templates,
                                            ApTemplateRecord, template_id, bound_ap_mac);
 
+static_assert(sizeof(ApTemplateRecord::template_name) == sizeof(ApInfoRecord::group_info));
+
 constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
 
 bool equal(const uint8_t* one, const uint8_t* other) {

@@ -24,6 +24,7 @@ uint32_t id_of(const IdTable& table, const void* block, uint32_t position) {
 
 }  // namespace
 
+/* Required: here and by MAC, free records are not skipped. */
 int32_t find_id(const void* block, uint32_t id, const IdTable& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     if (id_of(table, block, position) == id) return static_cast<int32_t>(position);
@@ -48,7 +49,7 @@ int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table) {
   return -1;
 }
 
-/* Ids are aligned, so a claim is one instruction and two processes never claim one record. */
+/* Ids are aligned, so a claim is one atomic step and two processes never claim one record. */
 int32_t claim_id(void* block, const IdTable& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     void* id = record_at(table, block, position) + table.id_at;

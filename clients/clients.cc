@@ -82,7 +82,8 @@ int32_t AddClientsItem(ClientsBlock* block, const ClientsItem* item) {
   return add_record(block, item, kClientList);
 }
 
-/* Required: the check sees a zero MAC, not the item's. */
+/* Required: the check sees a zero MAC, not the item's. What lies between the item's fields is
+ * copied here but goes no further. */
 int32_t ModifyClientsItem(ClientsBlock* block, const ClientsItem* item) {
   ClientsItem scratch = *item;
   memset(scratch.client_mac, 0, sizeof scratch.client_mac);

@@ -51,10 +51,13 @@ void complain(const char* message) { fwrite(message, strlen(message), 1, stderr)
 
 /* Addresses are 32-bit values of the interface, so a 64-bit host reserves room below 4 GiB and
  * attaches there. */
-void* attach(int segment, size_t size) {
+void* attach(int segment) {
   if constexpr (sizeof(void*) == 4) {
     return shmat(segment, nullptr, 0);
   } else {
+    shmid_ds status;
+    if (shmctl(segment, IPC_STAT, &status) < 0) return kNowhere;
+    const size_t size = status.shm_segsz; /* may be more than the area's */
 #ifdef MAP_32BIT
     void* room = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
 #else
@@ -101,7 +104,7 @@ int create(AreaId id, uint8_t** block) {
   const Area& area = kAreas[id];
   int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
   if (segment < 0) return errno;
-  void* attached = attach(segment, area.size);
+  void* attached = attach(segment);
   if (attached == kNowhere) return -1;
   *block = static_cast<uint8_t*>(attached);
   empty(*block, area.size);
@@ -121,7 +124,7 @@ uint32_t get(AreaId id) {
   const Area& area = kAreas[id];
   int segment = shmget(area.key, area.size, kMode);
   if (segment < 0) return 0;
-  void* block = attach(segment, area.size);
+  void* block = attach(segment);
   if (block == kNowhere) {
     complain(kNotAttached);
     exit(1); /* Required: an area that exists but cannot be attached is fatal. */
@@ -134,7 +137,7 @@ int uninit(AreaId id) {
   const Area& area = kAreas[id];
   int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
   if (segment < 0) complain(kNoSegment);
-  void* block = attach(segment, area.size);
+  void* block = attach(segment);
   if (block == kNowhere) complain(kNotAttached);
   if (shmdt(block) < 0) complain(kNotDetached);
   if (shmctl(segment, IPC_RMID, nullptr) < 0) complain(kNotRemoved);

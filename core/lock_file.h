@@ -1,10 +1,10 @@
 /* An area's lock file and the bytes of it that are held.
  *
  * fcntl locks belong to the process, and closing any descriptor of a file drops all locks that the
- * process holds on it. So a lock file is opened once for an operation, no byte is held while
- * another descriptor of the same file is closed, and a byte is held in the smallest scope that
- * writes. The results of locking calls are ignored: a byte that cannot be locked is written
- * unlocked.
+ * process holds on it. So no byte is held while another descriptor of the same file is closed: an
+ * add has two, and closes that of its claim before it locks again. A byte is held in the smallest
+ * scope that writes. The results of locking calls are ignored: a byte that cannot be locked is
+ * written unlocked.
  */
 #ifndef CORE_LOCK_FILE_H
 #define CORE_LOCK_FILE_H

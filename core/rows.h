@@ -1,6 +1,6 @@
 /* Makers of rows: they take offsets, widths and kinds from the members of the public structs, so
- * that a row cannot lie about a field, and check at compile time what the columns can carry. The
- * only template file of the library.
+ * that a row cannot lie about a field, and check at compile time what the columns can carry. No
+ * other file has templates to speak of.
  */
 #ifndef CORE_ROWS_H
 #define CORE_ROWS_H

@@ -80,6 +80,7 @@ void release(const Table& table, const LockFile& file, uint8_t* record) {
 }  // namespace
 
 int32_t find_clash(const void* block, const void* record, uint32_t skip_slot, const Table& table) {
+  if (record == nullptr) return 0;
   const Geometry& geometry = table.geometry;
   const uint8_t* first = record_at(geometry, block, 0);
   const auto* wanted = static_cast<const uint8_t*>(record);
@@ -145,12 +146,12 @@ int32_t operate(void* block, uint32_t op, uint32_t* index, const void* record, c
   ByteLock lock(file, target + geometry.lock_at);
   if (op == LIST_OP_ADD) {
     memcpy(target + table.identity.at, source + table.identity.at, table.identity.size);
+    *index = position;
   }
   for (const Field& field : table.payload.fields) {
     if (field.size == 0) break;
     memcpy(target + field.record_at, source + field.record_at, field.size);
   }
-  *index = position;
   return SC_LIST_OK;
 }
 

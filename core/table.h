@@ -75,7 +75,8 @@ inline const uint8_t* record_at(const Geometry& geometry, const void* block, uin
   return static_cast<const uint8_t*>(block) + geometry.at + position * geometry.stride;
 }
 
-/* 1 when a used record other than the one of skip_slot has a key of `record`, else 0. */
+/* 1 when a used record other than the one of skip_slot has a key of `record`, else 0.
+ * Required: empty texts and zeroes are keys like any other. */
 int32_t find_clash(const void* block, const void* record, uint32_t skip_slot, const Table& table);
 
 /* Claims the lowest free record: its slot word is set under its lock. Position, or -1 when none is

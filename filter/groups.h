@@ -35,7 +35,7 @@ struct Shown {
  * A group that does not exist shows as zeroes, a freed one with its last contents. */
 void show_ip_groups(const Shown& shown, const IpGroupBlock* groups, void* items, uint32_t count);
 
-/* The same with its name up to its NUL and its schedule. A rule with a negative id keeps its own. */
+/* The same with name, up to its NUL, and schedule; with a negative id a rule keeps its own. */
 void show_time_groups(const Shown& shown, const TimeGroupBlock* groups, void* items,
                       uint32_t count);
 

@@ -67,6 +67,7 @@ int32_t ModifyIpGroupItem(IpGroupBlock* block, const IpGroupItem* item) {
   return modify_item(block, item, kIpGroups);
 }
 
+/* Required: the rules that refer to groups stay. */
 void DelAllIpGroupItem(IpGroupBlock* block) { delete_all_items(block, kIpGroups); }
 
 int32_t GetIpGroupIndex(const IpGroupBlock* block, int32_t id) {
@@ -90,6 +91,7 @@ void DelIpGroupItem(IpGroupBlock* block, FwIpportBlock* ip_filters, QosBlock* qo
 
 namespace sc {
 
+/* Required: unlike a time group's, a negative id is looked up, and shows as zeroes. */
 void show_ip_groups(const Shown& shown, const IpGroupBlock* groups, void* items, uint32_t count) {
   auto* item = static_cast<uint8_t*>(items);
   for (; count != 0; --count, item += shown.item_size) {

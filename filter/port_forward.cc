@@ -8,6 +8,7 @@ using namespace sc;
 
 namespace {
 
+/* Required: the item has its numbers and options in another order. */
 constexpr Field kFields[] = {
     SC_FIELD(PortFwRecord, leading_text, PortFwItem, leading_text),
     SC_FIELD(PortFwRecord, ip_addr, PortFwItem, ip_text),

@@ -69,6 +69,7 @@ int32_t ModifyTimeGroupItem(TimeGroupBlock* block, const TimeGroupItem* item) {
   return modify_item(block, item, kTimeGroups);
 }
 
+/* Required: the rules that refer to groups stay. */
 void DelAllTimeGroupItem(TimeGroupBlock* block) { delete_all_items(block, kTimeGroups); }
 
 void DelTimeGroupItem(TimeGroupBlock* block, FwIpportBlock* ip_filters, FwMacBlock* mac_filters,

@@ -21,6 +21,7 @@ constexpr Field kFields[] = {
     SC_FIELD(UrlFilterRecord, trailing_text, UrlFilterItem, trailing_text),
 };
 
+/* Required: URLs are compared with their case and with what follows their NUL. */
 constexpr List kUrlFilters = {
     .table = {.geometry = SC_GEOMETRY(FwUrlBlock, rules),
               .modify_range = SC_LIST_REJECTED /* Required: not SC_LIST_MOD_RANGE. */,

@@ -122,7 +122,8 @@ SC_OFFSET(DefApTemplateBlock, settings, 136);
 
 SC_BEGIN_DECLS
 
-/* Managed APs. MACs are 6 raw bytes, compared exactly; searches take the first match and do not
+/* Managed APs. Claims take no lock, here and below. MACs are 6 raw bytes, compared exactly;
+ * searches take the first match and do not
  * skip free records. A flash save runs "send_event 5 0" and then "change_event ap" afterwards; Read
  * also empties the fragment buffers, before the archive is loaded. */
 uint32_t SC_Get_ManageApList_System_Config(void);

@@ -36,11 +36,12 @@
  *    order; Get<X>Item zeroes the item and fills it from record id - 1, used or free, or leaves it
  *    zero when the id is out of range. With a null block both return without touching the output.
  *    Add, Modify and the deleting functions end with the area's change notification whatever the
- *    result. An index list is text of ids separated by '#'; it is split in place.
+ *    result; those that delete by a group's id send one for each rule instead. An index list is
+ *    text of ids separated by '#'; it is split in place.
  *    Counters beside tables are lowered once for each id of an index list, deleted or not.
- * 5. Locks. Every change of a record is made under its byte (lock_index) of the area's lock file,
- *    blocking, held for that record only; readers, searches and checks take no lock. A lock file
- *    that cannot be opened is said as "Cannot Lock file %s" with the path (stdout, no newline).
+ * 5. Locks. Every change of a list's record is made under its byte (lock_index) of the area's lock
+ *    file, blocking, held for that record only; readers, searches and checks take no lock. A lock
+ *    file that cannot be opened is said as "Cannot Lock file %s" with the path (stdout, no newline).
  *    fcntl locks belong to the process: they do not keep its threads apart, and any close of the
  *    lock file drops them.
  */
@@ -149,6 +150,9 @@ int sc_do_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /* fcntl(fd, cmd, ...) with a struct flock of these members; note the order of the arguments.
  * Returns the value of fcntl: 0, or -1 with errno. */
+#if defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
+SC_FACT(sc_needs_no_file_offset_bits, sizeof(off_t) == 4); /* _FILE_OFFSET_BITS would change it */
+#endif
 int sc_lock_reg(int fd, int cmd, short type, off_t start, short whence, off_t len);
 
 /* Appends the dotted text of addr (as inet_addr returns it) to the text in dst, which is not

@@ -371,7 +371,6 @@ int32_t ModifyIpGroupItem(struct IpGroupBlock* block, const struct IpGroupItem* 
 /* Position of the first record whose slot_id is id, or -1 (also for a null block). Asking for -1
  * gives the first free position. */
 int32_t GetIpGroupIndex(const struct IpGroupBlock* block, int32_t id);
-struct FwIpportBlock;
 struct QosBlock;
 /* Deletes each group of ids after the IP filter and QoS rules that refer to it. */
 void DelIpGroupItem(struct IpGroupBlock* block, struct FwIpportBlock* ip_filters,

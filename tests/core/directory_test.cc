@@ -1,5 +1,11 @@
 /* The areas without tables, and the directory of all areas. */
+#include <sys/mman.h>
+#include <sys/shm.h>
+
+#include <algorithm>
+
 #include <sysconfig/core.h>
+#include <sysconfig/lan.h>
 
 #include "support/areas.h"
 #include "support/image.h"
@@ -100,6 +106,27 @@ TEST_F(Directory, WithEveryAreaButThree_LeavesTheirSlotsZeroAndGoesOn) {
   for (size_t slot = 0; slot < 17; ++slot) {
     EXPECT_EQ(word(slot) == 0, slot == 0 || slot == 8 || slot == 16) << slot;
   }
+}
+
+/* Another program may have made the segment larger than the area. All of it is attached, and what
+ * lies behind the room for the area alone must not be replaced. */
+TEST_F(Directory, ASegmentLargerThanItsArea_IsAttachedWithoutReplacingItsNeighbours) {
+  constexpr size_t kRoom = 53248, kMore = 65536; /* the Lan area in whole pages, and beyond it */
+#ifdef MAP_32BIT
+  constexpr int kLow = MAP_32BIT;
+#else
+  constexpr int kLow = 0;
+#endif
+  ASSERT_GE(shmget(9600, 50888 + kMore, IPC_CREAT | 0666), 0);
+  void* room = mmap(nullptr, kRoom + kMore, PROT_READ | PROT_WRITE,
+                    MAP_PRIVATE | MAP_ANONYMOUS | kLow, -1, 0);
+  ASSERT_NE(room, MAP_FAILED);
+  auto* neighbour = static_cast<uint8_t*>(room) + kRoom;
+  memset(neighbour, 0x5a, kMore);
+  munmap(room, kRoom);
+  EXPECT_NE(SC_Get_Lan_System_Config(), 0u);
+  EXPECT_EQ(std::count(neighbour, neighbour + kMore, 0x5a), static_cast<ptrdiff_t>(kMore));
+  munmap(neighbour, kMore);
 }
 
 TEST_F(Directory, EachCall_AttachesEverySegmentAnew) {
