@@ -96,6 +96,15 @@ std::ostream& operator<<(std::ostream& stream, const Seen& seen) {
   return stream;
 }
 
+/* Says in the end how many runs there were with a failing call. */
+class Tally : public testing::Environment {
+ public:
+  static size_t faults;
+  void TearDown() override { printf("%zu runs with a failing call\n", faults); }
+};
+size_t Tally::faults = 0;
+const auto* const kTally = testing::AddGlobalTestEnvironment(new Tally);
+
 class FaultWorld : public World {
  protected:
   void SetUp() override {
@@ -116,6 +125,7 @@ class FaultWorld : public World {
   Seen run(const Fault& fault, const std::function<int64_t()>& action) {
     Seen seen;
     const std::set<std::string> open_before = open_descriptors();
+    if (fault.number != 0) ++Tally::faults;
     seen.output = capture([&] {
       Faults faults(fault.number);
       seen.result = action();
