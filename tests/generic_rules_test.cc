@@ -430,6 +430,15 @@ TEST_P(EveryTable, AClaimOnANullBlock_ReturnsMinusOneInSilence) {
   EXPECT_EQ(claimed, -1);
 }
 
+TEST_P(EveryTable, WhatLiesBehindTheTable_IsNeverClaimed) {
+  add_first(row.capacity);
+  block.put32(row.slot_of(row.capacity), kFree);
+  const Image before = block;
+  EXPECT_EQ(calls.blank(block.data()), -1);
+  EXPECT_EQ(add(row.capacity), SC_LIST_REJECTED);
+  EXPECT_TRUE(before.matches(block.data()));
+}
+
 TEST_P(EveryTable, OnlyTheExactFreeMark_IsFree) {
   for (uint32_t slot : {0u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFEu, 0x00FFFFFFu, 0xFFFFFFu << 8}) {
     for (uint32_t p = 0; p < row.capacity; ++p) block.put32(row.slot_of(p), slot);
@@ -490,6 +499,15 @@ TEST_P(EveryKeyedTable, TheCheck_SkipsTheGivenSlotAndFreeRecordsOnly) {
   block.put32(row.slot_of(last), kFree);
   EXPECT_EQ(check(same, kFree), 0);
   EXPECT_EQ(check(same, 0), 0);
+}
+
+TEST_P(EveryKeyedTable, WhatLiesBehindTheTable_IsNoClash) {
+  const Bytes same = record(3);
+  block.put32(row.slot_of(row.capacity), 7);
+  for (const KeyRow& key : row.keys) {
+    block.copy(row.record_at(row.capacity) + key.at, same.data() + key.at, key.width);
+  }
+  EXPECT_EQ(check(same, kFree), 0);
 }
 
 TEST_P(EveryKeyedTable, TheSkipValueOfAModify_IsItsPositionPlusOneEvenOutOfRange) {
@@ -849,6 +867,11 @@ TEST_P(EveryListing, AFullTable_ListsEveryRecord) {
     memcpy(expected.data() + 8 + p * row.item_size, shown.data(), shown.size());
   }
   EXPECT_EQ(get_list(), expected);
+}
+
+TEST_P(EveryListing, WhatLiesBehindTheTable_IsNotListed) {
+  block.put32(row.slot_of(row.capacity), 7);
+  EXPECT_EQ(load(get_list().data(), 4), 0u);
 }
 
 TEST_P(EveryListing, ANullBlock_LeavesItemAndListUntouched) {

@@ -220,13 +220,16 @@ TEST_F(ApList, LookupsAndCounts_TakeNoLockAndChangeNothing) {
 
 TEST_F(ApList, AfterTheDeletionByMac_TheRecordIsZeroButForItsLockIndex) {
   fill_used();
-  memcpy(block->aps[8].ap_mac, kMacA, 6);
   Image expected(block, sizeof *block);
-  Journal journal;
-  EXPECT_EQ(SC_Del_Ap_Info_by_Mac(block, kMacA), 1);
-  expected.zero(record_at(8), 12304).put32(record_at(8), 10);
-  EXPECT_TRUE(expected.matches(block));
-  EXPECT_EQ(journal.lines(), under(kLockFile, {"lock #1 10", "unlock #1 10"}));
+  for (uint32_t p : {0u, 8u, 299u}) {
+    memcpy(block->aps[p].ap_mac, kMacA, 6);
+    const std::string lock = std::to_string(p + 2);
+    Journal journal;
+    EXPECT_EQ(SC_Del_Ap_Info_by_Mac(block, kMacA), 1);
+    expected.zero(record_at(p), 12304).put32(record_at(p), p + 2);
+    EXPECT_TRUE(expected.matches(block));
+    EXPECT_EQ(journal.lines(), under(kLockFile, {"lock #1 " + lock, "unlock #1 " + lock}));
+  }
 }
 
 TEST_F(ApList, DeletingAMacThatOccursTwice_ClearsTheFirstOnly) {

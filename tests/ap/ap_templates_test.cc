@@ -237,6 +237,14 @@ TEST_F(ApTemplates, AnId_IsFoundAtItsFirstPositionAndZeroAtTheFirstFreeOne) {
   EXPECT_EQ(SC_Get_AP_Template_Info_By_Id(block, 0xFFFFFFFF), 3);
 }
 
+TEST_F(ApTemplates, WhatLiesBehindTheTable_IsNoTemplate) {
+  fill_used();
+  const uint32_t id = 77;
+  memcpy(block->spare_180256 + 4, &id, sizeof id);
+  EXPECT_EQ(SC_Get_AP_Template_Info_By_Id(block, 77), -1);
+  EXPECT_EQ(SC_Get_AP_Template_Info_Count(block), 15);
+}
+
 TEST_F(ApTemplates, TheCount_CountsEveryIdButZeroAndIsZeroForANullBlock) {
   block->templates[0].template_id = 0xFFFFFFFF;
   block->templates[14].template_id = 3;

@@ -122,6 +122,17 @@ TEST_F(ApUsers, TheDeletionByMac_ClearsTheFirstMatchButItsLockIndexUnderItsLock)
   EXPECT_EQ(journal.lines(), under(kLockFile, {"lock #1 7", "unlock #1 7"}));
 }
 
+TEST_F(ApUsers, TheFirstAndLastUser_CanBeDeleted) {
+  fill_used();
+  Image expected(block, sizeof *block);
+  for (uint32_t p : {0u, 299u}) {
+    memcpy(block->users[p].user_mac, kMac, 6);
+    EXPECT_EQ(SC_Del_ApUser_Info_by_Mac(block, kMac), 1);
+    expected.zero(136 + 23200 * p, 23200).put32(136 + 23200 * p, p + 2);
+    EXPECT_TRUE(expected.matches(block));
+  }
+}
+
 TEST_F(ApUsers, DeletingAMacThatIsNotThere_ReturnsZeroAndClosesTheLockFile) {
   const Image before(block, sizeof *block);
   Journal journal;
