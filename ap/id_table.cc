@@ -10,6 +10,8 @@ namespace sc {
 
 namespace {
 
+constexpr size_t kWord = sizeof(uint32_t);
+
 uint8_t* record_at(const IdTable& table, void* block, uint32_t position) {
   return static_cast<uint8_t*>(block) + table.at + position * table.stride;
 }
@@ -55,7 +57,7 @@ int32_t claim_id(void* block, const IdTable& table) {
     void* id = record_at(table, block, position) + table.id_at;
     uint32_t free = 0;
     if (__atomic_compare_exchange_n(static_cast<uint32_t*>(id), &free, position + 1, false,
-                                    __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+                                    __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
       return static_cast<int32_t>(position);
     }
   }
@@ -80,12 +82,15 @@ int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table) {
   return 1;
 }
 
+/* A writer that is killed here leaves the lock index, and the id comes last: not before all else is
+ * cleared can the record be claimed. */
 void clear_record(void* block, uint32_t position, const LockFile& file, const IdTable& table) {
   uint8_t* record = record_at(table, block, position);
-  int32_t lock_index = load<int32_t>(record + table.lock_at);
-  ByteLock lock(file, record + table.lock_at);
-  memset(record, 0, table.stride);
-  store(record + table.lock_at, lock_index);
+  void* id = record + table.id_at;
+  ByteLock lock(file, record);
+  memset(record + kWord, 0, table.id_at - kWord);
+  memset(record + table.id_at + kWord, 0, table.stride - table.id_at - kWord);
+  __atomic_store_n(static_cast<uint32_t*>(id), 0, __ATOMIC_RELEASE);
 }
 
 }  // namespace sc

@@ -13,23 +13,22 @@
 
 namespace sc {
 
+/* The lock index is a record's first word. */
 struct IdTable {
   uint8_t path_at; /* of the lock path in the block */
   uint8_t path_size;
   uint16_t at; /* of record 0 in the block */
   uint16_t stride;
   uint16_t capacity;
-  uint16_t lock_at;
   uint16_t id_at;
   uint16_t mac_at;
 };
 
 /* The row of a table, from its structs. */
-#define SC_ID_TABLE(Block, path, table, Record, id, mac)                                           \
-  IdTable {                                                                                        \
-    offsetof(Block, path), sizeof(Block::path), offsetof(Block, table), sizeof(Record),            \
-        sizeof(Block::table) / sizeof(Record), offsetof(Record, lock_index), offsetof(Record, id), \
-        offsetof(Record, mac)                                                                      \
+#define SC_ID_TABLE(Block, path, table, Record, id, mac)                                   \
+  IdTable {                                                                                \
+    offsetof(Block, path), sizeof(Block::path), offsetof(Block, table), sizeof(Record),    \
+        sizeof(Block::table) / sizeof(Record), offsetof(Record, id), offsetof(Record, mac) \
   }
 
 /* Position of the first record with the id or the MAC, free ones included; -1 if there is none. */
