@@ -58,7 +58,7 @@ void write_addresses(const uint8_t* const* addresses, size_t at, uint32_t count,
 /* Required: appends to what dst holds. */
 char* sc_inet_ntoa(uint32_t addr, char* dst) {
   const auto* address = reinterpret_cast<const uint8_t*>(&addr);
-  char text[16];
+  char text[16] = {};
   sc::write_addresses(&address, 0, 1, reinterpret_cast<uint8_t*>(text), 0);
   return strcat(dst, text);
 }

@@ -101,7 +101,8 @@ void show_ip_groups(const Shown& shown, const IpGroupBlock* groups, void* items,
     IpGroupItem group = {};
     GetIpGroupItem(groups, static_cast<uint32_t>(reference.id), &group);
     memcpy(reference.name, group.leading_text, SC_TEXT);
-    memcpy(item + shown.own_at, group.start_ip_text, 2 * SC_IP_TEXT);
+    memcpy(item + shown.own_at, group.start_ip_text, SC_IP_TEXT);
+    memcpy(item + shown.own_at + SC_IP_TEXT, group.end_ip_text, SC_IP_TEXT);
   }
 }
 
