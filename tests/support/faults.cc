@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -34,6 +35,7 @@ constexpr size_t kMostCalls = 4096;
 const char* made[kMostCalls];
 size_t count = 0, failing = 0;
 bool counting = false;
+Fate fate = Fate::kFails;
 
 /* Counts a call; true when it is the one that fails. */
 bool fails(const char* name) {
@@ -41,6 +43,7 @@ bool fails(const char* name) {
   if (count == kMostCalls) abort();
   made[count++] = name;
   if (count != failing) return false;
+  if (fate == Fate::kKillsTheProcess) raise(SIGKILL);
   errno = error_of(name);
   return true;
 }
@@ -52,10 +55,11 @@ Function* next(const char* name) {
 
 }  // namespace
 
-Faults::Faults(size_t failing_call) {
+Faults::Faults(size_t failing_call, Fate its_fate) {
   if (counting) abort();
   count = 0;
   failing = failing_call;
+  fate = its_fate;
   counting = true;
 }
 

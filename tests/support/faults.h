@@ -13,10 +13,13 @@
 
 namespace sc_test {
 
-/* While it lives, this process's calls are counted, and the one of this number (from 1 on) fails. */
+enum class Fate { kFails, kKillsTheProcess };
+
+/* While it lives, this process's calls are counted, and the one of this number (from 1 on) fails, or
+ * the process is killed instead of making it. */
 class Faults {
  public:
-  explicit Faults(size_t failing_call = 0);
+  explicit Faults(size_t failing_call = 0, Fate fate = Fate::kFails);
   ~Faults();
   Faults(const Faults&) = delete;
   Faults& operator=(const Faults&) = delete;
