@@ -1,5 +1,6 @@
 /* The guard of the flash archives: keeps a last good copy of an area's archive beside it, and puts
- * it back at boot, before the areas are made, where the archive is missing or broken.
+ * it back at boot, before the areas are made, where the archive is missing or broken. There is a
+ * copy of each good archive before anything can overwrite it: made after a save, or at boot.
  *
  * An archive is good when its gzip stream is whole and holds one file: the area's image under its
  * full name, of exactly the area's size, with the area's lock path and record numbering in it.
@@ -212,34 +213,58 @@ struct Images {
   }
 };
 
-bool keep(const Area& area) {
-  const Path archive = in_folder(area.stem, "bin"), good = in_folder(area.stem, "good");
-  const Images images(area.size);
-  if (!images || !lock(area)) return false;
-  const Archive now = look(area, archive, images.archive);
-  if (now.state != Archive::kGood) {
-    say("%s is not kept: %s", archive.text, now.fault);
-    return false;
-  }
-  /* The archive's bytes change with the time of the save; the image says whether anything did. */
-  if (look(area, good, images.good).state == Archive::kGood &&
-      memcmp(images.archive, images.good, area.size) == 0) {
+/* An area's files, and what is in them. */
+struct Files {
+  const Area& area;
+  Path archive, good;
+  Images images;
+  Archive now, kept;
+
+  explicit Files(const Area& of)
+      : area(of),
+        archive(in_folder(of.stem, "bin")),
+        good(in_folder(of.stem, "good")),
+        images(of.size),
+        now{},
+        kept{} {}
+  bool look_at_both() {
+    if (!images) return false;
+    now = look(area, archive, images.archive);
+    kept = look(area, good, images.good);
     return true;
   }
-  if (replace(area.stem, archive, good)) return true;
-  say("%s is not kept: %s", archive.text, strerror(errno));
+};
+
+/* The copy becomes that of a good archive. The archive's bytes change with the time of the save; the
+ * image says whether anything did. */
+bool bring_copy_up_to_date(const Files& files) {
+  if (files.kept.state == Archive::kGood &&
+      memcmp(files.images.archive, files.images.good, files.area.size) == 0) {
+    return true;
+  }
+  if (replace(files.area.stem, files.archive, files.good)) return true;
+  say("%s is not kept: %s", files.archive.text, strerror(errno));
   return false;
 }
 
-/* Init must not meet a broken archive: it would load as much of it as there is. */
+bool keep(const Area& area) {
+  Files files(area);
+  if (!lock(area) || !files.look_at_both()) return false;
+  if (files.now.state == Archive::kGood) return bring_copy_up_to_date(files);
+  say("%s is not kept: %s", files.archive.text, files.now.fault);
+  return false;
+}
+
+/* A good archive can be newer than its copy, when the power was cut between a save and its keep. It
+ * is kept now: the next save overwrites it, and a cut in that one would bring the old copy back.
+ * Init must not meet a broken archive: it would load as much of it as there is. */
 bool restore(const Area& area) {
-  const Path archive = in_folder(area.stem, "bin"), good = in_folder(area.stem, "good");
+  Files files(area);
   unlink(in_folder(area.stem, "new").text);
-  const Images images(area.size);
-  if (!images) return false;
-  const Archive now = look(area, archive, images.archive);
-  if (now.state == Archive::kGood) return true;
-  const Archive kept = look(area, good, images.good);
+  if (!files.look_at_both()) return false;
+  const Path &archive = files.archive, &good = files.good;
+  const Archive &now = files.now, &kept = files.kept;
+  if (now.state == Archive::kGood) return bring_copy_up_to_date(files);
   if (kept.state == Archive::kGood) {
     if (replace(area.stem, good, archive)) {
       say("%s: %s; the last good copy is back", archive.text, now.fault);
@@ -269,7 +294,7 @@ const Area* named(const char* stem) {
 int usage() {
   fputs(
       "usage: scguard keep AREA       after a save: keep a copy of the area's archive\n"
-      "       scguard restore [AREA]  at boot, before Init: put good copies back\n"
+      "       scguard restore [AREA]  at boot, before Init: put good copies back or renew them\n"
       "areas:",
       stderr);
   for (const Area& area : sc::kAreas) {

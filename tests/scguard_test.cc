@@ -221,15 +221,44 @@ TEST_F(ScguardTest, KeepWithNoSpaceLeft_FailsAndLeavesTheCopy) {
   EXPECT_FALSE(exists(kNew));
 }
 
-TEST_F(ScguardTest, RestoreOfAGoodArchive_LeavesItThoughItIsNewerThanTheCopy) {
+TEST_F(ScguardTest, RestoreOfAGoodArchiveThatIsNewerThanTheCopy_LeavesItAndKeepsIt) {
   save_first();
   EXPECT_EQ(scguard("keep lan").status, 0);
   save_second();
-  const std::string saved = image();
+  const std::string saved = image(), archive = read_file(kArchive);
   Outcome run;
   EXPECT_EQ(rebooted(&run), saved);
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.said, "");
+  EXPECT_EQ(read_file(kArchive), archive);
+  EXPECT_EQ(read_file(kGood), archive);
+}
+
+/* A cut between a save and its keep, and one in the next save. */
+TEST_F(ScguardTest, TwoCutsInARow_BringTheLatestSavedStateBack) {
+  save_first();
+  EXPECT_EQ(scguard("keep lan").status, 0);
+  save_second();
+  const std::string saved = image();
+  EXPECT_EQ(rebooted(), saved);
+  write_file(kArchive, "");
+  EXPECT_EQ(rebooted(), saved);
+}
+
+TEST_F(ScguardTest, RestoreOfAGoodArchiveWithoutACopy_KeepsIt) {
+  save_first();
+  EXPECT_EQ(scguard("restore lan").status, 0);
+  EXPECT_EQ(read_file(kGood), read_file(kArchive));
+}
+
+TEST_F(ScguardTest, RestoreOfAnEqualImage_DoesNotWriteTheCopyAgain) {
+  save_first();
+  EXPECT_EQ(scguard("keep lan").status, 0);
+  struct stat first, second;
+  ASSERT_EQ(stat(kGood, &first), 0);
+  EXPECT_EQ(scguard("restore").status, 0);
+  ASSERT_EQ(stat(kGood, &second), 0);
+  EXPECT_EQ(first.st_ino, second.st_ino);
 }
 
 TEST_F(ScguardTest, RestoreBeforeAnySave_SaysNothing) {
