@@ -21,12 +21,14 @@
 #include <sysconfig/core.h>
 
 #include <atomic>
+#include <memory>
 #include <new>
 
 #include "model/list_calls.h"
 #include "model/model.h"
 #include "model/rows.h"
 #include "support/areas.h"
+#include "support/output.h"
 #include "support/random.h"
 #include "support/started.h"
 #include "support/world.h"
@@ -164,6 +166,19 @@ uint32_t unlocked_word(uint32_t table) {
 uint8_t* mac_of(uint32_t table, uint32_t at) {
   constexpr uint32_t kMacAt[] = {236, 8, 11416};
   return tables[table].record(at) + kMacAt[table - kLists];
+}
+
+/* Claims a record of a table that has ids. */
+int32_t claim_id(uint32_t table) {
+  static const ApLimitsRecord limits = {{}, kMostRecords};
+  uint8_t* block = tables[table].block;
+  if (table == kAps) {
+    return SC_Get_Ap_Info_Blank(reinterpret_cast<ManageApListBlock*>(block), &limits);
+  }
+  if (table == kUsers) {
+    return SC_Get_ApUser_Info_Blank(reinterpret_cast<ApUserListBlock*>(block));
+  }
+  return SC_Get_AP_Template_Info_Blank(reinterpret_cast<ApTemplateListBlock*>(block));
 }
 
 /* Frees a record through the library. */
@@ -337,14 +352,11 @@ class Worker {
     auto* aps = reinterpret_cast<ManageApListBlock*>(tables[kAps].block);
     auto* users = reinterpret_cast<ApUserListBlock*>(tables[kUsers].block);
     auto* templates = reinterpret_cast<ApTemplateListBlock*>(tables[kTemplates].block);
-    static const ApLimitsRecord limits = {{}, kMostRecords};
     uint32_t at;
     switch (random_.below(8)) {
       case 0:
       case 1: {
-        const int32_t claimed = table == kAps     ? SC_Get_Ap_Info_Blank(aps, &limits)
-                                : table == kUsers ? SC_Get_ApUser_Info_Blank(users)
-                                                  : SC_Get_AP_Template_Info_Blank(templates);
+        const int32_t claimed = claim_id(table);
         if (claimed < 0) break;
         own(table, static_cast<uint32_t>(claimed));
         fill_claimed(table, static_cast<uint32_t>(claimed));
@@ -705,6 +717,69 @@ TEST_F(Races, Killed_NoLockStaysHeldAndEveryRecordIsClaimedOnceAndWhole) {
  * that nothing gets stuck and no mark or lock index is lost. */
 TEST_F(Races, KilledAndInterrupted_NoLockStaysHeldAndNoMarkIsLost) {
   run({.kills = true, .interrupts = true}, [] {});
+}
+
+/* ---- single instructions ---- */
+
+/* The same work by all workers, begun at once. */
+void at_once(const std::function<void()>& work) {
+  Number& waiting = shared->works_on[0];
+  waiting = 0;
+  std::vector<std::unique_ptr<Child>> children;
+  for (uint32_t worker = 0; worker < kWorkers; ++worker) {
+    children.push_back(std::make_unique<Child>([&] {
+      const int nowhere = open("/dev/null", O_WRONLY);
+      dup2(nowhere, STDOUT_FILENO);
+      dup2(nowhere, STDERR_FILENO);
+      ++waiting;
+      while (waiting < kWorkers) {
+      }
+      work();
+    }));
+  }
+  for (auto& child : children) EXPECT_EQ(child->wait(), 0);
+}
+
+TEST_F(Races, ClaimsWithoutALock_TakeNoRecordTwice) {
+  for (uint32_t round = 0; round < 30 && !HasFailure(); ++round) {
+    at_once([] {
+      for (const uint32_t table : {kAps, kUsers, kTemplates}) {
+        for (int32_t at; (at = claim_id(table)) >= 0;) {
+          ++shared->owners[table][static_cast<uint32_t>(at)];
+        }
+      }
+    });
+    for (const uint32_t table : {kAps, kUsers, kTemplates}) {
+      for (uint32_t p = 0; p < tables[table].capacity; ++p) {
+        EXPECT_EQ(shared->owners[table][p], 1u) << "table " << table << " record " << p;
+        shared->owners[table][p] = 0;
+        memset(tables[table].record(p) + unlocked_word(table), 0, 4);
+      }
+    }
+  }
+}
+
+/* Without lock files a delete does little else than count. */
+TEST_F(Races, CountersLoweredAtOnce_LoseNoCount) {
+  constexpr uint32_t kTexts = 100, kIds = 100;
+  std::string text = "33";
+  for (uint32_t id = 1; id < kIds; ++id) text += "#33";
+  for (uint32_t list = 0; list < kLists; ++list) {
+    const ListRow& row = list_rows()[list];
+    if (row.counter_width == 0) continue;
+    memset(tables[list].block + 2, 0, 130);
+    store(tables[list].block + row.counter_at, row.counter_width, 7);
+    at_once([&] {
+      for (uint32_t i = 0; i < kTexts; ++i) {
+        std::string ids = text;
+        kListCalls[list].del(tables[list].block, blocks, ids.data());
+      }
+    });
+    const uint32_t mask = row.counter_width == 2 ? 0xffff : 0xffffffff;
+    EXPECT_EQ(load(tables[list].block + row.counter_at, row.counter_width),
+              (7 - kWorkers * kTexts * kIds) & mask)
+        << row.name;
+  }
 }
 
 }  // namespace
