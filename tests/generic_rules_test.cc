@@ -539,6 +539,40 @@ TEST_P(EveryKeyedTable, CaseAlone_IsNoDifferenceForTextsAndOneForBytes) {
   EXPECT_EQ(check(upper, kFree), row.keys[0].kind == "text");
 }
 
+TEST_P(EveryKeyedTable, OnlyTheLettersOfATextHaveCase) {
+  if (row.keys[0].kind != "text") {
+    EXPECT_EQ(row.keys[0].kind, "bytes");
+    return;
+  }
+  const KeyRow& key = row.keys[0];
+  for (int letter = 1; letter < 256; ++letter) {
+    const bool in_alphabet = (letter | 0x20) >= 'a' && (letter | 0x20) <= 'z';
+    for (uint32_t i : {0u, key.width / 2, key.width - 1}) {
+      Bytes one = record(0), other_one = with_key(1, key, 0);
+      one[key.at + i] = static_cast<uint8_t>(letter);
+      other_one[key.at + i] = static_cast<uint8_t>(letter ^ 0x20);
+      if (other_one[key.at + i] == 0) continue;
+      block.put32(row.slot_of(0), kFree);
+      ASSERT_EQ(operate(LIST_OP_ADD, 0, one), SC_LIST_OK);
+      EXPECT_EQ(check(other_one, kFree), in_alphabet) << letter << " at " << i;
+    }
+  }
+}
+
+TEST_P(EveryKeyedTable, WhatFollowsATerminator_CountsForBytesAndNotForTexts) {
+  for (const KeyRow& key : row.keys) {
+    if (key.kind == "word") continue;
+    for (uint32_t end = 0; end + 1 < key.width; ++end) {
+      Bytes one = record(0), other_one = with_key(1, key, 0);
+      one[key.at + end] = other_one[key.at + end] = 0;
+      for (uint32_t i = end + 1; i < key.width; ++i) other_one[key.at + i] ^= 0x80;
+      block.put32(row.slot_of(0), kFree);
+      ASSERT_EQ(operate(LIST_OP_ADD, 0, one), SC_LIST_OK);
+      EXPECT_EQ(check(other_one, kFree), key.kind == "text") << end;
+    }
+  }
+}
+
 TEST_P(EveryKeyedTable, EachByteOfAKey_Counts) {
   for (const KeyRow& key : row.keys) {
     for (uint32_t i = 0; i < key.width; ++i) {
@@ -872,6 +906,27 @@ TEST_P(EveryListing, AFullTable_ListsEveryRecord) {
 TEST_P(EveryListing, WhatLiesBehindTheTable_IsNotListed) {
   block.put32(row.slot_of(row.capacity), 7);
   EXPECT_EQ(load(get_list().data(), 4), 0u);
+}
+
+TEST_P(EveryListing, NeighboursWhoseAddressesDifferInOneBit_AreEachListedWithTheirOwn) {
+  drop_references();
+  for (uint32_t p : {0u, 1u, 2u}) block.put32(row.slot_of(p), p + 1);
+  for (uint32_t octets : {0x0201A8C0u, 0xC86464C8u, 0u, 0x0A0A0A0Au}) {
+    for (uint32_t bit = 0; bit < 32; ++bit) {
+      for (const FieldRow& field : row.fields) {
+        if (field.kind != "address") continue;
+        block.put32(row.record_at(0) + field.record_at, octets);
+        block.put32(row.record_at(1) + field.record_at, octets ^ 1u << bit);
+        block.put32(row.record_at(2) + field.record_at, octets);
+      }
+      const Bytes list = get_list();
+      ASSERT_EQ(load(list.data(), 4), 3u);
+      for (uint32_t p : {0u, 1u, 2u}) {
+        const uint8_t* shown = list.data() + 8 + p * row.item_size;
+        ASSERT_EQ(Bytes(shown, shown + row.item_size), expected_item(p)) << octets << " " << bit;
+      }
+    }
+  }
 }
 
 TEST_P(EveryListing, ANullBlock_LeavesItemAndListUntouched) {

@@ -119,7 +119,8 @@ class Inputs {
     if (choice < std::size(kTexts)) {
       strncpy(text, kTexts[choice], sizeof text);
     } else {
-      const Bytes octets = noise(4);
+      Bytes octets = noise(4);
+      if (random.one_in(2)) octets = {10, one_of<uint8_t>({1, 129}), 7, octets[3]}; /* neighbours */
       snprintf(text, sizeof text, "%d.%d.%d.%d", octets[0], octets[1], octets[2], octets[3]);
     }
     memcpy(to, text, sizeof text);

@@ -95,6 +95,11 @@ TEST_F(ApList, AnId_IsFoundAtItsFirstPositionAndZeroAtTheFirstFreeOne) {
   EXPECT_EQ(SC_Get_Ap_Info_By_Id(block, 0xFFFFFFFF), 40);
 }
 
+TEST_F(ApList, WhatLiesBehindTheTable_IsNoAp) {
+  memcpy(block->spare_3691336 + 236, kMacA, 6);
+  EXPECT_EQ(SC_Get_Ap_Info_By_Mac(block, kMacA), -1);
+}
+
 /* ---- claims ---- */
 
 TEST_F(ApList, AClaim_TakesTheLowestFreeRecordAndChangesItsIdOnly) {

@@ -103,6 +103,16 @@ TEST_F(ApUsers, AMac_IsFoundAtItsFirstPositionComparedByAllSixBytes) {
   EXPECT_EQ(SC_Get_ApUser_Info_By_Mac(block, other), -1);
 }
 
+TEST_F(ApUsers, WhatLiesBehindTheTable_IsNoUser) {
+  const uint32_t id = 777;
+  memcpy(block->spare_6960136 + 4, &id, sizeof id);
+  memcpy(block->spare_6960136 + 8, kMac, 6);
+  EXPECT_EQ(SC_Get_ApUser_Info_By_Id(block, 777), -1);
+  EXPECT_EQ(SC_Get_ApUser_Info_By_Mac(block, kMac), -1);
+  EXPECT_EQ(SC_Del_ApUser_Info_by_Mac(block, kMac), 0);
+  EXPECT_EQ(SC_Get_ApUser_Info_Count(block), 0);
+}
+
 TEST_F(ApUsers, TheCount_CountsEveryIdButZeroAndIsZeroForANullBlock) {
   block->users[0].user_id = 0xFFFFFFFF;
   block->users[299].user_id = 7;
