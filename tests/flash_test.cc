@@ -17,8 +17,7 @@ namespace {
 using namespace sc_test;
 using Lines = std::vector<std::string>;
 
-/* What the real tar says when it packs a path that begins with a slash. */
-constexpr char kTarNote[] = "tar: Removing leading `/' from member names\n";
+const std::string kTarNote = tar_note();
 
 void run(const std::string& command) { ASSERT_EQ(system(command.c_str()), 0) << command; }
 
@@ -217,7 +216,8 @@ TEST_P(FlashOfAFew, ASaveThatCannotWriteTheImage_SaysSoAndGoesOn) {
   auto* block = worked_on_block();
   ASSERT_EQ(symlink("/dev/full", golden_.image_path.c_str()), 0);
   Journal journal;
-  EXPECT_EQ(capture([&] { area_.save_to_flash(block); }), (Output{"file write error\n", kTarNote}));
+  EXPECT_EQ(capture([&] { area_.save_to_flash(block); }),
+            (Output{"file write error\n", kTarNote}));
   EXPECT_EQ(journal.lines().size(), 8u + golden_.post_flash.size());
   EXPECT_TRUE(exists(golden_.archive_path));
   EXPECT_FALSE(exists(golden_.image_path));

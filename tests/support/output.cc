@@ -77,7 +77,12 @@ Child::Child(const std::function<void()>& action) {
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork");
   if (pid_ != 0) return;
-  action();
+  /* A child that let an exception out would go on as a second runner of all tests. */
+  try {
+    action();
+  } catch (const std::exception& error) {
+    ADD_FAILURE() << error.what();
+  }
   fflush(nullptr);
   _exit(testing::Test::HasFailure() ? 99 : 0);
 }
@@ -107,6 +112,13 @@ Ending run_in_child(const std::function<void()>& action) {
   Ending ending;
   ending.output = capture([&] { ending.status = Child(action).wait(); });
   return ending;
+}
+
+std::string tar_note() {
+  const Output usage = capture([] { (void)!system("tar --help"); });
+  const bool busybox = (usage.out + usage.err).find("BusyBox") != std::string::npos;
+  return busybox ? "tar: removing leading '/' from member names\n"
+                 : "tar: Removing leading `/' from member names\n";
 }
 
 }  // namespace sc_test

@@ -55,6 +55,10 @@ struct Ending {
 std::ostream& operator<<(std::ostream& stream, const Ending& ending);
 Ending run_in_child(const std::function<void()>& action);
 
+/* What the tar in PATH says when it packs a path that begins with a slash; BusyBox's, on a router,
+ * has its own words. */
+std::string tar_note();
+
 }  // namespace sc_test
 
 #endif

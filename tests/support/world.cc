@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/shm.h>
@@ -154,11 +155,18 @@ size_t segment_size(int key) {
 
 std::vector<void*> attached_addresses() { return attached(); }
 
-/* By a command, which is a program of the host everywhere: the user-mode emulator ignores the call
- * itself. */
 void forbid_new_mappings() {
-  const std::string command = "prlimit --as=0: --pid " + std::to_string(getpid());
-  if (system(command.c_str()) != 0) throw std::runtime_error(command);
+  rlimit none;
+  getrlimit(RLIMIT_AS, &none);
+  none.rlim_cur = 0;
+  setrlimit(RLIMIT_AS, &none);
+  void* page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (page != MAP_FAILED) {
+    /* The user-mode emulator ignores the call; a command is a program of the host. */
+    munmap(page, 1);
+    const std::string command = "prlimit --as=0: --pid " + std::to_string(getpid());
+    if (system(command.c_str()) != 0) throw std::runtime_error(command);
+  }
   /* What sanitizers do at the end needs memory again. */
   atexit([] {
     rlimit limit;
