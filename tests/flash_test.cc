@@ -216,8 +216,7 @@ TEST_P(FlashOfAFew, ASaveThatCannotWriteTheImage_SaysSoAndGoesOn) {
   auto* block = worked_on_block();
   ASSERT_EQ(symlink("/dev/full", golden_.image_path.c_str()), 0);
   Journal journal;
-  EXPECT_EQ(capture([&] { area_.save_to_flash(block); }),
-            (Output{"file write error\n", kTarNote}));
+  EXPECT_EQ(capture([&] { area_.save_to_flash(block); }), (Output{"file write error\n", kTarNote}));
   EXPECT_EQ(journal.lines().size(), 8u + golden_.post_flash.size());
   EXPECT_TRUE(exists(golden_.archive_path));
   EXPECT_FALSE(exists(golden_.image_path));
