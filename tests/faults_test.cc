@@ -3,6 +3,7 @@
  * promises for it; no descriptor stays open and no lock is held. */
 #include <errno.h>
 #include <fcntl.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
@@ -59,6 +60,12 @@ std::vector<Fault> faults_in(const Lines& calls) {
     faults.push_back({i + 1, calls[i], static_cast<size_t>(nth)});
   }
   return faults;
+}
+
+/* How many faults of one step are tried, spread over all: SC_TEST_FAULTS, for emulated CPUs, or all. */
+size_t most_faults() {
+  const char* given = getenv("SC_TEST_FAULTS");
+  return given == nullptr ? SIZE_MAX : strtoul(given, nullptr, 10);
 }
 
 std::string said_by_perror(const std::string& call) {
@@ -268,7 +275,9 @@ class ListFaults : public FaultWorld, public testing::WithParamInterface<ListCal
                                    const OnModel& on_model) {
     SCOPED_TRACE(step);
     expect_survived(kNoFault, library, on_model);
-    for (const Fault& fault : faults()) expect_survived(fault, library, on_model);
+    const std::vector<Fault> all = faults();
+    const size_t stride = (1 + all.size() / most_faults()) | 1; /* odd: calls come in fours */
+    for (size_t i = 0; i < all.size(); i += stride) expect_survived(all[i], library, on_model);
   }
 
   void expect_survived(const Fault& fault, const std::function<int64_t()>& library,
@@ -902,7 +911,7 @@ TEST_P(SavedAreaFaults, Read_ReturnsTheLastStatusAndLeavesTheNumberedOrLoadedBlo
   EXPECT_EQ(all.size(), 7u);
 }
 
-const std::string kTarNote = tar_note();
+const TarWords kTar = tar_words();
 
 TEST_P(SavedAreaFaults, SaveToFlash_LeavesTheOldArchiveTheNewOneOrHalfOfItAndSaysWhy) {
   std::vector<Fault> all = {kNoFault};
@@ -932,7 +941,7 @@ TEST_P(SavedAreaFaults, SaveToFlash_LeavesTheOldArchiveTheNewOneOrHalfOfItAndSay
     if (fault.is("open")) expected.output = cannot_lock(golden_.lock_path);
     if (fault.is("fopen")) expected.output.out = "canot open the file.";
     if (fault.is("fwrite")) expected.output.out = "file write error\n";
-    if (packed) expected.output.err = kTarNote;
+    if (packed) expected.output.err = kTar.slash_note;
     EXPECT_EQ(seen, expected);
     EXPECT_TRUE(image.matches(block_));
     EXPECT_EQ(files(), with_archive(fault.is("system") && fault.nth == 2));

@@ -17,7 +17,7 @@ namespace {
 using namespace sc_test;
 using Lines = std::vector<std::string>;
 
-const std::string kTarNote = tar_note();
+const TarWords kTar = tar_words();
 
 void run(const std::string& command) { ASSERT_EQ(system(command.c_str()), 0) << command; }
 
@@ -40,7 +40,7 @@ class Flash : public World, public testing::WithParamInterface<std::string> {
     return block;
   }
   void save(uint8_t* block) {
-    EXPECT_EQ(capture([&] { area_.save_to_flash(block); }), (Output{"", kTarNote}));
+    EXPECT_EQ(capture([&] { area_.save_to_flash(block); }), (Output{"", kTar.slash_note}));
   }
   /* An archive made by other means: one file in it, under the working image's path or another. */
   void make_archive(const std::string& bytes, std::string path = "") {
@@ -216,7 +216,8 @@ TEST_P(FlashOfAFew, ASaveThatCannotWriteTheImage_SaysSoAndGoesOn) {
   auto* block = worked_on_block();
   ASSERT_EQ(symlink("/dev/full", golden_.image_path.c_str()), 0);
   Journal journal;
-  EXPECT_EQ(capture([&] { area_.save_to_flash(block); }), (Output{"file write error\n", kTarNote}));
+  EXPECT_EQ(capture([&] { area_.save_to_flash(block); }),
+            (Output{"file write error\n", kTar.slash_note}));
   EXPECT_EQ(journal.lines().size(), 8u + golden_.post_flash.size());
   EXPECT_TRUE(exists(golden_.archive_path));
   EXPECT_FALSE(exists(golden_.image_path));
@@ -324,7 +325,7 @@ TEST_P(FlashOfAFew, ADamagedArchive_GivesTheFailedStatusOfTheUnpacking) {
   int result = -1;
   const Output output = capture([&] { result = area_.read(block); });
   EXPECT_EQ(output.out, "cant open the file");
-  EXPECT_EQ(result, 2 << 8); /* tar's status for a fatal error */
+  EXPECT_EQ(result, kTar.damaged << 8);
   EXPECT_TRUE(numbered().matches(block));
 }
 

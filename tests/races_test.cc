@@ -761,7 +761,7 @@ TEST_F(Races, ClaimsWithoutALock_TakeNoRecordTwice) {
 
 /* Without lock files a delete does little else than count. */
 TEST_F(Races, CountersLoweredAtOnce_LoseNoCount) {
-  constexpr uint32_t kTexts = 100, kIds = 100;
+  constexpr uint32_t kTexts = 25, kIds = 100;
   std::string text = "33";
   for (uint32_t id = 1; id < kIds; ++id) text += "#33";
   for (uint32_t list = 0; list < kLists; ++list) {

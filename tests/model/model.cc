@@ -98,8 +98,10 @@ void Model::close() {
 
 /* No byte lies in front of a file: such a lock fails, and the change is made all the same. */
 void Model::log_lock(const char* what, int32_t lock_index) {
-  journal.push_back(std::string(what) + " #" + std::to_string(open_.back()) + " " +
-                    std::to_string(lock_index) + (lock_index < 0 ? " failed" : ""));
+  char line[64]; /* hundreds of thousands of lines, on slow CPUs too */
+  snprintf(line, sizeof line, "%s #%d %d%s", what, int{open_.back()}, lock_index,
+           lock_index < 0 ? " failed" : "");
+  journal.emplace_back(line);
 }
 
 void Model::lock(int32_t lock_index) { log_lock("lock", lock_index); }

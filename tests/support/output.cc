@@ -114,11 +114,12 @@ Ending run_in_child(const std::function<void()>& action) {
   return ending;
 }
 
-std::string tar_note() {
+TarWords tar_words() {
   const Output usage = capture([] { (void)!system("tar --help"); });
-  const bool busybox = (usage.out + usage.err).find("BusyBox") != std::string::npos;
-  return busybox ? "tar: removing leading '/' from member names\n"
-                 : "tar: Removing leading `/' from member names\n";
+  if ((usage.out + usage.err).find("BusyBox") != std::string::npos) {
+    return {"tar: removing leading '/' from member names\n", 1};
+  }
+  return {"tar: Removing leading `/' from member names\n", 2};
 }
 
 }  // namespace sc_test

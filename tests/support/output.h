@@ -55,9 +55,12 @@ struct Ending {
 std::ostream& operator<<(std::ostream& stream, const Ending& ending);
 Ending run_in_child(const std::function<void()>& action);
 
-/* What the tar in PATH says when it packs a path that begins with a slash; BusyBox's, on a router,
- * has its own words. */
-std::string tar_note();
+/* The words of the tar in PATH; BusyBox's, on a router, has its own. */
+struct TarWords {
+  std::string slash_note; /* on stderr, when it packs a path that begins with a slash */
+  int damaged;            /* exit status for an archive that it cannot read */
+};
+TarWords tar_words();
 
 }  // namespace sc_test
 
