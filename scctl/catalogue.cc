@@ -1,0 +1,656 @@
+/* The rows of the catalogue, and the makers that derive them from the public structs. */
+#include "catalogue.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <sysconfig/ap.h>
+#include <sysconfig/clients.h>
+#include <sysconfig/core.h>
+#include <sysconfig/filter.h>
+#include <sysconfig/lan.h>
+#include <sysconfig/rules.h>
+
+namespace scctl {
+
+namespace {
+
+/* ---- makers of fields ---- */
+
+template <class T>
+struct Element {
+  using Type = T;
+};
+template <class T, size_t kCount>
+struct Element<T[kCount]> {
+  using Type = T;
+};
+
+template <class T>
+constexpr bool kIsSigned = static_cast<T>(-1) < static_cast<T>(0);
+
+template <class Member>
+consteval Kind kind_of() {
+  using T = typename Element<Member>::Type;
+  if (__is_same(T, char)) return Kind::kText;
+  if (__is_same(Member, uint8_t[SC_MAC_BYTES])) return Kind::kMac;
+  if (__is_same(T, uint8_t) && sizeof(Member) > 1) return Kind::kBytes;
+  return kIsSigned<T> ? Kind::kSigned : Kind::kUnsigned;
+}
+
+template <class Member>
+consteval Field in_record(const char* name, size_t at) {
+  static_assert(sizeof(Member) <= UINT16_MAX);
+  return {name,
+          name,
+          static_cast<uint16_t>(at),
+          kNoItem,
+          sizeof(Member),
+          kind_of<Member>(),
+          sizeof(typename Element<Member>::Type) & 0xff,
+          Clash::kNone,
+          false};
+}
+
+template <class Member, class Shown>
+consteval Field in_item(const char* member, size_t at, const char* name, size_t item_at) {
+  Field f = in_record<Member>(member, at);
+  f.name = name;
+  f.item_at = static_cast<uint16_t>(item_at);
+  if constexpr (__is_same(Member, uint32_t) && __is_same(Shown, char[SC_IP_TEXT])) {
+    f.kind = Kind::kAddress;
+  } else if constexpr (sizeof(Member) != sizeof(Shown)) {
+    using T = typename Element<Member>::Type;
+    static_assert(kIsSigned<T> && __is_same(typename Element<Shown>::Type, int32_t) &&
+                      sizeof(Shown) / 4 == sizeof(Member) / sizeof(T),
+                  "items widen signed numbers one by one");
+  }
+  return f;
+}
+
+consteval Field unique(Field f, Clash clash) {
+  f.clash = clash;
+  return f;
+}
+
+consteval Field mac_text(Field f) {
+  f.kind = Kind::kMacText;
+  return f;
+}
+
+consteval Field written_by_add(Field f) {
+  f.add_only = true;
+  return f;
+}
+
+#define IN_RECORD(member) in_record<decltype(Record::member)>(#member, offsetof(Record, member))
+#define IN_ITEM(member, shown)                                                                \
+  in_item<decltype(Record::member), decltype(Item::shown)>(#member, offsetof(Record, member), \
+                                                           #shown, offsetof(Item, shown))
+#define SAME(member) IN_ITEM(member, member)
+
+/* ---- fields ---- */
+
+namespace dhcp {
+using Record = DhcpBindRecord;
+using Item = DhcpStaticItem;
+constexpr Field kFields[] = {
+    unique(mac_text(IN_ITEM(bind_mac, mac)), Clash::kTextWithoutCase),
+    unique(IN_ITEM(bind_ip, ip), Clash::kBytes),
+    IN_ITEM(bind_flag, flag),
+    IN_ITEM(bind_name, name),
+};
+}  // namespace dhcp
+
+namespace ip_group {
+using Record = IpGroupRecord;
+using Item = IpGroupItem;
+constexpr Field kFields[] = {
+    SAME(leading_text),
+    IN_ITEM(start_addr, start_ip_text),
+    IN_ITEM(end_addr, end_ip_text),
+    SAME(trailing_text),
+};
+}  // namespace ip_group
+
+namespace time_group {
+using Record = TimeGroupRecord;
+using Item = TimeGroupItem;
+constexpr Field kFields[] = {
+    SAME(leading_text), SAME(weekday), SAME(start_time), SAME(end_time), SAME(trailing_text),
+};
+}  // namespace time_group
+
+namespace ip_filter {
+using Record = IpFilterRecord;
+using Item = IpFilterItem;
+constexpr Field kFields[] = {
+    SAME(leading_text),
+    SAME(ip_mode),
+    SAME(ip_group_id),
+    IN_ITEM(start_addr, start_ip_text),
+    IN_ITEM(end_addr, end_ip_text),
+    SAME(param_1),
+    SAME(param_2),
+    SAME(param_byte),
+    SAME(time_mode),
+    SAME(time_group_id),
+    SAME(weekday),
+    SAME(start_time),
+    SAME(end_time),
+    SAME(rule_flag),
+    SAME(trailing_text),
+};
+}  // namespace ip_filter
+
+namespace port_forward {
+using Record = PortFwRecord;
+using Item = PortFwItem;
+constexpr Field kFields[] = {
+    SAME(leading_text), IN_ITEM(ip_addr, ip_text),
+    SAME(option_1),     SAME(number_1),
+    SAME(number_2),     SAME(number_3),
+    SAME(number_4),     SAME(option_2),
+    SAME(option_3),     SAME(trailing_text),
+};
+}  // namespace port_forward
+
+namespace mac_filter {
+using Record = MacFilterRecord;
+using Item = MacFilterItem;
+constexpr Field kFields[] = {
+    unique(mac_text(SAME(mac)), Clash::kTextWithoutCase),
+    SAME(leading_text),
+    SAME(time_mode),
+    SAME(time_group_id),
+    SAME(weekday),
+    SAME(start_time),
+    SAME(end_time),
+    SAME(rule_flag),
+    SAME(trailing_text),
+};
+}  // namespace mac_filter
+
+namespace url_filter {
+using Record = UrlFilterRecord;
+using Item = UrlFilterItem;
+constexpr Field kFields[] = {
+    unique(SAME(url), Clash::kBytes),
+    SAME(leading_text),
+    SAME(time_mode),
+    SAME(time_group_id),
+    SAME(weekday),
+    SAME(start_time),
+    SAME(end_time),
+    SAME(rule_flag),
+    SAME(trailing_text),
+};
+}  // namespace url_filter
+
+namespace qos {
+using Record = QosRuleRecord;
+using Item = QosItem;
+constexpr Field kFields[] = {
+    SAME(leading_text),
+    SAME(match_kind),
+    SAME(match_text),
+    SAME(ip_mode),
+    SAME(ip_group_id),
+    IN_ITEM(start_addr, start_ip_text),
+    IN_ITEM(end_addr, end_ip_text),
+    SAME(param_1),
+    SAME(param_2),
+    SAME(param_byte),
+    SAME(time_mode),
+    SAME(time_group_id),
+    SAME(weekday),
+    SAME(start_time),
+    SAME(end_time),
+    SAME(rule_flag),
+    SAME(trailing_text),
+};
+}  // namespace qos
+
+namespace ap {
+using Record = ApInfoRecord;
+constexpr Field kFields[] = {
+    IN_RECORD(ap_mac),       IN_RECORD(run_state),    IN_RECORD(group_id),
+    IN_RECORD(group_info),   IN_RECORD(wtp_frag_len), IN_RECORD(opaque_4),
+    IN_RECORD(opaque_138),   IN_RECORD(opaque_242),   IN_RECORD(opaque_399),
+    IN_RECORD(opaque_11792), IN_RECORD(opaque_11800),
+};
+}  // namespace ap
+
+namespace ap_user {
+using Record = ApUserRecord;
+constexpr Field kFields[] = {IN_RECORD(user_mac), IN_RECORD(opaque_14)};
+}  // namespace ap_user
+
+namespace ap_template {
+using Record = ApTemplateRecord;
+constexpr Field kFields[] = {
+    IN_RECORD(template_name), IN_RECORD(bound_ap_mac), IN_RECORD(opaque_8),
+    IN_RECORD(opaque_108),    IN_RECORD(opaque_11422),
+};
+}  // namespace ap_template
+
+namespace client_group {
+using Record = ClientsGroupRecord;
+using Item = ClientsGroupsItem;
+constexpr Field kFields[] = {unique(SAME(group_name), Clash::kTextWithoutCase)};
+}  // namespace client_group
+
+namespace client {
+using Record = ClientRecord;
+using Item = ClientsItem;
+constexpr Field kFields[] = {
+    unique(written_by_add(SAME(client_mac)), Clash::kBytes),
+    SAME(text_52),
+    SAME(text_82),
+    SAME(text_102),
+    SAME(text_122),
+    SAME(text_142),
+    SAME(text_162),
+    SAME(text_182),
+    SAME(field_14),
+    SAME(field_16),
+    SAME(field_20),
+    SAME(field_24),
+    SAME(field_26),
+    SAME(field_27),
+    SAME(field_28),
+    SAME(field_29),
+    SAME(field_30),
+    SAME(field_31),
+    SAME(field_32),
+    SAME(field_34),
+    SAME(field_36),
+    SAME(field_40),
+    SAME(field_44),
+    SAME(field_48),
+};
+}  // namespace client
+
+/* Settings: one field, behind the section's lock word or without one. */
+template <class Bytes, bool kLocked>
+constexpr Field kSettings[] = {{"settings", "settings", kLocked ? 4 : 0, kNoItem, sizeof(Bytes),
+                                Kind::kBytes, 1, Clash::kNone, false}};
+
+/* ---- calls ---- */
+
+template <class Block, class Item>
+int32_t forward(int32_t (*call)(Block*, const Item*), void* block, const void* item) {
+  return call(static_cast<Block*>(block), static_cast<const Item*>(item));
+}
+template <class Block>
+auto forward(auto(*call)(Block*), void* block) {
+  return call(static_cast<Block*>(block));
+}
+template <class Block>
+void forward(void (*call)(Block*, char*), void* block, char* ids) {
+  call(static_cast<Block*>(block), ids);
+}
+template <class Block, class Record>
+void forward_release(int32_t (*call)(Block*, uint32_t, uint32_t*, const Record*), void* block,
+                     uint32_t position) {
+  call(static_cast<Block*>(block), LIST_OP_DEL, &position, nullptr);
+}
+
+/* One id as an index list. */
+struct Ids {
+  char text[12];
+  explicit Ids(uint32_t id) { snprintf(text, sizeof text, "%u", id); }
+};
+
+template <auto kCall>
+int32_t on_block(void* block) {
+  return forward(kCall, block);
+}
+template <auto kCall>
+void clear_block(void* block) {
+  forward(kCall, block);
+}
+template <auto kCall>
+int32_t write_item(void* block, const void* item) {
+  return forward(kCall, block, item);
+}
+template <auto kCall, AreaId kArea>
+void erase_item(void* const* blocks, uint32_t id) {
+  forward(kCall, blocks[kArea], Ids(id).text);
+}
+template <auto kCall>
+void release_record(void* block, uint32_t position) {
+  forward_release(kCall, block, position);
+}
+
+template <class Block>
+Block* block_of(void* const* blocks, AreaId area) {
+  return static_cast<Block*>(blocks[area]);
+}
+
+void erase_ip_group(void* const* blocks, uint32_t id) {
+  DelIpGroupItem(block_of<IpGroupBlock>(blocks, kIpGroup),
+                 block_of<FwIpportBlock>(blocks, kFwIpport), block_of<QosBlock>(blocks, kQos),
+                 Ids(id).text);
+}
+
+void erase_time_group(void* const* blocks, uint32_t id) {
+  DelTimeGroupItem(block_of<TimeGroupBlock>(blocks, kTimeGroup),
+                   block_of<FwIpportBlock>(blocks, kFwIpport), block_of<FwMacBlock>(blocks, kFwMac),
+                   block_of<FwUrlBlock>(blocks, kFwUrl), block_of<QosBlock>(blocks, kQos),
+                   Ids(id).text);
+}
+
+int32_t claim_ap(void* block) {
+  ApLimitsRecord limits = {};
+  limits.max_ap_count = SC_ACCESS_POINTS;
+  return SC_Get_Ap_Info_Blank(static_cast<ManageApListBlock*>(block), &limits);
+}
+
+/* These are deleted by their MAC, of which the library takes the first record, used or not. One that
+ * comes later, or has none, gets a MAC of its own before. */
+constexpr uint8_t kOwnMac[SC_MAC_BYTES] = {0x02, 0x5c, 0x6f, 0x77, 0x6e, 0x00};
+
+void release_ap(void* block, uint32_t position) {
+  auto* list = static_cast<ManageApListBlock*>(block);
+  uint8_t* mac = list->aps[position].ap_mac;
+  if (SC_Get_Ap_Info_By_Mac(list, mac) != static_cast<int32_t>(position)) {
+    memcpy(mac, kOwnMac, sizeof kOwnMac);
+  }
+  SC_Del_Ap_Info_by_Mac(list, mac);
+}
+
+void release_ap_user(void* block, uint32_t position) {
+  auto* list = static_cast<ApUserListBlock*>(block);
+  uint8_t* mac = list->users[position].user_mac;
+  if (SC_Get_ApUser_Info_By_Mac(list, mac) != static_cast<int32_t>(position)) {
+    memcpy(mac, kOwnMac, sizeof kOwnMac);
+  }
+  SC_Del_ApUser_Info_by_Mac(list, mac);
+}
+
+template <auto kRelease, AreaId kArea>
+void erase_record(void* const* blocks, uint32_t id) {
+  kRelease(blocks[kArea], id - 1);
+}
+
+/* An AP that is bound to it would keep its name and id. */
+void erase_ap_template(void* const* blocks, uint32_t id) {
+  auto* block = block_of<ApTemplateListBlock>(blocks, kApTemplateList);
+  uint8_t mac[SC_MAC_BYTES];
+  memcpy(mac, block->templates[id - 1].bound_ap_mac, sizeof mac);
+  static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
+  if (memcmp(mac, kNobody, sizeof mac) != 0) {
+    SC_Del_Ap_Mac2Template_By_Id(block, block_of<ManageApListBlock>(blocks, kManageApList), id,
+                                 mac);
+  }
+  SC_Del_AP_Template_Info_By_Id(block, id - 1);
+}
+
+void release_ap_template(void* block, uint32_t position) {
+  SC_Del_AP_Template_Info_By_Id(static_cast<ApTemplateListBlock*>(block), position);
+}
+
+void clear_aps(void* block) { SC_Set_Ap_Info_Id2Zero(static_cast<ManageApListBlock*>(block)); }
+
+#define LIST_CALLS(area, list, blank, prefix, item)                                            \
+  {                                                                                            \
+    on_block<SC_Operate_System_List_##blank##_Blank>, write_item<prefix##Add##item##Item>,     \
+        write_item<prefix##Modify##item##Item>, erase_item<prefix##Del##item##Item, area>,     \
+        release_record<SC_Operate_System_List_##list>, clear_block<prefix##DelAll##item##Item> \
+  }
+#define GROUP_CALLS(list, item, erase)                                                        \
+  {                                                                                           \
+    on_block<SC_Operate_System_List_Get##list##_Blank>, write_item<Add##item##Item>,          \
+        write_item<Modify##item##Item>, erase, release_record<SC_Operate_System_List_##list>, \
+        clear_block<DelAll##item##Item>                                                       \
+  }
+
+/* DelAllIpFilterItem frees its first rule alone and writes over others: rules go one by one. */
+constexpr Calls kIpFilterCalls = {on_block<SC_Operate_System_List_GetFireWall_IpPort_Blank>,
+                                  write_item<AddIpFilterItem>,
+                                  write_item<ModifyIpFilterItem>,
+                                  erase_item<DelIpFilterItem, kFwIpport>,
+                                  release_record<SC_Operate_System_List_FireWall_IpPort>,
+                                  nullptr};
+
+/* ---- makers of tables ---- */
+
+constexpr uint32_t bit(AreaId area) { return 1u << area; }
+
+template <class Records, class Item, size_t kFieldCount>
+consteval Table list_table(const char* name, AreaId area, size_t at,
+                           const Field (&fields)[kFieldCount], Calls calls,
+                           const char* counter = nullptr, size_t counter_at = 0,
+                           size_t counter_size = 0, uint32_t needs = 0) {
+  using Record = typename Element<Records>::Type;
+  Table t = {};
+  t.name = name;
+  t.area = area;
+  t.at = static_cast<uint32_t>(at);
+  t.stride = sizeof(Record);
+  t.capacity = sizeof(Records) / sizeof(Record);
+  t.lock_at = offsetof(Record, lock_index);
+  t.id_at = offsetof(Record, slot_id);
+  t.free = -1;
+  t.counter = counter;
+  t.counter_at = static_cast<uint32_t>(counter_at);
+  t.counter_size = static_cast<uint8_t>(counter_size);
+  t.item_size = sizeof(Item);
+  if constexpr (requires(Item i) { i.slot_id; }) {
+    t.item_id_at = offsetof(Item, slot_id);
+  } else {
+    t.item_id_at = offsetof(Item, id);
+  }
+  t.needs = bit(area) | needs;
+  t.fields = fields;
+  t.field_count = kFieldCount;
+  t.calls = calls;
+  return t;
+}
+#define LIST(name, area, Block, records, of, calls, ...) \
+  list_table<decltype(Block::records), of::Item>(        \
+      name, area, offsetof(Block, records), of::kFields, Calls calls __VA_OPT__(, ) __VA_ARGS__)
+#define COUNTER(Block, member) #member, offsetof(Block, member), sizeof(Block::member)
+
+template <class Records, size_t kFieldCount>
+consteval Table id_table(const char* name, AreaId area, size_t at, size_t id_at,
+                         const Field (&fields)[kFieldCount], Calls calls, uint32_t needs = 0) {
+  using Record = typename Element<Records>::Type;
+  Table t = {};
+  t.name = name;
+  t.area = area;
+  t.at = static_cast<uint32_t>(at);
+  t.stride = sizeof(Record);
+  t.capacity = sizeof(Records) / sizeof(Record);
+  t.lock_at = offsetof(Record, lock_index);
+  t.id_at = static_cast<int16_t>(id_at);
+  t.needs = bit(area) | needs;
+  t.fields = fields;
+  t.field_count = kFieldCount;
+  t.calls = calls;
+  return t;
+}
+#define ID_TABLE(name, area, Block, records, of, id, ...)                  \
+  id_table<decltype(Block::records)>(name, area, offsetof(Block, records), \
+                                     offsetof(of::Record, id), of::kFields, __VA_ARGS__)
+
+template <class Bytes, bool kLocked>
+consteval Table settings(const char* name, AreaId area, size_t at, uint16_t count = 1) {
+  Table t = {};
+  t.name = name;
+  t.area = area;
+  t.at = static_cast<uint32_t>(at);
+  t.stride = sizeof(Bytes) + (kLocked ? 4 : 0);
+  t.capacity = count;
+  t.lock_at = kLocked ? 0 : -1;
+  t.id_at = -1;
+  t.needs = bit(area);
+  t.fields = kSettings<Bytes, kLocked>;
+  t.field_count = 1;
+  return t;
+}
+#define SETTINGS(name, area, Block, bytes) \
+  settings<decltype(Block::bytes), false>(name, area, offsetof(Block, bytes))
+#define SECTION(name, area, Block, lock, bytes) \
+  settings<decltype(Block::bytes), true>(       \
+      name, area,                               \
+      offsetof(Block, lock) +                   \
+          0 * sizeof(char[offsetof(Block, bytes) - offsetof(Block, lock) == 4 ? 1 : -1]))
+
+/* ---- areas ---- */
+
+template <auto kCall>
+int init_and_read() {
+  if constexpr (requires { kCall(1); }) {
+    return kCall(1);
+  } else {
+    return kCall();
+  }
+}
+template <auto kCall>
+int read_block(void* block) {
+  return forward(kCall, block);
+}
+
+}  // namespace
+
+// clang-format off
+#define AREA_LIFE(name) \
+  SC_Get_##name##_System_Config, SC_Uninit_System_##name##_Config, \
+  init_and_read<SC_Init_System_##name##_Config>
+#define AREA(name, Block, key, stem, lock_stem)                                                   \
+  {#name, key, sizeof(Block), offsetof(BlockHeader, lock_path),                                   \
+   offsetof(BlockHeader, block_lock_index), stem, lock_stem, AREA_LIFE(name),                     \
+   read_block<SC_Read_System_##name##_Config>, SC_Save_System_##name##_Config,                    \
+   clear_block<SC_Save_System_##name##_Config2Flash>}
+
+constexpr Area kAreas[kAreaCount] = {
+  AREA(Lan,            LanBlock,            SC_KEY_LAN,              "lan",            "lan"),
+  AREA(Wan,            WanBlock,            SC_KEY_WAN,              "wan",            "wan"),
+  AREA(ProductInfo,    ProductInfoBlock,    SC_KEY_PRODUCT_INFO,     "product",        "product"),
+  AREA(Misc,           MiscBlock,           SC_KEY_MISC,             "misc",           "misc"),
+  AREA(VsIpport,       VsIpportBlock,       SC_KEY_VS_IPPORT,        "vs_ipport",      "vs_ipport"),
+  AREA(FwIpport,       FwIpportBlock,       SC_KEY_FW_IPPORT,        "fw_ipport",      "fw_ipport"),
+  AREA(IpGroup,        IpGroupBlock,        SC_KEY_IP_GROUP,         "ipgroup",        "ipgroup"),
+  AREA(TimeGroup,      TimeGroupBlock,      SC_KEY_TIME_GROUP,       "timegroup",      "timegroup"),
+  AREA(FwMac,          FwMacBlock,          SC_KEY_FW_MAC,           "fw_mac",         "fw_mac"),
+  AREA(FwUrl,          FwUrlBlock,          SC_KEY_FW_URL,           "fw_url",         "fw_url"),
+  AREA(Qos,            QosBlock,            SC_KEY_QOS,              "qos",            "qos"),
+  AREA(ManageApList,   ManageApListBlock,   SC_KEY_MANAGE_AP_LIST,   "mange_aplist",   "aplist"),
+  {"ApUserList", SC_KEY_AP_USER_LIST, sizeof(ApUserListBlock), offsetof(ApUserListBlock, lock_path),
+   offsetof(ApUserListBlock, block_lock_index), "", "apuserlist", AREA_LIFE(ApUserList), nullptr,
+   nullptr, nullptr},
+  AREA(ApTemplateList, ApTemplateListBlock, SC_KEY_AP_TEMPLATE_LIST, "aptemplatelist", "aptemplatelist"),
+  AREA(DefApTemplate,  DefApTemplateBlock,  SC_KEY_DEF_AP_TEMPLATE,  "defaptemplate",  "defaptemplate"),
+  AREA(Clients_Groups, ClientsGroupsBlock,  SC_KEY_CLIENTS_GROUPS,   "clients_groups", "clients_groups"),
+  AREA(Clients,        ClientsBlock,        SC_KEY_CLIENTS,          "clients",        "clients"),
+};
+
+constexpr uint32_t kIpGroupRules = bit(kFwIpport) | bit(kQos);
+constexpr uint32_t kTimeGroupRules = kIpGroupRules | bit(kFwMac) | bit(kFwUrl);
+
+/* Groups before the rules that refer to them: an import makes them in this order. The tables of one
+ * area stand in the order of its lock words. */
+constexpr Table kTables[kTableCount] = {
+  SETTINGS("lan_settings", kLan, LanBlock, lan_settings),
+  LIST("lan_binds", kLan, LanBlock, lan_binds, dhcp,
+       LIST_CALLS(kLan, DhcpdBind, GetDhcpdBind, , DhcpStatic), COUNTER(LanBlock, lan_bind_count)),
+  LIST("ac_binds", kLan, LanBlock, ac_binds, dhcp,
+       LIST_CALLS(kLan, AC_DhcpdBind, AC_GetDhcpdBind, AC_, DhcpStatic), COUNTER(LanBlock, ac_bind_count)),
+  settings<decltype(WanSection::settings), true>("wan", kWan, offsetof(WanBlock, sections), 4),
+  SETTINGS("wan_rest", kWan, WanBlock, spare_3976),
+  SETTINGS("product_info", kProductInfo, ProductInfoBlock, settings),
+  SECTION("misc_1", kMisc, MiscBlock, lock_index_136, settings_140),
+  SECTION("misc_2", kMisc, MiscBlock, lock_index_908, settings_912),
+  SECTION("misc_3", kMisc, MiscBlock, lock_index_1416, settings_1420),
+  SECTION("misc_4", kMisc, MiscBlock, lock_index_1944, settings_1948),
+  SECTION("misc_5", kMisc, MiscBlock, lock_index_2500, settings_2504),
+  LIST("ip_groups", kIpGroup, IpGroupBlock, groups, ip_group,
+       GROUP_CALLS(UserIpGroup, IpGroup, erase_ip_group),
+       COUNTER(IpGroupBlock, group_count), kIpGroupRules),
+  LIST("time_groups", kTimeGroup, TimeGroupBlock, groups, time_group,
+       GROUP_CALLS(UserTimeGroup, TimeGroup, erase_time_group),
+       COUNTER(TimeGroupBlock, group_count), kTimeGroupRules),
+  LIST("port_forward", kVsIpport, VsIpportBlock, rules, port_forward,
+       LIST_CALLS(kVsIpport, ForwordIpPort, GetForwordIpPort, , PortFw), COUNTER(VsIpportBlock, rule_count)),
+  LIST("ip_filter", kFwIpport, FwIpportBlock, rules, ip_filter,
+       (kIpFilterCalls), COUNTER(FwIpportBlock, rule_count)),
+  LIST("mac_filter", kFwMac, FwMacBlock, rules, mac_filter,
+       LIST_CALLS(kFwMac, FireWall_Mac, GetFireWall_Mac, , MacFilter), COUNTER(FwMacBlock, rule_count)),
+  LIST("url_filter", kFwUrl, FwUrlBlock, rules, url_filter,
+       LIST_CALLS(kFwUrl, FireWall_Url, GetFireWall_Url, , UrlFilter), COUNTER(FwUrlBlock, rule_count)),
+  LIST("qos", kQos, QosBlock, rules, qos,
+       LIST_CALLS(kQos, QosRule, GetQosRule, , Qos), COUNTER(QosBlock, rule_count)),
+  ID_TABLE("aps", kManageApList, ManageApListBlock, aps, ap, ap_id,
+           {claim_ap, nullptr, nullptr, erase_record<release_ap, kManageApList>, release_ap,
+            clear_aps}),
+  ID_TABLE("ap_users", kApUserList, ApUserListBlock, users, ap_user, user_id,
+           {on_block<SC_Get_ApUser_Info_Blank>, nullptr, nullptr, 
+            erase_record<release_ap_user, kApUserList>, release_ap_user, nullptr}),
+  ID_TABLE("ap_templates", kApTemplateList, ApTemplateListBlock, templates, ap_template, template_id,
+           {on_block<SC_Get_AP_Template_Info_Blank>, nullptr, nullptr, erase_ap_template,
+            release_ap_template, nullptr}, bit(kManageApList)),
+  SETTINGS("default_template", kDefApTemplate, DefApTemplateBlock, settings),
+  LIST("client_groups", kClientsGroups, ClientsGroupsBlock, groups, client_group,
+       LIST_CALLS(kClientsGroups, ClientsGroups, GetClientsGroups, , ClientsGroups)),
+  LIST("clients", kClients, ClientsBlock, clients, client,
+       LIST_CALLS(kClients, Clients, GetClients, , Clients)),
+};
+
+constexpr Reference kReferences[kReferenceCount] = {
+  {"ip_filter",  "ip_mode",   "ip_group_id",   "ip_groups"},
+  {"qos",        "ip_mode",   "ip_group_id",   "ip_groups"},
+  {"ip_filter",  "time_mode", "time_group_id", "time_groups"},
+  {"mac_filter", "time_mode", "time_group_id", "time_groups"},
+  {"url_filter", "time_mode", "time_group_id", "time_groups"},
+  {"qos",        "time_mode", "time_group_id", "time_groups"},
+};
+// clang-format on
+
+const char* kind_name(Kind kind) {
+  static constexpr const char* kNames[] = {"text",  "mac text", "address", "mac",
+                                           "bytes", "signed",   "unsigned"};
+  return kNames[static_cast<int>(kind)];
+}
+
+namespace {
+
+bool is_named(const char* own, const char* name, size_t length) {
+  return strncmp(own, name, length) == 0 && own[length] == '\0';
+}
+
+}  // namespace
+
+const Area* find_area(const char* name) {
+  for (const Area& area : kAreas) {
+    if (strcmp(area.name, name) == 0) return &area;
+  }
+  return nullptr;
+}
+
+const Table* find_table(const char* name, size_t length) {
+  for (const Table& table : kTables) {
+    if (is_named(table.name, name, length)) return &table;
+  }
+  return nullptr;
+}
+
+const Field* find_field(const Table& table, const char* name, size_t length) {
+  for (const Field& field : table) {
+    if (is_named(field.name, name, length)) return &field;
+  }
+  return nullptr;
+}
+
+/* The records of an area are numbered from 2 on, table after table; byte 1 is the area's own. */
+uint32_t lock_index_of(const Table& table, uint32_t position) {
+  if (table.lock_at < 0) return 1;
+  uint32_t lock_index = 2;
+  for (const Table* other = kTables; other != &table; ++other) {
+    if (other->area == table.area && other->lock_at >= 0) lock_index += other->capacity;
+  }
+  return lock_index + position;
+}
+
+}  // namespace scctl

@@ -1,0 +1,150 @@
+/* The catalogue: every area, every table and every field that scctl knows, as rows of constant data.
+ * Offsets, widths and kinds are taken from the members of the public structs, so a row cannot lie
+ * about a field; commands, JSON, completion and help all come from here.
+ *
+ * A table is a list, one of the access-point tables, or the settings of a section, whose record has
+ * no free mark and is always there.
+ */
+#ifndef SCCTL_CATALOGUE_H
+#define SCCTL_CATALOGUE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace scctl {
+
+/* In the order of the SystemConfigDirectory. */
+enum AreaId : uint8_t {
+  kLan,
+  kWan,
+  kProductInfo,
+  kMisc,
+  kVsIpport,
+  kFwIpport,
+  kIpGroup,
+  kTimeGroup,
+  kFwMac,
+  kFwUrl,
+  kQos,
+  kManageApList,
+  kApUserList,
+  kApTemplateList,
+  kDefApTemplate,
+  kClientsGroups,
+  kClients,
+  kAreaCount
+};
+
+/* The calls of the area's life; null where there is none. */
+struct Area {
+  const char* name;
+  int32_t key;
+  uint32_t size;
+  uint8_t path_at;  /* block offsets of lock_path */
+  uint8_t index_at; /* and of block_lock_index */
+  const char* stem; /* of image and archive; empty: never saved */
+  const char* lock_stem;
+  uint32_t (*attach)();
+  int (*remove)();
+  int (*init)();
+  int (*read)(void* block);
+  void (*notify)();
+  void (*save)(void* block);
+};
+
+extern const Area kAreas[kAreaCount];
+
+enum class Kind : uint8_t {
+  kText,    /* char[]: ends at its first NUL or fills the field */
+  kMacText, /* a MAC address as text */
+  kAddress, /* 32 bits in network order; dotted text in items */
+  kMac,     /* six bytes */
+  kBytes,   /* anything else's bytes, shown in hex without the zeros at the end */
+  kSigned,  /* one or more numbers */
+  kUnsigned,
+};
+
+enum class Clash : uint8_t {
+  kNone,
+  kTextWithoutCase, /* no two used records may have it */
+  kBytes
+};
+
+constexpr uint16_t kNoItem = UINT16_MAX;
+
+struct Field {
+  const char* name;   /* as scctl calls it: the item's member, where there is an item */
+  const char* member; /* the record's member */
+  uint16_t record_at;
+  uint16_t item_at; /* kNoItem: written into the record itself */
+  uint16_t size;
+  Kind kind;
+  uint8_t width; /* of one number */
+  Clash clash;
+  bool add_only; /* a modify leaves it */
+};
+
+/* The calls that change a list or an access-point table. */
+struct Calls {
+  int32_t (*claim)(void* block); /* the lowest free record; position or -1 */
+  int32_t (*add)(void* block, const void* item);
+  int32_t (*modify)(void* block, const void* item);
+  /* Deletes the record with what refers to it; blocks are those of all areas. */
+  void (*erase)(void* const* blocks, uint32_t id);
+  /* Frees a claimed record, nothing else. */
+  void (*release)(void* block, uint32_t position);
+  void (*clear)(void* block); /* null: by erasing every record */
+};
+
+struct Table {
+  const char* name;
+  AreaId area;
+  uint32_t at;
+  uint32_t stride;
+  uint16_t capacity;
+  int16_t lock_at; /* of the lock word in a record; -1: the area's own lock */
+  int16_t id_at;   /* of the id in a record; -1: a section, always used */
+  int8_t free;     /* the id of a free record */
+  uint8_t counter_size;
+  uint32_t counter_at;
+  const char* counter; /* null: none */
+  uint16_t item_size;
+  uint16_t item_id_at;
+  uint32_t needs; /* areas, as bits, that a deletion reaches into */
+  const Field* fields;
+  uint16_t field_count;
+  Calls calls; /* without claim: settings */
+
+  const Field* begin() const { return fields; }
+  const Field* end() const { return fields + field_count; }
+};
+
+constexpr int kTableCount = 24;
+extern const Table kTables[kTableCount];
+
+/* A rule's reference to a group: it counts when the mode is one of two. */
+struct Reference {
+  const char* table;
+  const char* mode;
+  const char* id;
+  const char* groups;
+};
+constexpr int kReferenceCount = 6;
+extern const Reference kReferences[kReferenceCount];
+
+const char* kind_name(Kind kind);
+
+/* By name; null when there is none. */
+const Area* find_area(const char* name);
+const Table* find_table(const char* name, size_t length);
+const Field* find_field(const Table& table, const char* name, size_t length);
+
+/* The byte of the area's lock file that guards a record. */
+uint32_t lock_index_of(const Table& table, uint32_t position);
+
+inline AreaId id_of(const Area& area) { return static_cast<AreaId>(&area - kAreas); }
+inline bool is_section(const Table& table) { return table.id_at < 0; }
+
+}  // namespace scctl
+
+#endif

@@ -1,0 +1,276 @@
+/* Commands that change records: add, set, del, clear, bind, unbind, batch. */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <sysconfig/ap.h>
+
+#include "commands.h"
+#include "edit.h"
+#include "value.h"
+
+namespace scctl {
+
+namespace {
+
+/* The assignments from a word on. */
+int parse_assignments(const Call& call, int first, const Table& table, uint8_t* record) {
+  for (int n = first; n < call.word_count; ++n) {
+    const Field* field;
+    if (const int status = parse_assignment(table, call.words[n], record, &field); status != kOk) {
+      return status;
+    }
+  }
+  return kOk;
+}
+
+}  // namespace
+
+int run_add(Call& call) {
+  Target target;
+  if (const int status = parse_target(call.words[0], kMayHaveId, &target); status != kOk) {
+    return status;
+  }
+  const Table& table = *target.table;
+  Buffer record(table.stride);
+  if (const int status = parse_assignments(call, 1, table, record.data()); status != kOk) {
+    return status;
+  }
+  if (const int status = call.source.need(table.area); status != kOk) return status;
+  const int status = add_record(call.source, table, record.data(), &target.id);
+  if (status == kOk) printf("added %s/%u\n", table.name, target.id);
+  return status;
+}
+
+int run_set(Call& call) {
+  Target target;
+  if (const int status = parse_target(call.words[0], kWithId, &target); status != kOk) {
+    return status;
+  }
+  const Table& table = *target.table;
+  if (const int status = call.source.need(table.area); status != kOk) return status;
+  Snapshot now(table);
+  now.take(call.source, target.id - 1);
+  Buffer record(table.stride);
+  memcpy(record.data(), now.record(target.id - 1), table.stride);
+  if (const int status = parse_assignments(call, 1, table, record.data()); status != kOk) {
+    return status;
+  }
+  return modify_record(call.source, table, record.data(), target.id);
+}
+
+int run_del(Call& call) {
+  Target target;
+  for (int n = 0; n < call.word_count; ++n) {
+    if (const int status = parse_target(call.words[n], kWithId, &target); status != kOk) {
+      return status;
+    }
+    if (const int status = call.source.need(target.table->area); status != kOk) return status;
+    Snapshot now(*target.table);
+    now.take(call.source, target.id - 1);
+    if (!now.used(target.id - 1)) {
+      return fail(kRefused, "%s/%u is free", target.table->name, target.id);
+    }
+  }
+  for (int n = 0; n < call.word_count; ++n) {
+    parse_target(call.words[n], kWithId, &target);
+    if (const int status = delete_record(call.source, *target.table, target.id); status != kOk) {
+      return status;
+    }
+  }
+  return kOk;
+}
+
+int run_clear(Call& call) {
+  Target target;
+  if (const int status = parse_target(call.words[0], kTableAlone, &target); status != kOk) {
+    return status;
+  }
+  if (const int status = call.source.need(target.table->area); status != kOk) return status;
+  return clear_table(call.source, *target.table);
+}
+
+/* ---- binding ---- */
+
+namespace {
+
+struct Binding {
+  ApTemplateListBlock* templates;
+  ManageApListBlock* aps;
+  uint32_t template_id;
+  uint8_t bound[SC_MAC_BYTES]; /* to whom it is; zeros: nobody */
+
+  bool is_bound() const {
+    static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
+    return memcmp(bound, kNobody, sizeof bound) != 0;
+  }
+};
+
+/* A word that names a used record of this table. */
+int parse_used(Call& call, const char* word, const char* table, Target* target) {
+  if (const int status = parse_target(word, kWithId, target); status != kOk) return status;
+  if (strcmp(target->table->name, table) != 0) {
+    return fail(kRefused, "%s is no record of %s", word, table);
+  }
+  Snapshot now(*target->table);
+  now.take(call.source, target->id - 1);
+  return now.used(target->id - 1) ? kOk : fail(kRefused, "%s/%u is free", table, target->id);
+}
+
+int parse_binding(Call& call, Binding* binding) {
+  constexpr AreaId kNeeded[] = {kApTemplateList, kManageApList};
+  for (const AreaId area : kNeeded) {
+    if (const int status = call.source.need(area); status != kOk) return status;
+  }
+  Target target;
+  if (const int status = parse_used(call, call.words[0], "ap_templates", &target); status != kOk) {
+    return status;
+  }
+  void* const* blocks = call.source.blocks();
+  binding->templates = static_cast<ApTemplateListBlock*>(blocks[kApTemplateList]);
+  binding->aps = static_cast<ManageApListBlock*>(blocks[kManageApList]);
+  binding->template_id = target.id;
+  memcpy(binding->bound, binding->templates->templates[target.id - 1].bound_ap_mac, SC_MAC_BYTES);
+  return kOk;
+}
+
+/* Both areas have changed. */
+void notify_binding() {
+  SC_Save_System_ApTemplateList_Config();
+  SC_Save_System_ManageApList_Config();
+}
+
+}  // namespace
+
+int run_bind(Call& call) {
+  Binding binding;
+  if (const int status = parse_binding(call, &binding); status != kOk) return status;
+  Target ap;
+  if (const int status = parse_used(call, call.words[1], "aps", &ap); status != kOk) return status;
+  const ApInfoRecord& record = binding.aps->aps[ap.id - 1];
+  uint8_t mac[SC_MAC_BYTES];
+  memcpy(mac, record.ap_mac, sizeof mac);
+  if (binding.is_bound() && memcmp(binding.bound, mac, sizeof mac) != 0) {
+    return fail(kRefused, "%s is bound to another AP; scctl unbind %s first", call.words[0],
+                call.words[0]);
+  }
+  if (record.group_id != 0 && record.group_id != binding.template_id) {
+    return fail(kRefused, "%s is bound to ap_templates/%u; scctl unbind that first", call.words[1],
+                record.group_id);
+  }
+  Quiet quiet;
+  SC_Add_Ap_Mac2Template_By_Id(binding.templates, binding.aps, binding.template_id, mac);
+  notify_binding();
+  return kOk;
+}
+
+int run_unbind(Call& call) {
+  Binding binding;
+  if (const int status = parse_binding(call, &binding); status != kOk) return status;
+  if (!binding.is_bound()) return fail(kRefused, "%s is not bound", call.words[0]);
+  Quiet quiet;
+  SC_Del_Ap_Mac2Template_By_Id(binding.templates, binding.aps, binding.template_id, binding.bound);
+  notify_binding();
+  return kOk;
+}
+
+/* ---- batch ---- */
+
+namespace {
+
+/* Splits a line into words as a shell does: blanks, 'text', "text", $'text' with \' \\ and \xHH,
+ * and # for the rest of the line. The words are written over the line. */
+class Words {
+ public:
+  static constexpr int kMost = 64;
+
+  /* Null when it can be done. */
+  const char* split(char* line) {
+    char* to = line;
+    const char* from = line;
+    while (true) {
+      while (*from == ' ' || *from == '\t') ++from;
+      if (*from == '\0' || *from == '#') return nullptr;
+      if (count == kMost) return "too many words";
+      char* word = to;
+      while (*from != '\0' && *from != ' ' && *from != '\t') {
+        const bool escapes = from[0] == '$' && from[1] == '\'';
+        if (escapes) ++from;
+        if (*from != '\'' && *from != '"') {
+          *to++ = *from++;
+          continue;
+        }
+        const char mark = *from++;
+        while (*from != mark) {
+          if (*from == '\0') return "a quote is not closed";
+          if (escapes && *from == '\\')
+            *to++ = unescape(&from);
+          else
+            *to++ = *from++;
+        }
+        ++from;
+      }
+      const bool ended = *from == '\0';
+      *to++ = '\0';
+      if (!ended) ++from;
+      words[count++] = word;
+      if (ended) return nullptr;
+    }
+  }
+
+  int count = 0;
+  char* words[kMost];
+
+ private:
+  static char unescape(const char** from) {
+    const char* at = *from + 1;
+    char digits[3] = {};
+    if (at[0] == 'x' && at[1] != '\0') {
+      memcpy(digits, at + 1, 2);
+      *from = at + 3;
+      return static_cast<char>(strtol(digits, nullptr, 16));
+    }
+    *from = at + 1;
+    return *at;
+  }
+};
+
+}  // namespace
+
+int run_batch(Call& call) {
+  const bool standard = call.word_count == 0 || strcmp(call.words[0], "-") == 0;
+  const char* name = standard ? "stdin" : call.words[0];
+  FILE* file = standard ? stdin : fopen(name, "r");
+  if (file == nullptr) return fail(kNoArea, "%s: %s", name, strerror(errno));
+  char* line = nullptr;
+  size_t room = 0;
+  int status = kOk;
+  unsigned number = 0, done = 0;
+  for (ssize_t size; status == kOk && (size = getline(&line, &room, file)) >= 0;) {
+    ++number;
+    while (size > 0 && (line[size - 1] == '\n' || line[size - 1] == '\r')) line[--size] = '\0';
+    Text where;
+    where.print("%s:%u: ", name, number);
+    Words split;
+    const char* fault = split.split(line);
+    /* As --commands prints them. */
+    char** words = split.words;
+    if (split.count > 0 && strcmp(words[0], "scctl") == 0) {
+      ++words;
+      --split.count;
+    }
+    if (fault == nullptr && split.count == 0) continue;
+    g_where = where.c_str();
+    if (fault == nullptr && strcmp(words[0], "batch") == 0) fault = "a batch in a batch";
+    status = fault == nullptr ? run_words(split.count, words) : fail(kUsage, "%s", fault);
+    g_where = nullptr;
+    if (status == kOk) ++done;
+  }
+  free(line);
+  if (!standard) fclose(file);
+  printf("%u commands done%s\n", done, status == kOk ? "" : ", then one failed");
+  return status;
+}
+
+}  // namespace scctl

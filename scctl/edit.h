@@ -1,0 +1,24 @@
+/* Changes of the live store. Everything is checked before anything is written, and written by the
+ * library's functions alone. Where the library leaves the contents to the programs (the records of
+ * access points, settings), scctl does what these do: it writes under the record's lock by
+ * sc_lock_reg, and announces the change.
+ *
+ * Each says why it cannot, and returns a status.
+ */
+#ifndef SCCTL_EDIT_H
+#define SCCTL_EDIT_H
+
+#include "source.h"
+
+namespace scctl {
+
+/* Adds a record as the one of this id, or as the lowest free one for an id of 0, which then tells
+ * which it became. */
+int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t* id);
+int modify_record(Source& live, const Table& table, const uint8_t* record, uint32_t id);
+int delete_record(Source& live, const Table& table, uint32_t id);
+int clear_table(Source& live, const Table& table);
+
+}  // namespace scctl
+
+#endif

@@ -1,0 +1,155 @@
+/* Commands for whole areas: init, save, restore, remove, notify, lease. */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <sysconfig/core.h>
+
+#include "commands.h"
+
+namespace scctl {
+
+namespace {
+
+/* Does something to each area of the words; the first that fails is the last. Areas that are never
+ * saved are passed over for --all. */
+int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
+  bool chosen[kAreaCount];
+  if (const int status = parse_areas(call, false, chosen); status != kOk) return status;
+  for (int n = 0; n < kAreaCount; ++n) {
+    if (!chosen[n]) continue;
+    if (saved_alone && kAreas[n].save == nullptr) {
+      if (call.has(kAll)) continue;
+      return fail(kRefused, "area %s is never saved, restored or announced", kAreas[n].name);
+    }
+    if (const int status = act(call, static_cast<AreaId>(n)); status != kOk) return status;
+  }
+  return kOk;
+}
+
+/* Null when the area's archive is good. */
+const char* fault_of_archive(const Area& area) {
+  ArchiveImage image;
+  const char* fault = read_archive(archive_path(area).text, &image);
+  if (fault == nullptr && image.size != area.size) fault = "it holds another area";
+  free(image.bytes);
+  return fault;
+}
+
+int init_area(Call&, AreaId id) {
+  const Area& area = kAreas[id];
+  int result;
+  {
+    Quiet quiet;
+    result = area.init();
+  }
+  if (result != 0) {
+    return fail(kNoArea, "area %s cannot be made: %s", area.name,
+                result < 0 ? "it cannot be attached" : strerror(result));
+  }
+  Source made;
+  made.open_live();
+  return made.need(id);
+}
+
+int save_area(Call& call, AreaId id) {
+  if (const int status = call.source.need(id); status != kOk) return status;
+  const Area& area = kAreas[id];
+  {
+    Quiet quiet;
+    area.save(call.source.block(id));
+  }
+  const char* fault = fault_of_archive(area);
+  if (fault == nullptr) return kOk;
+  return fail(kRefused, "area %s is not saved: %s: %s", area.name, archive_path(area).text, fault);
+}
+
+int restore_area(Call& call, AreaId id) {
+  if (const int status = call.source.need(id); status != kOk) return status;
+  const Area& area = kAreas[id];
+  /* What is broken would be loaded as far as it goes. */
+  if (const char* fault = fault_of_archive(area); fault != nullptr) {
+    return fail(kRefused, "area %s is not restored: %s: %s", area.name, archive_path(area).text,
+                fault);
+  }
+  Quiet quiet;
+  area.read(call.source.block(id));
+  area.notify();
+  return kOk;
+}
+
+int remove_area(Call& call, AreaId id) {
+  const Area& area = kAreas[id];
+  /* Removing creates what is not there. */
+  if (shmget(area.key, 0, 0) < 0) {
+    return call.has(kAll) && errno == ENOENT
+               ? kOk
+               : fail(kNoArea, "area %s: %s", area.name, strerror(errno));
+  }
+  Quiet quiet;
+  area.remove();
+  return kOk;
+}
+
+/* The library tells a failure by perror alone. */
+int notify_area(Call&, AreaId id) {
+  const Area& area = kAreas[id];
+  int errors[2];
+  if (pipe(errors) != 0) return fail(kRefused, "pipe: %s", strerror(errno));
+  {
+    Quiet quiet(errors[1]);
+    area.notify();
+  }
+  close(errors[1]);
+  char said[128];
+  ssize_t size = read(errors[0], said, sizeof said);
+  close(errors[0]);
+  if (size <= 0) return kOk;
+  while (size > 0 && said[size - 1] == '\n') --size;
+  return fail(kRefused, "area %s is not announced: /var/config_socket: %.*s", area.name,
+              static_cast<int>(size), said);
+}
+
+}  // namespace
+
+int run_init(Call& call) { return for_areas(call, false, init_area); }
+int run_save(Call& call) { return for_areas(call, true, save_area); }
+int run_restore(Call& call) { return for_areas(call, true, restore_area); }
+int run_remove(Call& call) { return for_areas(call, false, remove_area); }
+int run_notify(Call& call) { return for_areas(call, true, notify_area); }
+
+int run_lease(Call& call) {
+  struct Copy {
+    const char* direction;
+    const char* whose;
+    int (*run)();
+  };
+  static constexpr Copy kCopies[] = {
+      {"save", "clients", SC_Save_Dhcp_Clients},
+      {"save", "aps", SC_Save_Dhcp_Ap},
+      {"restore", "clients", SC_Restore_Dhcp_Clients},
+      {"restore", "aps", SC_Restore_Dhcp_Ap},
+  };
+  const char* whose = call.word_count == 2 ? call.words[1] : nullptr;
+  bool any = false;
+  for (const Copy& copy : kCopies) {
+    if (strcmp(copy.direction, call.words[0]) != 0) continue;
+    if (whose != nullptr && strcmp(copy.whose, whose) != 0) continue;
+    any = true;
+    int result;
+    {
+      Quiet quiet;
+      result = copy.run();
+    }
+    if (result != 0) {
+      return fail(kRefused, "the lease file of the %s is not copied (status %d)", copy.whose,
+                  result >> 8);
+    }
+  }
+  return any ? kOk : fail(kUsage, "usage: scctl lease save|restore [clients|aps]");
+}
+
+}  // namespace scctl

@@ -1,0 +1,267 @@
+/* scctl: sees and edits the live configuration, a saved image or an archive with one grammar.
+ * The rows of the commands, options, help, and what the commands have in common.
+ */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "commands.h"
+#include "value.h"
+
+namespace scctl {
+
+// clang-format off
+constexpr Command kCommands[] = {
+  {"tables", "", "the tables", "Each table with its area, how many records it has room for and how large one is.\n", kJson, 0, 0, run_tables},
+  {"fields", "TABLE", "the fields of a table", "Each field with its kind, its size, where it lies in a record and what it is called there,\nand where it lies in the item that the library takes.\n", kJson, 1, 1, run_fields},
+  {"areas", "", "the areas", "Key, size, how many processes have it attached, used records, age of the archive and\nwhether it is good.\n", kJson, 0, 0, run_areas},
+  {"list", "TABLE", "the used records of a table", "What does not fit into 80 columns is left out; see scctl get.\n", kJson | kCommandsOption | kSources, 1, 1, run_list},
+  {"get", "TABLE/ID[.FIELD]", "one record, or one field of it", "A field is printed as it is, alone on its line; bytes in hex without the zeros at the end.\n", kJson | kCommandsOption | kSources, 1, 1, run_get},
+  {"find", "TABLE FIELD=VALUE", "the records that have a value", "MAC addresses as text are compared without case. Exit status 1 when there is none.\n", kJson | kCommandsOption | kSources, 2, 2, run_find},
+  {"add", "TABLE[/ID] FIELD=VALUE...", "add a record", "It becomes the lowest free record, or the one of the ID. Other fields are zero. Prints its id.\n", 0, 2, -1, run_add},
+  {"set", "TABLE/ID FIELD=VALUE...", "change fields of a record", "Other fields stay.\n", 0, 2, -1, run_set},
+  {"del", "TABLE/ID...", "delete records", "With a group go the rules that refer to it, with a template its binding. All records must be\nused, or none is deleted.\n", 0, 1, -1, run_del},
+  {"clear", "TABLE", "delete all records of a table", "Rules that refer to groups stay.\n", 0, 1, 1, run_clear},
+  {"bind", "ap_templates/ID aps/ID", "bind an access point to a template", "", 0, 2, 2, run_bind},
+  {"unbind", "ap_templates/ID", "undo a binding", "", 0, 1, 1, run_unbind},
+  {"batch", "[FILE]", "run commands from a file or standard input", "A command a line, with or without scctl in front, quoted as for a shell; # begins a comment.\nStops at the first that fails, says its line and how many were done.\n", 0, 0, 1, run_batch},
+  {"init", "AREA...", "make or empty areas and load their archives", "For the start, before others work on the area: it takes no lock.\n", kAll, 0, -1, run_init},
+  {"save", "AREA...", "save areas to their archives", "Reads the archive back to see that it is good.\n", kAll, 0, -1, run_save},
+  {"restore", "AREA...", "load areas from their archives and announce them", "A broken archive is refused. Loading takes no lock: a write at the same time is lost.\n", kAll, 0, -1, run_restore},
+  {"remove", "AREA...", "remove the segments of areas", "Programs that have one attached keep it until they end.\n", kAll, 0, -1, run_remove},
+  {"notify", "AREA...", "tell the configuration daemon that areas changed", "", kAll, 0, -1, run_notify},
+  {"lease", "save|restore [clients|aps]", "copy the DHCP lease files to flash or back", "", 0, 1, 2, run_lease},
+};
+// clang-format on
+
+namespace {
+
+struct OptionRow {
+  const char* name;
+  Option option;
+  bool has_value;
+  const char* help;
+};
+
+// clang-format off
+constexpr OptionRow kOptions[] = {
+  {"--json",     kJson,           false, "--json          as JSON"},
+  {"--commands", kCommandsOption, false, "--commands      as commands that make the same records"},
+  {"--all",      kAll,            false, "--all           all areas"},
+  {"--dry-run",  kDryRun,         false, "--dry-run       say what would change, change nothing"},
+  {"--image",    kImage,          true,  "--image FILE    read a .cfg image instead of the live area"},
+  {"--archive",  kArchive,        true,  "--archive FILE  read a .bin archive instead of the live area"},
+  {"--exec",     kExec,           true,  "--exec COMMAND  run a shell command after each change"},
+  {"--count",    kCount,          true,  "--count N       end after N changes"},
+};
+// clang-format on
+
+constexpr int8_t kAny = -1;
+
+int usage(const Command& command) {
+  const bool blank = command.arguments[0] != '\0';
+  return fail(kUsage, "usage: scctl %s%s%s", command.name, blank ? " " : "", command.arguments);
+}
+
+void print_command_help(const Command& command) {
+  printf("usage: scctl %s%s%s\n\n%s.\n", command.name, command.arguments[0] != '\0' ? " " : "",
+         command.arguments, command.summary);
+  if (command.details[0] != '\0') printf("%s", command.details);
+  if (command.options == 0) return;
+  puts("\noptions:");
+  for (const OptionRow& row : kOptions) {
+    if ((command.options & row.option) != 0) printf("  %s\n", row.help);
+  }
+}
+
+void print_help() {
+  puts(
+      "usage: scctl COMMAND [ARGUMENT]... [OPTION]...\n\n"
+      "Sees and edits the live configuration, a saved image or an archive.\n"
+      "Records are named TABLE/ID, fields of them TABLE/ID.FIELD.\n\ncommands:");
+  for (const Command& command : kCommands) printf("  %-10s  %s\n", command.name, command.summary);
+  puts(
+      "\nscctl COMMAND --help tells more. Exit status: 0 done; 1 refused, found or different;\n"
+      "2 wrong usage; 3 no area, no file or no permission.");
+}
+
+const Command* find_command(const char* name) {
+  for (const Command& command : kCommands) {
+    if (strcmp(command.name, name) == 0) return &command;
+  }
+  return nullptr;
+}
+
+/* Takes the options out of the words. */
+int parse_options(const Command& command, int count, char** words, Call* call) {
+  bool ended = false;
+  for (int n = 0; n < count; ++n) {
+    char* word = words[n];
+    if (ended || strncmp(word, "--", 2) != 0) {
+      call->words[call->word_count++] = word;
+      continue;
+    }
+    if (word[2] == '\0') {
+      ended = true;
+      continue;
+    }
+    const OptionRow* option = nullptr;
+    for (const OptionRow& row : kOptions) {
+      if ((command.options & row.option) != 0 && strcmp(row.name, word) == 0) option = &row;
+    }
+    if (option == nullptr) {
+      return fail(kUsage, "%s has no option %s; scctl %s --help tells more", command.name, word,
+                  command.name);
+    }
+    call->options = static_cast<uint16_t>(call->options | option->option);
+    if (!option->has_value) continue;
+    if (++n == count) return fail(kUsage, "%s needs a value", word);
+    switch (option->option) {
+      case kImage: call->image = words[n]; break;
+      case kArchive: call->archive = words[n]; break;
+      case kExec: call->exec = words[n]; break;
+      default: {
+        char* rest;
+        const unsigned long value = strtoul(words[n], &rest, 10);
+        if (value == 0 || value > INT32_MAX || *rest != '\0') {
+          return fail(kUsage, "%s: '%s' is no number above 0", word, words[n]);
+        }
+        call->count = static_cast<uint32_t>(value);
+      }
+    }
+  }
+  return kOk;
+}
+
+int open_source(Call* call) {
+  if (call->has(kImage) && call->has(kArchive)) {
+    return fail(kUsage, "--image and --archive exclude each other");
+  }
+  if (call->has(kImage)) return call->source.open_image(call->image);
+  if (call->has(kArchive)) return call->source.open_archive(call->archive);
+  call->source.open_live();
+  return kOk;
+}
+
+}  // namespace
+
+int run_words(int word_count, char** words) {
+  const Command* command = find_command(words[0]);
+  if (command == nullptr) {
+    Nearest nearest(words[0], strlen(words[0]));
+    for (const Command& known : kCommands) nearest.offer(known.name);
+    return fail(kUsage, "unknown command '%s'; the nearest is %s", words[0], nearest.name());
+  }
+  for (int n = 1; n < word_count && strcmp(words[n], "--") != 0; ++n) {
+    if (strcmp(words[n], "--help") != 0) continue;
+    print_command_help(*command);
+    return kOk;
+  }
+  Call call = {};
+  Buffer kept(static_cast<size_t>(word_count) * sizeof(char*));
+  call.words = reinterpret_cast<char**>(kept.data());
+  if (const int status = parse_options(*command, word_count - 1, words + 1, &call); status != kOk) {
+    return status;
+  }
+  if (call.word_count < command->least ||
+      (command->most != kAny && call.word_count > command->most)) {
+    return usage(*command);
+  }
+  if (const int status = open_source(&call); status != kOk) return status;
+  return command->run(call);
+}
+
+/* ---- the grammar ---- */
+
+namespace {
+
+int unknown_field(const Table& table, const char* name, size_t length) {
+  Nearest nearest(name, length);
+  for (const Field& field : table) nearest.offer(field.name);
+  return fail(kRefused, "%s has no field '%.*s'; the nearest is %s", table.name,
+              static_cast<int>(length), name, nearest.name());
+}
+
+}  // namespace
+
+int parse_target(const char* text, Parts parts, Target* target) {
+  const size_t length = strcspn(text, "/");
+  target->table = find_table(text, length);
+  target->id = 0;
+  target->field = nullptr;
+  if (target->table == nullptr) {
+    Nearest nearest(text, length);
+    for (const Table& table : kTables) nearest.offer(table.name);
+    return fail(kRefused, "unknown table '%.*s'; the nearest is %s", static_cast<int>(length), text,
+                nearest.name());
+  }
+  const Table& table = *target->table;
+  if (text[length] == '\0') {
+    if (parts == kTableAlone || parts == kMayHaveId) return kOk;
+    return fail(kUsage, "'%s': which record? %s/1 to %s/%u", text, table.name, table.name,
+                table.capacity);
+  }
+  if (parts == kTableAlone) return fail(kUsage, "'%s': the table's name alone, please", text);
+  char* rest;
+  const char* digits = text + length + 1;
+  const unsigned long id = strtoul(digits, &rest, 10);
+  if (rest == digits || *digits == '-' || *digits == '+' || (*rest != '\0' && *rest != '.')) {
+    return fail(kUsage, "'%s': '%s' is no id", text, digits);
+  }
+  if (id == 0 || id > table.capacity) {
+    return fail(kRefused, "%s: id %.*s is not within 1 to %u", table.name,
+                static_cast<int>(rest - digits), digits, table.capacity);
+  }
+  target->id = static_cast<uint32_t>(id);
+  if (*rest == '\0') return kOk;
+  if (parts != kMayHaveField) return fail(kUsage, "'%s': a record without a field, please", text);
+  target->field = find_field(table, rest + 1, strlen(rest + 1));
+  return target->field != nullptr ? kOk : unknown_field(table, rest + 1, strlen(rest + 1));
+}
+
+int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field) {
+  const size_t length = strcspn(text, "=");
+  if (text[length] == '\0') return fail(kUsage, "'%s' is no FIELD=VALUE", text);
+  *field = find_field(table, text, length);
+  if (*field == nullptr) return unknown_field(table, text, length);
+  const char* value = text + length + 1;
+  return parse(table, **field, value, strlen(value), Origin::kTyped, record);
+}
+
+int parse_area(const char* name, AreaId* id) {
+  if (const Area* area = find_area(name); area != nullptr) {
+    *id = id_of(*area);
+    return kOk;
+  }
+  Nearest nearest(name, strlen(name));
+  for (const Area& area : kAreas) nearest.offer(area.name);
+  return fail(kRefused, "unknown area '%s'; the nearest is %s", name, nearest.name());
+}
+
+int parse_areas(const Call& call, bool none_is_all, bool* chosen) {
+  const bool all = call.has(kAll) || (none_is_all && call.word_count == 0);
+  if (all && call.word_count > 0) return fail(kUsage, "areas and --all exclude each other");
+  if (!all && call.word_count == 0) return fail(kUsage, "which area? scctl areas lists them");
+  for (int n = 0; n < kAreaCount; ++n) chosen[n] = all;
+  for (int n = 0; n < call.word_count; ++n) {
+    AreaId id = kAreaCount;
+    if (const int status = parse_area(call.words[n], &id); status != kOk) return status;
+    chosen[id] = true;
+  }
+  return kOk;
+}
+
+}  // namespace scctl
+
+int main(int argc, char** argv) {
+  if (argc < 2) return scctl::fail(scctl::kUsage, "which command? scctl --help lists them");
+  if (strcmp(argv[1], "--help") == 0) {
+    scctl::print_help();
+    return scctl::kOk;
+  }
+  int status = scctl::run_words(argc - 1, argv + 1);
+  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+    status = scctl::fail(scctl::kRefused, "standard output: the text could not be written");
+  }
+  return status;
+}

@@ -1,0 +1,275 @@
+/* Live segments, images, archives; snapshots of their tables. */
+#include "source.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <sysconfig/core.h>
+
+#include "value.h"
+
+namespace scctl {
+
+namespace {
+
+/* ---- files ---- */
+
+/* As much of the file as there is, up to one byte more than the largest area. */
+ArchiveImage read_all(FILE* file) {
+  size_t largest = 0;
+  for (const Area& area : kAreas) {
+    if (area.size > largest) largest = area.size;
+  }
+  auto* bytes = static_cast<uint8_t*>(malloc(largest + 1));
+  if (bytes == nullptr) exit(fail(kRefused, "out of memory"));
+  return {bytes, fread(bytes, 1, largest + 1, file)};
+}
+
+const Area* area_of_size(size_t size) {
+  for (const Area& area : kAreas) {
+    if (area.size == size) return &area;
+  }
+  return nullptr;
+}
+
+struct TarHeader {
+  char name[100];
+  char mode_uid_gid[24];
+  char size[12];
+  char mtime[12];
+  char checksum[8];
+  char type;
+  char rest[355];
+};
+static_assert(sizeof(TarHeader) == 512);
+
+bool checksum_fits(const TarHeader& header) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&header);
+  unsigned long sum = sizeof header.checksum * ' ';
+  for (size_t i = 0; i < sizeof header; ++i) {
+    const bool own = i >= offsetof(TarHeader, checksum) && i < offsetof(TarHeader, type);
+    if (!own) sum += bytes[i];
+  }
+  return strtoul(header.checksum, nullptr, 8) == sum;
+}
+
+const char* read_tar(FILE* stream, ArchiveImage* image) {
+  TarHeader header;
+  if (fread(&header, sizeof header, 1, stream) != 1) return "it is cut off";
+  if (!checksum_fits(header) || header.type != '0') return "it is no archive of an image";
+  const size_t size = strtoul(header.size, nullptr, 8);
+  if (area_of_size(size) == nullptr) return "its image has the size of no area";
+  image->bytes = static_cast<uint8_t*>(malloc(size));
+  if (image->bytes == nullptr) return "out of memory";
+  image->size = size;
+  return fread(image->bytes, size, 1, stream) == 1 ? nullptr : "it is cut off";
+}
+
+/* ---- whole records ---- */
+
+constexpr int kLockTries = 50;
+constexpr int kReadTries = 1000;
+constexpr timespec kPause = {0, 1000000};
+
+bool lock_shared(int file, uint32_t lock_index) {
+  for (int n = 0; n < kLockTries; ++n) {
+    if (sc_lock_reg(file, F_SETLK, F_RDLCK, static_cast<off_t>(lock_index), SEEK_SET, 1) == 0) {
+      return true;
+    }
+    if (errno != EAGAIN && errno != EACCES) return false;
+    nanosleep(&kPause, nullptr);
+  }
+  return false;
+}
+
+void copy_until_equal(uint8_t* to, const uint8_t* from, size_t size) {
+  memcpy(to, from, size);
+  for (int n = 0; n < kReadTries && memcmp(to, from, size) != 0; ++n) memcpy(to, from, size);
+}
+
+}  // namespace
+
+Path archive_path(const Area& area) {
+  Path path;
+  snprintf(path.text, sizeof path.text, "/var/dataconfig/config_%s.bin", area.stem);
+  return path;
+}
+
+Path lock_path(const Area& area) {
+  Path path;
+  snprintf(path.text, sizeof path.text, "/var/lock_store/%s_conf_lock", area.lock_stem);
+  return path;
+}
+
+const char* read_archive(const char* path, ArchiveImage* image) {
+  const int file = open(path, O_RDONLY);
+  if (file < 0) return strerror(errno);
+  char command[48];
+  snprintf(command, sizeof command, "exec gzip -dc <&%d 2>/dev/null", file);
+  FILE* stream = popen(command, "r");
+  if (stream == nullptr) {
+    close(file);
+    return "gzip cannot be run";
+  }
+  const char* fault = read_tar(stream, image);
+  char rest[512];
+  while (fread(rest, 1, sizeof rest, stream) > 0) {
+  }
+  /* gzip tells a wrong length or checksum at the end of its stream only. */
+  if (pclose(stream) != 0) fault = "its gzip stream is not whole";
+  close(file);
+  if (fault != nullptr) {
+    free(image->bytes);
+    image->bytes = nullptr;
+  }
+  return fault;
+}
+
+/* ---- sources ---- */
+
+Source::~Source() {
+  if (live_) return; /* the library attached them for the life of the process */
+  for (void* block : blocks_) free(block);
+}
+
+void Source::open_live() {
+  live_ = true;
+  name_ = "live";
+}
+
+void Source::open_saved() {
+  saved_ = true;
+  name_ = "saved";
+}
+
+int Source::open_image(const char* path) {
+  name_ = path;
+  FILE* file = fopen(path, "rb");
+  if (file == nullptr) return fail(kNoArea, "%s: %s", path, strerror(errno));
+  const ArchiveImage image = read_all(file);
+  fclose(file);
+  const Area* area = area_of_size(image.size);
+  if (area == nullptr) {
+    free(image.bytes);
+    return fail(kNoArea, "%s: %zu bytes are the image of no area", path, image.size);
+  }
+  blocks_[id_of(*area)] = image.bytes;
+  return kOk;
+}
+
+int Source::open_archive(const char* path) {
+  name_ = path;
+  ArchiveImage image;
+  const char* fault = read_archive(path, &image);
+  if (fault != nullptr) return fail(kNoArea, "%s: %s", path, fault);
+  blocks_[id_of(*area_of_size(image.size))] = image.bytes;
+  return kOk;
+}
+
+uint8_t* Source::block(AreaId id) {
+  const Area& area = kAreas[id];
+  if (blocks_[id] == nullptr && live_) {
+    blocks_[id] = reinterpret_cast<void*>(static_cast<uintptr_t>(area.attach()));
+  }
+  if (blocks_[id] == nullptr && saved_ && area.stem[0] != '\0') {
+    ArchiveImage image;
+    if (read_archive(archive_path(area).text, &image) == nullptr) {
+      if (image.size == area.size) {
+        blocks_[id] = image.bytes;
+      } else {
+        free(image.bytes);
+      }
+    }
+  }
+  return static_cast<uint8_t*>(blocks_[id]);
+}
+
+int Source::need(AreaId id) {
+  errno = 0;
+  if (block(id) != nullptr) return kOk;
+  const char* area = kAreas[id].name;
+  if (!live_) return fail(kNoArea, "%s does not hold area %s", name_, area);
+  switch (errno) {
+    case ENOENT: return fail(kNoArea, "area %s is not there; scctl init %s makes it", area, area);
+    case EINVAL: return fail(kNoArea, "area %s: its segment is too small", area);
+    default: return fail(kNoArea, "area %s: %s", area, strerror(errno));
+  }
+}
+
+/* ---- snapshots ---- */
+
+bool is_used(const Table& table, const uint8_t* record) {
+  return is_section(table) || load_word(record + table.id_at) != table.free;
+}
+
+Snapshot::Snapshot(const Table& table)
+    : table_(&table), records_(table.capacity * table.stride), used_(table.capacity) {}
+
+void Snapshot::copy(const uint8_t* block, int lock, uint32_t position) {
+  const uint8_t* from = block + table_->at + position * table_->stride;
+  if (!is_used(*table_, from)) {
+    used_.data()[position] = 0;
+    return;
+  }
+  uint8_t* to = put(position);
+  const auto byte = static_cast<off_t>(lock_index_of(*table_, position));
+  if (lock >= 0 && lock_shared(lock, static_cast<uint32_t>(byte))) {
+    memcpy(to, from, table_->stride);
+    sc_lock_reg(lock, F_SETLK, F_UNLCK, byte, SEEK_SET, 1);
+  } else {
+    copy_until_equal(to, from, table_->stride);
+  }
+  /* It may have been freed before it was locked. */
+  used_.data()[position] = is_used(*table_, to);
+}
+
+void Snapshot::take(Source& source) {
+  const uint8_t* block = source.block(table_->area);
+  const int lock =
+      source.is_live() ? open(lock_path(kAreas[table_->area]).text, O_RDONLY | O_CLOEXEC) : -1;
+  for (uint32_t position = 0; position < table_->capacity; ++position) {
+    copy(block, lock, position);
+  }
+  if (lock >= 0) close(lock);
+}
+
+void Snapshot::take(Source& source, uint32_t position) {
+  const int lock =
+      source.is_live() ? open(lock_path(kAreas[table_->area]).text, O_RDONLY | O_CLOEXEC) : -1;
+  copy(source.block(table_->area), lock, position);
+  if (lock >= 0) close(lock);
+}
+
+uint32_t Snapshot::count() const {
+  uint32_t count = 0;
+  for (uint32_t position = 0; position < table_->capacity; ++position) count += used(position);
+  return count;
+}
+
+int Snapshot::find_clash(const uint8_t* wanted, int skip, const Field** clashing) const {
+  for (const Field& field : *table_) {
+    if (field.clash == Clash::kNone) continue;
+    for (int position = 0; position < table_->capacity; ++position) {
+      if (position == skip || !used(static_cast<uint32_t>(position))) continue;
+      const uint8_t* own = record(static_cast<uint32_t>(position));
+      const bool clash = field.clash == Clash::kBytes
+                             ? equal(field, own, wanted)
+                             : strncasecmp(reinterpret_cast<const char*>(own) + field.record_at,
+                                           reinterpret_cast<const char*>(wanted) + field.record_at,
+                                           field.size) == 0;
+      if (clash) {
+        *clashing = &field;
+        return position;
+      }
+    }
+  }
+  return -1;
+}
+
+}  // namespace scctl

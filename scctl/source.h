@@ -1,0 +1,94 @@
+/* Where tables are read from: the live segments, a .cfg image or a .bin archive.
+ *
+ * A record of a live segment is shown whole: it is copied under its own lock. The lock is shared and
+ * held for one copy; where it cannot be had, the record is read until two reads agree.
+ */
+#ifndef SCCTL_SOURCE_H
+#define SCCTL_SOURCE_H
+
+#include "catalogue.h"
+#include "say.h"
+
+namespace scctl {
+
+class Source {
+ public:
+  Source() = default;
+  ~Source();
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+
+  /* The live segments; they are attached when they are asked for. */
+  void open_live();
+  /* One area, told from the image's size. Say why they cannot, and return a status. */
+  int open_image(const char* path);
+  int open_archive(const char* path);
+  /* The archives that the areas were saved to; they are read when they are asked for. */
+  void open_saved();
+
+  /* The area's block, or null. */
+  uint8_t* block(AreaId area);
+  /* The same, saying why there is none: kOk or kNoArea. */
+  int need(AreaId area);
+  bool is_live() const { return live_; }
+  const char* name() const { return name_; }
+  void* const* blocks() const { return blocks_; }
+
+ private:
+  int take(AreaId area, uint8_t* image);
+
+  void* blocks_[kAreaCount] = {};
+  bool live_ = false;
+  bool saved_ = false;
+  const char* name_ = "";
+};
+
+/* Reads an archive's image of this size. Null when it is good, else what is wrong with it. */
+struct ArchiveImage {
+  uint8_t* bytes = nullptr; /* from malloc */
+  size_t size = 0;
+};
+const char* read_archive(const char* path, ArchiveImage* image);
+
+/* An area's paths. */
+struct Path {
+  char text[64];
+};
+Path archive_path(const Area& area);
+Path lock_path(const Area& area);
+
+/* The used records of a table, each whole, at their positions. */
+class Snapshot {
+ public:
+  explicit Snapshot(const Table& table);
+  void take(Source& source);
+  /* One record alone. */
+  void take(Source& source, uint32_t position);
+
+  const Table& table() const { return *table_; }
+  uint32_t count() const;
+  bool used(uint32_t position) const { return used_.data()[position] != 0; }
+  const uint8_t* record(uint32_t position) const {
+    return records_.data() + position * table_->stride;
+  }
+  uint8_t* put(uint32_t position) { /* a used record, to be filled */
+    used_.data()[position] = 1;
+    return records_.data() + position * table_->stride;
+  }
+  /* The used record that the record clashes with, other than the one of skip; -1 for none. */
+  int find_clash(const uint8_t* record, int skip, const Field** field) const;
+
+ private:
+  void copy(const uint8_t* block, int lock, uint32_t position);
+
+  const Table* table_;
+  Buffer records_;
+  Buffer used_;
+};
+
+/* How the record's own id word reads: used, free, or neither. */
+bool is_used(const Table& table, const uint8_t* record);
+
+}  // namespace scctl
+
+#endif
