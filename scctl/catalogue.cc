@@ -599,12 +599,12 @@ constexpr Table kTables[kTableCount] = {
 };
 
 constexpr Reference kReferences[kReferenceCount] = {
-  {"ip_filter",  "ip_mode",   "ip_group_id",   "ip_groups"},
-  {"qos",        "ip_mode",   "ip_group_id",   "ip_groups"},
-  {"ip_filter",  "time_mode", "time_group_id", "time_groups"},
-  {"mac_filter", "time_mode", "time_group_id", "time_groups"},
-  {"url_filter", "time_mode", "time_group_id", "time_groups"},
-  {"qos",        "time_mode", "time_group_id", "time_groups"},
+  {"ip_filter",  "ip_mode",   1, "ip_group_id",   "ip_groups"},
+  {"qos",        "ip_mode",   1, "ip_group_id",   "ip_groups"},
+  {"ip_filter",  "time_mode", 2, "time_group_id", "time_groups"},
+  {"mac_filter", "time_mode", 2, "time_group_id", "time_groups"},
+  {"url_filter", "time_mode", 2, "time_group_id", "time_groups"},
+  {"qos",        "time_mode", 2, "time_group_id", "time_groups"},
 };
 // clang-format on
 

@@ -122,10 +122,11 @@ struct Table {
 constexpr int kTableCount = 24;
 extern const Table kTables[kTableCount];
 
-/* A rule's reference to a group: it counts when the mode is one of two. */
+/* A rule's reference to a group: it counts when the mode is 1, for time groups also at 2. */
 struct Reference {
   const char* table;
   const char* mode;
+  int8_t last_mode;
   const char* id;
   const char* groups;
 };

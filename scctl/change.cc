@@ -38,7 +38,9 @@ int run_add(Call& call) {
     return status;
   }
   if (const int status = call.source.need(table.area); status != kOk) return status;
-  const int status = add_record(call.source, table, record.data(), &target.id);
+  Snapshot now(table);
+  now.take(call.source);
+  const int status = add_record(call.source, &now, record.data(), &target.id);
   if (status == kOk) printf("added %s/%u\n", table.name, target.id);
   return status;
 }
@@ -269,7 +271,7 @@ int run_batch(Call& call) {
   }
   free(line);
   if (!standard) fclose(file);
-  printf("%u commands done%s\n", done, status == kOk ? "" : ", then one failed");
+  printf("commands done: %u%s\n", done, status == kOk ? "" : ", then one failed");
   return status;
 }
 

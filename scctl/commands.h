@@ -57,6 +57,8 @@ enum Parts : uint8_t { kTableAlone, kWithId, kMayHaveId, kMayHaveField };
 int parse_target(const char* text, Parts parts, Target* target);
 /* FIELD=VALUE into the record. */
 int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field);
+/* Says so, with the nearest name. */
+int unknown_field(const Table& table, const char* name, size_t length);
 /* An area by its name. */
 int parse_area(const char* name, AreaId* area);
 /* The areas of the words, or all of them for --all; a word too many or none is wrong usage. */

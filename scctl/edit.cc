@@ -26,29 +26,32 @@ int refuse_clash(const Snapshot& now, const uint8_t* record, int skip) {
               other + 1);
 }
 
-int no_lock(const Table& table) {
-  const Path path = lock_path(kAreas[table.area]);
-  return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
-}
-
-/* The library answers with a number; the reasons that it has in common with these checks are told
- * before. */
-int result_of(const Table& table, int32_t result) {
-  if (result == 0) return kOk;
+/* The reasons that these checks know are told before. */
+int refused(const Table& table, int32_t result) {
   return fail(kRefused, "%s: the library refused the record (%d)", table.name, result);
 }
 
-bool lock_opens(const Table& table) {
-  const int file = open(lock_path(kAreas[table.area]).text, O_RDWR | O_CLOEXEC);
-  if (file < 0) return false;
+int is_full(const Table& table) {
+  return fail(kRefused, "%s is full (%d records)", table.name, table.capacity);
+}
+
+/* Whether the library will be able to lock: it opens the path that stands in the block. */
+int check_lock(Source& live, const Table& table) {
+  const Area& area = kAreas[table.area];
+  const Path path = lock_path(area);
+  const char* own = static_cast<const char*>(live.blocks()[table.area]) + area.path_at;
+  if (strncmp(own, path.text, static_cast<size_t>(area.index_at - area.path_at)) != 0) {
+    return fail(kRefused, "area %s is damaged; scctl check %s tells more", area.name, area.name);
+  }
+  const int file = open(path.text, O_RDWR | O_CLOEXEC);
+  if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
   close(file);
-  return true;
+  return kOk;
 }
 
 /* The fields of a record that belongs to the programs, under its lock. */
-int write_fields(Source& live, const Table& table, const uint8_t* record, uint32_t position) {
+void write_fields(Source& live, const Table& table, const uint8_t* record, uint32_t position) {
   const int file = open(lock_path(kAreas[table.area]).text, O_RDWR | O_CLOEXEC);
-  if (file < 0) return no_lock(table);
   const auto byte = static_cast<off_t>(lock_index_of(table, position));
   uint8_t* to = live.block(table.area) + table.at + position * table.stride;
   sc_lock_reg(file, F_SETLKW, F_WRLCK, byte, SEEK_SET, 1);
@@ -62,7 +65,6 @@ int write_fields(Source& live, const Table& table, const uint8_t* record, uint32
     Quiet quiet;
     area.notify();
   }
-  return kOk;
 }
 
 /* Free records below one that is wanted, held meanwhile, so that the lowest free one is this. While
@@ -118,60 +120,58 @@ class Holes {
   Buffer held_{table_.capacity};
 };
 
-/* The id of the first free record, 0 when there is none. */
-uint32_t first_free(const Snapshot& now) {
-  for (uint32_t position = 0; position < now.table().capacity; ++position) {
-    if (!now.used(position)) return position + 1;
+/* The library does not tell which record it took: it is the one that was free and has these values
+ * now. 0 when it is gone again. */
+uint32_t find_added(Source& live, const Snapshot& before, const uint8_t* record) {
+  const Table& table = before.table();
+  const uint8_t* own = live.block(table.area) + table.at;
+  for (uint32_t position = 0; position < table.capacity; ++position, own += table.stride) {
+    if (before.used(position) || !is_used(table, own)) continue;
+    bool same = true;
+    for (const Field& field : table) same = same && equal(field, own, record);
+    if (same) return position + 1;
   }
   return 0;
 }
 
 }  // namespace
 
-int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t* id) {
+int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id) {
+  const Table& table = now->table();
   if (is_section(table)) {
     return fail(kRefused, "%s is always there; scctl set changes it", table.name);
   }
-  Snapshot now(table);
-  now.take(live);
-  if (*id != 0 && now.used(*id - 1)) {
+  if (*id != 0 && now->used(*id - 1)) {
     return fail(kRefused, "%s/%u is used; scctl set changes it", table.name, *id);
   }
-  if (first_free(now) == 0) {
-    return fail(kRefused, "%s is full (%d records)", table.name, table.capacity);
-  }
-  if (const int status = refuse_clash(now, record, -1); status != kOk) return status;
-  if (!lock_opens(table)) return no_lock(table);
+  if (now->count() == table.capacity) return is_full(table);
+  if (const int status = refuse_clash(*now, record, -1); status != kOk) return status;
+  if (const int status = check_lock(live, table); status != kOk) return status;
 
-  Holes holes(live, table);
-  if (*id != 0) holes.hold_below(*id);
-  uint8_t* block = live.block(table.area);
-  if (table.calls.add == nullptr) {
-    const int32_t claimed = table.calls.claim(block);
-    if (claimed < 0) return fail(kRefused, "%s is full (%d records)", table.name, table.capacity);
-    *id = static_cast<uint32_t>(claimed) + 1;
-    return write_fields(live, table, record, static_cast<uint32_t>(claimed));
-  }
-  Buffer item(table.item_size);
-  to_item(table, record, 0, item.data());
-  int32_t result;
+  int32_t result = SC_LIST_OK;
   {
-    Quiet quiet;
-    result = table.calls.add(block, item.data());
-  }
-  if (*id == 0) {
-    /* The library does not tell which record it took: it is the one that was free and has these
-     * values now. */
-    Snapshot then(table);
-    then.take(live);
-    for (uint32_t position = 0; position < table.capacity && *id == 0; ++position) {
-      if (now.used(position) || !then.used(position)) continue;
-      bool same = true;
-      for (const Field& field : table) same = same && equal(field, then.record(position), record);
-      if (same) *id = position + 1;
+    Holes holes(live, table);
+    holes.hold_below(*id);
+    if (table.calls.add == nullptr) {
+      const int32_t claimed = table.calls.claim(live.block(table.area));
+      if (claimed < 0) return is_full(table);
+      write_fields(live, table, record, static_cast<uint32_t>(claimed));
+    } else {
+      Buffer item(table.item_size);
+      to_item(table, record, 0, item.data());
+      Quiet quiet;
+      result = table.calls.add(live.block(table.area), item.data());
     }
   }
-  return result_of(table, result);
+  if (result != SC_LIST_OK) return refused(table, result);
+  const uint32_t added = find_added(live, *now, record);
+  if (added == 0 || (*id != 0 && added != *id)) {
+    return fail(kRefused, "%s/%u was taken by another program; the record is %s/%u now", table.name,
+                *id, table.name, added);
+  }
+  *id = added;
+  memcpy(now->put(added - 1), record, table.stride);
+  return kOk;
 }
 
 int modify_record(Source& live, const Table& table, const uint8_t* record, uint32_t id) {
@@ -190,8 +190,11 @@ int modify_record(Source& live, const Table& table, const uint8_t* record, uint3
   if (const int status = refuse_clash(now, record, static_cast<int>(id - 1)); status != kOk) {
     return status;
   }
-  if (table.calls.modify == nullptr) return write_fields(live, table, record, id - 1);
-  if (!lock_opens(table)) return no_lock(table);
+  if (const int status = check_lock(live, table); status != kOk) return status;
+  if (table.calls.modify == nullptr) {
+    write_fields(live, table, record, id - 1);
+    return kOk;
+  }
   Buffer item(table.item_size);
   to_item(table, record, id, item.data());
   int32_t result;
@@ -199,7 +202,7 @@ int modify_record(Source& live, const Table& table, const uint8_t* record, uint3
     Quiet quiet;
     result = table.calls.modify(live.block(table.area), item.data());
   }
-  return result_of(table, result);
+  return result == SC_LIST_OK ? kOk : refused(table, result);
 }
 
 namespace {
@@ -220,7 +223,7 @@ int delete_record(Source& live, const Table& table, uint32_t id) {
   if (const int status = need_all(live, table); status != kOk) return status;
   const uint8_t* record = live.block(table.area) + table.at + (id - 1) * table.stride;
   if (!is_used(table, record)) return fail(kRefused, "%s/%u is free", table.name, id);
-  if (!lock_opens(table)) return no_lock(table);
+  if (const int status = check_lock(live, table); status != kOk) return status;
   {
     Quiet quiet;
     table.calls.erase(live.blocks(), id);
@@ -235,7 +238,7 @@ int delete_record(Source& live, const Table& table, uint32_t id) {
 
 int clear_table(Source& live, const Table& table) {
   if (is_section(table)) return fail(kRefused, "%s is always there", table.name);
-  if (!lock_opens(table)) return no_lock(table);
+  if (const int status = check_lock(live, table); status != kOk) return status;
   if (table.calls.clear != nullptr) {
     Quiet quiet;
     table.calls.clear(live.block(table.area));

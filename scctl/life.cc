@@ -41,6 +41,7 @@ const char* fault_of_archive(const Area& area) {
 
 int init_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
+  Source::forget_live(id);
   int result;
   {
     Quiet quiet;
@@ -89,6 +90,7 @@ int remove_area(Call& call, AreaId id) {
                ? kOk
                : fail(kNoArea, "area %s: %s", area.name, strerror(errno));
   }
+  Source::forget_live(id);
   Quiet quiet;
   area.remove();
   return kOk;

@@ -31,6 +31,14 @@ constexpr Command kCommands[] = {
   {"remove", "AREA...", "remove the segments of areas", "Programs that have one attached keep it until they end.\n", kAll, 0, -1, run_remove},
   {"notify", "AREA...", "tell the configuration daemon that areas changed", "", kAll, 0, -1, run_notify},
   {"lease", "save|restore [clients|aps]", "copy the DHCP lease files to flash or back", "", 0, 1, 2, run_lease},
+  {"export", "[AREA...]", "print areas as JSON", "All that are there, when none is named. Bytes are hex without the zeros at the end; bytes of\ntexts that are no UTF-8 are \\udc80 to \\udcff.\n", kSources, 0, -1, run_export},
+  {"import", "FILE", "make tables what a file of export says", "Each table of the file becomes exactly that, ids included; others are left alone. All of the\nfile is checked before anything is written. - is standard input.\n", kDryRun, 1, 1, run_import},
+  {"diff", "[A B]", "compare two sources field by field", "A and B are images, archives, live or saved; without them, saved is compared with live.\nExit status 1 when they differ.\n", 0, 0, 2, run_diff},
+  {"check", "[AREA...]", "look for damage", "Header, lock and id words, counters, duplicates, references to groups that are not there,\narchives; each finding with its remedy. Exit status 1 when there is one.\n", kSources, 0, -1, run_check},
+  {"locks", "", "who holds or waits for which record", "From the kernel's table: a state of holds, waits or reads, process and program.\n", kJson, 0, 0, run_locks},
+  {"watch", "[AREA...]", "print each change as it happens", "By the notification socket when no daemon has it, else once a second. The command of --exec\nis run with the area's name as $1. Ends on SIGINT and SIGTERM.\n", kExec | kCount, 0, -1, run_watch},
+  {"completion", "", "print the completion for bash", "", 0, 0, 0, run_completion},
+  {"dump", "AREA", "an area's bytes with their names", "Used records alone; lines of zeros are counted.\n", kSources, 1, 1, run_dump},
 };
 // clang-format on
 
@@ -171,9 +179,39 @@ int run_words(int word_count, char** words) {
   return command->run(call);
 }
 
-/* ---- the grammar ---- */
+/* ---- completion ---- */
 
-namespace {
+/* Commands, then what their first word is: a table, a record of one, or an area. */
+int run_completion(Call&) {
+  Text commands, tables, areas, of_tables, of_areas;
+  for (const Command& command : kCommands) {
+    commands.print(" %s", command.name);
+    if (strncmp(command.arguments, "TABLE", 5) == 0) of_tables.print("|%s", command.name);
+    if (strstr(command.arguments, "AREA") != nullptr) of_areas.print("|%s", command.name);
+  }
+  for (const Table& table : kTables) tables.print(" %s", table.name);
+  for (const Area& area : kAreas) areas.print(" %s", area.name);
+  printf(
+      "_scctl() {\n"
+      "  local words\n"
+      "  if [[ $COMP_CWORD == 1 ]]; then\n"
+      "    words='%s --help'\n"
+      "  else\n"
+      "    case ${COMP_WORDS[1]} in\n"
+      "      %s) words='%s' ;;\n"
+      "      %s) words='%s --all' ;;\n"
+      "      *) return ;;\n"
+      "    esac\n"
+      "  fi\n"
+      "  mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"${COMP_WORDS[COMP_CWORD]}\")\n"
+      "}\n"
+      "complete -o default -F _scctl scctl\n",
+      commands.c_str() + 1, of_tables.c_str() + 1, tables.c_str() + 1, of_areas.c_str() + 1,
+      areas.c_str() + 1);
+  return kOk;
+}
+
+/* ---- the grammar ---- */
 
 int unknown_field(const Table& table, const char* name, size_t length) {
   Nearest nearest(name, length);
@@ -181,8 +219,6 @@ int unknown_field(const Table& table, const char* name, size_t length) {
   return fail(kRefused, "%s has no field '%.*s'; the nearest is %s", table.name,
               static_cast<int>(length), name, nearest.name());
 }
-
-}  // namespace
 
 int parse_target(const char* text, Parts parts, Target* target) {
   const size_t length = strcspn(text, "/");

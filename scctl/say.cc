@@ -2,6 +2,7 @@
 #include "say.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -110,9 +111,11 @@ Quiet::Quiet(int errors) {
   dup2(nowhere, STDOUT_FILENO);
   dup2(errors >= 0 ? errors : nowhere, STDERR_FILENO);
   close(nowhere);
+  on_hang_up_ = signal(SIGPIPE, SIG_IGN);
 }
 
 Quiet::~Quiet() {
+  signal(SIGPIPE, on_hang_up_);
   fflush(stdout);
   dup2(out_, STDOUT_FILENO);
   dup2(err_, STDERR_FILENO);

@@ -40,15 +40,21 @@ class Nearest {
 /* Memory of a fixed size, zeroed; ends the program when there is none. */
 class Buffer {
  public:
+  Buffer() = default;
   explicit Buffer(size_t size);
   ~Buffer();
+  void swap(Buffer& other) {
+    uint8_t* data = data_;
+    data_ = other.data_;
+    other.data_ = data;
+  }
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
   uint8_t* data() { return data_; }
   const uint8_t* data() const { return data_; }
 
  private:
-  uint8_t* data_;
+  uint8_t* data_ = nullptr;
 };
 
 /* Text that grows; always terminated. */
@@ -74,7 +80,8 @@ class Text {
   size_t room_ = 0;
 };
 
-/* Sends standard output nowhere while it lives, and standard error there or into a descriptor. */
+/* Sends standard output nowhere while it lives, and standard error there or into a descriptor. A
+ * daemon that hangs up on a notification does not end the program. */
 class Quiet {
  public:
   explicit Quiet(int errors = -1);
@@ -85,6 +92,7 @@ class Quiet {
  private:
   int out_;
   int err_;
+  void (*on_hang_up_)(int);
 };
 
 }  // namespace scctl

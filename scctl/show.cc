@@ -371,15 +371,21 @@ int run_get(Call& call) {
 
 namespace {
 
-/* Sixteen bytes a line; lines of zeros are counted. */
+/* Sixteen bytes a line, the name behind the first; lines of zeros are counted. */
 void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* name) {
   constexpr uint32_t kLine = 16;
   const uint32_t end = at + size;
   uint32_t zeros = 0;
+  Text line;
+  const auto finish = [&] {
+    line.print("%*s%s", 58 - static_cast<int>(line.size()), "", name);
+    print_line(&line);
+    name = "";
+  };
   const auto tell_zeros = [&](uint32_t upto) {
     if (zeros == 0) return;
-    printf("  %7u  %u zero bytes%*s  %s\n", upto - zeros, zeros, zeros > 9999 ? 28 : 32, "", name);
-    name = "";
+    line.print("%8u  %u zero byte%s", upto - zeros, zeros, zeros == 1 ? "" : "s");
+    finish();
     zeros = 0;
   };
   for (; at < end; at += kLine, bytes += kLine) {
@@ -391,54 +397,31 @@ void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* na
       continue;
     }
     tell_zeros(at);
-    printf("  %7u ", at);
-    for (uint32_t n = 0; n < kLine; ++n) {
-      if (n < count)
-        printf(" %02x", bytes[n]);
-      else
-        fputs("   ", stdout);
-    }
-    printf("  %s\n", name);
-    name = "";
+    line.print("%8u ", at);
+    for (uint32_t n = 0; n < count; ++n) line.print(" %02x", bytes[n]);
+    finish();
   }
   tell_zeros(end);
 }
 
-/* A record field by field, in the order in which they lie. */
+/* A record in the order in which its bytes lie: fields, the lock word, the id and spare bytes. */
 void dump_record(const Table& table, const uint8_t* record, uint32_t start) {
-  /* Between the fields lie the lock word, the id and spare bytes. */
-  struct Word {
-    int at;
-    const char* name;
-  };
-  const Word words[] = {{table.lock_at, "lock_index"}, {table.id_at, "id"}};
-  uint32_t at = 0;
-  while (at < table.stride) {
-    const Field* next = nullptr;
-    for (const Field& field : table) {
-      if (field.record_at >= at && (next == nullptr || field.record_at < next->record_at)) {
-        next = &field;
+  for (uint32_t at = 0; at < table.stride;) {
+    const char* name = "spare";
+    uint32_t size = table.stride - at;
+    const auto consider = [&](int place, uint32_t own_size, const char* own_name) {
+      if (place == static_cast<int>(at)) {
+        name = own_name;
+        size = own_size;
+      } else if (place > static_cast<int>(at) && place - at < size) {
+        size = place - at; /* up to there lies something else */
       }
-    }
-    for (const Word& word : words) {
-      if (word.at == static_cast<int>(at)) {
-        dump_bytes(record + at, start + at, 4, word.name);
-        at += 4;
-      }
-    }
-    if (next != nullptr && next->record_at == at) {
-      dump_bytes(record + at, start + at, next->size, next->member);
-      at += next->size;
-      continue;
-    }
-    uint32_t end = next == nullptr ? table.stride : next->record_at;
-    for (const Word& word : words) {
-      if (word.at > static_cast<int>(at) && word.at < static_cast<int>(end)) {
-        end = static_cast<uint32_t>(word.at);
-      }
-    }
-    if (end > at) dump_bytes(record + at, start + at, end - at, "spare");
-    at = end;
+    };
+    for (const Field& field : table) consider(field.record_at, field.size, field.member);
+    consider(table.lock_at, 4, "lock_index");
+    consider(table.id_at, 4, "id");
+    dump_bytes(record + at, start + at, size, name);
+    at += size;
   }
 }
 

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/shm.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -133,13 +134,25 @@ const char* read_archive(const char* path, ArchiveImage* image) {
 
 /* ---- sources ---- */
 
+namespace {
+
+/* The library attaches anew with every call. */
+void* g_live[kAreaCount];
+
+}  // namespace
+
 Source::~Source() {
-  if (live_) return; /* the library attached them for the life of the process */
-  for (void* block : blocks_) free(block);
+  for (void* block : own_) free(block);
+}
+
+void Source::forget_live(AreaId area) {
+  if (g_live[area] != nullptr) shmdt(g_live[area]);
+  g_live[area] = nullptr;
 }
 
 void Source::open_live() {
   live_ = true;
+  blocks_ = g_live;
   name_ = "live";
 }
 
@@ -170,6 +183,22 @@ int Source::open_archive(const char* path) {
   if (fault != nullptr) return fail(kNoArea, "%s: %s", path, fault);
   blocks_[id_of(*area_of_size(image.size))] = image.bytes;
   return kOk;
+}
+
+int Source::open_named(const char* name) {
+  if (strcmp(name, "live") == 0) {
+    open_live();
+    return kOk;
+  }
+  if (strcmp(name, "saved") == 0) {
+    open_saved();
+    return kOk;
+  }
+  FILE* file = fopen(name, "rb");
+  if (file == nullptr) return fail(kNoArea, "%s: %s", name, strerror(errno));
+  const bool zipped = getc(file) == 0x1f && getc(file) == 0x8b;
+  fclose(file);
+  return zipped ? open_archive(name) : open_image(name);
 }
 
 uint8_t* Source::block(AreaId id) {
@@ -244,6 +273,14 @@ void Snapshot::take(Source& source, uint32_t position) {
       source.is_live() ? open(lock_path(kAreas[table_->area]).text, O_RDONLY | O_CLOEXEC) : -1;
   copy(source.block(table_->area), lock, position);
   if (lock >= 0) close(lock);
+}
+
+void Snapshot::swap(Snapshot& other) {
+  const Table* table = table_;
+  table_ = other.table_;
+  other.table_ = table;
+  records_.swap(other.records_);
+  used_.swap(other.used_);
 }
 
 uint32_t Snapshot::count() const {

@@ -18,11 +18,15 @@ class Source {
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  /* The live segments; they are attached when they are asked for. */
+  /* The live segments; they are attached when they are asked for, once for all commands of a batch. */
   void open_live();
+  /* The area's segment is another one now. */
+  static void forget_live(AreaId area);
   /* One area, told from the image's size. Say why they cannot, and return a status. */
   int open_image(const char* path);
   int open_archive(const char* path);
+  /* Either of them, told from the file's first bytes; "live" and "saved" are these. */
+  int open_named(const char* name);
   /* The archives that the areas were saved to; they are read when they are asked for. */
   void open_saved();
 
@@ -31,13 +35,13 @@ class Source {
   /* The same, saying why there is none: kOk or kNoArea. */
   int need(AreaId area);
   bool is_live() const { return live_; }
+  bool is_saved() const { return saved_; }
   const char* name() const { return name_; }
   void* const* blocks() const { return blocks_; }
 
  private:
-  int take(AreaId area, uint8_t* image);
-
-  void* blocks_[kAreaCount] = {};
+  void* own_[kAreaCount] = {};
+  void** blocks_ = own_;
   bool live_ = false;
   bool saved_ = false;
   const char* name_ = "";
@@ -60,10 +64,13 @@ Path lock_path(const Area& area);
 /* The used records of a table, each whole, at their positions. */
 class Snapshot {
  public:
+  Snapshot() = default;
   explicit Snapshot(const Table& table);
   void take(Source& source);
   /* One record alone. */
   void take(Source& source, uint32_t position);
+
+  void swap(Snapshot& other);
 
   const Table& table() const { return *table_; }
   uint32_t count() const;
@@ -81,7 +88,7 @@ class Snapshot {
  private:
   void copy(const uint8_t* block, int lock, uint32_t position);
 
-  const Table* table_;
+  const Table* table_ = nullptr;
   Buffer records_;
   Buffer used_;
 };

@@ -1,8 +1,8 @@
 #!/bin/bash
-# The transcripts in tests/scctl are what scctl says: each "$ command" is run, in a private world for
-# each transcript, and what it prints on both streams and an exit status other than 0, as "[status]",
-# are compared with the lines that follow.
-# usage: tests/scctl_test.sh [EMULATOR...] SCCTL
+# A transcript in tests/scctl is what scctl says: each "$ command" is run, in a private world, and what
+# it prints on both streams, and an exit status other than 0 as "[status]", is compared with the lines
+# that follow.
+# usage: tests/scctl_test.sh NAME [EMULATOR...] SCCTL
 #        tests/scctl_test.sh --inside TRANSCRIPT [EMULATOR...] SCCTL   prints the transcript as it is
 set -uo pipefail
 
@@ -11,7 +11,18 @@ root=$(readlink -f "$(dirname "$0")/..")
 if [[ ${1:-} == --inside ]]; then
   transcript=$2
   program=("${@:3}")
+  # shellcheck disable=SC2317  # the transcripts call it
   scctl() { "${program[@]}" "$@"; }
+  # shellcheck disable=SC2317
+  background() { "${program[@]}" "${@:2}" >"$1" & } # its pid is $!
+  # shellcheck disable=SC2317
+  await() { # waits until the condition holds
+    for _ in {1..200}; do
+      if eval "$1"; then return; fi
+      sleep 0.1
+    done
+    echo "gave up: $1"
+  }
   cd /var || exit 1
   while IFS= read -r line; do
     if [[ $line == '#'* || -z $line ]]; then
@@ -26,13 +37,6 @@ if [[ ${1:-} == --inside ]]; then
   exit 0
 fi
 
-failed=0
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-for transcript in "$root"/tests/scctl/*.txt; do
-  "$root/examples/private_world" "$0" --inside "$transcript" "$@" >"$work/said" 2>&1
-  if ! diff -u --label "$transcript" --label said "$transcript" "$work/said"; then
-    failed=1
-  fi
-done
-exit "$failed"
+transcript=$root/tests/scctl/$1.txt
+"$root/examples/private_world" "$0" --inside "$transcript" "${@:2}" 2>&1 |
+  diff -u --label "$transcript" --label said "$transcript" -

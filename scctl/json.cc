@@ -1,0 +1,143 @@
+/* The JSON reader. */
+#include "json.h"
+
+#include <string.h>
+
+namespace scctl {
+
+bool JsonReader::fail(const char* fault) {
+  if (fault_ == nullptr) fault_ = fault;
+  return false;
+}
+
+void JsonReader::skip_blanks() {
+  for (; at_ < end_ && strchr(" \t\r\n", *at_) != nullptr && *at_ != '\0'; ++at_) {
+    line_ += *at_ == '\n';
+  }
+}
+
+bool JsonReader::take(char c) {
+  skip_blanks();
+  if (fault_ != nullptr || at_ == end_ || *at_ != c) return false;
+  ++at_;
+  return true;
+}
+
+bool JsonReader::open(char bracket) {
+  return take(bracket) ||
+         fail(bracket == '{' ? "no { where an object begins" : "no [ where a list begins");
+}
+
+bool JsonReader::next(char closing, bool* first) {
+  if (fault_ != nullptr || take(closing)) return false;
+  if (!*first && !take(',')) return fail("no comma between two members");
+  *first = false;
+  return true;
+}
+
+bool JsonReader::name(Text* name) {
+  name->clear();
+  skip_blanks();
+  return string(name) && (take(':') || fail("no colon behind a name"));
+}
+
+bool JsonReader::end() {
+  skip_blanks();
+  return fault_ == nullptr && (at_ == end_ || fail("text behind the end"));
+}
+
+bool JsonReader::value(Text* value) {
+  value->clear();
+  skip_blanks();
+  if (at_ < end_ && *at_ == '"') return string(value);
+  if (!take('[')) return number(value);
+  for (bool first = true; next(']', &first);) {
+    if (value->size() > 0) value->add(',');
+    skip_blanks();
+    if (!number(value)) return false;
+  }
+  return fault_ == nullptr;
+}
+
+bool JsonReader::number(Text* to) {
+  const char* from = at_;
+  while (at_ < end_ && ((*at_ >= '0' && *at_ <= '9') || *at_ == '-')) ++at_;
+  if (from == at_) return fail("no value that is text, a number or a list of numbers");
+  to->add(from, static_cast<size_t>(at_ - from));
+  return true;
+}
+
+bool JsonReader::four_digits(unsigned* code) {
+  *code = 0;
+  for (int n = 0; n < 4; ++n, ++at_) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    const char* digit =
+        at_ < end_ && *at_ != '\0' ? strchr(kDigits, *at_ | (*at_ > '9' ? ' ' : 0)) : nullptr;
+    if (digit == nullptr) return fail("\\u without four hex digits");
+    *code = *code * 16 + static_cast<unsigned>(digit - kDigits);
+  }
+  return true;
+}
+
+/* Behind the backslash. */
+bool JsonReader::escape(Text* to) {
+  static constexpr char kLetters[] = "\"\\/bfnrt";
+  static constexpr char kMeanings[] = "\"\\/\b\f\n\r\t";
+  if (at_ == end_) return fail("a text without an end");
+  const char c = *at_++;
+  if (c != 'u') {
+    const char* letter = c == '\0' ? nullptr : strchr(kLetters, c);
+    if (letter == nullptr) return fail("an unknown escape in a text");
+    to->add(kMeanings[letter - kLetters]);
+    return true;
+  }
+  unsigned code;
+  if (!four_digits(&code)) return false;
+  if (code >= 0xdc80 && code <= 0xdcff) { /* a byte that is no UTF-8 */
+    to->add(static_cast<char>(code & 0xff));
+    return true;
+  }
+  if (code >= 0xd800 && code < 0xdc00 && end_ - at_ >= 2 && at_[0] == '\\' && at_[1] == 'u') {
+    unsigned low;
+    at_ += 2;
+    if (!four_digits(&low)) return false;
+    if (low < 0xdc00 || low > 0xdfff) return fail("half of a surrogate pair");
+    code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
+  }
+  if (code >= 0xd800 && code < 0xe000) return fail("half of a surrogate pair");
+  const auto tail = [&](int shift) { to->add(static_cast<char>(0x80 | (code >> shift & 0x3f))); };
+  if (code < 0x80) {
+    to->add(static_cast<char>(code));
+  } else if (code < 0x800) {
+    to->add(static_cast<char>(0xc0 | code >> 6));
+    tail(0);
+  } else if (code < 0x10000) {
+    to->add(static_cast<char>(0xe0 | code >> 12));
+    tail(6);
+    tail(0);
+  } else {
+    to->add(static_cast<char>(0xf0 | code >> 18));
+    tail(12);
+    tail(6);
+    tail(0);
+  }
+  return true;
+}
+
+bool JsonReader::string(Text* to) {
+  if (at_ == end_ || *at_ != '"') return fail("no text in quotes");
+  for (++at_; at_ < end_ && *at_ != '"';) {
+    if (static_cast<unsigned char>(*at_) < ' ') return fail("a control character in a text");
+    if (*at_ != '\\') {
+      to->add(*at_++);
+      continue;
+    }
+    ++at_;
+    if (!escape(to)) return false;
+  }
+  if (at_ == end_) return fail("a text without an end");
+  ++at_;
+  return true;
+}
+
+}  // namespace scctl

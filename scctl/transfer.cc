@@ -1,0 +1,339 @@
+/* Commands that move and compare: export, import, diff.
+ *
+ * An import makes each table that the file has exactly what the file says, ids included; tables that
+ * it has not are left alone. The file is read twice: first everything is checked, then written.
+ */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "commands.h"
+#include "edit.h"
+#include "json.h"
+#include "value.h"
+
+namespace scctl {
+
+/* ---- export ---- */
+
+int run_export(Call& call) {
+  bool chosen[kAreaCount];
+  if (const int status = parse_areas(call, true, chosen); status != kOk) return status;
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto id = static_cast<AreaId>(n);
+    if (!chosen[n]) continue;
+    if (call.word_count == 0) {
+      chosen[n] = call.source.block(id) != nullptr;
+    } else if (const int status = call.source.need(id); status != kOk) {
+      return status;
+    }
+  }
+  const Table* last = nullptr;
+  putchar('{');
+  for (const Table& table : kTables) {
+    if (!chosen[table.area]) continue;
+    const bool same = last != nullptr && last->area == table.area;
+    if (!same) {
+      printf("%s\n  \"%s\": {", last == nullptr ? "" : "\n  },", kAreas[table.area].name);
+    }
+    printf("%s\n    \"%s\": [", same ? "," : "", table.name);
+    last = &table;
+    Snapshot rows(table);
+    rows.take(call.source);
+    const char* comma = "";
+    for (uint32_t position = 0; position < table.capacity; ++position) {
+      if (!rows.used(position)) continue;
+      Text line;
+      print_json_record(table, position + 1, rows.record(position), true, &line);
+      printf("%s\n      %s", comma, line.c_str());
+      comma = ",";
+    }
+    printf("%s]", comma[0] == '\0' ? "" : "\n    ");
+  }
+  puts(last == nullptr ? "}" : "\n  }\n}");
+  return kOk;
+}
+
+/* ---- import ---- */
+
+namespace {
+
+/* The text of a file, or of standard input. */
+int read_text(const char* name, Text* text) {
+  const bool standard = strcmp(name, "-") == 0;
+  FILE* file = standard ? stdin : fopen(name, "rb");
+  if (file == nullptr) return fail(kNoArea, "%s: %s", name, strerror(errno));
+  char bytes[4096];
+  for (size_t size; (size = fread(bytes, 1, sizeof bytes, file)) > 0;) text->add(bytes, size);
+  const bool bad = ferror(file) != 0;
+  if (!standard) fclose(file);
+  return bad ? fail(kNoArea, "%s: %s", name, strerror(errno)) : kOk;
+}
+
+/* One import: the file, and what is done with each table of it. */
+struct Import {
+  Call& call;
+  const char* name;
+  int (*act)(Import& import, const Snapshot& wanted);
+  unsigned changed;
+};
+
+int read_record(JsonReader& json, Snapshot* wanted) {
+  const Table& table = wanted->table();
+  Buffer record(table.stride);
+  Text name, value;
+  unsigned long id = 0;
+  if (!json.open('{')) return kRefused;
+  for (bool first = true; json.next('}', &first);) {
+    if (!json.name(&name) || !json.value(&value)) return kRefused;
+    if (strcmp(name.c_str(), "id") == 0) {
+      id = strtoul(value.c_str(), nullptr, 10);
+      if (id == 0 || id > table.capacity) {
+        return fail(kRefused, "%s: id %s is not within 1 to %u", table.name, value.c_str(),
+                    table.capacity);
+      }
+      continue;
+    }
+    const Field* field = find_field(table, name.c_str(), name.size());
+    if (field == nullptr) return unknown_field(table, name.c_str(), name.size());
+    if (const int status =
+            parse(table, *field, value.c_str(), value.size(), Origin::kCopied, record.data());
+        status != kOk) {
+      return status;
+    }
+  }
+  if (json.failed()) return kRefused;
+  if (id == 0) return fail(kRefused, "%s: a record without an id", table.name);
+  const auto position = static_cast<uint32_t>(id) - 1;
+  if (wanted->used(position)) return fail(kRefused, "%s: id %lu stands twice", table.name, id);
+  const Field* field;
+  if (const int other = wanted->find_clash(record.data(), -1, &field); other >= 0) {
+    return fail(kRefused, "%s: ids %d and %lu have the same %s", table.name, other + 1, id,
+                field->name);
+  }
+  memcpy(wanted->put(position), record.data(), table.stride);
+  return kOk;
+}
+
+int read_table(JsonReader& json, Import& import, AreaId area) {
+  Text name;
+  if (!json.name(&name)) return kRefused;
+  Target target;
+  if (const int status = parse_target(name.c_str(), kTableAlone, &target); status != kOk) {
+    return status;
+  }
+  const Table& table = *target.table;
+  if (table.area != area) {
+    return fail(kRefused, "%s is no table of area %s", table.name, kAreas[area].name);
+  }
+  Snapshot wanted(table);
+  if (!json.open('[')) return kRefused;
+  for (bool first = true; json.next(']', &first);) {
+    if (const int status = read_record(json, &wanted); status != kOk) return status;
+  }
+  if (json.failed()) return kRefused;
+  g_where = nullptr; /* what follows is not about the file's text */
+  return import.act(import, wanted);
+}
+
+int read_areas(JsonReader& json, Import& import) {
+  if (!json.open('{')) return kRefused;
+  Text name;
+  for (bool first = true; json.next('}', &first);) {
+    AreaId area;
+    if (!json.name(&name) || !json.open('{')) return kRefused;
+    if (const int status = parse_area(name.c_str(), &area); status != kOk) return status;
+    for (bool first_table = true; json.next('}', &first_table);) {
+      if (const int status = read_table(json, import, area); status != kOk) return status;
+    }
+  }
+  return json.end() ? kOk : kRefused;
+}
+
+/* Goes through the file once. */
+int go_through(const Text& text, Import& import) {
+  JsonReader json(text.c_str(), text.size());
+  const int status = read_areas(json, import);
+  if (!json.failed()) return status;
+  return fail(kRefused, "%s:%u: %s", import.name, json.line(), json.fault());
+}
+
+bool differs(const Snapshot& was, const Snapshot& is) {
+  for (uint32_t position = 0; position < was.table().capacity; ++position) {
+    if (was.used(position) != is.used(position)) return true;
+    if (!was.used(position)) continue;
+    for (const Field& field : was.table()) {
+      if (!equal(field, was.record(position), is.record(position))) return true;
+    }
+  }
+  return false;
+}
+
+/* A section that the file leaves out stays. */
+void keep_sections(const Snapshot& now, const Snapshot& wanted, Snapshot* whole) {
+  for (uint32_t position = 0; position < now.table().capacity; ++position) {
+    const Snapshot& from = wanted.used(position) ? wanted : now;
+    if (!from.used(position) || (&from == &now && !is_section(now.table()))) continue;
+    memcpy(whole->put(position), from.record(position), now.table().stride);
+  }
+}
+
+/* The table as it is and as it will be. */
+int compare(Import& import, const Snapshot& wanted, Snapshot* now, Snapshot* whole) {
+  if (const int status = import.call.source.need(wanted.table().area); status != kOk) {
+    return status;
+  }
+  now->take(import.call.source);
+  keep_sections(*now, wanted, whole);
+  return kOk;
+}
+
+int check_table(Import& import, const Snapshot& wanted) {
+  Snapshot now(wanted.table()), whole(wanted.table());
+  if (const int status = compare(import, wanted, &now, &whole); status != kOk) return status;
+  if (import.call.has(kDryRun) && print_changes("", now, whole)) ++import.changed;
+  return kOk;
+}
+
+int write_table(Import& import, const Snapshot& wanted) {
+  const Table& table = wanted.table();
+  Source& live = import.call.source;
+  Snapshot now(table), whole(table);
+  if (const int status = compare(import, wanted, &now, &whole); status != kOk) return status;
+  if (!differs(now, whole)) return kOk;
+  Snapshot empty(table);
+  if (!is_section(table)) {
+    if (const int status = clear_table(live, table); status != kOk) return status;
+  }
+  unsigned written = 0;
+  for (uint32_t id = 1; id <= table.capacity; ++id) {
+    if (!whole.used(id - 1)) continue;
+    const uint8_t* record = whole.record(id - 1);
+    uint32_t added = id;
+    const int status = is_section(table) ? modify_record(live, table, record, id)
+                                         : add_record(live, &empty, record, &added);
+    if (status != kOk) {
+      printf("%s: records imported: %u of %u, then one failed\n", table.name, written,
+             whole.count());
+      return status;
+    }
+    ++written;
+  }
+  ++import.changed;
+  printf("%s: records imported: %u\n", table.name, written);
+  return kOk;
+}
+
+}  // namespace
+
+int run_import(Call& call) {
+  const char* name = strcmp(call.words[0], "-") == 0 ? "stdin" : call.words[0];
+  Text text;
+  if (const int status = read_text(call.words[0], &text); status != kOk) return status;
+  Import import = {call, name, check_table, 0};
+  int status = go_through(text, import);
+  if (status == kOk && !call.has(kDryRun)) {
+    import.act = write_table;
+    status = go_through(text, import);
+  }
+  if (status == kOk || import.changed > 0) {
+    printf("tables %s: %u%s\n", call.has(kDryRun) ? "to change" : "changed", import.changed,
+           status == kOk ? "" : ", then one failed");
+  }
+  return status;
+}
+
+/* ---- diff ---- */
+
+bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,
+                   const uint8_t* is) {
+  bool any = false;
+  for (const Field& field : table) {
+    if (equal(field, was, is)) continue;
+    any = true;
+    if (field.kind == Kind::kBytes) {
+      unsigned differing = 0, first = 0;
+      for (unsigned n = field.size; n-- > 0;) {
+        if (was[field.record_at + n] == is[field.record_at + n]) continue;
+        ++differing;
+        first = n;
+      }
+      printf("%s%s/%u.%s: %u bytes differ, the first at %u\n", prefix, table.name, id, field.name,
+             differing, first);
+      continue;
+    }
+    Text before, after;
+    format_quoted(field, was, &before);
+    format_quoted(field, is, &after);
+    printf("%s%s/%u.%s: %s -> %s\n", prefix, table.name, id, field.name, before.c_str(),
+           after.c_str());
+  }
+  return any;
+}
+
+bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) {
+  const Table& table = was.table();
+  bool any = false;
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    if (was.used(position) && is.used(position)) {
+      any |= print_changes(prefix, table, position + 1, was.record(position), is.record(position));
+      continue;
+    }
+    if (was.used(position) == is.used(position)) continue;
+    any = true;
+    const Snapshot& there = was.used(position) ? was : is;
+    Text line;
+    for (const Field& field : table) {
+      if (filled(field, there.record(position)) == 0) continue;
+      line.print(" %s=", field.name);
+      if (field.kind == Kind::kBytes)
+        line.print("(%zu bytes)", filled(field, there.record(position)));
+      else
+        format_quoted(field, there.record(position), &line);
+    }
+    printf("%s%s/%u: %s%s\n", prefix, table.name, position + 1,
+           was.used(position) ? "deleted" : "added", line.c_str());
+  }
+  return any;
+}
+
+int run_diff(Call& call) {
+  if (call.word_count == 1) return fail(kUsage, "usage: scctl diff [A B]");
+  Source a, b;
+  if (const int status = a.open_named(call.word_count == 2 ? call.words[0] : "saved");
+      status != kOk) {
+    return status;
+  }
+  if (const int status = b.open_named(call.word_count == 2 ? call.words[1] : "live");
+      status != kOk) {
+    return status;
+  }
+  bool any = false;
+  unsigned compared = 0;
+  for (const Area& area : kAreas) {
+    const AreaId id = id_of(area);
+    const bool in_a = a.block(id) != nullptr, in_b = b.block(id) != nullptr;
+    if (!in_a || !in_b) {
+      /* A file holds one area; the archives hold none that is never saved. */
+      const bool expected = (a.is_live() || a.is_saved()) && (b.is_live() || b.is_saved()) &&
+                            area.stem[0] != '\0' && (in_a || in_b);
+      if (expected) printf("%s: only in %s\n", area.name, in_a ? a.name() : b.name());
+      any |= expected;
+      continue;
+    }
+    ++compared;
+    for (const Table& table : kTables) {
+      if (table.area != id) continue;
+      Snapshot was(table), is(table);
+      was.take(a);
+      is.take(b);
+      any |= print_changes("", was, is);
+    }
+  }
+  if (!any && compared == 0)
+    return fail(kNoArea, "%s and %s have no area in common", a.name(), b.name());
+  return any ? kRefused : kOk;
+}
+
+}  // namespace scctl
