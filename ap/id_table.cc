@@ -41,7 +41,7 @@ int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table) {
   const uint8_t* end = first + table.capacity * stride;
   const uint8_t* at = first;
   do {
-    at = find_word(at, end, stride, load<uint32_t>(mac + 2));
+    at = find_word(at, end, stride, load<uint32_t>(mac + 2), 0);
     if (at >= end) break;
     if (load<uint16_t>(at - 2) == load<uint16_t>(mac)) {
       return static_cast<int32_t>(static_cast<size_t>(at - first) / stride);

@@ -13,7 +13,7 @@ namespace {
 
 /* An octet as text with an end behind it, first letter in the low byte. Tens and hundreds come by
  * multiplication, exact for a byte: at -Os the compiler would divide. */
-uint32_t text_of(uint32_t octet, char end) {
+[[gnu::always_inline]] inline uint32_t text_of(uint32_t octet, char end) {
   const uint32_t tens = octet * 205 >> 11;
   const uint32_t hundreds = octet * 41 >> 12;
   /* From the high byte on: ones, tens less ten times the hundreds, hundreds. */
@@ -25,11 +25,10 @@ uint32_t text_of(uint32_t octet, char end) {
 
 }  // namespace
 
-/* Neighbours are mostly of one network: its text is copied from the first of them, and the last octet
- * covers the other's. */
+/* Neighbours are mostly of one network: its text is copied from the first of them, and the last
+ * octet covers the other's. */
 void write_addresses(const uint8_t* const* addresses, size_t at, uint32_t count, uint8_t* to,
                      size_t step) {
-  if (count == 0) return;
   const uint8_t* first = to;
   uint32_t size = 0; /* of the network */
   uint32_t last = ~load<uint32_t>(*addresses + at);

@@ -23,44 +23,60 @@ struct ListHead {
 } SC_PACKED;
 
 /* Short texts are moved in two overlapping halves where the CPU has the registers for it. */
-inline void copy(uint8_t* to, const uint8_t* from, size_t size) {
-  if constexpr (sizeof(void*) == 8) {
-    using Half = uint8_t __attribute__((vector_size(16)));
-    if (size >= sizeof(Half) && size <= 2 * sizeof(Half)) {
-      Half first = load<Half>(from);
-      Half second = load<Half>(from + size - sizeof(Half));
-      store(to, first);
-      store(to + size - sizeof(Half), second);
-      return;
-    }
+constexpr size_t kHalf = 16;
+constexpr bool kHasHalves = sizeof(void*) == 8;
+
+inline void copy_halves(uint8_t* to, const uint8_t* from, size_t size) {
+  if constexpr (kHasHalves) {
+    using Half = uint8_t __attribute__((vector_size(kHalf)));
+    const Half first = load<Half>(from);
+    const Half second = load<Half>(from + size - kHalf);
+    store(to, first);
+    store(to + size - kHalf, second);
   }
-  memcpy(to, from, size);
 }
 
-/* One field of some records, into zeroed items that follow each other. Fields come first and
- * records second, so that the kind is looked at once for a whole listing. */
+/* A step for each of some records, at least one, and its place in items that follow each other. */
+template <class Step>
+inline void each(const uint8_t* const* records, uint32_t count, uint8_t* to, size_t item_size,
+                 Step step) {
+  do {
+    step(to, *records++);
+    to += item_size;
+  } while (--count != 0);
+}
+
+/* One field of some records, at least one, into zeroed items that follow each other. Fields come
+ * first and records second, so that the kind is looked at once for a whole listing. */
 void show(const Field& field, const uint8_t* const* records, uint32_t count, uint8_t* items,
           size_t item_size) {
-  const uint8_t* const* end = records + count;
   const size_t at = field.record_at;
   const size_t size = field.size;
-  uint8_t* to = items + field.item_at;
+  uint8_t* first = items + field.item_at;
   switch (field.kind) {
     case Kind::kBytes:
-      for (; records < end; ++records, to += item_size) copy(to, *records + at, size);
+      if (kHasHalves && size >= kHalf && size <= 2 * kHalf) {
+        each(records, count, first, item_size,
+             [=](uint8_t* to, const uint8_t* record) { copy_halves(to, record + at, size); });
+      } else {
+        each(records, count, first, item_size,
+             [=](uint8_t* to, const uint8_t* record) { memcpy(to, record + at, size); });
+      }
       break;
     case Kind::kSignedBytes:
-      for (; records < end; ++records, to += item_size) {
-        const uint8_t* from = *records + at;
-        for (size_t n = 0; n < size; ++n) store<int32_t>(to + 4 * n, load<int8_t>(from + n));
-      }
+      each(records, count, first, item_size, [=](uint8_t* to, const uint8_t* record) {
+        size_t n = 0;
+        do {
+          store<int32_t>(to + 4 * n, load<int8_t>(record + at + n));
+        } while (++n != size);
+      });
       break;
     case Kind::kSignedHalf:
-      for (; records < end; ++records, to += item_size) {
-        store<int32_t>(to, load<int16_t>(*records + at));
-      }
+      each(records, count, first, item_size, [=](uint8_t* to, const uint8_t* record) {
+        store<int32_t>(to, load<int16_t>(record + at));
+      });
       break;
-    case Kind::kAddress: write_addresses(records, at, count, to, item_size); break;
+    case Kind::kAddress: write_addresses(records, at, count, first, item_size); break;
   }
 }
 
@@ -103,6 +119,7 @@ uint32_t get_items(const void* block, void* items, const List& list) {
   const Geometry& geometry = list.table.geometry;
   const size_t stride = geometry.stride;
   const size_t item_size = list.item_size;
+  const size_t slot_at = geometry.slot_at;
   memset(items, 0, sizeof(ListHead) + geometry.capacity * item_size + SC_LIST_TAIL);
   auto* head = static_cast<ListHead*>(items);
   auto* first = static_cast<uint8_t*>(items) + sizeof(ListHead);
@@ -112,7 +129,7 @@ uint32_t get_items(const void* block, void* items, const List& list) {
   const uint8_t* record = record_at(geometry, block, 0);
   const uint8_t* end = record + geometry.capacity * stride;
   for (; record < end; record += stride) {
-    const auto slot = load<int32_t>(record + geometry.slot_at);
+    const auto slot = load<int32_t>(record + slot_at);
     if (slot < 0) continue;
     store(item, slot);
     item += item_size;
@@ -120,7 +137,7 @@ uint32_t get_items(const void* block, void* items, const List& list) {
   }
   head->count = used;
   head->capacity = geometry.capacity;
-  to_items(list, records, used, first);
+  if (used != 0) to_items(list, records, used, first);
   return used;
 }
 

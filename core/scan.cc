@@ -4,13 +4,17 @@
 
 namespace sc {
 
-/* Aligned, as a loop that lies in two cache lines takes twice the time. */
-__attribute__((aligned(32))) const uint8_t* find_word(const uint8_t* at, const uint8_t* end,
-                                                      size_t stride, uint32_t word) {
-  do {
-    if (load<uint32_t>(at) == word) break;
-    at += stride;
-  } while (at < end);
+/* Four words a turn, for the loop's own steps take as long as a look at a word. */
+const uint8_t* find_word(const uint8_t* at, const uint8_t* end, size_t stride, uint32_t word,
+                         uint32_t blind) {
+  const auto is_there = [=](const uint8_t* here) { return (load<uint32_t>(here) | blind) == word; };
+  for (; at + 3 * stride < end; at += 4 * stride) {
+    if (is_there(at) || is_there(at + stride) || is_there(at + 2 * stride) ||
+        is_there(at + 3 * stride)) {
+      break;
+    }
+  }
+  while (at < end && !is_there(at)) at += stride;
   return at;
 }
 

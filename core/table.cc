@@ -28,42 +28,33 @@ bool counts(const Geometry& geometry, const uint8_t* record, uint32_t skip_slot)
   return slot != kFree && slot != static_cast<int32_t>(skip_slot);
 }
 
-/* Most records differ already in the last word of the key, which is looked at first. */
-bool bytes_clash(const Geometry& geometry, const Key& key, const uint8_t* record,
-                 const uint8_t* wanted, uint32_t skip_slot) {
-  const size_t stride = geometry.stride;
-  const size_t last = key.at + key.size - sizeof(uint32_t);
-  const uint8_t* end = record + geometry.capacity * stride;
-  do {
-    record = find_word(record + last, end, stride, load<uint32_t>(wanted + last)) - last;
-    if (record >= end) break;
-    if (counts(geometry, record, skip_slot) &&
-        memcmp(record + key.at, wanted + key.at, key.size) == 0) {
-      return true;
-    }
-    record += stride;
-  } while (record < end);
-  return false;
-}
-
-/* The same for the last four letters, in lower case by the bit that tells cases apart. */
-bool text_clash(const Geometry& geometry, const Key& key, const uint8_t* record,
-                const uint8_t* wanted, uint32_t skip_slot) {
+/* Most records differ already in the last word of the key, which is looked at first: of a text its
+ * last four letters, in lower case by the bit that tells cases apart. */
+bool clashes(const Geometry& geometry, const Key& key, const uint8_t* record, const uint8_t* wanted,
+             uint32_t skip_slot) {
   const size_t stride = geometry.stride;
   const auto* text = reinterpret_cast<const char*>(wanted) + key.at;
-  size_t last = strnlen(text, key.size);
-  uint32_t blind = 0x20202020;
-  if (last < sizeof blind) { /* too short for that */
-    last = sizeof blind;
-    blind = UINT32_MAX;
+  size_t last = key.size;
+  uint32_t blind = 0;
+  if (key.compare == Compare::kTextWithoutCase) {
+    last = strnlen(text, key.size);
+    blind = 0x20202020;
+    if (last < sizeof blind) { /* too short for that */
+      last = sizeof blind;
+      blind = UINT32_MAX;
+    }
   }
   last += key.at - sizeof blind;
   const uint32_t word = load<uint32_t>(wanted + last) | blind;
   const uint8_t* end = record + geometry.capacity * stride;
   do {
-    if ((load<uint32_t>(record + last) | blind) == word && counts(geometry, record, skip_slot) &&
-        strncasecmp(reinterpret_cast<const char*>(record) + key.at, text, key.size) == 0) {
-      return true;
+    record = find_word(record + last, end, stride, word, blind) - last;
+    if (record >= end) break;
+    if (counts(geometry, record, skip_slot)) {
+      const auto* other = reinterpret_cast<const char*>(record) + key.at;
+      if ((blind == 0 ? memcmp(other, text, key.size) : strncasecmp(other, text, key.size)) == 0) {
+        return true;
+      }
     }
     record += stride;
   } while (record < end);
@@ -86,10 +77,7 @@ int32_t find_clash(const void* block, const void* record, uint32_t skip_slot, co
   const auto* wanted = static_cast<const uint8_t*>(record);
   for (const Key& key : table.keys) {
     if (key.compare == Compare::kNone) break;
-    bool clash = key.compare == Compare::kBytes
-                     ? bytes_clash(geometry, key, first, wanted, skip_slot)
-                     : text_clash(geometry, key, first, wanted, skip_slot);
-    if (clash) return 1;
+    if (clashes(geometry, key, first, wanted, skip_slot)) return 1;
   }
   return 0;
 }
@@ -98,15 +86,20 @@ int32_t claim(void* block, const Geometry& geometry) {
   if (block == nullptr) return -1;
   LockFile file(header_of(block).lock_path);
   if (!file) return -1;
-  for (uint32_t position = 0; position < geometry.capacity; ++position) {
-    uint8_t* record = record_at(geometry, block, position);
-    if (slot_of(geometry, record) != kFree) continue;
+  const size_t stride = geometry.stride;
+  uint8_t* record = record_at(geometry, block, 0);
+  const uint8_t* first_slot = record + geometry.slot_at;
+  const uint8_t* end = record + geometry.capacity * stride;
+  for (const uint8_t* slot = first_slot;; slot += stride) {
+    slot = find_word(slot, end, stride, static_cast<uint32_t>(kFree), 0);
+    if (slot >= end) return -1;
+    const auto position = static_cast<uint32_t>(static_cast<size_t>(slot - first_slot) / stride);
+    record = record_at(geometry, block, position);
     ByteLock lock(file, record + geometry.lock_at);
     if (slot_of(geometry, record) != kFree) continue; /* another process was faster */
     store(record + geometry.slot_at, position + 1);
     return static_cast<int32_t>(position);
   }
-  return -1;
 }
 
 int32_t operate(void* block, uint32_t op, uint32_t* index, const void* record, const Table& table) {
