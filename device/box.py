@@ -229,7 +229,7 @@ class Box:
             self._emulator.wait()
             return
         self.wait_for("^power off$", seconds)
-        self._emulator.wait(10)
+        self._emulator.wait(60)
 
     def _read(self, seconds):
         if seconds <= 0 or not select.select([self._emulator.stdout], [], [], seconds)[0]:
