@@ -347,8 +347,8 @@ int32_t claim_ap(void* block) {
   return SC_Get_Ap_Info_Blank(static_cast<ManageApListBlock*>(block), &limits);
 }
 
-/* These are deleted by their MAC, of which the library takes the first record, used or not. One that
- * comes later, or has none, gets a MAC of its own before. */
+/* These are deleted by their MAC, of which the library takes the first record, used or not. One
+ * that comes later, or has none, gets a MAC of its own before. */
 constexpr uint8_t kOwnMac[SC_MAC_BYTES] = {0x02, 0x5c, 0x6f, 0x77, 0x6e, 0x00};
 
 void release_ap(void* block, uint32_t position) {
@@ -526,25 +526,26 @@ int read_block(void* block) {
    clear_block<SC_Save_System_##name##_Config2Flash>}
 
 constexpr Area kAreas[kAreaCount] = {
-  AREA(Lan,            LanBlock,            SC_KEY_LAN,              "lan",            "lan"),
-  AREA(Wan,            WanBlock,            SC_KEY_WAN,              "wan",            "wan"),
-  AREA(ProductInfo,    ProductInfoBlock,    SC_KEY_PRODUCT_INFO,     "product",        "product"),
-  AREA(Misc,           MiscBlock,           SC_KEY_MISC,             "misc",           "misc"),
-  AREA(VsIpport,       VsIpportBlock,       SC_KEY_VS_IPPORT,        "vs_ipport",      "vs_ipport"),
-  AREA(FwIpport,       FwIpportBlock,       SC_KEY_FW_IPPORT,        "fw_ipport",      "fw_ipport"),
-  AREA(IpGroup,        IpGroupBlock,        SC_KEY_IP_GROUP,         "ipgroup",        "ipgroup"),
-  AREA(TimeGroup,      TimeGroupBlock,      SC_KEY_TIME_GROUP,       "timegroup",      "timegroup"),
-  AREA(FwMac,          FwMacBlock,          SC_KEY_FW_MAC,           "fw_mac",         "fw_mac"),
-  AREA(FwUrl,          FwUrlBlock,          SC_KEY_FW_URL,           "fw_url",         "fw_url"),
-  AREA(Qos,            QosBlock,            SC_KEY_QOS,              "qos",            "qos"),
-  AREA(ManageApList,   ManageApListBlock,   SC_KEY_MANAGE_AP_LIST,   "mange_aplist",   "aplist"),
+  AREA(Lan,            LanBlock,            SC_KEY_LAN,              "lan", "lan"),
+  AREA(Wan,            WanBlock,            SC_KEY_WAN,              "wan", "wan"),
+  AREA(ProductInfo,    ProductInfoBlock,    SC_KEY_PRODUCT_INFO,     "product", "product"),
+  AREA(Misc,           MiscBlock,           SC_KEY_MISC,             "misc", "misc"),
+  AREA(VsIpport,       VsIpportBlock,       SC_KEY_VS_IPPORT,        "vs_ipport", "vs_ipport"),
+  AREA(FwIpport,       FwIpportBlock,       SC_KEY_FW_IPPORT,        "fw_ipport", "fw_ipport"),
+  AREA(IpGroup,        IpGroupBlock,        SC_KEY_IP_GROUP,         "ipgroup", "ipgroup"),
+  AREA(TimeGroup,      TimeGroupBlock,      SC_KEY_TIME_GROUP,       "timegroup", "timegroup"),
+  AREA(FwMac,          FwMacBlock,          SC_KEY_FW_MAC,           "fw_mac", "fw_mac"),
+  AREA(FwUrl,          FwUrlBlock,          SC_KEY_FW_URL,           "fw_url", "fw_url"),
+  AREA(Qos,            QosBlock,            SC_KEY_QOS,              "qos", "qos"),
+  AREA(ManageApList,   ManageApListBlock,   SC_KEY_MANAGE_AP_LIST,   "mange_aplist", "aplist"),
   {"ApUserList", SC_KEY_AP_USER_LIST, sizeof(ApUserListBlock), offsetof(ApUserListBlock, lock_path),
    offsetof(ApUserListBlock, block_lock_index), "", "apuserlist", AREA_LIFE(ApUserList), nullptr,
    nullptr, nullptr},
-  AREA(ApTemplateList, ApTemplateListBlock, SC_KEY_AP_TEMPLATE_LIST, "aptemplatelist", "aptemplatelist"),
-  AREA(DefApTemplate,  DefApTemplateBlock,  SC_KEY_DEF_AP_TEMPLATE,  "defaptemplate",  "defaptemplate"),
+  AREA(ApTemplateList, ApTemplateListBlock, SC_KEY_AP_TEMPLATE_LIST, "aptemplatelist",
+       "aptemplatelist"),
+  AREA(DefApTemplate,  DefApTemplateBlock,  SC_KEY_DEF_AP_TEMPLATE,  "defaptemplate", "defaptemplate"),
   AREA(Clients_Groups, ClientsGroupsBlock,  SC_KEY_CLIENTS_GROUPS,   "clients_groups", "clients_groups"),
-  AREA(Clients,        ClientsBlock,        SC_KEY_CLIENTS,          "clients",        "clients"),
+  AREA(Clients,        ClientsBlock,        SC_KEY_CLIENTS,          "clients", "clients"),
 };
 
 constexpr uint32_t kIpGroupRules = bit(kFwIpport) | bit(kQos);
@@ -555,9 +556,11 @@ constexpr uint32_t kTimeGroupRules = kIpGroupRules | bit(kFwMac) | bit(kFwUrl);
 constexpr Table kTables[kTableCount] = {
   SETTINGS("lan_settings", kLan, LanBlock, lan_settings),
   LIST("lan_binds", kLan, LanBlock, lan_binds, dhcp,
-       LIST_CALLS(kLan, DhcpdBind, GetDhcpdBind, , DhcpStatic), COUNTER(LanBlock, lan_bind_count)),
+       LIST_CALLS(kLan, DhcpdBind, GetDhcpdBind, , DhcpStatic),
+       COUNTER(LanBlock, lan_bind_count)),
   LIST("ac_binds", kLan, LanBlock, ac_binds, dhcp,
-       LIST_CALLS(kLan, AC_DhcpdBind, AC_GetDhcpdBind, AC_, DhcpStatic), COUNTER(LanBlock, ac_bind_count)),
+       LIST_CALLS(kLan, AC_DhcpdBind, AC_GetDhcpdBind, AC_, DhcpStatic),
+       COUNTER(LanBlock, ac_bind_count)),
   settings<decltype(WanSection::settings), true>("wan", kWan, offsetof(WanBlock, sections), 4),
   SETTINGS("wan_rest", kWan, WanBlock, spare_3976),
   SETTINGS("product_info", kProductInfo, ProductInfoBlock, settings),
@@ -573,22 +576,27 @@ constexpr Table kTables[kTableCount] = {
        GROUP_CALLS(UserTimeGroup, TimeGroup, erase_time_group),
        COUNTER(TimeGroupBlock, group_count), kTimeGroupRules),
   LIST("port_forward", kVsIpport, VsIpportBlock, rules, port_forward,
-       LIST_CALLS(kVsIpport, ForwordIpPort, GetForwordIpPort, , PortFw), COUNTER(VsIpportBlock, rule_count)),
+       LIST_CALLS(kVsIpport, ForwordIpPort, GetForwordIpPort, , PortFw),
+       COUNTER(VsIpportBlock, rule_count)),
   LIST("ip_filter", kFwIpport, FwIpportBlock, rules, ip_filter,
        (kIpFilterCalls), COUNTER(FwIpportBlock, rule_count)),
   LIST("mac_filter", kFwMac, FwMacBlock, rules, mac_filter,
-       LIST_CALLS(kFwMac, FireWall_Mac, GetFireWall_Mac, , MacFilter), COUNTER(FwMacBlock, rule_count)),
+       LIST_CALLS(kFwMac, FireWall_Mac, GetFireWall_Mac, , MacFilter),
+       COUNTER(FwMacBlock, rule_count)),
   LIST("url_filter", kFwUrl, FwUrlBlock, rules, url_filter,
-       LIST_CALLS(kFwUrl, FireWall_Url, GetFireWall_Url, , UrlFilter), COUNTER(FwUrlBlock, rule_count)),
+       LIST_CALLS(kFwUrl, FireWall_Url, GetFireWall_Url, , UrlFilter),
+       COUNTER(FwUrlBlock, rule_count)),
   LIST("qos", kQos, QosBlock, rules, qos,
-       LIST_CALLS(kQos, QosRule, GetQosRule, , Qos), COUNTER(QosBlock, rule_count)),
+       LIST_CALLS(kQos, QosRule, GetQosRule, , Qos),
+       COUNTER(QosBlock, rule_count)),
   ID_TABLE("aps", kManageApList, ManageApListBlock, aps, ap, ap_id,
            {claim_ap, nullptr, nullptr, erase_record<release_ap, kManageApList>, release_ap,
             clear_aps}),
   ID_TABLE("ap_users", kApUserList, ApUserListBlock, users, ap_user, user_id,
            {on_block<SC_Get_ApUser_Info_Blank>, nullptr, nullptr, 
             erase_record<release_ap_user, kApUserList>, release_ap_user, nullptr}),
-  ID_TABLE("ap_templates", kApTemplateList, ApTemplateListBlock, templates, ap_template, template_id,
+  ID_TABLE("ap_templates", kApTemplateList, ApTemplateListBlock, templates, ap_template,
+           template_id,
            {on_block<SC_Get_AP_Template_Info_Blank>, nullptr, nullptr, erase_ap_template,
             release_ap_template, nullptr}, bit(kManageApList)),
   SETTINGS("default_template", kDefApTemplate, DefApTemplateBlock, settings),

@@ -1,6 +1,6 @@
-/* The catalogue: every area, every table and every field that scctl knows, as rows of constant data.
- * Offsets, widths and kinds are taken from the members of the public structs, so a row cannot lie
- * about a field; commands, JSON, completion and help all come from here.
+/* The catalogue: every area, every table and every field that scctl knows, as rows of constant
+ * data. Offsets, widths and kinds are taken from the members of the public structs, so a row cannot
+ * lie about a field; commands, JSON, completion and help all come from here.
  *
  * A table is a list, one of the access-point tables, or the settings of a section, whose record has
  * no free mark and is always there.

@@ -1,6 +1,7 @@
 /* scctl: sees and edits the live configuration, a saved image or an archive with one grammar.
  * The rows of the commands, options, help, and what the commands have in common.
  */
+#include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,35 +11,109 @@
 
 namespace scctl {
 
+/* In the order of the help. */
 // clang-format off
 constexpr Command kCommands[] = {
-  {"tables", "", "the tables", "Each table with its area, how many records it has room for and how large one is.\n", kJson, 0, 0, run_tables},
-  {"fields", "TABLE", "the fields of a table", "Each field with its kind, its size, where it lies in a record and what it is called there,\nand where it lies in the item that the library takes.\n", kJson, 1, 1, run_fields},
-  {"areas", "", "the areas", "Key, size, how many processes have it attached, used records, age of the archive and\nwhether it is good.\n", kJson, 0, 0, run_areas},
-  {"list", "TABLE", "the used records of a table", "What does not fit into 80 columns is left out; see scctl get.\n", kJson | kCommandsOption | kSources, 1, 1, run_list},
-  {"get", "TABLE/ID[.FIELD]", "one record, or one field of it", "A field is printed as it is, alone on its line; bytes in hex without the zeros at the end.\n", kJson | kCommandsOption | kSources, 1, 1, run_get},
-  {"find", "TABLE FIELD=VALUE", "the records that have a value", "MAC addresses as text are compared without case. Exit status 1 when there is none.\n", kJson | kCommandsOption | kSources, 2, 2, run_find},
-  {"add", "TABLE[/ID] FIELD=VALUE...", "add a record", "It becomes the lowest free record, or the one of the ID. Other fields are zero. Prints its id.\n", 0, 2, -1, run_add},
-  {"set", "TABLE/ID FIELD=VALUE...", "change fields of a record", "Other fields stay.\n", 0, 2, -1, run_set},
-  {"del", "TABLE/ID...", "delete records", "With a group go the rules that refer to it, with a template its binding. All records must be\nused, or none is deleted.\n", 0, 1, -1, run_del},
-  {"clear", "TABLE", "delete all records of a table", "Rules that refer to groups stay.\n", 0, 1, 1, run_clear},
-  {"bind", "ap_templates/ID aps/ID", "bind an access point to a template", "", 0, 2, 2, run_bind},
-  {"unbind", "ap_templates/ID", "undo a binding", "", 0, 1, 1, run_unbind},
-  {"batch", "[FILE]", "run commands from a file or standard input", "A command a line, with or without scctl in front, quoted as for a shell; # begins a comment.\nStops at the first that fails, says its line and how many were done.\n", 0, 0, 1, run_batch},
-  {"init", "AREA...", "make or empty areas and load their archives", "For the start, before others work on the area: it takes no lock.\n", kAll, 0, -1, run_init},
-  {"save", "AREA...", "save areas to their archives", "Reads the archive back to see that it is good.\n", kAll, 0, -1, run_save},
-  {"restore", "AREA...", "load areas from their archives and announce them", "A broken archive is refused. Loading takes no lock: a write at the same time is lost.\n", kAll, 0, -1, run_restore},
-  {"remove", "AREA...", "remove the segments of areas", "Programs that have one attached keep it until they end.\n", kAll, 0, -1, run_remove},
-  {"notify", "AREA...", "tell the configuration daemon that areas changed", "", kAll, 0, -1, run_notify},
-  {"lease", "save|restore [clients|aps]", "copy the DHCP lease files to flash or back", "", 0, 1, 2, run_lease},
-  {"export", "[AREA...]", "print areas as JSON", "All that are there, when none is named. Bytes are hex without the zeros at the end; bytes of\ntexts that are no UTF-8 are \\udc80 to \\udcff.\n", kSources, 0, -1, run_export},
-  {"import", "FILE", "make tables what a file of export says", "Each table of the file becomes exactly that, ids included; others are left alone. All of the\nfile is checked before anything is written. - is standard input.\n", kDryRun, 1, 1, run_import},
-  {"diff", "[A B]", "compare two sources field by field", "A and B are images, archives, live or saved; without them, saved is compared with live.\nExit status 1 when they differ.\n", 0, 0, 2, run_diff},
-  {"check", "[AREA...]", "look for damage", "Header, lock and id words, counters, duplicates, references to groups that are not there,\narchives; each finding with its remedy. Exit status 1 when there is one.\n", kSources, 0, -1, run_check},
-  {"locks", "", "who holds or waits for which record", "From the kernel's table: a state of holds, waits or reads, process and program.\n", kJson, 0, 0, run_locks},
-  {"watch", "[AREA...]", "print each change as it happens", "By the notification socket when no daemon has it, else once a second. The command of --exec\nis run with the area's name as $1. Ends on SIGINT and SIGTERM.\n", kExec | kCount, 0, -1, run_watch},
-  {"completion", "", "print the completion for bash", "", 0, 0, 0, run_completion},
-  {"dump", "AREA", "an area's bytes with their names", "Used records alone; lines of zeros are counted.\n", kSources, 1, 1, run_dump},
+  {"tables", "", "the tables",
+   "Each table with its area, how many records it has room for and how large one\n"
+   "is.\n",
+   kJson, 0, 0, run_tables},
+  {"fields", "TABLE", "the fields of a table",
+   "Each field with its kind, its size, where it lies in a record and what it is\n"
+   "called there, and where it lies in the item that the library takes.\n",
+   kJson, 1, 1, run_fields},
+  {"areas", "", "the areas",
+   "Key, size, how many processes have it attached, used records, age of the\n"
+   "archive and whether it is good.\n",
+   kJson, 0, 0, run_areas},
+  {"list", "TABLE", "the used records of a table",
+   "What does not fit into 80 columns is left out; see scctl get.\n",
+   kJson | kCommandsOption | kSources, 1, 1, run_list},
+  {"get", "TABLE/ID[.FIELD]", "one record, or one field of it",
+   "A field is printed as it is, alone on its line; bytes in hex without the\n"
+   "zeros at the end.\n",
+   kJson | kCommandsOption | kSources, 1, 1, run_get},
+  {"find", "TABLE FIELD=VALUE", "the records that have a value",
+   "MAC addresses as text are compared without case. Exit status 1 when there is\n"
+   "none.\n",
+   kJson | kCommandsOption | kSources, 2, 2, run_find},
+  {"dump", "AREA", "an area's bytes with their names",
+   "Used records alone; lines of zeros are counted.\n",
+   kSources, 1, 1, run_dump},
+  {"add", "TABLE[/ID] FIELD=VALUE...", "add a record",
+   "It becomes the lowest free record, or the one of the ID. Other fields are\n"
+   "zero. Prints its id.\n",
+   0, 2, -1, run_add},
+  {"set", "TABLE/ID FIELD=VALUE...", "change fields of a record",
+   "Other fields stay.\n",
+   0, 2, -1, run_set},
+  {"del", "TABLE/ID...", "delete records",
+   "With a group go the rules that refer to it, with a template its binding. All\n"
+   "records must be used, or none is deleted.\n",
+   0, 1, -1, run_del},
+  {"clear", "TABLE", "delete all records of a table",
+   "Rules that refer to groups stay.\n",
+   0, 1, 1, run_clear},
+  {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
+   "",
+   0, 2, 2, run_bind},
+  {"unbind", "ap_templates/ID", "undo a binding",
+   "",
+   0, 1, 1, run_unbind},
+  {"batch", "[FILE]", "run commands from a file or standard input",
+   "A command a line, with or without scctl in front, quoted as for a shell; #\n"
+   "begins a comment. Stops at the first that fails, says its line and how many\n"
+   "were done.\n",
+   0, 0, 1, run_batch},
+  {"init", "AREA...", "make or empty areas and load their archives",
+   "For the start, before others work on the area: it takes no lock.\n",
+   kAll, 0, -1, run_init},
+  {"save", "AREA...", "save areas to their archives",
+   "Reads the archive back to see that it is good.\n",
+   kAll, 0, -1, run_save},
+  {"restore", "AREA...", "load areas from their archives and announce them",
+   "A broken archive is refused. Loading takes no lock: a write at the same time\n"
+   "is lost.\n",
+   kAll, 0, -1, run_restore},
+  {"remove", "AREA...", "remove the segments of areas",
+   "Programs that have one attached keep it until they end.\n",
+   kAll, 0, -1, run_remove},
+  {"notify", "AREA...", "tell the configuration daemon that areas changed",
+   "",
+   kAll, 0, -1, run_notify},
+  {"lease", "save|restore [clients|aps]", "copy the DHCP lease files to flash or back",
+   "",
+   0, 1, 2, run_lease},
+  {"export", "[AREA...]", "print areas as JSON",
+   "All that are there, when none is named. Bytes are hex without the zeros at\n"
+   "the end; bytes of texts that are no UTF-8 are \\udc80 to \\udcff.\n",
+   kSources, 0, -1, run_export},
+  {"import", "FILE", "make tables what a file of export says",
+   "Each table of the file becomes exactly that, ids included; others are left\n"
+   "alone. All of the file is checked before anything is written. - is standard\n"
+   "input.\n",
+   kDryRun, 1, 1, run_import},
+  {"diff", "[A B]", "compare two sources field by field",
+   "A and B are images, archives, live or saved; without them, saved is compared\n"
+   "with live. Exit status 1 when they differ.\n",
+   0, 0, 2, run_diff},
+  {"check", "[AREA...]", "look for damage",
+   "Header, lock and id words, counters, duplicates, references to groups that\n"
+   "are not there, archives; each finding with its remedy. Exit status 1 when\n"
+   "there is one.\n",
+   kSources, 0, -1, run_check},
+  {"locks", "", "who holds or waits for which record",
+   "From the kernel's table: a state of holds, waits or reads, process and\n"
+   "program.\n",
+   kJson, 0, 0, run_locks},
+  {"watch", "[AREA...]", "print each change as it happens",
+   "By the notification socket when no daemon has it, else once a second. The\n"
+   "command of --exec is run with the area's name as $1. Ends on SIGINT and\n"
+   "SIGTERM.\n",
+   kExec | kCount, 0, -1, run_watch},
+  {"completion", "", "print the completion for bash",
+   "",
+   0, 0, 0, run_completion},
 };
 // clang-format on
 
@@ -57,8 +132,8 @@ constexpr OptionRow kOptions[] = {
   {"--commands", kCommandsOption, false, "--commands      as commands that make the same records"},
   {"--all",      kAll,            false, "--all           all areas"},
   {"--dry-run",  kDryRun,         false, "--dry-run       say what would change, change nothing"},
-  {"--image",    kImage,          true,  "--image FILE    read a .cfg image instead of the live area"},
-  {"--archive",  kArchive,        true,  "--archive FILE  read a .bin archive instead of the live area"},
+  {"--image",    kImage,          true,  "--image FILE    read a .cfg image, not the live area"},
+  {"--archive",  kArchive,        true,  "--archive FILE  read a .bin archive, not the live area"},
   {"--exec",     kExec,           true,  "--exec COMMAND  run a shell command after each change"},
   {"--count",    kCount,          true,  "--count N       end after N changes"},
 };
@@ -72,9 +147,9 @@ int usage(const Command& command) {
 }
 
 void print_command_help(const Command& command) {
-  printf("usage: scctl %s%s%s\n\n%s.\n", command.name, command.arguments[0] != '\0' ? " " : "",
-         command.arguments, command.summary);
-  if (command.details[0] != '\0') printf("%s", command.details);
+  printf("usage: scctl %s%s%s\n\n", command.name, command.arguments[0] != '\0' ? " " : "",
+         command.arguments);
+  printf("%c%s.\n%s", toupper(command.summary[0]), command.summary + 1, command.details);
   if (command.options == 0) return;
   puts("\noptions:");
   for (const OptionRow& row : kOptions) {
@@ -199,7 +274,7 @@ int run_completion(Call&) {
       "  else\n"
       "    case ${COMP_WORDS[1]} in\n"
       "      %s) words='%s' ;;\n"
-      "      %s) words='%s --all' ;;\n"
+      "      %s) words='%s' ;;\n"
       "      *) return ;;\n"
       "    esac\n"
       "  fi\n"

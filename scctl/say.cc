@@ -87,15 +87,19 @@ void Text::add(char c) { add(&c, 1); }
 void Text::add(const char* text) { add(text, strlen(text)); }
 
 void Text::print(const char* format, ...) {
-  va_list values;
-  va_start(values, format);
-  const int size = vsnprintf(nullptr, 0, format, values);
-  va_end(values);
-  reserve(static_cast<size_t>(size));
-  va_start(values, format);
-  vsnprintf(data_ + size_, static_cast<size_t>(size) + 1, format, values);
-  va_end(values);
-  size_ += static_cast<size_t>(size);
+  constexpr size_t kUsual = 64;
+  reserve(kUsual);
+  while (true) {
+    va_list values;
+    va_start(values, format);
+    const auto size = static_cast<size_t>(vsnprintf(data_ + size_, room_ - size_, format, values));
+    va_end(values);
+    if (size_ + size < room_) {
+      size_ += size;
+      return;
+    }
+    reserve(size);
+  }
 }
 
 void Text::clear() {

@@ -247,10 +247,10 @@ void Snapshot::copy(const uint8_t* block, int lock, uint32_t position) {
     return;
   }
   uint8_t* to = put(position);
-  const auto byte = static_cast<off_t>(lock_index_of(*table_, position));
-  if (lock >= 0 && lock_shared(lock, static_cast<uint32_t>(byte))) {
+  const uint32_t byte = lock_index_of(*table_, position);
+  if (lock >= 0 && lock_shared(lock, byte)) {
     memcpy(to, from, table_->stride);
-    sc_lock_reg(lock, F_SETLK, F_UNLCK, byte, SEEK_SET, 1);
+    sc_lock_reg(lock, F_SETLK, F_UNLCK, static_cast<off_t>(byte), SEEK_SET, 1);
   } else {
     copy_until_equal(to, from, table_->stride);
   }

@@ -1,7 +1,7 @@
 /* Where tables are read from: the live segments, a .cfg image or a .bin archive.
  *
- * A record of a live segment is shown whole: it is copied under its own lock. The lock is shared and
- * held for one copy; where it cannot be had, the record is read until two reads agree.
+ * A record of a live segment is shown whole: it is copied under its own lock. The lock is shared
+ * and held for one copy; where it cannot be had, the record is read until two reads agree.
  */
 #ifndef SCCTL_SOURCE_H
 #define SCCTL_SOURCE_H
@@ -18,7 +18,7 @@ class Source {
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  /* The live segments; they are attached when they are asked for, once for all commands of a batch. */
+  /* The live segments; each is attached when it is asked for, once for all commands of a batch. */
   void open_live();
   /* The area's segment is another one now. */
   static void forget_live(AreaId area);

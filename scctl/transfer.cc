@@ -1,7 +1,7 @@
 /* Commands that move and compare: export, import, diff.
  *
- * An import makes each table that the file has exactly what the file says, ids included; tables that
- * it has not are left alone. The file is read twice: first everything is checked, then written.
+ * An import makes each table that the file has exactly what the file says, ids included; tables
+ * that it has not are left alone. The file is read twice: all is checked first, then written.
  */
 #include <errno.h>
 #include <stdio.h>

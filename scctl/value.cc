@@ -85,7 +85,11 @@ size_t text_size(const Field& field, const uint8_t* record) {
 }
 
 void add_hex(const uint8_t* bytes, size_t size, Text* to) {
-  for (size_t n = 0; n < size; ++n) to->print("%02x", bytes[n]);
+  static constexpr char kDigits[] = "0123456789abcdef";
+  for (size_t n = 0; n < size; ++n) {
+    to->add(kDigits[bytes[n] >> 4]);
+    to->add(kDigits[bytes[n] & 0xf]);
+  }
 }
 
 bool is_text(const Field& field) {
@@ -138,7 +142,12 @@ int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
 
 size_t filled(const Field& field, const uint8_t* record) {
   size_t size = field.size;
-  while (size > 0 && record[field.record_at + size - 1] == 0) --size;
+  const uint8_t* at = record + field.record_at;
+  for (uint64_t word = 0; size >= sizeof word; size -= sizeof word) {
+    memcpy(&word, at + size - sizeof word, sizeof word);
+    if (word != 0) break;
+  }
+  while (size > 0 && at[size - 1] == 0) --size;
   return size;
 }
 

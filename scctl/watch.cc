@@ -29,7 +29,7 @@ volatile sig_atomic_t g_ended;
 
 void end(int) { g_ended = 1; }
 
-/* The socket, or -1 when a daemon has it. A file that nobody listens at is left from one that died. */
+/* The socket, or -1 when a daemon has it. A file that nobody listens at is from one that died. */
 int listen_for_changes() {
   const auto* address = reinterpret_cast<const sockaddr*>(&kSocket);
   const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -1,9 +1,9 @@
 #!/bin/bash
-# A transcript in tests/scctl is what scctl says: each "$ command" is run, in a private world, and what
-# it prints on both streams, and an exit status other than 0 as "[status]", is compared with the lines
-# that follow.
-# usage: tests/scctl_test.sh NAME [EMULATOR...] SCCTL
-#        tests/scctl_test.sh --inside TRANSCRIPT [EMULATOR...] SCCTL   prints the transcript as it is
+# A transcript is what scctl says: each "$ command" is run, in a private world, and what it prints
+# on both streams, and an exit status other than 0 as "[status]", is compared with the lines that
+# follow. The examples of a man page are a transcript, too.
+# usage: tests/scctl_test.sh TRANSCRIPT [EMULATOR...] SCCTL
+#        tests/scctl_test.sh --inside TRANSCRIPT [EMULATOR...] SCCTL   prints it as it is
 set -uo pipefail
 
 root=$(readlink -f "$(dirname "$0")/..")
@@ -25,18 +25,27 @@ if [[ ${1:-} == --inside ]]; then
   }
   cd /var || exit 1
   while IFS= read -r line; do
-    if [[ $line == '#'* || -z $line ]]; then
-      echo "$line"
+    if [[ $line == '#'* ]]; then
+      echo "${blank-}$line"
     elif [[ $line == '$ '* ]]; then
       echo "$line"
       eval "${line:2}" 2>&1 </dev/null
       status=$?
       [[ $status == 0 ]] || echo "[$status]"
     fi
+    # A blank line in front of a comment.
+    if [[ -z $line ]]; then blank=$'\n'; else blank=''; fi
   done <"$transcript"
   exit 0
 fi
 
-transcript=$root/tests/scctl/$1.txt
+transcript=$root/$1
+if [[ $1 == *.1 ]]; then
+  examples=$(mktemp)
+  trap 'rm -f "$examples"' EXIT
+  sed -n '/^\.EX/,/^\.EE/{ /^\.E/d; s/\\-/-/g; p }' "$transcript" >"$examples"
+  transcript=$examples
+fi
+[[ -s $transcript ]] || exit 1
 "$root/examples/private_world" "$0" --inside "$transcript" "${@:2}" 2>&1 |
-  diff -u --label "$transcript" --label said "$transcript" -
+  diff -u --label "$1" --label said "$transcript" -
