@@ -172,7 +172,7 @@ int main(int argc, char** argv) {
                  {"library", add_and_delete},
                  {"plain", plain_add_and_delete}},
        .before_batch = make_room_for_one,
-       .rounds = 10001}); /* the listener is scheduled meanwhile */
+       .rounds = 1501}); /* the listener is scheduled meanwhile */
   compare("read one of 32 bindings (item)", floor_read, read, plain_read);
   compare("list 32 bindings", floor_list_bindings, list_bindings, plain_list_bindings);
   compare("list 32 IP filter rules, all groups resolved", floor_list_ip_filters, list_ip_filters,
@@ -184,7 +184,7 @@ int main(int argc, char** argv) {
   add({.name = "save an area to flash",
        .sides = {{"floor", floor_save}, {"library", save}},
        .before_batch = write_image,
-       .rounds = 1001,
+       .rounds = 81,
        .most_times = 1});
 
   /* The same beside other floors. */

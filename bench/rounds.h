@@ -23,7 +23,7 @@ struct Comparison {
   std::string name;
   std::vector<Side> sides;        /* ratios are the first one's to each other one */
   void (*before_batch)() = [] {}; /* off the clock */
-  int rounds = 4001;
+  int rounds = 501;
   int64_t most_times = INT64_MAX; /* in a batch */
 };
 

@@ -1,5 +1,6 @@
 """Measures everything, prints it as tables and, with --write, puts them into docs/."""
 
+import concurrent.futures
 import csv
 import datetime
 import statistics
@@ -17,8 +18,11 @@ BEGIN, END = "<!-- measured by bench/run --write -->", "<!-- end of what was mea
 
 PEERS = {"lmdb": "LMDB", "lmdb_in_place": "LMDB, no sync, in place", "sqlite": "SQLite, WAL"}
 PROCESSES = (1, 2, 4, 8)
-CONTENTION_SECONDS = 0.5
-CONTENTION_RUNS = 5
+CONTENTION_SECONDS = 0.4
+
+# Of each program; odd, so that a median is one of them.
+RUNS, CONTENTION_RUNS = 5, 3
+LONGER = 5  # times as many with --long
 
 # Enough of an operation to tell it from the start of the program, in the slow counting tools.
 COUNTED_TIMES = 32
@@ -62,15 +66,18 @@ def operations_table(measured, targets):
                   "reached", "plain C to floor"), rows), missed
 
 
+def counts_row(name):
+    times = 2 if name == SAVE else COUNTED_TIMES
+    calls = [programs.each("-O2", name, side, times, programs.system_calls)
+             for side in ("floor", "library")]
+    executed = [programs.each(variant, name, side, times, programs.instructions)
+                for variant, side in (("-O2", "floor"), ("-O2", "library"), ("-Os", "library"))]
+    return (name, *map(str, calls + executed))
+
+
 def counts_table(names):
-    rows = []
-    for name in names:
-        times = 2 if name == SAVE else COUNTED_TIMES
-        calls = [programs.each("-O2", name, side, times, programs.system_calls)
-                 for side in ("floor", "library")]
-        executed = [programs.each(variant, name, side, times, programs.instructions)
-                    for variant, side in (("-O2", "floor"), ("-O2", "library"), ("-Os", "library"))]
-        rows.append((name, *map(str, calls + executed)))
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:  # what is counted, noise does not touch
+        rows = list(pool.map(counts_row, names))
     return table(("operation", "system calls: floor", "library", "instructions: floor",
                   "library -O2", "library -Os"), rows)
 
@@ -83,11 +90,11 @@ def peers_table(measured):
     return table(("operation", "library -O2", *PEERS.values()), rows)
 
 
-def contention_results():
+def contention_results(times):
     """Medians of some runs, the stores taking turns: changes a second, worst wait in us."""
     stores = ("sysconfig", *PEERS)
     runs = {(store, processes): [] for store in stores for processes in PROCESSES}
-    for _ in range(CONTENTION_RUNS):
+    for _ in range(times):
         for processes in PROCESSES:
             for store in stores:
                 runs[store, processes].append(
@@ -125,15 +132,17 @@ def main(arguments):
         targets = {row["operation"]: float(row["target"]) for row in csv.DictReader(file)}
     programs.build()
     machine = programs.machine()
-    measured = {variant: programs.measure(variant, "operations") for variant in programs.VARIANTS}
+    longer = LONGER if "--long" in arguments else 1
+    measured = programs.measure(programs.VARIANTS, "operations", RUNS * longer)
     unknown = targets.keys() - measured["-O2"].keys()
     if unknown:
         raise Failed("not measured: %s" % ", ".join(sorted(unknown)))
     operations, missed = operations_table(measured, targets)
-    contention = contention_results()
+    contention = contention_results(CONTENTION_RUNS * longer)
     text = "\n\n".join((
         "Measured on %s, on %s." % (datetime.date.today(), machine),
-        operations, counts_table(targets), peers_table(programs.measure("-O2", "peers")),
+        operations, counts_table(targets),
+        peers_table(programs.measure(("-O2",), "peers", RUNS * longer)["-O2"]),
         contention_table(contention)))
     print(text)
     if "--write" in arguments:

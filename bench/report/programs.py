@@ -4,7 +4,9 @@ import json
 import os
 import pathlib
 import re
+import statistics
 import subprocess
+import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
@@ -47,15 +49,31 @@ def build():
         output(["cmake", "--build", BUILD / folder, "--parallel", "2"])
 
 
-def measure(variant, name):
+def measure_once(variant, name):
     """Counters of each comparison of a program, by name."""
     text = output([WORLD, program(variant, name), "--benchmark_format=json"]).stdout
     found = {}
     for benchmark in json.loads(text)["benchmarks"]:
         if benchmark.get("error_occurred"):
             raise Failed("%s: %s" % (benchmark["name"], benchmark["error_message"]))
-        found[benchmark["name"].split("/iterations:")[0]] = benchmark
+        found[benchmark["name"].split("/iterations:")[0]] = {
+            counter: value for counter, value in benchmark.items()
+            if counter.endswith(("_ns", "_ratio", "_low", "_high"))}
     return found
+
+
+def measure(variants, name, runs):
+    """For each variant what measure_once gives, medians of some runs. Each process has its own luck
+    with where its pages lie and each minute its own neighbours, so processes take turns."""
+    found = {variant: [] for variant in variants}
+    for _ in range(runs):
+        for variant in variants:
+            found[variant].append(measure_once(variant, name))
+    return {variant: {comparison: {counter: statistics.median(run[comparison][counter]
+                                                              for run in all_runs)
+                                   for counter in counters}
+                      for comparison, counters in all_runs[0].items()}
+            for variant, all_runs in found.items()}
 
 
 def each(variant, operation, side, times, count):
@@ -71,10 +89,10 @@ def each(variant, operation, side, times, count):
 
 def system_calls(command):
     """Made by the program itself, not by commands that it starts."""
-    log = BUILD / "bench-strace"
-    output([WORLD, "strace", "-c", "-o", log, *command])
-    return int(re.search(r"^100\.00\s+\S+\s+\S+\s+(\d+).*total$", log.read_text(),
-                         re.MULTILINE).group(1))
+    with tempfile.NamedTemporaryFile("r", dir=BUILD) as log:
+        output([WORLD, "strace", "-c", "-o", log.name, *command])
+        return int(re.search(r"^100\.00\s+\S+\s+\S+\s+(\d+).*total$", log.read(),
+                             re.MULTILINE).group(1))
 
 
 def instructions(command):
