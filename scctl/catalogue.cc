@@ -271,10 +271,10 @@ constexpr Field kFields[] = {
 };
 }  // namespace client
 
-/* Settings: one field, behind the section's lock word or without one. */
-template <class Bytes, bool kLocked>
-constexpr Field kSettings[] = {{"settings", "settings", kLocked ? 4 : 0, kNoItem, sizeof(Bytes),
-                                Kind::kBytes, 1, Clash::kNone, false}};
+/* Settings: one field, behind the section's lock word or at once. */
+template <class Bytes, size_t kAhead>
+constexpr Field kSettings[] = {
+    {"settings", "settings", kAhead, kNoItem, sizeof(Bytes), Kind::kBytes, 1, Clash::kNone, false}};
 
 /* ---- calls ---- */
 
@@ -475,28 +475,27 @@ consteval Table id_table(const char* name, AreaId area, size_t at, size_t id_at,
   id_table<decltype(Block::records)>(name, area, offsetof(Block, records), \
                                      offsetof(of::Record, id), of::kFields, __VA_ARGS__)
 
-template <class Bytes, bool kLocked>
+template <class Bytes, size_t kAhead>
 consteval Table settings(const char* name, AreaId area, size_t at, uint16_t count = 1) {
+  static_assert(kAhead == 0 || kAhead == sizeof(int32_t), "a lock word or nothing stands ahead");
   Table t = {};
   t.name = name;
   t.area = area;
   t.at = static_cast<uint32_t>(at);
-  t.stride = sizeof(Bytes) + (kLocked ? 4 : 0);
+  t.stride = kAhead + sizeof(Bytes);
   t.capacity = count;
-  t.lock_at = kLocked ? 0 : -1;
+  t.lock_at = kAhead > 0 ? 0 : -1;
   t.id_at = -1;
   t.needs = bit(area);
-  t.fields = kSettings<Bytes, kLocked>;
+  t.fields = kSettings<Bytes, kAhead>;
   t.field_count = 1;
   return t;
 }
 #define SETTINGS(name, area, Block, bytes) \
-  settings<decltype(Block::bytes), false>(name, area, offsetof(Block, bytes))
-#define SECTION(name, area, Block, lock, bytes) \
-  settings<decltype(Block::bytes), true>(       \
-      name, area,                               \
-      offsetof(Block, lock) +                   \
-          0 * sizeof(char[offsetof(Block, bytes) - offsetof(Block, lock) == 4 ? 1 : -1]))
+  settings<decltype(Block::bytes), 0>(name, area, offsetof(Block, bytes))
+#define SECTION(name, area, Block, lock, bytes)                                     \
+  settings<decltype(Block::bytes), offsetof(Block, bytes) - offsetof(Block, lock)>( \
+      name, area, offsetof(Block, lock))
 
 /* ---- areas ---- */
 
@@ -561,7 +560,8 @@ constexpr Table kTables[kTableCount] = {
   LIST("ac_binds", kLan, LanBlock, ac_binds, dhcp,
        LIST_CALLS(kLan, AC_DhcpdBind, AC_GetDhcpdBind, AC_, DhcpStatic),
        COUNTER(LanBlock, ac_bind_count)),
-  settings<decltype(WanSection::settings), true>("wan", kWan, offsetof(WanBlock, sections), 4),
+  settings<decltype(WanSection::settings), offsetof(WanSection, settings)>(
+      "wan", kWan, offsetof(WanBlock, sections), 4),
   SETTINGS("wan_rest", kWan, WanBlock, spare_3976),
   SETTINGS("product_info", kProductInfo, ProductInfoBlock, settings),
   SECTION("misc_1", kMisc, MiscBlock, lock_index_136, settings_140),

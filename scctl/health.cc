@@ -139,8 +139,7 @@ void check_files(const Area& area) {
   const Path archive = archive_path(area);
   if (area.stem[0] == '\0' || access(archive.text, F_OK) != 0) return;
   ArchiveImage image;
-  const char* fault = read_archive(archive.text, &image);
-  if (fault == nullptr && image.size != area.size) fault = "it holds another area";
+  const char* fault = read_own_archive(area, &image);
   free(image.bytes);
   if (fault != nullptr) {
     find(Remedy("scctl save %s", area.name).text, "%s: %s: %s", area.name, archive.text, fault);

@@ -30,15 +30,6 @@ int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
   return kOk;
 }
 
-/* Null when the area's archive is good. */
-const char* fault_of_archive(const Area& area) {
-  ArchiveImage image;
-  const char* fault = read_archive(archive_path(area).text, &image);
-  if (fault == nullptr && image.size != area.size) fault = "it holds another area";
-  free(image.bytes);
-  return fault;
-}
-
 int init_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
   Source::forget_live(id);
@@ -51,9 +42,29 @@ int init_area(Call&, AreaId id) {
     return fail(kNoArea, "area %s cannot be made: %s", area.name,
                 result < 0 ? "it cannot be attached" : strerror(result));
   }
-  Source made;
-  made.open_live();
-  return made.need(id);
+  const Path lock = lock_path(area);
+  if (access(lock.text, R_OK | W_OK) != 0) {
+    return fail(kNoArea, "area %s has no lock file: %s: %s", area.name, lock.text, strerror(errno));
+  }
+  return kOk;
+}
+
+/* Reads the area's archive; says what is wrong with it. */
+int need_archive(const Area& area, const char* done, ArchiveImage* image) {
+  const char* fault = read_own_archive(area, image);
+  if (fault == nullptr) return kOk;
+  return fail(kRefused, "area %s is not %s: %s: %s", area.name, done, archive_path(area).text,
+              fault);
+}
+
+/* The library does not tell how it went: area and archive have to be equal now. */
+int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
+  const Area& area = kAreas[id];
+  const bool same = memcmp(call.source.block(id), image->bytes, area.size) == 0;
+  free(image->bytes);
+  if (same) return kOk;
+  return fail(kRefused, "area %s is not %s, or was changed meanwhile: it differs from %s",
+              area.name, done, archive_path(area).text);
 }
 
 int save_area(Call& call, AreaId id) {
@@ -63,23 +74,23 @@ int save_area(Call& call, AreaId id) {
     Quiet quiet;
     area.save(call.source.block(id));
   }
-  const char* fault = fault_of_archive(area);
-  if (fault == nullptr) return kOk;
-  return fail(kRefused, "area %s is not saved: %s: %s", area.name, archive_path(area).text, fault);
+  ArchiveImage image;
+  if (const int status = need_archive(area, "saved", &image); status != kOk) return status;
+  return compare(call, id, "saved", &image);
 }
 
+/* What is broken would be loaded as far as it goes. */
 int restore_area(Call& call, AreaId id) {
   if (const int status = call.source.need(id); status != kOk) return status;
   const Area& area = kAreas[id];
-  /* What is broken would be loaded as far as it goes. */
-  if (const char* fault = fault_of_archive(area); fault != nullptr) {
-    return fail(kRefused, "area %s is not restored: %s: %s", area.name, archive_path(area).text,
-                fault);
+  ArchiveImage image;
+  if (const int status = need_archive(area, "restored", &image); status != kOk) return status;
+  {
+    Quiet quiet;
+    area.read(call.source.block(id));
+    area.notify();
   }
-  Quiet quiet;
-  area.read(call.source.block(id));
-  area.notify();
-  return kOk;
+  return compare(call, id, "restored", &image);
 }
 
 int remove_area(Call& call, AreaId id) {

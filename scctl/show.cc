@@ -241,8 +241,7 @@ void format_archive(const Area& area, Text* to) {
     return;
   }
   ArchiveImage image;
-  const char* fault = read_archive(path.text, &image);
-  if (fault == nullptr && image.size != area.size) fault = "it holds another area";
+  const char* fault = read_own_archive(area, &image);
   free(image.bytes);
   if (fault != nullptr) {
     to->print("bad: %s", fault);

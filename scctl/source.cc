@@ -132,6 +132,14 @@ const char* read_archive(const char* path, ArchiveImage* image) {
   return fault;
 }
 
+const char* read_own_archive(const Area& area, ArchiveImage* image) {
+  const char* fault = read_archive(archive_path(area).text, image);
+  if (fault != nullptr || image->size == area.size) return fault;
+  free(image->bytes);
+  image->bytes = nullptr;
+  return "it holds another area";
+}
+
 /* ---- sources ---- */
 
 namespace {
@@ -208,13 +216,8 @@ uint8_t* Source::block(AreaId id) {
   }
   if (blocks_[id] == nullptr && saved_ && area.stem[0] != '\0') {
     ArchiveImage image;
-    if (read_archive(archive_path(area).text, &image) == nullptr) {
-      if (image.size == area.size) {
-        blocks_[id] = image.bytes;
-      } else {
-        free(image.bytes);
-      }
-    }
+    read_own_archive(area, &image);
+    blocks_[id] = image.bytes;
   }
   return static_cast<uint8_t*>(blocks_[id]);
 }

@@ -47,12 +47,15 @@ class Source {
   const char* name_ = "";
 };
 
-/* Reads an archive's image of this size. Null when it is good, else what is wrong with it. */
+/* The image that an archive holds. */
 struct ArchiveImage {
-  uint8_t* bytes = nullptr; /* from malloc */
+  uint8_t* bytes = nullptr; /* from malloc; null when the archive is not good */
   size_t size = 0;
 };
+/* Null when the archive is good, else what is wrong with it. */
 const char* read_archive(const char* path, ArchiveImage* image);
+/* The same for the area's own archive, which has to hold this area. */
+const char* read_own_archive(const Area& area, ArchiveImage* image);
 
 /* An area's paths. */
 struct Path {
