@@ -3,7 +3,9 @@
 set terminal svg size 900,420 font "sans-serif,12" background "white"
 set output picture
 set multiplot layout 1,2
-set key top left
+set key below maxrows 2
+set xrange [0.9:9]
+set format y "%.0s%c"
 set xlabel "processes"
 set xtics (1, 2, 4, 8)
 set logscale x 2
@@ -12,11 +14,9 @@ set grid ytics
 stores = "library LMDB 'LMDB, in place' SQLite"
 
 set title "changes a second"
-set key bottom right
 plot for [n=1:4] data using 1:(column(2*n)) \
   with linespoints linewidth 2 title word(stores, n)
 
 set title "worst wait, ms"
-set key top left
 plot for [n=1:4] data using 1:(column(2*n+1)/1000) \
   with linespoints linewidth 2 title word(stores, n)

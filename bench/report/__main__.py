@@ -18,10 +18,10 @@ BEGIN, END = "<!-- measured by bench/run --write -->", "<!-- end of what was mea
 
 PEERS = {"lmdb": "LMDB", "lmdb_in_place": "LMDB, no sync, in place", "sqlite": "SQLite, WAL"}
 PROCESSES = (1, 2, 4, 8)
-CONTENTION_SECONDS = 0.4
+CONTENTION_SECONDS = 0.3
 
 # Of each program; odd, so that a median is one of them.
-RUNS, CONTENTION_RUNS = 5, 3
+RUNS = 5
 LONGER = 5  # times as many with --long
 
 # Enough of an operation to tell it from the start of the program, in the slow counting tools.
@@ -138,7 +138,7 @@ def main(arguments):
     if unknown:
         raise Failed("not measured: %s" % ", ".join(sorted(unknown)))
     operations, missed = operations_table(measured, targets)
-    contention = contention_results(CONTENTION_RUNS * longer)
+    contention = contention_results(RUNS * longer)
     text = "\n\n".join((
         "Measured on %s, on %s." % (datetime.date.today(), machine),
         operations, counts_table(targets),
