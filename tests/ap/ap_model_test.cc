@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <functional>
 
@@ -78,15 +79,36 @@ class ApModels : public World {
   void step(const std::function<int32_t()>& library, const std::function<int32_t()>& expected) {
     std::vector<std::string> journal;
     int32_t result = 0;
+    bool untouched = true;
+    Bytes released;
     const Output printed = capture([&] {
       Journal kept;
+      kept.before("lock", [&] { untouched = records(blocks) == records(model.areas); });
+      kept.after("unlock", [&] { released = records(blocks); });
       result = library();
       journal = kept.lines();
     });
+    ASSERT_TRUE(untouched) << "written before the first lock";
+    if (std::count_if(journal.begin(), journal.end(), is_unlock) == 1) {
+      ASSERT_TRUE(released == records(blocks)) << "written after the only lock was released";
+    }
     model.forget();
     ASSERT_EQ(result, expected());
     ASSERT_EQ(printed, (Output{model.printed, ""}));
     ASSERT_EQ(journal, model.journal);
+  }
+
+  static bool is_unlock(const std::string& line) { return line.rfind("unlock", 0) == 0; }
+
+  /* The records of the tables whose writers take locks. */
+  static Bytes records(const std::map<std::string, Bytes>& areas) {
+    Bytes all;
+    for (const char* name : {"Ap_Info", "AP_Template_Info"}) {
+      const IdTableRow& row = id_table_row(name);
+      const uint8_t* first = areas.at(row.area).data() + row.base;
+      all.insert(all.end(), first, first + row.capacity * row.stride);
+    }
+    return all;
   }
 
   void compare_blocks() {
