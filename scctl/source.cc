@@ -74,19 +74,16 @@ const char* read_tar(FILE* stream, ArchiveImage* image) {
 
 /* ---- whole records ---- */
 
-constexpr int kLockTries = 50;
+constexpr int kLockTries = 1000; /* a millisecond apart */
 constexpr int kReadTries = 1000;
 constexpr timespec kPause = {0, 1000000};
 
-bool lock_shared(int file, uint32_t lock_index) {
-  for (int n = 0; n < kLockTries; ++n) {
-    if (sc_lock_reg(file, F_SETLK, F_RDLCK, static_cast<off_t>(lock_index), SEEK_SET, 1) == 0) {
-      return true;
-    }
-    if (errno != EAGAIN && errno != EACCES) return false;
+bool lock_shared(int file, uint32_t lock_index, int tries) {
+  while (sc_lock_reg(file, F_SETLK, F_RDLCK, static_cast<off_t>(lock_index), SEEK_SET, 1) != 0) {
+    if (--tries <= 0 || (errno != EAGAIN && errno != EACCES)) return false;
     nanosleep(&kPause, nullptr);
   }
-  return false;
+  return true;
 }
 
 void copy_until_equal(uint8_t* to, const uint8_t* from, size_t size) {
@@ -243,7 +240,7 @@ bool is_used(const Table& table, const uint8_t* record) {
 Snapshot::Snapshot(const Table& table)
     : table_(&table), records_(table.capacity * table.stride), used_(table.capacity) {}
 
-void Snapshot::copy(const uint8_t* block, int lock, uint32_t position) {
+void Snapshot::copy(const uint8_t* block, int lock, int* tries, uint32_t position) {
   const uint8_t* from = block + table_->at + position * table_->stride;
   if (!is_used(*table_, from)) {
     used_.data()[position] = 0;
@@ -251,32 +248,29 @@ void Snapshot::copy(const uint8_t* block, int lock, uint32_t position) {
   }
   uint8_t* to = put(position);
   const uint32_t byte = lock_index_of(*table_, position);
-  if (lock >= 0 && lock_shared(lock, byte)) {
+  if (lock >= 0 && lock_shared(lock, byte, *tries)) {
     memcpy(to, from, table_->stride);
     sc_lock_reg(lock, F_SETLK, F_UNLCK, static_cast<off_t>(byte), SEEK_SET, 1);
   } else {
+    *tries = 1; /* whoever holds it may hold others: one wait is enough */
     copy_until_equal(to, from, table_->stride);
   }
   /* It may have been freed before it was locked. */
   used_.data()[position] = is_used(*table_, to);
 }
 
-void Snapshot::take(Source& source) {
+void Snapshot::take(Source& source, uint32_t first, uint32_t count) {
   const uint8_t* block = source.block(table_->area);
   const int lock =
       source.is_live() ? open(lock_path(kAreas[table_->area]).text, O_RDONLY | O_CLOEXEC) : -1;
-  for (uint32_t position = 0; position < table_->capacity; ++position) {
-    copy(block, lock, position);
-  }
+  int tries = kLockTries;
+  for (uint32_t n = 0; n < count; ++n) copy(block, lock, &tries, first + n);
   if (lock >= 0) close(lock);
 }
 
-void Snapshot::take(Source& source, uint32_t position) {
-  const int lock =
-      source.is_live() ? open(lock_path(kAreas[table_->area]).text, O_RDONLY | O_CLOEXEC) : -1;
-  copy(source.block(table_->area), lock, position);
-  if (lock >= 0) close(lock);
-}
+void Snapshot::take(Source& source) { take(source, 0, table_->capacity); }
+
+void Snapshot::take(Source& source, uint32_t position) { take(source, position, 1); }
 
 void Snapshot::swap(Snapshot& other) {
   const Table* table = table_;

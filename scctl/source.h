@@ -1,7 +1,8 @@
 /* Where tables are read from: the live segments, a .cfg image or a .bin archive.
  *
  * A record of a live segment is shown whole: it is copied under its own lock. The lock is shared
- * and held for one copy; where it cannot be had, the record is read until two reads agree.
+ * and held for one copy; where it is not to be had within a second, the record is read until two
+ * reads agree.
  */
 #ifndef SCCTL_SOURCE_H
 #define SCCTL_SOURCE_H
@@ -89,7 +90,8 @@ class Snapshot {
   int find_clash(const uint8_t* record, int skip, const Field** field) const;
 
  private:
-  void copy(const uint8_t* block, int lock, uint32_t position);
+  void take(Source& source, uint32_t first, uint32_t count);
+  void copy(const uint8_t* block, int lock, int* tries, uint32_t position);
 
   const Table* table_ = nullptr;
   Buffer records_;
