@@ -59,7 +59,7 @@ int run_set(Call& call) {
   if (const int status = parse_assignments(call, 1, table, record.data()); status != kOk) {
     return status;
   }
-  return modify_record(call.source, table, record.data(), target.id);
+  return modify_record(call.source, table, now.record(target.id - 1), record.data(), target.id);
 }
 
 int run_del(Call& call) {

@@ -49,22 +49,29 @@ int check_lock(Source& live, const Table& table) {
   return kOk;
 }
 
-/* The fields of a record that belongs to the programs, under its lock. */
-void write_fields(Source& live, const Table& table, const uint8_t* record, uint32_t position) {
+/* The library announces changes of lists itself. */
+void announce(const Table& table) {
+  const Area& area = kAreas[table.area];
+  if (table.calls.modify != nullptr || area.notify == nullptr) return;
+  Quiet quiet;
+  area.notify();
+}
+
+/* A record that belongs to the programs, under its lock: all fields, or those that are not what
+ * they were. */
+void write_fields(Source& live, const Table& table, const uint8_t* was, const uint8_t* record,
+                  uint32_t position) {
   const int file = open(lock_path(kAreas[table.area]).text, O_RDWR | O_CLOEXEC);
   const auto byte = static_cast<off_t>(lock_index_of(table, position));
   uint8_t* to = live.block(table.area) + table.at + position * table.stride;
   sc_lock_reg(file, F_SETLKW, F_WRLCK, byte, SEEK_SET, 1);
   for (const Field& field : table) {
+    if (was != nullptr && equal(field, was, record)) continue;
     memcpy(to + field.record_at, record + field.record_at, field.size);
   }
   sc_lock_reg(file, F_SETLK, F_UNLCK, byte, SEEK_SET, 1);
   close(file);
-  const Area& area = kAreas[table.area];
-  if (area.notify != nullptr) {
-    Quiet quiet;
-    area.notify();
-  }
+  announce(table);
 }
 
 /* Free records below one that is wanted, held meanwhile, so that the lowest free one is this. While
@@ -155,7 +162,7 @@ int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id)
     if (table.calls.add == nullptr) {
       const int32_t claimed = table.calls.claim(live.block(table.area));
       if (claimed < 0) return is_full(table);
-      write_fields(live, table, record, static_cast<uint32_t>(claimed));
+      write_fields(live, table, nullptr, record, static_cast<uint32_t>(claimed));
     } else {
       Buffer item(table.item_size);
       to_item(table, record, 0, item.data());
@@ -174,29 +181,35 @@ int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id)
   return kOk;
 }
 
-int modify_record(Source& live, const Table& table, const uint8_t* record, uint32_t id) {
+int modify_record(Source& live, const Table& table, const uint8_t* was, const uint8_t* wanted,
+                  uint32_t id) {
   Snapshot now(table);
   now.take(live);
   if (!now.used(id - 1)) {
     return fail(kRefused, "%s/%u is free; scctl add %s/%u makes it", table.name, id, table.name,
                 id);
   }
+  Buffer record(table.stride);
+  memcpy(record.data(), now.record(id - 1), table.stride);
   for (const Field& field : table) {
-    if (field.add_only && !equal(field, now.record(id - 1), record)) {
+    if (equal(field, was, wanted)) continue;
+    if (field.add_only) {
       return fail(kRefused, "%s.%s is written by add alone; delete %s/%u and add it", table.name,
                   field.name, table.name, id);
     }
+    memcpy(record.data() + field.record_at, wanted + field.record_at, field.size);
   }
-  if (const int status = refuse_clash(now, record, static_cast<int>(id - 1)); status != kOk) {
+  if (const int status = refuse_clash(now, record.data(), static_cast<int>(id - 1));
+      status != kOk) {
     return status;
   }
   if (const int status = check_lock(live, table); status != kOk) return status;
   if (table.calls.modify == nullptr) {
-    write_fields(live, table, record, id - 1);
+    write_fields(live, table, was, wanted, id - 1);
     return kOk;
   }
   Buffer item(table.item_size);
-  to_item(table, record, id, item.data());
+  to_item(table, record.data(), id, item.data());
   int32_t result;
   {
     Quiet quiet;
@@ -227,9 +240,8 @@ int delete_record(Source& live, const Table& table, uint32_t id) {
   {
     Quiet quiet;
     table.calls.erase(live.blocks(), id);
-    const Area& area = kAreas[table.area];
-    if (table.calls.modify == nullptr && area.notify != nullptr) area.notify();
   }
+  announce(table);
   if (is_used(table, record)) {
     return fail(kRefused, "%s/%u is not deleted", table.name, id);
   }
@@ -240,10 +252,11 @@ int clear_table(Source& live, const Table& table) {
   if (is_section(table)) return fail(kRefused, "%s is always there", table.name);
   if (const int status = check_lock(live, table); status != kOk) return status;
   if (table.calls.clear != nullptr) {
-    Quiet quiet;
-    table.calls.clear(live.block(table.area));
-    const Area& area = kAreas[table.area];
-    if (table.calls.modify == nullptr && area.notify != nullptr) area.notify();
+    {
+      Quiet quiet;
+      table.calls.clear(live.block(table.area));
+    }
+    announce(table);
     return kOk;
   }
   for (uint32_t id = 1; id <= table.capacity; ++id) {

@@ -15,7 +15,9 @@ namespace scctl {
 /* Adds a record as the one of this id, or as the lowest free one for an id of 0, which then tells
  * which it became. The snapshot is the table as it is, and gets the record too. */
 int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id);
-int modify_record(Source& live, const Table& table, const uint8_t* record, uint32_t id);
+/* Changes the fields in which the wanted record is not what it was; others stay as they are now. */
+int modify_record(Source& live, const Table& table, const uint8_t* was, const uint8_t* wanted,
+                  uint32_t id);
 int delete_record(Source& live, const Table& table, uint32_t id);
 int clear_table(Source& live, const Table& table);
 

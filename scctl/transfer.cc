@@ -211,8 +211,9 @@ int write_table(Import& import, const Snapshot& wanted) {
     if (!whole.used(id - 1)) continue;
     const uint8_t* record = whole.record(id - 1);
     uint32_t added = id;
-    const int status = is_section(table) ? modify_record(live, table, record, id)
-                                         : add_record(live, &empty, record, &added);
+    const int status = is_section(table)
+                           ? modify_record(live, table, now.record(id - 1), record, id)
+                           : add_record(live, &empty, record, &added);
     if (status != kOk) {
       printf("%s: records imported: %u of %u, then one failed\n", table.name, written,
              whole.count());
