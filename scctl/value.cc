@@ -143,9 +143,9 @@ int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
 size_t filled(const Field& field, const uint8_t* record) {
   size_t size = field.size;
   const uint8_t* at = record + field.record_at;
-  for (uint64_t word = 0; size >= sizeof word; size -= sizeof word) {
-    memcpy(&word, at + size - sizeof word, sizeof word);
-    if (word != 0) break;
+  static constexpr uint8_t kZeros[256] = {};
+  while (size >= sizeof kZeros && memcmp(at + size - sizeof kZeros, kZeros, sizeof kZeros) == 0) {
+    size -= sizeof kZeros;
   }
   while (size > 0 && at[size - 1] == 0) --size;
   return size;
