@@ -226,18 +226,35 @@ const Area* area_of_lock(unsigned device_major, unsigned device_minor, unsigned 
   return nullptr;
 }
 
-}  // namespace
+/* A line of the kernel's lock table that is about an area. */
+struct HeldBytes {
+  const Area* area;
+  unsigned long first, last;
+  const char* state;
+  long pid;
+
+  bool operator==(const HeldBytes&) const = default;
+};
+
+struct LockTable {
+  HeldBytes lines[512];
+  unsigned count;
+
+  bool operator==(const LockTable& other) const {
+    if (count != other.count) return false;
+    for (unsigned i = 0; i < count; ++i) {
+      if (!(lines[i] == other.lines[i])) return false;
+    }
+    return true;
+  }
+};
 
 /* The kernel's lines: "1: POSIX ADVISORY WRITE PID MAJOR:MINOR:INODE START END", a waiter's with
  * "->" behind its number. Neighbouring bytes of one process are one line. */
-int run_locks(Call& call) {
-  FILE* file = fopen("/proc/locks", "r");
-  if (file == nullptr) return fail(kNoArea, "/proc/locks: %s", strerror(errno));
-  const bool json = call.has(kJson);
-  const char* comma = "";
-  puts(json ? "[" : "area            record            byte  state         pid  program");
+void read_locks(FILE* file, LockTable* table) {
+  table->count = 0;
   char line[160];
-  while (fgets(line, sizeof line, file) != nullptr) {
+  while (fgets(line, sizeof line, file) != nullptr && table->count < 512) {
     char mode[8], end[24];
     long pid;
     unsigned device_major, device_minor;
@@ -254,24 +271,49 @@ int run_locks(Call& call) {
     unsigned long last = strtoul(end, nullptr, 10); /* 0 for EOF */
     if (last == 0 || last > most) last = most > first ? most : first;
     const char* state = waits != nullptr ? "waits" : strcmp(mode, "READ") == 0 ? "reads" : "holds";
+    table->lines[table->count++] = {area, first, last, state, pid};
+  }
+}
+
+}  // namespace
+
+/* The kernel hands its table over in pieces, and a lock that comes or goes in between makes it
+ * leave out or repeat lines: it is read until two readings agree. */
+int run_locks(Call& call) {
+  FILE* file = fopen("/proc/locks", "r");
+  if (file == nullptr) return fail(kNoArea, "/proc/locks: %s", strerror(errno));
+  LockTable table, again;
+  read_locks(file, &again);
+  for (int reading = 0; reading < 50; ++reading) {
+    table = again;
+    rewind(file);
+    read_locks(file, &again);
+    if (again == table) break;
+  }
+  fclose(file);
+
+  const bool json = call.has(kJson);
+  const char* comma = "";
+  puts(json ? "[" : "area            record            byte  state         pid  program");
+  for (unsigned i = 0; i < table.count; ++i) {
+    const HeldBytes& held = table.lines[i];
     Text program;
-    format_program(pid, &program);
-    for (unsigned long byte = first; byte <= last; ++byte) {
+    format_program(held.pid, &program);
+    for (unsigned long byte = held.first; byte <= held.last; ++byte) {
       Text guarded;
-      format_guarded(*area, byte, &guarded);
+      format_guarded(*held.area, byte, &guarded);
       if (json) {
         printf(
             "%s  {\"area\": \"%s\", \"record\": \"%s\", \"byte\": %lu, \"state\": \"%s\", "
             "\"pid\": %ld, \"program\": \"%s\"}",
-            comma, area->name, guarded.c_str(), byte, state, pid, program.c_str());
+            comma, held.area->name, guarded.c_str(), byte, held.state, held.pid, program.c_str());
         comma = ",\n";
       } else {
-        printf("%-14s  %-16s  %4lu  %-5s  %10ld  %s\n", area->name, guarded.c_str(), byte, state,
-               pid, program.c_str());
+        printf("%-14s  %-16s  %4lu  %-5s  %10ld  %s\n", held.area->name, guarded.c_str(), byte,
+               held.state, held.pid, program.c_str());
       }
     }
   }
-  fclose(file);
   if (json) puts(comma[0] == '\0' ? "]" : "\n]");
   return kOk;
 }
