@@ -21,6 +21,7 @@
 
 #include "core/area.h"
 #include "core/bytes.h"
+#include "device/tar_header.h"
 
 namespace {
 
@@ -53,27 +54,6 @@ __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
 }
 
 /* ---- what an archive holds ---- */
-
-struct TarHeader {
-  char name[100];
-  char mode_uid_gid[24];
-  char size[12];
-  char mtime[12];
-  char checksum[8];
-  char type;
-  char rest[355];
-};
-static_assert(sizeof(TarHeader) == 512);
-
-bool checksum_fits(const TarHeader& header) {
-  const auto* bytes = reinterpret_cast<const unsigned char*>(&header);
-  unsigned long sum = sizeof header.checksum * ' ';
-  for (size_t i = 0; i < sizeof header; ++i) {
-    const bool own = i >= offsetof(TarHeader, checksum) && i < offsetof(TarHeader, type);
-    if (!own) sum += bytes[i];
-  }
-  return strtoul(header.checksum, nullptr, 8) == sum;
-}
 
 /* Null when the image is the area's. */
 const char* fault_of_image(const Area& area, const char* image) {

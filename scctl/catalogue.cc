@@ -89,6 +89,14 @@ consteval Field written_by_add(Field f) {
                                                            #shown, offsetof(Item, shown))
 #define SAME(member) IN_ITEM(member, member)
 
+/* What several lists of rules have, member by member. */
+#define ADDRESS_RANGE                                                   \
+  SAME(ip_mode), SAME(ip_group_id), IN_ITEM(start_addr, start_ip_text), \
+      IN_ITEM(end_addr, end_ip_text), SAME(param_1), SAME(param_2), SAME(param_byte)
+#define SCHEDULE                                                                         \
+  SAME(time_mode), SAME(time_group_id), SAME(weekday), SAME(start_time), SAME(end_time), \
+      SAME(rule_flag), SAME(trailing_text)
+
 /* ---- fields ---- */
 
 namespace dhcp {
@@ -126,20 +134,8 @@ using Record = IpFilterRecord;
 using Item = IpFilterItem;
 constexpr Field kFields[] = {
     SAME(leading_text),
-    SAME(ip_mode),
-    SAME(ip_group_id),
-    IN_ITEM(start_addr, start_ip_text),
-    IN_ITEM(end_addr, end_ip_text),
-    SAME(param_1),
-    SAME(param_2),
-    SAME(param_byte),
-    SAME(time_mode),
-    SAME(time_group_id),
-    SAME(weekday),
-    SAME(start_time),
-    SAME(end_time),
-    SAME(rule_flag),
-    SAME(trailing_text),
+    ADDRESS_RANGE,
+    SCHEDULE,
 };
 }  // namespace ip_filter
 
@@ -161,13 +157,7 @@ using Item = MacFilterItem;
 constexpr Field kFields[] = {
     unique(mac_text(SAME(mac)), Clash::kTextWithoutCase),
     SAME(leading_text),
-    SAME(time_mode),
-    SAME(time_group_id),
-    SAME(weekday),
-    SAME(start_time),
-    SAME(end_time),
-    SAME(rule_flag),
-    SAME(trailing_text),
+    SCHEDULE,
 };
 }  // namespace mac_filter
 
@@ -177,13 +167,7 @@ using Item = UrlFilterItem;
 constexpr Field kFields[] = {
     unique(SAME(url), Clash::kBytes),
     SAME(leading_text),
-    SAME(time_mode),
-    SAME(time_group_id),
-    SAME(weekday),
-    SAME(start_time),
-    SAME(end_time),
-    SAME(rule_flag),
-    SAME(trailing_text),
+    SCHEDULE,
 };
 }  // namespace url_filter
 
@@ -191,23 +175,7 @@ namespace qos {
 using Record = QosRuleRecord;
 using Item = QosItem;
 constexpr Field kFields[] = {
-    SAME(leading_text),
-    SAME(match_kind),
-    SAME(match_text),
-    SAME(ip_mode),
-    SAME(ip_group_id),
-    IN_ITEM(start_addr, start_ip_text),
-    IN_ITEM(end_addr, end_ip_text),
-    SAME(param_1),
-    SAME(param_2),
-    SAME(param_byte),
-    SAME(time_mode),
-    SAME(time_group_id),
-    SAME(weekday),
-    SAME(start_time),
-    SAME(end_time),
-    SAME(rule_flag),
-    SAME(trailing_text),
+    SAME(leading_text), SAME(match_kind), SAME(match_text), ADDRESS_RANGE, SCHEDULE,
 };
 }  // namespace qos
 
@@ -351,22 +319,22 @@ int32_t claim_ap(void* block) {
  * that comes later, or has none, gets a MAC of its own before. */
 constexpr uint8_t kOwnMac[SC_MAC_BYTES] = {0x02, 0x5c, 0x6f, 0x77, 0x6e, 0x00};
 
+template <auto kFind, auto kDelete, class Block>
+void release_by_mac(Block* block, uint8_t* mac, uint32_t position) {
+  if (kFind(block, mac) != static_cast<int32_t>(position)) memcpy(mac, kOwnMac, sizeof kOwnMac);
+  kDelete(block, mac);
+}
+
 void release_ap(void* block, uint32_t position) {
   auto* list = static_cast<ManageApListBlock*>(block);
-  uint8_t* mac = list->aps[position].ap_mac;
-  if (SC_Get_Ap_Info_By_Mac(list, mac) != static_cast<int32_t>(position)) {
-    memcpy(mac, kOwnMac, sizeof kOwnMac);
-  }
-  SC_Del_Ap_Info_by_Mac(list, mac);
+  release_by_mac<SC_Get_Ap_Info_By_Mac, SC_Del_Ap_Info_by_Mac>(list, list->aps[position].ap_mac,
+                                                               position);
 }
 
 void release_ap_user(void* block, uint32_t position) {
   auto* list = static_cast<ApUserListBlock*>(block);
-  uint8_t* mac = list->users[position].user_mac;
-  if (SC_Get_ApUser_Info_By_Mac(list, mac) != static_cast<int32_t>(position)) {
-    memcpy(mac, kOwnMac, sizeof kOwnMac);
-  }
-  SC_Del_ApUser_Info_by_Mac(list, mac);
+  release_by_mac<SC_Get_ApUser_Info_By_Mac, SC_Del_ApUser_Info_by_Mac>(
+      list, list->users[position].user_mac, position);
 }
 
 template <auto kRelease, AreaId kArea>
@@ -518,33 +486,28 @@ int read_block(void* block) {
 #define AREA_LIFE(name) \
   SC_Get_##name##_System_Config, SC_Uninit_System_##name##_Config, \
   init_and_read<SC_Init_System_##name##_Config>
-#define AREA(name, Block, key, stem, lock_stem)                                                   \
-  {#name, key, sizeof(Block), offsetof(BlockHeader, lock_path),                                   \
-   offsetof(BlockHeader, block_lock_index), stem, lock_stem, AREA_LIFE(name),                     \
-   read_block<SC_Read_System_##name##_Config>, SC_Save_System_##name##_Config,                    \
-   clear_block<SC_Save_System_##name##_Config2Flash>}
+#define AREA(name) \
+  {#name, AREA_LIFE(name), read_block<SC_Read_System_##name##_Config>, \
+   SC_Save_System_##name##_Config, clear_block<SC_Save_System_##name##_Config2Flash>}
 
 constexpr Area kAreas[kAreaCount] = {
-  AREA(Lan,            LanBlock,            SC_KEY_LAN,              "lan", "lan"),
-  AREA(Wan,            WanBlock,            SC_KEY_WAN,              "wan", "wan"),
-  AREA(ProductInfo,    ProductInfoBlock,    SC_KEY_PRODUCT_INFO,     "product", "product"),
-  AREA(Misc,           MiscBlock,           SC_KEY_MISC,             "misc", "misc"),
-  AREA(VsIpport,       VsIpportBlock,       SC_KEY_VS_IPPORT,        "vs_ipport", "vs_ipport"),
-  AREA(FwIpport,       FwIpportBlock,       SC_KEY_FW_IPPORT,        "fw_ipport", "fw_ipport"),
-  AREA(IpGroup,        IpGroupBlock,        SC_KEY_IP_GROUP,         "ipgroup", "ipgroup"),
-  AREA(TimeGroup,      TimeGroupBlock,      SC_KEY_TIME_GROUP,       "timegroup", "timegroup"),
-  AREA(FwMac,          FwMacBlock,          SC_KEY_FW_MAC,           "fw_mac", "fw_mac"),
-  AREA(FwUrl,          FwUrlBlock,          SC_KEY_FW_URL,           "fw_url", "fw_url"),
-  AREA(Qos,            QosBlock,            SC_KEY_QOS,              "qos", "qos"),
-  AREA(ManageApList,   ManageApListBlock,   SC_KEY_MANAGE_AP_LIST,   "mange_aplist", "aplist"),
-  {"ApUserList", SC_KEY_AP_USER_LIST, sizeof(ApUserListBlock), offsetof(ApUserListBlock, lock_path),
-   offsetof(ApUserListBlock, block_lock_index), "", "apuserlist", AREA_LIFE(ApUserList), nullptr,
-   nullptr, nullptr},
-  AREA(ApTemplateList, ApTemplateListBlock, SC_KEY_AP_TEMPLATE_LIST, "aptemplatelist",
-       "aptemplatelist"),
-  AREA(DefApTemplate,  DefApTemplateBlock,  SC_KEY_DEF_AP_TEMPLATE,  "defaptemplate", "defaptemplate"),
-  AREA(Clients_Groups, ClientsGroupsBlock,  SC_KEY_CLIENTS_GROUPS,   "clients_groups", "clients_groups"),
-  AREA(Clients,        ClientsBlock,        SC_KEY_CLIENTS,          "clients", "clients"),
+  AREA(Lan),
+  AREA(Wan),
+  AREA(ProductInfo),
+  AREA(Misc),
+  AREA(VsIpport),
+  AREA(FwIpport),
+  AREA(IpGroup),
+  AREA(TimeGroup),
+  AREA(FwMac),
+  AREA(FwUrl),
+  AREA(Qos),
+  AREA(ManageApList),
+  {"ApUserList", AREA_LIFE(ApUserList), nullptr, nullptr, nullptr},
+  AREA(ApTemplateList),
+  AREA(DefApTemplate),
+  AREA(Clients_Groups),
+  AREA(Clients),
 };
 
 constexpr uint32_t kIpGroupRules = bit(kFwIpport) | bit(kQos);
@@ -593,7 +556,7 @@ constexpr Table kTables[kTableCount] = {
            {claim_ap, nullptr, nullptr, erase_record<release_ap, kManageApList>, release_ap,
             clear_aps}),
   ID_TABLE("ap_users", kApUserList, ApUserListBlock, users, ap_user, user_id,
-           {on_block<SC_Get_ApUser_Info_Blank>, nullptr, nullptr, 
+           {on_block<SC_Get_ApUser_Info_Blank>, nullptr, nullptr,
             erase_record<release_ap_user, kApUserList>, release_ap_user, nullptr}),
   ID_TABLE("ap_templates", kApTemplateList, ApTemplateListBlock, templates, ap_template,
            template_id,
@@ -629,6 +592,8 @@ bool is_named(const char* own, const char* name, size_t length) {
 }
 
 }  // namespace
+
+const sc::Area& Area::facts() const { return sc::kAreas[this - kAreas]; }
 
 const Area* find_area(const char* name) {
   for (const Area& area : kAreas) {

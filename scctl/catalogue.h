@@ -11,45 +11,25 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "core/area.h"
+
 namespace scctl {
 
-/* In the order of the SystemConfigDirectory. */
-enum AreaId : uint8_t {
-  kLan,
-  kWan,
-  kProductInfo,
-  kMisc,
-  kVsIpport,
-  kFwIpport,
-  kIpGroup,
-  kTimeGroup,
-  kFwMac,
-  kFwUrl,
-  kQos,
-  kManageApList,
-  kApUserList,
-  kApTemplateList,
-  kDefApTemplate,
-  kClientsGroups,
-  kClients,
-  kAreaCount
-};
+using sc::AreaId;
+using enum sc::AreaId;
 
 /* The calls of the area's life; null where there is none. */
 struct Area {
   const char* name;
-  int32_t key;
-  uint32_t size;
-  uint8_t path_at;  /* block offsets of lock_path */
-  uint8_t index_at; /* and of block_lock_index */
-  const char* stem; /* of image and archive; empty: never saved */
-  const char* lock_stem;
   uint32_t (*attach)();
   int (*remove)();
   int (*init)();
   int (*read)(void* block);
   void (*notify)();
   void (*save)(void* block);
+
+  /* Key, size, header and stems: the library's own row. */
+  const sc::Area& facts() const;
 };
 
 extern const Area kAreas[kAreaCount];

@@ -63,6 +63,8 @@ int unknown_field(const Table& table, const char* name, size_t length);
 int parse_area(const char* name, AreaId* area);
 /* The areas of the words, or all of them for --all; a word too many or none is wrong usage. */
 int parse_areas(const Call& call, bool none_is_all, bool* chosen);
+/* The areas of the words, which have to be there, or all that are there when no word says one. */
+int present_areas(Call& call, bool* chosen);
 
 void print_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
                        Text* to);

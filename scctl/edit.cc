@@ -39,8 +39,11 @@ int is_full(const Table& table) {
 int check_lock(Source& live, const Table& table) {
   const Area& area = kAreas[table.area];
   const Path path = lock_path(area);
-  const char* own = static_cast<const char*>(live.blocks()[table.area]) + area.path_at;
-  if (strncmp(own, path.text, static_cast<size_t>(area.index_at - area.path_at)) != 0) {
+  const char* own =
+      static_cast<const char*>(live.blocks()[table.area]) + area.facts().header.path_at;
+  if (strncmp(own, path.text,
+              static_cast<size_t>(area.facts().header.index_at - area.facts().header.path_at)) !=
+      0) {
     return fail(kRefused, "area %s is damaged; scctl check %s tells more", area.name, area.name);
   }
   const int file = open(path.text, O_RDWR | O_CLOEXEC);

@@ -41,19 +41,19 @@ struct Remedy {
 
 /* Init writes header and lock words, and loads an archive over them: that has to go first. */
 Remedy rebuild(const Area& area) {
-  if (area.stem[0] == '\0') return Remedy("scctl init %s", area.name);
+  if (area.facts().stem[0] == '\0') return Remedy("scctl init %s", area.name);
   return Remedy("scctl export %s >FILE; rm %s; scctl init %s; scctl import FILE", area.name,
                 archive_path(area).text, area.name);
 }
 
 void check_header(const Area& area, const uint8_t* block) {
   const Path path = lock_path(area);
-  const auto* own = reinterpret_cast<const char*>(block) + area.path_at;
-  const int width = area.index_at - area.path_at;
+  const auto* own = reinterpret_cast<const char*>(block) + area.facts().header.path_at;
+  const int width = area.facts().header.index_at - area.facts().header.path_at;
   if (strncmp(own, path.text, static_cast<size_t>(width)) != 0) {
     find(rebuild(area).text, "%s: lock_path is '%.*s', not %s", area.name, width, own, path.text);
   }
-  if (const int32_t index = load_word(block + area.index_at); index != 1) {
+  if (const int32_t index = load_word(block + area.facts().header.index_at); index != 1) {
     find(rebuild(area).text, "%s: block_lock_index is %d, not 1", area.name, index);
   }
 }
@@ -137,7 +137,7 @@ void check_files(const Area& area) {
     find(Remedy("echo >%s", lock.text).text, "%s: %s: %s", area.name, lock.text, strerror(errno));
   }
   const Path archive = archive_path(area);
-  if (area.stem[0] == '\0' || access(archive.text, F_OK) != 0) return;
+  if (area.facts().stem[0] == '\0' || access(archive.text, F_OK) != 0) return;
   ArchiveImage image;
   const char* fault = read_own_archive(area, &image);
   free(image.bytes);

@@ -60,7 +60,7 @@ int need_archive(const Area& area, const char* done, ArchiveImage* image) {
 /* The library does not tell how it went: area and archive have to be equal now. */
 int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
   const Area& area = kAreas[id];
-  const bool same = memcmp(call.source.block(id), image->bytes, area.size) == 0;
+  const bool same = memcmp(call.source.block(id), image->bytes, area.facts().size) == 0;
   free(image->bytes);
   if (same) return kOk;
   return fail(kRefused, "area %s is not %s, or was changed meanwhile: it differs from %s",
@@ -96,7 +96,7 @@ int restore_area(Call& call, AreaId id) {
 int remove_area(Call& call, AreaId id) {
   const Area& area = kAreas[id];
   /* Removing creates what is not there. */
-  if (shmget(area.key, 0, 0) < 0) {
+  if (shmget(area.facts().key, 0, 0) < 0) {
     return call.has(kAll) && errno == ENOENT
                ? kOk
                : fail(kNoArea, "area %s: %s", area.name, strerror(errno));

@@ -362,6 +362,20 @@ int parse_areas(const Call& call, bool none_is_all, bool* chosen) {
   return kOk;
 }
 
+int present_areas(Call& call, bool* chosen) {
+  if (const int status = parse_areas(call, true, chosen); status != kOk) return status;
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto id = static_cast<AreaId>(n);
+    if (!chosen[n]) continue;
+    if (call.word_count == 0) {
+      chosen[n] = call.source.block(id) != nullptr;
+    } else if (const int status = call.source.need(id); status != kOk) {
+      return status;
+    }
+  }
+  return kOk;
+}
+
 }  // namespace scctl
 
 int main(int argc, char** argv) {

@@ -230,7 +230,7 @@ void format_age(const char* path, Text* to) {
 }
 
 void format_archive(const Area& area, Text* to) {
-  if (area.stem[0] == '\0') {
+  if (area.facts().stem[0] == '\0') {
     to->add("never saved");
     return;
   }
@@ -258,7 +258,7 @@ int run_areas(Call& call) {
   puts(json ? "[" : "area             key    bytes  attached  used     archive");
   for (const Area& area : kAreas) {
     shmid_ds status;
-    const int segment = shmget(area.key, 0, 0);
+    const int segment = shmget(area.facts().key, 0, 0);
     const bool there = segment >= 0 && shmctl(segment, IPC_STAT, &status) == 0;
     uint32_t used = 0, capacity = 0;
     for (const Table& table : kTables) {
@@ -276,13 +276,13 @@ int run_areas(Call& call) {
       printf(
           "  {\"area\": \"%s\", \"key\": %d, \"bytes\": %u, \"there\": %s, \"attached\": %lu, "
           "\"used\": %u, \"capacity\": %u, \"archive\": \"%s\"}%s\n",
-          area.name, area.key, area.size, there ? "true" : "false", attached, used, capacity,
-          archive.c_str(), &area == kAreas + kAreaCount - 1 ? "" : ",");
+          area.name, area.facts().key, area.facts().size, there ? "true" : "false", attached, used,
+          capacity, archive.c_str(), &area == kAreas + kAreaCount - 1 ? "" : ",");
       continue;
     }
     Text use;
     if (capacity > 0 && there) use.print("%u/%u", used, capacity);
-    printf("%-14s  %4d  %7u  ", area.name, area.key, area.size);
+    printf("%-14s  %4d  %7u  ", area.name, area.facts().key, area.facts().size);
     if (there)
       printf("%8lu", attached);
     else
@@ -432,9 +432,11 @@ int run_dump(Call& call) {
   if (const int status = call.source.need(id); status != kOk) return status;
   const Area& area = kAreas[id];
   const uint8_t* block = call.source.block(id);
-  printf("%s: %u bytes\n", area.name, area.size);
-  dump_bytes(block + area.path_at, area.path_at, area.index_at - area.path_at, "lock_path");
-  dump_bytes(block + area.index_at, area.index_at, 4, "block_lock_index");
+  printf("%s: %u bytes\n", area.name, area.facts().size);
+  dump_bytes(block + area.facts().header.path_at, area.facts().header.path_at,
+             area.facts().header.index_at - area.facts().header.path_at, "lock_path");
+  dump_bytes(block + area.facts().header.index_at, area.facts().header.index_at, 4,
+             "block_lock_index");
   for (const Table& table : kTables) {
     if (table.area != id) continue;
     if (table.counter != nullptr) {

@@ -13,6 +13,7 @@
 
 #include <sysconfig/core.h>
 
+#include "device/tar_header.h"
 #include "value.h"
 
 namespace scctl {
@@ -25,7 +26,7 @@ namespace {
 ArchiveImage read_all(FILE* file) {
   size_t largest = 0;
   for (const Area& area : kAreas) {
-    if (area.size > largest) largest = area.size;
+    if (area.facts().size > largest) largest = area.facts().size;
   }
   auto* bytes = static_cast<uint8_t*>(malloc(largest + 1));
   if (bytes == nullptr) exit(fail(kRefused, "out of memory"));
@@ -34,30 +35,9 @@ ArchiveImage read_all(FILE* file) {
 
 const Area* area_of_size(size_t size) {
   for (const Area& area : kAreas) {
-    if (area.size == size) return &area;
+    if (area.facts().size == size) return &area;
   }
   return nullptr;
-}
-
-struct TarHeader {
-  char name[100];
-  char mode_uid_gid[24];
-  char size[12];
-  char mtime[12];
-  char checksum[8];
-  char type;
-  char rest[355];
-};
-static_assert(sizeof(TarHeader) == 512);
-
-bool checksum_fits(const TarHeader& header) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(&header);
-  unsigned long sum = sizeof header.checksum * ' ';
-  for (size_t i = 0; i < sizeof header; ++i) {
-    const bool own = i >= offsetof(TarHeader, checksum) && i < offsetof(TarHeader, type);
-    if (!own) sum += bytes[i];
-  }
-  return strtoul(header.checksum, nullptr, 8) == sum;
 }
 
 const char* read_tar(FILE* stream, ArchiveImage* image) {
@@ -95,13 +75,13 @@ void copy_until_equal(uint8_t* to, const uint8_t* from, size_t size) {
 
 Path archive_path(const Area& area) {
   Path path;
-  snprintf(path.text, sizeof path.text, "/var/dataconfig/config_%s.bin", area.stem);
+  snprintf(path.text, sizeof path.text, "/var/dataconfig/config_%s.bin", area.facts().stem);
   return path;
 }
 
 Path lock_path(const Area& area) {
   Path path;
-  snprintf(path.text, sizeof path.text, "/var/lock_store/%s_conf_lock", area.lock_stem);
+  snprintf(path.text, sizeof path.text, "/var/lock_store/%s_conf_lock", area.facts().lock_stem);
   return path;
 }
 
@@ -131,7 +111,7 @@ const char* read_archive(const char* path, ArchiveImage* image) {
 
 const char* read_own_archive(const Area& area, ArchiveImage* image) {
   const char* fault = read_archive(archive_path(area).text, image);
-  if (fault != nullptr || image->size == area.size) return fault;
+  if (fault != nullptr || image->size == area.facts().size) return fault;
   free(image->bytes);
   image->bytes = nullptr;
   return "it holds another area";
@@ -211,7 +191,7 @@ uint8_t* Source::block(AreaId id) {
   if (blocks_[id] == nullptr && live_) {
     blocks_[id] = reinterpret_cast<void*>(static_cast<uintptr_t>(area.attach()));
   }
-  if (blocks_[id] == nullptr && saved_ && area.stem[0] != '\0') {
+  if (blocks_[id] == nullptr && saved_ && area.facts().stem[0] != '\0') {
     ArchiveImage image;
     read_own_archive(area, &image);
     blocks_[id] = image.bytes;

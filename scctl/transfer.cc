@@ -19,16 +19,7 @@ namespace scctl {
 
 int run_export(Call& call) {
   bool chosen[kAreaCount];
-  if (const int status = parse_areas(call, true, chosen); status != kOk) return status;
-  for (int n = 0; n < kAreaCount; ++n) {
-    const auto id = static_cast<AreaId>(n);
-    if (!chosen[n]) continue;
-    if (call.word_count == 0) {
-      chosen[n] = call.source.block(id) != nullptr;
-    } else if (const int status = call.source.need(id); status != kOk) {
-      return status;
-    }
-  }
+  if (const int status = present_areas(call, chosen); status != kOk) return status;
   const Table* last = nullptr;
   putchar('{');
   for (const Table& table : kTables) {
@@ -318,7 +309,7 @@ int run_diff(Call& call) {
     if (!in_a || !in_b) {
       /* A file holds one area; the archives hold none that is never saved. */
       const bool expected = (a.is_live() || a.is_saved()) && (b.is_live() || b.is_saved()) &&
-                            area.stem[0] != '\0' && (in_a || in_b);
+                            area.facts().stem[0] != '\0' && (in_a || in_b);
       if (expected) printf("%s: only in %s\n", area.name, in_a ? a.name() : b.name());
       any |= expected;
       continue;

@@ -102,16 +102,7 @@ struct Clock {
 
 int run_watch(Call& call) {
   bool chosen[kAreaCount];
-  if (const int status = parse_areas(call, true, chosen); status != kOk) return status;
-  for (int n = 0; n < kAreaCount; ++n) {
-    const auto id = static_cast<AreaId>(n);
-    if (!chosen[n]) continue;
-    if (call.word_count == 0) {
-      chosen[n] = call.source.block(id) != nullptr;
-    } else if (const int status = call.source.need(id); status != kOk) {
-      return status;
-    }
-  }
+  if (const int status = present_areas(call, chosen); status != kOk) return status;
   Snapshot known[kTableCount];
   for (int n = 0; n < kTableCount; ++n) {
     if (!chosen[kTables[n].area]) continue;
