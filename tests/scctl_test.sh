@@ -13,6 +13,8 @@ if [[ ${1:-} == --inside ]]; then
   program=("${@:3}")
   # shellcheck disable=SC2317  # the transcripts call it
   scctl() { "${program[@]}" "$@"; }
+  # shellcheck disable=SC2317  # the guard lies beside scctl in the folder of the build
+  scguard() { "${program[@]:0:${#program[@]}-1}" "${program[-1]%/*/*}/device/scguard" "$@"; }
   # shellcheck disable=SC2317
   background() { "${program[@]}" "${@:2}" >"$1" & } # its pid is $!
   # shellcheck disable=SC2317
@@ -40,10 +42,10 @@ if [[ ${1:-} == --inside ]]; then
 fi
 
 transcript=$root/$1
-if [[ $1 == *.1 ]]; then
+if [[ $1 == *.[1-8] ]]; then
   examples=$(mktemp)
   trap 'rm -f "$examples"' EXIT
-  sed -n '/^\.EX/,/^\.EE/{ /^\.E/d; s/\\-/-/g; p }' "$transcript" >"$examples"
+  sed -n '/^\.EX/,/^\.EE/{ /^\.E/d; s/\\-/-/g; s/\\e/\\/g; p }' "$transcript" >"$examples"
   transcript=$examples
 fi
 [[ -s $transcript ]] || exit 1

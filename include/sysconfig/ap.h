@@ -122,10 +122,10 @@ SC_OFFSET(DefApTemplateBlock, settings, 136);
 
 SC_BEGIN_DECLS
 
-/* Managed APs. Claims take no lock, here and below. MACs are 6 raw bytes, compared exactly;
- * searches take the first match and do not
- * skip free records. A flash save runs "send_event 5 0" and then "change_event ap" afterwards; Read
- * also empties the fragment buffers, before the archive is loaded. */
+/* Managed APs. A record is free when its ap_id is 0. MACs are 6 raw bytes, compared exactly;
+ * searches take the first match and do not skip free records. Claims take no lock, searches neither.
+ * A flash save runs "send_event 5 0" and then "change_event ap" afterwards; Read also empties the
+ * fragment buffers, before the archive is loaded. */
 uint32_t SC_Get_ManageApList_System_Config(void);
 int SC_Uninit_System_ManageApList_Config(void);
 int SC_Init_System_ManageApList_Config(int read_flag);
@@ -157,25 +157,37 @@ int32_t SC_Set_Ap_Info_Id2Zero(struct ManageApListBlock* block);
 /* Sets wtp_frag_len of all records to 0, without locks. */
 void SC_CleanWtpFragBuffer(struct ManageApListBlock* block);
 
-/* AP users. Init takes no flag, writes the header and the lock indices itself and loads nothing. */
+/* AP users: a run-time table that is never saved. A record is free when its user_id is 0; MACs,
+ * searches and claims as with managed APs. */
 uint32_t SC_Get_ApUserList_System_Config(void);
 int SC_Uninit_System_ApUserList_Config(void);
+/* Takes no flag, writes the header and the lock indices itself and loads nothing; else as the Init
+ * of other areas. */
 int SC_Init_System_ApUserList_Config(void);
+/* Position of the first record with this id (0: the first free one) or MAC, or -1. */
 int32_t SC_Get_ApUser_Info_By_Id(const struct ApUserListBlock* block, uint32_t id);
 int32_t SC_Get_ApUser_Info_By_Mac(const struct ApUserListBlock* block, const uint8_t* mac);
+/* Under the record's lock: clear the whole record but its lock_index. 1 when done, 0 when no record
+ * has the MAC or the lock file could not be opened. */
 int32_t SC_Del_ApUser_Info_by_Mac(struct ApUserListBlock* block, const uint8_t* mac);
+/* Claims the lowest free record. Returns its position or -1. */
 int32_t SC_Get_ApUser_Info_Blank(struct ApUserListBlock* block);
+/* Number of used records; 0 for a null block. */
 int32_t SC_Get_ApUser_Info_Count(const struct ApUserListBlock* block);
 
-/* AP templates. A template binds at most one AP. */
+/* AP templates. A record is free when its template_id is 0; searches and claims as with managed APs.
+ * A template binds at most one AP. */
 uint32_t SC_Get_ApTemplateList_System_Config(void);
 int SC_Uninit_System_ApTemplateList_Config(void);
 int SC_Init_System_ApTemplateList_Config(int read_flag);
 int SC_Read_System_ApTemplateList_Config(struct ApTemplateListBlock* block);
 void SC_Save_System_ApTemplateList_Config(void);
 void SC_Save_System_ApTemplateList_Config2Flash(struct ApTemplateListBlock* block);
+/* Position of the first record with this id (0: the first free one), or -1. */
 int32_t SC_Get_AP_Template_Info_By_Id(const struct ApTemplateListBlock* block, uint32_t id);
+/* Claims the lowest free record. Returns its position or -1. */
 int32_t SC_Get_AP_Template_Info_Blank(struct ApTemplateListBlock* block);
+/* Number of used records; 0 for a null block. */
 int32_t SC_Get_AP_Template_Info_Count(const struct ApTemplateListBlock* block);
 /* Clears the record at a position, not an id; only 0 to 14, which is not checked. 1, or 0 without
  * lock file. The bound AP keeps its group_id and group_info: unbind it first. */
@@ -190,7 +202,7 @@ int32_t SC_Del_Ap_Mac2Template_By_Id(struct ApTemplateListBlock* block,
                                      struct ManageApListBlock* aps, uint32_t id,
                                      const uint8_t* mac);
 
-/* The default template. */
+/* The default template: settings that the library neither reads nor writes. */
 uint32_t SC_Get_DefApTemplate_System_Config(void);
 int SC_Uninit_System_DefApTemplate_Config(void);
 int SC_Init_System_DefApTemplate_Config(int read_flag);

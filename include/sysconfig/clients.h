@@ -213,11 +213,11 @@ int32_t SC_Operate_System_List_GetClients_Blank(struct ClientsBlock* block);
 int32_t SC_Operate_System_List_ClientsCheckMac(const struct ClientsBlock* block,
                                                const struct ClientsItem* item, uint32_t skip_slot);
 int32_t AddClientsItem(struct ClientsBlock* block, const struct ClientsItem* item);
+void DelClientsItem(struct ClientsBlock* block, char* ids);
+void DelAllClientsItem(struct ClientsBlock* block);
 /* Checks against the zero MAC, whatever the item holds: refused only when another used record has a
  * zero MAC. */
 int32_t ModifyClientsItem(struct ClientsBlock* block, const struct ClientsItem* item);
-void DelClientsItem(struct ClientsBlock* block, char* ids);
-void DelAllClientsItem(struct ClientsBlock* block);
 
 SC_END_DECLS
 

@@ -5,7 +5,7 @@
  *    which the caller's process attached it. On 64-bit hosts segments are attached below 4 GiB, so
  *    an address always fits the 32-bit values of this interface. Callers own every item, item list,
  *    index list and directory they pass in; the library allocates nothing and keeps no state.
- * 2. Life of an area, the same six functions for each (AP users: Get, Uninit and Init only):
+ * 2. Life of an area. The same six functions for each (AP users: Get, Uninit and Init only):
  *    SC_Get_<Area>_System_Config()
  *        Attach; 0 when the segment does not exist. When it exists but cannot be attached:
  *        "shmat failed\n" on stderr and exit(1). Every call attaches anew; nothing is detached.
@@ -28,17 +28,33 @@
  *        pack it into the archive; then run the area's event commands, if any.
  *        "canot open the file." (no newline) or "file write error\n" on stdout.
  *    Init and Read take no locks: they are for start-up, before others work on the area.
- * 3. Lists. SC_Operate_System_List_* addresses records by 0-based position and returns a list
- *    result (layout.h); its search claims the lowest free record and returns its position or -1;
- *    its check returns 1 on a clash, else 0. `index` points to the position: read by delete and
- *    modify, written by add. `record` (or `item`) may be null for the deleting operations.
- * 4. Items. Ids are 1-based. Get<X>ItemList zeroes the list and packs the used records in table
- *    order; Get<X>Item zeroes the item and fills it from record id - 1, used or free, or leaves it
- *    zero when the id is out of range. With a null block both return without touching the output.
- *    Add, Modify and the deleting functions end with the area's change notification whatever the
- *    result; those that delete by a group's id send one for each rule instead. An index list is
- *    text of ids separated by '#'; it is split in place.
- *    Counters beside tables are lowered once for each id of an index list, deleted or not.
+ * 3. Lists. The functions of a list on records, addressed by 0-based positions. Results of changes
+ *    are list results (layout.h).
+ *    SC_Operate_System_List_<X>(b, op, index, record)
+ *        Add, modify, delete or delete all. `index` points to the position: read by delete and
+ *        modify, written by add. `record` (or `item`) may be null for the deleting operations.
+ *    SC_Operate_System_List_Get<X>_Blank(b)
+ *        Claim the lowest free record; its position, or -1 when there is none.
+ *    SC_Operate_System_List_<X>Check<Key>(b, record, skip_slot)
+ *        1 when the record clashes with a used one other than that of slot_id skip_slot, else 0.
+ * 4. Items. The functions of a list on items, addressed by 1-based ids.
+ *    Get<X>ItemList(b, ..., list)
+ *        Zero the list and pack the used records in table order.
+ *    Get<X>Item(b, id, item)
+ *        Zero the item and fill it from record id - 1, used or free; it stays zero when the id is
+ *        out of range.
+ *    Add<X>Item(b, item)
+ *        Add to the lowest free record; a list result.
+ *    Modify<X>Item(b, item)
+ *        Write over the record of the item's id; a list result.
+ *    DelAll<X>Item(b)
+ *        Free every record, and set the counter beside the table, if any, to 0.
+ *    Del<X>Item(b, ids)
+ *        Free the records of an index list: text of ids separated by '#', which is split in place.
+ *    With a null block the two that get return without touching the output. The others end with
+ *    the area's change notification whatever the result; those that delete by a group's id send
+ *    one for each rule instead. Counters beside tables are lowered once for each id of an index
+ *    list, deleted or not.
  * 5. Locks. Every change of a list's record is made under its byte (lock_index) of the area's lock
  *    file, blocking, held for that record only; readers, searches and checks take no lock. A lock
  *    file that cannot be opened is said as "Cannot Lock file %s" with the path (stdout, no newline).
@@ -148,7 +164,7 @@ SC_BEGIN_DECLS
  * system(); prints nothing itself. */
 int sc_do_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/* fcntl(fd, cmd, ...) with a struct flock of these members; note the order of the arguments.
+/* Calls fcntl(fd, cmd, ...) with a struct flock of these members; note the order of the arguments.
  * Returns the value of fcntl: 0, or -1 with errno. */
 #if defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
 SC_FACT(sc_needs_no_file_offset_bits, sizeof(off_t) == 4); /* _FILE_OFFSET_BITS would change it */
@@ -171,7 +187,8 @@ int SC_Restore_Dhcp_Ap(void);
  * call: call it once and keep the directory. */
 uint32_t SC_Get_SysConfig(struct SystemConfigDirectory* directory);
 
-/* Wan: a flash save runs "change_event network" afterwards. */
+/* Wan: settings in four sections, each with a lock byte for those who change them. A flash save runs
+ * "change_event network" afterwards. */
 uint32_t SC_Get_Wan_System_Config(void);
 int SC_Uninit_System_Wan_Config(void);
 int SC_Init_System_Wan_Config(int read_flag);
@@ -179,6 +196,7 @@ int SC_Read_System_Wan_Config(struct WanBlock* block);
 void SC_Save_System_Wan_Config(void);
 void SC_Save_System_Wan_Config2Flash(struct WanBlock* block);
 
+/* ProductInfo: settings that the library neither reads nor writes. */
 uint32_t SC_Get_ProductInfo_System_Config(void);
 int SC_Uninit_System_ProductInfo_Config(void);
 int SC_Init_System_ProductInfo_Config(int read_flag);
@@ -186,6 +204,7 @@ int SC_Read_System_ProductInfo_Config(struct ProductInfoBlock* block);
 void SC_Save_System_ProductInfo_Config(void);
 void SC_Save_System_ProductInfo_Config2Flash(struct ProductInfoBlock* block);
 
+/* Misc: settings in five sections, each with a lock byte for those who change them. */
 uint32_t SC_Get_Misc_System_Config(void);
 int SC_Uninit_System_Misc_Config(void);
 int SC_Init_System_Misc_Config(int read_flag);

@@ -79,7 +79,7 @@ SC_OFFSET(DhcpStaticItemList, tail, 14216);
 
 SC_BEGIN_DECLS
 
-/* A flash save runs "change_event network" afterwards. */
+/* Lan: two tables of DHCP static bindings. A flash save runs "change_event network" afterwards. */
 uint32_t SC_Get_Lan_System_Config(void);
 int SC_Uninit_System_Lan_Config(void);
 int SC_Init_System_Lan_Config(int read_flag);

@@ -339,10 +339,10 @@ void GetMacFilterItem(const struct FwMacBlock* block, uint32_t id, struct MacFil
 int32_t AddMacFilterItem(struct FwMacBlock* block, const struct MacFilterItem* item);
 int32_t ModifyMacFilterItem(struct FwMacBlock* block, const struct MacFilterItem* item);
 void DelMacFilterItem(struct FwMacBlock* block, char* ids);
+void DelAllMacFilterItem(struct FwMacBlock* block);
 /* Deletes every rule of time_mode 2 that refers to the group, matched by its bytes alone: one freed
  * earlier is freed and counted again. One notification for each rule. */
 void DelMacFilterItemByTimeGroupId(struct FwMacBlock* block, int32_t time_group_id);
-void DelAllMacFilterItem(struct FwMacBlock* block);
 
 /* URL filter: two rules clash when all 128 bytes of their URLs are equal. Modify out of range:
  * SC_LIST_REJECTED. The listing shows a rule of time_mode 1 with its time group's name and
@@ -365,10 +365,10 @@ void GetUrlFilterItem(const struct FwUrlBlock* block, uint32_t id, struct UrlFil
 int32_t AddUrlFilterItem(struct FwUrlBlock* block, const struct UrlFilterItem* item);
 int32_t ModifyUrlFilterItem(struct FwUrlBlock* block, const struct UrlFilterItem* item);
 void DelUrlFilterItem(struct FwUrlBlock* block, char* ids);
+void DelAllUrlFilterItem(struct FwUrlBlock* block);
 /* Deletes every rule of time_mode 2 that refers to the group, matched by its bytes alone: one freed
  * earlier is freed and counted again. One notification for each rule. */
 void DelUrlFilterItemByTimeGroupId(struct FwUrlBlock* block, int32_t time_group_id);
-void DelAllUrlFilterItem(struct FwUrlBlock* block);
 
 /* QoS: no clash check. Modify out of range: SC_LIST_MOD_RANGE. The listing shows a rule of
  * match_kind 0 and ip_mode 1 with its IP group's name and addresses, and one of time_mode 1 with
@@ -388,10 +388,10 @@ void GetQosItem(const struct QosBlock* block, uint32_t id, struct QosItem* item)
 int32_t AddQosItem(struct QosBlock* block, const struct QosItem* item);
 int32_t ModifyQosItem(struct QosBlock* block, const struct QosItem* item);
 void DelQosItem(struct QosBlock* block, char* ids);
+void DelAllQosItem(struct QosBlock* block);
 /* Delete every rule of ip_mode 1 (time_mode 2) that refers to the group, as the IP filter does. */
 void DelQosItemByIpGroupId(struct QosBlock* block, int32_t ip_group_id);
 void DelQosItemByTimeGroupId(struct QosBlock* block, int32_t time_group_id);
-void DelAllQosItem(struct QosBlock* block);
 
 SC_END_DECLS
 

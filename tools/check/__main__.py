@@ -3,6 +3,7 @@
 import sys
 
 import binaries
+import manual
 import sources
 import tests
 from suite import LOGS, ROOT, Suite
@@ -40,6 +41,7 @@ def main(quick):
     run("analysis", sources.check_analysis)
     run("headers", sources.check_headers, library_targets)
     run("library", binaries.check_library, library_targets)
+    run("manual", manual.check_manual)
     results = {target: run("tests-" + target, tests.run_tests, target) or tests.Results()
                for target in test_targets}
     if not quick:

@@ -1,0 +1,48 @@
+"""Checks of the manual pages that the host's build made."""
+
+import re
+import subprocess
+
+from binaries import EXPORTS
+from suite import BUILD
+
+MAN = BUILD / "host/man"
+# What mandoc says of every page and is meant: a page has no date, as it is made with the library.
+MEANT = re.compile(r'WARNING: missing date, using "": TH$')
+
+
+def source_of(name):
+    """A page's own text, behind the link if it is one; None when there is none."""
+    path = MAN / "man3" / (name + ".3")
+    text = path.read_text() if path.exists() else ""
+    link = re.fullmatch(r"\.so (man3/\S+)\n", text)
+    if link:
+        path = MAN / link[1]
+        text = path.read_text() if path.exists() else ""
+    return text
+
+
+def check_manual(suite):
+    """Every exported function is described on the page of its name; the formatters find no fault."""
+    for name in EXPORTS.read_text().split():
+        text = source_of(name)
+        named = re.search(r"^\.SH NAME\n(.*) \\- ", text, re.M)
+        suite.verdict(named and name in named[1].split(", ")
+                      and re.search(r'^\.B ".*\b%s\(' % name, text, re.M), "page of " + name)
+
+    pages = [path for path in sorted(MAN.glob("man[1-8]/*"))
+             if not path.read_text().startswith(".so ")]
+    suite.verdict({path.name for path in pages} >= {"scctl.1", "sysconfig.3", "sysconfig.5",
+                                                    "sysconfig.7", "scguard.8"}, "the pages are there")
+    faults = said(["mandoc", "-T", "lint", "-W", "warning", *pages])
+    for page in pages:
+        # Lines as wide as man makes them.
+        found = [line for line in faults if ": %s:" % page in line and not MEANT.search(line)] + \
+            said(["groff", "-ww", "-rLL=78n", "-man", "-t", "-T", "utf8", "-z", page])
+        suite.verdict(not found, "lint of " + page.name, "; ".join(found))
+
+
+def said(command):
+    ended = subprocess.run([str(word) for word in command], text=True, stdout=subprocess.PIPE,
+                           stderr=subprocess.STDOUT)
+    return ended.stdout.splitlines()
