@@ -241,19 +241,15 @@ class Words {
 }  // namespace
 
 int run_batch(Call& call) {
-  const bool standard = call.word_count == 0 || strcmp(call.words[0], "-") == 0;
-  const char* name = standard ? "stdin" : call.words[0];
-  FILE* file = standard ? stdin : fopen(name, "r");
-  if (file == nullptr) return fail(kNoArea, "%s: %s", name, strerror(errno));
   char* line = nullptr;
   size_t room = 0;
   int status = kOk;
   unsigned number = 0, done = 0;
-  for (ssize_t size; status == kOk && (size = getline(&line, &room, file)) >= 0;) {
+  for (ssize_t size; status == kOk && (size = getline(&line, &room, call.input)) >= 0;) {
     ++number;
     while (size > 0 && (line[size - 1] == '\n' || line[size - 1] == '\r')) line[--size] = '\0';
     Text where;
-    where.print("%s:%u: ", name, number);
+    where.print("%s:%u: ", call.input_name, number);
     Words split;
     const char* fault = split.split(line);
     /* As --commands prints them. */
@@ -270,8 +266,7 @@ int run_batch(Call& call) {
     if (status == kOk) ++done;
   }
   free(line);
-  if (!standard) fclose(file);
-  printf("commands done: %u%s\n", done, status == kOk ? "" : ", then one failed");
+  printf("commands done: %u%s\n", done, status == kOk ? "" : how_failed());
   return status;
 }
 

@@ -4,6 +4,8 @@
 #ifndef SCCTL_COMMANDS_H
 #define SCCTL_COMMANDS_H
 
+#include <stdio.h>
+
 #include "source.h"
 
 namespace scctl {
@@ -17,6 +19,8 @@ enum Option : uint16_t {
   kArchive = 32,
   kExec = 64,
   kCount = 128,
+  kInPlace = 256,
+  kInput = 512, /* of a command alone: its word is a file, none or - standard input */
 };
 constexpr uint16_t kSources = kImage | kArchive;
 
@@ -28,6 +32,8 @@ struct Call {
   uint32_t count;
   int word_count; /* behind the command's name */
   char** words;
+  FILE* input; /* of a command with kInput */
+  const char* input_name;
   Source source; /* opened as the options say */
 
   bool has(Option option) const { return (options & option) != 0; }
@@ -46,6 +52,8 @@ struct Command {
 
 /* Runs a command of these words, the name first. */
 int run_words(int word_count, char** words);
+/* All that was printed is out, or this says that it cannot be. */
+int flush_output();
 
 /* TABLE[/ID][.FIELD]; id 0 and field null where they are left out. */
 struct Target {
@@ -66,6 +74,10 @@ int parse_areas(const Call& call, bool none_is_all, bool* chosen);
 /* The areas of the words, which have to be there, or all that are there when no word says one. */
 int present_areas(Call& call, bool* chosen);
 
+int init_area(Call& call, AreaId id);
+/* Reads the archive back to see that it is good. */
+int save_area(Call& call, AreaId id);
+
 void print_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
                        Text* to);
 /* The fields in which two records differ, a line each behind the prefix. */
@@ -73,6 +85,11 @@ bool print_changes(const char* prefix, const Table& table, uint32_t id, const ui
                    const uint8_t* is);
 /* Records that came, went or differ, a line each; true when there are any. */
 bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is);
+
+/* Behind how much was done before something failed. A file is not changed then. */
+inline const char* how_failed() {
+  return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
+}
 
 int run_tables(Call&);
 int run_fields(Call&);

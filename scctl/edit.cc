@@ -44,7 +44,7 @@ int check_lock(Source& live, const Table& table) {
   if (strncmp(own, path.text,
               static_cast<size_t>(area.facts().header.index_at - area.facts().header.path_at)) !=
       0) {
-    return fail(kRefused, "area %s is damaged; scctl check %s tells more", area.name, area.name);
+    return fail(kRefused, "area %s is damaged; scctl check tells more", area.name);
   }
   const int file = open(path.text, O_RDWR | O_CLOEXEC);
   if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
@@ -227,6 +227,10 @@ namespace {
 int need_all(Source& live, const Table& table) {
   for (int area = 0; area < kAreaCount; ++area) {
     if ((table.needs >> area & 1) == 0) continue;
+    if (g_file != nullptr && live.block(static_cast<AreaId>(area)) == nullptr) {
+      return fail(kRefused, "deleting from %s reaches into area %s, which %s does not hold",
+                  table.name, kAreas[area].name, g_file);
+    }
     if (const int status = live.need(static_cast<AreaId>(area)); status != kOk) return status;
   }
   return kOk;

@@ -30,6 +30,8 @@ int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
   return kOk;
 }
 
+}  // namespace
+
 int init_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
   Source::forget_live(id);
@@ -49,6 +51,8 @@ int init_area(Call&, AreaId id) {
   return kOk;
 }
 
+namespace {
+
 /* Reads the area's archive; says what is wrong with it. */
 int need_archive(const Area& area, const char* done, ArchiveImage* image) {
   const char* fault = read_own_archive(area, image);
@@ -67,6 +71,8 @@ int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
               area.name, done, archive_path(area).text);
 }
 
+}  // namespace
+
 int save_area(Call& call, AreaId id) {
   if (const int status = call.source.need(id); status != kOk) return status;
   const Area& area = kAreas[id];
@@ -78,6 +84,8 @@ int save_area(Call& call, AreaId id) {
   if (const int status = need_archive(area, "saved", &image); status != kOk) return status;
   return compare(call, id, "saved", &image);
 }
+
+namespace {
 
 /* What is broken would be loaded as far as it goes. */
 int restore_area(Call& call, AreaId id) {
@@ -102,9 +110,16 @@ int remove_area(Call& call, AreaId id) {
                : fail(kNoArea, "area %s: %s", area.name, strerror(errno));
   }
   Source::forget_live(id);
-  Quiet quiet;
-  area.remove();
-  return kOk;
+  {
+    Quiet quiet;
+    area.remove();
+  }
+  if (shmget(area.facts().key, 0, 0) < 0) return kOk;
+  if (shmget(area.facts().key, area.facts().size, 0) >= 0 || errno != EINVAL) {
+    return fail(kNoArea, "area %s is not removed: no permission", area.name);
+  }
+  return fail(kNoArea, "area %s is not removed: its segment is too small; ipcrm -M %d removes it",
+              area.name, area.facts().key);
 }
 
 /* The library tells a failure by perror alone. */

@@ -2,14 +2,18 @@
  * The rows of the commands, options, help, and what the commands have in common.
  */
 #include <ctype.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "commands.h"
+#include "in_place.h"
 #include "value.h"
 
 namespace scctl {
+
+constexpr uint16_t kChanges = kSources | kInPlace;
 
 /* In the order of the help. */
 // clang-format off
@@ -38,22 +42,23 @@ constexpr Command kCommands[] = {
    "none.\n",
    kJson | kCommandsOption | kSources, 2, 2, run_find},
   {"dump", "AREA", "an area's bytes with their names",
-   "Used records alone; lines of zeros are counted.\n",
+   "Of records the used ones alone; lines of zeros are counted.\n",
    kSources, 1, 1, run_dump},
   {"add", "TABLE[/ID] FIELD=VALUE...", "add a record",
    "It becomes the lowest free record, or the one of the ID. Other fields are\n"
    "zero. Prints its id.\n",
-   0, 2, -1, run_add},
+   kChanges, 2, -1, run_add},
   {"set", "TABLE/ID FIELD=VALUE...", "change fields of a record",
    "Other fields stay.\n",
-   0, 2, -1, run_set},
+   kChanges, 2, -1, run_set},
   {"del", "TABLE/ID...", "delete records",
    "With a group go the rules that refer to it, with a template its binding. All\n"
-   "records must be used, or none is deleted.\n",
-   0, 1, -1, run_del},
+   "records must be used, or none is deleted. A file holds one area: from it\n"
+   "groups and templates are not deleted.\n",
+   kChanges, 1, -1, run_del},
   {"clear", "TABLE", "delete all records of a table",
    "Rules that refer to groups stay.\n",
-   0, 1, 1, run_clear},
+   kChanges, 1, 1, run_clear},
   {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
    "",
    0, 2, 2, run_bind},
@@ -63,8 +68,8 @@ constexpr Command kCommands[] = {
   {"batch", "[FILE]", "run commands from a file or standard input",
    "A command a line, with or without scctl in front, quoted as for a shell; #\n"
    "begins a comment. Stops at the first that fails, says its line and how many\n"
-   "were done.\n",
-   0, 0, 1, run_batch},
+   "were done. A file is changed when all were done, or not at all.\n",
+   kChanges | kInput, 0, 1, run_batch},
   {"init", "AREA...", "make or empty areas and load their archives",
    "For the start, before others work on the area: it takes no lock.\n",
    kAll, 0, -1, run_init},
@@ -92,7 +97,7 @@ constexpr Command kCommands[] = {
    "Each table of the file becomes exactly that, ids included; others are left\n"
    "alone. All of the file is checked before anything is written. - is standard\n"
    "input.\n",
-   kDryRun, 1, 1, run_import},
+   kDryRun | kChanges | kInput, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
    "A and B are images, archives, live or saved; without them, saved is compared\n"
    "with live. Exit status 1 when they differ.\n",
@@ -132,8 +137,9 @@ constexpr OptionRow kOptions[] = {
   {"--commands", kCommandsOption, false, "--commands      as commands that make the same records"},
   {"--all",      kAll,            false, "--all           all areas"},
   {"--dry-run",  kDryRun,         false, "--dry-run       say what would change, change nothing"},
-  {"--image",    kImage,          true,  "--image FILE    read a .cfg image, not the live area"},
-  {"--archive",  kArchive,        true,  "--archive FILE  read a .bin archive, not the live area"},
+  {"--image",    kImage,          true,  "--image FILE    a .cfg image, not the live area"},
+  {"--archive",  kArchive,        true,  "--archive FILE  a .bin archive, not the live area"},
+  {"--in-place", kInPlace,        false, "--in-place      change that file"},
   {"--exec",     kExec,           true,  "--exec COMMAND  run a shell command after each change"},
   {"--count",    kCount,          true,  "--count N       end after N changes"},
 };
@@ -216,10 +222,32 @@ int parse_options(const Command& command, int count, char** words, Call* call) {
   return kOk;
 }
 
-int open_source(Call* call) {
-  if (call->has(kImage) && call->has(kArchive)) {
+int open_input(Call* call) {
+  const bool standard = call->word_count == 0 || strcmp(call->words[0], "-") == 0;
+  call->input_name = standard ? "stdin" : call->words[0];
+  call->input = standard ? stdin : fopen(call->input_name, "rbe");
+  return call->input != nullptr ? kOk : fail(kNoArea, "%s: %s", call->input_name, strerror(errno));
+}
+
+/* Which of the options go together, and with the command. */
+int check_sources(const Command& command, const Call& call) {
+  if (call.has(kImage) && call.has(kArchive)) {
     return fail(kUsage, "--image and --archive exclude each other");
   }
+  const bool file = (call.options & kSources) != 0;
+  if (call.has(kInPlace) && !file) return fail(kUsage, "--in-place needs --image or --archive");
+  if (file && (command.options & kInPlace) != 0 && !call.has(kInPlace) && !call.has(kDryRun)) {
+    return fail(kUsage, "%s would change the file, which is read-only without --in-place",
+                command.name);
+  }
+  if (g_file == nullptr) return kOk;
+  if ((command.options & kSources) == 0 || (command.options & kInput) != 0) {
+    return fail(kUsage, "%s does not work on a file", command.name);
+  }
+  return file ? fail(kUsage, "the batch works on %s already", g_file) : kOk;
+}
+
+int open_source(Call* call) {
   if (call->has(kImage)) return call->source.open_image(call->image);
   if (call->has(kArchive)) return call->source.open_archive(call->archive);
   call->source.open_live();
@@ -250,8 +278,18 @@ int run_words(int word_count, char** words) {
       (command->most != kAny && call.word_count > command->most)) {
     return usage(*command);
   }
+  if (const int status = check_sources(*command, call); status != kOk) return status;
+  if ((command->options & kInput) != 0) {
+    if (const int status = open_input(&call); status != kOk) return status;
+  }
+  if (call.has(kInPlace) && !call.has(kDryRun)) return run_in_place(call, command->run);
   if (const int status = open_source(&call); status != kOk) return status;
   return command->run(call);
+}
+
+int flush_output() {
+  if (fflush(stdout) == 0 && ferror(stdout) == 0) return kOk;
+  return fail(kRefused, "standard output: the text could not be written");
 }
 
 /* ---- completion ---- */
@@ -384,9 +422,7 @@ int main(int argc, char** argv) {
     scctl::print_help();
     return scctl::kOk;
   }
-  int status = scctl::run_words(argc - 1, argv + 1);
-  if (fflush(stdout) != 0 || ferror(stdout) != 0) {
-    status = scctl::fail(scctl::kRefused, "standard output: the text could not be written");
-  }
-  return status;
+  const int status = scctl::run_words(argc - 1, argv + 1);
+  const int flushed = scctl::flush_output();
+  return flushed == scctl::kOk ? status : flushed;
 }

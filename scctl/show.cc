@@ -403,10 +403,17 @@ void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* na
   tell_zeros(end);
 }
 
+/* Bytes that nothing is known to use, named by their place as in the public structs. */
+void dump_spare(const uint8_t* bytes, uint32_t start, uint32_t at, uint32_t size) {
+  Text name;
+  name.print("spare_%u", at);
+  dump_bytes(bytes + at, start + at, size, name.c_str());
+}
+
 /* A record in the order in which its bytes lie: fields, the lock word, the id and spare bytes. */
 void dump_record(const Table& table, const uint8_t* record, uint32_t start) {
   for (uint32_t at = 0; at < table.stride;) {
-    const char* name = "spare";
+    const char* name = nullptr;
     uint32_t size = table.stride - at;
     const auto consider = [&](int place, uint32_t own_size, const char* own_name) {
       if (place == static_cast<int>(at)) {
@@ -419,7 +426,10 @@ void dump_record(const Table& table, const uint8_t* record, uint32_t start) {
     for (const Field& field : table) consider(field.record_at, field.size, field.member);
     consider(table.lock_at, 4, "lock_index");
     consider(table.id_at, 4, "id");
-    dump_bytes(record + at, start + at, size, name);
+    if (name == nullptr)
+      dump_spare(record, start, at, size);
+    else
+      dump_bytes(record + at, start + at, size, name);
     at += size;
   }
 }
@@ -433,15 +443,22 @@ int run_dump(Call& call) {
   const Area& area = kAreas[id];
   const uint8_t* block = call.source.block(id);
   printf("%s: %u bytes\n", area.name, area.facts().size);
-  dump_bytes(block + area.facts().header.path_at, area.facts().header.path_at,
-             area.facts().header.index_at - area.facts().header.path_at, "lock_path");
-  dump_bytes(block + area.facts().header.index_at, area.facts().header.index_at, 4,
-             "block_lock_index");
+  uint32_t at = 0;
+  const auto dump_next = [&](uint32_t place, uint32_t size, const char* name) {
+    if (place > at) dump_spare(block, 0, at, place - at);
+    if (name != nullptr) dump_bytes(block + place, place, size, name);
+    at = place + size;
+  };
+  const auto& header = area.facts().header;
+  if (header.path_at > 0) dump_next(0, header.path_at, "header_reserved");
+  dump_next(header.path_at, header.index_at - header.path_at, "lock_path");
+  dump_next(header.index_at, 4, "block_lock_index");
   for (const Table& table : kTables) {
     if (table.area != id) continue;
     if (table.counter != nullptr) {
-      dump_bytes(block + table.counter_at, table.counter_at, table.counter_size, table.counter);
+      dump_next(table.counter_at, table.counter_size, table.counter);
     }
+    dump_next(table.at, table.capacity * table.stride, nullptr);
     Snapshot records(table);
     records.take(call.source);
     for (uint32_t position = 0; position < table.capacity; ++position) {
@@ -453,6 +470,7 @@ int run_dump(Call& call) {
     const uint32_t free = table.capacity - records.count();
     if (free > 0) printf("%s: %u free records\n", table.name, free);
   }
+  dump_next(area.facts().size, 0, nullptr);
   return kOk;
 }
 

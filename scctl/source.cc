@@ -126,6 +126,8 @@ void* g_live[kAreaCount];
 
 }  // namespace
 
+const char* g_file = nullptr;
+
 Source::~Source() {
   for (void* block : own_) free(block);
 }
@@ -138,7 +140,7 @@ void Source::forget_live(AreaId area) {
 void Source::open_live() {
   live_ = true;
   blocks_ = g_live;
-  name_ = "live";
+  name_ = g_file != nullptr ? g_file : "live";
 }
 
 void Source::open_saved() {
@@ -168,6 +170,12 @@ int Source::open_archive(const char* path) {
   if (fault != nullptr) return fail(kNoArea, "%s: %s", path, fault);
   blocks_[id_of(*area_of_size(image.size))] = image.bytes;
   return kOk;
+}
+
+AreaId Source::held() const {
+  int area = 0;
+  while (blocks_[area] == nullptr) ++area;
+  return static_cast<AreaId>(area);
 }
 
 int Source::open_named(const char* name) {
@@ -203,7 +211,9 @@ int Source::need(AreaId id) {
   errno = 0;
   if (block(id) != nullptr) return kOk;
   const char* area = kAreas[id].name;
-  if (!live_) return fail(kNoArea, "%s does not hold area %s", name_, area);
+  if (!live_ || g_file != nullptr) {
+    return fail(kNoArea, "%s does not hold area %s", name_, area);
+  }
   switch (errno) {
     case ENOENT: return fail(kNoArea, "area %s is not there; scctl init %s makes it", area, area);
     case EINVAL: return fail(kNoArea, "area %s: its segment is too small", area);

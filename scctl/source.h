@@ -12,6 +12,9 @@
 
 namespace scctl {
 
+/* The file whose area is the live one of this process; null: the machine's areas are. */
+extern const char* g_file;
+
 class Source {
  public:
   Source() = default;
@@ -26,6 +29,8 @@ class Source {
   /* One area, told from the image's size. Say why they cannot, and return a status. */
   int open_image(const char* path);
   int open_archive(const char* path);
+  /* The area of the one or the other. */
+  AreaId held() const;
   /* Either of them, told from the file's first bytes; "live" and "saved" are these. */
   int open_named(const char* name);
   /* The archives that the areas were saved to; they are read when they are asked for. */

@@ -50,22 +50,16 @@ int run_export(Call& call) {
 
 namespace {
 
-/* The text of a file, or of standard input. */
-int read_text(const char* name, Text* text) {
-  const bool standard = strcmp(name, "-") == 0;
-  FILE* file = standard ? stdin : fopen(name, "rb");
-  if (file == nullptr) return fail(kNoArea, "%s: %s", name, strerror(errno));
+int read_text(const Call& call, Text* text) {
   char bytes[4096];
-  for (size_t size; (size = fread(bytes, 1, sizeof bytes, file)) > 0;) text->add(bytes, size);
-  const bool bad = ferror(file) != 0;
-  if (!standard) fclose(file);
-  return bad ? fail(kNoArea, "%s: %s", name, strerror(errno)) : kOk;
+  for (size_t size; (size = fread(bytes, 1, sizeof bytes, call.input)) > 0;) text->add(bytes, size);
+  if (ferror(call.input) == 0) return kOk;
+  return fail(kNoArea, "%s: %s", call.input_name, strerror(errno));
 }
 
 /* One import: the file, and what is done with each table of it. */
 struct Import {
   Call& call;
-  const char* name;
   int (*act)(Import& import, const Snapshot& wanted);
   unsigned changed;
 };
@@ -147,7 +141,7 @@ int go_through(const Text& text, Import& import) {
   JsonReader json(text.c_str(), text.size());
   const int status = read_areas(json, import);
   if (!json.failed()) return status;
-  return fail(kRefused, "%s:%u: %s", import.name, json.line(), json.fault());
+  return fail(kRefused, "%s:%u: %s", import.call.input_name, json.line(), json.fault());
 }
 
 bool differs(const Snapshot& was, const Snapshot& is) {
@@ -220,10 +214,9 @@ int write_table(Import& import, const Snapshot& wanted) {
 }  // namespace
 
 int run_import(Call& call) {
-  const char* name = strcmp(call.words[0], "-") == 0 ? "stdin" : call.words[0];
   Text text;
-  if (const int status = read_text(call.words[0], &text); status != kOk) return status;
-  Import import = {call, name, check_table, 0};
+  if (const int status = read_text(call, &text); status != kOk) return status;
+  Import import = {call, check_table, 0};
   int status = go_through(text, import);
   if (status == kOk && !call.has(kDryRun)) {
     import.act = write_table;
@@ -231,7 +224,7 @@ int run_import(Call& call) {
   }
   if (status == kOk || import.changed > 0) {
     printf("tables %s: %u%s\n", call.has(kDryRun) ? "to change" : "changed", import.changed,
-           status == kOk ? "" : ", then one failed");
+           status == kOk ? "" : how_failed());
   }
   return status;
 }
