@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs of the box that are ended from outside leave no emulator and no half image, the next one starts
-# clean, and two at a time do not meet. Needs what ./demo --device made; tools/check runs it.
+# The box from its first boot to its second, two of them at a time, which do not meet; and runs that
+# are ended from outside, which leave no emulator and no half image. tools/check runs it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,38 +12,61 @@ complain() {
   failed=1
 }
 
-# begin NAME: starts a run and waits until its router works; sets run and emulator.
+declare -A runs
+
+# begin NAME COMMAND...: starts a run whose image is NAME.
 begin() {
-  device/run "$work/$1.img" >"$work/$1.log" 2>&1 &
-  run=$!
-  for ((i = 0; i < 600; i++)); do
-    grep -qs 'router# router add' "$work/$1.log" && break
-    sleep 0.1
-  done
-  emulator=$(pgrep -P "$run" qemu-system) || complain "$1: no emulator is running"
+  "${@:2}" "$work/$1.img" >"$work/$1.log" 2>&1 &
+  runs[$1]=$!
 }
 
-for signal in INT TERM KILL; do
-  # A shell starts its background jobs with SIGINT ignored; Python then leaves it so.
-  [[ $signal == INT ]] && set -m
-  begin "$signal"
-  set +m
-  kill -"$signal" "$run"
-  wait "$run" && complain "$signal: the run ended with status 0"
+# Whether the router of a run is up.
+up() {
+  grep -qs 'router# router add' "$work/$1.log"
+}
+
+# The image that they boot is made once; what runs at the same time then finds it.
+begin one ./demo --device
+until up one || ! kill -0 "${runs[one]}"; do sleep 0.1; done
+begin two device/run
+for run in one two; do
+  wait "${runs[$run]}" || complain "of two runs at once one ended with status $?"
+  [[ $(stat -c %s "$work/$run.img") == 8388608 ]] || complain "$run.img is no whole image"
+done
+
+end() {
+  local run=${runs[$1]} emulator
+  emulator=$(pgrep -P "$run" qemu-system) || complain "$1: no emulator is running"
+  kill -"$1" "$run"
+  wait "$run" && complain "$1: the run ended with status 0"
   for ((i = 0; i < 50; i++)); do
     kill -0 "$emulator" 2>/dev/null || break
     sleep 0.1
   done
-  kill -0 "$emulator" 2>/dev/null && complain "$signal: the emulator is still there"
-  [[ -z $(ls "$work/$signal.img"* 2>/dev/null) ]] || complain "$signal: part of an image is there"
-done
+  kill -0 "$emulator" 2>/dev/null && complain "$1: the emulator is still there"
+  [[ -z $(ls "$work/$1.img"* 2>/dev/null) ]] || complain "$1: part of an image is there"
+}
 
-begin one && one=$run
-begin two && two=$run
-for run in "$one" "$two"; do
-  wait "$run" || complain "of two runs at once one ended with status $?"
+# A shell starts its background jobs with SIGINT ignored, and Python then leaves it so; with job
+# control it does not.
+set -m
+declare -A running
+for signal in INT TERM KILL; do
+  begin "$signal" device/run
+  running[$signal]=yes
 done
-for image in one two; do
-  [[ $(stat -c %s "$work/$image.img") == 8388608 ]] || complain "$image.img is no whole image"
+set +m
+for ((tries = 0; tries < 600 && ${#running[@]}; tries++)); do
+  for signal in "${!running[@]}"; do
+    if up "$signal"; then
+      end "$signal"
+      unset "running[$signal]"
+    fi
+  done
+  sleep 0.1
+done
+for signal in "${!running[@]}"; do
+  complain "$signal: the router did not come up"
+  kill "${runs[$signal]}"
 done
 exit $failed
