@@ -47,15 +47,12 @@ end() {
   [[ -z $(ls "$work/$1.img"* 2>/dev/null) ]] || complain "$1: part of an image is there"
 }
 
-# A shell starts its background jobs with SIGINT ignored, and Python then leaves it so; with job
-# control it does not.
-set -m
 declare -A running
 for signal in INT TERM KILL; do
-  begin "$signal" device/run
+  # A shell starts its background jobs with SIGINT ignored, and Python then leaves it so.
+  begin "$signal" env --default-signal=INT device/run
   running[$signal]=yes
 done
-set +m
 for ((tries = 0; tries < 600 && ${#running[@]}; tries++)); do
   for signal in "${!running[@]}"; do
     if up "$signal"; then

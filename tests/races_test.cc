@@ -732,8 +732,7 @@ void at_once(const std::function<void()>& work) {
       dup2(nowhere, STDOUT_FILENO);
       dup2(nowhere, STDERR_FILENO);
       ++waiting;
-      while (waiting < kWorkers) {
-      }
+      while (waiting < kWorkers) sched_yield();
       work();
     }));
   }
