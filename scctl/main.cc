@@ -31,7 +31,7 @@ constexpr Command kCommands[] = {
    "archive and whether it is good.\n",
    kJson, 0, 0, run_areas},
   {"list", "TABLE", "the used records of a table",
-   "What does not fit into 80 columns is left out; see scctl get.\n",
+   "What does not fit into 80 columns, and large fields, are left out; see scctl get.\n",
    kJson | kCommandsOption | kSources, 1, 1, run_list},
   {"get", "TABLE/ID[.FIELD]", "one record, or one field of it",
    "A field is printed as it is, alone on its line; bytes in hex without the\n"

@@ -17,6 +17,7 @@ namespace {
 
 constexpr size_t kColumns = 80;
 constexpr size_t kWidest = 32; /* letters of a cell */
+constexpr size_t kIdWidth = 3;
 
 /* UTF-8 letters take one column each. */
 size_t letters(const char* text) {
@@ -45,104 +46,157 @@ void format_cell(const Field& field, const uint8_t* record, Text* to) {
   to->add("..");
 }
 
-void add_cell(const char* text, size_t width, Text* line) {
-  line->print("%s%*s", text, static_cast<int>(width - letters(text) + 2), "");
+void add_cell(const char* text, size_t width, Text* to) {
+  static constexpr char kBlanks[] = "                                  ";
+  static_assert(sizeof kBlanks > kWidest + 2);
+  to->add(text);
+  to->add(kBlanks, width - letters(text) + 2);
 }
 
-void print_line(Text* line) {
-  line->trim();
-  puts(line->c_str());
-  line->clear();
+void end_line(Text* to) {
+  to->trim();
+  to->add('\n');
 }
 
-using Chosen = bool (*)(const Field* field, const uint8_t* record, const uint8_t* wanted);
+void print(const Text& text) { fwrite(text.c_str(), 1, text.size(), stdout); }
 
-bool matches(const Field* field, const uint8_t* record, const uint8_t* wanted) {
-  if (field == nullptr) return true;
-  if (field->kind == Kind::kMacText) {
-    return strncasecmp(reinterpret_cast<const char*>(record) + field->record_at,
-                       reinterpret_cast<const char*>(wanted) + field->record_at, field->size) == 0;
-  }
-  return equal(*field, record, wanted);
-}
+/* The records that have a value in a field, or all when there is no field. */
+struct Choice {
+  const Table& table;
+  const Field* field;
+  const uint8_t* wanted;
 
-void print_table(const Snapshot& rows, const Field* field, const uint8_t* wanted) {
-  const Table& table = rows.table();
-  constexpr int kMostFields = 32;
-  size_t widths[kMostFields];
-  size_t width = 2 + 3;
-  int shown = 0;
-  for (; shown < table.field_count; ++shown) {
-    const Field& column = table.fields[shown];
-    size_t& widest = widths[shown];
-    widest = strlen(column.name);
-    for (uint32_t position = 0; position < table.capacity; ++position) {
-      if (!rows.used(position) || !matches(field, rows.record(position), wanted)) continue;
-      Text cell;
-      format_cell(column, rows.record(position), &cell);
-      if (letters(cell.c_str()) > widest) widest = letters(cell.c_str());
+  bool has(const uint8_t* record) const {
+    if (field == nullptr) return true;
+    if (field->kind == Kind::kMacText) {
+      return strncasecmp(reinterpret_cast<const char*>(record) + field->record_at,
+                         reinterpret_cast<const char*>(wanted) + field->record_at,
+                         field->size) == 0;
     }
-    if (width + widest > kColumns) break;
-    width += widest + 2;
+    return equal(*field, record, wanted);
   }
-  Text line;
-  add_cell("id", 3, &line);
-  for (int n = 0; n < shown; ++n) add_cell(table.fields[n].name, widths[n], &line);
-  print_line(&line);
+};
+
+/* Columns of a table that is printed: as many of the first fields as fit. To say how much of a large
+ * field is filled, all of it would have to be read, which makes memory of a segment's pages that
+ * nobody has written yet: it is no column. */
+class Columns {
+ public:
+  explicit Columns(const Table& table) {
+    for (const Field& field : table) {
+      if (field.size > kLargest && !is_section(table)) break;
+      widths_[shown_++] = strlen(field.name);
+    }
+    drop();
+  }
+  int shown() const { return shown_; }
+  size_t width(int column) const { return widths_[column]; }
+  void widen(int column, size_t width) {
+    if (width <= widths_[column]) return;
+    widths_[column] = width;
+    drop();
+  }
+
+ private:
+  void drop() {
+    size_t width = kIdWidth + 2;
+    int fitting = 0;
+    for (; fitting < shown_ && width + widths_[fitting] <= kColumns; ++fitting) {
+      width += widths_[fitting] + 2;
+    }
+    shown_ = fitting;
+  }
+
+  static constexpr int kMostFields = 32;
+  static constexpr int kLargest = 1024;
+  size_t widths_[kMostFields];
+  int shown_ = 0;
+};
+
+/* In one pass: cells are made while the widths are not known yet, of no more columns than may still
+ * be shown. Returns the number of records; for none that have a value nothing is printed. */
+uint32_t print_table(Source& source, const Choice& choice) {
+  const Table& table = choice.table;
+  Columns columns(table);
+  Reader reader(source, table, choice.field != nullptr ? Reader::kWhole : columns.shown());
+  Buffer record(table.stride);
+  Buffer cell_counts(table.capacity);
+  Text cells; /* of each record its id and its values, each with its NUL */
+  Text cell;
   uint32_t count = 0;
-  for (uint32_t position = 0; position < table.capacity; ++position) {
-    if (!rows.used(position) || !matches(field, rows.record(position), wanted)) continue;
-    ++count;
-    line.print("%-3u  ", position + 1);
-    for (int n = 0; n < shown; ++n) {
-      Text cell;
-      format_cell(table.fields[n], rows.record(position), &cell);
-      add_cell(cell.c_str(), widths[n], &line);
+  for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
+    if (!choice.has(record.data())) continue;
+    cells.print("%u", position + 1);
+    cells.add('\0');
+    int made = 0;
+    for (; made < columns.shown(); ++made) {
+      cell.clear();
+      format_cell(table.fields[made], record.data(), &cell);
+      columns.widen(made, letters(cell.c_str()));
+      cells.add(cell.c_str(), cell.size() + 1);
     }
-    print_line(&line);
+    cell_counts.data()[count++] = static_cast<uint8_t>(made);
+    if (choice.field == nullptr) reader.read_fields(columns.shown());
   }
-  printf("(%u of %u records", count, table.capacity);
-  if (shown < table.field_count) printf("; %d more fields: scctl get", table.field_count - shown);
-  puts(")");
+  if (count == 0 && choice.field != nullptr) return 0;
+
+  Text text;
+  add_cell("id", kIdWidth, &text);
+  for (int n = 0; n < columns.shown(); ++n) {
+    add_cell(table.fields[n].name, columns.width(n), &text);
+  }
+  end_line(&text);
+  const char* next = cells.c_str();
+  for (uint32_t n = 0; n < count; ++n) {
+    add_cell(next, kIdWidth, &text);
+    next += strlen(next) + 1;
+    for (int made = 0; made < cell_counts.data()[n]; ++made) {
+      if (made < columns.shown()) add_cell(next, columns.width(made), &text);
+      next += strlen(next) + 1;
+    }
+    end_line(&text);
+  }
+  text.print("(%u of %u records", count, table.capacity);
+  const int more = table.field_count - columns.shown();
+  if (more > 0) text.print("; %d more field%s: scctl get", more, more == 1 ? "" : "s");
+  text.add(")\n");
+  print(text);
+  return count;
 }
 
 /* As it is pasted back; what is zero is left out. */
-void print_command(const Table& table, uint32_t id, const uint8_t* record) {
-  Text line;
-  line.print("scctl %s %s/%u", is_section(table) ? "set" : "add", table.name, id);
+void add_command(const Table& table, uint32_t id, const uint8_t* record, Text* to) {
+  to->print("scctl %s %s/%u", is_section(table) ? "set" : "add", table.name, id);
   for (const Field& field : table) {
     if (filled(field, record) == 0) continue;
-    line.print(" %s=", field.name);
-    format_quoted(field, record, &line);
+    to->print(" %s=", field.name);
+    format_quoted(field, record, to);
   }
-  puts(line.c_str());
+  to->add('\n');
 }
 
-uint32_t print_records(const Call& call, const Snapshot& rows, const Field* field,
-                       const uint8_t* wanted) {
-  const Table& table = rows.table();
+/* Returns the number of records. */
+uint32_t print_records(Call& call, const Choice& choice) {
+  if (!call.has(kJson) && !call.has(kCommandsOption)) return print_table(call.source, choice);
+  const Table& table = choice.table;
+  const bool json = !call.has(kCommandsOption);
+  Reader reader(call.source, table);
+  Buffer record(table.stride);
   uint32_t count = 0;
-  for (uint32_t position = 0; position < table.capacity; ++position) {
-    count += rows.used(position) && matches(field, rows.record(position), wanted);
-  }
-  if (!call.has(kJson) && !call.has(kCommandsOption)) {
-    if (count > 0 || field == nullptr) print_table(rows, field, wanted);
-    return count;
-  }
-  uint32_t left = count;
-  if (call.has(kJson)) fputs(count == 0 ? "[" : "[\n", stdout);
-  for (uint32_t position = 0; position < table.capacity; ++position) {
-    const uint8_t* record = rows.record(position);
-    if (!rows.used(position) || !matches(field, record, wanted)) continue;
-    if (call.has(kCommandsOption)) {
-      print_command(table, position + 1, record);
-      continue;
+  if (json) putchar('[');
+  for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
+    if (!choice.has(record.data())) continue;
+    Text text;
+    if (json) {
+      text.add(count == 0 ? "\n  " : ",\n  ");
+      print_json_record(table, position + 1, record.data(), false, &text);
+    } else {
+      add_command(table, position + 1, record.data(), &text);
     }
-    Text line;
-    print_json_record(table, position + 1, record, false, &line);
-    printf("  %s%s\n", line.c_str(), --left > 0 ? "," : "");
+    print(text);
+    ++count;
   }
-  if (call.has(kJson)) puts("]");
+  if (json) puts(count == 0 ? "]" : "\n]");
   return count;
 }
 
@@ -301,9 +355,7 @@ int run_list(Call& call) {
     return status;
   }
   if (const int status = call.source.need(target.table->area); status != kOk) return status;
-  Snapshot rows(*target.table);
-  rows.take(call.source);
-  print_records(call, rows, nullptr, nullptr);
+  print_records(call, {*target.table, nullptr, nullptr});
   return kOk;
 }
 
@@ -320,9 +372,7 @@ int run_find(Call& call) {
     return status;
   }
   if (const int status = call.source.need(table.area); status != kOk) return status;
-  Snapshot rows(table);
-  rows.take(call.source);
-  if (print_records(call, rows, field, wanted.data()) > 0 || call.has(kJson)) return kOk;
+  if (print_records(call, {table, field, wanted.data()}) > 0 || call.has(kJson)) return kOk;
   return fail(kRefused, "no record of %s has %s", table.name, call.words[1]);
 }
 
@@ -333,36 +383,33 @@ int run_get(Call& call) {
   }
   const Table& table = *target.table;
   if (const int status = call.source.need(table.area); status != kOk) return status;
-  Snapshot rows(table);
-  rows.take(call.source, target.id - 1);
-  if (!rows.used(target.id - 1)) return fail(kRefused, "%s/%u is free", table.name, target.id);
-  const uint8_t* record = rows.record(target.id - 1);
+  Buffer record(table.stride);
+  if (!Reader(call.source, table).copy(target.id - 1, record.data())) {
+    return fail(kRefused, "%s/%u is free", table.name, target.id);
+  }
   Text text;
   if (call.has(kCommandsOption)) {
-    print_command(table, target.id, record);
-    return kOk;
-  }
-  if (target.field != nullptr) {
+    add_command(table, target.id, record.data(), &text);
+  } else if (target.field != nullptr) {
     if (call.has(kJson))
-      format_json(*target.field, record, false, &text);
+      format_json(*target.field, record.data(), false, &text);
     else
-      format(*target.field, record, &text);
-    puts(text.c_str());
-    return kOk;
+      format(*target.field, record.data(), &text);
+    text.add('\n');
+  } else if (call.has(kJson)) {
+    print_json_record(table, target.id, record.data(), false, &text);
+    text.add('\n');
+  } else {
+    for (const Field& field : table) {
+      text.print("%-14s  ", field.name);
+      if (field.kind == Kind::kBytes)
+        format_cell(field, record.data(), &text);
+      else
+        format_visible(field, record.data(), &text);
+      end_line(&text);
+    }
   }
-  if (call.has(kJson)) {
-    print_json_record(table, target.id, record, false, &text);
-    puts(text.c_str());
-    return kOk;
-  }
-  for (const Field& field : table) {
-    text.print("%-14s  ", field.name);
-    if (field.kind == Kind::kBytes)
-      format_cell(field, record, &text);
-    else
-      format_visible(field, record, &text);
-    print_line(&text);
-  }
+  print(text);
   return kOk;
 }
 
@@ -378,7 +425,9 @@ void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* na
   Text line;
   const auto finish = [&] {
     line.print("%*s%s", 58 - static_cast<int>(line.size()), "", name);
-    print_line(&line);
+    end_line(&line);
+    print(line);
+    line.clear();
     name = "";
   };
   const auto tell_zeros = [&](uint32_t upto) {
@@ -459,15 +508,15 @@ int run_dump(Call& call) {
       dump_next(table.counter_at, table.counter_size, table.counter);
     }
     dump_next(table.at, table.capacity * table.stride, nullptr);
-    Snapshot records(table);
-    records.take(call.source);
-    for (uint32_t position = 0; position < table.capacity; ++position) {
-      if (!records.used(position)) continue;
+    Reader reader(call.source, table);
+    Buffer record(table.stride);
+    uint32_t free = table.capacity;
+    for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
+      --free;
       printf("%s/%u: byte %u of the lock file\n", table.name, position + 1,
              lock_index_of(table, position));
-      dump_record(table, records.record(position), table.at + position * table.stride);
+      dump_record(table, record.data(), table.at + position * table.stride);
     }
-    const uint32_t free = table.capacity - records.count();
     if (free > 0) printf("%s: %u free records\n", table.name, free);
   }
   dump_next(area.facts().size, 0, nullptr);

@@ -66,11 +66,6 @@ bool lock_shared(int file, uint32_t lock_index, int tries) {
   return true;
 }
 
-void copy_until_equal(uint8_t* to, const uint8_t* from, size_t size) {
-  memcpy(to, from, size);
-  for (int n = 0; n < kReadTries && memcmp(to, from, size) != 0; ++n) memcpy(to, from, size);
-}
-
 }  // namespace
 
 Path archive_path(const Area& area) {
@@ -221,46 +216,85 @@ int Source::need(AreaId id) {
   }
 }
 
-/* ---- snapshots ---- */
+/* ---- records ---- */
 
 bool is_used(const Table& table, const uint8_t* record) {
   return is_section(table) || load_word(record + table.id_at) != table.free;
 }
 
+Reader::Reader(Source& source, const Table& table, int field_count)
+    : table_(table),
+      records_(source.block(table.area) + table.at),
+      field_count_(field_count),
+      tries_(kLockTries) {
+  if (source.is_live()) lock_ = open(lock_path(kAreas[table.area]).text, O_RDONLY | O_CLOEXEC);
+}
+
+Reader::~Reader() {
+  if (lock_ >= 0) close(lock_);
+}
+
+/* Calls part with place and size of what is read, as long as that says true. */
+template <class Part>
+bool Reader::each_part(Part part) const {
+  if (field_count_ == kWhole) return part(0u, table_.stride);
+  if (!is_section(table_) && !part(static_cast<uint32_t>(table_.id_at), 4u)) return false;
+  for (int n = 0; n < field_count_; ++n) {
+    const Field& field = table_.fields[n];
+    if (!part(uint32_t{field.record_at}, uint32_t{field.size})) return false;
+  }
+  return true;
+}
+
+void Reader::copy_parts(uint8_t* to, const uint8_t* from) const {
+  each_part([=](uint32_t at, uint32_t size) {
+    memcpy(to + at, from + at, size);
+    return true;
+  });
+}
+
+void Reader::copy_until_equal(uint8_t* to, const uint8_t* from) const {
+  copy_parts(to, from);
+  const auto is_equal = [=](uint32_t at, uint32_t size) {
+    return memcmp(to + at, from + at, size) == 0;
+  };
+  for (int n = 0; n < kReadTries && !each_part(is_equal); ++n) copy_parts(to, from);
+}
+
+bool Reader::copy(uint32_t position, uint8_t* to) {
+  const uint8_t* from = records_ + position * table_.stride;
+  if (!is_used(table_, from)) return false;
+  const uint32_t byte = lock_index_of(table_, position);
+  if (lock_ >= 0 && lock_shared(lock_, byte, tries_)) {
+    copy_parts(to, from);
+    sc_lock_reg(lock_, F_SETLK, F_UNLCK, static_cast<off_t>(byte), SEEK_SET, 1);
+  } else {
+    tries_ = 1; /* whoever holds it may hold others: one wait is enough */
+    copy_until_equal(to, from);
+  }
+  /* It may have been freed before it was locked. */
+  return is_used(table_, to);
+}
+
+bool Reader::copy_next(uint32_t* position, uint8_t* to) {
+  while (*position < table_.capacity && !copy(*position, to)) ++*position;
+  return *position < table_.capacity;
+}
+
 Snapshot::Snapshot(const Table& table)
     : table_(&table), records_(table.capacity * table.stride), used_(table.capacity) {}
 
-void Snapshot::copy(const uint8_t* block, int lock, int* tries, uint32_t position) {
-  const uint8_t* from = block + table_->at + position * table_->stride;
-  if (!is_used(*table_, from)) {
-    used_.data()[position] = 0;
-    return;
+void Snapshot::take(Source& source) {
+  Reader reader(source, *table_);
+  for (uint32_t position = 0; position < table_->capacity; ++position) {
+    used_.data()[position] = reader.copy(position, put(position));
   }
-  uint8_t* to = put(position);
-  const uint32_t byte = lock_index_of(*table_, position);
-  if (lock >= 0 && lock_shared(lock, byte, *tries)) {
-    memcpy(to, from, table_->stride);
-    sc_lock_reg(lock, F_SETLK, F_UNLCK, static_cast<off_t>(byte), SEEK_SET, 1);
-  } else {
-    *tries = 1; /* whoever holds it may hold others: one wait is enough */
-    copy_until_equal(to, from, table_->stride);
-  }
-  /* It may have been freed before it was locked. */
-  used_.data()[position] = is_used(*table_, to);
 }
 
-void Snapshot::take(Source& source, uint32_t first, uint32_t count) {
-  const uint8_t* block = source.block(table_->area);
-  const int lock =
-      source.is_live() ? open(lock_path(kAreas[table_->area]).text, O_RDONLY | O_CLOEXEC) : -1;
-  int tries = kLockTries;
-  for (uint32_t n = 0; n < count; ++n) copy(block, lock, &tries, first + n);
-  if (lock >= 0) close(lock);
+void Snapshot::take(Source& source, uint32_t position) {
+  Reader reader(source, *table_);
+  used_.data()[position] = reader.copy(position, put(position));
 }
-
-void Snapshot::take(Source& source) { take(source, 0, table_->capacity); }
-
-void Snapshot::take(Source& source, uint32_t position) { take(source, position, 1); }
 
 void Snapshot::swap(Snapshot& other) {
   const Table* table = table_;

@@ -70,6 +70,36 @@ struct Path {
 Path archive_path(const Area& area);
 Path lock_path(const Area& area);
 
+/* Copies records of a table, each whole or the first of its fields. */
+class Reader {
+ public:
+  static constexpr int kWhole = -1;
+
+  Reader(Source& source, const Table& table, int field_count = kWhole);
+  ~Reader();
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
+
+  /* From now on. */
+  void read_fields(int count) { field_count_ = count; }
+  /* False when the record is free. */
+  bool copy(uint32_t position, uint8_t* to);
+  /* Of the used records the one at a position or the next one behind it, which is then told. */
+  bool copy_next(uint32_t* position, uint8_t* to);
+
+ private:
+  template <class Part>
+  bool each_part(Part part) const;
+  void copy_parts(uint8_t* to, const uint8_t* from) const;
+  void copy_until_equal(uint8_t* to, const uint8_t* from) const;
+
+  const Table& table_;
+  const uint8_t* records_;
+  int field_count_;
+  int lock_ = -1;
+  int tries_;
+};
+
 /* The used records of a table, each whole, at their positions. */
 class Snapshot {
  public:
@@ -95,9 +125,6 @@ class Snapshot {
   int find_clash(const uint8_t* record, int skip, const Field** field) const;
 
  private:
-  void take(Source& source, uint32_t first, uint32_t count);
-  void copy(const uint8_t* block, int lock, int* tries, uint32_t position);
-
   const Table* table_ = nullptr;
   Buffer records_;
   Buffer used_;

@@ -30,13 +30,12 @@ int run_export(Call& call) {
     }
     printf("%s\n    \"%s\": [", same ? "," : "", table.name);
     last = &table;
-    Snapshot rows(table);
-    rows.take(call.source);
+    Reader reader(call.source, table);
+    Buffer record(table.stride);
     const char* comma = "";
-    for (uint32_t position = 0; position < table.capacity; ++position) {
-      if (!rows.used(position)) continue;
+    for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
       Text line;
-      print_json_record(table, position + 1, rows.record(position), true, &line);
+      print_json_record(table, position + 1, record.data(), true, &line);
       printf("%s\n      %s", comma, line.c_str());
       comma = ",";
     }

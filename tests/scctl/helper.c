@@ -7,6 +7,7 @@
  *                                              written, under its lock: the flag is new, the name
  *                                              follows 0.3 s later
  *        helper segment KEY BYTES MODE         makes a segment; MODE is octal
+ *        helper remove KEY                     removes a segment
  *        helper copy KEY                       writes a segment to standard output
  *        helper spoil KEY                      fills bytes of a segment: "AT SIZE NAME" a line
  *        helper without_rights COMMAND...      runs a command as a root that has no capabilities
@@ -62,6 +63,11 @@ static _Noreturn void hold(int count, char** bytes) {
   for (int i = 0; i < count; i++) lock(file, atol(bytes[i]));
   close(open("/var/held", O_CREAT | O_WRONLY, 0600));
   for (;;) pause();
+}
+
+static int remove_segment(const char* key) {
+  if (shmctl(shmget(atoi(key), 0, 0), IPC_RMID, NULL) != 0) fail(key);
+  return 0;
 }
 
 static char* attach(const char* key, size_t* size) {
@@ -131,6 +137,7 @@ int main(int argc, char** argv) {
   if (strcmp(argv[1], "hold") == 0) hold(argc - 2, words);
   if (strcmp(argv[1], "half_written") == 0) half_written(words);
   if (strcmp(argv[1], "segment") == 0 && argc == 5) return make_segment(words);
+  if (strcmp(argv[1], "remove") == 0) return remove_segment(words[0]);
   if (strcmp(argv[1], "copy") == 0) return copy(words[0]);
   if (strcmp(argv[1], "spoil") == 0) return spoil(words[0]);
   if (strcmp(argv[1], "without_rights") == 0) return without_rights(words);
