@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs what a command of this repository needs and the machine lacks.
-# Usage: tools/setup.sh demo|device|check     (each includes what the ones before it need)
-#        tools/setup.sh bench                 (includes what "demo" needs)
+# Usage: tools/setup.sh demo|device|check|package    (each includes what the ones before it need)
+#        tools/setup.sh bench                        (includes what "demo" needs)
 set -euo pipefail
 
 list=$(dirname "$0")/packages.list
@@ -10,9 +10,10 @@ case ${1:-} in
   demo) groups=' demo ' ;;
   device) groups=' demo device ' ;;
   check) groups=' demo device check ' ;;
+  package) groups=' demo device check package ' ;;
   bench) groups=' demo bench ' ;;
   *)
-    echo "usage: $0 demo|device|check|bench" >&2
+    echo "usage: $0 demo|device|check|package|bench" >&2
     exit 2
     ;;
 esac

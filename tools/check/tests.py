@@ -7,6 +7,8 @@ import re
 import shutil
 import xml.etree.ElementTree
 
+import packages
+import recipes
 from suite import BUILD, LOGS, ROOT, output
 
 EXCEPTIONS = ROOT / "tests/exceptions.csv"
@@ -158,6 +160,12 @@ def check_package(suite):
     suite.run(["sh", "-c", "gcc tests/consumer/typical_request.c -o %s %s -Wl,-rpath,%s"
                % (program, flags, next(prefix.glob("lib*")))], check="builds by pkg-config")
     run_request(suite, [program], "runs when built by pkg-config")
+
+    suite.run(["cmake", "-S", ".", "-B", plain, "-DCMAKE_INSTALL_PREFIX=/usr"],
+              check="configure for packages")
+    packages.check_packages(suite, plain, "amd64")
+    packages.check_packages(suite, BUILD / "mipsel", "mipsel")
+    recipes.check_recipes(suite, prefix)
 
 
 def check_small(suite):

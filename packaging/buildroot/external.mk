@@ -1,0 +1,1 @@
+include $(BR2_EXTERNAL_SYSCONFIG_PATH)/sysconfig.mk
