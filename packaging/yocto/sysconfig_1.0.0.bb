@@ -13,7 +13,7 @@ COMPATIBLE_HOST = "(mips.*el|arm|aarch64|i.86|x86_64).*-linux.*"
 # a build that made it wider would not fit the other programs, so the headers refuse it.
 GLIBC_64BIT_TIME_FLAGS = ""
 
-EXTRA_OECMAKE = "-DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON"
+EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON"
 
 PACKAGES =+ "${PN}-tools"
 FILES:${PN}-tools = "${bindir}/scctl ${sbindir}/scguard ${datadir}/bash-completion"

@@ -30,14 +30,16 @@ prepare:
 	$(Build/Prepare)
 """
 
+# What such a builder compiles everything with.
+TREE_FLAGS = "-D_LARGEFILE_SOURCE -D_FILE_OFFSET_BITS=64 -Os -D_TIME_BITS=64"
 TREE_RULES = """
-TARGET_CFLAGS = -D_LARGEFILE_SOURCE -D_FILE_OFFSET_BITS=64 -Os -D_TIME_BITS=64
+TARGET_CFLAGS = %s
 TARGET_CXXFLAGS = $(TARGET_CFLAGS)
 cmake-package = $(info cmake-package)
 include $(BR2_EXTERNAL_SYSCONFIG_PATH)/external.mk
 $(foreach name,VERSION SITE SITE_METHOD CONF_OPTS LICENSE_FILES,$(info $(name)=$(SYSCONFIG_$(name))))
 nothing: ;
-"""
+""" % TREE_FLAGS
 
 # What stands in for the symbols of a whole tree.
 SYMBOLS = """
@@ -95,7 +97,7 @@ def check_feed(suite, folder, version):
     for package, files in (("libsysconfig", LIBRARY), ("sysconfig-tools", PROGRAMS)):
         found = files_of(out / package)
         suite.verdict(found == files, "the package Makefile's %s" % package, " ".join(found))
-    options = re.search(r"^CMAKE_OPTIONS\+=([^#\n]*)", makefile, re.M)[1].split()
+    options = re.search(r"^CMAKE_OPTIONS\+=(.*)", makefile, re.M)[1].split()
     suite.run(["cmake", "-S", sources, "-B", folder / "build", *options],
               check="what the package Makefile prepares can be configured")
 
@@ -113,6 +115,10 @@ def check_tree(suite, folder, version):
                   "the .mk names this checkout")
     suite.verdict(rows["CONF_OPTS"].count('FLAGS="-D_LARGEFILE_SOURCE -Os"') == 2,
                   "the .mk leaves off_t as it is", rows["CONF_OPTS"])
+    for flags, refused in (re.search('C_FLAGS="(.*?)"', rows["CONF_OPTS"])[1], 0), (TREE_FLAGS, 1):
+        suite.run(["mipsel-linux-gnu-gcc", *flags.split(), "-fsyntax-only", "-Iinclude",
+                   "-xc", "include/sysconfig/core.h"], status=refused,
+                  check="core.h with " + flags)
     for endian, cxx, visible in (("LITTLE", "y", 2), ("BIG", "y", 0), ("LITTLE", "n", 0)):
         (folder / "Config").write_text(SYMBOLS % (endian, cxx, external / "Config.in"))
         symbols = kconfiglib.Kconfig(str(folder / "Config"), warn_to_stderr=False)
