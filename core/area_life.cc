@@ -22,11 +22,11 @@ constexpr char kNoSegment[] = "shmget failed\n";
 constexpr char kNotAttached[] = "shmat failed\n";
 constexpr char kNotDetached[] = "shmdt failed\n";
 constexpr char kNotRemoved[] = "shmctl(IPC_RMID) failed\n";
-/* Required: these two without a newline, the two that go through puts with one. */
+/* Required: the first two without a newline. */
 constexpr char kNoImageToRead[] = "cant open the file";
 constexpr char kNoImageToWrite[] = "canot open the file.";
-constexpr char kReadError[] = "file read error";
-constexpr char kWriteError[] = "file write error";
+constexpr char kReadError[] = "file read error\n";
+constexpr char kWriteError[] = "file write error\n";
 
 constexpr char kLockPath[] = "/var/lock_store/%s_conf_lock";
 constexpr char kImagePath[] = "/var/systemconfig/config_%s.cfg";
@@ -87,8 +87,8 @@ void empty(uint8_t* block, size_t size) {
 /* Lock path and lock indices. */
 void number(AreaId id, uint8_t* block) {
   const Area& area = kAreas[id];
-  Path path(kLockPath, area.lock_stem);
-  strcpy(reinterpret_cast<char*>(block) + area.header.path_at, path.text);
+  snprintf(reinterpret_cast<char*>(block) + area.header.path_at, sizeof Path::text, kLockPath,
+           area.lock_stem);
   store<int32_t>(block + area.header.index_at, 1);
   int32_t lock_index = 2;
   for (const LockSpan& span : kLockSpans) {
@@ -172,7 +172,7 @@ int read(void* block, AreaId id) {
     printf(kNoImageToRead);
     return status;
   }
-  if (fread(block, area.size, 1, file) != 1) puts(kReadError);
+  if (fread(block, area.size, 1, file) != 1) printf(kReadError);
   fclose(file);
   return sc_do_system("rm -f %s", image.text);
 }
@@ -192,7 +192,7 @@ void save_to_flash(const void* block, AreaId id) {
       printf(kNoImageToWrite);
       return;
     }
-    if (fwrite(block, area.size, 1, out) != 1) puts(kWriteError);
+    if (fwrite(block, area.size, 1, out) != 1) printf(kWriteError);
     fclose(out);
     sc_do_system(kPack, Path(kArchivePath, area.stem).text, image.text);
     sc_do_system("rm -f %s", image.text);

@@ -1063,6 +1063,16 @@ TEST_F(UtilityFaults, AnAddressBecomesTextWithoutACallThatCouldFail) {
 
 /* ---- completeness ---- */
 
+TEST(EveryImport, FailsInTheTestsAboveOrHasAReasonNotTo) {
+  std::set<std::string> fail;
+  for (const GoldenRow& row : golden_table("imports.csv")) {
+    const bool fails = row.text("fails") == "yes";
+    EXPECT_EQ(fails, row.text("why_not").empty()) << row.text("name");
+    if (fails) fail.insert(row.text("name"));
+  }
+  EXPECT_EQ(fail, failing_calls());
+}
+
 class EveryExport : public ApFaults {};
 
 TEST_F(EveryExport, IsRunUnderFaultsByATestAbove) {

@@ -67,6 +67,12 @@ Faults::~Faults() { counting = false; }
 
 std::vector<std::string> Faults::calls() const { return {made, made + count}; }
 
+std::set<std::string> failing_calls() {
+  std::set<std::string> names;
+  for (const Known& known : kKnown) names.insert(known.name);
+  return names;
+}
+
 int error_of(const std::string& call) {
   for (const Known& known : kKnown) {
     if (call == known.name) return known.error;

@@ -8,6 +8,7 @@
 #ifndef SUPPORT_FAULTS_H
 #define SUPPORT_FAULTS_H
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,9 @@ class Faults {
   /* The names of the calls, in order. */
   std::vector<std::string> calls() const;
 };
+
+/* The names of all calls that can fail. */
+std::set<std::string> failing_calls();
 
 /* The errno value that a failing call of this name sets. */
 int error_of(const std::string& call);

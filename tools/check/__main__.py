@@ -2,8 +2,10 @@
 
 import sys
 
+import abi
 import binaries
 import manual
+import sizes
 import sources
 import tests
 from suite import LOGS, ROOT, Suite
@@ -42,13 +44,14 @@ def main(quick):
     run("headers", sources.check_headers, library_targets)
     run("library", binaries.check_library, library_targets)
     run("manual", manual.check_manual)
+    run("abi", abi.check_abi)
     results = {target: run("tests-" + target, tests.run_tests, target) or tests.Results()
                for target in test_targets}
     if not quick:
         results["box"] = run("tests-box", tests.run_box) or tests.Results()
     run("counts", tests.check_counts, results)
     if not quick:
-        run("sizes", binaries.check_sizes)
+        run("sizes", sizes.check_sizes)
         run("layout", sources.check_layout)
         run("package", tests.check_package)
         run("small", tests.check_small)

@@ -1,4 +1,4 @@
-"""Checks that read the built library: exports, needed libraries, sections, sizes."""
+"""Checks that read the built library: exports, needed libraries, sections."""
 
 import collections
 import csv
@@ -7,17 +7,10 @@ import re
 from suite import BUILD, ROOT, output
 
 EXPORTS = ROOT / "tests/golden/exports.txt"
-SIZES = ROOT / "tests/golden/size_baseline.csv"
-
-# The library built for size, whose sections are compared with the baseline.
-SIZED_TARGETS = ("mipsel", "mipsel-small")
-# Growth of a section that is let pass: 1 %, or a few instructions where 1 % is less than that.
-GROWTH_PERCENT = 1
-GROWTH_BYTES = 16
+IMPORTS = ROOT / "tests/golden/imports.csv"
 
 C_LIBRARY = {"host": "libc.so.6", "i386": "libc.so.6", "mipsel": "libc.so.6",
              "mipsel-small": "libc.so"}
-POINTER_SIZE = {"host": 8, "i386": 4, "mipsel": 4, "mipsel-small": 4}
 
 # Anything of ours in these would be written or relocated at load time, or run before main.
 FORBIDDEN = re.compile(r"\.(data|bss|tdata|tbss|sdata|sbss|init_array|ctors|preinit_array)(\.|$)")
@@ -40,6 +33,9 @@ def sections(path):
 def check_library(suite, targets):
     golden = EXPORTS.read_text().split()
     suite.verdict(golden == sorted(set(golden)), "exports.txt is sorted, each name once")
+    with open(IMPORTS, newline="") as file:
+        imports = {row["name"] for row in csv.DictReader(file)}
+    all_needed = set()
     for target in targets:
         library = BUILD / target / "libsysconfig.so"
         archive = BUILD / target / "libsysconfig.a"
@@ -52,6 +48,12 @@ def check_library(suite, targets):
         wrong = sorted(set(golden).symmetric_difference(exported))
         suite.verdict(not wrong, "%s: exports are the %d names listed" % (target, len(golden)),
                       "differs in " + " ".join(wrong))
+
+        needed = {line.split()[-1].split("@")[0] for line in
+                  output(["nm", "--dynamic", "--undefined-only", library]).splitlines()}
+        suite.verdict(needed <= imports, target + ": calls into the C library are listed",
+                      "imports.csv lacks " + " ".join(sorted(needed - imports)))
+        all_needed |= needed
 
         dynamic = output(["readelf", "--dynamic", library])
         needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)
@@ -68,40 +70,11 @@ def check_library(suite, targets):
         ours = [s for s in members if FORBIDDEN.match(s.name) and s.size]
         suite.verdict(not ours, target + ": no writable, relocated or start-up data of ours",
                       " ".join("%s:%d" % (s.name, s.size) for s in ours))
-        # One entry: the compiler's own frame_dummy.
-        start = sum(s.size for s in sections(library)
-                    if re.match(r"\.(init_array|ctors|preinit_array)", s.name))
-        suite.verdict(start == POINTER_SIZE[target], target + ": no static constructors",
-                      "%d bytes of start-up entries" % start)
-
-
-def measured_sizes():
-    return {(target, section.name): section.size
-            for target in SIZED_TARGETS
-            for section in sections(BUILD / target / "libsysconfig.so")
-            if section.allocated and section.size}
-
-
-def check_sizes(suite):
-    with open(SIZES, newline="") as file:
-        baseline = {(row["target"], row["section"]): int(row["bytes"])
-                    for row in csv.DictReader(file)}
-    measured = measured_sizes()
-    for key in sorted(baseline.keys() | measured.keys()):
-        was, now = baseline.get(key, 0), measured.get(key, 0)
-        limit = was + max(was * GROWTH_PERCENT // 100, GROWTH_BYTES)
-        suite.verdict(now <= limit, "%s %s: %d bytes, baseline %d" % (*key, now, was),
-                      "grew; if it is worth it, run tools/accept_sizes")
-    for target in SIZED_TARGETS:
-        was = sum(size for key, size in baseline.items() if key[0] == target)
-        now = sum(size for key, size in measured.items() if key[0] == target)
-        suite.verdict(now <= was + was * GROWTH_PERCENT // 100,
-                      "%s in all: %d bytes, baseline %d" % (target, now, was),
-                      "grew; if it is worth it, run tools/accept_sizes")
-
-
-def accept_sizes():
-    with open(SIZES, "w", newline="") as file:
-        rows = csv.writer(file, lineterminator="\n")
-        rows.writerow(("target", "section", "bytes"))
-        rows.writerows((*key, size) for key, size in sorted(measured_sizes().items()))
+        written = [s.name for s in sections(library) if FORBIDDEN.match(s.name) and s.size]
+        suite.verdict(not written, target + ": nor of the compiler's", " ".join(written))
+        stack = re.findall(r"GNU_STACK\s.*\s(\S+)\s+\S+$",
+                           output(["readelf", "--program-headers", "--wide", library]), re.M)
+        suite.verdict(stack == ["RW"], target + ": asks for no executable stack", str(stack))
+    if len(targets) == len(C_LIBRARY):
+        suite.verdict(imports == all_needed, "imports.csv lists what is called",
+                      "and besides " + " ".join(sorted(imports - all_needed)))
