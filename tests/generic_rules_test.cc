@@ -4,6 +4,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <functional>
+#include <optional>
+
 #include "model/list_calls.h"
 #include "model/model.h"
 #include "model/rows.h"
@@ -786,6 +789,20 @@ TEST_P(EveryItemLayer, DelAll_FreesEveryRecordZeroesTheCounterAndNotifiesOnce) {
   zero_counter(expected);
   EXPECT_TRUE(expected.matches(block.data()));
   EXPECT_EQ(listener->codes(), times(1));
+}
+
+TEST_P(EveryItemLayer, TheDaemon_IsToldWhenAllIsDone) {
+  const std::function<void()> steps[] = {[&] { add_item(item(1)); },
+                                         [&] { modify_item(item_with_id(1, 2)); },
+                                         [&] { del("1"); }, [&] { calls.del_all(block.data()); }};
+  for (const auto& step : steps) {
+    std::optional<Image> told;
+    Journal journal;
+    journal.before("connect", [&] { told = block; });
+    step();
+    ASSERT_TRUE(told.has_value());
+    EXPECT_TRUE(told->matches(block.data()));
+  }
 }
 
 TEST_P(EveryItemLayer, DelAllWithoutLockFile_FreesNothingButZeroesTheCounterAndNotifies) {
