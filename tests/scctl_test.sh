@@ -21,9 +21,13 @@ if [ "${1:-}" = --inside ]; then
   done
   build=$(readlink -f "$1")
   for program in scctl/scctl scctl/scctl_helper device/scguard; do
-    name=${program##*[/_]}
-    printf '#!/bin/sh\nexec%s "$@"\n' "$emulator$(quoted "$build/$program")" >"/var/bin/$name"
-    chmod +x "/var/bin/$name"
+    name=/var/bin/${program##*[/_]}
+    if [ -z "$emulator" ]; then
+      ln -s "$build/$program" "$name"
+    else
+      printf '#!/bin/sh\nexec%s "$@"\n' "$emulator$(quoted "$build/$program")" >"$name"
+      chmod +x "$name"
+    fi
   done
 
   # shellcheck disable=SC2317  # the transcripts call it
