@@ -1,12 +1,19 @@
 #!/bin/bash
 # The demo as a stranger meets it: arguments, bindings good and bad, the list after a power cut.
-# usage: tests/demo_test.sh [EMULATOR...] DEMO_PROGRAM
+# usage: tests/demo_test.sh [EMULATOR...] BUILD
+# BUILD is the folder of a build: its demo program is run, and its scctl by that.
 set -euo pipefail
 
 root=$(readlink -f "$(dirname "$0")/..")
-program=("$@")
+emulator=("${@:1:$#-1}")
+build=$(readlink -f "${!#}")
+program=("${emulator[@]}" "$build/examples/sysconfig_demo")
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+mkdir "$work/bin"
+printf '#!/bin/sh\nexec %s "$@"\n' "${emulator[*]@Q} '$build/scctl/scctl'" >"$work/bin/scctl"
+chmod +x "$work/bin/scctl"
+export PATH=$work/bin:$PATH
 failed=0
 
 complain() {
@@ -33,7 +40,7 @@ demo() {
 
 # The rows of the table under a heading.
 rows() {
-  sed -n "/^-- $1\. /,/^-- $(($1 + 1))\. /p" "$work/out" | grep -E '^ +[0-9]+ +([0-9a-fA-F]{2}:){5}'
+  sed -n "/^-- $1\. /,/^-- $(($1 + 1))\. /p" "$work/out" | grep -E '^[0-9]+ +([0-9a-fA-F]{2}:){5}'
 }
 
 says() {
@@ -59,6 +66,8 @@ errors bindings.txt ''
 [[ $(rows 3 | wc -l) == 12 ]] || complain 'bindings.txt: not 12 listed'
 [[ $(rows 5) == "$(rows 3)" ]] || complain 'bindings.txt: another list after the power cut'
 says 'id 12    1 Lan' bindings.txt
+says '$ scctl areas' bindings.txt
+says 'bind_mac' bindings.txt
 says '50888 bytes compared, 0 differ.' bindings.txt
 says ' var/systemconfig/config_lan.cfg' bindings.txt
 says '  6 FwIpport, 9 Qos, 10 IpGroup' bindings.txt
@@ -102,7 +111,7 @@ bad:8: malformed: a zero byte in the line"
 [[ $(rows 3 | wc -l) == 3 ]] || complain 'bad: not 3 listed'
 
 demo 0 empty </dev/null
-says '0 of 32 bindings' empty
+says '(0 of 32 records)' empty
 
 # Nowhere but in a private world.
 status=0

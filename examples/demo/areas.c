@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sysconfig/ap.h>
@@ -15,53 +14,42 @@
 #include <sysconfig/lan.h>
 #include <sysconfig/rules.h>
 
-/* Every area that is saved: name in the functions, block, stem, suffix of its numbers. */
-#define SAVED(area)                                                                               \
-  area(Lan, LanBlock, "lan", LAN) area(Wan, WanBlock, "wan", WAN) area(                           \
-      ProductInfo, ProductInfoBlock, "product", PRODUCT_INFO) area(Misc, MiscBlock, "misc", MISC) \
-      area(VsIpport, VsIpportBlock, "vs_ipport", VS_IPPORT)                                       \
-          area(FwIpport, FwIpportBlock, "fw_ipport", FW_IPPORT)                                   \
-              area(IpGroup, IpGroupBlock, "ipgroup", IP_GROUP)                                    \
-                  area(TimeGroup, TimeGroupBlock, "timegroup", TIME_GROUP)                        \
-                      area(FwMac, FwMacBlock, "fw_mac", FW_MAC) area(                             \
-                          FwUrl, FwUrlBlock, "fw_url", FW_URL) area(Qos, QosBlock, "qos", QOS)    \
-                          area(ManageApList, ManageApListBlock, "mange_aplist", MANAGE_AP_LIST)
+#include "page.h"
+
+/* Every area that is saved: name in the functions, block, suffix of its code. */
+// clang-format off
+#define SAVED(area)                                 \
+  area(Lan, LanBlock, LAN)                          \
+  area(Wan, WanBlock, WAN)                          \
+  area(ProductInfo, ProductInfoBlock, PRODUCT_INFO) \
+  area(Misc, MiscBlock, MISC)                       \
+  area(VsIpport, VsIpportBlock, VS_IPPORT)          \
+  area(FwIpport, FwIpportBlock, FW_IPPORT)          \
+  area(IpGroup, IpGroupBlock, IP_GROUP)             \
+  area(TimeGroup, TimeGroupBlock, TIME_GROUP)       \
+  area(FwMac, FwMacBlock, FW_MAC)                   \
+  area(FwUrl, FwUrlBlock, FW_URL)                   \
+  area(Qos, QosBlock, QOS)                          \
+  area(ManageApList, ManageApListBlock, MANAGE_AP_LIST)
 
 /* Behind the AP users. */
-#define SAVED_LAST(area)                                                             \
-  area(ApTemplateList, ApTemplateListBlock, "aptemplatelist", AP_TEMPLATE_LIST)      \
-      area(DefApTemplate, DefApTemplateBlock, "defaptemplate", DEF_AP_TEMPLATE)      \
-          area(Clients_Groups, ClientsGroupsBlock, "clients_groups", CLIENTS_GROUPS) \
-              area(Clients, ClientsBlock, "clients", CLIENTS)
+#define SAVED_LAST(area)                                    \
+  area(ApTemplateList, ApTemplateListBlock, AP_TEMPLATE_LIST) \
+  area(DefApTemplate, DefApTemplateBlock, DEF_AP_TEMPLATE)  \
+  area(Clients_Groups, ClientsGroupsBlock, CLIENTS_GROUPS)  \
+  area(Clients, ClientsBlock, CLIENTS)
+// clang-format on
 
-#define SAVE(name, Block, stem, suffix)                       \
+#define SAVE(name, Block, suffix)                             \
   static void save_##name(uint32_t address) {                 \
     SC_Save_System_##name##_Config2Flash(AT(Block, address)); \
   }
 SAVED(SAVE)
 SAVED_LAST(SAVE)
 
-static int init_ap_users(int read_flag) {
-  (void)read_flag; /* nothing to read: the AP users are never saved */
-  return SC_Init_System_ApUserList_Config();
-}
-
-#define ROW(name, Block, stem, suffix) \
-  {#name,                              \
-   stem,                               \
-   sizeof(struct Block),               \
-   SC_KEY_##suffix,                    \
-   SC_CODE_##suffix,                   \
-   SC_Init_System_##name##_Config,     \
-   SC_Uninit_System_##name##_Config,   \
-   SC_Get_##name##_System_Config,      \
-   save_##name},
-
+#define ROW(name, Block, suffix) {#name, sizeof(struct Block), SC_CODE_##suffix, save_##name},
 const struct Area kAreas[AREAS] = {
-    SAVED(ROW){"ApUserList", NULL, sizeof(struct ApUserListBlock), SC_KEY_AP_USER_LIST, 0,
-               init_ap_users, SC_Uninit_System_ApUserList_Config, SC_Get_ApUserList_System_Config,
-               NULL},
-    SAVED_LAST(ROW)};
+    SAVED(ROW){"ApUserList", sizeof(struct ApUserListBlock), 0, NULL}, SAVED_LAST(ROW)};
 
 const char* area_of_code(int32_t code) {
   for (int i = 0; i < AREAS; i++) {
@@ -71,14 +59,7 @@ const char* area_of_code(int32_t code) {
 }
 
 void boot(struct SystemConfigDirectory* directory) {
-  for (int i = 0; i < AREAS; i++) {
-    int status = kAreas[i].init(1);
-    if (status != 0) {
-      fprintf(stderr, "demo: Init of %s: %s\n", kAreas[i].name,
-              status > 0 ? strerror(status) : "cannot be attached");
-      exit(STATUS_CANNOT_RUN);
-    }
-  }
+  type("scctl init --all");
   SC_Get_SysConfig(directory);
 }
 
@@ -111,24 +92,4 @@ void save_area(const struct Area* area, uint32_t address) {
   fclose(file);
 }
 
-const char* archive_of(const struct Area* area) {
-  static char path[64];
-  snprintf(path, sizeof path, "/var/dataconfig/config_%s.bin", area->stem);
-  return path;
-}
-
-long archive_size(const struct Area* area) {
-  struct stat file;
-  return stat(archive_of(area), &file) == 0 ? (long)file.st_size : 0;
-}
-
-int count_segments(void) {
-  int count = 0;
-  for (int i = 0; i < AREAS; i++) count += kAreas[i].get() != 0;
-  return count;
-}
-
-void cut_power(void) {
-  for (int i = 0; i < AREAS; i++) kAreas[i].uninit();
-  sc_do_system("rm -f /var/lock_store/* /var/systemconfig/*");
-}
+void cut_power(void) { type("scctl remove --all; rm -f /var/lock_store/* /var/systemconfig/*"); }

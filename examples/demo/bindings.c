@@ -1,4 +1,4 @@
-/* Lines to items, items to the library, and its list to a table. */
+/* Lines to items, and items to the library. */
 #include "bindings.h"
 
 #include <arpa/inet.h>
@@ -182,17 +182,4 @@ struct Tally add_bindings(FILE* file, const char* name, struct LanBlock* lan) {
   }
   free(line);
   return tally;
-}
-
-void show_bindings(const struct LanBlock* lan) {
-  GetDhcpStaticItemList(lan, &list);
-  printf("%6s  %-17s  %-15s  %s\n", "id", "MAC", "address", "name");
-  for (uint32_t i = 0; i < list.count; i++) {
-    const struct DhcpStaticItem* item = &list.items[i];
-    char name[CUT_BYTES];
-    cut(name, 34, item->name);
-    printf("%6d  %-17s  %-15s  %s\n", (int)item->id, item->mac, item->ip, name);
-  }
-  printf("%6u of %u bindings; the area's counter says %u.\n", (unsigned)list.count,
-         (unsigned)list.capacity, (unsigned)lan->lan_bind_count);
 }

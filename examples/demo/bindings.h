@@ -16,7 +16,4 @@ struct Tally {
  * said on stderr with the name of the file, the line and the reason. */
 struct Tally add_bindings(FILE* file, const char* name, struct LanBlock* lan);
 
-/* The list as a table. */
-void show_bindings(const struct LanBlock* lan);
-
 #endif

@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include "areas.h"
+#include "page.h"
 
 static const char kSocketPath[] = "/var/config_socket";
 

@@ -1,8 +1,9 @@
-/* Headings, rows and cut texts. */
+/* Headings, rows, commands and cut texts. */
 #include "page.h"
 
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 enum { PAGE_WIDTH = 80, ROW_WIDTH = 58 };
@@ -24,6 +25,14 @@ void row(const char* format, ...) {
     width = 0;
   }
   printf("%*s  ", ROW_WIDTH - width, "");
+}
+
+void type(const char* command) {
+  printf("$ %s\n", command);
+  fflush(stdout);
+  if (system(command) == 0) return;
+  fprintf(stderr, "demo: this failed: %s\n", command);
+  exit(STATUS_CANNOT_RUN);
 }
 
 /* Bytes of the first characters of a text, or of all when it has no more. */

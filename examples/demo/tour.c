@@ -131,85 +131,35 @@ static void add_groups_and_rules(void) {
       "compared without case. The daemon is told all the same.");
 }
 
-/* One listed rule; its groups, if it was shown with any, stand below it. */
-static void show_rule(const char* kind, int id, const char* name, const char* what,
-                      const void* weekday, const char* start, const char* end, const char* ip_group,
-                      const char* time_group) {
-  char days[SC_WEEKDAYS + 1] = "MTWTFSS";
-  int32_t values[SC_WEEKDAYS];
-  memcpy(values, weekday, sizeof values); /* of a packed item: they may sit at any byte */
-  for (int i = 0; i < SC_WEEKDAYS; i++) {
-    if (values[i] == 0) days[i] = '.';
-  }
-  printf("  %-10s %2d  %-19s  %-21s  %s %.10s-%.10s\n", kind, id, name, what, days, start, end);
-  if (*ip_group != '\0' || *time_group != '\0') {
-    printf("%40s", "from ");
-    if (*ip_group != '\0') printf("IP group \"%s\"", ip_group);
-    if (*ip_group != '\0' && *time_group != '\0') printf(", ");
-    if (*time_group != '\0') printf("time group \"%s\"", time_group);
-    putchar('\n');
-  }
-}
-
-/* "10.0.0.1-10.0.0.9", of one field for each. */
-static const char* range(const char* start, const char* end) {
-  static char text[2 * SC_IP_TEXT + 1];
-  snprintf(text, sizeof text, "%.15s-%.15s", start, end);
-  return text;
-}
-
+/* IP filters with what their groups say now. */
 static void show_ip_filters(void) {
   static struct IpFilterItemList list;
   GetIpFilterItemList(ip_filters, ip_groups, time_groups, &list);
   for (const struct IpFilterItem* rule = list.items; rule < list.items + list.count; rule++) {
-    show_rule("IP filter", (int)rule->slot_id, rule->leading_text,
-              range(rule->start_ip_text, rule->end_ip_text), rule->weekday, rule->start_time,
-              rule->end_time, rule->ip_group_name, rule->time_group_name);
-  }
-}
-
-static void show_mac_filters(void) {
-  static struct MacFilterItemList list;
-  GetMacFilterItemList(mac_filters, time_groups, &list);
-  for (const struct MacFilterItem* rule = list.items; rule < list.items + list.count; rule++) {
-    show_rule("MAC filter", (int)rule->id, rule->leading_text, rule->mac, rule->weekday,
-              rule->start_time, rule->end_time, "", rule->time_group_name);
-  }
-}
-
-static void show_url_filters(void) {
-  static struct UrlFilterItemList list;
-  GetUrlFilterItemList(url_filters, time_groups, &list);
-  for (const struct UrlFilterItem* rule = list.items; rule < list.items + list.count; rule++) {
-    show_rule("URL filter", (int)rule->id, rule->leading_text, rule->url, rule->weekday,
-              rule->start_time, rule->end_time, "", rule->time_group_name);
-  }
-}
-
-static void show_qos_rules(void) {
-  static struct QosItemList list;
-  GetQosItemList(qos_rules, ip_groups, time_groups, &list);
-  for (const struct QosItem* rule = list.items; rule < list.items + list.count; rule++) {
-    show_rule("QoS", (int)rule->id, rule->leading_text,
-              range(rule->start_ip_text, rule->end_ip_text), rule->weekday, rule->start_time,
-              rule->end_time, rule->ip_group_name, rule->time_group_name);
+    printf("  %d  %-19s  %.15s-%.15s  %.10s-%.10s\n", (int)rule->slot_id, rule->leading_text,
+           rule->start_ip_text, rule->end_ip_text, rule->start_time, rule->end_time);
+    if (rule->ip_mode == SHOWN_WITH_GROUP) {
+      printf("%28s IP group \"%s\", time group \"%s\"\n", "from", rule->ip_group_name,
+             rule->time_group_name);
+    }
   }
 }
 
 static void show_rules(void) {
-  printf("  %-10s %2s  %-19s  %-21s  %s\n", "rule", "id", "name", "for", "when");
-  show_ip_filters();
-  show_mac_filters();
-  show_url_filters();
-  show_qos_rules();
+  type("scctl list ip_filter");
+  type("scctl list mac_filter");
+  type("scctl list url_filter");
+  type("scctl list qos");
 }
 
 static void change_groups(void) {
   heading("The rules, listed with what they refer to");
   puts(
-      "A rule stores the id of a group, a listing shows what will apply. So one edit of\n"
-      "the group changes every rule that refers to it.\n");
+      "A rule stores the id of a group, a listing of the library says what will apply.\n"
+      "So one edit of the group changes every rule that refers to it.\n");
   show_rules();
+  putchar('\n');
+  show_ip_filters();
   struct IpGroupItem guests;
   GetIpGroupItem(ip_groups, 1, &guests);
   strcpy(guests.start_ip_text, "10.0.1.1");
@@ -229,7 +179,7 @@ static void change_groups(void) {
   DelTimeGroupItem(time_groups, ip_filters, mac_filters, url_filters, qos_rules, again);
   printf("  ");
   heard();
-  puts("\nRules of time_mode 1 stay, shown with the schedule that the group last had:\n");
+  puts("\nRules of time_mode 1 stay:\n");
   show_rules();
 }
 
@@ -237,7 +187,6 @@ static void change_groups(void) {
 
 static void forward_ports(void) {
   heading("Port forwarding");
-  static struct PortFwItemList list;
   const struct PortFwItem rules[] = {{.leading_text = "web server",
                                       .ip_text = "10.0.0.20",
                                       .option_1 = 1,
@@ -256,13 +205,8 @@ static void forward_ports(void) {
     row("  %-20s %s", rules[i].leading_text, answer(AddPortFwItem(forwards, &rules[i])));
     heard();
   }
-  GetPortFwItemList(forwards, &list);
-  printf("\n  %2s  %-20s  %-15s  ports\n", "id", "name", "address");
-  for (const struct PortFwItem* rule = list.items; rule < list.items + list.count; rule++) {
-    printf("  %2d  %-20s  %-15s  %u-%u to %u-%u\n", (int)rule->slot_id, rule->leading_text,
-           rule->ip_text, (unsigned)rule->number_1, (unsigned)rule->number_2,
-           (unsigned)rule->number_3, (unsigned)rule->number_4);
-  }
+  putchar('\n');
+  type("scctl list port_forward");
 }
 
 /* Holds one byte of a block's lock file, as every writer does. */
@@ -293,6 +237,7 @@ static void set_wan(void) {
   SC_Save_System_Wan_Config();
   row("  Wan section 1, under lock byte %d: written", (int)section->lock_index);
   heard();
+  type("scctl list wan");
 }
 
 /* ---- access points ---- */
@@ -316,23 +261,7 @@ static void claim_ap(const struct ApLimitsRecord* limits, const uint8_t* mac, in
   heard();
 }
 
-static void show_aps(void) {
-  uint32_t positions[SC_ACCESS_POINTS];
-  int32_t count = SC_Get_Ap_Info_Count_And_Id(positions, aps);
-  printf("\n  %2s  %-17s  %-7s  %s\n", "id", "MAC", "state", "template");
-  for (int32_t i = 0; i < count; i++) {
-    const struct ApInfoRecord* ap = &aps->aps[positions[i]];
-    const uint8_t* mac = ap->ap_mac;
-    printf("  %2u  %02x:%02x:%02x:%02x:%02x:%02x  %-7s  ", (unsigned)ap->ap_id, mac[0], mac[1],
-           mac[2], mac[3], mac[4], mac[5], ap->run_state > -2 ? "online" : "offline");
-    printf(ap->group_id == 0 ? "none\n" : "%d \"%.50s\"\n", ap->group_id, ap->group_info);
-  }
-  printf("  %d in all, %d online, %d offline\n\n", (int)SC_Get_Ap_Info_Count(aps),
-         (int)SC_Get_Ap_Info_Count_Online(aps), (int)SC_Get_Ap_Info_Count_Offline(aps));
-}
-
-static void manage_aps(struct ApUserListBlock* users,
-                       const struct SystemConfigDirectory* directory) {
+static void manage_aps(struct ApUserListBlock* users) {
   heading("Access points");
   const struct ApLimitsRecord limits = {.max_ap_count = 2};
   claim_ap(&limits, kMacs[0], 0);
@@ -354,18 +283,15 @@ static void manage_aps(struct ApUserListBlock* users,
   heard();
   SC_Add_Ap_Mac2Template_By_Id(templates, aps, template->template_id, kMacs[1]);
   puts("  AP 2 asks for the same template: it has its AP, nothing changes");
-  show_aps();
+  type("scctl list aps");
+  printf("  %d in all, %d online, %d offline\n\n", (int)SC_Get_Ap_Info_Count(aps),
+         (int)SC_Get_Ap_Info_Count_Online(aps), (int)SC_Get_Ap_Info_Count_Offline(aps));
 
   position = SC_Get_ApUser_Info_Blank(users);
   file = lock(users->lock_path, users->users[position].lock_index);
   memcpy(users->users[position].user_mac, kMacs[0], SC_MAC_BYTES);
   unlock(file, users->users[position].lock_index);
-  show_ap_users(directory);
-}
-
-void show_ap_users(const struct SystemConfigDirectory* directory) {
-  printf("  AP users: %d in the table.\n",
-         (int)SC_Get_ApUser_Info_Count(AT(ApUserListBlock, directory->ap_user_list)));
+  type("scctl list ap_users");
 }
 
 /* ---- clients ---- */
@@ -395,7 +321,7 @@ static void manage_clients(void) {
   add_client(kMacs[0], "reception again");
   puts(
       "\nA group's name is compared without case, a client's MAC byte for byte. Modify\n"
-      "writes every field of a client but its MAC; delete clears the MAC alone:\n");
+      "writes every field of a client but its MAC.\n");
   struct ClientsItem renamed = {.slot_id = 1, .text_52 = "front desk"};
   row("  client 1 is now \"front desk\": %s", answer(ModifyClientsItem(clients, &renamed)));
   heard();
@@ -403,13 +329,9 @@ static void manage_clients(void) {
   DelClientsItem(clients, second);
   row("  client 2 deleted");
   heard();
-  printf("\n  %8s  %7s  %-17s  %s\n", "position", "slot_id", "MAC", "text");
-  for (int i = 0; i < 2; i++) {
-    const struct ClientRecord* client = &clients->clients[i];
-    const uint8_t* mac = client->client_mac;
-    printf("  %8d  %7d  %02x:%02x:%02x:%02x:%02x:%02x  %.20s\n", i, (int)client->slot_id, mac[0],
-           mac[1], mac[2], mac[3], mac[4], mac[5], client->text_52);
-  }
+  putchar('\n');
+  type("scctl list client_groups");
+  type("scctl list clients");
 }
 
 void tour(const struct SystemConfigDirectory* directory) {
@@ -430,6 +352,6 @@ void tour(const struct SystemConfigDirectory* directory) {
   change_groups();
   forward_ports();
   set_wan();
-  manage_aps(AT(ApUserListBlock, directory->ap_user_list), directory);
+  manage_aps(AT(ApUserListBlock, directory->ap_user_list));
   manage_clients();
 }

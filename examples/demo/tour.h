@@ -6,6 +6,5 @@
 #include <sysconfig/core.h>
 
 void tour(const struct SystemConfigDirectory* directory);
-void show_ap_users(const struct SystemConfigDirectory* directory);
 
 #endif
