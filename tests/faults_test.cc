@@ -1,6 +1,7 @@
-/* Every exported function with each of its calls into the C library failing once: the result, the
- * message, the notifications and every byte of the blocks and files are those that the function
- * promises for it; no descriptor stays open and no lock is held. */
+/* Every exported function with each of its calls into the C library failing once, and the lists with
+ * all calls of one kind failing: the result, the message, the notifications and every byte of the
+ * blocks and files are those that the function promises for it; no descriptor stays open and no lock
+ * is held. */
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -37,17 +38,21 @@ namespace fs = std::filesystem;
 using Codes = std::vector<int32_t>;
 using Lines = std::vector<std::string>;
 
-/* ---- one failing call ---- */
+/* ---- one failing call, or all of one name ---- */
 
 struct Fault {
-  size_t number; /* of the failing call, from 1; 0: none fails */
+  size_t number; /* of the failing call, from 1; 0: none fails, kEvery: all of this name */
   std::string call;
   size_t nth; /* of the calls of this name, from 1 */
 
   bool is(const char* name) const { return call == name; }
+  bool every() const { return number == kEvery; }
+
+  static constexpr size_t kEvery = SIZE_MAX;
 };
 
 std::ostream& operator<<(std::ostream& stream, const Fault& fault) {
+  if (fault.every()) return stream << "with every call failing: " << fault.call;
   return stream << "with call " << fault.number << " failing: " << fault.call << " " << fault.nth;
 }
 
@@ -142,7 +147,7 @@ class FaultWorld : public World {
     const std::set<std::string> open_before = open_descriptors();
     if (fault.number != 0) ++Tally::faults;
     seen.output = capture([&] {
-      Faults faults(fault.number);
+      Faults faults = fault.every() ? Faults(fault.call) : Faults(fault.number);
       seen.result = action();
       calls_ = faults.calls();
     });
@@ -172,6 +177,12 @@ class FaultWorld : public World {
   /* A notification whose socket, connect or send fails is not received, and perror says why. */
   static void lose_notification(const Fault& fault, Seen& expected) {
     if (!fault.is("socket") && !fault.is("connect") && !fault.is("send")) return;
+    if (fault.every()) {
+      for (size_t i = 0; i < expected.codes.size(); ++i) {
+        expected.output.err += said_by_perror(fault.call);
+      }
+      return expected.codes.clear();
+    }
     ASSERT_LE(fault.nth, expected.codes.size());
     expected.codes.erase(expected.codes.begin() + static_cast<long>(fault.nth) - 1);
     expected.output.err += said_by_perror(fault.call);
@@ -280,7 +291,13 @@ class ListFaults : public FaultWorld, public testing::WithParamInterface<ListCal
                                    const OnModel& on_model) {
     SCOPED_TRACE(step);
     expect_survived(kNoFault, library, on_model);
-    for (const Fault& fault : sample_of(faults())) expect_survived(fault, library, on_model);
+    std::vector<Fault> all = faults();
+    std::vector<Fault> lasting;
+    for (const Fault& fault : all) {
+      if (fault.nth == 1) lasting.push_back({Fault::kEvery, fault.call, 0});
+    }
+    all.insert(all.end(), lasting.begin(), lasting.end());
+    for (const Fault& fault : sample_of(all)) expect_survived(fault, library, on_model);
   }
 
   void expect_survived(const Fault& fault, const std::function<int64_t()>& library,
@@ -291,7 +308,11 @@ class ListFaults : public FaultWorld, public testing::WithParamInterface<ListCal
 
     Model model;
     model.areas = before;
-    if (fault.is("open")) model.opens_until_failure = fault.nth;
+    if (fault.is("open") && fault.every()) {
+      model.without_lock.insert(areas.begin(), areas.end());
+    } else if (fault.is("open")) {
+      model.opens_until_failure = fault.nth;
+    }
     Seen expected;
     expected.result = on_model(model);
     expected.output.out = model.printed;

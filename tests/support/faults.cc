@@ -34,15 +34,17 @@ constexpr Known kKnown[] = {
 constexpr size_t kMostCalls = 4096;
 const char* made[kMostCalls];
 size_t count = 0, failing = 0;
+const char* failing_name = nullptr;
 bool counting = false;
 Fate fate = Fate::kFails;
 
-/* Counts a call; true when it is the one that fails. */
+/* Counts a call; true when it is one that fails. */
 bool fails(const char* name) {
   if (!counting) return false;
   if (count == kMostCalls) abort();
   made[count++] = name;
-  if (count != failing) return false;
+  if (count != failing && (failing_name == nullptr || strcmp(name, failing_name) != 0))
+    return false;
   if (fate == Fate::kKillsTheProcess) raise(SIGKILL);
   errno = error_of(name);
   return true;
@@ -63,7 +65,17 @@ Faults::Faults(size_t failing_call, Fate its_fate) {
   counting = true;
 }
 
-Faults::~Faults() { counting = false; }
+Faults::Faults(const std::string& name) : Faults() {
+  for (const Known& known : kKnown) {
+    if (name == known.name) failing_name = known.name;
+  }
+  if (failing_name == nullptr) abort();
+}
+
+Faults::~Faults() {
+  counting = false;
+  failing_name = nullptr;
+}
 
 std::vector<std::string> Faults::calls() const { return {made, made + count}; }
 

@@ -17,10 +17,11 @@ namespace sc_test {
 enum class Fate { kFails, kKillsTheProcess };
 
 /* While it lives, this process's calls are counted, and the one of this number (from 1 on) fails, or
- * the process is killed instead of making it. */
+ * the process is killed instead of making it; or each call of this name fails. */
 class Faults {
  public:
   explicit Faults(size_t failing_call = 0, Fate fate = Fate::kFails);
+  explicit Faults(const std::string& failing_name);
   ~Faults();
   Faults(const Faults&) = delete;
   Faults& operator=(const Faults&) = delete;
