@@ -1,4 +1,5 @@
-# Debian packages, made by cpack in a build folder: libsysconfig1, libsysconfig-dev, sysconfig-tools.
+# Debian packages, made by cpack in a build folder: libsysconfig1, libsysconfig-dev and
+# sysconfig-tools.
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library dev tools)

@@ -23,7 +23,7 @@ def source_of(name):
 
 
 def check_manual(suite):
-    """Every exported function is described on the page of its name; the formatters find no fault."""
+    """Every exported function is described on the page of its name; formatters find no fault."""
     for name in EXPORTS.read_text().split():
         text = source_of(name)
         named = re.search(r"^\.SH NAME\n(.*) \\- ", text, re.M)

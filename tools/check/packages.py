@@ -40,7 +40,8 @@ def check_packages(suite, build, architecture):
     for name, path in packages.items():
         fields = [output(["dpkg-deb", "--field", path, field]).strip()
                   for field in ("Architecture", "Depends")]
-        suite.verdict(fields == [architecture, DEPENDS[name]], "fields of " + path.name, str(fields))
+        suite.verdict(fields == [architecture, DEPENDS[name]], "fields of " + path.name,
+                      str(fields))
         check_content(suite, path, architecture, {file for package, file in listed
                                                   if package == name})
 

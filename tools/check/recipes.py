@@ -37,7 +37,8 @@ TARGET_CFLAGS = %s
 TARGET_CXXFLAGS = $(TARGET_CFLAGS)
 cmake-package = $(info cmake-package)
 include $(BR2_EXTERNAL_SYSCONFIG_PATH)/external.mk
-$(foreach name,VERSION SITE SITE_METHOD CONF_OPTS LICENSE_FILES,$(info $(name)=$(SYSCONFIG_$(name))))
+$(foreach name,VERSION SITE SITE_METHOD CONF_OPTS LICENSE_FILES,\
+  $(info $(name)=$(SYSCONFIG_$(name))))
 nothing: ;
 """ % TREE_FLAGS
 
