@@ -1,5 +1,5 @@
-# Run by cpack between installation and packing: each package's folder of documents, and the manual
-# pages packed as Debian has them.
+# Run by cpack between installation and packing: each package's folder of documents, what lintian is
+# told of it, and the manual pages packed as Debian has them.
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} upper)
   set(package ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
@@ -16,6 +16,10 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     foreach(file LAYOUT.md layout.json)
       configure_file(${CPACK_SYSCONFIG_SOURCE}/docs/${file} ${documents}/${file} COPYONLY)
     endforeach()
+  endif()
+  set(overrides ${CPACK_SYSCONFIG_SOURCE}/packaging/debian/${package}.overrides)
+  if(EXISTS ${overrides})
+    configure_file(${overrides} ${usr}/share/lintian/overrides/${package} COPYONLY)
   endif()
   file(GLOB_RECURSE pages ${usr}/share/man/*)
   execute_process(COMMAND gzip -9 -n ${pages} ${documents}/changelog ${documents}/changelog.Debian
