@@ -59,6 +59,9 @@ Function* next(const char* name) {
 
 Faults::Faults(size_t failing_call, Fate its_fate) {
   if (counting) abort();
+  /* What a process does at its end is not the library's, such as to write down its coverage. */
+  static const int at_exit = atexit([] { counting = false; });
+  if (at_exit != 0) abort();
   count = 0;
   failing = failing_call;
   fate = its_fate;
