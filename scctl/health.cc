@@ -29,8 +29,13 @@ __attribute__((format(printf, 2, 3))) void find(const char* remedy, const char* 
   ++g_findings;
 }
 
+/* Behind the commands of remedies, for a file that is checked: its option, and the one more that
+ * lets them change it. */
+const char* g_reads;
+const char* g_changes;
+
 struct Remedy {
-  char text[192];
+  char text[512];
   explicit Remedy(const char* format, ...) __attribute__((format(printf, 2, 3))) {
     va_list values;
     va_start(values, format);
@@ -39,8 +44,10 @@ struct Remedy {
   }
 };
 
-/* Init writes header and lock words, and loads an archive over them: that has to go first. */
+/* Init writes header and lock words, and loads an archive over them: that has to go first. A file
+ * is not changed when these are wrong. */
 Remedy rebuild(const Area& area) {
+  if (g_reads[0] != '\0') return Remedy("scctl export%s >FILE; scctl import FILE", g_reads);
   if (area.facts().stem[0] == '\0') return Remedy("scctl init %s", area.name);
   return Remedy("scctl export %s >FILE; rm %s; scctl init %s; scctl import FILE", area.name,
                 archive_path(area).text, area.name);
@@ -75,16 +82,16 @@ void check_records(const Table& table, const uint8_t* block) {
     if (is_section(table) || !is_used(table, record)) continue;
     ++used;
     if (const int32_t own = load_word(record + table.id_at); own != static_cast<int32_t>(id)) {
-      find(Remedy("scctl del %s/%u", table.name, id).text, "%s/%u: its id word is %d", table.name,
-           id, own);
+      find(Remedy("scctl del %s/%u%s", table.name, id, g_changes).text, "%s/%u: its id word is %d",
+           table.name, id, own);
     }
   }
   if (table.counter == nullptr) return;
   const auto counted =
       static_cast<uint32_t>(load_number(block + table.counter_at, table.counter_size, false));
   if (counted != used) {
-    find(Remedy("scctl list %s --commands >FILE; scctl clear %s; scctl batch FILE", table.name,
-                table.name)
+    find(Remedy("scctl list %s --commands%s >FILE; scctl clear %s%s; scctl batch FILE%s",
+                table.name, g_reads, table.name, g_changes, g_changes)
              .text,
          "%s: %s is %u, used are %u", table.name, table.counter, counted, used);
   }
@@ -97,8 +104,9 @@ void check_duplicates(const Snapshot& rows) {
     const Field* field;
     const int other = rows.find_clash(rows.record(position), static_cast<int>(position), &field);
     if (other < 0 || other > static_cast<int>(position)) continue;
-    find(Remedy("scctl del %s/%u", table.name, position + 1).text, "%s/%u: its %s is that of %s/%d",
-         table.name, position + 1, field->name, table.name, other + 1);
+    find(Remedy("scctl del %s/%u%s", table.name, position + 1, g_changes).text,
+         "%s/%u: its %s is that of %s/%d", table.name, position + 1, field->name, table.name,
+         other + 1);
   }
 }
 
@@ -121,8 +129,8 @@ void check_references(const Snapshot& rules, Source& source) {
           is_used(groups, block + groups.at + (group - 1) * groups.stride)) {
         continue;
       }
-      find(Remedy("scctl set %s/%u %s=0, or scctl del %s/%u", table.name, position + 1, mode.name,
-                  table.name, position + 1)
+      find(Remedy("scctl set %s/%u %s=0%s, or scctl del %s/%u%s", table.name, position + 1,
+                  mode.name, g_changes, table.name, position + 1, g_changes)
                .text,
            "%s/%u: refers to %s/%lld, which is not there", table.name, position + 1, groups.name,
            static_cast<long long>(group));
@@ -153,6 +161,13 @@ int run_check(Call& call) {
   if (const int status = parse_areas(call, true, chosen); status != kOk) return status;
   unsigned checked = 0;
   g_findings = 0;
+  Text reads, changes;
+  if (call.has(kImage) || call.has(kArchive)) {
+    reads.print(" %s %s", call.has(kImage) ? "--image" : "--archive", call.source.name());
+    changes.print("%s --in-place", reads.c_str());
+  }
+  g_reads = reads.c_str();
+  g_changes = changes.c_str();
   for (const Area& area : kAreas) {
     const AreaId id = id_of(area);
     if (!chosen[id]) continue;

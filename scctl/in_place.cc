@@ -173,11 +173,21 @@ int edit(Call& call, int (*run)(Call& call), Source& file, Replacement* replacem
              : replacement->write_all(call.source.block(id), kAreas[id].facts().size);
 }
 
-/* Signals that end a command are for the child, while there is something to be tidied up. */
+pid_t g_child; /* that edits; 0: none yet */
+
+void pass_on(int signal_number) {
+  if (g_child > 0) kill(g_child, signal_number);
+}
+
+/* Signals that end a command are for the child, while there is something to be tidied up behind it.
+ * Those that are ignored stay so. */
 class Patient {
  public:
   Patient() {
-    for (int n = 0; n < kCount; ++n) handlers_[n] = signal(kSignals[n], SIG_IGN);
+    for (int n = 0; n < kCount; ++n) {
+      handlers_[n] = signal(kSignals[n], pass_on);
+      if (handlers_[n] == SIG_IGN) signal(kSignals[n], SIG_IGN);
+    }
   }
   ~Patient() { restore(); }
   Patient(const Patient&) = delete;
@@ -202,9 +212,14 @@ int run_in_place(Call& call, int (*run)(Call& call)) {
   Source file;
   const int opened = call.has(kArchive) ? file.open_archive(name) : file.open_image(name);
   if (opened != kOk) return opened;
+  if (call.has(kArchive) && kAreas[file.held()].save == nullptr) {
+    return fail(kRefused, "%s: area %s has no archive", name, kAreas[file.held()].name);
+  }
   if (const int status = replacement.make(); status != kOk) return status;
   fflush(stdout);
+  g_child = 0;
   const pid_t child = fork();
+  g_child = child;
   if (child == 0) {
     patient.restore();
     _exit(edit(call, run, file, &replacement));
