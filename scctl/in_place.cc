@@ -46,7 +46,7 @@ class Replacement {
     file_ = mkostemp(const_cast<char*>(temporary_.c_str()), O_CLOEXEC);
     if (file_ < 0) return is_not_changed("a file beside it");
     if (fchown(file_, was_.st_uid, was_.st_gid) != 0 || fchmod(file_, was_.st_mode & 07777) != 0) {
-      return is_not_changed("its owner and mode");
+      return is_not_changed("its owner and mode cannot be kept");
     }
     return kOk;
   }
