@@ -472,6 +472,11 @@ std::vector<ListCalls> keyed_lists() {
 }
 INSTANTIATE_TEST_SUITE_P(Lists, EveryKeyedTable, testing::ValuesIn(keyed_lists()), name_of);
 
+TEST_P(EveryKeyedTable, ANullRecord_ClashesWithNone) {
+  make_all_used();
+  EXPECT_EQ(calls.check(block.data(), nullptr, kFree), 0);
+}
+
 TEST_P(EveryKeyedTable, AnyOneKeyAlone_IsAClashForCheckAddAndModify) {
   add_first(row.capacity - 1);
   const Image before = block;

@@ -1,4 +1,6 @@
 /* The managed access points: lookups, claims, counts and clean-ups. */
+#include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <sysconfig/ap.h>
@@ -222,6 +224,34 @@ TEST_F(ApList, LookupsAndCounts_TakeNoLockAndChangeNothing) {
 }
 
 /* ---- changes ---- */
+
+/* The page behind a record's id, which cannot be written until it is tried. */
+struct {
+  void* page;
+  const ApInfoRecord* record;
+  uint32_t id; /* when it was tried */
+} watched;
+
+void on_write(int) {
+  watched.id = watched.record->ap_id;
+  mprotect(watched.page, 1, PROT_READ | PROT_WRITE);
+}
+
+TEST_F(ApList, TheIdOfADeletedRecord_IsClearedWhenAllElseIs) {
+  put(0, 1, kMacA);
+  const auto page_size = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t page = reinterpret_cast<uintptr_t>(&block->aps[1]) & ~(page_size - 1);
+  ASSERT_GT(page, reinterpret_cast<uintptr_t>(&block->aps[0].opaque_11792));
+  watched = {reinterpret_cast<void*>(page), &block->aps[0], 0};
+  struct sigaction action = {}, before;
+  action.sa_handler = on_write;
+  ASSERT_EQ(sigaction(SIGSEGV, &action, &before), 0);
+  ASSERT_EQ(mprotect(watched.page, 1, PROT_READ), 0);
+  EXPECT_EQ(SC_Del_Ap_Info_by_Mac(block, kMacA), 1);
+  sigaction(SIGSEGV, &before, nullptr);
+  EXPECT_EQ(watched.id, 1u);
+  EXPECT_EQ(block->aps[0].ap_id, 0u);
+}
 
 TEST_F(ApList, AfterTheDeletionByMac_TheRecordIsZeroButForItsLockIndex) {
   fill_used();
