@@ -77,9 +77,9 @@ struct Choice {
   }
 };
 
-/* Columns of a table that is printed: as many of the first fields as fit. To say how much of a large
- * field is filled, all of it would have to be read, which makes memory of a segment's pages that
- * nobody has written yet: it is no column. */
+/* Columns of a table that is printed: as many of the first fields as fit. To say how much of a
+ * large field is filled, all of it would have to be read, which makes memory of a segment's pages
+ * that nobody has written yet: it is no column. */
 class Columns {
  public:
   explicit Columns(const Table& table) {

@@ -1,4 +1,4 @@
-/* How the demo's pages are laid out: headings, rows, commands and cut texts, all within 80 columns. */
+/* How the demo's pages are laid out: headings, rows, commands, cut texts, all within 80 columns. */
 #ifndef DEMO_PAGE_H
 #define DEMO_PAGE_H
 
