@@ -64,7 +64,7 @@ class Replacement {
   int take_its_place() {
     struct stat now;
     if (stat(path_, &now) != 0 || now.st_ino != was_.st_ino || now.st_size != was_.st_size ||
-        memcmp(&now.st_mtim, &was_.st_mtim, sizeof now.st_mtim) != 0) {
+        now.st_mtim.tv_sec != was_.st_mtim.tv_sec || now.st_mtim.tv_nsec != was_.st_mtim.tv_nsec) {
       return fail(kRefused, "%s is not changed: another program has changed it meanwhile", name_);
     }
     if (fsync(file_) != 0) return is_not_changed("a file beside it");
@@ -96,6 +96,7 @@ class Replacement {
 
 bool write_file(const char* path, const char* text) {
   const int file = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0755);
+  if (file < 0) return false;
   const auto size = static_cast<ssize_t>(strlen(text));
   const bool good = write(file, text, strlen(text)) == size;
   close(file);
@@ -141,14 +142,16 @@ bool enter_private_world() {
 /* As the library packs it. */
 int write_archive(Call& call, AreaId id, Replacement* replacement) {
   if (const int status = save_area(call, id); status != kOk) return status;
-  FILE* file = fopen(archive_path(kAreas[id]).text, "rbe");
-  if (file == nullptr) return fail(kRefused, "%s: %s", kAreas[id].name, strerror(errno));
+  const Path path = archive_path(kAreas[id]);
+  const int file = open(path.text, O_RDONLY | O_CLOEXEC);
   uint8_t bytes[4096];
+  ssize_t size;
   int status = kOk;
-  for (size_t size; status == kOk && (size = fread(bytes, 1, sizeof bytes, file)) > 0;) {
-    status = replacement->write_all(bytes, size);
+  while (status == kOk && (size = read(file, bytes, sizeof bytes)) != 0) {
+    status = size < 0 ? fail(kRefused, "%s: %s", path.text, strerror(errno))
+                      : replacement->write_all(bytes, static_cast<size_t>(size));
   }
-  fclose(file);
+  close(file);
   return status;
 }
 
