@@ -71,6 +71,12 @@ TEST_F(ApList, AnAllZeroMac_FindsAnApWhoseMacIsZeroInFrontOfFreeRecords) {
   EXPECT_EQ(SC_Get_Ap_Info_By_Mac(block, kNone), 1);
 }
 
+TEST_F(ApList, AMacWithTheEndOfTheLastOne_IsNotFound) {
+  constexpr uint8_t kOther[] = {0xAB, 1, 2, 3, 4, 5};
+  put(299, 300, kOther);
+  EXPECT_EQ(SC_Get_Ap_Info_By_Mac(block, kMacA), -1);
+}
+
 TEST_F(ApList, AMac_IsFoundAtItsFirstPositionFreeOrUsedComparedByAllSixBytes) {
   put(7, 8, kMacA);
   put(299, 0, kMacB);
