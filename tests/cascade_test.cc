@@ -99,6 +99,15 @@ class Cascade : public World {
   std::unique_ptr<Listener> listener;
 };
 
+TEST_F(Cascade, WhatLiesBehindATable_IsNoRuleOfAGroup) {
+  add_ip_filter(1, 0);
+  memcpy(ip->spare_31632, &ip->rules[0], sizeof ip->rules[0]);
+  Image filters = copy_of(ip);
+  del_ip_groups("1");
+  EXPECT_TRUE(filters.put32(148, 0xFFFFFFFF).put16(140, 0).matches(ip));
+  EXPECT_EQ(listener->codes(), (Codes{6, 10}));
+}
+
 TEST_F(Cascade, TwoIpGroups_AreDoneOneAfterTheOtherWithANotificationForEachRuleAndOneForAll) {
   for (int group : {2, 1, 1, 3}) add_ip_filter(group, 0);
   for (int group : {1, 2, 2, 2}) add_qos(group, 0);
