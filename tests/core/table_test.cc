@@ -1,5 +1,8 @@
 /* The frame of the record tables, shown on the LAN table of DHCP bindings: 32 records of 748 bytes
  * from offset 1508, slot_id first, lock_index 2..33. */
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <sysconfig/lan.h>
 
 #include "support/areas.h"
@@ -71,6 +74,15 @@ class Table : public World {
 };
 
 /* ---- add ---- */
+
+TEST_F(Table, ALockFileOfDescriptor0_IsLockedAndClosedLikeAnyOther) {
+  EXPECT_EQ(run_in_child([&] {
+              close(0);
+              const bool good = add(1) == 0 && open("/dev/null", O_RDONLY) == 0;
+              _exit(good ? 0 : 1);
+            }),
+            (Ending{0, kSilence}));
+}
 
 TEST_F(Table, Add_WritesSlotAndPayloadOfTheLowestFreeRecordAndNothingElse) {
   make_payloads_stale();
