@@ -79,6 +79,7 @@ TEST_F(Table, ALockFileOfDescriptor0_IsLockedAndClosedLikeAnyOther) {
   EXPECT_EQ(run_in_child([&] {
               close(0);
               const bool good = add(1) == 0 && open("/dev/null", O_RDONLY) == 0;
+              fflush(stdout);
               _exit(good ? 0 : 1);
             }),
             (Ending{0, kSilence}));
