@@ -17,9 +17,15 @@ namespace {
 /* The assignments from a word on. */
 int parse_assignments(const Call& call, int first, const Table& table, uint8_t* record) {
   for (int n = first; n < call.word_count; ++n) {
+    const char* word = call.words[n];
     const Field* field;
-    if (const int status = parse_assignment(table, call.words[n], record, &field); status != kOk) {
+    if (const int status = parse_assignment(table, word, record, &field); status != kOk) {
       return status;
+    }
+    const size_t name = strcspn(word, "=") + 1;
+    for (int before = first; before < n; ++before) {
+      if (strncmp(call.words[before], word, name) != 0) continue;
+      return fail(kUsage, "%s.%s stands twice", table.name, field->name);
     }
   }
   return kOk;

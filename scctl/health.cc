@@ -318,10 +318,12 @@ int run_locks(Call& call) {
       Text guarded;
       format_guarded(*held.area, byte, &guarded);
       if (json) {
+        Text quoted;
+        add_json_text(reinterpret_cast<const uint8_t*>(program.c_str()), program.size(), &quoted);
         printf(
             "%s  {\"area\": \"%s\", \"record\": \"%s\", \"byte\": %lu, \"state\": \"%s\", "
-            "\"pid\": %ld, \"program\": \"%s\"}",
-            comma, held.area->name, guarded.c_str(), byte, held.state, held.pid, program.c_str());
+            "\"pid\": %ld, \"program\": %s}",
+            comma, held.area->name, guarded.c_str(), byte, held.state, held.pid, quoted.c_str());
         comma = ",\n";
       } else {
         printf("%-14s  %-16s  %4lu  %-5s  %10ld  %s\n", held.area->name, guarded.c_str(), byte,

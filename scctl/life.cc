@@ -14,6 +14,8 @@ namespace scctl {
 
 namespace {
 
+constexpr char kLockFolder[] = "/var/lock_store";
+
 /* Does something to each area of the words; the first that fails is the last. Areas that are never
  * saved are passed over for --all. */
 int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
@@ -34,6 +36,12 @@ int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
 
 int init_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
+  const Path lock = lock_path(area);
+  /* The library empties the area first and does not tell that it has no lock file. */
+  const char* needed = access(lock.text, F_OK) == 0 ? lock.text : kLockFolder;
+  if (access(needed, R_OK | W_OK) != 0) {
+    return fail(kNoArea, "area %s cannot be made: %s: %s", area.name, needed, strerror(errno));
+  }
   Source::forget_live(id);
   int result;
   {
@@ -44,7 +52,6 @@ int init_area(Call&, AreaId id) {
     return fail(kNoArea, "area %s cannot be made: %s", area.name,
                 result < 0 ? "it cannot be attached" : strerror(result));
   }
-  const Path lock = lock_path(area);
   if (access(lock.text, R_OK | W_OK) != 0) {
     return fail(kNoArea, "area %s has no lock file: %s: %s", area.name, lock.text, strerror(errno));
   }

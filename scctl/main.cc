@@ -420,7 +420,7 @@ int main(int argc, char** argv) {
   if (argc < 2) return scctl::fail(scctl::kUsage, "which command? scctl --help lists them");
   if (strcmp(argv[1], "--help") == 0) {
     scctl::print_help();
-    return scctl::kOk;
+    return scctl::flush_output();
   }
   const int status = scctl::run_words(argc - 1, argv + 1);
   const int flushed = scctl::flush_output();

@@ -8,6 +8,7 @@
 #include <string.h>
 #include <strings.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -83,6 +84,11 @@ Path lock_path(const Area& area) {
 const char* read_archive(const char* path, ArchiveImage* image) {
   const int file = open(path, O_RDONLY);
   if (file < 0) return strerror(errno);
+  struct stat status;
+  if (fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
+    close(file);
+    return strerror(EISDIR);
+  }
   char command[48];
   snprintf(command, sizeof command, "exec gzip -dc <&%d 2>/dev/null", file);
   FILE* stream = popen(command, "r");
@@ -148,7 +154,12 @@ int Source::open_image(const char* path) {
   FILE* file = fopen(path, "rb");
   if (file == nullptr) return fail(kNoArea, "%s: %s", path, strerror(errno));
   const ArchiveImage image = read_all(file);
+  const int error = ferror(file) != 0 ? errno : 0;
   fclose(file);
+  if (error != 0) {
+    free(image.bytes);
+    return fail(kNoArea, "%s: %s", path, strerror(error));
+  }
   const Area* area = area_of_size(image.size);
   if (area == nullptr) {
     free(image.bytes);

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "commands.h"
 #include "edit.h"
@@ -282,6 +283,22 @@ bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) 
   return any;
 }
 
+namespace {
+
+/* An area that one of two sources has. An archive that is not good holds none. */
+void print_single(const Area& area, const Source& there, const Source& other) {
+  const Path archive = archive_path(area);
+  ArchiveImage image;
+  const char* fault = nullptr;
+  if (other.is_saved() && access(archive.text, F_OK) == 0) fault = read_own_archive(area, &image);
+  free(image.bytes);
+  printf("%s: only in %s", area.name, there.name());
+  if (fault != nullptr) printf("; %s: %s", archive.text, fault);
+  putchar('\n');
+}
+
+}  // namespace
+
 int run_diff(Call& call) {
   if (call.word_count == 1) return fail(kUsage, "usage: scctl diff [A B]");
   Source a, b;
@@ -302,7 +319,7 @@ int run_diff(Call& call) {
       /* A file holds one area; the archives hold none that is never saved. */
       const bool expected = (a.is_live() || a.is_saved()) && (b.is_live() || b.is_saved()) &&
                             area.facts().stem[0] != '\0' && (in_a || in_b);
-      if (expected) printf("%s: only in %s\n", area.name, in_a ? a.name() : b.name());
+      if (expected) print_single(area, in_a ? a : b, in_a ? b : a);
       any |= expected;
       continue;
     }

@@ -112,7 +112,8 @@ size_t utf8_letter(const uint8_t* text, size_t size) {
   return bad ? 0 : length;
 }
 
-/* Bytes that are no UTF-8 become \udc80 to \udcff, as text in JSON is UTF-8. */
+}  // namespace
+
 void add_json_text(const uint8_t* text, size_t size, Text* to) {
   to->add('"');
   for (size_t n = 0; n < size;) {
@@ -129,8 +130,6 @@ void add_json_text(const uint8_t* text, size_t size, Text* to) {
   }
   to->add('"');
 }
-
-}  // namespace
 
 int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
   uint64_t value = 0;

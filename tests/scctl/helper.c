@@ -2,7 +2,8 @@
  * rights.
  *
  * usage: helper hold BYTE...                   holds bytes of the LAN area's lock file until it is
- *                                              ended, and says so in /var/held
+ *                                              ended, and says so in /var/held;
+ *                                              its name is a "helper"
  *        helper half_written COMMAND...        runs a command while the first LAN binding is half
  *                                              written, under its lock: the flag is new, the name
  *                                              follows 0.3 s later
@@ -60,6 +61,7 @@ static int status_of(pid_t child) {
 
 static _Noreturn void hold(int count, char** bytes) {
   int file = lock_file();
+  prctl(PR_SET_NAME, "a \"helper\"");
   for (int i = 0; i < count; i++) lock(file, atol(bytes[i]));
   close(open("/var/held", O_CREAT | O_WRONLY, 0600));
   for (;;) pause();
