@@ -130,6 +130,7 @@ int parse_binding(Call& call, Binding* binding) {
   constexpr AreaId kNeeded[] = {kApTemplateList, kManageApList};
   for (const AreaId area : kNeeded) {
     if (const int status = call.source.need(area); status != kOk) return status;
+    if (const int status = check_lock(call.source, area); status != kOk) return status;
   }
   Target target;
   if (const int status = parse_used(call, call.words[0], "ap_templates", &target); status != kOk) {

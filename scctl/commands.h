@@ -73,6 +73,8 @@ int parse_area(const char* name, AreaId* area);
 int parse_areas(const Call& call, bool none_is_all, bool* chosen);
 /* The areas of the words, which have to be there, or all that are there when no word says one. */
 int present_areas(Call& call, bool* chosen);
+/* Says that no area is there. */
+int fail_without_areas();
 
 int init_area(Call& call, AreaId id);
 /* Reads the archive back to see that it is good. */

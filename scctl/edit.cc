@@ -13,6 +13,21 @@
 
 namespace scctl {
 
+int check_lock(Source& live, AreaId id) {
+  const Area& area = kAreas[id];
+  const Path path = lock_path(area);
+  const char* own = static_cast<const char*>(live.blocks()[id]) + area.facts().header.path_at;
+  if (strncmp(own, path.text,
+              static_cast<size_t>(area.facts().header.index_at - area.facts().header.path_at)) !=
+      0) {
+    return fail(kRefused, "area %s is damaged; scctl check tells more", area.name);
+  }
+  const int file = open(path.text, O_RDWR | O_CLOEXEC);
+  if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
+  close(file);
+  return kOk;
+}
+
 namespace {
 
 int refuse_clash(const Snapshot& now, const uint8_t* record, int skip) {
@@ -33,23 +48,6 @@ int refused(const Table& table, int32_t result) {
 
 int is_full(const Table& table) {
   return fail(kRefused, "%s is full (%d records)", table.name, table.capacity);
-}
-
-/* Whether the library will be able to lock: it opens the path that stands in the block. */
-int check_lock(Source& live, const Table& table) {
-  const Area& area = kAreas[table.area];
-  const Path path = lock_path(area);
-  const char* own =
-      static_cast<const char*>(live.blocks()[table.area]) + area.facts().header.path_at;
-  if (strncmp(own, path.text,
-              static_cast<size_t>(area.facts().header.index_at - area.facts().header.path_at)) !=
-      0) {
-    return fail(kRefused, "area %s is damaged; scctl check tells more", area.name);
-  }
-  const int file = open(path.text, O_RDWR | O_CLOEXEC);
-  if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
-  close(file);
-  return kOk;
 }
 
 /* The library announces changes of lists itself. */
@@ -156,7 +154,7 @@ int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id)
   }
   if (now->count() == table.capacity) return is_full(table);
   if (const int status = refuse_clash(*now, record, -1); status != kOk) return status;
-  if (const int status = check_lock(live, table); status != kOk) return status;
+  if (const int status = check_lock(live, table.area); status != kOk) return status;
 
   int32_t result = SC_LIST_OK;
   {
@@ -206,7 +204,7 @@ int modify_record(Source& live, const Table& table, const uint8_t* was, const ui
       status != kOk) {
     return status;
   }
-  if (const int status = check_lock(live, table); status != kOk) return status;
+  if (const int status = check_lock(live, table.area); status != kOk) return status;
   if (table.calls.modify == nullptr) {
     write_fields(live, table, was, wanted, id - 1);
     return kOk;
@@ -243,7 +241,7 @@ int delete_record(Source& live, const Table& table, uint32_t id) {
   if (const int status = need_all(live, table); status != kOk) return status;
   const uint8_t* record = live.block(table.area) + table.at + (id - 1) * table.stride;
   if (!is_used(table, record)) return fail(kRefused, "%s/%u is free", table.name, id);
-  if (const int status = check_lock(live, table); status != kOk) return status;
+  if (const int status = check_lock(live, table.area); status != kOk) return status;
   {
     Quiet quiet;
     table.calls.erase(live.blocks(), id);
@@ -257,7 +255,7 @@ int delete_record(Source& live, const Table& table, uint32_t id) {
 
 int clear_table(Source& live, const Table& table) {
   if (is_section(table)) return fail(kRefused, "%s is always there", table.name);
-  if (const int status = check_lock(live, table); status != kOk) return status;
+  if (const int status = check_lock(live, table.area); status != kOk) return status;
   if (table.calls.clear != nullptr) {
     {
       Quiet quiet;

@@ -12,6 +12,9 @@
 
 namespace scctl {
 
+/* Whether the library will be able to lock: it opens the path that stands in the block. */
+int check_lock(Source& live, AreaId area);
+
 /* Adds a record as the one of this id, or as the lowest free one for an id of 0, which then tells
  * which it became. The snapshot is the table as it is, and gets the record too. */
 int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id);

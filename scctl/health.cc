@@ -189,7 +189,7 @@ int run_check(Call& call) {
     if (call.source.is_live()) check_files(area);
   }
   printf("areas checked: %u, findings: %u\n", checked, g_findings);
-  if (checked == 0) return fail(kNoArea, "no area is there; scctl init --all makes them");
+  if (checked == 0) return fail_without_areas();
   return g_findings == 0 ? kOk : kRefused;
 }
 

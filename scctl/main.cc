@@ -113,8 +113,8 @@ constexpr Command kCommands[] = {
    kJson, 0, 0, run_locks},
   {"watch", "[AREA...]", "print each change as it happens",
    "By the notification socket when no daemon has it, else once a second. The\n"
-   "command of --exec is run with the area's name as $1. Ends on SIGINT and\n"
-   "SIGTERM.\n",
+   "command of --exec is run with the area's name as $1. Ends on SIGINT,\n"
+   "SIGTERM and SIGHUP.\n",
    kExec | kCount, 0, -1, run_watch},
   {"completion", "", "print the completion for bash",
    "",
@@ -400,8 +400,11 @@ int parse_areas(const Call& call, bool none_is_all, bool* chosen) {
   return kOk;
 }
 
+int fail_without_areas() { return fail(kNoArea, "no area is there; scctl init --all makes them"); }
+
 int present_areas(Call& call, bool* chosen) {
   if (const int status = parse_areas(call, true, chosen); status != kOk) return status;
+  bool any = false;
   for (int n = 0; n < kAreaCount; ++n) {
     const auto id = static_cast<AreaId>(n);
     if (!chosen[n]) continue;
@@ -410,8 +413,9 @@ int present_areas(Call& call, bool* chosen) {
     } else if (const int status = call.source.need(id); status != kOk) {
       return status;
     }
+    any |= chosen[n];
   }
-  return kOk;
+  return any ? kOk : fail_without_areas();
 }
 
 }  // namespace scctl

@@ -42,7 +42,7 @@ int run_export(Call& call) {
     }
     printf("%s]", comma[0] == '\0' ? "" : "\n    ");
   }
-  puts(last == nullptr ? "}" : "\n  }\n}");
+  puts("\n  }\n}");
   return kOk;
 }
 

@@ -25,6 +25,9 @@ constexpr sockaddr_un kSocket = {AF_UNIX, "/var/config_socket"};
 constexpr int kBacklog = 128;
 constexpr int kPauseMs = 1000;
 
+/* Those that are ignored stay so, as under nohup. */
+constexpr int kEnding[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+
 volatile sig_atomic_t g_ended;
 
 void end(int) { g_ended = 1; }
@@ -112,8 +115,11 @@ int run_watch(Call& call) {
 
   struct sigaction action = {};
   action.sa_handler = end;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  for (const int number : kEnding) {
+    struct sigaction was;
+    sigaction(number, nullptr, &was);
+    if (was.sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
+  }
   signal(SIGCHLD, SIG_IGN);
   const int listener = listen_for_changes();
   puts(listener >= 0 ? "listening" : "looking once a second");
@@ -132,7 +138,7 @@ int run_watch(Call& call) {
       if (print_changes(now.text, known[n], is)) changed[kTables[n].area] = true;
       known[n].swap(is);
     }
-    fflush(stdout);
+    if (fflush(stdout) != 0) break;
     for (int n = 0; n < kAreaCount; ++n) {
       if (!changed[n]) continue;
       ++rounds;
