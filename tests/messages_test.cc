@@ -170,6 +170,17 @@ TEST_P(SocketMessages, ASocketOfDescriptor0_IsLeftOpenAfterTheCodeIsSent) {
   EXPECT_EQ(sender.wait(), 0);
 }
 
+TEST_P(SocketMessages, ASocketOfDescriptor1_IsClosedAfterTheCodeIsSent) {
+  Listener listener;
+  Child sender([&] {
+    close(1);
+    area_.save();
+    ASSERT_EQ(fcntl(1, F_GETFD), -1);
+    ASSERT_EQ(listener.messages().at(0).closed, true);
+  });
+  EXPECT_EQ(sender.wait(), 0);
+}
+
 TEST_P(SocketMessages, ASocketOfDescriptor0_IsClosedAfterAFailedConnect) {
   const Ending ending = run_in_child([&] {
     close(0);
