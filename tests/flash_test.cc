@@ -10,6 +10,7 @@
 #include "support/listener.h"
 #include "support/locks.h"
 #include "support/output.h"
+#include "support/started.h"
 #include "support/world.h"
 
 namespace {
@@ -111,6 +112,26 @@ TEST_P(FlashOfAFew, ASave_LeavesNoWorkingImageAndTheBlockAsItWas) {
   save(block);
   EXPECT_FALSE(exists(golden_.image_path));
   EXPECT_TRUE(expected.matches(block));
+}
+
+TEST_P(FlashOfAFew, ASaveWithoutALockFile_LocksNothingAndMakesNoOtherCall) {
+  auto* block = worked_on_block();
+  ASSERT_EQ(unlink(golden_.lock_path.c_str()), 0);
+  Journal journal;
+  EXPECT_EQ(capture([&] { area_.save_to_flash(block); }), cannot_lock(golden_.lock_path));
+  EXPECT_EQ(journal.lines(), (Lines{"open " + golden_.lock_path + " failed"}));
+}
+
+TEST_P(FlashOfAFew, ALargerImage_FillsTheBlockAndNothingBehindIt) {
+  constexpr size_t kMore = 64;
+  area_.init(0);
+  auto* block = block_at(area_.get());
+  ASSERT_GE(4096 - golden_.size % 4096, kMore); /* to the end of the segment's last page */
+  memset(block + golden_.size, 'b', kMore);
+  make_archive(std::string(golden_.size + kMore, 'i'));
+  EXPECT_EQ(capture([&] { area_.read(block); }), kSilence);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(block), golden_.size + kMore),
+            std::string(golden_.size, 'i') + std::string(kMore, 'b'));
 }
 
 TEST_P(FlashOfAFew, ASave_SendsNoNotification) {

@@ -1,7 +1,11 @@
 /* The life of every area but for its files: attach, remove, create, number, announce. */
+#include <sched.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <optional>
 
 #include "support/areas.h"
 #include "support/journal.h"
@@ -106,6 +110,7 @@ TEST_P(EveryArea, Init0OfANewBlock_LeavesZeroesAndFreeMarks) {
 
 TEST_P(EveryArea, InitOnAnExistingBlock_EmptiesItAndTheLockPath) {
   auto* block = worked_on_block();
+  block[0] = 0; /* as it mostly is */
   EXPECT_EQ(area_.init(0), 0);
   EXPECT_TRUE(after_init().matches(block));
 }
@@ -122,6 +127,16 @@ TEST_P(EveryArea, Init_RunsOneCommandThatMakesTheLockFile) {
   area_.init(0);
   EXPECT_EQ(journal.lines(), (Lines{"system echo '' > " + golden_.lock_path}));
   EXPECT_EQ(read_file(golden_.lock_path), "\n");
+}
+
+TEST_P(EveryArea, Init_EmptiesTheBlockBeforeItMakesTheLockFile) {
+  auto* block = worked_on_block();
+  std::optional<Image> then;
+  Journal journal;
+  journal.before("system echo", [&] { then = Image(block, golden_.size); });
+  area_.init(0);
+  ASSERT_TRUE(then.has_value());
+  EXPECT_TRUE(Image(golden_.size).matches(then->data()));
 }
 
 TEST_P(EveryArea, Init_TruncatesTheLockFileThatIsThere) {
@@ -224,6 +239,18 @@ TEST(Registry, KeysCodesAndPaths_AreEachUsedOnceAndCodes12And13Never) {
 }
 
 class AllAreas : public World {};
+
+TEST_F(AllAreas, ASegmentOfId0_IsLikeAnyOther) {
+  const AreaCalls& lan = area("Lan");
+  EXPECT_EQ(run_in_child([&] {
+              const bool alone = unshare(CLONE_NEWIPC) == 0 && lan.init(0) == 0;
+              const bool good = alone && segment_of(golden_area("Lan").key) == 0 && lan.get() != 0;
+              lan.uninit();
+              fflush(stdout);
+              _exit(good ? 0 : 1);
+            }),
+            (Ending{0, kSilence}));
+}
 
 TEST_F(AllAreas, InitOfOneArea_TouchesNoOther) {
   for (const AreaCalls& calls : all_areas()) calls.init(0);
