@@ -90,12 +90,14 @@ std::set<std::string> open_descriptors() {
   return open;
 }
 
-/* Mappings that cannot be used, such as room below 4 GiB that no segment was attached to. */
+/* Mappings below 4 GiB that cannot be used, such as room that no segment was attached to. */
 long reservations() {
   std::ifstream maps("/proc/self/maps");
   long count = 0;
-  for (std::string line; std::getline(maps, line);)
-    count += line.find(" ---p ") != std::string::npos;
+  for (std::string line; std::getline(maps, line);) {
+    const bool low = strtoull(line.c_str(), nullptr, 16) <= UINT32_MAX;
+    count += low && line.find(" ---p ") != std::string::npos;
+  }
   return count;
 }
 
