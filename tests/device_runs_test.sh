@@ -37,13 +37,15 @@ done
 end() {
   local run=${runs[$1]} emulator
   emulator=$(pgrep -P "$run" qemu-system) || complain "$1: no emulator is running"
+  # So that it does not end by itself, with its next word on a console that nobody reads.
+  kill -STOP "$emulator"
   kill -"$1" "$run"
   wait "$run" && complain "$1: the run ended with status 0"
   for ((i = 0; i < 50; i++)); do
     kill -0 "$emulator" 2>/dev/null || break
     sleep 0.1
   done
-  kill -0 "$emulator" 2>/dev/null && complain "$1: the emulator is still there"
+  kill -KILL "$emulator" 2>/dev/null && complain "$1: the emulator is still there"
   [[ -z $(ls "$work/$1.img"* 2>/dev/null) ]] || complain "$1: part of an image is there"
 }
 
