@@ -47,14 +47,14 @@ void announce() {
 
 template <class T>
 T* scratch() {
-  static T value;
+  alignas(64) static T value;
   return &value;
 }
 
 template <class List>
 void show_list(int64_t times) {
   List* list = scratch<List>();
-  static const List from = {};
+  alignas(64) static const List from = {};
   for (int64_t n = 0; n < times; ++n) {
     memset(list, 0, sizeof *list);
     benchmark::ClobberMemory(); /* else the memset, being overwritten, is left out */

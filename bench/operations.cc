@@ -11,7 +11,7 @@ using namespace bench;
 
 namespace {
 
-union {
+alignas(64) union {
   DhcpStaticItem binding;
   DhcpStaticItemList bindings;
   IpFilterItemList ip_filters;
@@ -22,18 +22,19 @@ DhcpBindRecord changed() { return data().lan->lan_binds[SC_DHCP_BINDS / 2]; }
 
 void modify(int64_t times) {
   static const DhcpBindRecord record = changed();
+  LanBlock* lan = data().lan;
   for (int64_t n = 0; n < times; ++n) {
     uint32_t position = SC_DHCP_BINDS / 2;
-    must(SC_Operate_System_List_DhcpdBind(data().lan, LIST_OP_MODIFY, &position, &record) ==
-             SC_LIST_OK,
+    must(SC_Operate_System_List_DhcpdBind(lan, LIST_OP_MODIFY, &position, &record) == SC_LIST_OK,
          "a binding is not modified");
   }
 }
 
 void plain_modify(int64_t times) {
+  LanBlock* lan = data().lan;
   static const DhcpBindRecord record = changed();
   for (int64_t n = 0; n < times; ++n) {
-    must(plain::modify_binding(data().lan, SC_DHCP_BINDS / 2, &record) == SC_LIST_OK,
+    must(plain::modify_binding(lan, SC_DHCP_BINDS / 2, &record) == SC_LIST_OK,
          "a binding is not modified");
   }
 }
@@ -61,31 +62,37 @@ void plain_add_and_delete(int64_t times) {
 void make_room_for_one() { DelDhcpStaticItem(data().lan, last_id); }
 
 void read(int64_t times) {
+  const LanBlock* lan = data().lan;
   for (int64_t n = 0; n < times; ++n) {
-    GetDhcpStaticItem(data().lan, 1 + n % SC_DHCP_BINDS, &out.binding);
+    GetDhcpStaticItem(lan, 1 + n % SC_DHCP_BINDS, &out.binding);
   }
 }
 
 void plain_read(int64_t times) {
+  const LanBlock* lan = data().lan;
   for (int64_t n = 0; n < times; ++n) {
-    plain::read_binding(data().lan, 1 + n % SC_DHCP_BINDS, &out.binding);
+    plain::read_binding(lan, 1 + n % SC_DHCP_BINDS, &out.binding);
   }
 }
 
 void list_bindings(int64_t times) {
-  for (int64_t n = 0; n < times; ++n) GetDhcpStaticItemList(data().lan, &out.bindings);
+  const LanBlock* lan = data().lan;
+  for (int64_t n = 0; n < times; ++n) GetDhcpStaticItemList(lan, &out.bindings);
 }
 
 void plain_list_bindings(int64_t times) {
-  for (int64_t n = 0; n < times; ++n) plain::list_bindings(data().lan->lan_binds, &out.bindings);
+  const LanBlock* lan = data().lan;
+  for (int64_t n = 0; n < times; ++n) plain::list_bindings(lan->lan_binds, &out.bindings);
 }
 
 void list_scattered_bindings(int64_t times) {
-  for (int64_t n = 0; n < times; ++n) AC_GetDhcpStaticItemList(data().lan, &out.bindings);
+  const LanBlock* lan = data().lan;
+  for (int64_t n = 0; n < times; ++n) AC_GetDhcpStaticItemList(lan, &out.bindings);
 }
 
 void plain_list_scattered_bindings(int64_t times) {
-  for (int64_t n = 0; n < times; ++n) plain::list_bindings(data().lan->ac_binds, &out.bindings);
+  const LanBlock* lan = data().lan;
+  for (int64_t n = 0; n < times; ++n) plain::list_bindings(lan->ac_binds, &out.bindings);
 }
 
 void list_ip_filters(int64_t times) {
@@ -134,22 +141,25 @@ void plain_find_last_ap(int64_t times) {
 }
 
 void check_clients(int64_t times) {
+  const ClientsBlock* clients = data().clients;
   static const ClientsItem nobody = new_client();
   for (int64_t n = 0; n < times; ++n) {
-    must(SC_Operate_System_List_ClientsCheckMac(data().clients, &nobody, UINT32_MAX) == 0,
+    must(SC_Operate_System_List_ClientsCheckMac(clients, &nobody, UINT32_MAX) == 0,
          "a clash that is none");
   }
 }
 
 void plain_check_clients(int64_t times) {
+  const ClientsBlock* clients = data().clients;
   static const ClientsItem nobody = new_client();
   for (int64_t n = 0; n < times; ++n) {
-    must(plain::check_client(data().clients, &nobody, UINT32_MAX) == 0, "a clash that is none");
+    must(plain::check_client(clients, &nobody, UINT32_MAX) == 0, "a clash that is none");
   }
 }
 
 void save(int64_t times) {
-  for (int64_t n = 0; n < times; ++n) SC_Save_System_Lan_Config2Flash(data().lan);
+  LanBlock* lan = data().lan;
+  for (int64_t n = 0; n < times; ++n) SC_Save_System_Lan_Config2Flash(lan);
 }
 
 void write_image() {

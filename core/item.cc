@@ -11,6 +11,7 @@
 #include "core/address.h"
 #include "core/bytes.h"
 #include "core/notify.h"
+#include "core/text.h"
 
 namespace sc {
 
@@ -21,20 +22,6 @@ struct ListHead {
   uint32_t count;
   uint32_t capacity;
 } SC_PACKED;
-
-/* Short texts are moved in two overlapping halves where the CPU has the registers for it. */
-constexpr size_t kHalf = 16;
-constexpr bool kHasHalves = sizeof(void*) == 8;
-
-inline void copy_halves(uint8_t* to, const uint8_t* from, size_t size) {
-  if constexpr (kHasHalves) {
-    using Half = uint8_t __attribute__((vector_size(kHalf)));
-    const Half first = load<Half>(from);
-    const Half second = load<Half>(from + size - kHalf);
-    store(to, first);
-    store(to + size - kHalf, second);
-  }
-}
 
 /* A step for each of some records, at least one, and its place in items that follow each other. */
 template <class Step>
@@ -57,7 +44,7 @@ void show(const Field& field, const uint8_t* const* records, uint32_t count, uin
     case Kind::kBytes:
       if (kHasHalves && size >= kHalf && size <= 2 * kHalf) {
         each(records, count, first, item_size,
-             [=](uint8_t* to, const uint8_t* record) { copy_halves(to, record + at, size); });
+             [=](uint8_t* to, const uint8_t* record) { copy_short_text(to, record + at, size); });
       } else {
         each(records, count, first, item_size,
              [=](uint8_t* to, const uint8_t* record) { memcpy(to, record + at, size); });

@@ -1,9 +1,13 @@
 /* DHCP static bindings: the LAN table and the access controller's, alike but for their place and
  * their counter. Here slot_id stands before lock_index, in all other tables behind it.
  */
+#include <string.h>
+
 #include <sysconfig/lan.h>
 
+#include "core/address.h"
 #include "core/rows.h"
+#include "core/text.h"
 
 using namespace sc;
 
@@ -33,6 +37,26 @@ constexpr List kLanBinds =
     binds(SC_GEOMETRY(LanBlock, lan_binds), SC_COUNTER(LanBlock, lan_bind_count));
 constexpr List kAcBinds =
     binds(SC_GEOMETRY(LanBlock, ac_binds), SC_COUNTER(LanBlock, ac_bind_count));
+
+/* get_items for both tables. Listed most, and written out: fields that are known take less than two
+ * thirds of the time of rows. */
+void list_bindings(const DhcpBindRecord (&binds)[SC_DHCP_BINDS], DhcpStaticItemList* list) {
+  memset(list, 0, sizeof *list);
+  DhcpStaticItem* item = list->items;
+  AddressWriter addresses;
+  const DhcpBindRecord* bind = binds;
+  do {
+    if (bind->slot_id < 0) continue;
+    item->id = bind->slot_id;
+    item->flag = bind->bind_flag;
+    copy_short_text(item->mac, bind->bind_mac, sizeof item->mac);
+    addresses.write(bind->bind_ip, item->ip);
+    copy_over_zeroes(item->name, bind->bind_name);
+    ++item;
+  } while (++bind != binds + SC_DHCP_BINDS);
+  list->count = static_cast<uint32_t>(item - list->items);
+  list->capacity = SC_DHCP_BINDS;
+}
 
 }  // namespace
 
@@ -67,7 +91,7 @@ int32_t SC_Operate_System_List_AC_DhcpdBindCheckIpMac(const LanBlock* block,
 }
 
 void GetDhcpStaticItemList(const LanBlock* block, DhcpStaticItemList* list) {
-  get_items(block, list, kLanBinds);
+  if (block != nullptr) list_bindings(block->lan_binds, list);
 }
 
 void GetDhcpStaticItem(const LanBlock* block, uint32_t id, DhcpStaticItem* item) {
@@ -87,7 +111,7 @@ void DelDhcpStaticItem(LanBlock* block, char* ids) { delete_items(block, ids, kL
 void DelAllDhcpStaticItem(LanBlock* block) { delete_all_items(block, kLanBinds); }
 
 void AC_GetDhcpStaticItemList(const LanBlock* block, DhcpStaticItemList* list) {
-  get_items(block, list, kAcBinds);
+  if (block != nullptr) list_bindings(block->ac_binds, list);
 }
 
 void AC_GetDhcpStaticItem(const LanBlock* block, uint32_t id, DhcpStaticItem* item) {

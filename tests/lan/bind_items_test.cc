@@ -101,6 +101,45 @@ TEST_P(BindItems, UsedRecordsAtZeroFiveAndThirtyOne_AreListedInOrderWithTheirIds
   EXPECT_TRUE(expected.matches(&list));
 }
 
+TEST_P(BindItems, RecordsOfNoise_AreListedAsTheyAreReadById) {
+  fill(records(), sizeof block->lan_binds, 7);
+  for (int i = 0; i < 32; ++i) records()[i].slot_id = i + 1;
+  DhcpStaticItemList list;
+  GetParam().get_list(block, &list);
+  ASSERT_EQ(list.count, 32u);
+  for (uint32_t id = 1; id <= 32; ++id) {
+    const DhcpStaticItem item = get(id);
+    EXPECT_EQ(memcmp(&list.items[id - 1], &item, sizeof item), 0) << id;
+  }
+}
+
+TEST_P(BindItems, EachByteOfANameAlone_IsListed) {
+  ASSERT_EQ(add(item_of(1)), 0);
+  auto& name = records()[0].bind_name;
+  for (size_t at = 0; at < sizeof name; ++at) {
+    memset(name, 0, sizeof name);
+    name[at] = 1;
+    DhcpStaticItemList list;
+    GetParam().get_list(block, &list);
+    EXPECT_EQ(memcmp(list.items[0].name, name, sizeof name), 0) << at;
+  }
+}
+
+TEST_P(BindItems, NeighboursOfDifferentNetworks_AreListedWithTheirOwn) {
+  const std::vector<std::string> addresses = {"0.0.0.0",         "1.0.0.1",   "2.0.0.1",
+                                              "3.0.0.1",         "0.0.0.255", "255.255.255.255",
+                                              "255.255.255.254", "10.0.0.1",  "100.100.100.1"};
+  for (size_t i = 0; i < addresses.size(); ++i) {
+    DhcpStaticItem item = item_of(static_cast<int>(i));
+    put_text(item.ip, addresses[i].c_str());
+    ASSERT_EQ(add(item), 0);
+  }
+  DhcpStaticItemList list;
+  GetParam().get_list(block, &list);
+  for (size_t i = 0; i < addresses.size(); ++i)
+    EXPECT_STREQ(list.items[i].ip, addresses[i].c_str());
+}
+
 TEST_P(BindItems, AnIdOfZeroOrThirtyThree_GivesAZeroedItem) {
   ASSERT_EQ(add(item_of(1)), 0);
   for (uint32_t id : {0u, 33u, 0xFFFFFFFFu}) {
