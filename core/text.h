@@ -32,15 +32,15 @@ inline void copy_short_text(void* to, const void* from, size_t size) {
  * look at them and write nothing. */
 template <size_t kSize>
 inline void copy_over_zeroes(char (&to)[kSize], const char (&from)[kSize]) {
-  constexpr size_t kStart = kHasHalves ? 2 * kHalf : 0;
+  constexpr size_t start = kHasHalves ? 2 * kHalf : 0;
   if constexpr (kHasHalves) {
-    copy_short_text(to, from, kStart);
+    copy_short_text(to, from, start);
     auto rest = load<Half>(from + kSize - kHalf);
 #pragma GCC unroll 16
-    for (size_t at = kStart; at < kSize - kHalf; at += kHalf) rest |= load<Half>(from + at);
+    for (size_t at = start; at < kSize - kHalf; at += kHalf) rest |= load<Half>(from + at);
     if ((rest[0] | rest[1]) == 0) return;
   }
-  memcpy(to + kStart, from + kStart, kSize - kStart);
+  memcpy(to + start, from + start, kSize - start);
 }
 
 }  // namespace sc

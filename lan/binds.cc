@@ -6,6 +6,7 @@
 #include <sysconfig/lan.h>
 
 #include "core/address.h"
+#include "core/bytes.h"
 #include "core/rows.h"
 #include "core/text.h"
 
@@ -48,7 +49,7 @@ void list_bindings(const DhcpBindRecord (&binds)[SC_DHCP_BINDS], DhcpStaticItemL
   do {
     if (bind->slot_id < 0) continue;
     item->id = bind->slot_id;
-    item->flag = bind->bind_flag;
+    store<int32_t>(&item->flag, bind->bind_flag);
     copy_short_text(item->mac, bind->bind_mac, sizeof item->mac);
     addresses.write(bind->bind_ip, item->ip);
     copy_over_zeroes(item->name, bind->bind_name);
