@@ -29,9 +29,9 @@ up() {
 begin one ./demo --device
 until up one || ! kill -0 "${runs[one]}"; do sleep 0.1; done
 begin two device/run
-for run in one two; do
-  wait "${runs[$run]}" || complain "of two runs at once one ended with status $?"
-  [[ $(stat -c %s "$work/$run.img") == 8388608 ]] || complain "$run.img is no whole image"
+for signal in INT TERM KILL; do
+  # A shell starts its background jobs with SIGINT ignored, and Python then leaves it so.
+  begin "$signal" env --default-signal=INT device/run
 done
 
 end() {
@@ -49,12 +49,7 @@ end() {
   [[ -z $(ls "$work/$1.img"* 2>/dev/null) ]] || complain "$1: part of an image is there"
 }
 
-declare -A running
-for signal in INT TERM KILL; do
-  # A shell starts its background jobs with SIGINT ignored, and Python then leaves it so.
-  begin "$signal" env --default-signal=INT device/run
-  running[$signal]=yes
-done
+declare -A running=([INT]=yes [TERM]=yes [KILL]=yes)
 for ((tries = 0; tries < 600 && ${#running[@]}; tries++)); do
   for signal in "${!running[@]}"; do
     if up "$signal"; then
@@ -67,5 +62,9 @@ done
 for signal in "${!running[@]}"; do
   complain "$signal: the router did not come up"
   kill "${runs[$signal]}"
+done
+for run in one two; do
+  wait "${runs[$run]}" || complain "$run: ended with status $?"
+  [[ $(stat -c %s "$work/$run.img") == 8388608 ]] || complain "$run.img is no whole image"
 done
 exit $failed
