@@ -194,7 +194,7 @@ int main(int argc, char** argv) {
   add({.name = "save an area to flash",
        .sides = {{"floor", floor_save}, {"library", save}},
        .before_batch = write_image,
-       .rounds = 81,
+       .rounds = 201,
        .most_times = 1});
 
   /* The same beside other floors. */
