@@ -47,8 +47,9 @@ void list_bindings(const DhcpBindRecord (&binds)[SC_DHCP_BINDS], DhcpStaticItemL
   AddressWriter addresses;
   const DhcpBindRecord* bind = binds;
   do {
-    if (bind->slot_id < 0) continue;
-    item->id = bind->slot_id;
+    const int32_t id = bind->slot_id;
+    if (id < 0) continue;
+    item->id = id;
     store<int32_t>(&item->flag, bind->bind_flag);
     copy_short_text(item->mac, bind->bind_mac, sizeof item->mac);
     addresses.write(bind->bind_ip, item->ip);

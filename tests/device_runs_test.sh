@@ -34,9 +34,9 @@ for signal in INT TERM KILL; do
   begin "$signal" env --default-signal=INT device/run
 done
 
+# end SIGNAL EMULATOR: ends the run of this name.
 end() {
-  local run=${runs[$1]} emulator
-  emulator=$(pgrep -P "$run" qemu-system) || complain "$1: no emulator is running"
+  local run=${runs[$1]} emulator=$2
   # So that it does not end by itself, with its next word on a console that nobody reads.
   kill -STOP "$emulator"
   kill -"$1" "$run"
@@ -52,8 +52,9 @@ end() {
 declare -A running=([INT]=yes [TERM]=yes [KILL]=yes)
 for ((tries = 0; tries < 600 && ${#running[@]}; tries++)); do
   for signal in "${!running[@]}"; do
-    if up "$signal"; then
-      end "$signal"
+    # Between its boots a run has no emulator.
+    if up "$signal" && emulator=$(pgrep -P "${runs[$signal]}" qemu-system); then
+      end "$signal" "$emulator"
       unset "running[$signal]"
     fi
   done
