@@ -31,8 +31,8 @@ void modify(int64_t times) {
 }
 
 void plain_modify(int64_t times) {
-  LanBlock* lan = data().lan;
   static const DhcpBindRecord record = changed();
+  LanBlock* lan = data().lan;
   for (int64_t n = 0; n < times; ++n) {
     must(plain::modify_binding(lan, SC_DHCP_BINDS / 2, &record) == SC_LIST_OK,
          "a binding is not modified");
@@ -141,8 +141,8 @@ void plain_find_last_ap(int64_t times) {
 }
 
 void check_clients(int64_t times) {
-  const ClientsBlock* clients = data().clients;
   static const ClientsItem nobody = new_client();
+  const ClientsBlock* clients = data().clients;
   for (int64_t n = 0; n < times; ++n) {
     must(SC_Operate_System_List_ClientsCheckMac(clients, &nobody, UINT32_MAX) == 0,
          "a clash that is none");
@@ -150,8 +150,8 @@ void check_clients(int64_t times) {
 }
 
 void plain_check_clients(int64_t times) {
-  const ClientsBlock* clients = data().clients;
   static const ClientsItem nobody = new_client();
+  const ClientsBlock* clients = data().clients;
   for (int64_t n = 0; n < times; ++n) {
     must(plain::check_client(clients, &nobody, UINT32_MAX) == 0, "a clash that is none");
   }

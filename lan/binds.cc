@@ -39,8 +39,8 @@ constexpr List kLanBinds =
 constexpr List kAcBinds =
     binds(SC_GEOMETRY(LanBlock, ac_binds), SC_COUNTER(LanBlock, ac_bind_count));
 
-/* get_items for both tables. Listed most, and written out: fields that are known take less than two
- * thirds of the time of rows. */
+/* get_items for both tables, written out by members: it takes two thirds of the time that rows
+ * take. */
 void list_bindings(const DhcpBindRecord (&binds)[SC_DHCP_BINDS], DhcpStaticItemList* list) {
   memset(list, 0, sizeof *list);
   DhcpStaticItem* item = list->items;

@@ -28,6 +28,7 @@
 #include "support/image.h"
 #include "support/listener.h"
 #include "support/output.h"
+#include "support/random.h"
 #include "support/started.h"
 #include "support/world.h"
 
@@ -67,14 +68,16 @@ std::vector<Fault> faults_in(const Lines& calls) {
   return faults;
 }
 
-/* All of them, or for emulated CPUs as many as SC_TEST_FAULTS says, spread over all. */
+/* All of them, or for emulated CPUs as many as SC_TEST_FAULTS says, spread over all from a random
+ * one on. */
 std::vector<Fault> sample_of(const std::vector<Fault>& all) {
   const char* given = getenv("SC_TEST_FAULTS");
-  if (given == nullptr) return all;
+  if (given == nullptr || all.empty()) return all;
   const size_t stride =
       (1 + all.size() / strtoul(given, nullptr, 10)) | 1; /* odd: calls come in fours */
   std::vector<Fault> sample;
-  for (size_t i = 0; i < all.size(); i += stride) sample.push_back(all[i]);
+  const size_t first = Random().next() % std::min(stride, all.size());
+  for (size_t i = first; i < all.size(); i += stride) sample.push_back(all[i]);
   return sample;
 }
 
