@@ -1,7 +1,6 @@
 /* The rows of the catalogue, and the makers that derive them from the public structs. */
 #include "catalogue.h"
 
-#include <stdio.h>
 #include <string.h>
 
 #include <sysconfig/ap.h>
@@ -244,153 +243,12 @@ template <class Bytes, size_t kAhead>
 constexpr Field kSettings[] = {
     {"settings", "settings", kAhead, kNoItem, sizeof(Bytes), Kind::kBytes, 1, Clash::kNone, false}};
 
-/* ---- calls ---- */
-
-template <class Block, class Item>
-int32_t forward(int32_t (*call)(Block*, const Item*), void* block, const void* item) {
-  return call(static_cast<Block*>(block), static_cast<const Item*>(item));
-}
-template <class Block>
-auto forward(auto(*call)(Block*), void* block) {
-  return call(static_cast<Block*>(block));
-}
-template <class Block>
-void forward(void (*call)(Block*, char*), void* block, char* ids) {
-  call(static_cast<Block*>(block), ids);
-}
-template <class Block, class Record>
-void forward_release(int32_t (*call)(Block*, uint32_t, uint32_t*, const Record*), void* block,
-                     uint32_t position) {
-  call(static_cast<Block*>(block), LIST_OP_DEL, &position, nullptr);
-}
-
-/* One id as an index list. */
-struct Ids {
-  char text[12];
-  explicit Ids(uint32_t id) { snprintf(text, sizeof text, "%u", id); }
-};
-
-template <auto kCall>
-int32_t on_block(void* block) {
-  return forward(kCall, block);
-}
-template <auto kCall>
-void clear_block(void* block) {
-  forward(kCall, block);
-}
-template <auto kCall>
-int32_t write_item(void* block, const void* item) {
-  return forward(kCall, block, item);
-}
-template <auto kCall, AreaId kArea>
-void erase_item(void* const* blocks, uint32_t id) {
-  forward(kCall, blocks[kArea], Ids(id).text);
-}
-template <auto kCall>
-void release_record(void* block, uint32_t position) {
-  forward_release(kCall, block, position);
-}
-
-template <class Block>
-Block* block_of(void* const* blocks, AreaId area) {
-  return static_cast<Block*>(blocks[area]);
-}
-
-void erase_ip_group(void* const* blocks, uint32_t id) {
-  DelIpGroupItem(block_of<IpGroupBlock>(blocks, kIpGroup),
-                 block_of<FwIpportBlock>(blocks, kFwIpport), block_of<QosBlock>(blocks, kQos),
-                 Ids(id).text);
-}
-
-void erase_time_group(void* const* blocks, uint32_t id) {
-  DelTimeGroupItem(block_of<TimeGroupBlock>(blocks, kTimeGroup),
-                   block_of<FwIpportBlock>(blocks, kFwIpport), block_of<FwMacBlock>(blocks, kFwMac),
-                   block_of<FwUrlBlock>(blocks, kFwUrl), block_of<QosBlock>(blocks, kQos),
-                   Ids(id).text);
-}
-
-int32_t claim_ap(void* block) {
-  ApLimitsRecord limits = {};
-  limits.max_ap_count = SC_ACCESS_POINTS;
-  return SC_Get_Ap_Info_Blank(static_cast<ManageApListBlock*>(block), &limits);
-}
-
-/* These are deleted by their MAC, of which the library takes the first record, used or not. One
- * that comes later, or has none, gets a MAC of its own before. */
-constexpr uint8_t kOwnMac[SC_MAC_BYTES] = {0x02, 0x5c, 0x6f, 0x77, 0x6e, 0x00};
-
-template <auto kFind, auto kDelete, class Block>
-void release_by_mac(Block* block, uint8_t* mac, uint32_t position) {
-  if (kFind(block, mac) != static_cast<int32_t>(position)) memcpy(mac, kOwnMac, sizeof kOwnMac);
-  kDelete(block, mac);
-}
-
-void release_ap(void* block, uint32_t position) {
-  auto* list = static_cast<ManageApListBlock*>(block);
-  release_by_mac<SC_Get_Ap_Info_By_Mac, SC_Del_Ap_Info_by_Mac>(list, list->aps[position].ap_mac,
-                                                               position);
-}
-
-void release_ap_user(void* block, uint32_t position) {
-  auto* list = static_cast<ApUserListBlock*>(block);
-  release_by_mac<SC_Get_ApUser_Info_By_Mac, SC_Del_ApUser_Info_by_Mac>(
-      list, list->users[position].user_mac, position);
-}
-
-template <auto kRelease, AreaId kArea>
-void erase_record(void* const* blocks, uint32_t id) {
-  kRelease(blocks[kArea], id - 1);
-}
-
-/* An AP that is bound to it would keep its name and id. */
-void erase_ap_template(void* const* blocks, uint32_t id) {
-  auto* block = block_of<ApTemplateListBlock>(blocks, kApTemplateList);
-  uint8_t mac[SC_MAC_BYTES];
-  memcpy(mac, block->templates[id - 1].bound_ap_mac, sizeof mac);
-  static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
-  if (memcmp(mac, kNobody, sizeof mac) != 0) {
-    SC_Del_Ap_Mac2Template_By_Id(block, block_of<ManageApListBlock>(blocks, kManageApList), id,
-                                 mac);
-  }
-  SC_Del_AP_Template_Info_By_Id(block, id - 1);
-}
-
-void release_ap_template(void* block, uint32_t position) {
-  SC_Del_AP_Template_Info_By_Id(static_cast<ApTemplateListBlock*>(block), position);
-}
-
-void clear_aps(void* block) { SC_Set_Ap_Info_Id2Zero(static_cast<ManageApListBlock*>(block)); }
-
-#define LIST_CALLS(area, list, blank, prefix, item)                                            \
-  {                                                                                            \
-    on_block<SC_Operate_System_List_##blank##_Blank>, write_item<prefix##Add##item##Item>,     \
-        write_item<prefix##Modify##item##Item>, erase_item<prefix##Del##item##Item, area>,     \
-        release_record<SC_Operate_System_List_##list>, clear_block<prefix##DelAll##item##Item> \
-  }
-#define GROUP_CALLS(list, item, erase)                                                        \
-  {                                                                                           \
-    on_block<SC_Operate_System_List_Get##list##_Blank>, write_item<Add##item##Item>,          \
-        write_item<Modify##item##Item>, erase, release_record<SC_Operate_System_List_##list>, \
-        clear_block<DelAll##item##Item>                                                       \
-  }
-
-/* DelAllIpFilterItem frees its first rule alone and writes over others: rules go one by one. */
-constexpr Calls kIpFilterCalls = {on_block<SC_Operate_System_List_GetFireWall_IpPort_Blank>,
-                                  write_item<AddIpFilterItem>,
-                                  write_item<ModifyIpFilterItem>,
-                                  erase_item<DelIpFilterItem, kFwIpport>,
-                                  release_record<SC_Operate_System_List_FireWall_IpPort>,
-                                  nullptr};
-
 /* ---- makers of tables ---- */
 
-constexpr uint32_t bit(AreaId area) { return 1u << area; }
-
-template <class Records, class Item, size_t kFieldCount>
+template <class Records, size_t kFieldCount>
 consteval Table list_table(const char* name, AreaId area, size_t at,
-                           const Field (&fields)[kFieldCount], Calls calls,
-                           const char* counter = nullptr, size_t counter_at = 0,
-                           size_t counter_size = 0, uint32_t needs = 0) {
+                           const Field (&fields)[kFieldCount], const char* counter = nullptr,
+                           size_t counter_at = 0, size_t counter_size = 0) {
   using Record = typename Element<Records>::Type;
   Table t = {};
   t.name = name;
@@ -404,26 +262,18 @@ consteval Table list_table(const char* name, AreaId area, size_t at,
   t.counter = counter;
   t.counter_at = static_cast<uint32_t>(counter_at);
   t.counter_size = static_cast<uint8_t>(counter_size);
-  t.item_size = sizeof(Item);
-  if constexpr (requires(Item i) { i.slot_id; }) {
-    t.item_id_at = offsetof(Item, slot_id);
-  } else {
-    t.item_id_at = offsetof(Item, id);
-  }
-  t.needs = bit(area) | needs;
   t.fields = fields;
   t.field_count = kFieldCount;
-  t.calls = calls;
   return t;
 }
-#define LIST(name, area, Block, records, of, calls, ...) \
-  list_table<decltype(Block::records), of::Item>(        \
-      name, area, offsetof(Block, records), of::kFields, Calls calls __VA_OPT__(, ) __VA_ARGS__)
+#define LIST(name, area, Block, records, of, ...)                              \
+  list_table<decltype(Block::records)>(name, area, offsetof(Block, records),   \
+                                       of::kFields __VA_OPT__(, ) __VA_ARGS__)
 #define COUNTER(Block, member) #member, offsetof(Block, member), sizeof(Block::member)
 
 template <class Records, size_t kFieldCount>
 consteval Table id_table(const char* name, AreaId area, size_t at, size_t id_at,
-                         const Field (&fields)[kFieldCount], Calls calls, uint32_t needs = 0) {
+                         const Field (&fields)[kFieldCount]) {
   using Record = typename Element<Records>::Type;
   Table t = {};
   t.name = name;
@@ -433,15 +283,13 @@ consteval Table id_table(const char* name, AreaId area, size_t at, size_t id_at,
   t.capacity = sizeof(Records) / sizeof(Record);
   t.lock_at = offsetof(Record, lock_index);
   t.id_at = static_cast<int16_t>(id_at);
-  t.needs = bit(area) | needs;
   t.fields = fields;
   t.field_count = kFieldCount;
-  t.calls = calls;
   return t;
 }
-#define ID_TABLE(name, area, Block, records, of, id, ...)                  \
+#define ID_TABLE(name, area, Block, records, of, id)                       \
   id_table<decltype(Block::records)>(name, area, offsetof(Block, records), \
-                                     offsetof(of::Record, id), of::kFields, __VA_ARGS__)
+                                     offsetof(of::Record, id), of::kFields)
 
 template <class Bytes, size_t kAhead>
 consteval Table settings(const char* name, AreaId area, size_t at, uint16_t count = 1) {
@@ -454,7 +302,6 @@ consteval Table settings(const char* name, AreaId area, size_t at, uint16_t coun
   t.capacity = count;
   t.lock_at = kAhead > 0 ? 0 : -1;
   t.id_at = -1;
-  t.needs = bit(area);
   t.fields = kSettings<Bytes, kAhead>;
   t.field_count = 1;
   return t;
@@ -475,9 +322,17 @@ int init_and_read() {
     return kCall();
   }
 }
+template <class Result, class Block>
+Result on_block(Result (*call)(Block*), void* block) {
+  return call(static_cast<Block*>(block));
+}
 template <auto kCall>
 int read_block(void* block) {
-  return forward(kCall, block);
+  return on_block(kCall, block);
+}
+template <auto kCall>
+void save_block(void* block) {
+  on_block(kCall, block);
 }
 
 }  // namespace
@@ -488,7 +343,7 @@ int read_block(void* block) {
   init_and_read<SC_Init_System_##name##_Config>
 #define AREA(name) \
   {#name, AREA_LIFE(name), read_block<SC_Read_System_##name##_Config>, \
-   SC_Save_System_##name##_Config, clear_block<SC_Save_System_##name##_Config2Flash>}
+   SC_Save_System_##name##_Config, save_block<SC_Save_System_##name##_Config2Flash>}
 
 constexpr Area kAreas[kAreaCount] = {
   AREA(Lan),
@@ -510,19 +365,12 @@ constexpr Area kAreas[kAreaCount] = {
   AREA(Clients),
 };
 
-constexpr uint32_t kIpGroupRules = bit(kFwIpport) | bit(kQos);
-constexpr uint32_t kTimeGroupRules = kIpGroupRules | bit(kFwMac) | bit(kFwUrl);
-
-/* Groups before the rules that refer to them: an import makes them in this order. The tables of one
- * area stand in the order of its lock words. */
+/* Groups before the rules that refer to them: an import writes records in this order and deletes in
+ * the opposite one. The tables of one area stand in the order of its lock words. */
 constexpr Table kTables[kTableCount] = {
   SETTINGS("lan_settings", kLan, LanBlock, lan_settings),
-  LIST("lan_binds", kLan, LanBlock, lan_binds, dhcp,
-       LIST_CALLS(kLan, DhcpdBind, GetDhcpdBind, , DhcpStatic),
-       COUNTER(LanBlock, lan_bind_count)),
-  LIST("ac_binds", kLan, LanBlock, ac_binds, dhcp,
-       LIST_CALLS(kLan, AC_DhcpdBind, AC_GetDhcpdBind, AC_, DhcpStatic),
-       COUNTER(LanBlock, ac_bind_count)),
+  LIST("lan_binds", kLan, LanBlock, lan_binds, dhcp, COUNTER(LanBlock, lan_bind_count)),
+  LIST("ac_binds", kLan, LanBlock, ac_binds, dhcp, COUNTER(LanBlock, ac_bind_count)),
   settings<decltype(WanSection::settings), offsetof(WanSection, settings)>(
       "wan", kWan, offsetof(WanBlock, sections), 4),
   SETTINGS("wan_rest", kWan, WanBlock, spare_3976),
@@ -532,41 +380,23 @@ constexpr Table kTables[kTableCount] = {
   SECTION("misc_3", kMisc, MiscBlock, lock_index_1416, settings_1420),
   SECTION("misc_4", kMisc, MiscBlock, lock_index_1944, settings_1948),
   SECTION("misc_5", kMisc, MiscBlock, lock_index_2500, settings_2504),
-  LIST("ip_groups", kIpGroup, IpGroupBlock, groups, ip_group,
-       GROUP_CALLS(UserIpGroup, IpGroup, erase_ip_group),
-       COUNTER(IpGroupBlock, group_count), kIpGroupRules),
+  LIST("ip_groups", kIpGroup, IpGroupBlock, groups, ip_group, COUNTER(IpGroupBlock, group_count)),
   LIST("time_groups", kTimeGroup, TimeGroupBlock, groups, time_group,
-       GROUP_CALLS(UserTimeGroup, TimeGroup, erase_time_group),
-       COUNTER(TimeGroupBlock, group_count), kTimeGroupRules),
+       COUNTER(TimeGroupBlock, group_count)),
   LIST("port_forward", kVsIpport, VsIpportBlock, rules, port_forward,
-       LIST_CALLS(kVsIpport, ForwordIpPort, GetForwordIpPort, , PortFw),
        COUNTER(VsIpportBlock, rule_count)),
   LIST("ip_filter", kFwIpport, FwIpportBlock, rules, ip_filter,
-       (kIpFilterCalls), COUNTER(FwIpportBlock, rule_count)),
-  LIST("mac_filter", kFwMac, FwMacBlock, rules, mac_filter,
-       LIST_CALLS(kFwMac, FireWall_Mac, GetFireWall_Mac, , MacFilter),
-       COUNTER(FwMacBlock, rule_count)),
-  LIST("url_filter", kFwUrl, FwUrlBlock, rules, url_filter,
-       LIST_CALLS(kFwUrl, FireWall_Url, GetFireWall_Url, , UrlFilter),
-       COUNTER(FwUrlBlock, rule_count)),
-  LIST("qos", kQos, QosBlock, rules, qos,
-       LIST_CALLS(kQos, QosRule, GetQosRule, , Qos),
-       COUNTER(QosBlock, rule_count)),
-  ID_TABLE("aps", kManageApList, ManageApListBlock, aps, ap, ap_id,
-           {claim_ap, nullptr, nullptr, erase_record<release_ap, kManageApList>, release_ap,
-            clear_aps}),
-  ID_TABLE("ap_users", kApUserList, ApUserListBlock, users, ap_user, user_id,
-           {on_block<SC_Get_ApUser_Info_Blank>, nullptr, nullptr,
-            erase_record<release_ap_user, kApUserList>, release_ap_user, nullptr}),
+       COUNTER(FwIpportBlock, rule_count)),
+  LIST("mac_filter", kFwMac, FwMacBlock, rules, mac_filter, COUNTER(FwMacBlock, rule_count)),
+  LIST("url_filter", kFwUrl, FwUrlBlock, rules, url_filter, COUNTER(FwUrlBlock, rule_count)),
+  LIST("qos", kQos, QosBlock, rules, qos, COUNTER(QosBlock, rule_count)),
+  ID_TABLE("aps", kManageApList, ManageApListBlock, aps, ap, ap_id),
+  ID_TABLE("ap_users", kApUserList, ApUserListBlock, users, ap_user, user_id),
   ID_TABLE("ap_templates", kApTemplateList, ApTemplateListBlock, templates, ap_template,
-           template_id,
-           {on_block<SC_Get_AP_Template_Info_Blank>, nullptr, nullptr, erase_ap_template,
-            release_ap_template, nullptr}, bit(kManageApList)),
+           template_id),
   SETTINGS("default_template", kDefApTemplate, DefApTemplateBlock, settings),
-  LIST("client_groups", kClientsGroups, ClientsGroupsBlock, groups, client_group,
-       LIST_CALLS(kClientsGroups, ClientsGroups, GetClientsGroups, , ClientsGroups)),
-  LIST("clients", kClients, ClientsBlock, clients, client,
-       LIST_CALLS(kClients, Clients, GetClients, , Clients)),
+  LIST("client_groups", kClientsGroups, ClientsGroupsBlock, groups, client_group),
+  LIST("clients", kClients, ClientsBlock, clients, client),
 };
 
 constexpr Reference kReferences[kReferenceCount] = {

@@ -64,18 +64,6 @@ struct Field {
   bool add_only; /* a modify leaves it */
 };
 
-/* The calls that change a list or an access-point table. */
-struct Calls {
-  int32_t (*claim)(void* block); /* the lowest free record; position or -1 */
-  int32_t (*add)(void* block, const void* item);
-  int32_t (*modify)(void* block, const void* item);
-  /* Deletes the record with what refers to it; blocks are those of all areas. */
-  void (*erase)(void* const* blocks, uint32_t id);
-  /* Frees a claimed record, nothing else. */
-  void (*release)(void* block, uint32_t position);
-  void (*clear)(void* block); /* null: by erasing every record */
-};
-
 struct Table {
   const char* name;
   AreaId area;
@@ -88,12 +76,8 @@ struct Table {
   uint8_t counter_size;
   uint32_t counter_at;
   const char* counter; /* null: none */
-  uint16_t item_size;
-  uint16_t item_id_at;
-  uint32_t needs; /* areas, as bits, that a deletion reaches into */
   const Field* fields;
   uint16_t field_count;
-  Calls calls; /* without claim: settings */
 
   const Field* begin() const { return fields; }
   const Field* end() const { return fields + field_count; }
@@ -102,7 +86,8 @@ struct Table {
 constexpr int kTableCount = 24;
 extern const Table kTables[kTableCount];
 
-/* A rule's reference to a group: it counts when the mode is 1, for time groups also at 2. */
+/* A rule's reference to a group: it counts when the mode is 1, for time groups also at 2. With the
+ * group go the rules of the last mode. */
 struct Reference {
   const char* table;
   const char* mode;

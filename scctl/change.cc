@@ -14,8 +14,9 @@ namespace scctl {
 
 namespace {
 
-/* The assignments from a word on. */
-int parse_assignments(const Call& call, int first, const Table& table, uint8_t* record) {
+/* The assignments behind the first word, and which fields they name. */
+int parse_assignments(const Call& call, const Table& table, uint8_t* record, Mask* mask) {
+  constexpr int first = 1;
   for (int n = first; n < call.word_count; ++n) {
     const char* word = call.words[n];
     const Field* field;
@@ -27,6 +28,7 @@ int parse_assignments(const Call& call, int first, const Table& table, uint8_t* 
       if (strncmp(call.words[before], word, name) != 0) continue;
       return fail(kUsage, "%s.%s stands twice", table.name, field->name);
     }
+    mask->add(*field);
   }
   return kOk;
 }
@@ -40,13 +42,11 @@ int run_add(Call& call) {
   }
   const Table& table = *target.table;
   Buffer record(table.stride);
-  if (const int status = parse_assignments(call, 1, table, record.data()); status != kOk) {
+  Mask mask(table);
+  if (const int status = parse_assignments(call, table, record.data(), &mask); status != kOk) {
     return status;
   }
-  if (const int status = call.source.need(table.area); status != kOk) return status;
-  Snapshot now(table);
-  now.take(call.source);
-  const int status = add_record(call.source, &now, record.data(), &target.id);
+  const int status = add_record(call.source, table, record.data(), &target.id);
   if (status == kOk) printf("added %s/%u\n", table.name, target.id);
   return status;
 }
@@ -57,37 +57,25 @@ int run_set(Call& call) {
     return status;
   }
   const Table& table = *target.table;
-  if (const int status = call.source.need(table.area); status != kOk) return status;
-  Snapshot now(table);
-  now.take(call.source, target.id - 1);
   Buffer record(table.stride);
-  memcpy(record.data(), now.record(target.id - 1), table.stride);
-  if (const int status = parse_assignments(call, 1, table, record.data()); status != kOk) {
+  Mask mask(table);
+  if (const int status = parse_assignments(call, table, record.data(), &mask); status != kOk) {
     return status;
   }
-  return modify_record(call.source, table, now.record(target.id - 1), record.data(), target.id);
+  return set_record(call.source, table, target.id, record.data(), mask);
 }
 
 int run_del(Call& call) {
-  Target target;
+  Buffer room(static_cast<size_t>(call.word_count) * sizeof(Doomed));
+  auto* doomed = reinterpret_cast<Doomed*>(room.data());
   for (int n = 0; n < call.word_count; ++n) {
+    Target target;
     if (const int status = parse_target(call.words[n], kWithId, &target); status != kOk) {
       return status;
     }
-    if (const int status = call.source.need(target.table->area); status != kOk) return status;
-    Snapshot now(*target.table);
-    now.take(call.source, target.id - 1);
-    if (!now.used(target.id - 1)) {
-      return fail(kRefused, "%s/%u is free", target.table->name, target.id);
-    }
+    doomed[n] = {target.table, target.id};
   }
-  for (int n = 0; n < call.word_count; ++n) {
-    parse_target(call.words[n], kWithId, &target);
-    if (const int status = delete_record(call.source, *target.table, target.id); status != kOk) {
-      return status;
-    }
-  }
-  return kOk;
+  return delete_records(call.source, doomed, call.word_count);
 }
 
 int run_clear(Call& call) {
@@ -95,13 +83,14 @@ int run_clear(Call& call) {
   if (const int status = parse_target(call.words[0], kTableAlone, &target); status != kOk) {
     return status;
   }
-  if (const int status = call.source.need(target.table->area); status != kOk) return status;
   return clear_table(call.source, *target.table);
 }
 
 /* ---- binding ---- */
 
 namespace {
+
+constexpr uint32_t kBindingAreas = bit(kApTemplateList) | bit(kManageApList);
 
 struct Binding {
   ApTemplateListBlock* templates;
@@ -121,17 +110,15 @@ int parse_used(Call& call, const char* word, const char* table, Target* target) 
   if (strcmp(target->table->name, table) != 0) {
     return fail(kRefused, "%s is no record of %s", word, table);
   }
-  Snapshot now(*target->table);
-  now.take(call.source, target->id - 1);
-  return now.used(target->id - 1) ? kOk : fail(kRefused, "%s/%u is free", table, target->id);
+  const uint8_t* record = call.source.block(target->table->area) + target->table->at +
+                          (target->id - 1) * target->table->stride;
+  return is_used(*target->table, record) ? kOk
+                                         : fail(kRefused, "%s/%u is free", table, target->id);
 }
 
-int parse_binding(Call& call, Binding* binding) {
-  constexpr AreaId kNeeded[] = {kApTemplateList, kManageApList};
-  for (const AreaId area : kNeeded) {
-    if (const int status = call.source.need(area); status != kOk) return status;
-    if (const int status = check_lock(call.source, area); status != kOk) return status;
-  }
+/* Both areas are the edit's. */
+int parse_binding(Call& call, Edit& edit, Binding* binding) {
+  if (const int status = edit.begin(kBindingAreas); status != kOk) return status;
   Target target;
   if (const int status = parse_used(call, call.words[0], "ap_templates", &target); status != kOk) {
     return status;
@@ -144,17 +131,24 @@ int parse_binding(Call& call, Binding* binding) {
   return kOk;
 }
 
-/* Both areas have changed. */
-void notify_binding() {
-  SC_Save_System_ApTemplateList_Config();
-  SC_Save_System_ManageApList_Config();
+/* The library takes both records' bytes, the template's first. */
+using BindingCall = int32_t(ApTemplateListBlock*, ManageApListBlock*, uint32_t, const uint8_t*);
+
+void change_binding(Edit& edit, const Binding& binding, const uint8_t* mac, BindingCall* call) {
+  {
+    Quiet quiet;
+    call(binding.templates, binding.aps, binding.template_id, mac);
+  }
+  edit.set_changed(kApTemplateList);
+  edit.set_changed(kManageApList);
 }
 
 }  // namespace
 
 int run_bind(Call& call) {
+  Edit edit(call.source);
   Binding binding;
-  if (const int status = parse_binding(call, &binding); status != kOk) return status;
+  if (const int status = parse_binding(call, edit, &binding); status != kOk) return status;
   Target ap;
   if (const int status = parse_used(call, call.words[1], "aps", &ap); status != kOk) return status;
   const ApInfoRecord& record = binding.aps->aps[ap.id - 1];
@@ -168,19 +162,16 @@ int run_bind(Call& call) {
     return fail(kRefused, "%s is bound to ap_templates/%u; scctl unbind that first", call.words[1],
                 record.group_id);
   }
-  Quiet quiet;
-  SC_Add_Ap_Mac2Template_By_Id(binding.templates, binding.aps, binding.template_id, mac);
-  notify_binding();
+  change_binding(edit, binding, mac, SC_Add_Ap_Mac2Template_By_Id);
   return kOk;
 }
 
 int run_unbind(Call& call) {
+  Edit edit(call.source);
   Binding binding;
-  if (const int status = parse_binding(call, &binding); status != kOk) return status;
+  if (const int status = parse_binding(call, edit, &binding); status != kOk) return status;
   if (!binding.is_bound()) return fail(kRefused, "%s is not bound", call.words[0]);
-  Quiet quiet;
-  SC_Del_Ap_Mac2Template_By_Id(binding.templates, binding.aps, binding.template_id, binding.bound);
-  notify_binding();
+  change_binding(edit, binding, binding.bound, SC_Del_Ap_Mac2Template_By_Id);
   return kOk;
 }
 

@@ -1,32 +1,284 @@
-/* Adding, modifying, deleting and clearing. */
+/* Locks of an edit, the three ways to write a record, and what single commands make of them. */
 #include "edit.h"
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <sysconfig/ap.h>
 #include <sysconfig/core.h>
 
+#include "core/bytes.h"
 #include "value.h"
 
 namespace scctl {
 
-int check_lock(Source& live, AreaId id) {
-  const Area& area = kAreas[id];
-  const Path path = lock_path(area);
-  const char* own = static_cast<const char*>(live.blocks()[id]) + area.facts().header.path_at;
-  if (strncmp(own, path.text,
-              static_cast<size_t>(area.facts().header.index_at - area.facts().header.path_at)) !=
-      0) {
-    return fail(kRefused, "area %s is damaged; scctl check tells more", area.name);
+using sc::load;
+using sc::store;
+
+/* ---- masks ---- */
+
+void Mask::add(const Field& field) { memset(bytes_.data() + field.record_at, 1, field.size); }
+
+void Mask::add_differences(const uint8_t* one, const uint8_t* other) {
+  for (const Field& field : table_) {
+    if (equal(field, one, other)) continue;
+    if (field.kind != Kind::kBytes) {
+      add(field);
+      continue;
+    }
+    for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
+      if (one[at] != other[at]) bytes_.data()[at] = 1;
+    }
   }
-  const int file = open(path.text, O_RDWR | O_CLOEXEC);
-  if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
-  close(file);
+}
+
+void Mask::add_all_fields() {
+  for (const Field& field : table_) add(field);
+}
+
+bool Mask::empty() const { return memchr(bytes_.data(), 1, table_.stride) == nullptr; }
+
+/* ---- locks ---- */
+
+namespace {
+
+constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
+
+volatile sig_atomic_t g_interrupted;
+
+void interrupt(int) { g_interrupted = 1; }
+
+/* Waits for a byte. An answer that there would be a deadlock is no lock: it is asked again. */
+bool lock_byte(int file, uint32_t byte) {
+  constexpr timespec kPause = {0, 1000000};
+  while (g_interrupted == 0) {
+    if (sc_lock_reg(file, F_SETLKW, F_WRLCK, static_cast<off_t>(byte), SEEK_SET, 1) == 0) {
+      return true;
+    }
+    if (errno == EDEADLK)
+      nanosleep(&kPause, nullptr);
+    else if (errno != EINTR)
+      return false;
+  }
+  errno = EINTR;
+  return false;
+}
+
+void unlock_byte(int file, uint32_t byte) {
+  sc_lock_reg(file, F_SETLK, F_UNLCK, static_cast<off_t>(byte), SEEK_SET, 1);
+}
+
+int refuse_damaged(const Area& area) {
+  return fail(kRefused, "area %s is damaged; scctl check %s tells more", area.name, area.name);
+}
+
+int check_header(const Area& area, const uint8_t* block) {
+  const auto& header = area.facts().header;
+  const bool good = strncmp(reinterpret_cast<const char*>(block) + header.path_at,
+                            lock_path(area).text,
+                            static_cast<size_t>(header.index_at - header.path_at)) == 0 &&
+                    load<int32_t>(block + header.index_at) == 1;
+  return good ? kOk : refuse_damaged(area);
+}
+
+}  // namespace
+
+Edit::Edit(Source& live) : live_(live) {
+  g_interrupted = 0;
+  for (int n = 0; n < 3; ++n) {
+    struct sigaction action = {}, was;
+    action.sa_handler = interrupt; /* without SA_RESTART: a wait ends */
+    sigaction(kEndingSignals[n], nullptr, &was);
+    handlers_[n] = was.sa_handler;
+    if (was.sa_handler != SIG_IGN) sigaction(kEndingSignals[n], &action, nullptr);
+  }
+}
+
+Edit::~Edit() { end(); }
+
+int Edit::begin(uint32_t areas) {
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto id = static_cast<AreaId>(n);
+    if ((areas & bit(id)) == 0) continue;
+    const Area& area = kAreas[id];
+    if (const int status = live_.need(id); status != kOk) return status;
+    if (const int status = check_header(area, live_.block(id)); status != kOk) return status;
+    const Path path = lock_path(area);
+    const int file = open(path.text, O_RDWR | O_CLOEXEC);
+    if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
+    g_lock_files[id] = file;
+    held_ |= bit(id);
+    if (!lock_byte(file, 0)) {
+      return fail(kRefused, "%s cannot be locked: %s", path.text, strerror(errno));
+    }
+  }
   return kOk;
 }
+
+void Edit::end() {
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto id = static_cast<AreaId>(n);
+    if ((held_ & bit(id)) == 0) continue;
+    close(g_lock_files[id]);
+    g_lock_files[id] = 0;
+  }
+  held_ = 0;
+  for (int n = 0; n < 3; ++n) signal(kEndingSignals[n], handlers_[n]);
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto id = static_cast<AreaId>(n);
+    if ((changed_ & bit(id)) == 0 || kAreas[id].notify == nullptr) continue;
+    Quiet quiet;
+    kAreas[id].notify();
+  }
+  changed_ = 0;
+}
+
+/* Holds the byte that a record's own lock word names, or the area's where there is no word. */
+class RecordLock {
+ public:
+  RecordLock(Edit& edit, const Table& table, uint32_t position)
+      : file_(g_lock_files[table.area]), byte_(lock_index_of(table, position)) {
+    const uint8_t* record = record_of(edit, table, position);
+    if (table.lock_at >= 0 && load<uint32_t>(record + table.lock_at) != byte_) {
+      fail(kRefused, "%s/%u: its lock word is damaged; scctl check %s tells more", table.name,
+           position + 1, kAreas[table.area].name);
+      return;
+    }
+    held_ = lock_byte(file_, byte_);
+    if (!held_) {
+      fail(kRefused, "%s/%u cannot be locked: %s", table.name, position + 1, strerror(errno));
+    }
+  }
+  ~RecordLock() {
+    if (held_) unlock_byte(file_, byte_);
+  }
+  RecordLock(const RecordLock&) = delete;
+  RecordLock& operator=(const RecordLock&) = delete;
+  explicit operator bool() const { return held_; }
+
+  static uint8_t* record_of(Edit& edit, const Table& table, uint32_t position) {
+    return edit.live_.block(table.area) + table.at + position * table.stride;
+  }
+
+ private:
+  int file_;
+  uint32_t byte_;
+  bool held_ = false;
+};
+
+/* ---- writing ---- */
+
+namespace {
+
+/* Runs of bytes at once, as the library copies fields. */
+void copy_masked(uint8_t* to, const uint8_t* from, const Mask& mask, uint32_t size) {
+  const uint8_t* bytes = mask.bytes();
+  for (uint32_t at = 0; at < size;) {
+    uint32_t end = at;
+    while (end < size && bytes[end] != 0) ++end;
+    memcpy(to + at, from + at, end - at);
+    at = end + 1;
+  }
+}
+
+/* Counters are aligned, and changed without a lock in one atomic step. */
+void count(const Table& table, uint8_t* block, int change) {
+  void* counter = block + table.counter_at;
+  if (table.counter_size == 2) {
+    __atomic_fetch_add(static_cast<uint16_t*>(counter), static_cast<uint16_t>(change),
+                       __ATOMIC_RELAXED);
+  } else if (table.counter_size == 4) {
+    __atomic_fetch_add(static_cast<uint32_t*>(counter), static_cast<uint32_t>(change),
+                       __ATOMIC_RELAXED);
+  }
+}
+
+bool is_id_table(const Table& table) { return table.free == 0; }
+
+}  // namespace
+
+Written Edit::add(const Table& table, uint32_t position, const uint8_t* record) {
+  const RecordLock lock(*this, table, position);
+  if (!lock) return Written::kFailed;
+  uint8_t* to = RecordLock::record_of(*this, table, position);
+  uint8_t* id = to + table.id_at;
+  if (is_id_table(table)) {
+    /* Others claim without a lock. */
+    uint32_t free = 0;
+    if (!__atomic_compare_exchange_n(reinterpret_cast<uint32_t*>(id), &free, position + 1, false,
+                                     __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+      return Written::kNotFree;
+    }
+  } else if (load<int32_t>(id) != table.free) {
+    return Written::kNotFree;
+  }
+  changed_ |= bit(table.area);
+  for (const Field& field : table) {
+    memcpy(to + field.record_at, record + field.record_at, field.size);
+  }
+  if (!is_id_table(table)) {
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    store(id, position + 1);
+    count(table, live_.block(table.area), 1);
+  }
+  return Written::kDone;
+}
+
+Written Edit::change(const Table& table, uint32_t position, const uint8_t* record,
+                     const Mask& mask) {
+  const RecordLock lock(*this, table, position);
+  if (!lock) return Written::kFailed;
+  uint8_t* to = RecordLock::record_of(*this, table, position);
+  if (!is_used(table, to)) return Written::kNotUsed;
+  changed_ |= bit(table.area);
+  copy_masked(to, record, mask, table.stride);
+  return Written::kDone;
+}
+
+Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expected) {
+  const RecordLock lock(*this, table, position);
+  if (!lock) return Written::kFailed;
+  uint8_t* record = RecordLock::record_of(*this, table, position);
+  uint8_t* id = record + table.id_at;
+  if (!is_used(table, record)) return Written::kNotUsed;
+  for (const Field& field : table) {
+    if (expected != nullptr && !equal(field, record, expected)) return Written::kChanged;
+  }
+  changed_ |= bit(table.area);
+  if (is_id_table(table)) {
+    /* The id is cleared last, so nobody can claim a record that is half cleared. */
+    constexpr uint32_t kWord = sizeof(uint32_t);
+    const auto id_at = static_cast<uint32_t>(table.id_at);
+    memset(record + kWord, 0, id_at - kWord);
+    memset(id + kWord, 0, table.stride - id_at - kWord);
+    __atomic_store_n(reinterpret_cast<uint32_t*>(id), 0, __ATOMIC_RELEASE);
+    return Written::kDone;
+  }
+  store<int32_t>(id, table.free);
+  for (const Field& field : table) {
+    if (field.add_only) memset(record + field.record_at, 0, field.size);
+  }
+  count(table, live_.block(table.area), -1);
+  return Written::kDone;
+}
+
+int fail_written(const Table& table, uint32_t id, Written written) {
+  const char* what = nullptr;
+  switch (written) {
+    case Written::kNotFree: what = "used"; break;
+    case Written::kNotUsed: what = "deleted"; break;
+    case Written::kChanged: what = "changed"; break;
+    default: return kRefused;
+  }
+  return fail(kRefused, "%s/%u was %s by another program meanwhile", table.name, id, what);
+}
+
+/* ---- commands ---- */
 
 namespace {
 
@@ -41,232 +293,185 @@ int refuse_clash(const Snapshot& now, const uint8_t* record, int skip) {
               other + 1);
 }
 
-/* The reasons that these checks know are told before. */
-int refused(const Table& table, int32_t result) {
-  return fail(kRefused, "%s: the library refused the record (%d)", table.name, result);
+int refuse_section(const Table& table) {
+  return fail(kRefused, "%s is always there; scctl set changes it", table.name);
 }
 
-int is_full(const Table& table) {
-  return fail(kRefused, "%s is full (%d records)", table.name, table.capacity);
-}
-
-/* The library announces changes of lists itself. */
-void announce(const Table& table) {
-  const Area& area = kAreas[table.area];
-  if (table.calls.modify != nullptr || area.notify == nullptr) return;
-  Quiet quiet;
-  area.notify();
-}
-
-/* A record that belongs to the programs, under its lock: all fields, or those that are not what
- * they were. */
-void write_fields(Source& live, const Table& table, const uint8_t* was, const uint8_t* record,
-                  uint32_t position) {
-  const int file = open(lock_path(kAreas[table.area]).text, O_RDWR | O_CLOEXEC);
-  const auto byte = static_cast<off_t>(lock_index_of(table, position));
-  uint8_t* to = live.block(table.area) + table.at + position * table.stride;
-  sc_lock_reg(file, F_SETLKW, F_WRLCK, byte, SEEK_SET, 1);
-  for (const Field& field : table) {
-    if (was != nullptr && equal(field, was, record)) continue;
-    memcpy(to + field.record_at, record + field.record_at, field.size);
-  }
-  sc_lock_reg(file, F_SETLK, F_UNLCK, byte, SEEK_SET, 1);
-  close(file);
-  announce(table);
-}
-
-/* Free records below one that is wanted, held meanwhile, so that the lowest free one is this. While
- * they are held they have keys that nobody has. */
-class Holes {
- public:
-  Holes(Source& live, const Table& table) : live_(live), table_(table) {}
-
-  void hold_below(uint32_t id) {
-    Buffer record(table_.stride);
-    Buffer item(table_.item_size + 1u);
-    Quiet quiet;
-    for (uint32_t position = 0; position + 1 < id; ++position) {
-      const uint8_t* own = at(position);
-      if (is_used(table_, own)) continue;
-      const int32_t claimed = table_.calls.claim(live_.block(table_.area));
-      if (claimed < 0) return;
-      held_.data()[claimed] = 1;
-      if (table_.calls.modify == nullptr) continue;
-      for (const Field& field : table_) {
-        if (field.clash == Clash::kNone) continue;
-        char* key = reinterpret_cast<char*>(record.data()) + field.record_at;
-        snprintf(key, field.size, field.size > 8 ? "\x01hole %d" : "%03d", claimed + 1);
-      }
-      to_item(table_, record.data(), static_cast<uint32_t>(claimed) + 1, item.data());
-      table_.calls.modify(live_.block(table_.area), item.data());
-    }
-  }
-
-  ~Holes() {
-    Buffer item(table_.item_size + 1u);
-    Quiet quiet;
-    for (uint32_t position = 0; position < table_.capacity; ++position) {
-      if (held_.data()[position] == 0) continue;
-      if (table_.calls.modify != nullptr) {
-        const Buffer empty(table_.stride);
-        to_item(table_, empty.data(), position + 1, item.data());
-        table_.calls.modify(live_.block(table_.area), item.data());
-      }
-      table_.calls.release(live_.block(table_.area), position);
-    }
-  }
-  Holes(const Holes&) = delete;
-  Holes& operator=(const Holes&) = delete;
-
- private:
-  const uint8_t* at(uint32_t position) {
-    return live_.block(table_.area) + table_.at + position * table_.stride;
-  }
-
-  Source& live_;
-  const Table& table_;
-  Buffer held_{table_.capacity};
-};
-
-/* The library does not tell which record it took: it is the one that was free and has these values
- * now. 0 when it is gone again. */
-uint32_t find_added(Source& live, const Snapshot& before, const uint8_t* record) {
-  const Table& table = before.table();
-  const uint8_t* own = live.block(table.area) + table.at;
-  for (uint32_t position = 0; position < table.capacity; ++position, own += table.stride) {
-    if (before.used(position) || !is_used(table, own)) continue;
-    bool same = true;
-    for (const Field& field : table) same = same && equal(field, own, record);
-    if (same) return position + 1;
-  }
-  return 0;
+int refuse_free(const Table& table, uint32_t id) {
+  return fail(kRefused, "%s/%u is free; scctl add %s/%u makes it", table.name, id, table.name, id);
 }
 
 }  // namespace
 
-int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id) {
-  const Table& table = now->table();
-  if (is_section(table)) {
-    return fail(kRefused, "%s is always there; scctl set changes it", table.name);
-  }
-  if (*id != 0 && now->used(*id - 1)) {
-    return fail(kRefused, "%s/%u is used; scctl set changes it", table.name, *id);
-  }
-  if (now->count() == table.capacity) return is_full(table);
-  if (const int status = refuse_clash(*now, record, -1); status != kOk) return status;
-  if (const int status = check_lock(live, table.area); status != kOk) return status;
-
-  int32_t result = SC_LIST_OK;
-  {
-    Holes holes(live, table);
-    holes.hold_below(*id);
-    if (table.calls.add == nullptr) {
-      const int32_t claimed = table.calls.claim(live.block(table.area));
-      if (claimed < 0) return is_full(table);
-      write_fields(live, table, nullptr, record, static_cast<uint32_t>(claimed));
-    } else {
-      Buffer item(table.item_size);
-      to_item(table, record, 0, item.data());
-      Quiet quiet;
-      result = table.calls.add(live.block(table.area), item.data());
-    }
-  }
-  if (result != SC_LIST_OK) return refused(table, result);
-  const uint32_t added = find_added(live, *now, record);
-  if (added == 0 || (*id != 0 && added != *id)) {
-    return fail(kRefused, "%s/%u was taken by another program; the record is %s/%u now", table.name,
-                *id, table.name, added);
-  }
-  *id = added;
-  memcpy(now->put(added - 1), record, table.stride);
-  return kOk;
-}
-
-int modify_record(Source& live, const Table& table, const uint8_t* was, const uint8_t* wanted,
-                  uint32_t id) {
+int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t* id) {
+  if (is_section(table)) return refuse_section(table);
+  Edit edit(live);
+  if (const int status = edit.begin(bit(table.area)); status != kOk) return status;
   Snapshot now(table);
   now.take(live);
-  if (!now.used(id - 1)) {
-    return fail(kRefused, "%s/%u is free; scctl add %s/%u makes it", table.name, id, table.name,
-                id);
+  if (*id != 0 && now.used(*id - 1)) {
+    return fail(kRefused, "%s/%u is used; scctl set changes it", table.name, *id);
   }
-  Buffer record(table.stride);
-  memcpy(record.data(), now.record(id - 1), table.stride);
+  if (const int status = refuse_clash(now, record, -1); status != kOk) return status;
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    if (now.used(position) || (*id != 0 && *id != position + 1)) continue;
+    const Written written = edit.add(table, position, record);
+    if (written == Written::kNotFree && *id == 0) continue;
+    if (written != Written::kDone) return fail_written(table, position + 1, written);
+    *id = position + 1;
+    return kOk;
+  }
+  return fail(kRefused, "%s is full (%u records)", table.name, table.capacity);
+}
+
+int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* record,
+               const Mask& mask) {
+  Edit edit(live);
+  if (const int status = edit.begin(bit(table.area)); status != kOk) return status;
+  bool has_key = false;
+  for (const Field& field : table) has_key |= mask.has(field) && field.clash != Clash::kNone;
+  Snapshot now(table);
+  if (has_key)
+    now.take(live);
+  else
+    now.take(live, id - 1);
+  if (!now.used(id - 1)) return refuse_free(table, id);
+  Buffer wanted(table.stride);
+  memcpy(wanted.data(), now.record(id - 1), table.stride);
   for (const Field& field : table) {
-    if (equal(field, was, wanted)) continue;
-    if (field.add_only) {
+    if (!mask.has(field)) continue;
+    if (field.add_only && !equal(field, wanted.data(), record)) {
       return fail(kRefused, "%s.%s is written by add alone; delete %s/%u and add it", table.name,
                   field.name, table.name, id);
     }
-    memcpy(record.data() + field.record_at, wanted + field.record_at, field.size);
+    memcpy(wanted.data() + field.record_at, record + field.record_at, field.size);
   }
-  if (const int status = refuse_clash(now, record.data(), static_cast<int>(id - 1));
-      status != kOk) {
-    return status;
+  if (has_key) {
+    if (const int status = refuse_clash(now, wanted.data(), static_cast<int>(id - 1));
+        status != kOk) {
+      return status;
+    }
   }
-  if (const int status = check_lock(live, table.area); status != kOk) return status;
-  if (table.calls.modify == nullptr) {
-    write_fields(live, table, was, wanted, id - 1);
-    return kOk;
-  }
-  Buffer item(table.item_size);
-  to_item(table, record.data(), id, item.data());
-  int32_t result;
-  {
-    Quiet quiet;
-    result = table.calls.modify(live.block(table.area), item.data());
-  }
-  return result == SC_LIST_OK ? kOk : refused(table, result);
+  const Written written = edit.change(table, id - 1, record, mask);
+  return written == Written::kDone ? kOk : fail_written(table, id, written);
 }
+
+/* ---- deletion ---- */
 
 namespace {
 
-/* The areas that a deletion reaches into. */
-int need_all(Source& live, const Table& table) {
-  for (int area = 0; area < kAreaCount; ++area) {
-    if ((table.needs >> area & 1) == 0) continue;
-    if (g_file != nullptr && live.block(static_cast<AreaId>(area)) == nullptr) {
+/* The areas that a deletion from the table reaches into. */
+uint32_t reached_from(const Table& table) {
+  uint32_t areas = bit(table.area);
+  for (const Reference& reference : kReferences) {
+    if (strcmp(reference.groups, table.name) == 0) {
+      areas |= bit(find_table(reference.table, strlen(reference.table))->area);
+    }
+  }
+  if (table.area == kApTemplateList) areas |= bit(kManageApList);
+  return areas;
+}
+
+int need_reached(Source& live, const Table& table) {
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto area = static_cast<AreaId>(n);
+    if ((reached_from(table) & bit(area)) == 0 || g_file == nullptr) continue;
+    if (live.block(area) == nullptr) {
       return fail(kRefused, "deleting from %s reaches into area %s, which %s does not hold",
                   table.name, kAreas[area].name, g_file);
     }
-    if (const int status = live.need(static_cast<AreaId>(area)); status != kOk) return status;
   }
   return kOk;
 }
 
-}  // namespace
+/* The rules that refer to the group, which the library deletes with it. */
+int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
+  for (const Reference& reference : kReferences) {
+    if (strcmp(reference.groups, groups.name) != 0) continue;
+    const Table& rules = *find_table(reference.table, strlen(reference.table));
+    const Field& mode = *find_field(rules, reference.mode, strlen(reference.mode));
+    const Field& id = *find_field(rules, reference.id, strlen(reference.id));
+    const uint8_t* record = edit.live().block(rules.area) + rules.at;
+    for (uint32_t position = 0; position < rules.capacity; ++position, record += rules.stride) {
+      if (!is_used(rules, record) ||
+          load_number(record + mode.record_at, mode.size, true) != reference.last_mode ||
+          load_number(record + id.record_at, id.size, true) != group_id) {
+        continue;
+      }
+      const Written written = edit.remove(rules, position);
+      if (written == Written::kFailed) return kRefused;
+    }
+  }
+  return kOk;
+}
 
-int delete_record(Source& live, const Table& table, uint32_t id) {
-  if (is_section(table)) return fail(kRefused, "%s is always there", table.name);
-  if (const int status = need_all(live, table); status != kOk) return status;
-  const uint8_t* record = live.block(table.area) + table.at + (id - 1) * table.stride;
-  if (!is_used(table, record)) return fail(kRefused, "%s/%u is free", table.name, id);
-  if (const int status = check_lock(live, table.area); status != kOk) return status;
+/* An access point that is bound to the template would keep its name and id. */
+void unbind(Edit& edit, uint32_t template_id) {
+  auto* templates =
+      reinterpret_cast<ApTemplateListBlock*>(edit.live().block(kApTemplateList));
+  uint8_t mac[SC_MAC_BYTES];
+  memcpy(mac, templates->templates[template_id - 1].bound_ap_mac, sizeof mac);
+  static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
+  if (memcmp(mac, kNobody, sizeof mac) == 0) return;
+  auto* aps = reinterpret_cast<ManageApListBlock*>(edit.live().block(kManageApList));
   {
     Quiet quiet;
-    table.calls.erase(live.blocks(), id);
+    SC_Del_Ap_Mac2Template_By_Id(templates, aps, template_id, mac);
   }
-  announce(table);
-  if (is_used(table, record)) {
-    return fail(kRefused, "%s/%u is not deleted", table.name, id);
+  edit.set_changed(kApTemplateList);
+  edit.set_changed(kManageApList);
+}
+
+int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
+  if (const int status = remove_referring(edit, table, id); status != kOk) return status;
+  if (table.area == kApTemplateList) unbind(edit, id);
+  const Written written = edit.remove(table, id - 1);
+  /* It may have gone with a group. */
+  return written == Written::kDone || written == Written::kNotUsed
+             ? kOk
+             : fail_written(table, id, written);
+}
+
+}  // namespace
+
+int delete_records(Source& live, const Doomed* records, int count) {
+  uint32_t areas = 0;
+  for (int n = 0; n < count; ++n) {
+    const Table& table = *records[n].table;
+    if (is_section(table)) return refuse_section(table);
+    if (const int status = need_reached(live, table); status != kOk) return status;
+    areas |= reached_from(table);
+  }
+  Edit edit(live);
+  if (const int status = edit.begin(areas); status != kOk) return status;
+  for (int n = 0; n < count; ++n) {
+    const Table& table = *records[n].table;
+    const uint8_t* record =
+        live.block(table.area) + table.at + (records[n].id - 1) * table.stride;
+    if (!is_used(table, record)) return fail(kRefused, "%s/%u is free", table.name, records[n].id);
+  }
+  for (int n = 0; n < count; ++n) {
+    const int status = remove_with_references(edit, *records[n].table, records[n].id);
+    if (status != kOk) return status;
   }
   return kOk;
 }
 
 int clear_table(Source& live, const Table& table) {
-  if (is_section(table)) return fail(kRefused, "%s is always there", table.name);
-  if (const int status = check_lock(live, table.area); status != kOk) return status;
-  if (table.calls.clear != nullptr) {
-    {
-      Quiet quiet;
-      table.calls.clear(live.block(table.area));
-    }
-    announce(table);
-    return kOk;
+  if (is_section(table)) return refuse_section(table);
+  const bool binds = table.area == kApTemplateList;
+  if (binds) {
+    if (const int status = need_reached(live, table); status != kOk) return status;
   }
-  for (uint32_t id = 1; id <= table.capacity; ++id) {
-    if (!is_used(table, live.block(table.area) + table.at + (id - 1) * table.stride)) continue;
-    if (const int status = delete_record(live, table, id); status != kOk) return status;
+  Edit edit(live);
+  const int begun = edit.begin(binds ? reached_from(table) : bit(table.area));
+  if (begun != kOk) return begun;
+  const uint8_t* record = live.block(table.area) + table.at;
+  for (uint32_t id = 1; id <= table.capacity; ++id, record += table.stride) {
+    if (!is_used(table, record)) continue;
+    if (binds) unbind(edit, id);
+    const Written written = edit.remove(table, id - 1);
+    if (written == Written::kFailed) return kRefused;
   }
   return kOk;
 }

@@ -1,9 +1,10 @@
-/* Changes of the live store. Everything is checked before anything is written, and written by the
- * library's functions alone. Where the library leaves the contents to the programs (the records of
- * access points, settings), scctl does what these do: it writes under the record's lock by
- * sc_lock_reg, and announces the change.
+/* Edits of live areas: records are written at their positions, each under the byte of the lock file
+ * that its own lock word names, as the library writes them.
  *
- * Each says why it cannot, and returns a status.
+ * What a record is to be is complete before it is written; between two of our system calls a record
+ * is old or new, and the table's counter follows its slot word at once. Byte 0 of an area's lock
+ * file keeps editors of one area apart: other programs never lock it. Closing any descriptor of that
+ * file in this process would drop it, so readers borrow the edit's descriptor.
  */
 #ifndef SCCTL_EDIT_H
 #define SCCTL_EDIT_H
@@ -12,16 +13,85 @@
 
 namespace scctl {
 
-/* Whether the library will be able to lock: it opens the path that stands in the block. */
-int check_lock(Source& live, AreaId area);
+constexpr uint32_t bit(AreaId area) { return 1u << area; }
+
+/* Which bytes of a record are written: 1 for each that is. */
+class Mask {
+ public:
+  explicit Mask(const Table& table) : table_(table), bytes_(table.stride) {}
+  void add(const Field& field);
+  /* What makes one record the other: bytes of opaque fields one by one, other fields whole. */
+  void add_differences(const uint8_t* one, const uint8_t* other);
+  void add_all_fields();
+  bool has(const Field& field) const { return bytes_.data()[field.record_at] != 0; }
+  bool empty() const;
+  const uint8_t* bytes() const { return bytes_.data(); }
+
+ private:
+  const Table& table_;
+  Buffer bytes_;
+};
+
+/* How a record was met under its lock. */
+enum class Written : uint8_t {
+  kDone,
+  kNotFree, /* another program has used it meanwhile: nothing was written */
+  kNotUsed, /* ... freed it ... */
+  kChanged, /* ... changed it ... */
+  kFailed   /* for the reason that was said: nothing was written */
+};
+
+class Edit {
+ public:
+  explicit Edit(Source& live);
+  /* Ends it. */
+  ~Edit();
+  Edit(const Edit&) = delete;
+  Edit& operator=(const Edit&) = delete;
+
+  /* Attaches these areas and waits for other editors of them; says why it cannot, and returns a
+   * status. An area whose header is damaged is refused. */
+  int begin(uint32_t areas);
+  /* Lets other editors go on, then announces each area of which a record was written, once. */
+  void end();
+
+  /* The record of a free position becomes used. */
+  Written add(const Table& table, uint32_t position, const uint8_t* record);
+  /* Bytes of a used record; those of a section are always used. */
+  Written change(const Table& table, uint32_t position, const uint8_t* record, const Mask& mask);
+  /* A used record becomes free; with `expected` only when its fields are these still. */
+  Written remove(const Table& table, uint32_t position, const uint8_t* expected = nullptr);
+  /* Whatever is written otherwise is to be announced, too. */
+  void set_changed(AreaId area) { changed_ |= bit(area); }
+
+  Source& live() { return live_; }
+
+ private:
+  friend class RecordLock;
+
+  Source& live_;
+  uint32_t held_ = 0;
+  uint32_t changed_ = 0;
+  void (*handlers_[3])(int);
+};
+
+/* Says that another program was faster; for kFailed nothing. Returns kRefused. */
+int fail_written(const Table& table, uint32_t id, Written written);
 
 /* Adds a record as the one of this id, or as the lowest free one for an id of 0, which then tells
- * which it became. The snapshot is the table as it is, and gets the record too. */
-int add_record(Source& live, Snapshot* now, const uint8_t* record, uint32_t* id);
-/* Changes the fields in which the wanted record is not what it was; others stay as they are now. */
-int modify_record(Source& live, const Table& table, const uint8_t* was, const uint8_t* wanted,
-                  uint32_t id);
-int delete_record(Source& live, const Table& table, uint32_t id);
+ * which it became. Refuses a record that clashes. */
+int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t* id);
+/* Writes the fields of the mask. */
+int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* record,
+               const Mask& mask);
+
+/* A record that is to be deleted. */
+struct Doomed {
+  const Table* table;
+  uint32_t id;
+};
+/* Deletes the records, each with what refers to it. All of them are used, or none is deleted. */
+int delete_records(Source& live, const Doomed* records, int count);
 int clear_table(Source& live, const Table& table);
 
 }  // namespace scctl

@@ -15,6 +15,9 @@ namespace scctl {
 /* The file whose area is the live one of this process; null: the machine's areas are. */
 extern const char* g_file;
 
+/* The lock files that an edit has open, which nobody else opens and closes meanwhile; 0: none. */
+extern int g_lock_files[kAreaCount];
+
 class Source {
  public:
   Source() = default;
@@ -97,6 +100,7 @@ class Reader {
   const uint8_t* records_;
   int field_count_;
   int lock_ = -1;
+  bool borrowed_ = false; /* of an edit */
   int tries_;
 };
 
@@ -111,6 +115,7 @@ class Snapshot {
 
   void swap(Snapshot& other);
 
+  explicit operator bool() const { return table_ != nullptr; }
   const Table& table() const { return *table_; }
   uint32_t count() const;
   bool used(uint32_t position) const { return used_.data()[position] != 0; }

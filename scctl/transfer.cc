@@ -1,7 +1,8 @@
 /* Commands that move and compare: export, import, diff.
  *
  * An import makes each table that the file has exactly what the file says, ids included; tables
- * that it has not are left alone. The file is read twice: all is checked first, then written.
+ * that it has not are left alone. All of the file is checked first; then what differs is written,
+ * record by record at their positions, and nothing else is touched.
  */
 #include <errno.h>
 #include <stdio.h>
@@ -57,11 +58,10 @@ int read_text(const Call& call, Text* text) {
   return fail(kNoArea, "%s: %s", call.input_name, strerror(errno));
 }
 
-/* One import: the file, and what is done with each table of it. */
+/* What the tables of a file are to be; those that it has not are none. */
 struct Import {
   Call& call;
-  int (*act)(Import& import, const Snapshot& wanted);
-  unsigned changed;
+  Snapshot wanted[kTableCount];
 };
 
 int read_record(JsonReader& json, Snapshot* wanted) {
@@ -118,8 +118,8 @@ int read_table(JsonReader& json, Import& import, AreaId area) {
     if (const int status = read_record(json, &wanted); status != kOk) return status;
   }
   if (json.failed()) return kRefused;
-  g_where = nullptr; /* what follows is not about the file's text */
-  return import.act(import, wanted);
+  import.wanted[&table - kTables].swap(wanted);
+  return kOk;
 }
 
 int read_areas(JsonReader& json, Import& import) {
@@ -144,71 +144,82 @@ int go_through(const Text& text, Import& import) {
   return fail(kRefused, "%s:%u: %s", import.call.input_name, json.line(), json.fault());
 }
 
-bool differs(const Snapshot& was, const Snapshot& is) {
-  for (uint32_t position = 0; position < was.table().capacity; ++position) {
-    if (was.used(position) != is.used(position)) return true;
-    if (!was.used(position)) continue;
-    for (const Field& field : was.table()) {
-      if (!equal(field, was.record(position), is.record(position))) return true;
+/* A table as it is and as it will be: a section that the file leaves out stays. */
+void add_sections(const Snapshot& now, Snapshot* wanted) {
+  const Table& table = now.table();
+  for (uint32_t position = 0; position < table.capacity && is_section(table); ++position) {
+    if (!wanted->used(position)) {
+      memcpy(wanted->put(position), now.record(position), table.stride);
     }
   }
-  return false;
 }
 
-/* A section that the file leaves out stays. */
-void keep_sections(const Snapshot& now, const Snapshot& wanted, Snapshot* whole) {
-  for (uint32_t position = 0; position < now.table().capacity; ++position) {
-    const Snapshot& from = wanted.used(position) ? wanted : now;
-    if (!from.used(position) || (&from == &now && !is_section(now.table()))) continue;
-    memcpy(whole->put(position), from.record(position), now.table().stride);
-  }
-}
+/* What was done with the records of a table. */
+struct Tally {
+  unsigned added, changed, deleted;
+};
 
-/* The table as it is and as it will be. */
-int compare(Import& import, const Snapshot& wanted, Snapshot* now, Snapshot* whole) {
-  if (const int status = import.call.source.need(wanted.table().area); status != kOk) {
-    return status;
-  }
-  now->take(import.call.source);
-  keep_sections(*now, wanted, whole);
-  return kOk;
-}
-
-int check_table(Import& import, const Snapshot& wanted) {
-  Snapshot now(wanted.table()), whole(wanted.table());
-  if (const int status = compare(import, wanted, &now, &whole); status != kOk) return status;
-  if (import.call.has(kDryRun) && print_changes("", now, whole)) ++import.changed;
-  return kOk;
-}
-
-int write_table(Import& import, const Snapshot& wanted) {
-  const Table& table = wanted.table();
-  Source& live = import.call.source;
-  Snapshot now(table), whole(table);
-  if (const int status = compare(import, wanted, &now, &whole); status != kOk) return status;
-  if (!differs(now, whole)) return kOk;
-  Snapshot empty(table);
-  if (!is_section(table)) {
-    if (const int status = clear_table(live, table); status != kOk) return status;
-  }
-  unsigned written = 0;
-  for (uint32_t id = 1; id <= table.capacity; ++id) {
-    if (!whole.used(id - 1)) continue;
-    const uint8_t* record = whole.record(id - 1);
-    uint32_t added = id;
-    const int status = is_section(table)
-                           ? modify_record(live, table, now.record(id - 1), record, id)
-                           : add_record(live, &empty, record, &added);
-    if (status != kOk) {
-      printf("%s: records imported: %u of %u, then one failed\n", table.name, written,
-             whole.count());
-      return status;
+/* Groups are made before rules that refer to them, and records are deleted last, rules before
+ * groups: no rule refers to a group that is not there. */
+int write_tables(Edit& edit, const Import& import, const Snapshot* now, Tally* tallies) {
+  for (int n = 0; n < kTableCount; ++n) {
+    const Table& table = kTables[n];
+    const Snapshot &was = now[n], &wanted = import.wanted[n];
+    for (uint32_t position = 0; wanted && position < table.capacity; ++position) {
+      if (!wanted.used(position)) continue;
+      Written written;
+      if (!was.used(position)) {
+        written = edit.add(table, position, wanted.record(position));
+        tallies[n].added += written == Written::kDone;
+      } else {
+        Mask mask(table);
+        mask.add_differences(was.record(position), wanted.record(position));
+        if (mask.empty()) continue;
+        written = edit.change(table, position, wanted.record(position), mask);
+        tallies[n].changed += written == Written::kDone;
+      }
+      if (written != Written::kDone) return fail_written(table, position + 1, written);
     }
-    ++written;
   }
-  ++import.changed;
-  printf("%s: records imported: %u\n", table.name, written);
+  for (int n = kTableCount; n-- > 0;) {
+    const Snapshot& was = now[n];
+    for (uint32_t position = 0; was && position < was.table().capacity; ++position) {
+      if (!was.used(position) || import.wanted[n].used(position)) continue;
+      const Written written = edit.remove(was.table(), position, was.record(position));
+      if (written == Written::kNotUsed) continue;
+      if (written != Written::kDone) return fail_written(was.table(), position + 1, written);
+      ++tallies[n].deleted;
+    }
+  }
   return kOk;
+}
+
+uint32_t areas_of(const Import& import) {
+  uint32_t areas = 0;
+  for (const Snapshot& wanted : import.wanted) {
+    if (wanted) areas |= bit(wanted.table().area);
+  }
+  return areas;
+}
+
+int need_areas(Source& live, uint32_t areas) {
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto area = static_cast<AreaId>(n);
+    if ((areas & bit(area)) == 0) continue;
+    if (const int status = live.need(area); status != kOk) return status;
+  }
+  return kOk;
+}
+
+/* The tables of the file as they are. */
+void take_tables(Source& live, Import& import, Snapshot* now) {
+  for (int n = 0; n < kTableCount; ++n) {
+    if (!import.wanted[n]) continue;
+    Snapshot taken(kTables[n]);
+    taken.take(live);
+    taken.swap(now[n]);
+    add_sections(now[n], &import.wanted[n]);
+  }
 }
 
 }  // namespace
@@ -216,16 +227,36 @@ int write_table(Import& import, const Snapshot& wanted) {
 int run_import(Call& call) {
   Text text;
   if (const int status = read_text(call, &text); status != kOk) return status;
-  Import import = {call, check_table, 0};
-  int status = go_through(text, import);
-  if (status == kOk && !call.has(kDryRun)) {
-    import.act = write_table;
-    status = go_through(text, import);
+  Import import = {call, {}};
+  if (const int status = go_through(text, import); status != kOk) return status;
+  const uint32_t areas = areas_of(import);
+  if (const int status = need_areas(call.source, areas); status != kOk) return status;
+  Snapshot now[kTableCount];
+  unsigned changed = 0;
+  if (call.has(kDryRun)) {
+    take_tables(call.source, import, now);
+    for (int n = 0; n < kTableCount; ++n) {
+      if (now[n] && print_changes("", now[n], import.wanted[n])) ++changed;
+    }
+    printf("tables to change: %u\n", changed);
+    return kOk;
   }
-  if (status == kOk || import.changed > 0) {
-    printf("tables %s: %u%s\n", call.has(kDryRun) ? "to change" : "changed", import.changed,
-           status == kOk ? "" : how_failed());
+  Tally tallies[kTableCount] = {};
+  int status;
+  {
+    Edit edit(call.source);
+    if (status = edit.begin(areas); status != kOk) return status;
+    take_tables(call.source, import, now);
+    status = write_tables(edit, import, now, tallies);
   }
+  for (int n = 0; n < kTableCount; ++n) {
+    const Tally& tally = tallies[n];
+    if (tally.added + tally.changed + tally.deleted == 0) continue;
+    ++changed;
+    printf("%s: %u added, %u changed, %u deleted\n", kTables[n].name, tally.added, tally.changed,
+           tally.deleted);
+  }
+  printf("tables changed: %u%s\n", changed, status == kOk ? "" : how_failed());
   return status;
 }
 

@@ -273,27 +273,4 @@ void format_json(const Field& field, const uint8_t* record, bool whole, Text* to
   if (marks != nullptr) to->add(marks[1]);
 }
 
-void to_item(const Table& table, const uint8_t* record, uint32_t id, uint8_t* item) {
-  memset(item, 0, table.item_size);
-  memcpy(item + table.item_id_at, &id, sizeof id);
-  for (const Field& field : table) {
-    const uint8_t* from = record + field.record_at;
-    uint8_t* to = item + field.item_at;
-    switch (field.kind) {
-      case Kind::kAddress: {
-        uint32_t address;
-        memcpy(&address, from, sizeof address);
-        sc_inet_ntoa(address, reinterpret_cast<char*>(to));
-        break;
-      }
-      case Kind::kSigned:
-        for (size_t n = 0; n < field.size / field.width; ++n) {
-          store_number(to + 4 * n, 4, load_number(from + n * field.width, field.width, true));
-        }
-        break;
-      default: memcpy(to, from, field.size);
-    }
-  }
-}
-
 }  // namespace scctl
