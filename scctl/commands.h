@@ -117,6 +117,7 @@ int run_export(Call&);
 int run_import(Call&);
 int run_diff(Call&);
 int run_check(Call&);
+int run_repair(Call&);
 int run_locks(Call&);
 int run_watch(Call&);
 int run_completion(Call&);

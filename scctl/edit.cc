@@ -49,9 +49,9 @@ namespace {
 
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
-volatile sig_atomic_t g_interrupted;
+volatile sig_atomic_t g_interrupted; /* the signal; 0: none */
 
-void interrupt(int) { g_interrupted = 1; }
+void interrupt(int signal_number) { g_interrupted = signal_number; }
 
 /* Waits for a byte. An answer that there would be a deadlock is no lock: it is asked again. */
 bool lock_byte(int file, uint32_t byte) {
@@ -89,7 +89,6 @@ int check_header(const Area& area, const uint8_t* block) {
 }  // namespace
 
 Edit::Edit(Source& live) : live_(live) {
-  g_interrupted = 0;
   for (int n = 0; n < 3; ++n) {
     struct sigaction action = {}, was;
     action.sa_handler = interrupt; /* without SA_RESTART: a wait ends */
@@ -101,23 +100,37 @@ Edit::Edit(Source& live) : live_(live) {
 
 Edit::~Edit() { end(); }
 
+void end_if_interrupted() {
+  if (g_interrupted == 0) return;
+  fflush(stdout);
+  raise(g_interrupted);
+}
+
 int Edit::begin(uint32_t areas) {
   for (int n = 0; n < kAreaCount; ++n) {
     const auto id = static_cast<AreaId>(n);
     if ((areas & bit(id)) == 0) continue;
-    const Area& area = kAreas[id];
     if (const int status = live_.need(id); status != kOk) return status;
-    if (const int status = check_header(area, live_.block(id)); status != kOk) return status;
-    const Path path = lock_path(area);
-    const int file = open(path.text, O_RDWR | O_CLOEXEC);
-    if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
-    g_lock_files[id] = file;
-    held_ |= bit(id);
-    if (!lock_byte(file, 0)) {
-      return fail(kRefused, "%s cannot be locked: %s", path.text, strerror(errno));
-    }
+    if (const int status = check_header(kAreas[id], live_.block(id)); status != kOk) return status;
+    if (const int status = hold(id); status != kOk) return status;
   }
   return kOk;
+}
+
+int Edit::begin_damaged(AreaId id) {
+  if (const int status = live_.need(id); status != kOk) return status;
+  return hold(id);
+}
+
+/* Byte 0 of its lock file. */
+int Edit::hold(AreaId id) {
+  const Path path = lock_path(kAreas[id]);
+  const int file = open(path.text, O_RDWR | O_CLOEXEC);
+  if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
+  g_lock_files[id] = file;
+  held_ |= bit(id);
+  if (lock_byte(file, 0)) return kOk;
+  return fail(kRefused, "%s cannot be locked: %s", path.text, strerror(errno));
 }
 
 void Edit::end() {

@@ -52,6 +52,8 @@ class Edit {
   /* Attaches these areas and waits for other editors of them; says why it cannot, and returns a
    * status. An area whose header is damaged is refused. */
   int begin(uint32_t areas);
+  /* The same for one area, whose header may be damaged. */
+  int begin_damaged(AreaId area);
   /* Lets other editors go on, then announces each area of which a record was written, once. */
   void end();
 
@@ -69,11 +71,16 @@ class Edit {
  private:
   friend class RecordLock;
 
+  int hold(AreaId area);
+
   Source& live_;
   uint32_t held_ = 0;
   uint32_t changed_ = 0;
   void (*handlers_[3])(int);
 };
+
+/* A signal that came in an edit ends the program when all is tidied up and said. */
+void end_if_interrupted();
 
 /* Says that another program was faster; for kFailed nothing. Returns kRefused. */
 int fail_written(const Table& table, uint32_t id, Written written);

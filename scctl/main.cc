@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include "commands.h"
+#include "edit.h"
 #include "in_place.h"
 #include "value.h"
 
@@ -107,6 +108,11 @@ constexpr Command kCommands[] = {
    "are not there, archives; each finding with its remedy. Exit status 1 when\n"
    "there is one.\n",
    kSources, 0, -1, run_check},
+  {"repair", "AREA...", "mend damage in place",
+   "Mends headers, lock and id words and counters under the locks; every record\n"
+   "stays. Records with the same key are named, for you to choose from. Exit\n"
+   "status 1 when something is left.\n",
+   kAll | kDryRun | kChanges, 0, -1, run_repair},
   {"locks", "", "who holds or waits for which record",
    "From the kernel's table: a state of holds, waits or reads, process and\n"
    "program.\n",
@@ -284,7 +290,9 @@ int run_words(int word_count, char** words) {
   }
   if (call.has(kInPlace) && !call.has(kDryRun)) return run_in_place(call, command->run);
   if (const int status = open_source(&call); status != kOk) return status;
-  return command->run(call);
+  const int status = command->run(call);
+  end_if_interrupted();
+  return status;
 }
 
 int flush_output() {

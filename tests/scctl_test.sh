@@ -4,6 +4,7 @@
 # follow. The examples of a man page are a transcript, too. Runs on the desk and, by BusyBox, in the
 # box: all commands are for a POSIX shell.
 # usage: tests/scctl_test.sh TRANSCRIPT [EMULATOR...] BUILD
+#        tests/scctl_test.sh --accept TRANSCRIPT [EMULATOR...] BUILD   makes it say what is said now
 #        tests/scctl_test.sh --inside TRANSCRIPT [EMULATOR...] BUILD   prints it as it is
 # BUILD is the folder of a build: its scctl, scguard and helper are run.
 set -u
@@ -62,6 +63,11 @@ if [ "${1:-}" = --inside ]; then
   exit 0
 fi
 
+accept=
+if [ "${1:-}" = --accept ]; then
+  accept=1
+  shift
+fi
 transcript=$root/$1
 name=$1
 shift
@@ -74,5 +80,12 @@ case $name in
     ;;
 esac
 [ -s "$transcript" ] || exit 1
+if [ -n "$accept" ]; then
+  said=$(mktemp)
+  "$root/examples/private_world" "$0" --inside "$transcript" "$@" >"$said" 2>&1
+  cat "$said" >"$transcript"
+  rm "$said"
+  exit 0
+fi
 "$root/examples/private_world" "$0" --inside "$transcript" "$@" 2>&1 |
   diff -u -L "$name" -L said "$transcript" -

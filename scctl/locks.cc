@@ -1,0 +1,154 @@
+/* locks: who holds or waits for which record. */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include "commands.h"
+#include "value.h"
+
+namespace scctl {
+
+namespace {
+
+/* The record that a byte of the area's lock file guards. */
+void format_guarded(const Area& area, unsigned long byte, Text* to) {
+  for (const Table& table : kTables) {
+    if (&kAreas[table.area] != &area || table.lock_at < 0) continue;
+    const uint32_t first = lock_index_of(table, 0);
+    if (byte >= first && byte < first + table.capacity) {
+      to->print("%s/%lu", table.name, byte - first + 1);
+      return;
+    }
+  }
+  to->add(byte == 1 ? "the area" : "-");
+}
+
+uint32_t last_lock_index(const Area& area) {
+  uint32_t last = 1;
+  for (const Table& table : kTables) {
+    const uint32_t own = lock_index_of(table, table.capacity - 1u);
+    if (&kAreas[table.area] == &area && own > last) last = own;
+  }
+  return last;
+}
+
+void format_program(long pid, Text* to) {
+  char path[32];
+  snprintf(path, sizeof path, "/proc/%ld/comm", pid);
+  char name[32] = "-";
+  if (FILE* file = fopen(path, "r"); file != nullptr) {
+    if (fgets(name, sizeof name, file) != nullptr) name[strcspn(name, "\n")] = '\0';
+    fclose(file);
+  }
+  to->add(name);
+}
+
+const Area* area_of_lock(unsigned device_major, unsigned device_minor, unsigned long inode) {
+  for (const Area& area : kAreas) {
+    struct stat file;
+    if (stat(lock_path(area).text, &file) == 0 && file.st_ino == inode &&
+        major(file.st_dev) == device_major && minor(file.st_dev) == device_minor) {
+      return &area;
+    }
+  }
+  return nullptr;
+}
+
+/* A line of the kernel's lock table that is about an area. */
+struct HeldBytes {
+  const Area* area;
+  unsigned long first, last;
+  const char* state;
+  long pid;
+
+  bool operator==(const HeldBytes&) const = default;
+};
+
+struct LockTable {
+  HeldBytes lines[512];
+  unsigned count;
+
+  bool operator==(const LockTable& other) const {
+    if (count != other.count) return false;
+    for (unsigned i = 0; i < count; ++i) {
+      if (!(lines[i] == other.lines[i])) return false;
+    }
+    return true;
+  }
+};
+
+/* The kernel's lines: "1: POSIX ADVISORY WRITE PID MAJOR:MINOR:INODE START END", a waiter's with
+ * "->" behind its number. Neighbouring bytes of one process are one line. */
+void read_locks(FILE* file, LockTable* table) {
+  table->count = 0;
+  char line[160];
+  while (fgets(line, sizeof line, file) != nullptr && table->count < 512) {
+    char mode[8], end[24];
+    long pid;
+    unsigned device_major, device_minor;
+    unsigned long inode, first;
+    const char* waits = strstr(line, "->");
+    const char* rest = waits != nullptr ? waits + 2 : line + strcspn(line, ":") + 1;
+    if (sscanf(rest, " POSIX %*s %7s %ld %x:%x:%lu %lu %23s", mode, &pid, &device_major,
+               &device_minor, &inode, &first, end) != 7) {
+      continue;
+    }
+    const Area* area = area_of_lock(device_major, device_minor, inode);
+    if (area == nullptr) continue;
+    const unsigned long most = last_lock_index(*area);
+    unsigned long last = strtoul(end, nullptr, 10); /* 0 for EOF */
+    if (last == 0 || last > most) last = most > first ? most : first;
+    const char* state = waits != nullptr ? "waits" : strcmp(mode, "READ") == 0 ? "reads" : "holds";
+    table->lines[table->count++] = {area, first, last, state, pid};
+  }
+}
+
+}  // namespace
+
+/* The kernel hands its table over in pieces, and a lock that comes or goes in between makes it
+ * leave out or repeat lines: it is read until two readings agree. */
+int run_locks(Call& call) {
+  FILE* file = fopen("/proc/locks", "r");
+  if (file == nullptr) return fail(kNoArea, "/proc/locks: %s", strerror(errno));
+  LockTable table, again;
+  read_locks(file, &again);
+  for (int reading = 0; reading < 50; ++reading) {
+    table = again;
+    rewind(file);
+    read_locks(file, &again);
+    if (again == table) break;
+  }
+  fclose(file);
+
+  const bool json = call.has(kJson);
+  const char* comma = "";
+  puts(json ? "[" : "area            record            byte  state         pid  program");
+  for (unsigned i = 0; i < table.count; ++i) {
+    const HeldBytes& held = table.lines[i];
+    Text program;
+    format_program(held.pid, &program);
+    for (unsigned long byte = held.first; byte <= held.last; ++byte) {
+      Text guarded;
+      format_guarded(*held.area, byte, &guarded);
+      if (json) {
+        Text quoted;
+        add_json_text(reinterpret_cast<const uint8_t*>(program.c_str()), program.size(), &quoted);
+        printf(
+            "%s  {\"area\": \"%s\", \"record\": \"%s\", \"byte\": %lu, \"state\": \"%s\", "
+            "\"pid\": %ld, \"program\": %s}",
+            comma, held.area->name, guarded.c_str(), byte, held.state, held.pid, quoted.c_str());
+        comma = ",\n";
+      } else {
+        printf("%-14s  %-16s  %4lu  %-5s  %10ld  %s\n", held.area->name, guarded.c_str(), byte,
+               held.state, held.pid, program.c_str());
+      }
+    }
+  }
+  if (json) puts(comma[0] == '\0' ? "]" : "\n]");
+  return kOk;
+}
+
+}  // namespace scctl
