@@ -4,7 +4,8 @@
  * What a record is to be is complete before it is written; between two of our system calls a record
  * is old or new, and the table's counter follows its slot word at once. Byte 0 of an area's lock
  * file keeps editors of one area apart: other programs never lock it. Closing any descriptor of that
- * file in this process would drop it, so readers borrow the edit's descriptor.
+ * file in this process would drop it, so nobody else here opens it meanwhile; a record is copied
+ * until two copies agree.
  */
 #ifndef SCCTL_EDIT_H
 #define SCCTL_EDIT_H

@@ -239,14 +239,13 @@ Reader::Reader(Source& source, const Table& table, int field_count)
       records_(source.block(table.area) + table.at),
       field_count_(field_count),
       tries_(kLockTries) {
-  if (!source.is_live()) return;
-  borrowed_ = g_lock_files[table.area] != 0;
-  lock_ = borrowed_ ? g_lock_files[table.area]
-                    : open(lock_path(kAreas[table.area]).text, O_RDONLY | O_CLOEXEC);
+  /* To close a lock file that an edit has open would let go what it holds. */
+  if (!source.is_live() || g_lock_files[table.area] != 0) return;
+  lock_ = open(lock_path(kAreas[table.area]).text, O_RDONLY | O_CLOEXEC);
 }
 
 Reader::~Reader() {
-  if (lock_ >= 0 && !borrowed_) close(lock_);
+  if (lock_ >= 0) close(lock_);
 }
 
 /* Calls part with place and size of what is read, as long as that says true. */

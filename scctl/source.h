@@ -100,7 +100,6 @@ class Reader {
   const uint8_t* records_;
   int field_count_;
   int lock_ = -1;
-  bool borrowed_ = false; /* of an edit */
   int tries_;
 };
 
