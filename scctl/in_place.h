@@ -1,7 +1,9 @@
-/* Changes of a file. An image or an archive is edited as if it were live: a child process loads its
- * area into a private world, with System V memory and a /var of its own, and the command works
- * there, by the library's functions and under its locks. What comes out is written beside the file
- * and takes its place when all went well; until then the file is as it was.
+/* Edits of a file. The area of an image or an archive is loaded into a sandbox: a child process with
+ * System V memory and a /var of its own. The command works there, by the library's functions and
+ * under its locks. The result is written to a temporary file beside the file and renamed over it
+ * when all went well; until then the file is as it was.
+ *
+ * Two edits of one file exclude each other: the second waits, and works on what the first has made.
  */
 #ifndef SCCTL_IN_PLACE_H
 #define SCCTL_IN_PLACE_H

@@ -81,8 +81,8 @@ Path lock_path(const Area& area) {
   return path;
 }
 
-const char* read_archive(const char* path, ArchiveImage* image) {
-  const int file = open(path, O_RDONLY);
+const char* read_archive(const char* path, ArchiveImage* image, int opened) {
+  const int file = opened >= 0 ? dup(opened) : open(path, O_RDONLY);
   if (file < 0) return strerror(errno);
   struct stat status;
   if (fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
@@ -150,9 +150,9 @@ void Source::open_saved() {
   name_ = "saved";
 }
 
-int Source::open_image(const char* path) {
+int Source::open_image(const char* path, int opened) {
   name_ = path;
-  FILE* file = fopen(path, "rb");
+  FILE* file = opened >= 0 ? fdopen(dup(opened), "rb") : fopen(path, "rb");
   if (file == nullptr) return fail(kNoArea, "%s: %s", path, strerror(errno));
   const ArchiveImage image = read_all(file);
   const int error = ferror(file) != 0 ? errno : 0;
@@ -170,10 +170,10 @@ int Source::open_image(const char* path) {
   return kOk;
 }
 
-int Source::open_archive(const char* path) {
+int Source::open_archive(const char* path, int opened) {
   name_ = path;
   ArchiveImage image;
-  const char* fault = read_archive(path, &image);
+  const char* fault = read_archive(path, &image, opened);
   if (fault != nullptr) return fail(kNoArea, "%s: %s", path, fault);
   blocks_[id_of(*area_of_size(image.size))] = image.bytes;
   return kOk;

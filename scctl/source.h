@@ -29,9 +29,10 @@ class Source {
   void open_live();
   /* The area's segment is another one now. */
   static void forget_live(AreaId area);
-  /* One area, told from the image's size. Say why they cannot, and return a status. */
-  int open_image(const char* path);
-  int open_archive(const char* path);
+  /* One area, told from the image's size. Say why they cannot, and return a status. Where a
+   * descriptor is given it is read, from where it stands, and the path is its name. */
+  int open_image(const char* path, int opened = -1);
+  int open_archive(const char* path, int opened = -1);
   /* The area of the one or the other. */
   AreaId held() const;
   /* Either of them, told from the file's first bytes; "live" and "saved" are these. */
@@ -61,8 +62,8 @@ struct ArchiveImage {
   uint8_t* bytes = nullptr; /* from malloc; null when the archive is not good */
   size_t size = 0;
 };
-/* Null when the archive is good, else what is wrong with it. */
-const char* read_archive(const char* path, ArchiveImage* image);
+/* Null when the archive is good, else what is wrong with it. Of a descriptor, where one is given. */
+const char* read_archive(const char* path, ArchiveImage* image, int opened = -1);
 /* The same for the area's own archive, which has to hold this area. */
 const char* read_own_archive(const Area& area, ArchiveImage* image);
 
