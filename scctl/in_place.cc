@@ -282,14 +282,19 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
   return saved == kOk ? write_archive(kAreas[id], to) : saved;
 }
 
-pid_t g_child; /* that edits; 0: there is none */
+/* ---- signals ---- */
 
-void forward(int signal_number) {
-  if (g_child > 0) kill(g_child, signal_number);
+volatile pid_t g_child;         /* that edits; 0: there is none */
+volatile sig_atomic_t g_signal; /* the last that came; 0: none */
+
+/* Always SIGTERM: while the child runs a shell it ignores what a keyboard sends. */
+void end_child(int signal_number) {
+  g_signal = signal_number;
+  if (g_child > 0) kill(g_child, SIGTERM);
 }
 
-/* Signals that end a command are for the child, while there is a temporary file to be removed. Those
- * that are ignored stay so. */
+/* A signal that would end the command ends the child, and the parent stays to remove the temporary
+ * file. Signals that are ignored stay so. */
 class SignalForwarder {
  public:
   SignalForwarder() = default;
@@ -304,9 +309,10 @@ class SignalForwarder {
     for (const int number : kSignals) sigaddset(&all, number);
     sigprocmask(SIG_BLOCK, &all, &mask_);
     for (int n = 0; n < kCount; ++n) {
-      handlers_[n] = signal(kSignals[n], forward);
+      handlers_[n] = signal(kSignals[n], end_child);
       if (handlers_[n] == SIG_IGN) signal(kSignals[n], SIG_IGN);
     }
+    g_signal = 0;
     is_started_ = true;
   }
 
@@ -315,13 +321,13 @@ class SignalForwarder {
     sigprocmask(SIG_SETMASK, &mask_, nullptr);
   }
 
-  /* As waitpid tells it. Nothing is sent to the child's number when it is another's. */
+  /* As waitpid tells it. The child's number is not used any more when it can be another's. */
   bool wait_for_child(int* ended) {
     const pid_t child = g_child;
     siginfo_t told;
-    if (waitid(P_PID, static_cast<id_t>(child), &told, WEXITED | WNOWAIT) != 0) return false;
+    const bool has_ended = waitid(P_PID, static_cast<id_t>(child), &told, WEXITED | WNOWAIT) == 0;
     g_child = 0;
-    return waitpid(child, ended, 0) == child;
+    return has_ended && waitpid(child, ended, 0) == child;
   }
 
   void stop() {
@@ -357,9 +363,9 @@ int edit_in_child(Call& call, int (*run)(Call& call), Source& file, AtomicFile* 
   if (child < 0 || !signals.wait_for_child(&ended)) {
     return fail(kRefused, "%s is not changed: %s", file.name(), strerror(errno));
   }
-  if (WIFEXITED(ended)) return WEXITSTATUS(ended);
+  if (g_signal == 0 && WIFEXITED(ended)) return WEXITSTATUS(ended);
   return fail(kRefused, "%s is not changed: the edit was ended by signal %d", file.name(),
-              WTERMSIG(ended));
+              g_signal != 0 ? static_cast<int>(g_signal) : WTERMSIG(ended));
 }
 
 }  // namespace

@@ -42,9 +42,9 @@ class Tracer {
   Tracer(pid_t program, const std::function<Fate(const SystemCall&)>& look)
       : program_(program), look_(look) {}
 
-  /* To the program's end; as waitpid tells it. */
+  /* To the end of the program and of all its forks; how the program ended, as waitpid tells it. */
   int run() {
-    int stopped;
+    int stopped, ended = 0;
     if (waitpid(program_, &stopped, __WALL) != program_ || !WIFSTOPPED(stopped)) {
       throw std::runtime_error("a program cannot be traced");
     }
@@ -54,11 +54,12 @@ class Tracer {
     go_on(program_, 0);
     for (;;) {
       const pid_t process = waitpid(-program_, &stopped, __WALL);
+      if (process < 0 && errno == ECHILD) return ended;
       if (process < 0) give_up("waitpid");
       if (WIFSTOPPED(stopped)) {
         handle(process, stopped);
       } else if (process == program_) {
-        return stopped;
+        ended = stopped;
       }
     }
   }

@@ -38,8 +38,8 @@ struct Fate {
 };
 
 /* Runs a command and shows each of its system calls, when it is about to be made and when it is done;
- * the answer counts for the former alone. Forks of the program are followed, programs that it starts
- * are not. kKills is SIGKILL for the process that makes the call. */
+ * the answer counts for the former alone. Forks of the program are followed, to their ends, programs
+ * that it starts are not. kKills is SIGKILL for the process that makes the call. */
 Outcome trace(const Words& command, const std::function<Fate(const SystemCall&)>& look,
               const std::string& input = "");
 
