@@ -287,10 +287,11 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
 volatile pid_t g_child;         /* that edits; 0: there is none */
 volatile sig_atomic_t g_signal; /* the last that came; 0: none */
 
-/* Always SIGTERM: while the child runs a shell it ignores what a keyboard sends. */
+/* By SIGKILL: the child has nothing to tidy up, and while it edits or runs a shell it takes no other
+ * signal. */
 void end_child(int signal_number) {
   g_signal = signal_number;
-  if (g_child > 0) kill(g_child, SIGTERM);
+  if (g_child > 0) kill(g_child, SIGKILL);
 }
 
 /* A signal that would end the command ends the child, and the parent stays to remove the temporary
