@@ -183,8 +183,8 @@ class AtomicFile {
 
   const char* name_ = ""; /* as it was given */
   char base_[NAME_MAX + 1] = "";
-  char temporary_name_[sizeof base_ + sizeof ".scctl-tmp"];
-  struct stat was_;
+  char temporary_name_[sizeof base_ + sizeof ".scctl-tmp"] = "";
+  struct stat was_ = {};
   int file_ = -1;
   int folder_ = -1;
   int temporary_ = -1;
@@ -341,8 +341,8 @@ class SignalForwarder {
  private:
   static constexpr int kSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE};
   static constexpr int kCount = sizeof kSignals / sizeof kSignals[0];
-  void (*handlers_[kCount])(int);
-  sigset_t mask_;
+  void (*handlers_[kCount])(int) = {};
+  sigset_t mask_ = {};
   bool is_started_ = false;
 };
 

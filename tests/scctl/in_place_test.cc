@@ -110,8 +110,12 @@ TEST_F(InPlaceTest, TwoEditsAtOnce_BothTakeEffect) {
                        kImage, "--in-place"}))
                 .status,
             0);
-  const std::string rounds = getenv("SC_TEST_STEPS") != nullptr ? getenv("SC_TEST_STEPS") : "200";
-  for (int round = 1; round <= std::stoi(rounds); ++round) {
+#ifdef __mips__
+  constexpr int kRounds = 20; /* emulated */
+#else
+  constexpr int kRounds = 200;
+#endif
+  for (int round = 1; round <= kRounds; ++round) {
     const std::string value = std::to_string(round % 100);
     const auto set = [&](const std::string& record) {
       return scctl({"set", record, "flag=" + value, "--image", kImage, "--in-place"});
