@@ -35,6 +35,7 @@ struct Call {
   FILE* input; /* of a command with kInput */
   const char* input_name;
   Source source; /* opened as the options say */
+  bool is_done;  /* by a command that tells by its status what is left: it has not failed */
 
   bool has(Option option) const { return (options & option) != 0; }
 };

@@ -254,6 +254,9 @@ int write_archive(const Area& area, AtomicFile* to) {
   return status;
 }
 
+/* Behind the child's exit status: the temporary file is complete. */
+constexpr int kComplete = 0x40;
+
 /* In the child. */
 int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
   for (int n = 0; n < kAreaCount; ++n) Source::forget_live(static_cast<AreaId>(n));
@@ -274,12 +277,18 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
   g_where = outer;
   const int status = run(call);
   const int flushed = flush_output();
-  if (status != kOk || flushed != kOk) return status != kOk ? status : flushed;
-  if (!call.has(kArchive)) return to->write_all(call.source.block(id), kAreas[id].facts().size);
-  g_where = where.c_str();
-  const int saved = save_area(call, id);
-  g_where = outer;
-  return saved == kOk ? write_archive(kAreas[id], to) : saved;
+  if (status != kOk && !call.is_done) return status;
+  if (flushed != kOk) return flushed;
+  int written;
+  if (call.has(kArchive)) {
+    g_where = where.c_str();
+    written = save_area(call, id);
+    g_where = outer;
+    if (written == kOk) written = write_archive(kAreas[id], to);
+  } else {
+    written = to->write_all(call.source.block(id), kAreas[id].facts().size);
+  }
+  return written == kOk ? status | kComplete : written;
 }
 
 /* ---- signals ---- */
@@ -386,7 +395,9 @@ int run_in_place(Call& call, int (*run)(Call& call)) {
   signals.start();
   if (const int status = atomic.create(); status != kOk) return status;
   const int status = edit_in_child(call, run, file, &atomic, signals);
-  return status == kOk ? atomic.commit() : status;
+  if ((status & kComplete) == 0) return status;
+  const int committed = atomic.commit();
+  return committed == kOk ? status & ~kComplete : committed;
 }
 
 }  // namespace scctl
