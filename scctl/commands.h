@@ -89,11 +89,6 @@ bool print_changes(const char* prefix, const Table& table, uint32_t id, const ui
 /* Records that came, went or differ, a line each; true when there are any. */
 bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is);
 
-/* Behind how much was done before something failed. A file is not changed then. */
-inline const char* how_failed() {
-  return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
-}
-
 int run_tables(Call&);
 int run_fields(Call&);
 int run_areas(Call&);

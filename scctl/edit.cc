@@ -79,10 +79,10 @@ int refuse_damaged(const Area& area) {
 
 int check_header(const Area& area, const uint8_t* block) {
   const auto& header = area.facts().header;
-  const bool good = strncmp(reinterpret_cast<const char*>(block) + header.path_at,
-                            lock_path(area).text,
-                            static_cast<size_t>(header.index_at - header.path_at)) == 0 &&
-                    load<int32_t>(block + header.index_at) == 1;
+  const bool good =
+      strncmp(reinterpret_cast<const char*>(block) + header.path_at, lock_path(area).text,
+              static_cast<size_t>(header.index_at - header.path_at)) == 0 &&
+      load<int32_t>(block + header.index_at) == 1;
   return good ? kOk : refuse_damaged(area);
 }
 
@@ -420,8 +420,7 @@ int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
 
 /* An access point that is bound to the template would keep its name and id. */
 void unbind(Edit& edit, uint32_t template_id) {
-  auto* templates =
-      reinterpret_cast<ApTemplateListBlock*>(edit.live().block(kApTemplateList));
+  auto* templates = reinterpret_cast<ApTemplateListBlock*>(edit.live().block(kApTemplateList));
   uint8_t mac[SC_MAC_BYTES];
   memcpy(mac, templates->templates[template_id - 1].bound_ap_mac, sizeof mac);
   static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
@@ -445,6 +444,12 @@ int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
              : fail_written(table, id, written);
 }
 
+/* What was done before one failed. */
+int say_deleted(int count, int status) {
+  if (count > 0) printf("records deleted: %d%s\n", count, how_failed());
+  return status;
+}
+
 }  // namespace
 
 int delete_records(Source& live, const Doomed* records, int count) {
@@ -459,13 +464,12 @@ int delete_records(Source& live, const Doomed* records, int count) {
   if (const int status = edit.begin(areas); status != kOk) return status;
   for (int n = 0; n < count; ++n) {
     const Table& table = *records[n].table;
-    const uint8_t* record =
-        live.block(table.area) + table.at + (records[n].id - 1) * table.stride;
+    const uint8_t* record = live.block(table.area) + table.at + (records[n].id - 1) * table.stride;
     if (!is_used(table, record)) return fail(kRefused, "%s/%u is free", table.name, records[n].id);
   }
   for (int n = 0; n < count; ++n) {
     const int status = remove_with_references(edit, *records[n].table, records[n].id);
-    if (status != kOk) return status;
+    if (status != kOk) return say_deleted(n, status);
   }
   return kOk;
 }
@@ -480,11 +484,13 @@ int clear_table(Source& live, const Table& table) {
   const int begun = edit.begin(binds ? reached_from(table) : bit(table.area));
   if (begun != kOk) return begun;
   const uint8_t* record = live.block(table.area) + table.at;
+  int deleted = 0;
   for (uint32_t id = 1; id <= table.capacity; ++id, record += table.stride) {
     if (!is_used(table, record)) continue;
     if (binds) unbind(edit, id);
     const Written written = edit.remove(table, id - 1);
-    if (written == Written::kFailed) return kRefused;
+    if (written == Written::kFailed) return say_deleted(deleted, kRefused);
+    deleted += written == Written::kDone;
   }
   return kOk;
 }

@@ -15,6 +15,11 @@ namespace scctl {
 /* The file whose area is the live one of this process; null: the machine's areas are. */
 extern const char* g_file;
 
+/* Behind how much was done before something failed. A file is not changed then. */
+inline const char* how_failed() {
+  return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
+}
+
 /* The lock files that an edit has open, which nobody else opens and closes meanwhile; 0: none. */
 extern int g_lock_files[kAreaCount];
 

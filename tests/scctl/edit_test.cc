@@ -296,6 +296,28 @@ TEST_F(EditTest, DelOfSeveral_DeletesAllOrNone) {
   EXPECT_EQ(listener.codes(), (std::vector<int32_t>{1, 9}));
 }
 
+TEST_F(EditTest, DelAndClearThatFailInTheMiddle_SayAndAnnounceWhatWasDone) {
+  for (const Words& arguments :
+       {Words{"del", "lan_binds/1", "lan_binds/2", "lan_binds/3"}, Words{"clear", "lan_binds"}}) {
+    for (const char* n : {"1", "2", "3"}) {
+      done({"add", std::string("lan_binds/") + n, std::string("mac=00:11:22:33:44:5") + n,
+            std::string("ip=10.0.0.") + n});
+    }
+    auto& lan = *block_as<LanBlock>("Lan");
+    lan.lan_binds[2].lock_index = 9;
+    Listener listener;
+    const Outcome outcome = run(scctl(arguments));
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out, "records deleted: 2, then one failed\n");
+    EXPECT_EQ(listener.codes(), std::vector<int32_t>{1});
+    EXPECT_EQ(lan.lan_bind_count, 1u);
+    EXPECT_EQ(lan.lan_binds[1].slot_id, -1);
+    EXPECT_EQ(lan.lan_binds[2].slot_id, 3);
+    lan.lan_binds[2].lock_index = 4;
+    done({"clear", "lan_binds"});
+  }
+}
+
 TEST_F(EditTest, DelOfAGroup_TakesTheRulesThatReferToItAndNoOthers) {
   done({"add", "ip_groups/2", "leading_text=office"});
   done({"add", "ip_groups/3", "leading_text=lab"});
