@@ -266,8 +266,8 @@ consteval Table list_table(const char* name, AreaId area, size_t at,
   t.field_count = kFieldCount;
   return t;
 }
-#define LIST(name, area, Block, records, of, ...)                              \
-  list_table<decltype(Block::records)>(name, area, offsetof(Block, records),   \
+#define LIST(name, area, Block, records, of, ...)                            \
+  list_table<decltype(Block::records)>(name, area, offsetof(Block, records), \
                                        of::kFields __VA_OPT__(, ) __VA_ARGS__)
 #define COUNTER(Block, member) #member, offsetof(Block, member), sizeof(Block::member)
 
@@ -427,7 +427,8 @@ const sc::Area& Area::facts() const { return sc::kAreas[this - kAreas]; }
 
 const Area* find_area(const char* name) {
   for (const Area& area : kAreas) {
-    if (strcmp(area.name, name) == 0) return &area;
+    const char* stem = area.facts().stem;
+    if (strcmp(area.name, name) == 0 || (stem[0] != '\0' && strcmp(stem, name) == 0)) return &area;
   }
   return nullptr;
 }

@@ -100,7 +100,7 @@ extern const Reference kReferences[kReferenceCount];
 
 const char* kind_name(Kind kind);
 
-/* By name; null when there is none. */
+/* By name, an area also by that of its files; null when there is none. */
 const Area* find_area(const char* name);
 const Table* find_table(const char* name, size_t length);
 const Field* find_field(const Table& table, const char* name, size_t length);

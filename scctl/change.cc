@@ -1,5 +1,4 @@
-/* Commands that change records: add, set, del, clear, bind, unbind, batch. */
-#include <errno.h>
+/* Commands that change records: add, set, del, clear, bind, unbind. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,19 +14,15 @@ namespace scctl {
 namespace {
 
 /* The assignments behind the first word, and which fields they name. */
-int parse_assignments(const Call& call, const Table& table, uint8_t* record, Mask* mask) {
-  constexpr int first = 1;
-  for (int n = first; n < call.word_count; ++n) {
+int parse_assignments(const Call& call, const Table& table, uint8_t* record, Mask* mask,
+                      Spelling* spelling) {
+  for (int n = 1; n < call.word_count; ++n) {
     const char* word = call.words[n];
     const Field* field;
-    if (const int status = parse_assignment(table, word, record, &field); status != kOk) {
+    if (const int status = parse_assignment(table, word, record, &field, spelling); status != kOk) {
       return status;
     }
-    const size_t name = strcspn(word, "=") + 1;
-    for (int before = first; before < n; ++before) {
-      if (strncmp(call.words[before], word, name) != 0) continue;
-      return fail(kUsage, "%s.%s stands twice", table.name, field->name);
-    }
+    if (mask->has(*field)) return fail(kUsage, "%s.%s stands twice", table.name, field->name);
     mask->add(*field);
   }
   return kOk;
@@ -43,11 +38,13 @@ int run_add(Call& call) {
   const Table& table = *target.table;
   Buffer record(table.stride);
   Mask mask(table);
-  if (const int status = parse_assignments(call, table, record.data(), &mask); status != kOk) {
+  Spelling spelling = Spelling::kAsMac;
+  if (const int status = parse_assignments(call, table, record.data(), &mask, &spelling);
+      status != kOk) {
     return status;
   }
-  const int status = add_record(call.source, table, record.data(), &target.id);
-  if (status == kOk) printf("added %s/%u\n", table.name, target.id);
+  const int status = add_record(call.source, table, record.data(), spelling, &target.id);
+  if (status == kOk) tell("added %s/%u", table.name, target.id);
   return status;
 }
 
@@ -59,10 +56,12 @@ int run_set(Call& call) {
   const Table& table = *target.table;
   Buffer record(table.stride);
   Mask mask(table);
-  if (const int status = parse_assignments(call, table, record.data(), &mask); status != kOk) {
+  Spelling spelling = Spelling::kAsMac;
+  if (const int status = parse_assignments(call, table, record.data(), &mask, &spelling);
+      status != kOk) {
     return status;
   }
-  return set_record(call.source, table, target.id, record.data(), mask);
+  return set_record(call.source, table, target.id, record.data(), mask, spelling);
 }
 
 int run_del(Call& call) {
@@ -112,8 +111,7 @@ int parse_used(Call& call, const char* word, const char* table, Target* target) 
   }
   const uint8_t* record = call.source.block(target->table->area) + target->table->at +
                           (target->id - 1) * target->table->stride;
-  return is_used(*target->table, record) ? kOk
-                                         : fail(kRefused, "%s/%u is free", table, target->id);
+  return is_used(*target->table, record) ? kOk : fail(kRefused, "%s/%u is free", table, target->id);
 }
 
 /* Both areas are the edit's. */
@@ -173,99 +171,6 @@ int run_unbind(Call& call) {
   if (!binding.is_bound()) return fail(kRefused, "%s is not bound", call.words[0]);
   change_binding(edit, binding, binding.bound, SC_Del_Ap_Mac2Template_By_Id);
   return kOk;
-}
-
-/* ---- batch ---- */
-
-namespace {
-
-/* Splits a line into words as a shell does: blanks, 'text', "text", $'text' with \' \\ and \xHH,
- * and # for the rest of the line. The words are written over the line. */
-class Words {
- public:
-  static constexpr int kMost = 64;
-
-  /* Null when it can be done. */
-  const char* split(char* line) {
-    char* to = line;
-    const char* from = line;
-    while (true) {
-      while (*from == ' ' || *from == '\t') ++from;
-      if (*from == '\0' || *from == '#') return nullptr;
-      if (count == kMost) return "too many words";
-      char* word = to;
-      while (*from != '\0' && *from != ' ' && *from != '\t') {
-        const bool escapes = from[0] == '$' && from[1] == '\'';
-        if (escapes) ++from;
-        if (*from != '\'' && *from != '"') {
-          *to++ = *from++;
-          continue;
-        }
-        const char mark = *from++;
-        while (*from != mark) {
-          if (*from == '\0') return "a quote is not closed";
-          if (escapes && *from == '\\')
-            *to++ = unescape(&from);
-          else
-            *to++ = *from++;
-        }
-        ++from;
-      }
-      const bool ended = *from == '\0';
-      *to++ = '\0';
-      if (!ended) ++from;
-      words[count++] = word;
-      if (ended) return nullptr;
-    }
-  }
-
-  int count = 0;
-  char* words[kMost];
-
- private:
-  static char unescape(const char** from) {
-    const char* at = *from + 1;
-    char digits[3] = {};
-    if (at[0] == 'x' && at[1] != '\0') {
-      memcpy(digits, at + 1, 2);
-      *from = at + 3;
-      return static_cast<char>(strtol(digits, nullptr, 16));
-    }
-    *from = at + 1;
-    return *at;
-  }
-};
-
-}  // namespace
-
-int run_batch(Call& call) {
-  char* line = nullptr;
-  size_t room = 0;
-  int status = kOk;
-  unsigned number = 0, done = 0;
-  for (ssize_t size; status == kOk && (size = getline(&line, &room, call.input)) >= 0;) {
-    ++number;
-    while (size > 0 && (line[size - 1] == '\n' || line[size - 1] == '\r')) line[--size] = '\0';
-    Text where;
-    where.print("%s:%u: ", call.input_name, number);
-    Words split;
-    const char* fault = split.split(line);
-    /* As --commands prints them. */
-    char** words = split.words;
-    if (split.count > 0 && strcmp(words[0], "scctl") == 0) {
-      ++words;
-      --split.count;
-    }
-    if (fault == nullptr && split.count == 0) continue;
-    g_where = where.c_str();
-    if (fault == nullptr && strcmp(words[0], "batch") == 0) fault = "a batch in a batch";
-    status = fault == nullptr ? run_words(split.count, words) : fail(kUsage, "%s", fault);
-    g_where = nullptr;
-    if (status == kOk) ++done;
-  }
-  free(line);
-  printf("commands done: %u%s\n", done, status == kOk ? "" : how_failed());
-  return status;
 }
 
 }  // namespace scctl

@@ -180,9 +180,10 @@ void describe(Source& source, const Damage& damage, Text* to) {
   switch (damage.kind) {
     case Damage::kLockPath: {
       const auto& header = area.facts().header;
-      to->print("%s: lock_path is '%.*s', not %s", area.name, header.index_at - header.path_at,
-                reinterpret_cast<const char*>(source.block(id_of(area))) + header.path_at,
-                lock_path(area).text);
+      const auto* own = reinterpret_cast<const char*>(source.block(id_of(area))) + header.path_at;
+      to->print("%s: lock_path is '", area.name);
+      to->add_shown(own, strnlen(own, static_cast<size_t>(header.index_at - header.path_at)));
+      to->print("', not %s", lock_path(area).text);
       return;
     }
     case Damage::kAreaLock:
@@ -213,8 +214,7 @@ struct Options {
   Text text;
   explicit Options(const Call& call) {
     if (!call.has(kImage) && !call.has(kArchive)) return;
-    text.print(" %s %s --in-place", call.has(kImage) ? "--image" : "--archive",
-               call.source.name());
+    text.print(" %s %s --in-place", call.has(kImage) ? "--image" : "--archive", call.source.name());
   }
   const char* c_str() const { return text.c_str(); }
 };

@@ -24,6 +24,9 @@ enum Option : uint16_t {
 };
 constexpr uint16_t kSources = kImage | kArchive;
 
+/* More is read of no input. */
+constexpr size_t kMostInput = 48u << 20;
+
 struct Call {
   uint16_t options; /* those that are given */
   const char* image;
@@ -53,8 +56,6 @@ struct Command {
 
 /* Runs a command of these words, the name first. */
 int run_words(int word_count, char** words);
-/* All that was printed is out, or this says that it cannot be. */
-int flush_output();
 
 /* TABLE[/ID][.FIELD]; id 0 and field null where they are left out. */
 struct Target {
@@ -64,8 +65,10 @@ struct Target {
 };
 enum Parts : uint8_t { kTableAlone, kWithId, kMayHaveId, kMayHaveField };
 int parse_target(const char* text, Parts parts, Target* target);
-/* FIELD=VALUE into the record. */
-int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field);
+/* FIELD=VALUE, or FIELD:hex=HEX, into the record. The latter is compared with other records as the
+ * library compares them. */
+int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field,
+                     Spelling* spelling = nullptr);
 /* Says so, with the nearest name. */
 int unknown_field(const Table& table, const char* name, size_t length);
 /* An area by its name. */
@@ -117,6 +120,7 @@ int run_repair(Call&);
 int run_locks(Call&);
 int run_watch(Call&);
 int run_completion(Call&);
+int run_help(Call&);
 
 }  // namespace scctl
 

@@ -295,12 +295,12 @@ int fail_written(const Table& table, uint32_t id, Written written) {
 
 namespace {
 
-int refuse_clash(const Snapshot& now, const uint8_t* record, int skip) {
+int refuse_clash(const Snapshot& now, const uint8_t* record, int skip, Spelling spelling) {
   const Field* field;
-  const int other = now.find_clash(record, skip, &field);
+  const int other = now.find_clash(record, skip, &field, spelling);
   if (other < 0) return kOk;
   Text value;
-  format_visible(*field, record, &value);
+  format(*field, record, &value);
   const char* table = now.table().name;
   return fail(kRefused, "%s: %s '%s' is that of %s/%d", table, field->name, value.c_str(), table,
               other + 1);
@@ -316,7 +316,8 @@ int refuse_free(const Table& table, uint32_t id) {
 
 }  // namespace
 
-int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t* id) {
+int add_record(Source& live, const Table& table, const uint8_t* record, Spelling spelling,
+               uint32_t* id) {
   if (is_section(table)) return refuse_section(table);
   Edit edit(live);
   if (const int status = edit.begin(bit(table.area)); status != kOk) return status;
@@ -325,7 +326,7 @@ int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t
   if (*id != 0 && now.used(*id - 1)) {
     return fail(kRefused, "%s/%u is used; scctl set changes it", table.name, *id);
   }
-  if (const int status = refuse_clash(now, record, -1); status != kOk) return status;
+  if (const int status = refuse_clash(now, record, -1, spelling); status != kOk) return status;
   for (uint32_t position = 0; position < table.capacity; ++position) {
     if (now.used(position) || (*id != 0 && *id != position + 1)) continue;
     const Written written = edit.add(table, position, record);
@@ -338,7 +339,7 @@ int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t
 }
 
 int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* record,
-               const Mask& mask) {
+               const Mask& mask, Spelling spelling) {
   Edit edit(live);
   if (const int status = edit.begin(bit(table.area)); status != kOk) return status;
   bool has_key = false;
@@ -360,7 +361,7 @@ int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* rec
     memcpy(wanted.data() + field.record_at, record + field.record_at, field.size);
   }
   if (has_key) {
-    if (const int status = refuse_clash(now, wanted.data(), static_cast<int>(id - 1));
+    if (const int status = refuse_clash(now, wanted.data(), static_cast<int>(id - 1), spelling);
         status != kOk) {
       return status;
     }

@@ -88,10 +88,11 @@ int fail_written(const Table& table, uint32_t id, Written written);
 
 /* Adds a record as the one of this id, or as the lowest free one for an id of 0, which then tells
  * which it became. Refuses a record that clashes. */
-int add_record(Source& live, const Table& table, const uint8_t* record, uint32_t* id);
+int add_record(Source& live, const Table& table, const uint8_t* record, Spelling spelling,
+               uint32_t* id);
 /* Writes the fields of the mask. */
 int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* record,
-               const Mask& mask);
+               const Mask& mask, Spelling spelling);
 
 /* A record that is to be deleted. */
 struct Doomed {

@@ -38,7 +38,9 @@ bool JsonReader::next(char closing, bool* first) {
 bool JsonReader::name(Text* name) {
   name->clear();
   skip_blanks();
-  return string(name) && (take(':') || fail("no colon behind a name"));
+  if (!string(name)) return false;
+  if (strlen(name->c_str()) != name->size()) return fail("a zero in a name");
+  return take(':') || fail("no colon behind a name");
 }
 
 bool JsonReader::end() {
@@ -46,11 +48,18 @@ bool JsonReader::end() {
   return fault_ == nullptr && (at_ == end_ || fail("text behind the end"));
 }
 
-bool JsonReader::value(Text* value) {
+bool JsonReader::value(Text* value, JsonKind* kind) {
   value->clear();
   skip_blanks();
-  if (at_ < end_ && *at_ == '"') return string(value);
-  if (!take('[')) return number(value);
+  if (at_ < end_ && *at_ == '"') {
+    *kind = JsonKind::kText;
+    return string(value);
+  }
+  if (!take('[')) {
+    *kind = JsonKind::kNumber;
+    return number(value);
+  }
+  *kind = JsonKind::kNumbers;
   for (bool first = true; next(']', &first);) {
     if (value->size() > 0) value->add(',');
     skip_blanks();
@@ -59,10 +68,18 @@ bool JsonReader::value(Text* value) {
   return fault_ == nullptr;
 }
 
+/* Whole ones, as an export prints them. */
 bool JsonReader::number(Text* to) {
+  const auto is_digit = [this] { return at_ < end_ && *at_ >= '0' && *at_ <= '9'; };
   const char* from = at_;
-  while (at_ < end_ && ((*at_ >= '0' && *at_ <= '9') || *at_ == '-')) ++at_;
-  if (from == at_) return fail("no value that is text, a number or a list of numbers");
+  if (at_ < end_ && *at_ == '-') ++at_;
+  const char* digits = at_;
+  while (is_digit()) ++at_;
+  if (digits == at_) return fail("no value that is text, a number or a list of numbers");
+  if (*digits == '0' && at_ - digits > 1) return fail("a number that begins with 0");
+  if (at_ < end_ && strchr(".eE", *at_) != nullptr && *at_ != '\0') {
+    return fail("a number that is not whole");
+  }
   to->add(from, static_cast<size_t>(at_ - from));
   return true;
 }

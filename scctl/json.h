@@ -8,6 +8,8 @@
 
 namespace scctl {
 
+enum class JsonKind : uint8_t { kText, kNumber, kNumbers };
+
 class JsonReader {
  public:
   JsonReader(const char* text, size_t size) : at_(text), end_(text + size) {}
@@ -16,10 +18,10 @@ class JsonReader {
    * bracket that closes it. */
   bool open(char bracket);
   bool next(char closing, bool* first);
-  /* A member's name, with its colon. */
+  /* A member's name, with its colon; without a NUL. */
   bool name(Text* name);
   /* A value as it is typed: a string without quotes, a number, numbers of an array with commas. */
-  bool value(Text* value);
+  bool value(Text* value, JsonKind* kind);
   /* Nothing but blanks is left. */
   bool end();
 

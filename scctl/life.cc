@@ -80,9 +80,34 @@ int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
 
 }  // namespace
 
+namespace {
+
+int need_writable(const Area& area, const Path& path) {
+  if (access(path.text, W_OK) == 0) return kOk;
+  return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, strerror(errno));
+}
+
+/* What a save writes. The library does not tell that it could not, and the archive of before may be
+ * equal. */
+int need_writable_files(const Area& area) {
+  if (const int status = need_writable(area, lock_path(area)); status != kOk) return status;
+  Path image;
+  snprintf(image.text, sizeof image.text, "/var/systemconfig/config_%s.cfg", area.facts().stem);
+  Path written[] = {image, archive_path(area)};
+  for (Path& path : written) {
+    /* One that is not there is made in its folder. */
+    if (access(path.text, F_OK) != 0) *strrchr(path.text, '/') = '\0';
+    if (const int status = need_writable(area, path); status != kOk) return status;
+  }
+  return kOk;
+}
+
+}  // namespace
+
 int save_area(Call& call, AreaId id) {
   if (const int status = call.source.need(id); status != kOk) return status;
   const Area& area = kAreas[id];
+  if (const int status = need_writable_files(area); status != kOk) return status;
   {
     Quiet quiet;
     area.save(call.source.block(id));

@@ -38,12 +38,17 @@ uint32_t last_lock_index(const Area& area) {
 void format_program(long pid, Text* to) {
   char path[32];
   snprintf(path, sizeof path, "/proc/%ld/comm", pid);
-  char name[32] = "-";
+  char name[32];
+  size_t size = 0;
   if (FILE* file = fopen(path, "r"); file != nullptr) {
-    if (fgets(name, sizeof name, file) != nullptr) name[strcspn(name, "\n")] = '\0';
+    size = fread(name, 1, sizeof name, file);
     fclose(file);
   }
-  to->add(name);
+  if (size > 0 && name[size - 1] == '\n') --size;
+  if (size > 0)
+    to->add(name, size);
+  else
+    to->add('-');
 }
 
 const Area* area_of_lock(unsigned device_major, unsigned device_minor, unsigned long inode) {
@@ -67,25 +72,40 @@ struct HeldBytes {
   bool operator==(const HeldBytes&) const = default;
 };
 
-struct LockTable {
-  HeldBytes lines[512];
-  unsigned count;
-
+class LockTable {
+ public:
+  void clear() { count_ = 0; }
+  void add(const HeldBytes& line) {
+    if (count_ == room_) {
+      Buffer larger((2 * room_ + 64) * sizeof line);
+      memcpy(larger.data(), lines_.data(), count_ * sizeof line);
+      lines_.swap(larger);
+      room_ = 2 * room_ + 64;
+    }
+    memcpy(lines_.data() + count_++ * sizeof line, &line, sizeof line);
+  }
+  const HeldBytes* begin() const { return reinterpret_cast<const HeldBytes*>(lines_.data()); }
+  const HeldBytes* end() const { return begin() + count_; }
   bool operator==(const LockTable& other) const {
-    if (count != other.count) return false;
-    for (unsigned i = 0; i < count; ++i) {
-      if (!(lines[i] == other.lines[i])) return false;
+    if (count_ != other.count_) return false;
+    for (size_t n = 0; n < count_; ++n) {
+      if (!(begin()[n] == other.begin()[n])) return false;
     }
     return true;
   }
+
+ private:
+  Buffer lines_;
+  size_t count_ = 0;
+  size_t room_ = 0;
 };
 
 /* The kernel's lines: "1: POSIX ADVISORY WRITE PID MAJOR:MINOR:INODE START END", a waiter's with
  * "->" behind its number. Neighbouring bytes of one process are one line. */
 void read_locks(FILE* file, LockTable* table) {
-  table->count = 0;
+  table->clear();
   char line[160];
-  while (fgets(line, sizeof line, file) != nullptr && table->count < 512) {
+  while (fgets(line, sizeof line, file) != nullptr) {
     char mode[8], end[24];
     long pid;
     unsigned device_major, device_minor;
@@ -102,7 +122,7 @@ void read_locks(FILE* file, LockTable* table) {
     unsigned long last = strtoul(end, nullptr, 10); /* 0 for EOF */
     if (last == 0 || last > most) last = most > first ? most : first;
     const char* state = waits != nullptr ? "waits" : strcmp(mode, "READ") == 0 ? "reads" : "holds";
-    table->lines[table->count++] = {area, first, last, state, pid};
+    table->add({area, first, last, state, pid});
   }
 }
 
@@ -113,21 +133,21 @@ void read_locks(FILE* file, LockTable* table) {
 int run_locks(Call& call) {
   FILE* file = fopen("/proc/locks", "r");
   if (file == nullptr) return fail(kNoArea, "/proc/locks: %s", strerror(errno));
-  LockTable table, again;
-  read_locks(file, &again);
+  LockTable readings[2];
+  read_locks(file, &readings[0]);
+  int last = 0;
   for (int reading = 0; reading < 50; ++reading) {
-    table = again;
     rewind(file);
-    read_locks(file, &again);
-    if (again == table) break;
+    last = 1 - last;
+    read_locks(file, &readings[last]);
+    if (readings[0] == readings[1]) break;
   }
   fclose(file);
 
   const bool json = call.has(kJson);
   const char* comma = "";
   puts(json ? "[" : "area            record            byte  state         pid  program");
-  for (unsigned i = 0; i < table.count; ++i) {
-    const HeldBytes& held = table.lines[i];
+  for (const HeldBytes& held : readings[last]) {
     Text program;
     format_program(held.pid, &program);
     for (unsigned long byte = held.first; byte <= held.last; ++byte) {
@@ -142,8 +162,10 @@ int run_locks(Call& call) {
             comma, held.area->name, guarded.c_str(), byte, held.state, held.pid, quoted.c_str());
         comma = ",\n";
       } else {
+        Text shown;
+        shown.add_shown(program.c_str(), program.size());
         printf("%-14s  %-16s  %4lu  %-5s  %10ld  %s\n", held.area->name, guarded.c_str(), byte,
-               held.state, held.pid, program.c_str());
+               held.state, held.pid, shown.c_str());
       }
     }
   }

@@ -3,6 +3,7 @@
  */
 #include <ctype.h>
 #include <errno.h>
+#include <getopt.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -35,22 +36,22 @@ constexpr Command kCommands[] = {
    "What does not fit into 80 columns, and large fields, are left out; see scctl get.\n",
    kJson | kCommandsOption | kSources, 1, 1, run_list},
   {"get", "TABLE/ID[.FIELD]", "one record, or one field of it",
-   "A field is printed as it is, alone on its line; bytes in hex without the\n"
-   "zeros at the end.\n",
+   "A field is printed as it is, alone on its line, but for a terminal with its\n"
+   "control characters as \\xHH; bytes in hex without the zeros at the end.\n",
    kJson | kCommandsOption | kSources, 1, 1, run_get},
   {"find", "TABLE FIELD=VALUE", "the records that have a value",
-   "MAC addresses as text are compared without case. Exit status 1 when there is\n"
-   "none.\n",
+   "MAC addresses as text are compared as addresses, FIELD:hex=HEX byte by byte.\n"
+   "Exit status 1 when there is none.\n",
    kJson | kCommandsOption | kSources, 2, 2, run_find},
   {"dump", "AREA", "an area's bytes with their names",
    "Of records the used ones alone; lines of zeros are counted.\n",
    kSources, 1, 1, run_dump},
   {"add", "TABLE[/ID] FIELD=VALUE...", "add a record",
    "It becomes the lowest free record, or the one of the ID. Other fields are\n"
-   "zero. Prints its id.\n",
+   "zero. FIELD:hex=HEX gives a text's bytes, unchecked. Prints its id.\n",
    kChanges, 2, -1, run_add},
   {"set", "TABLE/ID FIELD=VALUE...", "change fields of a record",
-   "Other fields stay.\n",
+   "Other fields stay. FIELD:hex=HEX gives a text's bytes, unchecked.\n",
    kChanges, 2, -1, run_set},
   {"del", "TABLE/ID...", "delete records",
    "With a group go the rules that refer to it, with a template its binding. All\n"
@@ -67,9 +68,10 @@ constexpr Command kCommands[] = {
    "",
    0, 1, 1, run_unbind},
   {"batch", "[FILE]", "run commands from a file or standard input",
-   "A command a line, with or without scctl in front, quoted as for a shell; #\n"
-   "begins a comment. Stops at the first that fails, says its line and how many\n"
-   "were done. A file is changed when all were done, or not at all.\n",
+   "A command a line, with or without scctl in front, quoted as for a shell; what\n"
+   "a shell would expand has to be quoted. # begins a comment. Stops at the first\n"
+   "that fails, says its line and how many were done. A file is changed when all\n"
+   "were done, or not at all.\n",
    kChanges | kInput, 0, 1, run_batch},
   {"init", "AREA...", "make or empty areas and load their archives",
    "For the start, before others work on the area: it takes no lock.\n",
@@ -125,31 +127,35 @@ constexpr Command kCommands[] = {
   {"completion", "", "print the completion for bash",
    "",
    0, 0, 0, run_completion},
+  {"help", "[COMMAND]", "tell what there is, or more of a command",
+   "",
+   0, 0, 1, run_help},
 };
 // clang-format on
 
 namespace {
 
 struct OptionRow {
-  const char* name;
+  const char* name; /* without its hyphens */
   Option option;
-  bool has_value;
+  const char* value; /* what it is called; null: it has none */
   const char* help;
 };
 
 // clang-format off
 constexpr OptionRow kOptions[] = {
-  {"--json",     kJson,           false, "--json          as JSON"},
-  {"--commands", kCommandsOption, false, "--commands      as commands that make the same records"},
-  {"--all",      kAll,            false, "--all           all areas"},
-  {"--dry-run",  kDryRun,         false, "--dry-run       say what would change, change nothing"},
-  {"--image",    kImage,          true,  "--image FILE    a .cfg image, not the live area"},
-  {"--archive",  kArchive,        true,  "--archive FILE  a .bin archive, not the live area"},
-  {"--in-place", kInPlace,        false, "--in-place      change that file"},
-  {"--exec",     kExec,           true,  "--exec COMMAND  run a shell command after each change"},
-  {"--count",    kCount,          true,  "--count N       end after N changes"},
+  {"json",     kJson,           nullptr,   "as JSON"},
+  {"commands", kCommandsOption, nullptr,   "as commands that make the same records"},
+  {"all",      kAll,            nullptr,   "all areas"},
+  {"dry-run",  kDryRun,         nullptr,   "say what would change, change nothing"},
+  {"image",    kImage,          "FILE",    "a .cfg image, not the live area"},
+  {"archive",  kArchive,        "FILE",    "a .bin archive, not the live area"},
+  {"in-place", kInPlace,        nullptr,   "change that file"},
+  {"exec",     kExec,           "COMMAND", "run a shell command after each change"},
+  {"count",    kCount,          "N",       "end after N changes"},
 };
 // clang-format on
+constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
 
 constexpr int8_t kAny = -1;
 
@@ -165,7 +171,11 @@ void print_command_help(const Command& command) {
   if (command.options == 0) return;
   puts("\noptions:");
   for (const OptionRow& row : kOptions) {
-    if ((command.options & row.option) != 0) printf("  %s\n", row.help);
+    if ((command.options & row.option) == 0) continue;
+    Text name;
+    name.print("--%s%s%s", row.name, row.value != nullptr ? " " : "",
+               row.value != nullptr ? row.value : "");
+    printf("  %-14s  %s\n", name.c_str(), row.help);
   }
 }
 
@@ -176,7 +186,8 @@ void print_help() {
       "Records are named TABLE/ID, fields of them TABLE/ID.FIELD.\n\ncommands:");
   for (const Command& command : kCommands) printf("  %-10s  %s\n", command.name, command.summary);
   puts(
-      "\nscctl COMMAND --help tells more. Exit status: 0 done; 1 refused, found or different;\n"
+      "\nscctl help COMMAND, or scctl COMMAND --help, tells more; scctl --version says the\n"
+      "version. Exit status: 0 done; 1 refused, found or different;\n"
       "2 wrong usage; 3 no area, no file or no permission.");
 }
 
@@ -187,44 +198,78 @@ const Command* find_command(const char* name) {
   return nullptr;
 }
 
-/* Takes the options out of the words. */
-int parse_options(const Command& command, int count, char** words, Call* call) {
-  bool ended = false;
-  for (int n = 0; n < count; ++n) {
-    char* word = words[n];
-    if (ended || strncmp(word, "--", 2) != 0) {
-      call->words[call->word_count++] = word;
-      continue;
-    }
-    if (word[2] == '\0') {
-      ended = true;
-      continue;
-    }
-    const OptionRow* option = nullptr;
-    for (const OptionRow& row : kOptions) {
-      if ((command.options & row.option) != 0 && strcmp(row.name, word) == 0) option = &row;
-    }
-    if (option == nullptr) {
-      return fail(kUsage, "%s has no option %s; scctl %s --help tells more", command.name, word,
-                  command.name);
-    }
-    call->options = static_cast<uint16_t>(call->options | option->option);
-    if (!option->has_value) continue;
-    if (++n == count) return fail(kUsage, "%s needs a value", word);
-    switch (option->option) {
-      case kImage: call->image = words[n]; break;
-      case kArchive: call->archive = words[n]; break;
-      case kExec: call->exec = words[n]; break;
-      default: {
-        char* rest;
-        const unsigned long value = strtoul(words[n], &rest, 10);
-        if (value == 0 || value > INT32_MAX || *rest != '\0') {
-          return fail(kUsage, "%s: '%s' is no number above 0", word, words[n]);
-        }
-        call->count = static_cast<uint32_t>(value);
+int fail_unknown_command(const char* name) {
+  Nearest nearest(name, strlen(name));
+  for (const Command& known : kCommands) nearest.offer(known.name);
+  return fail(kUsage, "unknown command '%s'; %s", name, nearest.hint("scctl --help lists them"));
+}
+
+constexpr int kOption = 256; /* its place in kOptions is added */
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+int take_option(const OptionRow& row, char* value, Call* call) {
+  call->options = static_cast<uint16_t>(call->options | row.option);
+  switch (row.option) {
+    case kImage: call->image = value; break;
+    case kArchive: call->archive = value; break;
+    case kExec: call->exec = value; break;
+    case kCount: {
+      char* rest = value;
+      const unsigned long count = is_digit(*value) ? strtoul(value, &rest, 10) : 0;
+      if (count == 0 || count > INT32_MAX || *rest != '\0') {
+        return fail(kUsage, "--%s: '%s' is no number above 0", row.name, value);
       }
+      call->count = static_cast<uint32_t>(count);
+      break;
+    }
+    default: break;
+  }
+  return kOk;
+}
+
+/* Takes the options out of the words, the command's name among them; a wish for help goes first. */
+int parse_options(const Command& command, int count, char** words, Call* call, bool* help) {
+  constexpr int kHelp = 'h', kWord = 1;
+  option known[kOptionCount + 2] = {{"help", no_argument, nullptr, kHelp}};
+  int known_count = 1;
+  for (int n = 0; n < kOptionCount; ++n) {
+    if ((command.options & kOptions[n].option) == 0) continue;
+    const int has_value = kOptions[n].value != nullptr ? required_argument : no_argument;
+    known[known_count++] = {kOptions[n].name, has_value, nullptr, kOption + n};
+  }
+  opterr = 0;
+  optind = 0; /* from the start, in both C libraries */
+  while (true) {
+    /* "-": words come as they stand, wherever they stand. */
+    const int found = getopt_long(count, words, "-:h", known, nullptr);
+    if (found == -1) {
+      /* At "--" and at the end; the small C library also at a single hyphen, which is a word. */
+      const bool word =
+          optind < count && strcmp(words[optind], "-") == 0 && strcmp(words[optind - 1], "--") != 0;
+      if (!word) break;
+      call->words[call->word_count++] = words[optind++];
+    } else if (found == kWord) {
+      call->words[call->word_count++] = optarg;
+    } else if (found == kHelp) {
+      *help = true;
+      return kOk;
+    } else if (found == ':') {
+      return fail(kUsage, "%s needs a value", words[optind - 1]);
+    } else if (found == '?' && optopt >= kOption) {
+      return fail(kUsage, "--%s has no value", kOptions[optopt - kOption].name);
+    } else if (found == '?' && optopt != 0) {
+      return fail(kUsage, "%s has no option -%c; scctl %s --help tells more", command.name, optopt,
+                  command.name);
+    } else if (found == '?') {
+      return fail(kUsage, "%s has no option %s; scctl %s --help tells more", command.name,
+                  words[optind - 1], command.name);
+    } else if (const int status = take_option(kOptions[found - kOption], optarg, call);
+               status != kOk) {
+      return status;
     }
   }
+  while (optind < count) call->words[call->word_count++] = words[optind++];
   return kOk;
 }
 
@@ -264,21 +309,17 @@ int open_source(Call* call) {
 
 int run_words(int word_count, char** words) {
   const Command* command = find_command(words[0]);
-  if (command == nullptr) {
-    Nearest nearest(words[0], strlen(words[0]));
-    for (const Command& known : kCommands) nearest.offer(known.name);
-    return fail(kUsage, "unknown command '%s'; the nearest is %s", words[0], nearest.name());
-  }
-  for (int n = 1; n < word_count && strcmp(words[n], "--") != 0; ++n) {
-    if (strcmp(words[n], "--help") != 0) continue;
-    print_command_help(*command);
-    return kOk;
-  }
+  if (command == nullptr) return fail_unknown_command(words[0]);
   Call call = {};
   Buffer kept(static_cast<size_t>(word_count) * sizeof(char*));
   call.words = reinterpret_cast<char**>(kept.data());
-  if (const int status = parse_options(*command, word_count - 1, words + 1, &call); status != kOk) {
+  bool help = false;
+  if (const int status = parse_options(*command, word_count, words, &call, &help); status != kOk) {
     return status;
+  }
+  if (help) {
+    print_command_help(*command);
+    return kOk;
   }
   if (call.word_count < command->least ||
       (command->most != kAny && call.word_count > command->most)) {
@@ -295,40 +336,97 @@ int run_words(int word_count, char** words) {
   return status;
 }
 
-int flush_output() {
-  if (fflush(stdout) == 0 && ferror(stdout) == 0) return kOk;
-  return fail(kRefused, "standard output: the text could not be written");
+int run_help(Call& call) {
+  if (call.word_count == 0) {
+    print_help();
+    return kOk;
+  }
+  const Command* command = find_command(call.words[0]);
+  if (command == nullptr) return fail_unknown_command(call.words[0]);
+  print_command_help(*command);
+  return kOk;
 }
 
 /* ---- completion ---- */
 
-/* Commands, then what their first word is: a table, a record of one, or an area. */
-int run_completion(Call&) {
-  Text commands, tables, areas, of_tables, of_areas;
-  for (const Command& command : kCommands) {
-    commands.print(" %s", command.name);
-    if (strncmp(command.arguments, "TABLE", 5) == 0) of_tables.print("|%s", command.name);
-    if (strstr(command.arguments, "AREA") != nullptr) of_areas.print("|%s", command.name);
-  }
+namespace {
+
+/* The words that are in the rows, as variables of the function. */
+void print_completion_words() {
+  Text commands, tables, areas;
+  for (const Command& command : kCommands) commands.print(" %s", command.name);
   for (const Table& table : kTables) tables.print(" %s", table.name);
   for (const Area& area : kAreas) areas.print(" %s", area.name);
-  printf(
+  printf("  local commands='%s'\n  local tables='%s'\n  local areas='%s'\n", commands.c_str() + 1,
+         tables.c_str() + 1, areas.c_str() + 1);
+  puts("  case $command in");
+  for (const Command& command : kCommands) {
+    Text options;
+    for (const OptionRow& row : kOptions) {
+      if ((command.options & row.option) != 0) options.print(" --%s", row.name);
+    }
+    if (options.size() > 0) printf("    %s) options+='%s' ;;\n", command.name, options.c_str());
+  }
+  puts("  esac\n  case ${COMP_WORDS[2]%%/*} in");
+  for (const Table& table : kTables) {
+    Text fields;
+    for (const Field& field : table) fields.print(" %s", field.name);
+    printf("    %s) fields='%s' ;;\n", table.name, fields.c_str() + 1);
+  }
+  puts("  esac");
+}
+
+/* "A:N|B:N": the commands whose arguments have this text, at a place. */
+void print_commands_with(const char* text, char place) {
+  const char* before = "      ";
+  for (const Command& command : kCommands) {
+    if (strstr(command.arguments, text) == nullptr) continue;
+    printf("%s%s:%c", before, command.name, place);
+    before = "|";
+  }
+}
+
+}  // namespace
+
+int run_completion(Call&) {
+  puts(
       "_scctl() {\n"
-      "  local words\n"
+      "  local command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]}\n"
+      "  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help' fields='' words='' ahead=''");
+  print_completion_words();
+  puts(
       "  if [[ $COMP_CWORD == 1 ]]; then\n"
-      "    words='%s --help'\n"
+      "    words=\"$commands --help --version\"\n"
+      "  elif [[ $before == = || $word == = || $before =~ ^--(image|archive|exec|count)$ ]]; then\n"
+      "    return\n"
+      "  elif [[ $word == -* ]]; then\n"
+      "    words=$options\n"
+      "  elif [[ $command == get && $word == */*.* ]]; then\n"
+      "    words=$fields ahead=${word%.*}. word=${word##*.}\n"
       "  else\n"
-      "    case ${COMP_WORDS[1]} in\n"
-      "      %s) words='%s' ;;\n"
-      "      %s) words='%s' ;;\n"
-      "      *) return ;;\n"
+      "    case $command:$COMP_CWORD in\n"
+      "      help:2) words=$commands ;;\n"
+      "      lease:2) words='save restore' ;;\n"
+      "      lease:3) words='clients aps' ;;\n"
+      "      bind:2|unbind:2) words=ap_templates/ ;;\n"
+      "      bind:3) words=aps/ ;;\n"
+      "      diff:2|diff:3) words='live saved' ;;");
+  print_commands_with("TABLE", '2');
+  puts(") words=$tables ;;");
+  print_commands_with("FIELD=", '*');
+  puts(") words=${fields// /= }${fields:+=} ;;");
+  print_commands_with("AREA", '*');
+  puts(
+      ") words=$areas ;;\n"
       "    esac\n"
       "  fi\n"
-      "  mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"${COMP_WORDS[COMP_CWORD]}\")\n"
+      "  mapfile -t COMPREPLY < <(\n"
+      "    compgen -P \"$ahead\" -W \"$words\" -- \"$word\"\n"
+      "    [[ $command != diff ]] || compgen -f -- \"$word\"\n"
+      "  )\n"
+      "  [[ ${COMPREPLY[0]} != *[=/] ]] || compopt -o nospace 2>/dev/null\n"
       "}\n"
-      "complete -o default -F _scctl scctl\n",
-      commands.c_str() + 1, of_tables.c_str() + 1, tables.c_str() + 1, of_areas.c_str() + 1,
-      areas.c_str() + 1);
+      "complete -o default -F _scctl scctl");
   return kOk;
 }
 
@@ -337,8 +435,10 @@ int run_completion(Call&) {
 int unknown_field(const Table& table, const char* name, size_t length) {
   Nearest nearest(name, length);
   for (const Field& field : table) nearest.offer(field.name);
-  return fail(kRefused, "%s has no field '%.*s'; the nearest is %s", table.name,
-              static_cast<int>(length), name, nearest.name());
+  Text otherwise;
+  otherwise.print("scctl fields %s lists them", table.name);
+  return fail(kRefused, "%s has no field '%.*s'; %s", table.name, static_cast<int>(length), name,
+              nearest.hint(otherwise.c_str()));
 }
 
 int parse_target(const char* text, Parts parts, Target* target) {
@@ -349,8 +449,8 @@ int parse_target(const char* text, Parts parts, Target* target) {
   if (target->table == nullptr) {
     Nearest nearest(text, length);
     for (const Table& table : kTables) nearest.offer(table.name);
-    return fail(kRefused, "unknown table '%.*s'; the nearest is %s", static_cast<int>(length), text,
-                nearest.name());
+    return fail(kRefused, "unknown table '%.*s'; %s", static_cast<int>(length), text,
+                nearest.hint("scctl tables lists them"));
   }
   const Table& table = *target->table;
   if (text[length] == '\0') {
@@ -359,10 +459,10 @@ int parse_target(const char* text, Parts parts, Target* target) {
                 table.capacity);
   }
   if (parts == kTableAlone) return fail(kUsage, "'%s': the table's name alone, please", text);
-  char* rest;
   const char* digits = text + length + 1;
-  const unsigned long id = strtoul(digits, &rest, 10);
-  if (rest == digits || *digits == '-' || *digits == '+' || (*rest != '\0' && *rest != '.')) {
+  char* rest = const_cast<char*>(digits);
+  const unsigned long id = is_digit(*digits) ? strtoul(digits, &rest, 10) : 0;
+  if (rest == digits || (*rest != '\0' && *rest != '.')) {
     return fail(kUsage, "'%s': '%s' is no id", text, digits);
   }
   if (id == 0 || id > table.capacity) {
@@ -376,11 +476,18 @@ int parse_target(const char* text, Parts parts, Target* target) {
   return target->field != nullptr ? kOk : unknown_field(table, rest + 1, strlen(rest + 1));
 }
 
-int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field) {
-  const size_t length = strcspn(text, "=");
-  if (text[length] == '\0') return fail(kUsage, "'%s' is no FIELD=VALUE", text);
+int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field,
+                     Spelling* spelling) {
+  static constexpr char kHex[] = ":hex=";
+  const size_t length = strcspn(text, ":=");
+  const bool hex = strncmp(text + length, kHex, strlen(kHex)) == 0;
+  if (!hex && text[length] != '=') return fail(kUsage, "'%s' is no FIELD=VALUE", text);
   *field = find_field(table, text, length);
   if (*field == nullptr) return unknown_field(table, text, length);
+  if (hex) {
+    if (spelling != nullptr) *spelling = Spelling::kAsLibrary;
+    return parse_text_bytes(table, **field, text + length + strlen(kHex), record);
+  }
   const char* value = text + length + 1;
   return parse(table, **field, value, strlen(value), Origin::kTyped, record);
 }
@@ -392,7 +499,7 @@ int parse_area(const char* name, AreaId* id) {
   }
   Nearest nearest(name, strlen(name));
   for (const Area& area : kAreas) nearest.offer(area.name);
-  return fail(kRefused, "unknown area '%s'; the nearest is %s", name, nearest.name());
+  return fail(kRefused, "unknown area '%s'; %s", name, nearest.hint("scctl areas lists them"));
 }
 
 int parse_areas(const Call& call, bool none_is_all, bool* chosen) {
@@ -429,12 +536,16 @@ int present_areas(Call& call, bool* chosen) {
 }  // namespace scctl
 
 int main(int argc, char** argv) {
-  if (argc < 2) return scctl::fail(scctl::kUsage, "which command? scctl --help lists them");
-  if (strcmp(argv[1], "--help") == 0) {
-    scctl::print_help();
-    return scctl::flush_output();
+  using namespace scctl;
+  if (argc < 2) return fail(kUsage, "which command? scctl --help lists them");
+  int status = kOk;
+  if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
+    print_help();
+  } else if (strcmp(argv[1], "--version") == 0) {
+    puts("scctl " SCCTL_VERSION);
+  } else {
+    status = run_words(argc - 1, argv + 1);
   }
-  const int status = scctl::run_words(argc - 1, argv + 1);
-  const int flushed = scctl::flush_output();
-  return flushed == scctl::kOk ? status : flushed;
+  const int flushed = flush_output();
+  return flushed == kOk ? status : flushed;
 }

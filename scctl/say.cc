@@ -1,6 +1,7 @@
 /* Messages, text and memory. */
 #include "say.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -9,28 +10,71 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "letters.h"
+
 namespace scctl {
 
 const char* g_where = nullptr;
+const char* g_file = nullptr;
 
 int fail(int status, const char* format, ...) {
+  static constexpr char kCut[] = "..";
   fflush(stdout);
-  Text line;
-  char text[512];
+  char text[1024];
   va_list values;
   va_start(values, format);
-  vsnprintf(text, sizeof text, format, values);
+  const auto size = static_cast<size_t>(vsnprintf(text, sizeof text, format, values));
   va_end(values);
-  line.print("scctl: %s%s\n", g_where == nullptr ? "" : g_where, text);
-  fputs(line.c_str(), stderr);
+  if (size >= sizeof text) memcpy(text + sizeof text - sizeof kCut, kCut, sizeof kCut);
+  /* No memory is asked for: there may be none. */
+  char line[4 * sizeof text];
+  size_t used = 0;
+  const auto show = [&](const char* from) {
+    for (size_t left = strlen(from); left > 0;) {
+      Shown shown;
+      const size_t taken = show_letter(from, left, &shown);
+      if (used + shown.size > sizeof line) return;
+      memcpy(line + used, shown.bytes, shown.size);
+      used += shown.size;
+      from += taken;
+      left -= taken;
+    }
+  };
+  show("scctl: ");
+  if (g_where != nullptr) show(g_where);
+  show(text);
+  fprintf(stderr, "%.*s\n", static_cast<int>(used), line);
   return status;
 }
 
+namespace {
+
+char g_told[128];
+
+}  // namespace
+
+void tell(const char* format, ...) {
+  va_list values;
+  va_start(values, format);
+  vsnprintf(g_told, sizeof g_told, format, values);
+  va_end(values);
+  puts(g_told);
+}
+
+int flush_output() {
+  if (fflush(stdout) == 0 && ferror(stdout) == 0) return kOk;
+  /* Of a file's edit nothing is kept. */
+  if (g_told[0] == '\0' || g_file != nullptr) {
+    return fail(kRefused, "standard output: the text could not be written");
+  }
+  return fail(kRefused, "%s, but standard output takes no more", g_told);
+}
+
 void Nearest::offer(const char* name) {
-  /* The distance of Levenshtein, row by row; names are short. */
+  /* The distance of Levenshtein, row by row; known names are short. */
   constexpr size_t kLongest = 31;
   const size_t columns = strlen(name);
-  if (length_ > kLongest || columns > kLongest) return;
+  if (columns > kLongest) return;
   size_t row[kLongest + 1];
   for (size_t i = 0; i <= columns; ++i) row[i] = i;
   for (size_t n = 1; n <= length_; ++n) {
@@ -48,6 +92,12 @@ void Nearest::offer(const char* name) {
     distance_ = row[columns];
     best_ = name;
   }
+}
+
+const char* Nearest::hint(const char* otherwise) {
+  if (best_ == nullptr) return otherwise;
+  snprintf(hint_, sizeof hint_, "the nearest is %s", best_);
+  return hint_;
 }
 
 namespace {
@@ -69,6 +119,7 @@ void Text::reserve(size_t more) {
   room_ = 2 * (size_ + more + 1);
   data_ = static_cast<char*>(realloc(data_, room_));
   if (data_ == nullptr) out_of_memory();
+  data_[size_] = '\0';
 }
 
 void Text::add(const char* bytes, size_t size) {
@@ -78,8 +129,18 @@ void Text::add(const char* bytes, size_t size) {
   data_[size_] = '\0';
 }
 
-void Text::trim() {
-  while (size_ > 0 && data_[size_ - 1] == ' ') data_[--size_] = '\0';
+void Text::add_shown(const char* bytes, size_t size) {
+  while (size > 0) {
+    Shown shown;
+    const size_t taken = show_letter(bytes, size, &shown);
+    add(shown.bytes, shown.size);
+    bytes += taken;
+    size -= taken;
+  }
+}
+
+void Text::trim(char c) {
+  while (size_ > 0 && data_[size_ - 1] == c) data_[--size_] = '\0';
 }
 
 void Text::add(char c) { add(&c, 1); }
@@ -109,18 +170,27 @@ void Text::clear() {
 
 Quiet::Quiet(int errors) {
   fflush(stdout);
-  out_ = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10);
-  err_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 10);
-  const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
-  dup2(nowhere, STDOUT_FILENO);
-  dup2(errors >= 0 ? errors : nowhere, STDERR_FILENO);
-  close(nowhere);
   on_hang_up_ = signal(SIGPIPE, SIG_IGN);
+  const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+  const int out = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int err = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (nowhere >= 0 && out >= 0 && err >= 0) {
+    dup2(nowhere, STDOUT_FILENO);
+    dup2(errors >= 0 ? errors : nowhere, STDERR_FILENO);
+    out_ = out;
+    err_ = err;
+  } else {
+    fail(kRefused, "the library's own messages are not silenced: %s", strerror(errno));
+    if (out >= 0) close(out);
+    if (err >= 0) close(err);
+  }
+  if (nowhere >= 0) close(nowhere);
 }
 
 Quiet::~Quiet() {
-  signal(SIGPIPE, on_hang_up_);
   fflush(stdout);
+  signal(SIGPIPE, on_hang_up_);
+  if (out_ < 0) return;
   dup2(out_, STDOUT_FILENO);
   dup2(err_, STDERR_FILENO);
   close(out_);

@@ -17,24 +17,37 @@ enum Status : int {
   kNoArea = 3 /* no area, no file or no permission */
 };
 
-/* Says why on one line of standard error; returns the status. */
+/* Says why on one line of standard error; returns the status. The line is shown as by add_shown, so
+ * what comes from elsewhere is printed as it is, by %s; a line of a kilobyte is cut. */
 int fail(int status, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /* Where the command comes from, "FILE:LINE: ", in front of what fail says; null: from the shell. */
 extern const char* g_where;
 
-/* The known name that is nearest to a wrong one. */
+/* The file whose area is the live one of this process; null: the machine's areas are. */
+extern const char* g_file;
+
+/* Says what was done on a line of standard output. When the line cannot be written, the last that
+ * was said is part of what flush_output says. */
+void tell(const char* format, ...) __attribute__((format(printf, 1, 2)));
+/* All that was printed is out, or this says that it cannot be. */
+int flush_output();
+
+/* The known name that is nearest to a wrong one, if it is near: a third of its letters may differ. */
 class Nearest {
  public:
-  explicit Nearest(const char* wrong, size_t length) : wrong_(wrong), length_(length) {}
+  Nearest(const char* wrong, size_t length)
+      : wrong_(wrong), length_(length), distance_((length + 2) / 3 + 1) {}
   void offer(const char* name);
-  const char* name() const { return best_; }
+  /* "the nearest is NAME", or what tells the names. */
+  const char* hint(const char* otherwise);
 
  private:
   const char* wrong_;
   size_t length_;
-  const char* best_ = "";
-  size_t distance_ = SIZE_MAX;
+  size_t distance_; /* of the best; more are not near */
+  const char* best_ = nullptr;
+  char hint_[64];
 };
 
 /* Memory of a fixed size, zeroed; ends the program when there is none. */
@@ -67,9 +80,15 @@ class Text {
   void add(char c);
   void add(const char* text);
   void add(const char* bytes, size_t size);
-  void trim(); /* cuts blanks off its end */
+  /* As a person may see it: letters.h. */
+  void add_shown(const char* bytes, size_t size);
+  void trim(char c); /* cuts these off its end */
   void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
   void clear();
+  char* data() { /* to be written over, up to its end */
+    reserve(0);
+    return data_;
+  }
   const char* c_str() const { return data_ == nullptr ? "" : data_; }
   size_t size() const { return size_; }
 
@@ -80,8 +99,9 @@ class Text {
   size_t room_ = 0;
 };
 
-/* Sends standard output nowhere while it lives, and standard error there or into a descriptor. A
- * daemon that hangs up on a notification does not end the program. */
+/* Sends standard output nowhere while it lives, and standard error there or into a descriptor; says
+ * so when it cannot, and leaves both as they are. A daemon that hangs up on a notification does not
+ * end the program. */
 class Quiet {
  public:
   explicit Quiet(int errors = -1);
@@ -90,8 +110,8 @@ class Quiet {
   Quiet& operator=(const Quiet&) = delete;
 
  private:
-  int out_;
-  int err_;
+  int out_ = -1; /* what they were; -1: they are that still */
+  int err_ = -1;
   void (*on_hang_up_)(int);
 };
 

@@ -1,14 +1,15 @@
 /* Commands that show: tables, fields, areas, list, get, find, dump. */
 #include <stdio.h>
 #include <string.h>
-#include <strings.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include "commands.h"
+#include "letters.h"
 #include "value.h"
 
 namespace scctl {
@@ -19,11 +20,26 @@ constexpr size_t kColumns = 80;
 constexpr size_t kWidest = 32; /* letters of a cell */
 constexpr size_t kIdWidth = 3;
 
-/* UTF-8 letters take one column each. */
-size_t letters(const char* text) {
-  size_t count = 0;
-  for (; *text != '\0'; ++text) count += (*text & 0xc0) != 0x80;
-  return count;
+/* A text of at most so many columns. */
+void add_cut(const char* text, size_t size, Text* to) {
+  static constexpr char kCut[] = "..";
+  Text whole;
+  size_t kept = 0, columns = 0; /* what is left when it is cut */
+  while (size > 0) {
+    Shown shown;
+    const size_t taken = show_letter(text, size, &shown);
+    columns += shown.columns;
+    if (columns > kWidest) {
+      to->add(whole.c_str(), kept);
+      to->add(kCut);
+      return;
+    }
+    whole.add(shown.bytes, shown.size);
+    if (columns <= kWidest - strlen(kCut)) kept = whole.size();
+    text += taken;
+    size -= taken;
+  }
+  to->add(whole.c_str());
 }
 
 /* A value that fits a column. */
@@ -33,28 +49,19 @@ void format_cell(const Field& field, const uint8_t* record, Text* to) {
     return;
   }
   Text value;
-  format_visible(field, record, &value);
-  if (letters(value.c_str()) <= kWidest) {
-    to->add(value.c_str());
-    return;
-  }
-  size_t size = 0;
-  for (size_t count = 0; count < kWidest - 2 || (value.c_str()[size] & 0xc0) == 0x80; ++size) {
-    count += (value.c_str()[size + 1] & 0xc0) != 0x80;
-  }
-  to->add(value.c_str(), size);
-  to->add("..");
+  format(field, record, &value);
+  add_cut(value.c_str(), value.size(), to);
 }
 
 void add_cell(const char* text, size_t width, Text* to) {
   static constexpr char kBlanks[] = "                                  ";
   static_assert(sizeof kBlanks > kWidest + 2);
   to->add(text);
-  to->add(kBlanks, width - letters(text) + 2);
+  to->add(kBlanks, width - columns_of(text) + 2);
 }
 
 void end_line(Text* to) {
-  to->trim();
+  to->trim(' ');
   to->add('\n');
 }
 
@@ -63,17 +70,16 @@ void print(const Text& text) { fwrite(text.c_str(), 1, text.size(), stdout); }
 /* The records that have a value in a field, or all when there is no field. */
 struct Choice {
   const Table& table;
-  const Field* field;
-  const uint8_t* wanted;
+  const Field* field = nullptr;
+  const uint8_t* wanted = nullptr;
+  Spelling spelling = Spelling::kAsMac; /* kAsLibrary: all bytes are compared */
 
   bool has(const uint8_t* record) const {
     if (field == nullptr) return true;
-    if (field->kind == Kind::kMacText) {
-      return strncasecmp(reinterpret_cast<const char*>(record) + field->record_at,
-                         reinterpret_cast<const char*>(wanted) + field->record_at,
-                         field->size) == 0;
-    }
-    return equal(*field, record, wanted);
+    if (!is_text(*field) || spelling == Spelling::kAsLibrary) return equal(*field, record, wanted);
+    if (field->kind == Kind::kMacText) return is_same_mac_text(*field, record, wanted);
+    return strncmp(reinterpret_cast<const char*>(record) + field->record_at,
+                   reinterpret_cast<const char*>(wanted) + field->record_at, field->size) == 0;
   }
 };
 
@@ -132,7 +138,7 @@ uint32_t print_table(Source& source, const Choice& choice) {
     for (; made < columns.shown(); ++made) {
       cell.clear();
       format_cell(table.fields[made], record.data(), &cell);
-      columns.widen(made, letters(cell.c_str()));
+      columns.widen(made, columns_of(cell.c_str()));
       cells.add(cell.c_str(), cell.size() + 1);
     }
     cell_counts.data()[count++] = static_cast<uint8_t>(made);
@@ -164,16 +170,36 @@ uint32_t print_table(Source& source, const Choice& choice) {
   return count;
 }
 
-/* As it is pasted back; what is zero is left out. */
-void add_command(const Table& table, uint32_t id, const uint8_t* record, Text* to) {
-  to->print("scctl %s %s/%u", is_section(table) ? "set" : "add", table.name, id);
-  for (const Field& field : table) {
-    if (filled(field, record) == 0) continue;
-    to->print(" %s=", field.name);
-    format_quoted(field, record, to);
+/* Makes commands of records, as they are pasted back. */
+class Commands {
+ public:
+  explicit Commands(const Table& table) : table_(table), made_(table) {}
+
+  /* What is zero is left out, but a command needs a field. A record that add will refuse, because of
+   * one before it, is named in a comment. */
+  void add(uint32_t id, const uint8_t* record, Text* to) {
+    const Field* field;
+    if (const int other = made_.find_clash(record, -1, &field, Spelling::kAsLibrary); other >= 0) {
+      to->print("# %s/%u cannot be added: its %s is that of %s/%d\n", table_.name, id, field->name,
+                table_.name, other + 1);
+      return;
+    }
+    const bool checked = made_.find_clash(record, -1, &field) < 0;
+    memcpy(made_.put(id - 1), record, table_.stride);
+    to->print("scctl %s %s/%u", is_section(table_) ? "set" : "add", table_.name, id);
+    bool any = false;
+    for (const Field& member : table_) {
+      if (filled(member, record) == 0 && (any || &member + 1 < table_.end())) continue;
+      format_assignment(member, record, checked || &member != field, to);
+      any = true;
+    }
+    to->add('\n');
   }
-  to->add('\n');
-}
+
+ private:
+  const Table& table_;
+  Snapshot made_;
+};
 
 /* Returns the number of records. */
 uint32_t print_records(Call& call, const Choice& choice) {
@@ -182,6 +208,7 @@ uint32_t print_records(Call& call, const Choice& choice) {
   const bool json = !call.has(kCommandsOption);
   Reader reader(call.source, table);
   Buffer record(table.stride);
+  Commands commands(table);
   uint32_t count = 0;
   if (json) putchar('[');
   for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
@@ -191,7 +218,7 @@ uint32_t print_records(Call& call, const Choice& choice) {
       text.add(count == 0 ? "\n  " : ",\n  ");
       print_json_record(table, position + 1, record.data(), false, &text);
     } else {
-      add_command(table, position + 1, record.data(), &text);
+      commands.add(position + 1, record.data(), &text);
     }
     print(text);
     ++count;
@@ -355,7 +382,7 @@ int run_list(Call& call) {
     return status;
   }
   if (const int status = call.source.need(target.table->area); status != kOk) return status;
-  print_records(call, {*target.table, nullptr, nullptr});
+  print_records(call, {*target.table});
   return kOk;
 }
 
@@ -366,13 +393,15 @@ int run_find(Call& call) {
   }
   const Table& table = *target.table;
   Buffer wanted(table.stride);
-  const Field* field;
-  if (const int status = parse_assignment(table, call.words[1], wanted.data(), &field);
+  Choice choice = {table, nullptr, wanted.data()};
+  if (const int status =
+          parse_assignment(table, call.words[1], wanted.data(), &choice.field, &choice.spelling);
       status != kOk) {
     return status;
   }
   if (const int status = call.source.need(table.area); status != kOk) return status;
-  if (print_records(call, {table, field, wanted.data()}) > 0 || call.has(kJson)) return kOk;
+  if (print_records(call, choice) > 0) return kOk;
+  if (call.has(kJson)) return kRefused;
   return fail(kRefused, "no record of %s has %s", table.name, call.words[1]);
 }
 
@@ -389,10 +418,12 @@ int run_get(Call& call) {
   }
   Text text;
   if (call.has(kCommandsOption)) {
-    add_command(table, target.id, record.data(), &text);
+    Commands(table).add(target.id, record.data(), &text);
   } else if (target.field != nullptr) {
     if (call.has(kJson))
       format_json(*target.field, record.data(), false, &text);
+    else if (isatty(STDOUT_FILENO) != 0)
+      format_shown(*target.field, record.data(), &text);
     else
       format(*target.field, record.data(), &text);
     text.add('\n');
@@ -405,7 +436,7 @@ int run_get(Call& call) {
       if (field.kind == Kind::kBytes)
         format_cell(field, record.data(), &text);
       else
-        format_visible(field, record.data(), &text);
+        format_shown(field, record.data(), &text);
       end_line(&text);
     }
   }

@@ -127,7 +127,6 @@ void* g_live[kAreaCount];
 
 }  // namespace
 
-const char* g_file = nullptr;
 int g_lock_files[kAreaCount];
 
 Source::~Source() {
@@ -324,17 +323,17 @@ uint32_t Snapshot::count() const {
   return count;
 }
 
-int Snapshot::find_clash(const uint8_t* wanted, int skip, const Field** clashing) const {
+int Snapshot::find_clash(const uint8_t* wanted, int skip, const Field** clashing,
+                         Spelling spelling) const {
   for (const Field& field : *table_) {
     if (field.clash == Clash::kNone) continue;
+    const bool as_mac = spelling == Spelling::kAsMac && field.kind == Kind::kMacText;
     for (int position = 0; position < table_->capacity; ++position) {
       if (position == skip || !used(static_cast<uint32_t>(position))) continue;
       const uint8_t* own = record(static_cast<uint32_t>(position));
-      const bool clash = field.clash == Clash::kBytes
-                             ? equal(field, own, wanted)
-                             : strncasecmp(reinterpret_cast<const char*>(own) + field.record_at,
-                                           reinterpret_cast<const char*>(wanted) + field.record_at,
-                                           field.size) == 0;
+      const bool clash = field.clash == Clash::kBytes ? equal(field, own, wanted)
+                         : as_mac                     ? is_same_mac_text(field, own, wanted)
+                                                      : is_same_text(field, own, wanted);
       if (clash) {
         *clashing = &field;
         return position;

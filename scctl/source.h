@@ -12,9 +12,6 @@
 
 namespace scctl {
 
-/* The file whose area is the live one of this process; null: the machine's areas are. */
-extern const char* g_file;
-
 /* Behind how much was done before something failed. A file is not changed then. */
 inline const char* how_failed() {
   return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
@@ -109,6 +106,10 @@ class Reader {
   int tries_;
 };
 
+/* When MAC addresses as text are the same: those that are the same address, or as the library
+ * compares them, which takes - and : for different letters. */
+enum class Spelling : uint8_t { kAsMac, kAsLibrary };
+
 /* The used records of a table, each whole, at their positions. */
 class Snapshot {
  public:
@@ -132,7 +133,8 @@ class Snapshot {
     return records_.data() + position * table_->stride;
   }
   /* The used record that the record clashes with, other than the one of skip; -1 for none. */
-  int find_clash(const uint8_t* record, int skip, const Field** field) const;
+  int find_clash(const uint8_t* record, int skip, const Field** field,
+                 Spelling spelling = Spelling::kAsMac) const;
 
  private:
   const Table* table_ = nullptr;

@@ -12,7 +12,7 @@
 
 #include "commands.h"
 #include "edit.h"
-#include "json.h"
+#include "import_reader.h"
 #include "value.h"
 
 namespace scctl {
@@ -50,99 +50,6 @@ int run_export(Call& call) {
 /* ---- import ---- */
 
 namespace {
-
-int read_text(const Call& call, Text* text) {
-  char bytes[4096];
-  for (size_t size; (size = fread(bytes, 1, sizeof bytes, call.input)) > 0;) text->add(bytes, size);
-  if (ferror(call.input) == 0) return kOk;
-  return fail(kNoArea, "%s: %s", call.input_name, strerror(errno));
-}
-
-/* What the tables of a file are to be; those that it has not are none. */
-struct Import {
-  Call& call;
-  Snapshot wanted[kTableCount];
-};
-
-int read_record(JsonReader& json, Snapshot* wanted) {
-  const Table& table = wanted->table();
-  Buffer record(table.stride);
-  Text name, value;
-  unsigned long id = 0;
-  if (!json.open('{')) return kRefused;
-  for (bool first = true; json.next('}', &first);) {
-    if (!json.name(&name) || !json.value(&value)) return kRefused;
-    if (strcmp(name.c_str(), "id") == 0) {
-      id = strtoul(value.c_str(), nullptr, 10);
-      if (id == 0 || id > table.capacity) {
-        return fail(kRefused, "%s: id %s is not within 1 to %u", table.name, value.c_str(),
-                    table.capacity);
-      }
-      continue;
-    }
-    const Field* field = find_field(table, name.c_str(), name.size());
-    if (field == nullptr) return unknown_field(table, name.c_str(), name.size());
-    if (const int status =
-            parse(table, *field, value.c_str(), value.size(), Origin::kCopied, record.data());
-        status != kOk) {
-      return status;
-    }
-  }
-  if (json.failed()) return kRefused;
-  if (id == 0) return fail(kRefused, "%s: a record without an id", table.name);
-  const auto position = static_cast<uint32_t>(id) - 1;
-  if (wanted->used(position)) return fail(kRefused, "%s: id %lu stands twice", table.name, id);
-  const Field* field;
-  if (const int other = wanted->find_clash(record.data(), -1, &field); other >= 0) {
-    return fail(kRefused, "%s: ids %d and %lu have the same %s", table.name, other + 1, id,
-                field->name);
-  }
-  memcpy(wanted->put(position), record.data(), table.stride);
-  return kOk;
-}
-
-int read_table(JsonReader& json, Import& import, AreaId area) {
-  Text name;
-  if (!json.name(&name)) return kRefused;
-  Target target;
-  if (const int status = parse_target(name.c_str(), kTableAlone, &target); status != kOk) {
-    return status;
-  }
-  const Table& table = *target.table;
-  if (table.area != area) {
-    return fail(kRefused, "%s is no table of area %s", table.name, kAreas[area].name);
-  }
-  Snapshot wanted(table);
-  if (!json.open('[')) return kRefused;
-  for (bool first = true; json.next(']', &first);) {
-    if (const int status = read_record(json, &wanted); status != kOk) return status;
-  }
-  if (json.failed()) return kRefused;
-  import.wanted[&table - kTables].swap(wanted);
-  return kOk;
-}
-
-int read_areas(JsonReader& json, Import& import) {
-  if (!json.open('{')) return kRefused;
-  Text name;
-  for (bool first = true; json.next('}', &first);) {
-    AreaId area;
-    if (!json.name(&name) || !json.open('{')) return kRefused;
-    if (const int status = parse_area(name.c_str(), &area); status != kOk) return status;
-    for (bool first_table = true; json.next('}', &first_table);) {
-      if (const int status = read_table(json, import, area); status != kOk) return status;
-    }
-  }
-  return json.end() ? kOk : kRefused;
-}
-
-/* Goes through the file once. */
-int go_through(const Text& text, Import& import) {
-  JsonReader json(text.c_str(), text.size());
-  const int status = read_areas(json, import);
-  if (!json.failed()) return status;
-  return fail(kRefused, "%s:%u: %s", import.call.input_name, json.line(), json.fault());
-}
 
 /* A table as it is and as it will be: a section that the file leaves out stays. */
 void add_sections(const Snapshot& now, Snapshot* wanted) {
@@ -225,10 +132,8 @@ void take_tables(Source& live, Import& import, Snapshot* now) {
 }  // namespace
 
 int run_import(Call& call) {
-  Text text;
-  if (const int status = read_text(call, &text); status != kOk) return status;
-  Import import = {call, {}};
-  if (const int status = go_through(text, import); status != kOk) return status;
+  Import import;
+  if (const int status = import.read(call); status != kOk) return status;
   const uint32_t areas = areas_of(import);
   if (const int status = need_areas(call.source, areas); status != kOk) return status;
   Snapshot now[kTableCount];
@@ -256,7 +161,7 @@ int run_import(Call& call) {
     printf("%s: %u added, %u changed, %u deleted\n", kTables[n].name, tally.added, tally.changed,
            tally.deleted);
   }
-  printf("tables changed: %u%s\n", changed, status == kOk ? "" : how_failed());
+  tell("tables changed: %u%s", changed, status == kOk ? "" : how_failed());
   return status;
 }
 
@@ -279,9 +184,16 @@ bool print_changes(const char* prefix, const Table& table, uint32_t id, const ui
              differing, first);
       continue;
     }
+    /* What no program sees is told when nothing else is different. */
     Text before, after;
-    format_quoted(field, was, &before);
-    format_quoted(field, is, &after);
+    format_part(field, was, false, &before);
+    format_part(field, is, false, &after);
+    if (strcmp(before.c_str(), after.c_str()) == 0) {
+      before.clear();
+      after.clear();
+      format_part(field, was, true, &before);
+      format_part(field, is, true, &after);
+    }
     printf("%s%s/%u.%s: %s -> %s\n", prefix, table.name, id, field.name, before.c_str(),
            after.c_str());
   }
@@ -306,7 +218,7 @@ bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) 
       if (field.kind == Kind::kBytes)
         line.print("(%zu bytes)", filled(field, there.record(position)));
       else
-        format_quoted(field, there.record(position), &line);
+        format_part(field, there.record(position), false, &line);
     }
     printf("%s%s/%u: %s%s\n", prefix, table.name, position + 1,
            was.used(position) ? "deleted" : "added", line.c_str());

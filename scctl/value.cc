@@ -6,8 +6,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include <sysconfig/core.h>
+
+#include "letters.h"
 
 namespace scctl {
 
@@ -61,11 +64,13 @@ int parse_numbers(const Table& table, const Field& field, const char* text, size
   const char* const end = text + size;
   const char* at = text;
   for (size_t n = 0; n < count; ++n, ++at) {
-    char* rest;
-    const long long value = strtoll(at, &rest, 0);
+    char* rest = const_cast<char*>(at);
+    const char* digits = at + (*at == '-');
+    const int base = digits[0] == '0' && (digits[1] | ' ') == 'x' ? 16 : 10;
+    const long long value =
+        isdigit(static_cast<unsigned char>(*digits)) ? strtoll(at, &rest, base) : 0;
     const char expected = n + 1 < count ? ',' : '\0';
-    if (rest == at || rest > end || (rest == end ? '\0' : *rest) != expected ||
-        isspace(static_cast<unsigned char>(*at))) {
+    if (rest == at || rest > end || (rest == end ? '\0' : *rest) != expected) {
       return count == 1 ? fail(kRefused, "%s.%s: '%s' is no number", table.name, field.name, text)
                         : fail(kRefused, "%s.%s: '%s' is not %zu numbers with commas between them",
                                table.name, field.name, text, count);
@@ -92,41 +97,23 @@ void add_hex(const uint8_t* bytes, size_t size, Text* to) {
   }
 }
 
-bool is_text(const Field& field) {
-  return field.kind == Kind::kText || field.kind == Kind::kMacText;
-}
-
-bool is_plain(unsigned char c) { return c >= ' ' && c != 0x7f; }
-
-/* The length of the UTF-8 letter at the text's start; 0 when it is none. */
-size_t utf8_letter(const uint8_t* text, size_t size) {
-  if (text[0] < 0x80) return 1;
-  const size_t length = text[0] >= 0xf0 ? 4 : text[0] >= 0xe0 ? 3 : 2;
-  if (text[0] < 0xc2 || text[0] > 0xf4 || length > size) return 0;
-  for (size_t n = 1; n < length; ++n) {
-    if ((text[n] & 0xc0) != 0x80) return 0;
-  }
-  /* Longer than need be, halves of pairs, and behind the last letter. */
-  const bool bad = (text[0] == 0xe0 && text[1] < 0xa0) || (text[0] == 0xed && text[1] > 0x9f) ||
-                   (text[0] == 0xf0 && text[1] < 0x90) || (text[0] == 0xf4 && text[1] > 0x8f);
-  return bad ? 0 : length;
-}
-
 }  // namespace
 
-void add_json_text(const uint8_t* text, size_t size, Text* to) {
+void add_json_text(const uint8_t* bytes, size_t size, Text* to) {
+  const char* text = reinterpret_cast<const char*>(bytes);
   to->add('"');
-  for (size_t n = 0; n < size;) {
-    const size_t length = utf8_letter(text + n, size - n);
-    if (length == 0) {
-      to->print("\\udc%02x", text[n]);
-    } else if (length == 1 && !is_plain(text[n])) {
-      to->print("\\u%04x", text[n]);
+  while (size > 0) {
+    const Letter letter = next_letter(text, size);
+    if (!letter.is_utf8) {
+      to->print("\\udc%02x", letter.code);
+    } else if (!letter.is_harmless) {
+      to->print("\\u%04x", letter.code);
     } else {
-      if (text[n] == '"' || text[n] == '\\') to->add('\\');
-      to->add(reinterpret_cast<const char*>(text) + n, length);
+      if (*text == '"' || *text == '\\') to->add('\\');
+      to->add(text, letter.size);
     }
-    n += length == 0 ? 1 : length;
+    text += letter.size;
+    size -= letter.size;
   }
   to->add('"');
 }
@@ -174,7 +161,7 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
       return kOk;
     case Kind::kAddress: {
       in_addr address;
-      if (inet_pton(AF_INET, text, &address) != 1) {
+      if (strlen(text) != size || inet_pton(AF_INET, text, &address) != 1) {
         return refuse("IPv4 address, such as 192.168.1.20");
       }
       memcpy(to, &address, sizeof address);
@@ -194,6 +181,36 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
     case Kind::kUnsigned: break;
   }
   return parse_numbers(table, field, text, size, to);
+}
+
+int parse_text_bytes(const Table& table, const Field& field, const char* hex, uint8_t* record) {
+  if (!is_text(field)) {
+    return fail(kUsage, "%s.%s is no text; :hex is for texts alone", table.name, field.name);
+  }
+  const size_t digits = strlen(hex);
+  if (digits > 2u * field.size) {
+    return fail(kRefused, "%s.%s: %zu digits, at most %u fit", table.name, field.name, digits,
+                2u * field.size);
+  }
+  memset(record + field.record_at, 0, field.size);
+  if (parse_hex(hex, digits, record + field.record_at)) return kOk;
+  return fail(kRefused, "%s.%s: '%s' is no row of hex digits, two for a byte", table.name,
+              field.name, hex);
+}
+
+bool is_same_text(const Field& field, const uint8_t* one, const uint8_t* other) {
+  return strncasecmp(reinterpret_cast<const char*>(one) + field.record_at,
+                     reinterpret_cast<const char*>(other) + field.record_at, field.size) == 0;
+}
+
+bool is_same_mac_text(const Field& field, const uint8_t* one, const uint8_t* other) {
+  const auto* a = reinterpret_cast<const char*>(one) + field.record_at;
+  const auto* b = reinterpret_cast<const char*>(other) + field.record_at;
+  uint8_t mac_a[SC_MAC_BYTES], mac_b[SC_MAC_BYTES];
+  if (parse_mac(a, text_size(field, one), mac_a) && parse_mac(b, text_size(field, other), mac_b)) {
+    return memcmp(mac_a, mac_b, sizeof mac_a) == 0;
+  }
+  return is_same_text(field, one, other);
 }
 
 void format(const Field& field, const uint8_t* record, Text* to) {
@@ -217,47 +234,86 @@ void format(const Field& field, const uint8_t* record, Text* to) {
   }
 }
 
-void format_visible(const Field& field, const uint8_t* record, Text* to) {
+void format_shown(const Field& field, const uint8_t* record, Text* to) {
   if (!is_text(field)) {
     format(field, record, to);
     return;
   }
-  const uint8_t* at = record + field.record_at;
-  const size_t size = text_size(field, record);
-  for (size_t n = 0; n < size;) {
-    const size_t length = utf8_letter(at + n, size - n);
-    if (length == 0 || !is_plain(at[n])) {
-      to->print("\\x%02x", at[n++]);
-      continue;
-    }
-    to->add(reinterpret_cast<const char*>(at) + n, length);
-    n += length;
-  }
+  to->add_shown(reinterpret_cast<const char*>(record) + field.record_at, text_size(field, record));
 }
 
-void format_quoted(const Field& field, const uint8_t* record, Text* to) {
-  Text value;
-  format(field, record, &value);
-  bool bare = value.size() > 0;
-  bool plain = true;
-  for (const char* c = value.c_str(); *c != '\0'; ++c) {
-    bare = bare && (isalnum(static_cast<unsigned char>(*c)) || strchr("_-.,:/@%+", *c) != nullptr);
-    plain = plain && is_plain(static_cast<unsigned char>(*c)) && *c != '\'';
+namespace {
+
+/* No shell takes these as more than letters. */
+bool is_bare(const char* text, size_t size) {
+  for (size_t n = 0; n < size; ++n) {
+    const auto c = static_cast<unsigned char>(text[n]);
+    const bool bare = c < 0x80 && (isalnum(c) != 0 || strchr("_-.,:/@%+", c) != nullptr);
+    if (!bare || c == '\0') return false;
   }
-  if (bare) {
-    to->add(value.c_str());
-    return;
-  }
-  to->add(plain ? "'" : "$'");
-  for (const char* c = value.c_str(); *c != '\0'; ++c) {
-    if (!is_plain(static_cast<unsigned char>(*c))) {
-      to->print("\\x%02x", static_cast<unsigned char>(*c));
-      continue;
-    }
-    if (!plain && (*c == '\'' || *c == '\\')) to->add('\\');
-    to->add(*c);
+  return size > 0;
+}
+
+/* Within quotes, which are left for a quote. */
+void add_quoted(const char* text, size_t size, Text* to) {
+  to->add('\'');
+  for (size_t n = 0; n < size; ++n) {
+    if (text[n] == '\'')
+      to->add("'\\''");
+    else
+      to->add(text[n]);
   }
   to->add('\'');
+}
+
+bool is_all_harmless(const char* text, size_t size) {
+  while (size > 0) {
+    const Letter letter = next_letter(text, size);
+    if (!letter.is_harmless) return false;
+    text += letter.size;
+    size -= letter.size;
+  }
+  return true;
+}
+
+}  // namespace
+
+void format_part(const Field& field, const uint8_t* record, bool whole, Text* to) {
+  if (!is_text(field)) {
+    format(field, record, to);
+    return;
+  }
+  const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
+  const size_t size = whole ? filled(field, record) : text_size(field, record);
+  if (is_bare(text, size)) {
+    to->add(text, size);
+    return;
+  }
+  Text shown;
+  shown.add_shown(text, size);
+  add_quoted(shown.c_str(), shown.size(), to);
+}
+
+void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to) {
+  const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
+  const size_t size = filled(field, record);
+  if (!is_text(field)) {
+    to->print(" %s=", field.name);
+    format(field, record, to);
+    return;
+  }
+  uint8_t mac[SC_MAC_BYTES];
+  const bool typed = checked && (field.kind == Kind::kText || parse_mac(text, size, mac));
+  if (!typed || !is_all_harmless(text, size)) {
+    to->print(" %s:hex=", field.name);
+    add_hex(record + field.record_at, size, to);
+    return;
+  }
+  to->print(" %s=", field.name);
+  if (size > 0 && !is_bare(text, size))
+    add_quoted(text, size, to);
+  else
+    to->add(text, size);
 }
 
 void format_json(const Field& field, const uint8_t* record, bool whole, Text* to) {

@@ -91,7 +91,7 @@ forty:43: refused: the table is full (32 bindings)'
 says '32 added, 8 refused.' forty
 
 # Malformed lines, each with its reason; the good ones between them are added.
-long=$(printf '%0200d' 0)
+long=$(printf '%0201d' 0)
 {
   printf '\xef\xbb\xbf02:00:5e:00:00:01 10.0.0.1 behind a byte order mark\n'
   printf 'zz:00:5e:00:00:02 10.0.0.2 a\n02:00:5e:00:00:02\n02:00:5e:00:00:02 10.0.0 a\n'
@@ -105,10 +105,11 @@ errors bad "bad:2: malformed: 'zz:00:5e:00:00:02' is no MAC address, such as 00:
 bad:3: malformed: no address behind the MAC
 bad:4: malformed: '10.0.0' is no IPv4 address, such as 192.168.1.20
 bad:5: malformed: no name behind the address
-bad:6: malformed: the name has 200 bytes, at most 199 fit
+bad:6: malformed: the name has 201 bytes, at most 200 fit
 bad:7: malformed: the name has a control character
 bad:8: malformed: a zero byte in the line"
 [[ $(rows 3 | wc -l) == 3 ]] || complain 'bad: not 3 listed'
+says '02:00:5e:00:00:02  10.0.0.2         000000000000000...' bad
 
 demo 0 empty </dev/null
 says '(0 of 32 records)' empty

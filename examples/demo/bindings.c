@@ -70,8 +70,8 @@ static int parse(char* line, struct DhcpStaticItem* item, struct Reason* reason)
     because(reason, "'%.40s' is no IPv4 address, such as 192.168.1.20", ip);
   } else if (*name == '\0') {
     because(reason, "no name behind the address");
-  } else if (strlen(name) >= sizeof item->name) {
-    because(reason, "the name has %zu bytes, at most %zu fit", strlen(name), sizeof item->name - 1);
+  } else if (strlen(name) > sizeof item->name) {
+    because(reason, "the name has %zu bytes, at most %zu fit", strlen(name), sizeof item->name);
   } else {
     for (const char* letter = name; *letter != '\0'; letter++) {
       if (!iscntrl((unsigned char)*letter)) continue;
@@ -80,7 +80,7 @@ static int parse(char* line, struct DhcpStaticItem* item, struct Reason* reason)
     }
     strcpy(item->mac, mac);
     strcpy(item->ip, ip);
-    strcpy(item->name, name);
+    memcpy(item->name, name, strlen(name)); /* one that fills it has no end */
     return 1;
   }
   return 0;
@@ -129,7 +129,7 @@ static void explain(int32_t result, const struct DhcpStaticItem* item, struct Re
 /* 1 when the binding was added, else 0 and the reason. */
 static int add(unsigned line, const struct DhcpStaticItem* item, struct LanBlock* lan,
                struct Reason* reason) {
-  char name[CUT_BYTES];
+  char name[CUT_BYTES], whole[sizeof item->name + 1] = "";
   char outcome[16] = "refused";
   int32_t result = AddDhcpStaticItem(lan, item);
   GetDhcpStaticItemList(lan, &list);
@@ -140,7 +140,8 @@ static int add(unsigned line, const struct DhcpStaticItem* item, struct LanBlock
   } else {
     explain(result, item, reason);
   }
-  int left = cut(name, 18, item->name);
+  memcpy(whole, item->name, sizeof item->name);
+  int left = cut(name, 18, whole);
   printf("%6u  %s  %-15s  %s%*s  %-7s  ", line, item->mac, item->ip, name, left, "", outcome);
   heard();
   return result == SC_LIST_OK;

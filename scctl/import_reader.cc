@@ -1,0 +1,156 @@
+/* What an import's file says. */
+#include "import_reader.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "json.h"
+#include "value.h"
+
+namespace scctl {
+
+namespace {
+
+/* All of the command's input. */
+int read_text(const Call& call, Text* text) {
+  char bytes[4096];
+  for (size_t size; (size = fread(bytes, 1, sizeof bytes, call.input)) > 0;) {
+    if (memchr(bytes, 0, size) != nullptr) {
+      return fail(kRefused, "%s: a zero byte, which JSON has none of", call.input_name);
+    }
+    if (text->size() + size > kMostInput) {
+      return fail(kRefused, "%s: more than %zu MiB", call.input_name, kMostInput >> 20);
+    }
+    text->add(bytes, size);
+  }
+  if (ferror(call.input) == 0) return kOk;
+  return fail(kNoArea, "%s: %s", call.input_name, strerror(errno));
+}
+
+/* Members that were read, as bits; true when this one was before. */
+bool is_second(uint64_t* seen, size_t which) {
+  const uint64_t bit = 1ULL << which;
+  const bool second = (*seen & bit) != 0;
+  *seen |= bit;
+  return second;
+}
+
+/* What an export prints for a field. */
+JsonKind json_kind(const Field& field) {
+  if (field.kind != Kind::kSigned && field.kind != Kind::kUnsigned) return JsonKind::kText;
+  return field.size > field.width ? JsonKind::kNumbers : JsonKind::kNumber;
+}
+
+int read_id(const Table& table, const Text& value, JsonKind kind, uint32_t* id) {
+  if (kind != JsonKind::kNumber) {
+    return fail(kRefused, "%s: an id that is no plain number", table.name);
+  }
+  const long long number = strtoll(value.c_str(), nullptr, 10);
+  if (number < 1 || number > table.capacity) {
+    return fail(kRefused, "%s: id %s is not within 1 to %u", table.name, value.c_str(),
+                table.capacity);
+  }
+  *id = static_cast<uint32_t>(number);
+  return kOk;
+}
+
+int read_field(const Table& table, const Field& field, const Text& value, JsonKind kind,
+               uint8_t* record) {
+  static constexpr const char* kDue[] = {"a text in quotes", "a number", "a list of numbers"};
+  if (const JsonKind due = json_kind(field); kind != due) {
+    return fail(kRefused, "%s.%s: %s is due", table.name, field.name, kDue[static_cast<int>(due)]);
+  }
+  return parse(table, field, value.c_str(), value.size(), Origin::kCopied, record);
+}
+
+int read_record(JsonReader& json, Snapshot* wanted) {
+  const Table& table = wanted->table();
+  Buffer record(table.stride);
+  Text name, value;
+  uint32_t id = 0;
+  uint64_t seen = 0;
+  if (!json.open('{')) return kRefused;
+  for (bool first = true; json.next('}', &first);) {
+    JsonKind kind;
+    if (!json.name(&name) || !json.value(&value, &kind)) return kRefused;
+    const Field* field = nullptr; /* the id's bit stands behind theirs */
+    if (strcmp(name.c_str(), "id") != 0) {
+      field = find_field(table, name.c_str(), name.size());
+      if (field == nullptr) return unknown_field(table, name.c_str(), name.size());
+    }
+    const auto which = static_cast<size_t>((field != nullptr ? field : table.end()) - table.fields);
+    if (is_second(&seen, which)) {
+      return fail(kRefused, "%s: a record has %s twice", table.name, name.c_str());
+    }
+    const int status = field == nullptr ? read_id(table, value, kind, &id)
+                                        : read_field(table, *field, value, kind, record.data());
+    if (status != kOk) return status;
+  }
+  if (json.failed()) return kRefused;
+  if (id == 0) return fail(kRefused, "%s: a record without an id", table.name);
+  if (wanted->used(id - 1)) return fail(kRefused, "%s: id %u stands twice", table.name, id);
+  const Field* field;
+  if (const int other = wanted->find_clash(record.data(), -1, &field, Spelling::kAsLibrary);
+      other >= 0) {
+    return fail(kRefused, "%s: ids %d and %u have the same %s", table.name, other + 1, id,
+                field->name);
+  }
+  memcpy(wanted->put(id - 1), record.data(), table.stride);
+  return kOk;
+}
+
+int read_table(JsonReader& json, AreaId area, Snapshot* all) {
+  Text name;
+  if (!json.name(&name)) return kRefused;
+  Target target;
+  if (const int status = parse_target(name.c_str(), kTableAlone, &target); status != kOk) {
+    return status;
+  }
+  const Table& table = *target.table;
+  if (table.area != area) {
+    return fail(kRefused, "%s is no table of area %s", table.name, kAreas[area].name);
+  }
+  Snapshot& own = all[&table - kTables];
+  if (own) return fail(kRefused, "table %s stands twice", table.name);
+  Snapshot wanted(table);
+  if (!json.open('[')) return kRefused;
+  for (bool first = true; json.next(']', &first);) {
+    if (const int status = read_record(json, &wanted); status != kOk) return status;
+  }
+  if (json.failed()) return kRefused;
+  own.swap(wanted);
+  return kOk;
+}
+
+int read_areas(JsonReader& json, Snapshot* all) {
+  if (!json.open('{')) return kRefused;
+  Text name;
+  uint64_t areas = 0;
+  for (bool first = true; json.next('}', &first);) {
+    AreaId area;
+    if (!json.name(&name) || !json.open('{')) return kRefused;
+    if (const int status = parse_area(name.c_str(), &area); status != kOk) return status;
+    if (is_second(&areas, area)) {
+      return fail(kRefused, "area %s stands twice", kAreas[area].name);
+    }
+    for (bool first_table = true; json.next('}', &first_table);) {
+      if (const int status = read_table(json, area, all); status != kOk) return status;
+    }
+  }
+  return json.end() ? kOk : kRefused;
+}
+
+}  // namespace
+
+int Import::read(const Call& call) {
+  Text text;
+  if (const int status = read_text(call, &text); status != kOk) return status;
+  JsonReader json(text.c_str(), text.size());
+  const int status = read_areas(json, wanted);
+  if (!json.failed()) return status;
+  return fail(kRefused, "%s:%u: %s", call.input_name, json.line(), json.fault());
+}
+
+}  // namespace scctl

@@ -1,0 +1,420 @@
+/* Texts as scctl reads and shows them: letters, escapes, words of a line, JSON in both directions.
+ * What a line means is what a real shell makes of it. */
+#include <stdint.h>
+#include <string.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "scctl/json.h"
+#include "scctl/letters.h"
+#include "scctl/value.h"
+#include "scctl/words.h"
+#include "support/program.h"
+#include "support/random.h"
+#include "support/world.h"
+
+namespace sc_test {
+namespace {
+
+using scctl::JsonKind;
+using scctl::JsonReader;
+using scctl::Letter;
+using scctl::next_letter;
+
+std::string shown(const std::string& text) {
+  scctl::Text to;
+  to.add_shown(text.data(), text.size());
+  return {to.c_str(), to.size()};
+}
+
+std::string utf8(uint32_t code) {
+  if (code < 0x80) return {static_cast<char>(code)};
+  std::string tail;
+  uint32_t first = 0x3f;
+  while (code > first) {
+    tail.insert(tail.begin(), static_cast<char>(0x80 | (code & 0x3f)));
+    code >>= 6;
+    first >>= 1;
+  }
+  return static_cast<char>((~first << 1 & 0xff) | code) + tail;
+}
+
+std::string escaped(const std::string& bytes) {
+  std::string text;
+  for (const char c : bytes) {
+    char escape[8];
+    snprintf(escape, sizeof escape, "\\x%02x", static_cast<uint8_t>(c));
+    text += escape;
+  }
+  return text;
+}
+
+bool is_hex(char c) { return strchr("0123456789abcdefABCDEF", c) != nullptr && c != '\0'; }
+
+/* What was shown. */
+std::string meant(const std::string& text) {
+  std::string bytes;
+  for (size_t n = 0; n < text.size(); ++n) {
+    if (text[n] == '\\' && n + 3 < text.size() && text[n + 1] == 'x' && is_hex(text[n + 2]) &&
+        is_hex(text[n + 3])) {
+      bytes += static_cast<char>(std::stoi(text.substr(n + 2, 2), nullptr, 16));
+      n += 3;
+    } else {
+      bytes += text[n];
+    }
+  }
+  return bytes;
+}
+
+/* Bytes as stores and files have them, good and bad. */
+std::string random_text(Random& random) {
+  static const std::vector<std::string> kPieces = {"a",
+                                                   "Z",
+                                                   "7",
+                                                   " ",
+                                                   "'",
+                                                   "\"",
+                                                   "\\",
+                                                   "\\x",
+                                                   "\\x4",
+                                                   "\\x41",
+                                                   "x1b",
+                                                   "$",
+                                                   "`",
+                                                   "\n",
+                                                   "\t",
+                                                   "\x1b[2J",
+                                                   "\x7f",
+                                                   "\xc2\x9b",
+                                                   "\x9b",
+                                                   "\xff",
+                                                   "\xc3",
+                                                   "\xa9",
+                                                   "\xc3\xa9",
+                                                   "\xe2\x80\xae",
+                                                   "\xe2\x80\xa8",
+                                                   "\xe4\xb8\xad",
+                                                   "\xed\xa0\x80",
+                                                   "\xf0\x9f\x98\x80",
+                                                   "\xf4\x90\x80\x80",
+                                                   "\xc0\xaf",
+                                                   "\xe2\x80",
+                                                   "\xf0\x9f",
+                                                   "/",
+                                                   "\b",
+                                                   "\f",
+                                                   "\r",
+                                                   std::string(1, '\0')};
+  std::string text;
+  for (uint32_t n = random.below(8); n > 0; --n) {
+    text += kPieces[random.below(static_cast<uint32_t>(kPieces.size()))];
+  }
+  return text;
+}
+
+/* ---- letters ---- */
+
+TEST(Letters, EachCodeOfUnicode_IsReadAsItself) {
+  for (uint32_t code = 0; code < 0x110000; ++code) {
+    if (code >= 0xd800 && code < 0xe000) continue;
+    const std::string text = utf8(code);
+    const Letter letter = next_letter(text.data(), text.size());
+    ASSERT_TRUE(letter.is_utf8) << code;
+    ASSERT_EQ(letter.code, code);
+    ASSERT_EQ(letter.size, text.size()) << code;
+  }
+}
+
+TEST(Letters, WhatIsNoUtf8_IsReadByteByByteAndIsHarmful) {
+  /* Bare tails, cut off, overlong, halves of pairs, behind the last, and bytes that never occur. */
+  for (const std::string text :
+       {"\x80", "\xbf", "\xc3", "\xc3(", "\xe4\xb8", "\xe4\xb8(", "\xf0\x9f\x98", "\xf0\x9f\x98(",
+        "\xc0\xaf", "\xc1\xbf", "\xe0\x9f\xbf", "\xf0\x8f\xbf\xbf", "\xed\xa0\x80", "\xed\xbf\xbf",
+        "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xff"}) {
+    const Letter letter = next_letter(text.data(), text.size());
+    EXPECT_FALSE(letter.is_utf8) << escaped(text);
+    EXPECT_FALSE(letter.is_harmless) << escaped(text);
+    EXPECT_EQ(letter.size, 1) << escaped(text);
+    EXPECT_EQ(letter.code, static_cast<uint8_t>(text[0]));
+  }
+}
+
+TEST(Letters, ThoseThatSteerATerminalOrTurnTheDirection_AreHarmful) {
+  const auto is_harmful = [](uint32_t code) {
+    return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e ||
+           code == 0x200f || (code >= 0x2028 && code <= 0x202e) ||
+           (code >= 0x2066 && code <= 0x2069);
+  };
+  for (uint32_t code = 0; code < 0x110000; ++code) {
+    if (code >= 0xd800 && code < 0xe000) continue;
+    const std::string text = utf8(code);
+    ASSERT_EQ(next_letter(text.data(), text.size()).is_harmless, !is_harmful(code)) << code;
+    ASSERT_EQ(shown(text), is_harmful(code) ? escaped(text) : text) << code;
+  }
+}
+
+TEST(Letters, AnEscapeStandsForOneTextAlone) {
+  EXPECT_EQ(shown("\\x41"), "\\x5cx41");
+  EXPECT_EQ(shown("\\xAf"), "\\x5cxAf");
+  EXPECT_EQ(shown("C:\\x \\xg1 \\x1"), "C:\\x \\xg1 \\x1");
+  EXPECT_EQ(shown("\\\x1b"), "\\\\x1b");
+  Random random;
+  for (int n = 0; n < 20000; ++n) {
+    const std::string text = random_text(random);
+    ASSERT_EQ(meant(shown(text)), text) << shown(text);
+  }
+}
+
+TEST(Letters, WideOnesTakeTwoColumnsAndCombiningOnesNone) {
+  EXPECT_EQ(scctl::columns_of("abc"), 3u);
+  EXPECT_EQ(scctl::columns_of("\xc3\xbc"), 1u);
+  EXPECT_EQ(scctl::columns_of("\xe4\xb8\xad\xe6\x96\x87"), 4u); /* two ideographs */
+  EXPECT_EQ(scctl::columns_of("\xed\x95\x9c"), 2u);             /* a Hangul syllable */
+  EXPECT_EQ(scctl::columns_of("\xef\xbc\xa1"), 2u);             /* a fullwidth A */
+  EXPECT_EQ(scctl::columns_of("\xf0\x9f\x98\x80"), 2u);         /* a face */
+  EXPECT_EQ(scctl::columns_of("\xf0\xa0\x80\x80\xf0\xaf\xbf\xbd"),
+            4u);                                  /* the second plane's ends */
+  EXPECT_EQ(scctl::columns_of("e\xcc\x81x"), 2u); /* an accent of its own */
+  EXPECT_EQ(scctl::columns_of("\xe2\x80\xbb\xe2\x82\xac"), 2u);
+  EXPECT_EQ(scctl::columns_of(""), 0u);
+}
+
+/* ---- words ---- */
+
+/* The words of a line in memory of exactly its size, or its fault. */
+struct Split {
+  std::vector<std::string> words;
+  std::string fault;
+
+  explicit Split(const std::string& line) {
+    const std::unique_ptr<char[]> bytes(new char[line.size() + 1]);
+    memcpy(bytes.get(), line.c_str(), line.size() + 1);
+    scctl::Words split;
+    if (!split.split(bytes.get())) {
+      fault = split.fault();
+      return;
+    }
+    words.assign(split.words(), split.words() + split.count());
+  }
+};
+
+using List = std::vector<std::string>;
+
+TEST(WordsOfALine, AreQuotedAsPosixHasIt) {
+  const struct {
+    const char* line;
+    List words;
+  } kCases[] = {
+      {"", {}},
+      {" \t ", {}},
+      {"# all of it", {}},
+      {"a #b c", {"a"}},
+      {"a#b '#' c#", {"a#b", "#", "c#"}},
+      {" a\tb  c ", {"a", "b", "c"}},
+      {"'' \"\" a''b", {"", "", "ab"}},
+      {R"("say \"hi\"" 'x\y' "x\y")", {"say \"hi\"", "x\\y", "x\\y"}},
+      {R"("\$\`\"\\\a\'")", {"$`\"\\\\a\\'"}},
+      {R"(\a\ b\'\"\\\#\$\~ x)", {"a b'\"\\#$~", "x"}},
+      {R"('it'\''s me')", {"it's me"}},
+      {R"('$`*?[{~;&|<>()')", {"$`*?[{~;&|<>()"}},
+      {R"("*?[{~;&|<>()!")", {"*?[{~;&|<>()!"}},
+      {"a~b x/~y ]!^%+@,.-_=:", {"a~b", "x/~y", "]!^%+@,.-_=:"}},
+      {"name='a b'c\"d e\"\\ f", {"name=a bcd e f"}},
+      {"\xff \xc3\xbc", {"\xff", "\xc3\xbc"}},
+      {"end\\ ", {"end "}},
+  };
+  for (const auto& known : kCases) {
+    const Split split(known.line);
+    EXPECT_EQ(split.fault, "") << known.line;
+    EXPECT_EQ(split.words, known.words) << known.line;
+  }
+}
+
+TEST(WordsOfALine, WhatAShellWouldExpand_IsRefused) {
+  for (const char c : std::string("$`*?[{};&|<>()")) {
+    const std::string fault =
+        std::string("a shell takes ") + c + " as more than a letter: quote it";
+    for (const std::string line : {std::string(1, c), std::string("a") + c, std::string("a b=") + c,
+                                   std::string("''") + c + "x"}) {
+      EXPECT_EQ(Split(line).fault, fault) << line;
+    }
+    EXPECT_EQ(Split(std::string("\\") + c).words, (List{std::string(1, c)}));
+  }
+  for (const char* line : {"~", "a ~b", "a=~", "a=b:~c"}) {
+    EXPECT_EQ(Split(line).fault, "a shell takes ~ as more than a letter: quote it") << line;
+  }
+  EXPECT_EQ(Split("\"a$b\"").fault, "a shell takes $ as more than a letter: quote it");
+  EXPECT_EQ(Split("\"`\"").fault, "a shell takes ` as more than a letter: quote it");
+  EXPECT_EQ(Split("$'a'").fault, "a shell takes $ as more than a letter: quote it");
+}
+
+TEST(WordsOfALine, ThatGoesOnInTheNext_AreRefused) {
+  for (const char* line : {"'", "a 'b", "\"", "a\"b c", "\"a\\\"", "'a'\\''", "$'\\"}) {
+    const std::string fault = Split(line).fault;
+    EXPECT_EQ(fault, line[0] == '$' ? "a shell takes $ as more than a letter: quote it"
+                                    : "a quote is not closed")
+        << line;
+  }
+  for (const char* line : {"\\", "a\\", "'a'\\", "a b \\"}) {
+    EXPECT_EQ(Split(line).fault, "a backslash at the end; a command is one line") << line;
+  }
+  EXPECT_EQ(Split("\"a\\").fault, "a quote is not closed");
+}
+
+TEST(WordsOfALine, AsManyAsFit_AreTaken) {
+  std::string line;
+  List words;
+  for (int n = 0; n < 5000; ++n) {
+    line += n == 0 ? "w" : " w";
+    words.push_back("w");
+  }
+  EXPECT_EQ(Split(line).words, words);
+  EXPECT_EQ(Split(line + " ").words, words);
+}
+
+TEST(WordsOfALine, AShellReadsTheSame) {
+  static const List kPieces = {"a", "B", "7", " ", "\t", "'",        "'",   "\"", "\"", "\\",
+                               "$", "`", "*", "?", "[",  "]",        "{",   "}",  "~",  "#",
+                               ";", "&", "|", "<", ">",  "(",        ")",   "=",  ":",  "!",
+                               "%", "-", "/", ",", "^",  "\xc3\xbc", "\xff"};
+  Random random;
+  std::string script = "p() { for w; do printf '<%s>' \"$w\"; done; echo .; }\n", expected;
+  int taken = 0;
+  while (taken < 3000) {
+    std::string line;
+    for (uint32_t n = random.below(10); n > 0; --n) {
+      line += kPieces[random.below(static_cast<uint32_t>(kPieces.size()))];
+    }
+    const Split split(line);
+    if (!split.fault.empty()) continue;
+    ++taken;
+    script += "p " + line + "\n";
+    for (const std::string& word : split.words) expected += "<" + word + ">";
+    expected += ".\n";
+  }
+  const Outcome outcome = run({"sh"}, script);
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_TRUE(outcome.out == expected) << "another reading of one line at least";
+}
+
+/* ---- JSON ---- */
+
+std::string json(const std::string& text) {
+  scctl::Text to;
+  scctl::add_json_text(reinterpret_cast<const uint8_t*>(text.data()), text.size(), &to);
+  return {to.c_str(), to.size()};
+}
+
+/* A value of JSON, with a number in front of its kind, or the fault. */
+std::string value(const std::string& text) {
+  const std::unique_ptr<char[]> bytes(new char[text.size()]);
+  memcpy(bytes.get(), text.data(), text.size());
+  JsonReader reader(bytes.get(), text.size());
+  scctl::Text to;
+  JsonKind kind;
+  if (!reader.value(&to, &kind) || !reader.end()) return std::string("fault: ") + reader.fault();
+  return std::to_string(static_cast<int>(kind)) + std::string(to.c_str(), to.size());
+}
+
+TEST(Json, ATextIsWrittenAsItWasBefore_ButForWhatIsHarmful) {
+  EXPECT_EQ(json("plain \xc3\xbc \xe4\xb8\xad /"), "\"plain \xc3\xbc \xe4\xb8\xad /\"");
+  EXPECT_EQ(json("\"\\"), R"("\"\\")");
+  EXPECT_EQ(json(std::string("\0\x1f\t\x7f", 4)), R"("\u0000\u001f\u0009\u007f")");
+  EXPECT_EQ(json("\xc2\x80\xc2\x9b\xc2\x9f\xc2\xa0"), "\"\\u0080\\u009b\\u009f\xc2\xa0\"");
+  EXPECT_EQ(json("\xd8\x9c\xe2\x80\x8e\xe2\x80\xae\xe2\x81\xa6\xe2\x80\xa8\xe2\x80\xa9"),
+            R"("\u061c\u200e\u202e\u2066\u2028\u2029")");
+  EXPECT_EQ(json("\x80\xff\xc3"), R"("\udc80\udcff\udcc3")");
+}
+
+TEST(Json, EveryTextComesBack) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string text(1, static_cast<char>(byte));
+    EXPECT_EQ(value(json(text)), "0" + text) << byte;
+  }
+  Random random;
+  for (int n = 0; n < 20000; ++n) {
+    const std::string text = random_text(random);
+    ASSERT_EQ(value(json(text)), "0" + text) << json(text);
+  }
+}
+
+TEST(Json, EscapesOfOthersAreRead) {
+  EXPECT_EQ(value(R"("\"\\\/\b\f\n\r\t")"), "0\"\\/\b\f\n\r\t");
+  EXPECT_EQ(value(R"("\u0041\u00e9\u4e2D\uD83D\uDE00\udbff\udfff")"),
+            "0A\xc3\xa9\xe4\xb8\xad\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf");
+  EXPECT_EQ(value(R"("\u07ff\u0800\uffff")"), "0\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf");
+  for (const char* half : {R"("\ud800")", R"("\udbffx")", R"("\ud800\u0041")", R"("\ud800\ud800")",
+                           R"("\udc00")", R"("\udc7f")", R"("\udd00")", R"("\udfff")"}) {
+    EXPECT_EQ(value(half), "fault: half of a surrogate pair") << half;
+  }
+  EXPECT_EQ(value(R"("\ud800\n")"), "fault: half of a surrogate pair");
+  for (const char* bad : {R"("\u12")", R"("\u12g4")", R"("\u 123")", "\"\\u123"}) {
+    EXPECT_EQ(value(bad), "fault: \\u without four hex digits") << bad;
+  }
+  for (const char* bad : {R"("\x41")", R"("\0")", R"("\')", R"("\U0041")"}) {
+    EXPECT_EQ(value(bad), "fault: an unknown escape in a text") << bad;
+  }
+  for (const char* open : {"\"", "\"a", "\"a\\", "\"a\\\""}) {
+    EXPECT_EQ(value(open), "fault: a text without an end") << open;
+  }
+  EXPECT_EQ(value("\"a\nb\""), "fault: a control character in a text");
+}
+
+TEST(Json, NumbersAreWholeAndPlain) {
+  for (const char* number : {"0", "-0", "7", "-128", "4294967295", "18446744073709551616"}) {
+    EXPECT_EQ(value(number), std::string("1") + number);
+  }
+  EXPECT_EQ(value("[]"), "2");
+  EXPECT_EQ(value(" [ 1 , -2,3 ] "), "21,-2,3");
+  for (const char* bad : {"01", "-01", "00", "[1, 02]"}) {
+    EXPECT_EQ(value(bad), "fault: a number that begins with 0") << bad;
+  }
+  for (const char* bad : {"1.5", "1e3", "1E3", "0.0", "[1, 2e0]"}) {
+    EXPECT_EQ(value(bad), "fault: a number that is not whole") << bad;
+  }
+  for (const char* bad : {"", "-", "+1", "true", "null", "{}", "[[1]]", "[\"1\"]", "[1,]", "--1"}) {
+    EXPECT_EQ(value(bad), "fault: no value that is text, a number or a list of numbers") << bad;
+  }
+  for (const char* bad : {"3x", "1-5", "1 2", "0x10"}) {
+    EXPECT_EQ(value(bad), "fault: text behind the end") << bad;
+  }
+  EXPECT_EQ(value("[1 2]"), "fault: no comma between two members");
+  EXPECT_EQ(value("[1"), "fault: no comma between two members");
+}
+
+TEST(Json, ANameHasNoNul) {
+  const std::string text = "{\"name\\u0000\": 1}";
+  JsonReader reader(text.data(), text.size());
+  scctl::Text name;
+  bool first = true;
+  ASSERT_TRUE(reader.open('{') && reader.next('}', &first));
+  EXPECT_FALSE(reader.name(&name));
+  EXPECT_STREQ(reader.fault(), "a zero in a name");
+}
+
+/* ---- the nearest name ---- */
+
+std::string nearest(const std::string& wrong) {
+  scctl::Nearest nearest(wrong.data(), wrong.size());
+  for (const char* name : {"list", "lan_binds", "ip", "template_name"}) nearest.offer(name);
+  return nearest.hint("nothing");
+}
+
+TEST(NearestName, IsOfferedWhenAThirdOfTheLettersDifferAtMost) {
+  EXPECT_EQ(nearest("lits"), "the nearest is list");
+  EXPECT_EQ(nearest("lixy"), "the nearest is list");
+  EXPECT_EQ(nearest("lxyz"), "nothing");
+  EXPECT_EQ(nearest("lan_binder"), "the nearest is lan_binds");
+  EXPECT_EQ(nearest("lan_whatso"), "nothing");
+  EXPECT_EQ(nearest("p"), "the nearest is ip");
+  EXPECT_EQ(nearest(""), "nothing");
+  EXPECT_EQ(nearest("templatexxx_name"), "the nearest is template_name");
+  EXPECT_EQ(nearest(std::string(5000, 'l')), "nothing");
+}
+
+}  // namespace
+}  // namespace sc_test
