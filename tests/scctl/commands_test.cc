@@ -367,5 +367,14 @@ TEST_F(CommandsTest, ALineOfABatch_IsAsLongAsItsWords) {
   EXPECT_EQ(Block(*scctl::find_table("aps", 3)).fields().size(), 0u);
 }
 
+TEST_F(CommandsTest, WhereTheLibraryCannotBeSilenced_ThatIsSaidAndNothingLost) {
+  Words command = {"sh", "-c", "ulimit -n 5; exec \"$@\"", "sh"};
+  for (const std::string& word : sc_test::scctl({"remove", "Lan"})) command.push_back(word);
+  EXPECT_EQ(run(command),
+            (Outcome{0, "",
+                     "scctl: the library's own messages are not silenced: Too many open files\n"}));
+  EXPECT_EQ(scctl_run({"remove", "Lan"}).status, 3);
+}
+
 }  // namespace
 }  // namespace sc_test

@@ -3,7 +3,7 @@
  *
  * usage: helper hold BYTE...                   holds bytes of the LAN area's lock file until it is
  *                                              ended, and says so in /var/held;
- *                                              its name is a "helper"
+ *                                              its name is a "helper", or that of $NAME
  *        helper half_written COMMAND...        runs a command while the first LAN binding is half
  *                                              written, under its lock: the flag is new, the name
  *                                              follows 0.3 s later
@@ -61,7 +61,8 @@ static int status_of(pid_t child) {
 
 static _Noreturn void hold(int count, char** bytes) {
   int file = lock_file();
-  prctl(PR_SET_NAME, "a \"helper\"");
+  const char* name = getenv("NAME");
+  prctl(PR_SET_NAME, name != NULL ? name : "a \"helper\"");
   for (int i = 0; i < count; i++) lock(file, atol(bytes[i]));
   close(open("/var/held", O_CREAT | O_WRONLY, 0600));
   for (;;) pause();

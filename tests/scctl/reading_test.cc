@@ -1,0 +1,121 @@
+/* Inputs that cannot be read to their ends, or have none. */
+#include <errno.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/trace.h"
+#include "support/world.h"
+
+namespace sc_test {
+namespace {
+
+class TraceReadingTest : public World {
+ protected:
+  void SetUp() override {
+    World::SetUp();
+    ASSERT_EQ(run(scctl({"init", "--all"})), (Outcome{0, "", ""}));
+  }
+};
+
+Words with(Words command, const Words& more) {
+  command.insert(command.end(), more.begin(), more.end());
+  return command;
+}
+
+/* The command, whose n-th read of standard input fails. */
+Outcome with_failing_read(const Words& command, const std::string& input, int nth) {
+  return trace(
+      command,
+      [&](const SystemCall& call) {
+        const bool read = call.call == SYS_read && call.arguments[0] == 0 && !call.is_done;
+        return read && --nth == 0 ? Fate{Fate::kFails, EIO} : Fate{};
+      },
+      input);
+}
+
+/* Forty commands of some 120 bytes: more than one read. */
+std::string many_commands() {
+  std::string commands;
+  for (int n = 1; n <= 40; ++n) {
+    commands += "add clients client_mac=02:00:00:00:00:" + std::to_string(n + 10) +
+                " text_52=" + std::to_string(n) + "   # " + std::string(70, '.') + "\n";
+  }
+  return commands;
+}
+
+unsigned records_of(const std::string& table) {
+  const std::string list = run(scctl({"list", table})).out;
+  return static_cast<unsigned>(std::stoul(list.substr(list.rfind('(') + 1)));
+}
+
+TEST_F(TraceReadingTest, BatchWhoseInputFails_SaysSoAndHowManyWereDone) {
+  const Outcome outcome = with_failing_read(scctl({"batch"}), many_commands(), 2);
+  EXPECT_EQ(outcome.status, 3);
+  const unsigned done = records_of("clients");
+  EXPECT_GT(done, 10u);
+  EXPECT_LT(done, 40u);
+  EXPECT_EQ(outcome.err, "scctl: stdin:" + std::to_string(done + 1) + ": Input/output error\n");
+  const std::string last = "commands done: " + std::to_string(done) + ", then one failed\n";
+  EXPECT_EQ(outcome.out.substr(outcome.out.size() - last.size()), last);
+  EXPECT_EQ(
+      with_failing_read(scctl({"batch"}), many_commands(), 1),
+      (Outcome{3, "commands done: 0, then one failed\n", "scctl: stdin:1: Input/output error\n"}));
+}
+
+TEST_F(TraceReadingTest, BatchOnAFileWhoseInputFails_LeavesTheFile) {
+  ASSERT_EQ(run(scctl({"save", "Clients"})), (Outcome{0, "", ""}));
+  const std::string archive = "/var/dataconfig/config_clients.bin", before = read_file(archive);
+  const Outcome outcome =
+      with_failing_read(scctl({"batch", "--archive", archive, "--in-place"}), many_commands(), 2);
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_NE(outcome.err.find("Input/output error"), std::string::npos) << outcome.err;
+  EXPECT_NE(outcome.out.find(", then one failed: the file is as it was\n"), std::string::npos);
+  EXPECT_EQ(read_file(archive), before);
+}
+
+TEST_F(TraceReadingTest, ImportWhoseInputFails_WritesNothing) {
+  ASSERT_EQ(run(scctl({"batch"}), many_commands()).status, 0);
+  const std::string exported = run(scctl({"export", "Clients"})).out;
+  ASSERT_EQ(run(scctl({"clear", "clients"})).status, 0);
+  for (const int nth : {1, 2}) {
+    EXPECT_EQ(with_failing_read(scctl({"import", "-"}), exported, nth),
+              (Outcome{3, "", "scctl: stdin: Input/output error\n"}));
+  }
+  EXPECT_EQ(records_of("clients"), 0u);
+}
+
+TEST_F(TraceReadingTest, InputWithoutAnEnd_IsRefusedSoon) {
+  EXPECT_EQ(run(scctl({"import", "/dev/zero"})),
+            (Outcome{1, "", "scctl: /dev/zero: a zero byte, which JSON has none of\n"}));
+  EXPECT_EQ(run(scctl({"import", "/dev/full"})),
+            (Outcome{1, "", "scctl: /dev/full: a zero byte, which JSON has none of\n"}));
+  EXPECT_EQ(run(scctl({"batch", "/dev/zero"})),
+            (Outcome{2, "commands done: 0, then one failed\n",
+                     "scctl: /dev/zero:1: a zero byte in the line\n"}));
+}
+
+TEST_F(TraceReadingTest, InputOfMoreThan48MiB_IsRefusedAndLittleMemoryTaken) {
+  constexpr size_t kMost = 48u << 20;
+#ifdef __SANITIZE_ADDRESS__
+  const std::string shell = "exec \"$@\""; /* its own memory is larger */
+#else
+  const std::string shell = "ulimit -v 200000; exec \"$@\"";
+#endif
+  const auto limited = [&](const Words& arguments, const std::string& input) {
+    return run(with({"sh", "-c", shell, "sh"}, scctl(arguments)), input);
+  };
+  EXPECT_EQ(limited({"import", "-"}, std::string(kMost + 1, ' ')),
+            (Outcome{1, "", "scctl: stdin: more than 48 MiB\n"}));
+  EXPECT_EQ(limited({"import", "-"}, std::string(kMost - 2, ' ') + "{}"),
+            (Outcome{0, "tables changed: 0\n", ""}));
+  EXPECT_EQ(limited({"batch"}, std::string(kMost + 1, ' ')),
+            (Outcome{2, "commands done: 0, then one failed\n",
+                     "scctl: stdin:1: the line is too long\n"}));
+}
+
+}  // namespace
+}  // namespace sc_test
