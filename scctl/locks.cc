@@ -77,10 +77,10 @@ class LockTable {
   void clear() { count_ = 0; }
   void add(const HeldBytes& line) {
     if (count_ == room_) {
-      Buffer larger((2 * room_ + 64) * sizeof line);
+      Buffer larger(2 * room_ * sizeof line);
       memcpy(larger.data(), lines_.data(), count_ * sizeof line);
       lines_.swap(larger);
-      room_ = 2 * room_ + 64;
+      room_ *= 2;
     }
     memcpy(lines_.data() + count_++ * sizeof line, &line, sizeof line);
   }
@@ -95,9 +95,9 @@ class LockTable {
   }
 
  private:
-  Buffer lines_;
+  size_t room_ = 64;
+  Buffer lines_{room_ * sizeof(HeldBytes)};
   size_t count_ = 0;
-  size_t room_ = 0;
 };
 
 /* The kernel's lines: "1: POSIX ADVISORY WRITE PID MAJOR:MINOR:INODE START END", a waiter's with

@@ -367,10 +367,27 @@ TEST_F(CommandsTest, ALineOfABatch_IsAsLongAsItsWords) {
   EXPECT_EQ(Block(*scctl::find_table("aps", 3)).fields().size(), 0u);
 }
 
+/* A command that can have so many descriptors, 0 to 2 among them. */
+Outcome with_descriptors(int count, const Words& arguments) {
+  Words command = {"sh", "-c", "ulimit -n " + std::to_string(count) + "; exec \"$@\"", "sh"};
+  for (const std::string& word : sc_test::scctl(arguments)) command.push_back(word);
+  return run(command);
+}
+
+TEST_F(CommandsTest, WithFewDescriptors_AllIsSaid) {
+  const Words add = {"add", "lan_binds", "mac=00:00:00:00:00:03"};
+  EXPECT_EQ(with_descriptors(10, add), (Outcome{0, "added lan_binds/1\n", ""}));
+  EXPECT_EQ(with_descriptors(10, add),
+            (Outcome{1, "", "scctl: lan_binds: mac '00:00:00:00:00:03' is that of lan_binds/1\n"}));
+  EXPECT_EQ(
+      with_descriptors(10, {"notify", "Lan"}),
+      (Outcome{1, "",
+               "scctl: area Lan is not announced: /var/config_socket: connect: No such file or "
+               "directory\n"}));
+}
+
 TEST_F(CommandsTest, WhereTheLibraryCannotBeSilenced_ThatIsSaidAndNothingLost) {
-  Words command = {"sh", "-c", "ulimit -n 5; exec \"$@\"", "sh"};
-  for (const std::string& word : sc_test::scctl({"remove", "Lan"})) command.push_back(word);
-  EXPECT_EQ(run(command),
+  EXPECT_EQ(with_descriptors(5, {"remove", "Lan"}),
             (Outcome{0, "",
                      "scctl: the library's own messages are not silenced: Too many open files\n"}));
   EXPECT_EQ(scctl_run({"remove", "Lan"}).status, 3);
