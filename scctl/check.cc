@@ -214,7 +214,9 @@ struct Options {
   Text text;
   explicit Options(const Call& call) {
     if (!call.has(kImage) && !call.has(kArchive)) return;
-    text.print(" %s %s --in-place", call.has(kImage) ? "--image" : "--archive", call.source.name());
+    text.add(call.has(kImage) ? " --image " : " --archive ");
+    add_word(call.source.name(), strlen(call.source.name()), &text);
+    text.add(" --in-place");
   }
   const char* c_str() const { return text.c_str(); }
 };

@@ -284,7 +284,10 @@ void format_part(const Field& field, const uint8_t* record, bool whole, Text* to
     return;
   }
   const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
-  const size_t size = whole ? filled(field, record) : text_size(field, record);
+  add_word(text, whole ? filled(field, record) : text_size(field, record), to);
+}
+
+void add_word(const char* text, size_t size, Text* to) {
   if (is_bare(text, size)) {
     to->add(text, size);
     return;

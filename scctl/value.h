@@ -44,6 +44,9 @@ void format_part(const Field& field, const uint8_t* record, bool whole, Text* to
  * that batch and every POSIX shell read alike. */
 void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to);
 
+/* A word as it is typed, of anything: in quotes where it needs them. */
+void add_word(const char* text, size_t size, Text* to);
+
 /* As JSON. Whole texts keep what stands behind their first NUL. */
 void format_json(const Field& field, const uint8_t* record, bool whole, Text* to);
 
