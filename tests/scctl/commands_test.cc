@@ -1,12 +1,7 @@
 /* scctl's commands with hostile contents: whatever is stored can be printed as commands that make it
  * again, and comes back from an export. */
-#include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/shm.h>
-#include <sys/wait.h>
-#include <termios.h>
-#include <unistd.h>
 
 #include <map>
 #include <string>
@@ -291,44 +286,6 @@ TEST_F(CommandsTest, EverySpellingOfAMacIsKeptBesideTheOthers) {
                      "scctl add lan_binds/2 mac:hex=30302d31312d32322d33332d34342d6161 ip=2.0.0.0\n"
                      "scctl add lan_binds/3 mac:hex=303031313232333334343535 ip=3.0.0.0\n",
                      ""}));
-}
-
-/* What a program prints on a terminal. */
-std::string on_terminal(const Words& command) {
-  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
-  EXPECT_EQ(grantpt(terminal), 0);
-  EXPECT_EQ(unlockpt(terminal), 0);
-  const int other = open(ptsname(terminal), O_RDWR | O_NOCTTY);
-  EXPECT_GE(other, 0);
-  termios raw;
-  tcgetattr(other, &raw);
-  cfmakeraw(&raw);
-  tcsetattr(other, TCSANOW, &raw);
-  std::vector<char*> words;
-  for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
-  words.push_back(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    dup2(other, 1);
-    execvp(words[0], words.data());
-    _exit(127);
-  }
-  int ended = -1;
-  EXPECT_EQ(waitpid(child, &ended, 0), child);
-  EXPECT_EQ(ended, 0);
-  char said[1024];
-  const ssize_t size = read(terminal, said, sizeof said); /* while the other end is open */
-  close(other);
-  close(terminal);
-  return {said, static_cast<size_t>(size > 0 ? size : 0)};
-}
-
-TEST_F(CommandsTest, AField_IsRawForAFileAndHarmlessForATerminal) {
-  const std::string name = "a\x1b[2J\xc2\x9b\xe2\x80\xae\x9b\\x41";
-  ASSERT_EQ(scctl_run({"add", "lan_binds", "mac=00:11:22:33:44:55", "name=" + name}).status, 0);
-  EXPECT_EQ(scctl_run({"get", "lan_binds/1.name"}), (Outcome{0, name + "\n", ""}));
-  EXPECT_EQ(on_terminal(sc_test::scctl({"get", "lan_binds/1.name"})),
-            "a\\x1b[2J\\xc2\\x9b\\xe2\\x80\\xae\\x9b\\x5cx41\n");
 }
 
 TEST_F(CommandsTest, AMessage_IsOneHarmlessLineHoweverLongItsWordsAre) {

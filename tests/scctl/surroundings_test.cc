@@ -1,9 +1,14 @@
-/* Inputs that cannot be read to their ends, or have none. */
+/* Surroundings that the desk alone has: inputs that fail on demand or have no end, a terminal. */
 #include <errno.h>
-#include <sys/resource.h>
+#include <fcntl.h>
+#include <stdlib.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,7 +18,7 @@
 namespace sc_test {
 namespace {
 
-class TraceReadingTest : public World {
+class TraceSurroundingsTest : public World {
  protected:
   void SetUp() override {
     World::SetUp();
@@ -52,7 +57,7 @@ unsigned records_of(const std::string& table) {
   return static_cast<unsigned>(std::stoul(list.substr(list.rfind('(') + 1)));
 }
 
-TEST_F(TraceReadingTest, BatchWhoseInputFails_SaysSoAndHowManyWereDone) {
+TEST_F(TraceSurroundingsTest, BatchWhoseInputFails_SaysSoAndHowManyWereDone) {
   const Outcome outcome = with_failing_read(scctl({"batch"}), many_commands(), 2);
   EXPECT_EQ(outcome.status, 3);
   const unsigned done = records_of("clients");
@@ -66,7 +71,7 @@ TEST_F(TraceReadingTest, BatchWhoseInputFails_SaysSoAndHowManyWereDone) {
       (Outcome{3, "commands done: 0, then one failed\n", "scctl: stdin:1: Input/output error\n"}));
 }
 
-TEST_F(TraceReadingTest, BatchOnAFileWhoseInputFails_LeavesTheFile) {
+TEST_F(TraceSurroundingsTest, BatchOnAFileWhoseInputFails_LeavesTheFile) {
   ASSERT_EQ(run(scctl({"save", "Clients"})), (Outcome{0, "", ""}));
   const std::string archive = "/var/dataconfig/config_clients.bin", before = read_file(archive);
   const Outcome outcome =
@@ -77,7 +82,7 @@ TEST_F(TraceReadingTest, BatchOnAFileWhoseInputFails_LeavesTheFile) {
   EXPECT_EQ(read_file(archive), before);
 }
 
-TEST_F(TraceReadingTest, ImportWhoseInputFails_WritesNothing) {
+TEST_F(TraceSurroundingsTest, ImportWhoseInputFails_WritesNothing) {
   ASSERT_EQ(run(scctl({"batch"}), many_commands()).status, 0);
   const std::string exported = run(scctl({"export", "Clients"})).out;
   ASSERT_EQ(run(scctl({"clear", "clients"})).status, 0);
@@ -88,7 +93,7 @@ TEST_F(TraceReadingTest, ImportWhoseInputFails_WritesNothing) {
   EXPECT_EQ(records_of("clients"), 0u);
 }
 
-TEST_F(TraceReadingTest, InputWithoutAnEnd_IsRefusedSoon) {
+TEST_F(TraceSurroundingsTest, InputWithoutAnEnd_IsRefusedSoon) {
   EXPECT_EQ(run(scctl({"import", "/dev/zero"})),
             (Outcome{1, "", "scctl: /dev/zero: a zero byte, which JSON has none of\n"}));
   EXPECT_EQ(run(scctl({"import", "/dev/full"})),
@@ -98,7 +103,7 @@ TEST_F(TraceReadingTest, InputWithoutAnEnd_IsRefusedSoon) {
                      "scctl: /dev/zero:1: a zero byte in the line\n"}));
 }
 
-TEST_F(TraceReadingTest, InputOfMoreThan48MiB_IsRefusedAndLittleMemoryTaken) {
+TEST_F(TraceSurroundingsTest, InputOfMoreThan48MiB_IsRefusedAndLittleMemoryTaken) {
   constexpr size_t kMost = 48u << 20;
 #ifdef __SANITIZE_ADDRESS__
   const std::string shell = "exec \"$@\""; /* its own memory is larger */
@@ -115,6 +120,44 @@ TEST_F(TraceReadingTest, InputOfMoreThan48MiB_IsRefusedAndLittleMemoryTaken) {
   EXPECT_EQ(limited({"batch"}, std::string(kMost + 1, ' ')),
             (Outcome{2, "commands done: 0, then one failed\n",
                      "scctl: stdin:1: the line is too long\n"}));
+}
+
+/* What a program prints on a terminal. */
+std::string on_terminal(const Words& command) {
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+  EXPECT_EQ(grantpt(terminal), 0);
+  EXPECT_EQ(unlockpt(terminal), 0);
+  const int other = open(ptsname(terminal), O_RDWR | O_NOCTTY);
+  EXPECT_GE(other, 0);
+  termios raw;
+  tcgetattr(other, &raw);
+  cfmakeraw(&raw);
+  tcsetattr(other, TCSANOW, &raw);
+  std::vector<char*> words;
+  for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
+  words.push_back(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(other, 1);
+    execvp(words[0], words.data());
+    _exit(127);
+  }
+  int ended = -1;
+  EXPECT_EQ(waitpid(child, &ended, 0), child);
+  EXPECT_EQ(ended, 0);
+  char said[1024];
+  const ssize_t size = read(terminal, said, sizeof said); /* while the other end is open */
+  close(other);
+  close(terminal);
+  return {said, static_cast<size_t>(size > 0 ? size : 0)};
+}
+
+TEST_F(TraceSurroundingsTest, AField_IsRawForAFileAndHarmlessForATerminal) {
+  const std::string name = "a\x1b[2J\xc2\x9b\xe2\x80\xae\x9b\\x41";
+  ASSERT_EQ(run(scctl({"add", "lan_binds", "mac=00:11:22:33:44:55", "name=" + name})).status, 0);
+  EXPECT_EQ(run(scctl({"get", "lan_binds/1.name"})), (Outcome{0, name + "\n", ""}));
+  EXPECT_EQ(on_terminal(scctl({"get", "lan_binds/1.name"})),
+            "a\\x1b[2J\\xc2\\x9b\\xe2\\x80\\xae\\x9b\\x5cx41\n");
 }
 
 }  // namespace
