@@ -453,7 +453,7 @@ int run_repair(Call& call) {
     ++areas;
   }
   if (status != kOk) return status;
-  printf("areas repaired: %u, mended: %u, left: %u\n", areas, repaired.mended, repaired.left);
+  tell("areas repaired: %u, mended: %u, left: %u", areas, repaired.mended, repaired.left);
   if (areas == 0) return fail_without_areas();
   call.is_done = true;
   return repaired.left == 0 ? kOk : kRefused;

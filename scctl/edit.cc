@@ -447,7 +447,7 @@ int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
 
 /* What was done before one failed. */
 int say_deleted(int count, int status) {
-  if (count > 0) printf("records deleted: %d%s\n", count, how_failed());
+  if (count > 0) tell("records deleted: %d%s", count, how_failed());
   return status;
 }
 
