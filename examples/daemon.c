@@ -27,9 +27,9 @@
 #define SOCKET_PATH "/var/config_socket"
 
 enum {
-  ROOM = 64,        /* callers that are listened to at once */
-  PATIENCE = 5000,  /* ms: how long a silent caller keeps a place when all are taken */
-  LAST_WORDS = 200, /* ms: how long callers that came before the end are waited for */
+  ROOM = 64,         /* callers that are listened to at once */
+  PATIENCE = 5000,   /* ms: how long a silent caller keeps a place when all are taken */
+  LAST_WORDS = 2000, /* ms: how long callers that came before the end are waited for */
 };
 
 static const char* const kAreas[] = {
@@ -240,6 +240,6 @@ int main(void) {
   }
   /* First the name, so that nobody new comes; then those who had come are heard. */
   remove_own();
-  while (serve(listener, LAST_WORDS, &ends) > 0) continue;
+  while (serve(listener, caller_count > 0 ? LAST_WORDS : 0, &ends) > 0) continue;
   return 0;
 }
