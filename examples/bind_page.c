@@ -38,8 +38,8 @@ static const char* refusal(const struct LanBlock* lan, const struct DhcpStaticIt
   return "another program was changing the table; try again";
 }
 
-/* The save, what it prints and the commands that it runs, with standard output turned to standard
- * error: a web server's log. */
+/* Saves with standard output turned to standard error, a web server's
+ * log: for what the call prints, and for the commands that it runs. */
 static void save(struct LanBlock* lan) {
   fflush(stdout);
   const int page = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);

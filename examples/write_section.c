@@ -15,10 +15,15 @@
 
 #include <sysconfig/core.h>
 
-/* Waits for byte n and holds it: 0, or -1 with errno. Whoever goes on without it writes into the
- * middle of another program's change. */
+/* Waits for byte n and holds it: 0, or -1 with errno. Whoever goes on
+ * without it writes into the middle of another program's change. */
 static int lock_byte(int fd, int32_t n) {
-  struct flock lock = {.l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = n, .l_len = 1};
+  struct flock lock = {
+      .l_type = F_WRLCK,
+      .l_whence = SEEK_SET,
+      .l_start = n,
+      .l_len = 1,
+  };
   int status;
   do {
     status = fcntl(fd, F_SETLKW, &lock);
@@ -26,12 +31,12 @@ static int lock_byte(int fd, int32_t n) {
   return status;
 }
 
-static int write_section(struct WanBlock* wan, struct WanSection* section, const char* text) {
-  const int32_t n = section->lock_index;                          /* read before it is locked */
-  const int fd = open(wan->header.lock_path, O_RDWR | O_CLOEXEC); /* F_WRLCK needs the writing */
-  if (fd < 0 || lock_byte(fd, n) != 0) {
-    fprintf(stderr, "write_section: %s: byte %d: %s\n", wan->header.lock_path, (int)n,
-            strerror(errno));
+/* Section i, counted from 0. */
+static int write_section(struct WanBlock* wan, int i, const char* text) {
+  struct WanSection* section = &wan->sections[i];
+  const int fd = open(wan->header.lock_path, O_RDWR | O_CLOEXEC);
+  if (fd < 0 || lock_byte(fd, section->lock_index) != 0) {
+    perror(wan->header.lock_path);
     if (fd >= 0) close(fd);
     return -1;
   }
@@ -52,7 +57,7 @@ int main(int argc, char** argv) {
     fputs("write_section: there is no Wan area; it is made at boot\n", stderr);
     return 1;
   }
-  if (write_section(wan, &wan->sections[number - 1], argv[2]) != 0) return 1;
+  if (write_section(wan, number - 1, argv[2]) != 0) return 1;
   signal(SIGPIPE, SIG_IGN);    /* a daemon that ends just now is no reason to end, too */
   SC_Save_System_Wan_Config(); /* announces; SC_Save_System_Wan_Config2Flash(wan) would save */
   return 0;

@@ -3,7 +3,11 @@
 #   <!-- from PATH -->
 # is, as it stands, a part of that file; with "all of" before PATH it is the whole file.
 # The links of the documents to files of this repository lead somewhere.
+# usage: tests/documents_test.sh [BUILD]
+# With the folder of a build whose programs run here, the README's command for its first program is run,
+# too, and prints what the README says.
 set -euo pipefail
+build=${1:+$(readlink -f "$1")}
 cd "$(dirname "$0")/.."
 
 checked=0
@@ -58,10 +62,23 @@ links() {
   done < <(grep -oE '\]\([^) ]+\)' | sed -E 's/^\]\((.*)\)$/\1/' | grep -v '://' || true)
 }
 
+first_program() {
+  local command promised said=
+  command=$(grep -E '^    examples/private_world .*first_binding' README.md) || true
+  # shellcheck disable=SC2016  # no command in these backquotes
+  promised=$(sed -n 's/^It prints `\([^`]*\)`.*/\1/p' README.md)
+  checked=$((checked + 1))
+  said=$(eval "${command//build\//$build/}" 2>/dev/null) ||
+    complain "README.md: its command for the first program ended with status $?"
+  grep -qxF -- "${promised:-nothing}" <<<"$said" ||
+    complain "README.md: the first program prints '$said', not '$promised'"
+}
+
 for document in *.md */README.md docs/*.md; do
   code_blocks <"$document"
   links <"$document"
 done
+[[ -z $build ]] || first_program
 [[ $checked -gt 0 ]] || complain "nothing was checked"
 echo "$checked blocks and links checked"
 exit "$failed"

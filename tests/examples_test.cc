@@ -361,9 +361,8 @@ TEST_F(WriteSectionExample, LockFileThatIsMissing_LeavesAllAsItIs) {
   Listener daemon;
   unlink(lock_path_.c_str());
   const Outcome outcome = run(example("write_section", {"1", "x"}));
-  EXPECT_EQ(outcome, (Outcome{1, "",
-                              "write_section: /var/lock_store/wan_conf_lock: byte 2: "
-                              "No such file or directory\n"}));
+  EXPECT_EQ(outcome,
+            (Outcome{1, "", "/var/lock_store/wan_conf_lock: No such file or directory\n"}));
   EXPECT_EQ(text(1), padded(""));
   EXPECT_EQ(daemon.codes(), std::vector<int32_t>{});
 }

@@ -1,5 +1,6 @@
 #!/bin/bash
-# Installs what a command of this repository needs and the machine lacks.
+# Installs what a command of this repository needs and the machine lacks. What apt prints goes to a log,
+# build/setup.log, whose end is shown when that fails.
 # Usage: tools/setup.sh demo|device|check|package    (each includes what the ones before it need)
 #        tools/setup.sh bench                        (includes what "demo" needs)
 set -euo pipefail
@@ -46,8 +47,17 @@ if [[ $(id -u) -ne 0 ]]; then
   as_root=(sudo)
 fi
 
-echo "Installing: ${missing[*]}"
+log=$(readlink -f "$(dirname "$0")/..")/build/setup.log
+if ! mkdir -p "${log%/*}" 2>/dev/null || ! { : >"$log"; } 2>/dev/null; then
+  log=$(mktemp /tmp/sysconfig-setup.XXXXXX)
+fi
+echo "Installing: ${missing[*]} (log: $log)"
 # A broken third-party list must not stop us; the installation below decides.
-"${as_root[@]}" apt-get update -q || echo "$0: apt-get update failed, trying to install anyway" >&2
-"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-  apt-get install -q -y --no-install-recommends "${missing[@]}" </dev/null
+"${as_root[@]}" apt-get update -q >"$log" 2>&1 ||
+  echo "$0: apt-get update failed, trying to install anyway" >&2
+if ! "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  apt-get install -q -y --no-install-recommends "${missing[@]}" </dev/null >>"$log" 2>&1; then
+  tail -20 "$log" >&2
+  echo "$0: the installation failed; the end of $log stands above" >&2
+  exit 1
+fi

@@ -15,18 +15,23 @@
  *    SC_Init_System_<Area>_Config(flag)
  *        Create or empty the segment, recreate the lock file, mark all records free; when the low
  *        byte of flag is 1, Read. 0; errno when it cannot be created, -1 when not attached.
- *        Without Read, lock_path stays empty and every operation that locks fails.
+ *        Without Read, lock_path stays empty and every operation that locks fails. The area is
+ *        emptied for all who have it attached, whoever calls: only the boot does.
  *    SC_Read_System_<Area>_Config(b)
  *        Write lock path and lock indices, then load the flash archive
  *        /var/dataconfig/config_<stem>.bin over the block. -1 when there is none, else the last
  *        command's status. "cant open the file" (no newline) or "file read error\n" on stdout.
  *    SC_Save_System_<Area>_Config()
  *        Tell the configuration daemon: the area's code, 4 bytes, to the stream socket
- *        "/var/config_socket". Errors through perror("socket" | "connect" | "send").
+ *        "/var/config_socket". Errors through perror("socket" | "connect" | "send"). A daemon that
+ *        closes before it has read sends the caller SIGPIPE; one that does not accept holds it in
+ *        connect() as soon as the socket's queue is full.
  *    SC_Save_System_<Area>_Config2Flash(b)
  *        Under byte 1 of the lock file write the image to /var/systemconfig/config_<stem>.cfg and
  *        pack it into the archive; then run the area's event commands, if any.
- *        "canot open the file." (no newline) or "file write error\n" on stdout.
+ *        "canot open the file." (no newline) or "file write error\n" on stdout, where the commands
+ *        print, too: a program that prints a page there turns it away around the call. Whether the
+ *        archive is whole is not told.
  *    Init and Read take no locks: they are for start-up, before others work on the area.
  * 3. Lists. The functions of a list on records, addressed by 0-based positions. Results of changes
  *    are list results (layout.h).
@@ -44,22 +49,28 @@
  *        Zero the item and fill it from record id - 1, used or free; it stays zero when the id is
  *        out of range.
  *    Add<X>Item(b, item)
- *        Add to the lowest free record; a list result.
+ *        Add to the lowest free record; a list result. The id is not told: list the table and look
+ *        for the key. SC_LIST_REJECTED is a clash or a full table: the listing tells which.
  *    Modify<X>Item(b, item)
  *        Write over the record of the item's id; a list result.
  *    DelAll<X>Item(b)
  *        Free every record, and set the counter beside the table, if any, to 0.
  *    Del<X>Item(b, ids)
  *        Free the records of an index list: text of ids separated by '#', which is split in place.
+ *        Tells nothing: list the table to know what was freed.
  *    With a null block the two that get return without touching the output. The others end with
  *    the area's change notification whatever the result; those that delete by a group's id send
  *    one for each rule instead. Counters beside tables are lowered once for each id of an index
- *    list, deleted or not.
+ *    list, deleted or not. Address texts are read by inet_addr; text that is none is stored as
+ *    255.255.255.255, a key like any other, so that a second such item clashes: check it before.
  * 5. Locks. Every change of a list's record is made under its byte (lock_index) of the area's lock
  *    file, blocking, held for that record only; readers, searches and checks take no lock. A lock
  *    file that cannot be opened is said as "Cannot Lock file %s" with the path (stdout, no newline).
  *    fcntl locks belong to the process: they do not keep its threads apart, and any close of the
- *    lock file drops them.
+ *    lock file drops them. Byte n is locked with l_whence SEEK_SET, l_start n, l_len 1; n is read
+ *    from the lock_index of the record or section.
+ * 6. Programs. sysconfig(7) says what a configuration daemon has to do and what programs do about all
+ *    that the calls leave unsaid; bind_page.c, daemon.c and write_section.c among the examples do it.
  */
 #ifndef SYSCONFIG_CORE_H
 #define SYSCONFIG_CORE_H

@@ -8,7 +8,7 @@ import manual
 import sizes
 import sources
 import tests
-from suite import LOGS, ROOT, Suite
+from suite import BUILD, LOGS, ROOT, Suite, output
 
 LIBRARY_TARGETS = ("host", "i386", "mipsel", "mipsel-small")
 TEST_TARGETS = ("host", "asan", "i386", "mipsel")
@@ -62,7 +62,9 @@ def main(quick):
     for suite in done:
         print(suite.summary())
     failed = sum(suite.failed for suite in done)
-    print("%d passed, %d failed" % (sum(suite.passed for suite in done), failed))
+    print("%d passed, %d failed, %d s, %d MB in build" % (
+        sum(suite.passed for suite in done), failed, sum(suite.seconds for suite in done),
+        int(output(["du", "-sm", BUILD]).split()[0])))
     return 1 if failed else 0
 
 

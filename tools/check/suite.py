@@ -1,12 +1,14 @@
-"""One suite of checks: its log, its counts, and the commands that it runs."""
+"""One suite of checks: its log, its counts, the commands that it runs, and what it is at."""
 
 import pathlib
 import subprocess
+import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 LOGS = BUILD / "check"
+PROGRESS = 30  # seconds between two lines that say what a suite is at
 
 
 class Suite:
@@ -18,6 +20,9 @@ class Suite:
         self._log = open(self.log_path, "w", buffering=1)
         self._started = time.monotonic()
         self.seconds = 0.0
+        self._command = ""
+        self._over = threading.Event()
+        threading.Thread(target=self._tell, daemon=True).start()
 
     def ok(self, what):
         self.passed += 1
@@ -41,6 +46,7 @@ class Suite:
         """Runs a command with its output in the log. Returns whether it ended with the status
         wanted, which counts as one check under the name given, if any."""
         command = [str(word) for word in command]
+        self._command = " ".join(command).replace(str(ROOT) + "/", "")
         self.note("$ " + " ".join(command))
         ended = subprocess.run(command, cwd=ROOT, stdin=subprocess.DEVNULL, stdout=self._log,
                                stderr=subprocess.STDOUT).returncode
@@ -50,11 +56,22 @@ class Suite:
             self.verdict(ended == status, check, "status %d" % ended)
         return ended == status
 
+    def _tell(self):
+        """Every half minute the command that runs and the log's last line."""
+        while not self._over.wait(PROGRESS):
+            with open(self.log_path, "rb") as log:
+                log.seek(max(0, log.seek(0, 2) - 1000))
+                lines = log.read().decode(errors="replace").split("\n")
+            at = next((line.strip() for line in reversed(lines) if line.strip()), "")
+            print("  %4d s  %.50s | %.70s" % (time.monotonic() - self._started, self._command, at),
+                  flush=True)
+
     def end(self):
         """Closes the books. A suite that checked nothing has failed."""
         if self.passed + self.failed == 0:
             self.fail(self.name + ": nothing was checked")
         self.seconds = time.monotonic() - self._started
+        self._over.set()
         self._log.close()
         if self.failed:
             lines = self.log_path.read_text(errors="replace").splitlines()
