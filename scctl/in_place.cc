@@ -108,7 +108,7 @@ class AtomicFile {
   static constexpr int kTries = 1000; /* each but the last has waited for another edit */
 
   int open_and_lock() {
-    file_ = ::open(name_, O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    file_ = ::open(name_, O_RDWR | O_CLOEXEC);
     struct stat status;
     if (file_ < 0 || fstat(file_, &status) != 0) {
       return fail(kNoArea, "%s: %s", name_, strerror(errno));
