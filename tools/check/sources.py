@@ -46,6 +46,7 @@ def check_analysis(suite):
     commands["cppcheck"] = [
         "cppcheck", "--quiet", "--std=c++20", "--enable=warning,performance,portability",
         "--inline-suppr", "--error-exitcode=1", "-Iinclude", "-I.", *library]
+    commands["tools/mutate --self-test"] = [ROOT / "tools/mutate", "--self-test"]
     commands["shellcheck"] = ["shellcheck", "-x", *shell_scripts()]
 
     def run(command):
