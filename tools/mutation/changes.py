@@ -51,8 +51,10 @@ CALL = re.compile(r"\s+[\w:.>-]+\(")
 DECIDES = re.compile(r"\s+(if|for|while|else|case)\b")
 ASSIGNMENT = re.compile(r"^\s*(?!\.)\S+ = ")
 # What only refuses to compile.
-GUARDS = (r"static_assert\(.*?\);|\bif \([^;{}]*\) \{?\s*(?:member_does_not_fit_its_column|"
-          r"members_are_not_in_record_order|row_has_no_room_left)\(\);|[^;{}]*= delete;")
+REFUSALS = (r"(?:member_does_not_fit_its_column|members_are_not_in_record_order|row_has_no_room_left)"
+            r"\(\);")
+GUARDS = (r"static_assert\(.*?\);|\bif \([^;{}]*\) (?:\{\s*%s\s*\}|\s*%s)|[^;{}]*= delete;"
+          % (REFUSALS, REFUSALS))
 
 KEYWORDS = {"if", "for", "while", "switch", "do", "else", "return", "catch", "sizeof"}
 TYPES = re.compile(r"^(?:template\s*<.*?>\s*)?(?:typedef\s+)?(struct|class|union|enum|namespace)\b"
