@@ -2,6 +2,7 @@
  * all calls of one kind failing: the result, the message, the notifications and every byte of the
  * blocks and files are those that the function promises for it; no descriptor stays open and no lock
  * is held. */
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -14,6 +15,7 @@
 #include <sysconfig/core.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -23,6 +25,7 @@
 #include "model/model.h"
 #include "model/rows.h"
 #include "support/areas.h"
+#include "support/called.h"
 #include "support/faults.h"
 #include "support/golden.h"
 #include "support/image.h"
@@ -128,12 +131,66 @@ std::ostream& operator<<(std::ostream& stream, const Seen& seen) {
   return stream;
 }
 
-/* Says in the end how many runs there were with a failing call. */
+/* The exports that were called while a call of theirs was to fail, or that made no call that can
+ * fail. Child processes write here, too. */
+class Tried {
+ public:
+  /* Whether a call is to fail from here on, in this process. */
+  static void begin(bool with_fault) {
+    failing = with_fault;
+    others.clear();
+    on_call = note;
+  }
+  static void end(bool made_no_call) {
+    on_call = nullptr;
+    if (made_no_call) std::for_each(others.begin(), others.end(), add);
+  }
+  static std::set<std::string> names() {
+    std::set<std::string> found;
+    for (const std::string& name : golden_lines("exports.txt")) {
+      const auto at = reinterpret_cast<AnyFunction>(dlsym(RTLD_DEFAULT, name.c_str()));
+      if (std::find(list->at, list->at + list->count, at) != list->at + list->count) {
+        found.insert(name);
+      }
+    }
+    return found;
+  }
+
+ private:
+  struct List {
+    std::atomic<size_t> count;
+    AnyFunction at[1024];
+  };
+  static List* const list;
+  static bool failing;
+  static std::vector<AnyFunction> others;
+
+  static void note(AnyFunction called) {
+    if (failing) return add(called);
+    others.push_back(called);
+  }
+  static void add(AnyFunction called) {
+    if (std::find(list->at, list->at + list->count, called) != list->at + list->count) return;
+    if (list->count == std::size(list->at)) abort();
+    list->at[list->count++] = called;
+  }
+};
+Tried::List* const Tried::list = static_cast<List*>(
+    mmap(nullptr, sizeof(List), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+bool Tried::failing = false;
+std::vector<AnyFunction> Tried::others;
+
+/* Says in the end how many runs there were with a failing call. When all tests were to run, every
+ * export was tried. */
 class Tally : public testing::Environment {
  public:
   static size_t faults, kills;
   void TearDown() override {
     printf("%zu runs with a failing call, %zu with a kill\n", faults, kills);
+    const testing::UnitTest& tests = *testing::UnitTest::GetInstance();
+    if (tests.test_to_run_count() != tests.total_test_count()) return;
+    const Lines exports = golden_lines("exports.txt");
+    EXPECT_EQ(Tried::names(), std::set<std::string>(exports.begin(), exports.end()));
   }
 };
 size_t Tally::faults = 0, Tally::kills = 0;
@@ -163,9 +220,13 @@ class FaultWorld : public World {
     if (fault.number != 0) ++Tally::faults;
     seen.output = capture([&] {
       Faults faults = fault.every() ? Faults(fault.call) : Faults(fault.number);
+      Tried::begin(fault.number != 0);
       seen.result = action();
       calls_ = faults.calls();
+      Tried::end(fault.number == 0 && calls_.empty());
     });
+    const auto nth = static_cast<size_t>(std::count(calls_.begin(), calls_.end(), fault.call));
+    EXPECT_GE(nth, fault.every() ? 1 : fault.nth) << "the call that was to fail was not made";
     EXPECT_EQ(open_descriptors(), open_before);
     EXPECT_EQ(reservations(), reserved_before);
     EXPECT_FALSE(holds_locks());
@@ -210,27 +271,10 @@ class FaultWorld : public World {
 
 /* ---- lists: the naive model says what is left ---- */
 
-struct ListNames {
-  const char* prefix; /* of the item functions */
-  const char* item;
-  const char* check; /* nullptr: there is none */
-  std::vector<const char*> by_group;
-  bool listed;
-};
-
-const std::map<std::string, ListNames> kListNames = {
-    {"DhcpdBind", {"", "DhcpStaticItem", "DhcpdBindCheckIpMac", {}, true}},
-    {"AC_DhcpdBind", {"AC_", "DhcpStaticItem", "AC_DhcpdBindCheckIpMac", {}, true}},
-    {"UserIpGroup", {"", "IpGroupItem", nullptr, {}, true}},
-    {"UserTimeGroup", {"", "TimeGroupItem", nullptr, {}, true}},
-    {"FireWall_IpPort", {"", "IpFilterItem", nullptr, {"ByIpGroupId", "ByTimeGroupId"}, true}},
-    {"ForwordIpPort", {"", "PortFwItem", nullptr, {}, true}},
-    {"FireWall_Mac", {"", "MacFilterItem", "FireWall_MacCheckMac", {"ByTimeGroupId"}, true}},
-    {"FireWall_Url", {"", "UrlFilterItem", "FireWall_UrlCheckUrl", {"ByTimeGroupId"}, true}},
-    {"QosRule", {"", "QosItem", nullptr, {"ByIpGroupId", "ByTimeGroupId"}, true}},
-    {"ClientsGroups", {"", "ClientsGroupsItem", "ClientsGroupsCheckName", {}, false}},
-    {"Clients", {"", "ClientsItem", "ClientsCheckMac", {}, false}},
-};
+/* Lists whose rules are deleted by a group, and lists that are not read. */
+const std::map<std::string, size_t> kDeletedByGroup = {
+    {"FireWall_IpPort", 2}, {"FireWall_Mac", 1}, {"FireWall_Url", 1}, {"QosRule", 2}};
+const std::set<std::string> kNotRead = {"ClientsGroups", "Clients"};
 
 class ListFaults : public FaultWorld, public testing::WithParamInterface<ListCalls> {
  protected:
@@ -441,7 +485,8 @@ TEST_P(ListFaults, ItemFunctions_LeaveWhatTheModelLeaves) {
 }
 
 TEST_P(ListFaults, DeletionByGroup_LeavesWhatTheModelLeaves) {
-  EXPECT_EQ(row.references.size(), kListNames.at(row.name).by_group.size());
+  const auto known = kDeletedByGroup.find(row.name);
+  EXPECT_EQ(row.references.size(), known == kDeletedByGroup.end() ? 0 : known->second);
   for (const ReferenceRow& reference : row.references) {
     const bool ip = reference.group == "ip";
     expect_every_fault_survived(
@@ -449,13 +494,15 @@ TEST_P(ListFaults, DeletionByGroup_LeavesWhatTheModelLeaves) {
         [&] {
           const Blocks all = others();
           if (row.name == "FireWall_IpPort") {
-            (ip ? DelIpFilterItemByIpGroupId : DelIpFilterItemByTimeGroupId)(all.ip_filters, 2);
+            (ip ? Noted<DelIpFilterItemByIpGroupId>::call
+                : Noted<DelIpFilterItemByTimeGroupId>::call)(all.ip_filters, 2);
           } else if (row.name == "QosRule") {
-            (ip ? DelQosItemByIpGroupId : DelQosItemByTimeGroupId)(all.qos_rules, 2);
+            (ip ? Noted<DelQosItemByIpGroupId>::call : Noted<DelQosItemByTimeGroupId>::call)(
+                all.qos_rules, 2);
           } else if (row.name == "FireWall_Mac") {
-            DelMacFilterItemByTimeGroupId(all.mac_filters, 2);
+            Noted<DelMacFilterItemByTimeGroupId>::call(all.mac_filters, 2);
           } else {
-            DelUrlFilterItemByTimeGroupId(all.url_filters, 2);
+            Noted<DelUrlFilterItemByTimeGroupId>::call(all.url_filters, 2);
           }
           return 0;
         },
@@ -467,13 +514,13 @@ TEST_P(ListFaults, DeletionByGroup_LeavesWhatTheModelLeaves) {
 }
 
 TEST_P(ListFaults, Reading_CallsNothingThatCouldFail) {
-  ASSERT_EQ(calls.get != nullptr, kListNames.at(row.name).listed);
+  ASSERT_EQ(calls.get != nullptr, kNotRead.count(row.name) == 0);
   if (calls.get == nullptr) return;
   Bytes one(row.item_size), list(row.list_size);
   expect_no_calls("get", [&] { calls.get(block(), 2, one.data()); });
   expect_no_calls("list", [&] { calls.get_list(block(), others(), list.data()); });
   if (row.name == "UserIpGroup") {
-    expect_no_calls("index", [&] { GetIpGroupIndex(others().ip_groups, 2); });
+    expect_no_calls("index", [&] { Noted<GetIpGroupIndex>::call(others().ip_groups, 2); });
   }
 }
 
@@ -654,59 +701,77 @@ class ApFaults : public FaultWorld {
   std::vector<Step> steps() {
     return {
         {"SC_Del_Ap_Info_by_Mac",
-         [&] { return SC_Del_Ap_Info_by_Mac(aps, kMac); },
+         [&] { return Noted<SC_Del_Ap_Info_by_Mac>::call(aps, kMac); },
          {"ManageApList"}},
         {"SC_Ap_Add_GroupInfo_by_Mac",
-         [&] { return SC_Ap_Add_GroupInfo_by_Mac(aps, info, 7, kMac); },
+         [&] { return Noted<SC_Ap_Add_GroupInfo_by_Mac>::call(aps, info, 7, kMac); },
          {"ManageApList"}},
         {"SC_Ap_Clean_GroupInfo_by_Mac",
-         [&] { return SC_Ap_Clean_GroupInfo_by_Mac(aps, kMac); },
+         [&] { return Noted<SC_Ap_Clean_GroupInfo_by_Mac>::call(aps, kMac); },
          {"ManageApList"}},
-        {"SC_Set_Ap_Info_Id2Zero", [&] { return SC_Set_Ap_Info_Id2Zero(aps); }, {"ManageApList"}},
+        {"SC_Set_Ap_Info_Id2Zero",
+         [&] { return Noted<SC_Set_Ap_Info_Id2Zero>::call(aps); },
+         {"ManageApList"}},
         {"SC_Del_ApUser_Info_by_Mac",
-         [&] { return SC_Del_ApUser_Info_by_Mac(users, kMac); },
+         [&] { return Noted<SC_Del_ApUser_Info_by_Mac>::call(users, kMac); },
          {"ApUserList"}},
         {"SC_Del_AP_Template_Info_By_Id",
-         [&] { return SC_Del_AP_Template_Info_By_Id(templates, 3); },
+         [&] { return Noted<SC_Del_AP_Template_Info_By_Id>::call(templates, 3); },
          {"ApTemplateList"}},
         /* Bound to the first template, which is unbound, and once more to the fourth, which has it. */
         {"SC_Add_Ap_Mac2Template_By_Id",
-         [&] { return SC_Add_Ap_Mac2Template_By_Id(templates, aps, 1, kMac); },
+         [&] { return Noted<SC_Add_Ap_Mac2Template_By_Id>::call(templates, aps, 1, kMac); },
          {"ApTemplateList", "ManageApList"}},
         {"SC_Add_Ap_Mac2Template_By_Id",
-         [&] { return SC_Add_Ap_Mac2Template_By_Id(templates, aps, 4, kMac); },
+         [&] { return Noted<SC_Add_Ap_Mac2Template_By_Id>::call(templates, aps, 4, kMac); },
          {"ApTemplateList", "ManageApList"}},
         {"SC_Del_Ap_Mac2Template_By_Id",
-         [&] { return SC_Del_Ap_Mac2Template_By_Id(templates, aps, 4, kMac); },
+         [&] { return Noted<SC_Del_Ap_Mac2Template_By_Id>::call(templates, aps, 4, kMac); },
          {"ApTemplateList", "ManageApList"}},
         /* Without locks. */
-        {"SC_Get_Ap_Info_By_Id", [&] { return SC_Get_Ap_Info_By_Id(aps, 4); }, {}},
-        {"SC_Get_Ap_Info_By_Mac", [&] { return SC_Get_Ap_Info_By_Mac(aps, kMac); }, {}},
-        {"SC_Get_Ap_Info_Blank", [&] { return SC_Get_Ap_Info_Blank(aps, &limits); }, {}},
-        {"SC_Get_Ap_Info_Count", [&] { return SC_Get_Ap_Info_Count(aps); }, {}},
-        {"SC_Get_Ap_Info_Count_Online", [&] { return SC_Get_Ap_Info_Count_Online(aps); }, {}},
-        {"SC_Get_Ap_Info_Count_Offline", [&] { return SC_Get_Ap_Info_Count_Offline(aps); }, {}},
+        {"SC_Get_Ap_Info_By_Id", [&] { return Noted<SC_Get_Ap_Info_By_Id>::call(aps, 4); }, {}},
+        {"SC_Get_Ap_Info_By_Mac",
+         [&] { return Noted<SC_Get_Ap_Info_By_Mac>::call(aps, kMac); },
+         {}},
+        {"SC_Get_Ap_Info_Blank",
+         [&] { return Noted<SC_Get_Ap_Info_Blank>::call(aps, &limits); },
+         {}},
+        {"SC_Get_Ap_Info_Count", [&] { return Noted<SC_Get_Ap_Info_Count>::call(aps); }, {}},
+        {"SC_Get_Ap_Info_Count_Online",
+         [&] { return Noted<SC_Get_Ap_Info_Count_Online>::call(aps); },
+         {}},
+        {"SC_Get_Ap_Info_Count_Offline",
+         [&] { return Noted<SC_Get_Ap_Info_Count_Offline>::call(aps); },
+         {}},
         {"SC_Get_Ap_Info_Count_And_Id",
-         [&] { return SC_Get_Ap_Info_Count_And_Id(positions, aps); },
+         [&] { return Noted<SC_Get_Ap_Info_Count_And_Id>::call(positions, aps); },
          {}},
         {"SC_CleanWtpFragBuffer",
          [&] {
-           SC_CleanWtpFragBuffer(aps);
+           Noted<SC_CleanWtpFragBuffer>::call(aps);
            return 0;
          },
          {}},
-        {"SC_Get_ApUser_Info_By_Id", [&] { return SC_Get_ApUser_Info_By_Id(users, 4); }, {}},
-        {"SC_Get_ApUser_Info_By_Mac", [&] { return SC_Get_ApUser_Info_By_Mac(users, kMac); }, {}},
-        {"SC_Get_ApUser_Info_Blank", [&] { return SC_Get_ApUser_Info_Blank(users); }, {}},
-        {"SC_Get_ApUser_Info_Count", [&] { return SC_Get_ApUser_Info_Count(users); }, {}},
+        {"SC_Get_ApUser_Info_By_Id",
+         [&] { return Noted<SC_Get_ApUser_Info_By_Id>::call(users, 4); },
+         {}},
+        {"SC_Get_ApUser_Info_By_Mac",
+         [&] { return Noted<SC_Get_ApUser_Info_By_Mac>::call(users, kMac); },
+         {}},
+        {"SC_Get_ApUser_Info_Blank",
+         [&] { return Noted<SC_Get_ApUser_Info_Blank>::call(users); },
+         {}},
+        {"SC_Get_ApUser_Info_Count",
+         [&] { return Noted<SC_Get_ApUser_Info_Count>::call(users); },
+         {}},
         {"SC_Get_AP_Template_Info_By_Id",
-         [&] { return SC_Get_AP_Template_Info_By_Id(templates, 4); },
+         [&] { return Noted<SC_Get_AP_Template_Info_By_Id>::call(templates, 4); },
          {}},
         {"SC_Get_AP_Template_Info_Blank",
-         [&] { return SC_Get_AP_Template_Info_Blank(templates); },
+         [&] { return Noted<SC_Get_AP_Template_Info_Blank>::call(templates); },
          {}},
         {"SC_Get_AP_Template_Info_Count",
-         [&] { return SC_Get_AP_Template_Info_Count(templates); },
+         [&] { return Noted<SC_Get_AP_Template_Info_Count>::call(templates); },
          {}},
     };
   }
@@ -839,6 +904,7 @@ TEST_P(AreaFaults, Get_ReturnsZeroWithoutASegmentAndEndsTheProcessWithoutAnAddre
         fault.is("shmget") ? Ending{7, kSilence} : Ending{1, {"", "shmat failed\n"}};
     EXPECT_EQ(run_in_child([&] {
                 Faults faults(fault.number);
+                Tried::begin(true);
                 _exit(area_.get() == 0 ? 7 : 8);
               }),
               expected);
@@ -1039,7 +1105,8 @@ TEST_F(DirectoryFaults, ASegmentThatIsNotFoundLeavesZeroAndOneWithoutAddressEnds
   for (const AreaCalls& area : all_areas()) ASSERT_EQ(area.init(0), 0);
   uint32_t slots[17];
   auto get = [&] {
-    return SC_Get_SysConfig(reinterpret_cast<SystemConfigDirectory*>(slots)) == slots[16];
+    return Noted<SC_Get_SysConfig>::call(reinterpret_cast<SystemConfigDirectory*>(slots)) ==
+           slots[16];
   };
   EXPECT_EQ(run(kNoFault, get).result, 1);
   EXPECT_EQ(std::count(slots, slots + 17, 0u), 0);
@@ -1049,6 +1116,7 @@ TEST_F(DirectoryFaults, ASegmentThatIsNotFoundLeavesZeroAndOneWithoutAddressEnds
       int status = 8;
       {
         Faults faults(fault.number);
+        Tried::begin(true);
         if (get()) status = 0;
       }
       /* Only the area whose segment was not found has none. */
@@ -1068,11 +1136,14 @@ using UtilityFaults = FaultWorld;
 
 TEST_F(UtilityFaults, ACommandThatCannotBeRun_IsReportedByItsResultAlone) {
   const std::function<int64_t()> steps[] = {
-      [] { return sc_do_system("echo x >%s", "/var/ran"); },
-      SC_Save_Dhcp_Clients,
-      SC_Save_Dhcp_Ap,
-      SC_Restore_Dhcp_Clients,
-      SC_Restore_Dhcp_Ap,
+      [] {
+        tell_of_call<sc_do_system>();
+        return sc_do_system("echo x >%s", "/var/ran");
+      },
+      Noted<SC_Save_Dhcp_Clients>::call,
+      Noted<SC_Save_Dhcp_Ap>::call,
+      Noted<SC_Restore_Dhcp_Clients>::call,
+      Noted<SC_Restore_Dhcp_Ap>::call,
   };
   for (const auto& step : steps) {
     const Seen seen = run({1, "system", 1}, step);
@@ -1085,7 +1156,7 @@ TEST_F(UtilityFaults, ACommandThatCannotBeRun_IsReportedByItsResultAlone) {
 TEST_F(UtilityFaults, ALockThatCannotBeTaken_ReturnsMinusOneWithItsErrno) {
   const int fd = open("/var/lock_store/file", O_RDWR | O_CREAT, 0644);
   const Seen seen = run({1, "fcntl", 1}, [&] {
-    const int result = sc_lock_reg(fd, F_SETLKW, F_WRLCK, 2, SEEK_SET, 1);
+    const int result = Noted<sc_lock_reg>::call(fd, F_SETLKW, F_WRLCK, 2, SEEK_SET, 1);
     return result < 0 ? -errno : result;
   });
   EXPECT_EQ(seen, (Seen{-error_of("fcntl"), kSilence, {}}));
@@ -1096,7 +1167,7 @@ TEST_F(UtilityFaults, ALockThatCannotBeTaken_ReturnsMinusOneWithItsErrno) {
 TEST_F(UtilityFaults, AnAddressBecomesTextWithoutACallThatCouldFail) {
   run(kNoFault, [&] {
     char text[16] = {};
-    return strcmp(sc_inet_ntoa(0x0100000a, text), "10.0.0.1");
+    return strcmp(Noted<sc_inet_ntoa>::call(0x0100000a, text), "10.0.0.1");
   });
   EXPECT_EQ(calls_, Lines{});
 }
@@ -1111,45 +1182,6 @@ TEST(EveryImport, FailsInTheTestsAboveOrHasAReasonNotTo) {
     if (fails) fail.insert(row.text("name"));
   }
   EXPECT_EQ(fail, failing_calls());
-}
-
-class EveryExport : public ApFaults {};
-
-TEST_F(EveryExport, IsRunUnderFaultsByATestAbove) {
-  std::set<std::string> run = {"SC_Get_SysConfig",
-                               "sc_do_system",
-                               "sc_lock_reg",
-                               "sc_inet_ntoa",
-                               "SC_Save_Dhcp_Clients",
-                               "SC_Save_Dhcp_Ap",
-                               "SC_Restore_Dhcp_Clients",
-                               "SC_Restore_Dhcp_Ap",
-                               "GetIpGroupIndex"};
-  for (const Step& step : steps()) run.insert(step.function);
-  for (const AreaCalls& area : all_areas()) {
-    const std::string name = area.name;
-    run.insert("SC_Get_" + name + "_System_Config");
-    run.insert("SC_Uninit_System_" + name + "_Config");
-    run.insert("SC_Init_System_" + name + "_Config");
-    if (area.read == nullptr) continue;
-    run.insert("SC_Read_System_" + name + "_Config");
-    run.insert("SC_Save_System_" + name + "_Config");
-    run.insert("SC_Save_System_" + name + "_Config2Flash");
-  }
-  for (const auto& [list, names] : kListNames) {
-    const std::string table = "SC_Operate_System_List_", item = names.item, prefix = names.prefix;
-    const bool ac = prefix == "AC_";
-    run.insert(table + list);
-    run.insert(table + (ac ? "AC_Get" + list.substr(3) : "Get" + list) + "_Blank");
-    if (names.check != nullptr) run.insert(table + names.check);
-    for (const char* verb : {"Add", "Modify", "Del", "DelAll"}) run.insert(prefix + verb + item);
-    for (const char* by : names.by_group) run.insert("Del" + item + by);
-    if (!names.listed) continue;
-    run.insert(prefix + "Get" + item);
-    run.insert(prefix + "Get" + item + "List");
-  }
-  const std::vector<std::string> exports = golden_lines("exports.txt");
-  EXPECT_EQ(run, std::set<std::string>(exports.begin(), exports.end()));
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 
 #include <type_traits>
 
+#include "support/called.h"
+
 namespace sc_test {
 
 /* Blocks, records and items as untyped pointers; everything else as it is. */
@@ -26,7 +28,9 @@ template <auto F>
 struct Erased;
 template <class Result, class... Args, Result (*F)(Args...)>
 struct Erased<F> {
-  static Result call(typename Untyped<Args>::type... args) { return F(static_cast<Args>(args)...); }
+  static Result call(typename Untyped<Args>::type... args) {
+    return Noted<F>::call(static_cast<Args>(args)...);
+  }
 };
 
 /* The areas that a listing or a delete of one list reaches besides its own. */
@@ -71,11 +75,11 @@ void plain_del(void* block, const Blocks&, char* ids) {
   Erased<F>::call(block, ids);
 }
 inline void ip_group_del(void* block, const Blocks& blocks, char* ids) {
-  DelIpGroupItem(static_cast<IpGroupBlock*>(block), blocks.ip_filters, blocks.qos_rules, ids);
+  Erased<DelIpGroupItem>::call(block, blocks.ip_filters, blocks.qos_rules, ids);
 }
 inline void time_group_del(void* block, const Blocks& blocks, char* ids) {
-  DelTimeGroupItem(static_cast<TimeGroupBlock*>(block), blocks.ip_filters, blocks.mac_filters,
-                   blocks.url_filters, blocks.qos_rules, ids);
+  Erased<DelTimeGroupItem>::call(block, blocks.ip_filters, blocks.mac_filters, blocks.url_filters,
+                                 blocks.qos_rules, ids);
 }
 
 // clang-format off

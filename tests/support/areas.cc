@@ -11,6 +11,7 @@
 
 #include <stdexcept>
 
+#include "support/called.h"
 #include "support/golden.h"
 
 namespace sc_test {
@@ -19,17 +20,21 @@ namespace {
 
 template <auto kFunction, class Block>
 auto untyped(void* block) {
-  return kFunction(static_cast<Block*>(block));
+  return Noted<kFunction>::call(static_cast<Block*>(block));
 }
 
-int init_ap_users(int) { return SC_Init_System_ApUserList_Config(); }
+int init_ap_users(int) { return Noted<SC_Init_System_ApUserList_Config>::call(); }
 
-#define AREA(name, Block)                                                                      \
-  {                                                                                            \
-#name, SC_Get_##name##_System_Config, SC_Uninit_System_##name##_Config,                    \
-        SC_Init_System_##name##_Config, untyped < SC_Read_System_##name##_Config, Block>,      \
-        SC_Save_System_##name##_Config, untyped < SC_Save_System_##name##_Config2Flash, Block> \
-  }
+// clang-format off
+#define AREA(name, Block)                                         \
+  {#name,                                                         \
+   Noted<SC_Get_##name##_System_Config>::call,                    \
+   Noted<SC_Uninit_System_##name##_Config>::call,                 \
+   Noted<SC_Init_System_##name##_Config>::call,                   \
+   untyped<SC_Read_System_##name##_Config, Block>,                \
+   Noted<SC_Save_System_##name##_Config>::call,                   \
+   untyped<SC_Save_System_##name##_Config2Flash, Block>}
+// clang-format on
 
 /* "offset:stride:count:first offset:stride:count:first" */
 std::vector<Span> spans(const std::string& text) {
@@ -61,8 +66,8 @@ const std::vector<AreaCalls>& all_areas() {
       AREA(FwUrl, FwUrlBlock),
       AREA(Qos, QosBlock),
       AREA(ManageApList, ManageApListBlock),
-      {"ApUserList", SC_Get_ApUserList_System_Config, SC_Uninit_System_ApUserList_Config,
-       init_ap_users, nullptr, nullptr, nullptr},
+      {"ApUserList", Noted<SC_Get_ApUserList_System_Config>::call,
+       Noted<SC_Uninit_System_ApUserList_Config>::call, init_ap_users, nullptr, nullptr, nullptr},
       AREA(ApTemplateList, ApTemplateListBlock),
       AREA(DefApTemplate, DefApTemplateBlock),
       AREA(Clients_Groups, ClientsGroupsBlock),
