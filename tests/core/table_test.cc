@@ -187,6 +187,28 @@ TEST_F(Table, AnAdd_ClashesAlsoWithAUsedRecordOfSlotZero) {
   EXPECT_EQ(operate(LIST_OP_ADD, 0, 0), 1);
 }
 
+TEST_F(Table, ARecordOfAnyNegativeSlotButMinusOne_IsUsedThoughNoListingShowsIt) {
+  for (const int32_t slot : {-2, INT32_MIN, INT32_MIN + 1}) {
+    SCOPED_TRACE(slot);
+    operate(LIST_OP_DEL_ALL, 0, 0);
+    add(0);
+    block_->lan_binds[0].slot_id = slot;
+    const DhcpBindRecord same = record(0);
+    EXPECT_EQ(SC_Operate_System_List_DhcpdBindCheckIpMac(block_, &same, 0xffffffff), 1);
+    EXPECT_EQ(operate(LIST_OP_ADD, 0, 0), 1);
+    EXPECT_EQ(operate(LIST_OP_MODIFY, 1, 0), 1);
+    /* The one of this slot word is the one to skip. */
+    EXPECT_EQ(
+        SC_Operate_System_List_DhcpdBindCheckIpMac(block_, &same, static_cast<uint32_t>(slot)), 0);
+    EXPECT_EQ(SC_Operate_System_List_GetDhcpdBind_Blank(block_), 1);
+    EXPECT_EQ(block_->lan_binds[0].slot_id, slot);
+    DhcpStaticItemList list;
+    GetDhcpStaticItemList(block_, &list);
+    ASSERT_EQ(list.count, 1u);
+    EXPECT_EQ(list.items[0].id, 2u);
+  }
+}
+
 TEST_F(Table, AClaimOnANullBlock_ReturnsMinusOneAndPrintsNothing) {
   int32_t result = 0;
   EXPECT_EQ(capture([&] { result = SC_Operate_System_List_GetDhcpdBind_Blank(nullptr); }),
@@ -195,12 +217,17 @@ TEST_F(Table, AClaimOnANullBlock_ReturnsMinusOneAndPrintsNothing) {
 }
 
 TEST_F(Table, AClaimThatLosesTheRaceForARecord_ReleasesItAndTakesTheNext) {
-  Journal journal;
-  journal.before("lock #1 2", [&] { block_->lan_binds[0].slot_id = 1; });
-  EXPECT_EQ(SC_Operate_System_List_GetDhcpdBind_Blank(block_), 1);
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 2",
-                                    "unlock #1 2", "lock #1 3", "unlock #1 3", "close #1"}));
-  EXPECT_EQ(block_->lan_binds[1].slot_id, 2);
+  for (const int32_t taken : {1, 0, -2, INT32_MIN}) {
+    SCOPED_TRACE(taken);
+    operate(LIST_OP_DEL_ALL, 0, 0);
+    Journal journal;
+    journal.before("lock #1 2", [&] { block_->lan_binds[0].slot_id = taken; });
+    EXPECT_EQ(SC_Operate_System_List_GetDhcpdBind_Blank(block_), 1);
+    EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 2",
+                                      "unlock #1 2", "lock #1 3", "unlock #1 3", "close #1"}));
+    EXPECT_EQ(block_->lan_binds[0].slot_id, taken);
+    EXPECT_EQ(block_->lan_binds[1].slot_id, 2);
+  }
 }
 
 /* ---- delete ---- */
