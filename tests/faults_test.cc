@@ -159,8 +159,8 @@ class Tried {
   static std::vector<AnyFunction> others;
 
   static bool has(AnyFunction called) {
-    const AnyFunction* end = list->at + list->count;
-    return std::find(list->at, end, called) != end;
+    const AnyFunction *begin = list->at, *end = begin + list->count;
+    return std::find(begin, end, called) != end;
   }
   static void note(AnyFunction called) {
     if (failing) return add(called);
