@@ -30,6 +30,19 @@ def sections(path):
     return found
 
 
+def visible(archive):
+    """The names that an archive defines for a program's other parts, and a library that is made of
+    it would export."""
+    found = set()
+    for line in output(["readelf", "--symbols", "--wide", archive]).splitlines():
+        # Num: Value Size Type Bind Vis Ndx Name; others of MIPS stand before the section.
+        match = re.match(r"\s*\d+: \S+\s+\S+\s+\S+\s+(?:GLOBAL|WEAK|UNIQUE)\s+(\S+)\s+"
+                         r"(?:\[.*\]\s+)?(\S+)\s+(\S+)", line)
+        if match and match[2] != "UND" and match[1] not in ("HIDDEN", "INTERNAL"):
+            found.add(match[3])
+    return found
+
+
 def check_library(suite, targets):
     golden = EXPORTS.read_text().split()
     suite.verdict(golden == sorted(set(golden)), "exports.txt is sorted, each name once")
@@ -54,6 +67,11 @@ def check_library(suite, targets):
         suite.verdict(needed <= imports, target + ": calls into the C library are listed",
                       "imports.csv lacks " + " ".join(sorted(needed - imports)))
         all_needed |= needed
+
+        shown = visible(archive)
+        wrong = sorted(shown.symmetric_difference(golden))
+        suite.verdict(not wrong, target + ": the static library hides all but the exports",
+                      "differs in " + " ".join(wrong))
 
         dynamic = output(["readelf", "--dynamic", library])
         needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)

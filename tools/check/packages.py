@@ -21,6 +21,10 @@ DEPENDS = {"libsysconfig1": "libc6 (>= 2.34)",
            "sysconfig-tools": "libsysconfig1 (= 1.0.0-1), libc6 (>= 2.34)"}
 
 
+# Of the ldconfig that dpkg runs once for all packages; programs find the library by its cache.
+TRIGGERS = {"libsysconfig1": ["activate-noawait ldconfig"]}
+
+
 def check_packages(suite, build, architecture):
     folder = LOGS / "packages" / architecture
     shutil.rmtree(folder, ignore_errors=True)
@@ -42,8 +46,19 @@ def check_packages(suite, build, architecture):
                   for field in ("Architecture", "Depends")]
         suite.verdict(fields == [architecture, DEPENDS[name]], "fields of " + path.name,
                       str(fields))
+        suite.verdict(triggers_of(path) == TRIGGERS.get(name, []), "triggers of " + path.name,
+                      str(triggers_of(path)))
         check_content(suite, path, architecture, {file for package, file in listed
                                                   if package == name})
+
+
+def triggers_of(path):
+    """The lines of a package's triggers, without comments."""
+    control = tarfile.open(fileobj=io.BytesIO(subprocess.run(
+        ["dpkg-deb", "--ctrl-tarfile", path], check=True, stdout=subprocess.PIPE).stdout))
+    return [line for member in control if member.name == "./triggers"
+            for line in control.extractfile(member).read().decode().splitlines()
+            if line and not line.startswith("#")]
 
 
 def check_content(suite, path, architecture, listed):

@@ -6,6 +6,7 @@ import json
 import os
 import re
 import shutil
+import subprocess
 import xml.etree.ElementTree
 
 import packages
@@ -164,8 +165,14 @@ def check_package(suite):
               check="found by CMake")
     suite.run(["cmake", "--build", consumer], check="builds by CMake")
     run_request(suite, [consumer / "typical_request"], "runs when built by CMake")
+    check_versions(suite, prefix, consumer)
 
     os.environ["PKG_CONFIG_PATH"] = str(next(prefix.glob("lib*/**/pkgconfig"), prefix))
+    told = [output(["pkg-config", word, "sysconfig"]).strip()
+            for word in ("--modversion", "--variable=prefix", "--variable=includedir")]
+    suite.verdict(told[0] == "1.0.0", "version of sysconfig.pc", told[0])
+    suite.verdict([os.path.realpath(path) for path in told[1:]] == [
+        str(prefix), str(prefix / "include")], "folders of sysconfig.pc", " ".join(told[1:]))
     flags = "-Wall -Wextra -Werror $(pkg-config --cflags --libs sysconfig)"
     program = consumer / "by_pkgconf"
     suite.run(["sh", "-c", "gcc tests/consumer/typical_request.c -o %s %s -Wl,-rpath,%s"
@@ -177,6 +184,22 @@ def check_package(suite):
     packages.check_packages(suite, plain, "amd64")
     packages.check_packages(suite, BUILD / "mipsel", "mipsel")
     recipes.check_recipes(suite, prefix)
+
+
+def check_versions(suite, prefix, consumer):
+    """A program gets the version that it asks for, a newer one of the same major, or none."""
+    for wanted, found in (("1.0", True), ("1.0.0", True), ("1.1", False), ("0.9", False),
+                          ("2.0", False)):
+        ended = subprocess.run(
+            ["cmake", "-S", "tests/consumer", "-B", consumer / ("wants-" + wanted),
+             "-DCMAKE_PREFIX_PATH=%s" % prefix, "-DSYSCONFIG_WANTED=" + wanted],
+            cwd=ROOT, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        suite.note(ended.stdout)
+        refused = re.search(r"considered but not accepted:\s+\S+/sysconfig-config.cmake, "
+                            r"version: 1\.0\.0\n", ended.stdout)
+        suite.verdict(ended.returncode == 0 if found else ended.returncode != 0 and refused,
+                      "version %s is %s" % (wanted, "found" if found else "refused"),
+                      "status %d" % ended.returncode)
 
 
 def check_small(suite):
