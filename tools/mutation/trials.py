@@ -142,8 +142,9 @@ class Reach:
 
     def __init__(self, tests, note=lambda text: None):
         self.tests = tests
-        self.lines = {}  # path -> {line: [places in order]}
-        self.order, self.seconds = [], {}
+        self.lines = {}  # path -> {line: [places of tests]}
+        self.seconds = {}
+        self.failed = []  # tests that may have been broken off before they reached what they reach
         folders = ["include", "core", "lan", "filter", "rules", "ap", "clients", "tests", "docs/man"]
         folders += sorted({path.parts[0] for path in tests.build.files_of(True)}) \
             if tests.of_tools else []
@@ -155,12 +156,13 @@ class Reach:
                 self.lines = {path: {int(line): reached for line, reached in lines.items()}
                               for path, lines in told["lines"].items()}
                 self.seconds = {test: took for test, took in zip(tests.tests, told["seconds"])}
+                self.failed = [Test(*test) for test in told["failed"]]
                 return
         self.find_out(note)
         KEPT.mkdir(parents=True, exist_ok=True)
         kept.write_text(json.dumps({
             "mark": self.mark, "tests": tests.tests, "lines": self.lines,
-            "seconds": [self.seconds[test] for test in tests.tests]}))
+            "seconds": [self.seconds[test] for test in tests.tests], "failed": self.failed}))
 
     def find_out(self, note):
         build = self.tests.build
@@ -188,15 +190,15 @@ class Reach:
                 failed = self.tests.run([test], folder, 1000, {"SC_REACHED": str(told)})
                 self.seconds[test] = time.monotonic() - start
                 if failed:
-                    note("%s fails where what is run is noted, and counts as reaching every line"
-                         % shown(test))
+                    note("%s fails where what is run is noted" % shown(test))
+                    self.failed.append(test)
                 place = self.tests.tests.index(test)
                 for number, program in enumerate(programs):
                     hits = (told / str(number)).read_bytes()
                     for block, lines in blocks[program].items():
                         for path, line in lines:
                             reached = self.lines.setdefault(path, {}).setdefault(line, [])
-                            if (failed or hits[block]) and place not in reached:
+                            if hits[block] and place not in reached:
                                 reached.append(place)
 
     def make(self, base, number, program, to):
@@ -217,13 +219,13 @@ class Reach:
             raise RuntimeError(done.stderr.decode())
 
     def of(self, path, lines):
-        """The tests that reach one of these lines, or None where none of them is run by anybody
-        because it is no code."""
+        """The tests that reach one of these lines, and those that failed too early to tell; None
+        where no line is code."""
         known = self.lines.get(str(path), {})
         reached = [known[line] for line in lines if line in known]
         if not reached:
             return None
-        return {self.tests.tests[place] for places in reached for place in places}
+        return {self.tests.tests[place] for places in reached for place in places} | set(self.failed)
 
     def figure(self):
         """Lines that are reached, all lines, and those that are not."""
