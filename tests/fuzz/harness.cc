@@ -16,6 +16,9 @@
 
 #include "support/areas.h"
 
+/* Of the sanitizers, where there are some. */
+extern "C" __attribute__((weak)) void __sanitizer_set_report_fd(void* fd);
+
 namespace sc_fuzz {
 
 using namespace sc_test;
@@ -26,15 +29,16 @@ namespace {
 
 bool running = false; /* the interposed calls are the library's */
 int nowhere = -1;
+int report = STDERR_FILENO;
 
 }  // namespace
 
 void found(const char* format, ...) {
   va_list values;
   va_start(values, format);
-  fputs("FOUND: ", stderr);
-  vfprintf(stderr, format, values);
-  fputc('\n', stderr);
+  dprintf(report, "FOUND: ");
+  vdprintf(report, format, values);
+  dprintf(report, "\n");
   va_end(values);
   abort();
 }
@@ -324,20 +328,47 @@ void confine(const char* but_this_folder) {
   set_up();
 }
 
+/* What is printed goes nowhere, but for what the sanitizers report. */
+class Silence {
+ public:
+  Silence() {
+    fflush(stdout);
+    for (int n = 0; n < 2; ++n) {
+      kept_[n] = dup(n + 1);
+      dup2(nowhere, n + 1);
+    }
+    report_to(kept_[1]);
+  }
+  ~Silence() {
+    fflush(stdout);
+    for (int n = 0; n < 2; ++n) {
+      dup2(kept_[n], n + 1);
+      close(kept_[n]);
+    }
+    report_to(STDERR_FILENO);
+  }
+  Silence(const Silence&) = delete;
+  Silence& operator=(const Silence&) = delete;
+
+ private:
+  static void report_to(int fd) {
+    report = fd;
+    if (__sanitizer_set_report_fd != nullptr) {
+      __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<intptr_t>(fd)));
+    }
+  }
+  int kept_[2];
+};
+
 void run(const char* harness, const uint8_t* bytes, size_t size) {
   for (const Harness& known : kHarnesses) {
     if (strcmp(known.name, harness) != 0) continue;
     Source source(bytes, size);
-    fflush(stdout);
-    const int kept = dup(STDOUT_FILENO);
-    dup2(nowhere, STDOUT_FILENO);
+    const Silence silence;
     running = true;
     on_command = [](const char*) { return 0; };
     known.run(source);
     running = false;
-    fflush(stdout);
-    dup2(kept, STDOUT_FILENO);
-    close(kept);
     return;
   }
   found("no harness %s", harness);

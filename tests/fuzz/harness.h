@@ -1,5 +1,5 @@
 /* Hostile bytes: what the harnesses share. A harness turns any bytes into blocks, items, index
- * lists or archives and calls the functions that read them. libFuzzer drives it (libfuzzer.cc) or
+ * lists, archives, or what scctl reads, and calls the functions that read them. libFuzzer drives it (libfuzzer.cc) or
  * the committed inputs do (replay_test.cc). A harness ends the process at what it finds, and the
  * sanitizers do the same.
  *
@@ -149,11 +149,21 @@ void run_block(Source& source);
 void run_item(Source& source);
 void run_index_list(Source& source);
 void run_archive(Source& source);
+void run_scctl_block(Source& source);
+void run_scctl_import(Source& source);
+void run_scctl_batch(Source& source);
+void run_scctl_value(Source& source);
 
-inline constexpr Harness kHarnesses[] = {{"block", run_block},
-                                         {"item", run_item},
-                                         {"index_list", run_index_list},
-                                         {"archive", run_archive}};
+inline constexpr Harness kHarnesses[] = {
+    {"block", run_block},
+    {"item", run_item},
+    {"index_list", run_index_list},
+    {"archive", run_archive},
+    {"scctl_block", run_scctl_block},
+    {"scctl_import", run_scctl_import},
+    {"scctl_batch", run_scctl_batch},
+    {"scctl_value", run_scctl_value},
+};
 
 /* Runs the harness of this name on an input. */
 void run(const char* harness, const uint8_t* bytes, size_t size);

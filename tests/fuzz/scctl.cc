@@ -1,0 +1,204 @@
+/* Hostile bytes for scctl, whose commands are run as functions: whole corrupt blocks under every
+ * command that looks, live and as images; any text as the file of an import, as a batch and as
+ * values. The blocks are segments in a world of their own. */
+#include <sched.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <vector>
+
+#include "fuzz/harness.h"
+#include "scctl/commands.h"
+#include "scctl/value.h"
+#include "support/areas.h"
+
+namespace sc_fuzz {
+
+namespace {
+
+using namespace sc_test;
+using Words = std::vector<std::string>;
+
+constexpr char kInput[] = "/var/empty/input";
+constexpr char kImage[] = "/var/empty/image.cfg";
+
+/* The live segments, made by the first input. */
+uint8_t* live(const std::string& area) {
+  static std::map<std::string, uint8_t*> blocks;
+  if (blocks.empty()) {
+    if (unshare(CLONE_NEWIPC) < 0) found("no IPC namespace");
+    for (const AreaCalls& calls : all_areas()) {
+      if (calls.init(0) != 0) found("%s cannot be made", calls.name);
+      blocks[calls.name] = block_at(calls.get());
+    }
+  }
+  return blocks.at(area);
+}
+
+void start_all() {
+  for (const AreaFacts& facts : golden_areas()) {
+    memcpy(live(facts.name), started(facts.name).data(), facts.size);
+  }
+}
+
+void write_file(const char* path, const void* bytes, size_t size) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file.write(static_cast<const char*>(bytes), static_cast<std::streamsize>(size));
+  file.close();
+  if (!file) found("%s cannot be written", path);
+}
+
+/* Ends well or says why not, by one of its exit statuses. */
+int run_command(const Words& words) {
+  std::vector<std::vector<char>> copies;
+  std::vector<char*> pointers;
+  for (const std::string& word : words) {
+    copies.emplace_back(word.c_str(), word.c_str() + word.size() + 1);
+  }
+  for (std::vector<char>& copy : copies) pointers.push_back(copy.data());
+  pointers.push_back(nullptr);
+  const int status = scctl::run_words(static_cast<int>(words.size()), pointers.data());
+  if (status < scctl::kOk || status > scctl::kNoArea) found("%s: %d", words[0].c_str(), status);
+  return status;
+}
+
+const scctl::Table& any_table(Source& source, const std::string& area) {
+  std::vector<const scctl::Table*> tables;
+  for (const scctl::Table& table : scctl::kTables) {
+    if (area.empty() || scctl::kAreas[table.area].name == area) tables.push_back(&table);
+  }
+  if (tables.empty()) return scctl::kTables[0];
+  return *tables[source.below(static_cast<uint32_t>(tables.size()))];
+}
+
+/* A value as it stands in the block, so that some record is found by it. */
+std::string value_of(const scctl::Table& table, const scctl::Field& field, const uint8_t* record) {
+  scctl::Text text;
+  scctl::format(field, record, &text);
+  return table.begin() == &field ? text.c_str() : "x";
+}
+
+void look(Source& source, const std::string& area, const uint8_t* block, bool as_image) {
+  const scctl::Table& table = any_table(source, area);
+  const std::string name = table.name;
+  const uint32_t id = 1 + source.below(table.capacity);
+  const scctl::Field& field = table.fields[source.below(table.field_count)];
+  const std::string of_field = std::string(".") + field.name;
+  const bool of_area = scctl::kAreas[table.area].name == area;
+  const uint8_t* record = block + table.at + (id - 1) * table.stride;
+  const std::string sought = of_area ? value_of(table, field, record) : "1";
+
+  std::vector<Words> commands = {
+      {"list", name},
+      {"list", name, "--json"},
+      {"list", name, "--commands"},
+      {"get", name + "/" + std::to_string(id)},
+      {"get", name + "/" + std::to_string(id), "--json"},
+      {"get", name + "/" + std::to_string(id) + of_field},
+      {"find", name, std::string(field.name) + "=" + sought},
+      {"dump", area},
+      {"check", area},
+      {"export", area},
+  };
+  if (as_image) {
+    for (Words& words : commands) words.insert(words.end(), {"--image", kImage});
+    commands.push_back({"diff", kImage, "live"});
+    commands.push_back({"check", "--image", kImage});
+  } else {
+    commands.push_back({"areas"});
+    commands.push_back({"locks"});
+    commands.push_back({"check", "--json"});
+    commands.push_back({"repair", area, "--dry-run"});
+  }
+  for (int times = 0; times < 3; ++times) {
+    run_command(commands[source.below(static_cast<uint32_t>(commands.size()))]);
+  }
+}
+
+}  // namespace
+
+void run_scctl_block(Source& source) {
+  const AreaFacts& facts =
+      golden_areas()[source.below(static_cast<uint32_t>(golden_areas().size()))];
+  start_all();
+  const bool as_image = source.byte() % 2 == 0;
+  const Bytes& block = hostile_block(source, facts.name);
+  if (as_image) {
+    write_file(kImage, block.data(), block.size());
+  } else {
+    memcpy(live(facts.name), block.data(), block.size());
+  }
+  look(source, facts.name, block.data(), as_image);
+}
+
+void run_scctl_import(Source& source) {
+  start_all();
+  const uint8_t kind = source.byte();
+  const Bytes text = source.rest();
+  write_file(kInput, text.data(), text.size());
+  Words words = {"import", kInput};
+  if (kind % 2 == 0) words.push_back("--dry-run");
+  if (run_command(words) != scctl::kOk || kind % 2 == 0) return;
+  /* What was imported once is there. */
+  std::map<std::string, Bytes> before;
+  for (const AreaFacts& facts : golden_areas()) {
+    before[facts.name] = Bytes(live(facts.name), live(facts.name) + facts.size);
+  }
+  if (run_command(words) != scctl::kOk) found("a second import is refused");
+  for (const auto& [area, bytes] : before) {
+    if (memcmp(live(area), bytes.data(), bytes.size()) != 0)
+      found("a second import changed %s", area.c_str());
+  }
+}
+
+void run_scctl_batch(Source& source) {
+  const Bytes bytes = source.rest();
+  const std::string text(bytes.begin(), bytes.end());
+  /* What would not end, would start programs, or would look at the machine. */
+  for (const char* refused : {"watch", "in-place", "exec", "archive", "save", "restore", "remove",
+                              "dev", "proc", "sys", "diff", "import"}) {
+    if (text.find(refused) != std::string::npos) return;
+  }
+  start_all();
+  write_file(kInput, text.data(), text.size());
+  run_command({"batch", kInput});
+}
+
+void run_scctl_value(Source& source) {
+  const scctl::Table& table = any_table(source, "");
+  const scctl::Field& field = table.fields[source.below(table.field_count)];
+  Exact record(Bytes(table.stride, 0)), again(Bytes(table.stride, 0));
+  const bool typed = source.byte() % 2 == 0;
+  Bytes bytes = source.rest();
+  const size_t length = bytes.size();
+  bytes.push_back(0); /* texts have an end, and may have zeros before it */
+  Exact text(bytes);
+  const auto parse = [&](const char* from, size_t size, scctl::Origin origin, Exact& to) {
+    return scctl::parse(table, field, from, size, origin, to.data());
+  };
+  const int status = parse(text.as<char>(), length,
+                           typed ? scctl::Origin::kTyped : scctl::Origin::kCopied, record);
+  if (status != scctl::kOk && status != scctl::kRefused) found("status %d", status);
+  /* What stands behind a text's first zero is not shown. */
+  if (status == scctl::kOk && strlen(text.as<char>()) == length) {
+    scctl::Text shown;
+    scctl::format(field, record.data(), &shown);
+    if (parse(shown.c_str(), shown.size(), scctl::Origin::kCopied, again) != scctl::kOk) {
+      found("%s.%s: what is shown is refused", table.name, field.name);
+    }
+    if (!scctl::equal(field, record.data(), again.data())) {
+      found("%s.%s: what is shown is another value", table.name, field.name);
+    }
+  }
+  /* The text as the record's own bytes, to be shown in every way. */
+  const size_t size = std::min<size_t>(length, field.size);
+  memcpy(record.data() + field.record_at, text.data(), size);
+  scctl::Text shown;
+  scctl::format(field, record.data(), &shown);
+  scctl::format_visible(field, record.data(), &shown);
+  scctl::format_quoted(field, record.data(), &shown);
+  scctl::format_json(field, record.data(), true, &shown);
+  scctl::format_json(field, record.data(), false, &shown);
+}
+
+}  // namespace sc_fuzz
