@@ -1,4 +1,5 @@
-"""Sizes of the MIPS libraries beside their baseline: the report, the check, and a new baseline."""
+"""Sizes of the library and the tools on MIPS beside their baseline: the report, the check, and a new
+baseline."""
 
 import collections
 import csv
@@ -23,12 +24,18 @@ GROWTH_BYTES = 16
 
 # A row of the baseline is a target, one of these parts, a name, and bytes:
 #   section   of the library, as far as it is loaded
-#   stripped  the library's file without what "strip" removes
+#   stripped  the file of the library, or of a tool, without what "strip" removes
 #   file      code and constants of a source
 #   function  code of a function, "file name"; names of constants are as symbols have them
 #   frame     what a function takes from the stack
-# The sections, the stripped file and the largest frame are held to the limits; the others tell where.
-LIMITED = ("section", "stripped")
+#   largest   the largest frame of a tool, whose functions stand in no row
+# Sections, stripped files and largest frames are held to the limits; the others tell where.
+LIMITED = ("section", "stripped", "largest")
+
+# What the tools may take of a flash, whatever the baseline says.
+TOOLS = {"scctl": 140 * 1024, "scguard": 16 * 1024}
+# Where the parts lie that both are made of.
+PARTS = "store"
 
 
 def measure():
@@ -38,9 +45,13 @@ def measure():
         for section in sections(library):
             if section.allocated and section.size:
                 sizes[target, "section", section.name] = section.size
-        with tempfile.NamedTemporaryFile() as stripped:
-            output(["mipsel-linux-gnu-strip", "-o", stripped.name, library])
-            sizes[target, "stripped", library.name] = pathlib.Path(stripped.name).stat().st_size
+        sizes[target, "stripped", library.name] = stripped_size(library)
+        for tool in TOOLS:
+            found = [path for path in (BUILD / target).glob("*/" + tool) if path.is_file()]
+            if len(found) != 1:
+                raise RuntimeError("%s of %s is not built" % (tool, target))
+            sizes[target, "stripped", tool] = stripped_size(found[0])
+            sizes[target, "largest", tool] = largest_frame_of(tool, BUILD / target)
     for source, compiled in objects(DETAILED_TARGET):
         of_file = [s.size for s in sections(compiled)
                    if re.match(r"\.(text|rodata)(\.|$)", s.name)]
@@ -49,6 +60,18 @@ def measure():
             for name, size in names.items():
                 sizes[DETAILED_TARGET, part, "%s %s" % (source, name)] = size
     return sizes
+
+
+def stripped_size(program):
+    with tempfile.NamedTemporaryFile() as stripped:
+        output(["mipsel-linux-gnu-strip", "-o", stripped.name, program])
+        return pathlib.Path(stripped.name).stat().st_size
+
+
+def largest_frame_of(tool, build):
+    notes = [*build.glob("*/CMakeFiles/%s.dir/**/*.su" % tool), *(build / PARTS).glob("**/*.su")]
+    return max(int(line.split("\t")[1]) for note in notes
+               for line in note.read_text().splitlines())
 
 
 def objects(target):
@@ -137,7 +160,13 @@ def check_sizes(suite):
             within(" ".join(key), measured.get(key, 0), baseline.get(key, 0), GROWTH_BYTES)
     for target in SIZED_TARGETS:
         within(target + " in all", total(measured, target), total(baseline, target), 0)
+        for tool, limit in TOOLS.items():
+            size = measured[target, "stripped", tool]
+            suite.verdict(size <= limit, "%s of %s: %d bytes, at most %d" % (tool, target, size, limit))
     within("largest frame", largest_frame(measured)[0], largest_frame(baseline)[0], 0)
+
+
+NAMED = {"stripped": "%s, stripped", "largest": "%s, largest frame"}
 
 
 def report():
@@ -155,8 +184,7 @@ def report():
         for part in LIMITED:
             keys = {key for key in baseline.keys() | measured.keys() if key[:2] == (target, part)}
             for key in sorted(keys, key=lambda key: -measured.get(key, 0)):
-                line({"stripped": "file, stripped"}.get(part, key[2]),
-                     measured.get(key, 0), baseline.get(key, 0))
+                line(NAMED.get(part, "%s") % key[2], measured.get(key, 0), baseline.get(key, 0))
             if part == "section":
                 line("in all", total(measured, target), total(baseline, target))
         print()
