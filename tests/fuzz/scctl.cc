@@ -195,8 +195,9 @@ void run_scctl_value(Source& source) {
   memcpy(record.data() + field.record_at, text.data(), size);
   scctl::Text shown;
   scctl::format(field, record.data(), &shown);
-  scctl::format_visible(field, record.data(), &shown);
-  scctl::format_quoted(field, record.data(), &shown);
+  scctl::format_shown(field, record.data(), &shown);
+  scctl::format_part(field, record.data(), true, &shown);
+  scctl::format_assignment(field, record.data(), true, &shown);
   scctl::format_json(field, record.data(), true, &shown);
   scctl::format_json(field, record.data(), false, &shown);
 }
