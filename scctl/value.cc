@@ -155,10 +155,7 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
         return refuse("MAC address, such as 00:11:22:33:44:55");
       }
       [[fallthrough]];
-    case Kind::kText:
-      memset(to, 0, field.size);
-      memcpy(to, text, size);
-      return kOk;
+    case Kind::kText: memcpy(to, text, size); return kOk;
     case Kind::kAddress: {
       in_addr address;
       if (strlen(text) != size || inet_pton(AF_INET, text, &address) != 1) {
@@ -173,10 +170,8 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
       memcpy(to, mac, sizeof mac);
       return kOk;
     }
-    case Kind::kBytes: {
-      memset(to, 0, field.size);
+    case Kind::kBytes:
       return parse_hex(text, size, to) ? kOk : refuse("row of hex digits, two for a byte");
-    }
     case Kind::kSigned:
     case Kind::kUnsigned: break;
   }
@@ -192,7 +187,6 @@ int parse_text_bytes(const Table& table, const Field& field, const char* hex, ui
     return fail(kRefused, "%s.%s: %zu digits, at most %u fit", table.name, field.name, digits,
                 2u * field.size);
   }
-  memset(record + field.record_at, 0, field.size);
   if (parse_hex(hex, digits, record + field.record_at)) return kOk;
   return fail(kRefused, "%s.%s: '%s' is no row of hex digits, two for a byte", table.name,
               field.name, hex);

@@ -12,12 +12,12 @@ namespace scctl {
 /* Typed by a person, or copied from a store, whose texts are taken as they are. */
 enum class Origin : uint8_t { kTyped, kCopied };
 
-/* Writes the value into the record, or says what is wrong with it and returns kRefused. The text is
- * terminated. */
+/* Writes the value into the record, whose field is zero yet, or says what is wrong with it and
+ * returns kRefused. The text is terminated. */
 int parse(const Table& table, const Field& field, const char* text, size_t size, Origin origin,
           uint8_t* record);
 
-/* FIELD:hex=HEX: the bytes of a text, unchecked, zeros behind them. */
+/* FIELD:hex=HEX: the same for the bytes of a text, unchecked. */
 int parse_text_bytes(const Table& table, const Field& field, const char* hex, uint8_t* record);
 
 inline bool is_text(const Field& field) {

@@ -278,14 +278,17 @@ TEST_F(CommandsTest, EverySpellingOfAMacIsKeptBesideTheOthers) {
       block.use(n);
       block.set(n, table.fields[0], kSpellings[n]);
       block.set(n, table.fields[1], std::string(1, static_cast<char>(n + 1)));
+      block.set(n, table.fields[3], "x");
     }
   }
-  EXPECT_EQ(scctl_run({"list", "lan_binds", "--commands"}),
-            (Outcome{0,
-                     "scctl add lan_binds/1 mac=00:11:22:33:44:aa ip=1.0.0.0\n"
-                     "scctl add lan_binds/2 mac:hex=30302d31312d32322d33332d34342d6161 ip=2.0.0.0\n"
-                     "scctl add lan_binds/3 mac:hex=303031313232333334343535 ip=3.0.0.0\n",
-                     ""}));
+  EXPECT_EQ(
+      scctl_run({"list", "lan_binds", "--commands"}),
+      (Outcome{
+          0,
+          "scctl add lan_binds/1 mac=00:11:22:33:44:aa ip=1.0.0.0 name=x\n"
+          "scctl add lan_binds/2 mac:hex=30302d31312d32322d33332d34342d6161 ip=2.0.0.0 name=x\n"
+          "scctl add lan_binds/3 mac:hex=303031313232333334343535 ip=3.0.0.0 name=x\n",
+          ""}));
 }
 
 TEST_F(CommandsTest, AMessage_IsOneHarmlessLineHoweverLongItsWordsAre) {
