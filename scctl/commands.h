@@ -86,10 +86,11 @@ int save_area(Call& call, AreaId id);
 
 void print_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
                        Text* to);
-/* The fields in which two records differ, a line each behind the prefix. */
+/* The fields in which two records differ, a line each behind the prefix; a line for a record that
+ * came or went, whose other is null. True when there are any. */
 bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,
                    const uint8_t* is);
-/* Records that came, went or differ, a line each; true when there are any. */
+/* The same for all records of a table. */
 bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is);
 
 int run_tables(Call&);

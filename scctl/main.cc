@@ -120,8 +120,9 @@ constexpr Command kCommands[] = {
    "program.\n",
    kJson, 0, 0, run_locks},
   {"watch", "[AREA...]", "print each change as it happens",
-   "By the notification socket when no daemon has it, else once a second. The\n"
-   "command of --exec is run with the area's name as $1. Ends on SIGINT,\n"
+   "At once when the writer used the area's lock file, as programs do; else, and\n"
+   "when an area is loaded, within 5 s. Takes no lock, so no writer waits for it.\n"
+   "The command of --exec is run with the area's name as $1. Ends on SIGINT,\n"
    "SIGTERM and SIGHUP.\n",
    kExec | kCount, 0, -1, run_watch},
   {"completion", "", "print the completion for bash",

@@ -59,8 +59,8 @@ constexpr int kLockTries = 1000; /* a millisecond apart */
 constexpr int kReadTries = 1000;
 constexpr timespec kPause = {0, 1000000};
 
-bool lock_shared(int file, uint32_t lock_index, int tries) {
-  while (sc_lock_reg(file, F_SETLK, F_RDLCK, static_cast<off_t>(lock_index), SEEK_SET, 1) != 0) {
+bool lock_shared(int file, int32_t lock_index, int tries) {
+  while (sc_lock_reg(file, F_SETLK, F_RDLCK, lock_index, SEEK_SET, 1) != 0) {
     if (--tries <= 0 || (errno != EAGAIN && errno != EACCES)) return false;
     nanosleep(&kPause, nullptr);
   }
@@ -233,9 +233,14 @@ bool is_used(const Table& table, const uint8_t* record) {
   return is_section(table) || load_word(record + table.id_at) != table.free;
 }
 
+int32_t named_lock(const Table& table, const uint8_t* block, uint32_t position) {
+  if (table.lock_at < 0) return load_word(block + kAreas[table.area].facts().header.index_at);
+  return load_word(block + table.at + position * table.stride + table.lock_at);
+}
+
 Reader::Reader(Source& source, const Table& table, int field_count)
     : table_(table),
-      records_(source.block(table.area) + table.at),
+      block_(source.block(table.area)),
       field_count_(field_count),
       tries_(kLockTries) {
   /* To close a lock file that an edit has open would let go what it holds. */
@@ -275,12 +280,12 @@ void Reader::copy_until_equal(uint8_t* to, const uint8_t* from) const {
 }
 
 bool Reader::copy(uint32_t position, uint8_t* to) {
-  const uint8_t* from = records_ + position * table_.stride;
+  const uint8_t* from = block_ + table_.at + position * table_.stride;
   if (!is_used(table_, from)) return false;
-  const uint32_t byte = lock_index_of(table_, position);
+  const int32_t byte = named_lock(table_, block_, position);
   if (lock_ >= 0 && lock_shared(lock_, byte, tries_)) {
     copy_parts(to, from);
-    sc_lock_reg(lock_, F_SETLK, F_UNLCK, static_cast<off_t>(byte), SEEK_SET, 1);
+    sc_lock_reg(lock_, F_SETLK, F_UNLCK, byte, SEEK_SET, 1);
   } else {
     tries_ = 1; /* whoever holds it may hold others: one wait is enough */
     copy_until_equal(to, from);

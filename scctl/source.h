@@ -100,7 +100,7 @@ class Reader {
   void copy_until_equal(uint8_t* to, const uint8_t* from) const;
 
   const Table& table_;
-  const uint8_t* records_;
+  const uint8_t* block_;
   int field_count_;
   int lock_ = -1;
   int tries_;
@@ -144,6 +144,9 @@ class Snapshot {
 
 /* How the record's own id word reads: used, free, or neither. */
 bool is_used(const Table& table, const uint8_t* record);
+
+/* The byte of the lock file that all programs lock for a record: the one that its block names. */
+int32_t named_lock(const Table& table, const uint8_t* block, uint32_t position);
 
 }  // namespace scctl
 

@@ -167,8 +167,31 @@ int run_import(Call& call) {
 
 /* ---- diff ---- */
 
+namespace {
+
+void print_presence(const char* prefix, const Table& table, uint32_t id, const char* what,
+                    const uint8_t* record) {
+  Text line;
+  for (const Field& field : table) {
+    if (filled(field, record) == 0) continue;
+    line.print(" %s=", field.name);
+    if (field.kind == Kind::kBytes)
+      line.print("(%zu bytes)", filled(field, record));
+    else
+      format_part(field, record, false, &line);
+  }
+  printf("%s%s/%u: %s%s\n", prefix, table.name, id, what, line.c_str());
+}
+
+}  // namespace
+
 bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,
                    const uint8_t* is) {
+  if (was == nullptr || is == nullptr) {
+    if (was != nullptr) print_presence(prefix, table, id, "deleted", was);
+    if (is != nullptr) print_presence(prefix, table, id, "added", is);
+    return was != is;
+  }
   bool any = false;
   for (const Field& field : table) {
     if (equal(field, was, is)) continue;
@@ -204,24 +227,9 @@ bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) 
   const Table& table = was.table();
   bool any = false;
   for (uint32_t position = 0; position < table.capacity; ++position) {
-    if (was.used(position) && is.used(position)) {
-      any |= print_changes(prefix, table, position + 1, was.record(position), is.record(position));
-      continue;
-    }
-    if (was.used(position) == is.used(position)) continue;
-    any = true;
-    const Snapshot& there = was.used(position) ? was : is;
-    Text line;
-    for (const Field& field : table) {
-      if (filled(field, there.record(position)) == 0) continue;
-      line.print(" %s=", field.name);
-      if (field.kind == Kind::kBytes)
-        line.print("(%zu bytes)", filled(field, there.record(position)));
-      else
-        format_part(field, there.record(position), false, &line);
-    }
-    printf("%s%s/%u: %s%s\n", prefix, table.name, position + 1,
-           was.used(position) ? "deleted" : "added", line.c_str());
+    any |= print_changes(prefix, table, position + 1,
+                         was.used(position) ? was.record(position) : nullptr,
+                         is.used(position) ? is.record(position) : nullptr);
   }
   return any;
 }
