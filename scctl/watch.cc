@@ -158,8 +158,7 @@ class Events {
         continue;
       }
       Watched& area = areas[n];
-      if ((event.mask & IN_MODIFY) != 0 && area.not_before <= now)
-        area.not_before = now + kMakingMs;
+      if ((event.mask & IN_MODIFY) != 0) area.not_before = now + kMakingMs;
       area.look_at(now);
     }
   }

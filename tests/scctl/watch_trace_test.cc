@@ -40,12 +40,16 @@ bool is_open_of_lock_file(const SystemCall& call) {
 TEST_F(TraceWatchTest, ItHasNoSocketAndTakesNoLock) {
   std::map<long, size_t> count;
   size_t waits = 0, opens = 0, questions = 0;
+  bool is_default = false;
   const Outcome outcome = trace(scctl({"watch", "Lan"}), [&](const SystemCall& call) {
     if (call.is_done) return Fate{};
     ++count[call.call];
     if (is_open_of_lock_file(call)) {
       ++opens;
       EXPECT_EQ(call.arguments[call.call == SYS_openat ? 2 : 1] & O_ACCMODE, uint64_t{O_RDONLY});
+    }
+    if (call.call == SYS_rt_sigaction && call.arguments[0] == SIGCHLD && call.arguments[1] != 0) {
+      is_default = call.bytes(1, 8) == std::string(8, '\0'); /* SIG_DFL, whatever it was */
     }
     if (call.call == SYS_fcntl && call.file(0).starts_with("/var/lock_store/")) {
       ++questions;
@@ -65,6 +69,7 @@ TEST_F(TraceWatchTest, ItHasNoSocketAndTakesNoLock) {
   });
   EXPECT_EQ(outcome.status, 0);
   EXPECT_NE(outcome.out.find("lan_binds/1.flag: 2 -> 3\n"), std::string::npos) << outcome.out;
+  EXPECT_TRUE(is_default);
   EXPECT_GE(opens, 3u);
   EXPECT_GE(questions, 3u);
   for (const long number : {SYS_socket, SYS_connect, SYS_bind, SYS_listen, SYS_accept, SYS_accept4,
