@@ -213,11 +213,30 @@ TEST_F(InPlaceTest, AnIgnoredSignal_StaysIgnored) {
   EXPECT_EQ(kind_of(read_file(kImage)), "new");
 }
 
-TEST_F(InPlaceTest, WhenChildrenAreIgnoredByTheCaller_TheEditIsStillWaitedFor) {
-  Words command = {"sh", "-c", "trap '' CHLD; exec \"$@\"", "sh"};
-  for (const std::string& word : edit()) command.push_back(word);
-  EXPECT_EQ(run(command), (Outcome{0, "", ""}));
+TEST_F(InPlaceTest, WhenTheCallerIgnoresTheEndOfChildren_TheEditIsStillWaitedFor) {
+  signal(SIGCHLD, SIG_IGN);
+  OpenBatch batch;
+  signal(SIGCHLD, SIG_DFL);
+  batch.end_input();
+  EXPECT_EQ(batch.program().wait(), (Outcome{0, "7\ncommands done: 2\n", ""}));
   EXPECT_EQ(kind_of(read_file(kImage)), "new");
+}
+
+TEST_F(InPlaceTest, AChildThatIsEndedByItself_IsTold) {
+  OpenBatch batch;
+  const pid_t parent = batch.program().pid();
+  const std::string children =
+      "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent) + "/children";
+  pid_t child = 0;
+  ASSERT_TRUE(comes_true([&] { return bool(std::ifstream(children) >> child); }));
+  ASSERT_EQ(kill(child, SIGTERM), 0);
+  batch.end_input();
+  const Outcome outcome = batch.program().wait();
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_EQ(outcome.err,
+            std::string("scctl: ") + kImage + " is not changed: the edit was ended by signal 15\n");
+  EXPECT_EQ(kind_of(read_file(kImage)), "old");
+  EXPECT_EQ(names_in(kFolder), std::set<std::string>{"lan.cfg"});
 }
 
 TEST_F(InPlaceTest, AKilledEdit_EndsItsChildAndLeavesAFileThatTheNextRemoves) {

@@ -279,9 +279,10 @@ TEST_F(TraceInPlaceTest, AnyCallThatFailsOnce_LeavesTheOldFileOrTheNewOne) {
       long failed = -1;
       std::string on;
       const Outcome outcome = trace(edit(file), [&](const SystemCall& call) {
-        /* These do not fail. */
+        /* These do not fail, or not without their effect. */
         static const std::set<long> kSpared = {SYS_exit_group, SYS_rt_sigreturn, SYS_getpid,
-                                               SYS_getppid,    SYS_geteuid,      SYS_getegid};
+                                               SYS_getppid,    SYS_geteuid,      SYS_getegid,
+                                               SYS_close};
         if (call.is_done || call.number != last) return Fate{};
         failed = call.call;
         on = call.file(0);
@@ -354,6 +355,18 @@ TEST_F(TraceInPlaceTest, ReplacedByAnotherDuringTheFlush_IsNotReplacedAgain) {
     EXPECT_EQ(fs::is_symlink(kImage), is_link);
     EXPECT_FALSE(exists(kTemporary));
   }
+}
+
+TEST_F(TraceInPlaceTest, TheNextEditsTemporaryFile_IsNotRemovedByTheOneBefore) {
+  /* It may begin as soon as the file is renamed. */
+  const Outcome outcome = trace(edit(), [&](const SystemCall& call) {
+    if (call.call == SYS_fsync && call.file(0) == kFolder)
+      write_file(kTemporary, "the next edit's");
+    return Fate{};
+  });
+  EXPECT_EQ(outcome, (Outcome{0, "", ""}));
+  EXPECT_EQ(kind_of(read_file(kImage)), "new");
+  EXPECT_TRUE(exists(kTemporary));
 }
 
 /* Each mark of a change counts by itself: what the kernel tells of the file is changed in one. */
@@ -445,12 +458,13 @@ TEST_F(TraceInPlaceTest, ASignalAtAnyCall_LeavesTheFileOldOrNewAndNothingElse) {
     signal(number, SIG_DFL); /* a shell in the background may have had it ignored */
     for (size_t last = 1;; ++last) {
       write_file(kImage, was_);
-      bool is_sent = false, is_created = false, is_renamed = false;
+      bool is_sent = false, is_created = false, is_renamed = false, is_late = false;
       pid_t parent = 0;
       const Outcome outcome = trace(edit(), [&](const SystemCall& call) {
         if (call.number == 1) parent = call.process;
         is_created |= !is_sent && exists(kTemporary);
         is_renamed |= call.call == SYS_renameat;
+        is_late |= !is_sent && call.call == SYS_fremovexattr;
         if (call.is_done || call.number != last) return Fate{};
         is_sent = true;
         kill(parent, number);
@@ -462,7 +476,7 @@ TEST_F(TraceInPlaceTest, ASignalAtAnyCall_LeavesTheFileOldOrNewAndNothingElse) {
       ASSERT_EQ(names_in(kFolder), kImageAlone) << outcome;
       if (outcome.status == 0) {
         ++late;
-        ASSERT_TRUE(is_renamed) << outcome;
+        ASSERT_TRUE(is_renamed && is_late) << outcome;
       } else if (outcome.status == 1) {
         ++refused;
         ASSERT_EQ(outcome.err, std::string("scctl: ") + kImage +
