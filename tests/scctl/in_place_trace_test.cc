@@ -458,12 +458,16 @@ TEST_F(TraceInPlaceTest, ASignalAtAnyCall_LeavesTheFileOldOrNewAndNothingElse) {
     signal(number, SIG_DFL); /* a shell in the background may have had it ignored */
     for (size_t last = 1;; ++last) {
       write_file(kImage, was_);
-      bool is_sent = false, is_created = false, is_renamed = false, is_late = false;
+      bool is_sent = false, is_created = false, is_renamed = false, is_late = false,
+           is_reaped = false;
       pid_t parent = 0;
       const Outcome outcome = trace(edit(), [&](const SystemCall& call) {
         if (call.number == 1) parent = call.process;
         is_created |= !is_sent && exists(kTemporary);
         is_renamed |= call.call == SYS_renameat;
+        /* Its number may be another's from then on. */
+        is_reaped |= call.call == SYS_wait4 && call.process == parent;
+        EXPECT_FALSE(is_reaped && call.call == SYS_kill);
         is_late |= !is_sent && call.call == SYS_fremovexattr;
         if (call.is_done || call.number != last) return Fate{};
         is_sent = true;
