@@ -10,6 +10,7 @@
 #include "fuzz/harness.h"
 #include "scctl/commands.h"
 #include "scctl/value.h"
+#include "scctl/words.h"
 #include "support/areas.h"
 
 namespace sc_fuzz {
@@ -164,6 +165,28 @@ void run_scctl_batch(Source& source) {
   run_command({"batch", kInput});
 }
 
+namespace {
+
+/* What --commands prints of a field is one word of a line, and gives the same bytes. */
+void expect_same_as_word(const scctl::Table& table, const scctl::Field& field, Exact& record,
+                         bool checked) {
+  scctl::Text line;
+  scctl::format_assignment(field, record.data(), checked, &line);
+  scctl::Words words;
+  const std::string printed = line.c_str();
+  if (!words.split(line.data()) || words.count() != 1) found("no word: %s", printed.c_str());
+  Exact again(Bytes(table.stride, 0xff));
+  const scctl::Field* named = nullptr;
+  if (scctl::parse_assignment(table, words.words()[0], again.data(), &named, nullptr) !=
+          scctl::kOk ||
+      named != &field) {
+    found("refused: %s.%s", table.name, printed.c_str());
+  }
+  if (!scctl::equal(field, record.data(), again.data())) found("another: %s", printed.c_str());
+}
+
+}  // namespace
+
 void run_scctl_value(Source& source) {
   const scctl::Table& table = any_table(source, "");
   const scctl::Field& field = table.fields[source.below(table.field_count)];
@@ -196,10 +219,11 @@ void run_scctl_value(Source& source) {
   scctl::Text shown;
   scctl::format(field, record.data(), &shown);
   scctl::format_shown(field, record.data(), &shown);
-  scctl::format_part(field, record.data(), true, &shown);
-  scctl::format_assignment(field, record.data(), true, &shown);
-  scctl::format_json(field, record.data(), true, &shown);
-  scctl::format_json(field, record.data(), false, &shown);
+  for (const bool whole : {false, true}) {
+    scctl::format_part(field, record.data(), whole, &shown);
+    scctl::format_json(field, record.data(), whole, &shown);
+    expect_same_as_word(table, field, record, whole);
+  }
 }
 
 }  // namespace sc_fuzz
