@@ -247,13 +247,15 @@ unsigned check_files(const Area& area) {
     printf("%s: %s: %s; remedy: echo >%s\n", area.name, lock.text, strerror(errno), lock.text);
     ++findings;
   }
-  const Path archive = archive_path(area);
-  if (area.facts().stem[0] == '\0' || access(archive.text, F_OK) != 0) return findings;
+  if (area.facts().stem[0] == '\0') return findings;
   ArchiveImage image;
   const char* fault = read_own_archive(area, &image);
   free(image.bytes);
-  if (fault == nullptr) return findings;
-  printf("%s: %s: %s; remedy: scctl save %s\n", area.name, archive.text, fault, area.name);
+  const store::State state = image.verdict.state;
+  if (state == store::State::kGood || state == store::State::kMissing) return findings;
+  printf("%s: %s: %s", area.name, archive_path(area).text, fault);
+  if (state == store::State::kBroken) printf("; remedy: scctl save %s", area.name);
+  putchar('\n');
   return findings + 1;
 }
 

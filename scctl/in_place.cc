@@ -386,12 +386,10 @@ int run_in_place(Call& call, int (*run)(Call& call)) {
   AtomicFile atomic;
   if (const int status = atomic.open(name); status != kOk) return status;
   Source file;
-  const int opened = call.has(kArchive) ? file.open_archive(name, atomic.descriptor())
-                                        : file.open_image(name, atomic.descriptor());
+  const int opened = call.has(kArchive)
+                         ? file.open_archive(name, atomic.descriptor(), run == run_repair)
+                         : file.open_image(name, atomic.descriptor());
   if (opened != kOk) return opened;
-  if (call.has(kArchive) && kAreas[file.held()].save == nullptr) {
-    return fail(kRefused, "%s: area %s has no archive", name, kAreas[file.held()].name);
-  }
   signals.start();
   if (const int status = atomic.create(); status != kOk) return status;
   const int status = edit_in_child(call, run, file, &atomic, signals);

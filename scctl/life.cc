@@ -60,12 +60,9 @@ int init_area(Call&, AreaId id) {
 
 namespace {
 
-/* Reads the area's archive; says what is wrong with it. */
-int need_archive(const Area& area, const char* done, ArchiveImage* image) {
-  const char* fault = read_own_archive(area, image);
-  if (fault == nullptr) return kOk;
-  return fail(kRefused, "area %s is not %s: %s: %s", area.name, done, archive_path(area).text,
-              fault);
+/* Says why an area is not what it should have become. */
+int fail_archive(const Area& area, const char* is_not, const char* fault) {
+  return fail(kRefused, "area %s %s: %s: %s", area.name, is_not, archive_path(area).text, fault);
 }
 
 /* The library does not tell how it went: area and archive have to be equal now. */
@@ -113,7 +110,10 @@ int save_area(Call& call, AreaId id) {
     area.save(call.source.block(id));
   }
   ArchiveImage image;
-  if (const int status = need_archive(area, "saved", &image); status != kOk) return status;
+  if (const char* fault = read_own_archive(area, &image)) {
+    const bool known = image.verdict.state != store::State::kUnknown;
+    return fail_archive(area, known ? "is not saved" : "is perhaps not saved", fault);
+  }
   return compare(call, id, "saved", &image);
 }
 
@@ -124,7 +124,9 @@ int restore_area(Call& call, AreaId id) {
   if (const int status = call.source.need(id); status != kOk) return status;
   const Area& area = kAreas[id];
   ArchiveImage image;
-  if (const int status = need_archive(area, "restored", &image); status != kOk) return status;
+  if (const char* fault = read_own_archive(area, &image)) {
+    return fail_archive(area, "is not restored", fault);
+  }
   {
     Quiet quiet;
     area.read(call.source.block(id));

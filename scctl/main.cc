@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "edit.h"
 #include "in_place.h"
+#include "store/streams.h"
 #include "value.h"
 
 namespace scctl {
@@ -299,9 +300,12 @@ int check_sources(const Command& command, const Call& call) {
   return file ? fail(kUsage, "the batch works on %s already", g_file) : kOk;
 }
 
-int open_source(Call* call) {
+int open_source(const Command& command, Call* call) {
   if (call->has(kImage)) return call->source.open_image(call->image);
-  if (call->has(kArchive)) return call->source.open_archive(call->archive);
+  if (call->has(kArchive)) {
+    const bool for_repair = command.run == run_check || command.run == run_repair;
+    return call->source.open_archive(call->archive, -1, for_repair);
+  }
   call->source.open_live();
   return kOk;
 }
@@ -331,7 +335,7 @@ int run_words(int word_count, char** words) {
     if (const int status = open_input(&call); status != kOk) return status;
   }
   if (call.has(kInPlace) && !call.has(kDryRun)) return run_in_place(call, command->run);
-  if (const int status = open_source(&call); status != kOk) return status;
+  if (const int status = open_source(*command, &call); status != kOk) return status;
   const int status = command->run(call);
   end_if_interrupted();
   return status;
@@ -538,6 +542,7 @@ int present_areas(Call& call, bool* chosen) {
 
 int main(int argc, char** argv) {
   using namespace scctl;
+  store::open_standard_streams();
   if (argc < 2) return fail(kUsage, "which command? scctl --help lists them");
   int status = kOk;
   if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {

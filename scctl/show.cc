@@ -315,20 +315,16 @@ void format_archive(const Area& area, Text* to) {
     to->add("never saved");
     return;
   }
-  const Path path = archive_path(area);
-  struct stat file;
-  if (stat(path.text, &file) != 0) {
-    to->add("none");
-    return;
-  }
   ArchiveImage image;
   const char* fault = read_own_archive(area, &image);
   free(image.bytes);
-  if (fault != nullptr) {
-    to->print("bad: %s", fault);
-    return;
+  switch (image.verdict.state) {
+    case store::State::kUnknown: to->add(fault); return;
+    case store::State::kMissing: to->add("none"); return;
+    case store::State::kBroken: to->print("bad: %s", fault); return;
+    case store::State::kGood: break;
   }
-  format_age(path.text, to);
+  format_age(archive_path(area).text, to);
   to->add(" old");
 }
 

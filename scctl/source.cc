@@ -8,13 +8,11 @@
 #include <string.h>
 #include <strings.h>
 #include <sys/shm.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <sysconfig/core.h>
 
-#include "device/tar_header.h"
 #include "value.h"
 
 namespace scctl {
@@ -23,8 +21,13 @@ namespace {
 
 /* ---- files ---- */
 
+struct FileBytes {
+  uint8_t* bytes; /* from malloc */
+  size_t size;
+};
+
 /* As much of the file as there is, up to one byte more than the largest area. */
-ArchiveImage read_all(FILE* file) {
+FileBytes read_all(FILE* file) {
   size_t largest = 0;
   for (const Area& area : kAreas) {
     if (area.facts().size > largest) largest = area.facts().size;
@@ -41,16 +44,14 @@ const Area* area_of_size(size_t size) {
   return nullptr;
 }
 
-const char* read_tar(FILE* stream, ArchiveImage* image) {
-  TarHeader header;
-  if (fread(&header, sizeof header, 1, stream) != 1) return "it is cut off";
-  if (!checksum_fits(header) || header.type != '0') return "it is no archive of an image";
-  const size_t size = strtoul(header.size, nullptr, 8);
-  if (area_of_size(size) == nullptr) return "its image has the size of no area";
-  image->bytes = static_cast<uint8_t*>(malloc(size));
-  if (image->bytes == nullptr) return "out of memory";
-  image->size = size;
-  return fread(image->bytes, size, 1, stream) == 1 ? nullptr : "it is cut off";
+const char* read_archive(const char* path, int opened, const sc::Area* area, ArchiveImage* image) {
+  store::Archive& archive = image->verdict;
+  const int file = opened >= 0 ? opened : store::open_archive(AT_FDCWD, path, 0, &archive);
+  if (file >= 0) store::judge(file, area, &archive);
+  if (file >= 0 && opened < 0) close(file);
+  image->bytes = archive.image;
+  archive.image = nullptr;
+  return archive.state == store::State::kGood ? nullptr : archive.reason;
 }
 
 /* ---- whole records ---- */
@@ -81,41 +82,12 @@ Path lock_path(const Area& area) {
   return path;
 }
 
-const char* read_archive(const char* path, ArchiveImage* image, int opened) {
-  const int file = opened >= 0 ? dup(opened) : open(path, O_RDONLY);
-  if (file < 0) return strerror(errno);
-  struct stat status;
-  if (fstat(file, &status) == 0 && S_ISDIR(status.st_mode)) {
-    close(file);
-    return strerror(EISDIR);
-  }
-  char command[48];
-  snprintf(command, sizeof command, "exec gzip -dc <&%d 2>/dev/null", file);
-  FILE* stream = popen(command, "r");
-  if (stream == nullptr) {
-    close(file);
-    return "gzip cannot be run";
-  }
-  const char* fault = read_tar(stream, image);
-  char rest[512];
-  while (fread(rest, 1, sizeof rest, stream) > 0) {
-  }
-  /* gzip tells a wrong length or checksum at the end of its stream only. */
-  if (pclose(stream) != 0) fault = "its gzip stream is not whole";
-  close(file);
-  if (fault != nullptr) {
-    free(image->bytes);
-    image->bytes = nullptr;
-  }
-  return fault;
-}
-
 const char* read_own_archive(const Area& area, ArchiveImage* image) {
-  const char* fault = read_archive(archive_path(area).text, image);
-  if (fault != nullptr || image->size == area.facts().size) return fault;
+  const char* fault = read_archive(archive_path(area).text, -1, &area.facts(), image);
+  if (fault == nullptr) return nullptr;
   free(image->bytes);
   image->bytes = nullptr;
-  return "it holds another area";
+  return fault;
 }
 
 /* ---- sources ---- */
@@ -153,7 +125,7 @@ int Source::open_image(const char* path, int opened) {
   name_ = path;
   FILE* file = opened >= 0 ? fdopen(dup(opened), "rb") : fopen(path, "rb");
   if (file == nullptr) return fail(kNoArea, "%s: %s", path, strerror(errno));
-  const ArchiveImage image = read_all(file);
+  const FileBytes image = read_all(file);
   const int error = ferror(file) != 0 ? errno : 0;
   fclose(file);
   if (error != 0) {
@@ -169,12 +141,15 @@ int Source::open_image(const char* path, int opened) {
   return kOk;
 }
 
-int Source::open_archive(const char* path, int opened) {
+int Source::open_archive(const char* path, int opened, bool for_repair) {
   name_ = path;
   ArchiveImage image;
-  const char* fault = read_archive(path, &image, opened);
-  if (fault != nullptr) return fail(kNoArea, "%s: %s", path, fault);
-  blocks_[id_of(*area_of_size(image.size))] = image.bytes;
+  const char* fault = read_archive(path, opened, nullptr, &image);
+  if (image.bytes == nullptr || (fault != nullptr && !for_repair)) {
+    free(image.bytes);
+    return fail(kNoArea, "%s: %s", path, fault);
+  }
+  blocks_[image.verdict.area - sc::kAreas] = image.bytes;
   return kOk;
 }
 

@@ -9,6 +9,7 @@
 
 #include "catalogue.h"
 #include "say.h"
+#include "store/archive.h"
 
 namespace scctl {
 
@@ -31,10 +32,11 @@ class Source {
   void open_live();
   /* The area's segment is another one now. */
   static void forget_live(AreaId area);
-  /* One area, told from the image's size. Say why they cannot, and return a status. Where a
-   * descriptor is given it is read, from where it stands, and the path is its name. */
+  /* One area, told from the image's size, or by the archive, which has to be good, or for repair to
+   * hold a whole image. Say why they cannot, and return a status. Where a descriptor is given it is
+   * read, an image from where it stands, and the path is its name. */
   int open_image(const char* path, int opened = -1);
-  int open_archive(const char* path, int opened = -1);
+  int open_archive(const char* path, int opened = -1, bool for_repair = false);
   /* The area of the one or the other. */
   AreaId held() const;
   /* Either of them, told from the file's first bytes; "live" and "saved" are these. */
@@ -62,11 +64,9 @@ class Source {
 /* The image that an archive holds. */
 struct ArchiveImage {
   uint8_t* bytes = nullptr; /* from malloc; null when the archive is not good */
-  size_t size = 0;
+  store::Archive verdict;
 };
-/* Null when the archive is good, else what is wrong with it. Of a descriptor, where one is given. */
-const char* read_archive(const char* path, ArchiveImage* image, int opened = -1);
-/* The same for the area's own archive, which has to hold this area. */
+/* The area's own archive. Null when it is good, else what is wrong with it, or why that is not known. */
 const char* read_own_archive(const Area& area, ArchiveImage* image);
 
 /* An area's paths. */

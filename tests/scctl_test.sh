@@ -21,7 +21,7 @@ if [ "${1:-}" = --inside ]; then
     shift
   done
   build=$(readlink -f "$1")
-  for program in scctl/scctl scctl/scctl_helper device/scguard; do
+  for program in scctl/scctl scctl/scctl_helper scguard/scguard; do
     name=/var/bin/${program##*[/_]}
     if [ -z "$emulator" ]; then
       ln -s "$build/$program" "$name"

@@ -1,12 +1,14 @@
 /* Any bytes as an archive, as a tar file inside a sound gzip file, or as the image that an archive
  * unpacks to; then Read, and the functions that read what it loaded. The first two run the device's
- * tar for real. */
+ * tar for real. What the tools' reader calls good must be what Read has loaded then. */
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 
 #include "fuzz/harness.h"
+#include "store/archive.h"
 #include "support/areas.h"
 
 namespace sc_fuzz {
@@ -25,7 +27,7 @@ void write_bytes(const std::string& path, const Bytes& bytes) {
 
 void append(Bytes& bytes, uint32_t value, uint32_t width) {
   bytes.resize(bytes.size() + width);
-  store(&*bytes.end() - width, width, value);
+  sc_test::store(&*bytes.end() - width, width, value);
 }
 
 /* As a gzip file without compression. */
@@ -63,6 +65,17 @@ Bytes any_image(Source& source, const std::string& area) {
   if (kind >= 0xe0) image.resize(source.word() % (image.size() + 1));
   if (kind >= 0xc0 && kind < 0xe0) image.resize(image.size() + source.byte());
   return image;
+}
+
+/* The reader's verdict on unpacked bytes. */
+void judge(const Bytes& tar, store::Archive* archive) {
+  const int stream = memfd_create("tar", MFD_CLOEXEC);
+  if (stream < 0 || write(stream, tar.data(), tar.size()) != static_cast<ssize_t>(tar.size()) ||
+      lseek(stream, 0, SEEK_SET) != 0) {
+    found("no stream");
+  }
+  store::judge_tar(stream, nullptr, archive);
+  close(stream);
 }
 
 void read_lists_of(const std::string& area, Source& source) {
@@ -114,6 +127,14 @@ void run_archive(Source& source) {
       return status;
     };
     calls->read(block_of(calls->name).data());
+    store::Archive archive;
+    if (kind >= 0xf8) judge(bytes, &archive);
+    if (archive.state == store::State::kGood &&
+        "/var/systemconfig/config_" + std::string(archive.area->stem) + ".cfg" ==
+            facts.image_path &&
+        memcmp(block_of(calls->name).data(), archive.image, facts.size) != 0) {
+      found("%s is called good and not loaded whole", calls->name);
+    }
     set_up(); /* tar can have left anything in /var */
   }
   read_lists_of(calls->name, source);

@@ -1,0 +1,200 @@
+/* Opening and judging an archive. It is unpacked by gzip, in a process of its own, and no more of it
+ * than the verdict needs.
+ */
+#include "store/archive.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "store/stream.h"
+
+namespace store {
+
+namespace {
+
+constexpr char kBadGzip[] = "corrupt or truncated gzip data";
+constexpr int kFirstOther = STDERR_FILENO + 1;
+/* Linux before 5.9 closes one at a time; those beyond the usual limit are left to who opened them. */
+constexpr int kUsualLimit = 1024;
+constexpr char kNotRead[] = "it could not be read";
+
+/* ---- gzip ---- */
+
+/* Standard input, output and error alone stay open. */
+void close_others() {
+#ifdef SYS_close_range
+  if (syscall(SYS_close_range, kFirstOther, ~0u, 0) == 0) return;
+#endif
+  for (int file = kFirstOther; file < kUsualLimit; ++file) close(file);
+}
+
+[[noreturn]] void become_gzip(int file, int out) {
+  for (int n = 1; n < NSIG; ++n) signal(n, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  const bool ready = dup2(file, STDIN_FILENO) >= 0 && dup2(out, STDOUT_FILENO) >= 0;
+  close_others();
+  const int nothing = open("/dev/null", O_WRONLY);
+  if (ready && nothing >= 0 && dup2(nothing, STDERR_FILENO) >= 0 && close(nothing) == 0) {
+    execlp("gzip", "gzip", "-dc", nullptr);
+  }
+  _exit(127);
+}
+
+class Gzip {
+ public:
+  /* Its result can be told when the parent's parent ignores SIGCHLD, too. */
+  Gzip() : former_(signal(SIGCHLD, SIG_DFL)) {}
+  ~Gzip() {
+    if (stream >= 0) close(stream);
+    if (process_ > 0) {
+      kill(process_, SIGKILL);
+      wait(nullptr);
+    }
+    signal(SIGCHLD, former_);
+  }
+  Gzip(const Gzip&) = delete;
+  Gzip& operator=(const Gzip&) = delete;
+
+  bool start(int file, Archive* archive) {
+    int pipe[2];
+    if (pipe2(pipe, O_CLOEXEC) != 0) return archive->cannot(kNoGzip);
+    stream = pipe[0];
+    process_ = fork();
+    if (process_ == 0) become_gzip(file, pipe[1]);
+    if (process_ < 0) archive->cannot(kNoGzip);
+    close(pipe[1]);
+    return process_ > 0;
+  }
+
+  /* Waits for its end; as waitpid tells it. */
+  bool wait(int* status) {
+    pid_t ended;
+    do {
+      ended = waitpid(process_, status, 0);
+    } while (ended < 0 && errno == EINTR);
+    process_ = -1;
+    return ended > 0;
+  }
+
+  int stream = -1;
+
+ private:
+  pid_t process_ = -1;
+  void (*former_)(int);
+};
+
+/* Whether there is little more, which is then read; errno is 0 when it could be. */
+bool ends(int stream) {
+  Stream rest = {stream};
+  char bytes[512];
+  size_t got = sizeof bytes;
+  for (size_t left = kMostBehind; left > 0 && got == sizeof bytes; left -= got) {
+    got = rest.take(bytes, sizeof bytes);
+  }
+  errno = rest.error;
+  return got < sizeof bytes;
+}
+
+/* gzip does not tell bad data from data that it could not read. */
+bool can_be_read(int file) {
+  char bytes[4096];
+  off_t at = 0;
+  ssize_t got;
+  while ((got = pread(file, bytes, sizeof bytes, at)) > 0) at += got;
+  return got == 0;
+}
+
+/* What gzip's status says of an archive that is judged by what came out. */
+bool judge_status(int status, int file, Archive* archive) {
+  if (WIFSIGNALED(status)) {
+    char why[64];
+    snprintf(why, sizeof why, "not known: gzip was ended by signal %d", WTERMSIG(status));
+    return archive->is(State::kUnknown, why);
+  }
+  /* 1: an error, 2: a warning; none of gzip's own is above. */
+  if (WEXITSTATUS(status) > 2) {
+    return archive->is(State::kUnknown, "not known: gzip could not be run");
+  }
+  if (WEXITSTATUS(status) != 0) {
+    return can_be_read(file) ? archive->is(State::kBroken, kBadGzip) : archive->cannot(kNotRead);
+  }
+  /* gzip reads other formats, too, and BusyBox tar does not. */
+  uint8_t magic[2];
+  const ssize_t got = pread(file, magic, sizeof magic, 0);
+  if (got < 0) return archive->cannot(kNotRead);
+  if (got < 2 || magic[0] != 0x1f || magic[1] != 0x8b) {
+    return archive->is(State::kBroken, kBadGzip);
+  }
+  return archive->state == State::kGood;
+}
+
+bool judge_by_gzip(int file, const sc::Area* area, Archive* archive) {
+  Gzip gzip;
+  if (!gzip.start(file, archive)) return false;
+  const bool good = judge_tar(gzip.stream, area, archive);
+  if (archive->state == State::kUnknown) return false;
+  /* gzip tells a wrong length or checksum at the end of its stream only. */
+  const bool at_end = ends(gzip.stream);
+  if (errno != 0) return archive->cannot(kNoGzip);
+  if (!at_end) return good;
+  int status;
+  if (!gzip.wait(&status)) return archive->cannot(kNoGzip);
+  return judge_status(status, file, archive);
+}
+
+}  // namespace
+
+Archive::~Archive() { free(image); }
+
+bool Archive::is(State what, const char* why) {
+  state = what;
+  area = nullptr;
+  snprintf(reason, sizeof reason, "%s", why);
+  return what == State::kGood;
+}
+
+bool Archive::cannot(const char* what) {
+  char why[sizeof reason];
+  snprintf(why, sizeof why, "not known: %s: %s", what, strerror(errno));
+  return is(State::kUnknown, why);
+}
+
+int open_archive(int folder, const char* name, int flags, Archive* archive) {
+  const int file = openat(folder, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | flags);
+  if (file >= 0) return file;
+  if (errno == ENOENT)
+    archive->is(State::kMissing, strerror(ENOENT));
+  else if ((flags & O_NOFOLLOW) != 0 && errno == ELOOP)
+    archive->is(State::kUnknown, "not known: it is a link");
+  else
+    archive->cannot("it could not be opened");
+  return -1;
+}
+
+bool judge(int file, const sc::Area* area, Archive* archive) {
+  struct stat status;
+  if (fstat(file, &status) != 0 || (S_ISREG(status.st_mode) && lseek(file, 0, SEEK_SET) != 0)) {
+    return archive->cannot(kNotRead);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return archive->is(State::kUnknown, "not known: it is no regular file");
+  }
+  const bool good = judge_by_gzip(file, area, archive);
+  if (archive->area == nullptr) {
+    free(archive->image);
+    archive->image = nullptr;
+  }
+  return good;
+}
+
+}  // namespace store
