@@ -1,0 +1,108 @@
+/* scguard keep, scctl areas, check, list and restore say the same of each archive, in the same
+ * words.
+ */
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "store/archives.h"
+#include "store/saved_lan.h"
+
+namespace sc_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+/* What each command says of the archive; "" when it takes it for good. */
+struct Said {
+  std::string keep, areas, check, list, restore;
+
+  bool operator==(const Said&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Said& said) {
+  return stream << "keep {" << said.keep << "} areas {" << said.areas << "} check {" << said.check
+                << "} list {" << said.list << "} restore {" << said.restore << "}";
+}
+
+/* The rest of the line behind a text; "" where there is none. */
+std::string behind(const std::string& lines, const std::string& text) {
+  const size_t found = lines.find(text);
+  if (found == std::string::npos) return "";
+  const size_t from = found + text.size();
+  return lines.substr(from, lines.find('\n', from) - from);
+}
+
+class VerdictTest : public SavedLan {
+ protected:
+  Said said(const std::string& path = "") {
+    const auto command = [&](const Words& words) {
+      return path.empty() ? words : in_shell(words, "", "PATH=" + path + ";");
+    };
+    const Outcome keep = run(command(scguard({"keep", "lan"})));
+    const Outcome areas = run(command(scctl({"areas"})));
+    const Outcome check = run(command(scctl({"check", "Lan"})));
+    const Outcome list = run(command(scctl({"list", "lan_binds", "--archive", kArchive})));
+    const Outcome restore = run(command(scctl({"restore", "Lan"})));
+    const Said said = {
+        behind(keep.err, "config_lan.bin is not kept: ") + behind(keep.err, "config_lan.bin: "),
+        behind(areas.out, "0/64     "), behind(check.out, "config_lan.bin: "),
+        behind(list.err, std::string(kArchive) + ": "), behind(restore.err, "config_lan.bin: ")};
+    const bool good = said.list.empty();
+    EXPECT_EQ(keep.status, good ? 0 : 1);
+    EXPECT_EQ(check.status, good ? 0 : 1);
+    EXPECT_EQ(list.status, good ? 0 : 3);
+    EXPECT_EQ(restore.status, good ? 0 : 1);
+    return said;
+  }
+};
+
+class VerdictSampleTest : public VerdictTest, public testing::WithParamInterface<Sample> {};
+
+TEST_P(VerdictSampleTest, Verdict_IsTheSameEverywhere) {
+  const std::string reason = GetParam().reason;
+  write_file(kArchive, GetParam().make(image()));
+  const Said expected = reason.empty() ? Said{"", "0 s old", "", "", ""}
+                                       : Said{reason, "bad: " + reason,
+                                              reason + "; remedy: scctl save Lan", reason, reason};
+  Said actual = said();
+  /* The library loads it by the tar in PATH, which may not know the oldest format. */
+  if (GetParam().kind == Sample::kOldGood) actual.restore = "";
+  if (reason.empty() && actual.areas.find(" s old") == 1) actual.areas = "0 s old";
+  EXPECT_EQ(actual, expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(EachSample, VerdictSampleTest, testing::ValuesIn(samples()),
+                         [](const testing::TestParamInfo<Sample>& sample) {
+                           return std::string(sample.param.name);
+                         });
+
+TEST_F(VerdictTest, ArchiveThatCannotBeJudged_IsCalledNeitherGoodNorBad) {
+  save(1);
+  fs::create_directory("/var/none");
+  const std::string why = "not known: gzip could not be run";
+  EXPECT_EQ(said("/var/none"), (Said{why + "; nothing is changed", why, why, why, why}));
+}
+
+TEST_F(VerdictTest, PipeInPlaceOfAnArchive_StopsNobody) {
+  EXPECT_EQ(mkfifo(kArchive, 0644), 0);
+  const std::string why = "not known: it is no regular file";
+  EXPECT_EQ(said(), (Said{why + "; nothing is changed", why, why, why, why}));
+}
+
+TEST_F(VerdictTest, SaveThatCannotBeReadBack_IsNotCalledFailed) {
+  save(1);
+  fs::create_directory("/var/broken");
+  for (const auto& [name, status] : {std::pair{"gzip", "127"}, std::pair{"tar", "0"}}) {
+    const std::string path = std::string("/var/broken/") + name;
+    write_file(path, std::string("#!/bin/sh\nexit ") + status + "\n");
+    fs::permissions(path, fs::perms::owner_all);
+  }
+  EXPECT_EQ(run(in_shell(scctl({"save", "Lan"}), "", "PATH=/var/broken:$PATH;")),
+            (Outcome{1, "",
+                     "scctl: area Lan is perhaps not saved: /var/dataconfig/config_lan.bin: not "
+                     "known: gzip could not be run\n"}));
+}
+
+}  // namespace
+}  // namespace sc_test
