@@ -175,7 +175,7 @@ void expect_same_as_word(const scctl::Table& table, const scctl::Field& field, E
   scctl::Words words;
   const std::string printed = line.c_str();
   if (!words.split(line.data()) || words.count() != 1) found("no word: %s", printed.c_str());
-  Exact again(Bytes(table.stride, 0xff));
+  Exact again(Bytes(table.stride, 0));
   const scctl::Field* named = nullptr;
   if (scctl::parse_assignment(table, words.words()[0], again.data(), &named, nullptr) !=
           scctl::kOk ||
