@@ -18,14 +18,6 @@
 namespace sc_test {
 namespace {
 
-/* On 32-bit CPUs the C library makes another call of it. */
-bool is_fcntl(const SystemCall& call) {
-#ifdef SYS_fcntl64
-  if (call.call == SYS_fcntl64) return true;
-#endif
-  return call.call == SYS_fcntl;
-}
-
 /* What a locking call asks for. */
 struct LockCall {
   bool is_lock = false; /* of fcntl's byte locks at all */
@@ -37,7 +29,7 @@ struct LockCall {
 LockCall lock_call(const SystemCall& call) {
   LockCall asked;
   const auto command = static_cast<int>(call.arguments[1]);
-  if (!is_fcntl(call) || (command != F_SETLK && command != F_SETLKW)) return asked;
+  if (call.call != SYS_fcntl || (command != F_SETLK && command != F_SETLKW)) return asked;
   struct flock lock;
   const std::string bytes = call.bytes(2, sizeof lock);
   memcpy(&lock, bytes.data(), std::min(bytes.size(), sizeof lock));

@@ -25,11 +25,7 @@ namespace {
 void change_registers(pid_t process, int64_t number, int error) {
   user_regs_struct registers;
   if (ptrace(PTRACE_GETREGS, process, nullptr, &registers) != 0) give_up("PTRACE_GETREGS");
-#if defined(__x86_64__)
   auto &call = registers.orig_rax, &result = registers.rax;
-#else
-  auto &call = registers.orig_eax, &result = registers.eax;
-#endif
   if (error != 0)
     result = static_cast<decltype(result + 0)>(-error);
   else

@@ -1,6 +1,6 @@
 /* Programs looked at by ptrace: each system call that they make, before the kernel carries it out and
- * after that. Not for targets that a user-mode emulator runs, which has no ptrace; the suites of
- * tests that use it are named Trace....
+ * after that. Built for the host alone (SYSCONFIG_TRACE_TESTS); the suites of tests that use it are
+ * named Trace....
  */
 #ifndef SUPPORT_TRACE_H
 #define SUPPORT_TRACE_H
