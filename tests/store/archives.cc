@@ -25,10 +25,10 @@ std::string octal(const char* format, size_t number) {
 }
 
 /* The size in eleven bytes behind 0x80. */
-std::string base_256(size_t number) {
+std::string base_256(unsigned long long number) {
   std::string text = "\x80";
   for (int shift = 80; shift >= 0; shift -= 8) {
-    text += static_cast<char>(shift < 64 ? static_cast<unsigned long long>(number) >> shift : 0);
+    text += static_cast<char>(shift < 64 ? number >> shift : 0);
   }
   return text;
 }

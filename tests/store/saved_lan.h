@@ -23,10 +23,13 @@ constexpr char kNew[] = "/var/dataconfig/config_lan.new";
 constexpr char kBad[] = "/var/dataconfig/config_lan.bad";
 constexpr char kLock[] = "/var/lock_store/lan_conf_lock";
 
-/* A command with what a shell does before it becomes the command, and with redirections. */
+/* A command with what a shell does before it becomes the command, and with redirections. The command
+ * is found before that. */
 inline Words in_shell(const Words& command, const std::string& redirections,
                       const std::string& before = "") {
-  Words words = {"sh", "-c", before + " exec \"$@\" " + redirections, "sh"};
+  Words words = {
+      "sh", "-c",
+      "it=$(command -v \"$1\"); shift; " + before + " exec \"$it\" \"$@\" " + redirections, "sh"};
   words.insert(words.end(), command.begin(), command.end());
   return words;
 }
