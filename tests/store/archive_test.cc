@@ -355,7 +355,10 @@ TEST_F(ArchiveTest, GzipHasDefaultSignals) {
   signal(SIGPIPE, SIG_DFL);
   signal(SIGINT, SIG_DFL);
   sigprocmask(SIG_SETMASK, &before, nullptr);
-  EXPECT_EQ(read_file("/var/signals"), "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+  /* MIPS has 128 of them, others 64. */
+  std::string signals = read_file("/var/signals");
+  std::erase(signals, '0');
+  EXPECT_EQ(signals, "SigBlk:\t\nSigIgn:\t\n");
 }
 
 }  // namespace
