@@ -146,8 +146,9 @@ class Tar {
         (memcmp(header_.magic, "ustar", 5) != 0 && memcmp(header_.magic, kV7, 5) != 0)) {
       return kNoTar;
     }
+    const auto* bytes = reinterpret_cast<const char*>(&header_);
     for (const auto& number : kNumbers) {
-      if (!read_number(header_.name + number.at, number.size, &size_)) {
+      if (!read_number(bytes + number.at, number.size, &size_)) {
         return "invalid number in the header";
       }
     }

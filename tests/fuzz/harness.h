@@ -153,6 +153,7 @@ void run_scctl_block(Source& source);
 void run_scctl_import(Source& source);
 void run_scctl_batch(Source& source);
 void run_scctl_value(Source& source);
+void run_store_tar(Source& source);
 
 inline constexpr Harness kHarnesses[] = {
     {"block", run_block},
@@ -163,6 +164,7 @@ inline constexpr Harness kHarnesses[] = {
     {"scctl_import", run_scctl_import},
     {"scctl_batch", run_scctl_batch},
     {"scctl_value", run_scctl_value},
+    {"store_tar", run_store_tar},
 };
 
 /* Runs the harness of this name on an input. */
