@@ -40,7 +40,7 @@ OPERATORS = [
 TOOL_OPERATORS = [(r"&&$", "||"), (r"\|\|$", "&&"), (r"(?<!\|)\|$", "&"), (r"\? (?=[^:]* : )", "? !")]
 
 # A statement on a line of its own. What only the compiler reads is none.
-SIMPLE = re.compile(r"^(\s+)(?!\s|using\b|(?:default|case [^:]*): break;|constexpr\b|friend\b"
+SIMPLE = re.compile(r"^(\s+)(?!\s|using\b|(?:default|case [^:]*): break;|(?:static )?constexpr\b|friend\b"
                     r"|SC_(SIZE|OFFSET|FIELD|LOCKS?)\b)[^{}]*;\s*$")
 # The order of declarations does not matter, but that of locks does.
 DECLARATION = re.compile(r"^\s+(?!ByteLock|LockFile)(?:[\w:<>]+[&*]? )+[&*]?\w+( =|;|\()")

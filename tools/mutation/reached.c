@@ -3,10 +3,12 @@
  * block (-fsanitize-coverage=trace-pc). SC_REACHED names the folder of the files; without it nothing
  * is noted. */
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 extern const char __ehdr_start[] __attribute__((visibility("hidden")));
@@ -25,7 +27,9 @@ __attribute__((constructor)) static void begin(void) {
   if (folder == NULL) return;
   char path[4096];
   snprintf(path, sizeof path, "%s/" SC_PROGRAM, folder);
-  const int file = open(path, O_RDWR | O_CLOEXEC);
+  /* By a call that no program makes, so that nobody who watches its calls takes this for its own. */
+  const struct open_how how = {.flags = O_RDWR | O_CLOEXEC};
+  const int file = (int)syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how);
   struct stat state;
   if (file >= 0 && fstat(file, &state) == 0) {
     void* mapped = mmap(NULL, (size_t)state.st_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
