@@ -168,8 +168,8 @@ TEST_F(ScguardCircumstancesTest, NarrowMask_DoesNotNarrowTheCopysMode) {
 
 TEST_F(ScguardCircumstancesTest, Copy_HasTheArchivesOwnerAndMode) {
   save(1);
-  ASSERT_EQ(chmod(kArchive, 0640), 0);
   const bool root = getuid() == 0 && chown(kArchive, 12, 34) == 0;
+  ASSERT_EQ(chmod(kArchive, 01640), 0);
   EXPECT_EQ(guard({"keep", "lan"}).status, 0);
   struct stat archive, copy;
   ASSERT_EQ(stat(kArchive, &archive), 0);
@@ -342,6 +342,19 @@ TEST_F(ScguardCircumstancesTest, RestoreBeforeTheLocksAreMade_GoesOnWithout) {
   EXPECT_EQ(read_file(kGood), archive_);
   EXPECT_FALSE(exists(kLock));
   fs::create_directory("/var/lock_store");
+}
+
+/* Whoever changes a record holds its byte, and a save that runs meanwhile does not mind. */
+TEST_F(ScguardCircumstancesTest, RecordThatIsHeld_DelaysNobody) {
+  save_two_states();
+  LockHolder first(kLock, 2), last(kLock, 65);
+  Program keep(scguard({"keep", "lan"}));
+  for (int ms = 0; ms < 60'000 && !keep.ended(); ++ms) usleep(1000);
+  EXPECT_TRUE(keep.ended());
+  first.release();
+  last.release();
+  EXPECT_EQ(keep.wait(), (Outcome{0, "", ""}));
+  EXPECT_EQ(read_file(kGood), archive_);
 }
 
 TEST_F(ScguardCircumstancesTest, LockFileThatCannotBeOpened_StopsBoth) {

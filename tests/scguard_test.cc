@@ -82,6 +82,15 @@ TEST_F(ScguardTest, KeepOfAnEqualImage_DoesNotWriteItAgain) {
   EXPECT_NE(read_file(kArchive), read_file(kGood));
 }
 
+TEST_F(ScguardTest, KeepAfterAChangeOfTheLastByte_ReplacesTheCopy) {
+  save(1);
+  EXPECT_EQ(guard({"keep", "lan"}).status, 0);
+  reinterpret_cast<uint8_t*>(lan_)[sizeof *lan_ - 1] ^= 1;
+  save(1);
+  EXPECT_EQ(guard({"keep", "lan"}), (Guarded{0, ""}));
+  EXPECT_EQ(read_file(kGood), read_file(kArchive));
+}
+
 TEST_F(ScguardTest, KeepWithABrokenCopy_ReplacesIt) {
   save(1);
   write_file(kGood, "broken");
@@ -124,6 +133,15 @@ TEST_F(ScguardTest, KeepWithNoSpaceLeft_FailsAndLeavesTheCopy) {
             "scguard: /var/dataconfig/config_lan.bin is not kept: No space left on device\n");
   EXPECT_EQ(read_file(kGood), good);
   EXPECT_FALSE(exists(kNew));
+}
+
+/* A write of fewer bytes than were handed over comes first, then the error. */
+TEST_F(ScguardTest, KeepWithAWriteThatEndsInTheMiddle_FailsAndLeavesTheCopy) {
+  save_two_states();
+  ASSERT_GT(archive_.size(), 512u);
+  EXPECT_EQ(guard({"keep", "lan"}, "trap '' XFSZ; ulimit -f 1"),
+            (Guarded{1, "scguard: /var/dataconfig/config_lan.bin is not kept: File too large\n"}));
+  expect_unchanged();
 }
 
 TEST_F(ScguardTest, RestoreOfAGoodArchiveThatIsNewerThanTheCopy_LeavesItAndKeepsIt) {
@@ -194,6 +212,54 @@ TEST_F(ScguardTest, RestoreWithABrokenCopy_FailsAndLeavesTheCopy) {
   EXPECT_EQ(run.status, 1);
   EXPECT_EQ(run.said, "scguard: /var/dataconfig/config_lan.good: corrupt or truncated gzip data\n");
   EXPECT_EQ(read_file(kGood), "broken");
+}
+
+TEST_F(ScguardTest, RestoreOfNothingBesideABrokenCopy_FailsAndSaysSo) {
+  write_file(kGood, "broken");
+  fs::remove(kArchive);
+  EXPECT_EQ(
+      guard({"restore", "lan"}),
+      (Guarded{1, "scguard: /var/dataconfig/config_lan.good: corrupt or truncated gzip data\n"}));
+  EXPECT_EQ(read_file(kGood), "broken");
+  EXPECT_FALSE(exists(kArchive));
+}
+
+TEST_F(ScguardTest, RestoreOfABrokenArchiveBesideABrokenCopy_SaysBothAndSetsTheArchiveAside) {
+  write_file(kGood, "broken");
+  write_file(kArchive, "broken, too");
+  EXPECT_EQ(guard({"restore", "lan"}),
+            (Guarded{1,
+                     "scguard: /var/dataconfig/config_lan.good: corrupt or truncated gzip data\n"
+                     "scguard: /var/dataconfig/config_lan.bin: corrupt or truncated gzip data; "
+                     "there is no good copy, it is set aside as .bad\n"}));
+  EXPECT_EQ(read_file(kGood), "broken");
+  EXPECT_EQ(read_file(kBad), "broken, too");
+}
+
+TEST_F(ScguardTest, RestoreBesideAnEqualCopy_RemovesWhatWasHalfWritten) {
+  save(1);
+  EXPECT_EQ(guard({"keep", "lan"}).status, 0);
+  write_file(kNew, "half");
+  EXPECT_EQ(guard({"restore", "lan"}), (Guarded{0, ""}));
+  EXPECT_FALSE(exists(kNew));
+}
+
+TEST_F(ScguardTest, RestoreOfAllWithOneThatFails_RestoresTheOthersAndFails) {
+  for (const char* name : {"Wan", "Clients"}) {
+    area(name).init(1);
+    auto* block = block_at(area(name).get());
+    capture([&] { area(name).save_to_flash(block); });
+  }
+  write_file(kArchive, "broken");
+  const Guarded run = guard({"restore"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_EQ(run.said,
+            "scguard: /var/dataconfig/config_lan.bin: corrupt or truncated gzip data; there is no "
+            "good copy, it is set aside as .bad\n");
+  for (const char* copy :
+       {"/var/dataconfig/config_wan.good", "/var/dataconfig/config_clients.good"}) {
+    EXPECT_TRUE(exists(copy)) << copy;
+  }
 }
 
 TEST_F(ScguardTest, RestoreAfterACutDuringKeep_RemovesWhatWasHalfWritten) {

@@ -3,6 +3,7 @@
  */
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 
 #include "store/archives.h"
 #include "store/saved_lan.h"
+#include "support/locks.h"
 #include "support/trace.h"
 
 namespace sc_test {
@@ -318,11 +320,45 @@ TEST_F(TraceScguardTest, OnlyTheLockAndTheFreshFile_AreOpenedForWriting) {
       if (call.text(1) == "config_lan.new") {
         EXPECT_EQ(call.arguments[2] & (O_EXCL | O_CREAT | O_NOFOLLOW),
                   static_cast<uint64_t>(O_EXCL | O_CREAT | O_NOFOLLOW));
+        EXPECT_EQ(call.arguments[3], 0600u); /* until it has its owner and mode */
       }
     }
     return Fate{};
   });
   EXPECT_EQ(written, (std::vector<std::string>{kLock, "config_lan.new"}));
+}
+
+/* Of saves and of other guards. */
+TEST_F(TraceScguardTest, BothLocks_AreHeldUntilTheFolderIsOnTheFlash) {
+  save_two_states();
+  const int folder = open("/var/dataconfig", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  size_t calls = 0;
+  trace(kKeep, [&](const SystemCall& call) {
+    const bool last = call.call == SYS_syncfs && call.file(0) == "/var/dataconfig";
+    if (call.is_done || (!is_write(call) && !is_rename(call) && !last)) return Fate{};
+    ++calls;
+    EXPECT_TRUE(is_locked(kLock, 1)) << call.call;
+    EXPECT_NE(flock(folder, LOCK_EX | LOCK_NB), 0) << call.call;
+    return Fate{};
+  });
+  close(folder);
+  EXPECT_GE(calls, 3u);
+}
+
+TEST_F(TraceScguardTest, LockThatIsNotGranted_StopsBoth) {
+  save_two_states();
+  for (const Words& command : {kKeep, kRestore}) {
+#ifdef SYS_fcntl64
+    const long lock = SYS_fcntl64;
+#else
+    const long lock = SYS_fcntl;
+#endif
+    EXPECT_EQ(with_failing(command, lock, kLock, ENOLCK),
+              (Outcome{1, "",
+                       "scguard: /var/lock_store/lan_conf_lock cannot be locked: No locks "
+                       "available\n"}));
+    expect_unchanged();
+  }
 }
 
 /* What is copied is what was judged, whatever the name stands for by then. */

@@ -18,7 +18,7 @@ std::string padded(std::string bytes) {
   return bytes;
 }
 
-std::string octal(const char* format, size_t number) {
+std::string octal(const char* format, unsigned long long number) {
   char text[16];
   snprintf(text, sizeof text, format, number);
   return text;
@@ -51,6 +51,14 @@ std::string behind_pax(const std::string& records, const std::string& image, cha
 
 const std::string kZeros(kBlock, '\0');
 
+constexpr size_t kMostInFront = 64 * 1024; /* of the image's header */
+
+/* A record of pax of that many bytes. */
+std::string comment_of(size_t size) {
+  const size_t rest = pax_record("comment", std::string(size, 'x')).size() - size;
+  return pax_record("comment", std::string(size - rest, 'x'));
+}
+
 }  // namespace
 
 std::string tar_member(const std::string& content, const Member& member) {
@@ -62,7 +70,7 @@ std::string tar_member(const std::string& content, const Member& member) {
   put(100, "0000644");
   put(108, "0000000");
   put(116, "0000000");
-  put(124, member.size.empty() ? octal("%011zo", content.size()) : member.size);
+  put(124, member.size.empty() ? octal("%011llo", content.size()) : member.size);
   put(136, "00000000000");
   put(148, "        ");
   header[156] = member.type;
@@ -70,7 +78,7 @@ std::string tar_member(const std::string& content, const Member& member) {
   for (const auto& [at, text] : member.fields) put(at, text);
   unsigned sum = 0;
   for (const char byte : header) sum += static_cast<unsigned char>(byte);
-  put(148, octal("%06zo", sum) + '\0');
+  put(148, octal("%06llo", sum) + '\0');
   return header + padded(content);
 }
 
@@ -149,6 +157,10 @@ const std::vector<Sample>& samples() {
        [](std::string image) {
          return behind_pax(pax_record("comment", std::string(60000, 'x')), image);
        }},
+      {"PaxUpTo64KiBInFront", kGood, "",
+       [](std::string image) {
+         return behind_pax(comment_of(kMostInFront - kBlock), image);
+       }},
       {"GnuLongName", kGood, "",
        [](std::string image) {
          return archive_of(
@@ -167,11 +179,11 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return archive_of(tar_member(image, {.type = '7'})); }},
       {"SizeWithBlanks", kGood, "",
        [](std::string image) {
-         return archive_of(tar_member(image, {.size = octal("%11zo ", image.size())}));
+         return archive_of(tar_member(image, {.size = octal("%11llo ", image.size())}));
        }},
       {"SizeThatFillsItsField", kGood, "",
        [](std::string image) {
-         return archive_of(tar_member(image, {.size = octal("%012zo", image.size())}));
+         return archive_of(tar_member(image, {.size = octal("%012llo", image.size())}));
        }},
       {"SizeInBase256", kGood, "",
        [](std::string image) {
@@ -188,6 +200,8 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return archive_of(tar_member(image) + std::string(10240, '\0')); }},
       {"SixtyThreeKiBBehind", kGood, "",
        [](std::string image) { return gzipped(tar_member(image) + std::string(64512, '\0')); }},
+      {"SixtyFourKiBBehind", kGood, "",
+       [](std::string image) { return gzipped(tar_member(image) + std::string(65536, '\0')); }},
       {"JunkBehindTheEnd", kGood, "",
        [](std::string image) {
          return archive_of(tar_member(image) + tar_end() + std::string(2000, 'x'));
@@ -275,6 +289,13 @@ const std::vector<Sample>& samples() {
              tar_member(std::string("tmp/x") + '\0', {.name = "././@LongLink", .type = 'L'}) +
              tar_member(image));
        }},
+      {"PaxNameForAllAlone", kNotForTar, "holds another file",
+       [](std::string image) {
+         Member other = kUstar;
+         other.name = "var/x";
+         return archive_of(pax_header(pax_record("path", kLanMember), 'g') +
+                           tar_member(image, other));
+       }},
       {"Link", kNotForTar, "holds no plain file",
        [](std::string image) { return archive_of(tar_member(image, {.type = '2'})); }},
       {"Folder", kNotForTar, "holds no plain file",
@@ -287,6 +308,14 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return behind_pax(pax_record("size", "512"), image); }},
       {"PaxSizeIsNoNumber", kNotForTar, "invalid extended header",
        [](std::string image) { return behind_pax(pax_record("size", "1x"), image); }},
+      {"PaxSizeBehindABlank", kNotForTar, "invalid extended header",
+       [](std::string image) {
+         return behind_pax(pax_record("size", " " + std::to_string(image.size())), image);
+       }},
+      {"PaxNameWithANul", kUnpacked, "invalid extended header",
+       [](std::string image) {
+         return behind_pax(pax_record("path", kLanMember + std::string("\0x", 2)), image);
+       }},
       {"PaxWithoutASize", kNotForTar, "invalid extended header",
        [](std::string image) { return behind_pax("mtime=1.5\n", image); }},
       {"PaxLongerThanItsHeader", kNotForTar, "invalid extended header",
@@ -295,6 +324,10 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return behind_pax("13 mtime=1.5x", image); }},
       {"PaxWithoutAnEqualsSign", kNotForTar, "invalid extended header",
        [](std::string image) { return behind_pax("9 mtime5\n", image); }},
+      {"PaxOfOneByteMoreThan64KiBInFront", kUnpacked, "invalid extended header",
+       [](std::string image) {
+         return behind_pax(comment_of(kMostInFront - kBlock + 1), image);
+       }},
       {"PaxOf70KiB", kUnpacked, "invalid extended header",
        [](std::string image) {
          return behind_pax(pax_record("comment", std::string(70000, 'x')), image);
@@ -307,7 +340,19 @@ const std::vector<Sample>& samples() {
        }},
       {"SizeWithJunk", kNotForTar, "invalid number in the header",
        [](std::string image) {
-         return archive_of(tar_member(image, {.size = octal("%zoxyz", image.size())}));
+         return archive_of(tar_member(image, {.size = octal("%lloxyz", image.size())}));
+       }},
+      {"ModeIsNoNumber", kNotForTar, "invalid number in the header",
+       [](std::string image) {
+         return archive_of(tar_member(image, {.fields = {{100, "zzzzzzz"}}}));
+       }},
+      {"UserIsNoNumber", kNotForTar, "invalid number in the header",
+       [](std::string image) {
+         return archive_of(tar_member(image, {.fields = {{108, "zzzzzzz"}}}));
+       }},
+      {"GroupIsNoNumber", kNotForTar, "invalid number in the header",
+       [](std::string image) {
+         return archive_of(tar_member(image, {.fields = {{116, "zzzzzzz"}}}));
        }},
       {"TimeIsNoNumber", kNotForTar, "invalid number in the header",
        [](std::string image) {
@@ -317,6 +362,10 @@ const std::vector<Sample>& samples() {
        [](std::string image) {
          return archive_of(tar_member(image, {.fields = {{329, "zzzzzzz"}}}));
        }},
+      {"MinorDeviceIsNoNumber", kNotForTar, "invalid number in the header",
+       [](std::string image) {
+         return archive_of(tar_member(image, {.fields = {{337, "zzzzzzz"}}}));
+       }},
       {"OneByteShort", kNotForTar, "image of another size",
        [](std::string image) { return archive_of(tar_member(image.substr(0, image.size() - 1))); }},
       {"OneByteLong", kNotForTar, "image of another size",
@@ -325,6 +374,11 @@ const std::vector<Sample>& samples() {
        [](std::string image) {
          return archive_of(
              tar_member(image, {.size = base_256((1ull << 32) + image.size()).substr(0, 12)}));
+       }},
+      {"SizeBeyond32BitsInOctal", kNotForTar, "image of another size",
+       [](std::string image) {
+         return archive_of(
+             tar_member(image, {.size = octal("%011llo", (1ull << 32) + image.size())}));
        }},
       {"SecondMember", kNotForTar, "holds a second member",
        [](std::string image) {
@@ -342,6 +396,10 @@ const std::vector<Sample>& samples() {
        }},
       {"SixtyFiveKiBBehind", kUnpacked, "more than 64 KiB behind the image",
        [](std::string image) { return gzipped(tar_member(image) + std::string(66560, '\0')); }},
+      {"OneBlockMoreThan64KiBBehind", kUnpacked, "more than 64 KiB behind the image",
+       [](std::string image) {
+         return gzipped(tar_member(image) + std::string(65536 + kBlock, '\0'));
+       }},
 
       /* ---- not the area's image ---- */
       {"AnotherLockPath", kUnpacked, "another lock path",
