@@ -11,6 +11,7 @@
 #include <regex>
 #include <string>
 
+#include <sysconfig/core.h>
 #include <sysconfig/lan.h>
 
 #include "support/output.h"
@@ -76,6 +77,23 @@ TEST_F(TraceWatchTest, ItHasNoSocketAndTakesNoLock) {
                             SYS_sendto, SYS_unlink, SYS_unlinkat, SYS_rename, SYS_renameat2}) {
     EXPECT_EQ(count[number], 0u) << number;
   }
+}
+
+TEST_F(TraceWatchTest, ChangesOfAnAreaThatIsNotWatched_DoNotKeepItAwake) {
+  started<WanBlock>("Wan");
+  size_t waits = 0;
+  bool sleeps = false;
+  const Outcome outcome = trace(scctl({"watch", "Wan"}), [&](const SystemCall& call) {
+    if (call.is_done || call.call != SYS_ppoll) return Fate{};
+    if (++waits == 1) close(open("/var/lock_store/lan_conf_lock", O_RDWR));
+    if (waits == 2) {
+      sleeps = call.bytes(2, 8) != std::string(8, '\0');
+      kill(call.process, SIGTERM);
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(outcome, (Outcome{0, "watching\n", ""}));
+  EXPECT_TRUE(sleeps);
 }
 
 TEST_F(TraceWatchTest, WithoutInotify_ItSaysSoAndLooksAllTheSame) {

@@ -362,7 +362,7 @@ const std::vector<Sample>& samples() {
        [](std::string image) {
          return archive_of(tar_member(image, {.fields = {{329, "zzzzzzz"}}}));
        }},
-      {"MinorDeviceIsNoNumber", kNotForTar, "invalid number in the header",
+      {"MinorDeviceIsNoNumber", kUnpacked, "invalid number in the header",
        [](std::string image) {
          return archive_of(tar_member(image, {.fields = {{337, "zzzzzzz"}}}));
        }},
