@@ -259,6 +259,23 @@ TEST_F(TraceScguardTest, BrokenArchiveThatCannotBeReadAgain_IsNotKnown) {
   expect_unchanged();
 }
 
+TEST_F(TraceScguardTest, CallsThatASignalInterrupts_AreMadeAgain) {
+  save_two_states();
+  size_t reads = 0, waits = 0;
+  const Outcome outcome = trace(kKeep, [&](const SystemCall& call) {
+    if (call.is_done) return Fate{};
+    const bool is_of_gzip = call.call == SYS_read && call.file(0).starts_with("pipe:");
+    if ((is_of_gzip && ++reads == 1) || (call.call == SYS_wait4 && ++waits == 1)) {
+      return Fate{Fate::kFails, EINTR};
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(outcome, (Outcome{0, "", ""}));
+  EXPECT_GT(reads, 1u);
+  EXPECT_GT(waits, 1u);
+  EXPECT_EQ(read_file(kGood), archive_);
+}
+
 /* ---- order ---- */
 
 /* The calls of the guard itself that matter to what a cut leaves, by name and file. */

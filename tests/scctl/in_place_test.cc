@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,6 +69,14 @@ bool is_locked(const std::string& path) {
   const bool locked = flock(file, LOCK_EX | LOCK_NB) != 0;
   close(file);
   return locked;
+}
+
+pid_t child_of(pid_t parent) {
+  const std::string children =
+      "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent) + "/children";
+  pid_t child = 0;
+  EXPECT_TRUE(comes_true([&] { return bool(std::ifstream(children) >> child); }));
+  return child;
 }
 
 class InPlaceTest : public InPlaceCase {
@@ -166,6 +175,16 @@ TEST_F(InPlaceTest, WhenTheFileGoesAwayMeanwhile_SaysThatThereIsNone) {
   EXPECT_TRUE(names_in(kFolder).empty());
 }
 
+TEST_F(InPlaceTest, WhenItsFolderGoesAwayMeanwhile_SaysThatThereIsNone) {
+  FileLock other(kImage);
+  Program edit(edit_flag("7"));
+  ASSERT_TRUE(waits_for_a_file(edit.pid()));
+  fs::remove_all(kFolder);
+  other.release();
+  EXPECT_EQ(edit.wait(),
+            (Outcome{3, "", std::string("scctl: ") + kImage + ": No such file or directory\n"}));
+}
+
 TEST_F(InPlaceTest, DryRun_WritesNothingAndWaitsForNobody) {
   const std::string exported = run(scctl({"export", "--image", kImage})).out;
   write_file("/var/edited/other.cfg", is_);
@@ -207,6 +226,7 @@ TEST_F(InPlaceTest, ASignalInTheMiddle_LeavesTheFileAndNothingElse) {
 TEST_F(InPlaceTest, AnIgnoredSignal_StaysIgnored) {
   OpenBatch batch({"sh", "-c", "trap '' HUP; exec \"$@\"", "sh"});
   kill(batch.program().pid(), SIGHUP);
+  kill(child_of(batch.program().pid()), SIGHUP); /* a terminal tells both */
   batch.end_input();
   const Outcome outcome = batch.program().wait();
   EXPECT_EQ(outcome, (Outcome{0, "7\ncommands done: 2\n", ""}));
@@ -224,12 +244,7 @@ TEST_F(InPlaceTest, WhenTheCallerIgnoresTheEndOfChildren_TheEditIsStillWaitedFor
 
 TEST_F(InPlaceTest, AChildThatIsEndedByItself_IsTold) {
   OpenBatch batch;
-  const pid_t parent = batch.program().pid();
-  const std::string children =
-      "/proc/" + std::to_string(parent) + "/task/" + std::to_string(parent) + "/children";
-  pid_t child = 0;
-  ASSERT_TRUE(comes_true([&] { return bool(std::ifstream(children) >> child); }));
-  ASSERT_EQ(kill(child, SIGTERM), 0);
+  ASSERT_EQ(kill(child_of(batch.program().pid()), SIGTERM), 0);
   batch.end_input();
   const Outcome outcome = batch.program().wait();
   EXPECT_EQ(outcome.status, 1) << outcome;
@@ -373,6 +388,23 @@ TEST_F(InPlaceTest, WithStandardInputOrErrorClosed_TheFileHoldsTheEditAlone) {
 }
 
 /* ---- the machine's own ---- */
+
+/* A mount in one of several namespaces that share /var is one in all of them. */
+TEST_F(InPlaceTest, AnEditWhereVarIsShared_HidesItFromNobody) {
+  ASSERT_EQ(mount("none", "/var", nullptr, MS_REC | MS_SHARED, nullptr), 0);
+  EXPECT_EQ(run(edit()), (Outcome{0, "", ""}));
+  EXPECT_EQ(mount("none", "/var", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+  ASSERT_TRUE(exists(kImage));
+  EXPECT_EQ(kind_of(read_file(kImage)), "new");
+}
+
+TEST_F(InPlaceTest, AnEditWithoutAPath_FindsTheProgramsOfASave) {
+  write_file(kArchive, archive_);
+  Words words = {"sh", "-c", "unset PATH; exec \"$@\"", "sh"};
+  for (const std::string& word : edit(kArchive)) words.push_back(word);
+  EXPECT_EQ(run(words), (Outcome{0, "", ""}));
+  EXPECT_EQ(kind_of(image_of(kArchive)), "new");
+}
 
 /* Programs that a save runs, as stand-ins outside of /var, which an edit hides: each notes its call. */
 class NotedPrograms {

@@ -137,6 +137,9 @@ TEST_F(TraceInPlaceTest, TheNewFileIsOnTheDiskBeforeItIsLookedAtForTheLastTimeAn
                       opened += call.text(1) == kImage;
                       const int flags = static_cast<int>(call.arguments[2]);
                       const std::string name = call.text(1);
+                      if (name == kImage || name == std::string(kFolder) + "/") {
+                        EXPECT_NE(flags & O_CLOEXEC, 0) << name; /* a save runs programs */
+                      }
                       if ((flags & O_ACCMODE) != O_RDONLY && !name.starts_with("/proc/")) {
                         written.insert(name);
                       }

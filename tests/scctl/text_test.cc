@@ -143,6 +143,17 @@ TEST(Letters, WhatIsNoUtf8_IsReadByteByByteAndIsHarmful) {
   }
 }
 
+/* The bytes behind a field that is full are another's. */
+TEST(Letters, ALetterThatIsCut_IsNotReadBeyondItsText) {
+  for (const std::string text : {"\xc3\xbc", "\xe4\xb8\xad", "\xf0\x9f\x98\x80"}) {
+    for (size_t size = 1; size < text.size(); ++size) {
+      const Letter letter = next_letter(text.data(), size);
+      EXPECT_FALSE(letter.is_utf8) << escaped(text) << " of " << size;
+      EXPECT_EQ(letter.size, 1);
+    }
+  }
+}
+
 TEST(Letters, ThoseThatSteerATerminalOrTurnTheDirection_AreHarmful) {
   const auto is_harmful = [](uint32_t code) {
     return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c || code == 0x200e ||

@@ -221,6 +221,12 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return flipped(archive_of(tar_member(image)), 8); }},
       {"AnotherLength", kNotForTar, "corrupt or truncated gzip data",
        [](std::string image) { return flipped(archive_of(tar_member(image)), 4); }},
+      {"AnotherChecksumFarBehindASecondMember", kNotForTar, "corrupt or truncated gzip data",
+       [](std::string image) {
+         return flipped(
+             archive_of(tar_member(image) + tar_member(std::string(50000, 'x'), {.name = "var/x"})),
+             8);
+       }},
       {"LastByteIsMissing", kNotForTar, "corrupt or truncated gzip data",
        [](std::string image) {
          const std::string whole = archive_of(tar_member(image));
