@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/stat.h>
+#include <sched.h>
 #include <signal.h>
 #include <stddef.h>
 #include <string.h>
@@ -179,6 +180,18 @@ TEST_F(TraceInPlaceTest, TheNewFileIsOnTheDiskBeforeItIsLookedAtForTheLastTimeAn
   EXPECT_EQ(written, (std::set<std::string>{kImage, "lan.cfg.scctl-tmp", "/var/bin/change_event",
                                             "/var/bin/send_event", "/var/bin/sync",
                                             "/var/lock_store/lan_conf_lock"}));
+}
+
+/* Else the edit would be one of the machine's own area. */
+TEST_F(TraceInPlaceTest, WithoutRights_TheUserNamespaceComesWithIpcAndMountsOfItsOwn) {
+  std::vector<uint64_t> asked;
+  trace(edit(), [&](const SystemCall& call) {
+    if (call.is_done || call.call != SYS_unshare) return Fate{};
+    asked.push_back(call.arguments[0]);
+    return asked.size() == 1 ? Fate{Fate::kFails, EPERM} : Fate{};
+  });
+  EXPECT_EQ(asked, (std::vector<uint64_t>{CLONE_NEWIPC | CLONE_NEWNS,
+                                          CLONE_NEWUSER | CLONE_NEWIPC | CLONE_NEWNS}));
 }
 
 /* ---- calls that fail ---- */
