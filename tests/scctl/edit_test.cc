@@ -470,5 +470,23 @@ TEST_F(EditTest, ADamagedHeader_IsNotEdited) {
   }
 }
 
+TEST_F(EditTest, ADamagedHeaderOfAnAreaThatADeletionReachesInto_StopsItBeforeAnything) {
+  done({"add", "ip_groups/1", "leading_text=office"});
+  done({"add", "ip_filter/1", "ip_mode=1", "ip_group_id=1"});
+  for (const char* area_name : {"FwIpport", "Qos", "IpGroup"}) {
+    const Image whole = image(area_name), rules = image("FwIpport"), groups = image("IpGroup");
+    block(area_name)[2] = 'X';
+    Listener listener;
+    EXPECT_EQ(run(scctl({"del", "ip_groups/1"})),
+              (Outcome{1, "",
+                       std::string("scctl: area ") + area_name + " is damaged; scctl check " +
+                           area_name + " tells more\n"}));
+    EXPECT_TRUE(listener.codes().empty());
+    memcpy(block(area_name), whole.data(), 134);
+    EXPECT_TRUE(rules.matches(block("FwIpport")));
+    EXPECT_TRUE(groups.matches(block("IpGroup")));
+  }
+}
+
 }  // namespace
 }  // namespace sc_test

@@ -104,6 +104,24 @@ TEST_F(TraceEditTest, AChange_IsWrittenUnderItsLockAndAnnouncedBehindIt) {
   EXPECT_EQ(listener.codes(), std::vector<int32_t>{1});
 }
 
+TEST_F(TraceEditTest, Restore_AnnouncesTheAreaOnceItIsLoaded) {
+  done({"add", "lan_binds/2", "mac=00:11:22:33:44:55"});
+  done({"save", "Lan"});
+  const Image saved = image("Lan");
+  done({"clear", "lan_binds"});
+  Listener listener;
+  int announced = 0;
+  const Outcome outcome = trace(scctl({"restore", "Lan"}), [&](const SystemCall& call) {
+    if (call.is_done || call.call != SYS_connect) return Fate{};
+    ++announced;
+    EXPECT_TRUE(saved.matches(block("Lan")));
+    return Fate{};
+  });
+  EXPECT_EQ(outcome, (Outcome{0, "", ""}));
+  EXPECT_EQ(announced, 1);
+  EXPECT_EQ(listener.codes(), std::vector<int32_t>{1});
+}
+
 TEST_F(TraceEditTest, Set_KeepsWhatAnotherProgramChangesMeanwhile) {
   done({"add", "lan_binds/2", "mac=00:11:22:33:44:55", "name=before"});
   auto& record = block_as<LanBlock>("Lan")->lan_binds[1];
