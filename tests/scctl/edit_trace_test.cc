@@ -236,6 +236,30 @@ TEST_F(TraceEditTest, ARecordThatChangesBeforeAnImportDeletesIt_Stays) {
   EXPECT_EQ(record.slot_id, 2);
 }
 
+TEST_F(TraceEditTest, ARecordThatGoesBeforeAnImportDeletesIt_IsGoneAllTheSame) {
+  done({"add", "lan_binds/2", "mac=00:11:22:33:44:55"});
+  done({"add", "lan_binds/3", "mac=00:11:22:33:44:56", "ip=10.0.0.3"});
+  auto& lan = *block_as<LanBlock>("Lan");
+  const Outcome outcome = trace(
+      scctl({"import", "-"}),
+      [&](const SystemCall& call) {
+        const LockCall lock = lock_call(call);
+        const bool first = lock.is_lock && lock.type == F_WRLCK && lock.first == 3;
+        if (!call.is_done && first && lan.lan_binds[1].slot_id == 2) {
+          lan.lan_binds[1].slot_id = -1;
+          --lan.lan_bind_count;
+        }
+        return Fate{};
+      },
+      "{\"Lan\": {\"lan_binds\": []}}");
+  EXPECT_EQ(outcome, (Outcome{0,
+                              "lan_binds: 0 added, 0 changed, 1 deleted\n"
+                              "tables changed: 1\n",
+                              ""}));
+  EXPECT_EQ(lan.lan_binds[2].slot_id, -1);
+  EXPECT_EQ(lan.lan_bind_count, 0u);
+}
+
 /* No rule refers to a group that is not there, neither while both come nor while both go. */
 TEST_F(TraceEditTest, ImportAndDelete_LeaveNoRuleWithoutItsGroup) {
   done({"add", "ip_groups/2", "leading_text=office"});
@@ -442,6 +466,26 @@ TEST_F(TraceEditTest, Repair_WaitsForByte0AloneAndGathersWhatItMends) {
   });
   EXPECT_EQ(steps, (std::vector<std::string>{"wait 0+1", "try 1+1", "try 1+1", "try 2+1", "try 9+1",
                                              "try 3+1", "try 2+32"}));
+}
+
+TEST_F(TraceEditTest, AWordThatAnotherProgramWritesBeforeItIsMended_StaysAsItIs) {
+  auto& lan = *block_as<LanBlock>("Lan");
+  lan.lan_binds[1].slot_id = 9;
+  lan.lan_bind_count = 1;
+  const Outcome outcome = trace(scctl({"repair", "Lan"}), [&](const SystemCall& call) {
+    const LockCall lock = lock_call(call);
+    if (!call.is_done && lock.is_lock && lock.type == F_WRLCK && lock.first == 3) {
+      lan.lan_binds[1].slot_id = -1; /* freed */
+      lan.lan_bind_count = 0;
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(outcome, (Outcome{1,
+                              "lan_binds/2: its id word is 9; not mended: another program uses "
+                              "it; try again\n"
+                              "areas repaired: 1, mended: 0, left: 1\n",
+                              ""}));
+  EXPECT_EQ(lan.lan_binds[1].slot_id, -1);
 }
 
 TEST_F(TraceEditTest, RepairKilledAtAnyCall_LeavesEachWordOldOrNew) {
