@@ -468,6 +468,30 @@ TEST_F(TraceEditTest, Repair_WaitsForByte0AloneAndGathersWhatItMends) {
                                              "try 3+1", "try 2+32"}));
 }
 
+TEST_F(TraceEditTest, RepairThatLacksOneOfItsBytes_HoldsNoneWhileItPauses) {
+  auto& lan = *block_as<LanBlock>("Lan");
+  lan.lan_binds[0].lock_index = 9;
+  LockHolder holder(lock_file("Lan"), 9);
+  std::set<int64_t> held;
+  int pauses = 0;
+  const Outcome outcome = trace(scctl({"repair", "Lan"}), [&](const SystemCall& call) {
+    const LockCall lock = lock_call(call);
+    if (call.is_done && lock.is_lock && lock.type == F_UNLCK) held.erase(lock.first);
+    if (call.is_done && lock.is_lock && lock.type == F_WRLCK && call.result == 0) {
+      held.insert(lock.first);
+    }
+    const bool pause = call.call == SYS_clock_nanosleep || call.call == SYS_nanosleep;
+    if (!call.is_done && pause) {
+      EXPECT_EQ(held, std::set<int64_t>{0});
+      if (++pauses == 5) holder.release();
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_EQ(pauses, 5);
+  EXPECT_EQ(lan.lan_binds[0].lock_index, 2);
+}
+
 TEST_F(TraceEditTest, AWordThatAnotherProgramWritesBeforeItIsMended_StaysAsItIs) {
   auto& lan = *block_as<LanBlock>("Lan");
   lan.lan_binds[1].slot_id = 9;
