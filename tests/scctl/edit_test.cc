@@ -363,6 +363,21 @@ TEST_F(EditTest, DelOfATimeGroup_TakesRulesOfMode2InFourAreas) {
   }
 }
 
+TEST_F(EditTest, DelOfAGroupWhoseRuleCannotGo_LeavesTheGroup) {
+  done({"add", "ip_groups/1", "leading_text=office"});
+  done({"add", "ip_filter/1", "ip_mode=1", "ip_group_id=1"});
+  block_as<FwIpportBlock>("FwIpport")->rules[0].lock_index = 9;
+  const Image rules = image("FwIpport"), groups = image("IpGroup");
+  Listener listener;
+  EXPECT_EQ(run(scctl({"del", "ip_groups/1"})),
+            (Outcome{1, "",
+                     "scctl: ip_filter/1: its lock word is damaged; scctl check FwIpport tells "
+                     "more\n"}));
+  EXPECT_TRUE(rules.matches(block("FwIpport")));
+  EXPECT_TRUE(groups.matches(block("IpGroup")));
+  EXPECT_TRUE(listener.codes().empty());
+}
+
 TEST_F(EditTest, DelOfAGroupAndOfARuleThatGoesWithIt_IsDone) {
   done({"add", "ip_groups/1", "leading_text=office"});
   done({"add", "ip_filter/1", "ip_mode=1", "ip_group_id=1"});
