@@ -96,7 +96,10 @@ TEST_F(TraceEditTest, AChange_IsWrittenUnderItsLockAndAnnouncedBehindIt) {
                                             : "try ") +
                       std::to_string(lock.first) + "+" + std::to_string(lock.count) + " " + state);
     }
-    if (!call.is_done && call.call == SYS_connect) steps.push_back("connect " + state);
+    if (!call.is_done && call.call == SYS_connect) {
+      steps.push_back("connect " + state);
+      EXPECT_FALSE(is_locked(lock_file("Lan"), 0)); /* others may edit already */
+    }
     return Fate{};
   });
   EXPECT_EQ(steps, (std::vector<std::string>{"wait 0+1 old", "wait 3+1 old", "unlock 3+1 new",
