@@ -448,6 +448,28 @@ TEST_F(EditTest, BindWaitsForOtherEditorsOfBothAreas) {
   }
 }
 
+TEST_F(EditTest, ADeletionWaitsForOtherEditorsOfEveryAreaThatItReachesInto) {
+  done({"add", "ip_groups/1", "leading_text=office"});
+  done({"add", "time_groups/1", "leading_text=night"});
+  done({"add", "ap_templates/1", "template_name=lobby"});
+  const struct {
+    Words command;
+    std::vector<std::string> areas;
+  } kDeletions[] = {
+      {{"del", "ip_groups/1"}, {"IpGroup", "FwIpport", "Qos"}},
+      {{"del", "time_groups/1"}, {"TimeGroup", "FwIpport", "FwMac", "FwUrl", "Qos"}},
+      {{"del", "ap_templates/1"}, {"ApTemplateList", "ManageApList"}},
+      {{"clear", "ap_templates"}, {"ApTemplateList", "ManageApList"}},
+  };
+  for (const auto& deletion : kDeletions) {
+    for (const std::string& area_name : deletion.areas) {
+      LockHolder holder(lock_file(area_name), 0);
+      Program program(scctl(deletion.command)); /* killed while it waits */
+      EXPECT_TRUE(becomes_blocked(program.pid(), lock_file(area_name), 0)) << area_name;
+    }
+  }
+}
+
 TEST_F(EditTest, ASignalThatComesWhileARecordIsWaitedFor_EndsTheEditWithoutAWrite) {
   const Image before = image("Lan");
   LockHolder holder(lock_file("Lan"), 2);
