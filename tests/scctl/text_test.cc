@@ -116,6 +116,21 @@ std::string random_text(Random& random) {
   return text;
 }
 
+/* ---- text that grows ---- */
+
+TEST(GrowingText, WhatIsPrinted_IsThereWholeWhateverItsLength) {
+  for (size_t before = 0; before < 130; ++before) {
+    for (size_t size = 0; size < 300; ++size) {
+      const std::string first(before, 'a'), second(size, 'b');
+      scctl::Text text;
+      text.add(first.data(), first.size());
+      text.print("%s", second.c_str());
+      ASSERT_EQ(text.c_str(), first + second);
+      ASSERT_EQ(text.size(), before + size);
+    }
+  }
+}
+
 /* ---- letters ---- */
 
 TEST(Letters, EachCodeOfUnicode_IsReadAsItself) {
