@@ -259,11 +259,26 @@ TEST_F(WatchTest, OtherAreas_AreShownWhenNoneIsNamed_AndNotWhenOneIs) {
   EXPECT_EQ(all.line(), "client_groups/1: deleted group_name=lobby");
 }
 
+TEST_F(WatchTest, TheFirstAndTheLastTable_AreLookedAt) {
+  auto* clients = started<ClientsBlock>("Clients");
+  ClientsItem client = {};
+  memcpy(client.client_mac,
+         "\x02"
+         "abcde",
+         6);
+  Watch watch({});
+  ASSERT_EQ(AddClientsItem(clients, &client), SC_LIST_OK);
+  EXPECT_EQ(watch.line(), "clients/1: added client_mac=02:61:62:63:64:65");
+  EXPECT_EQ(run(scctl({"set", "lan_settings/1", "settings=01"})).status, 0);
+  EXPECT_EQ(watch.line(), "lan_settings/1.settings: 1 bytes differ, the first at 0");
+}
+
 TEST_F(WatchTest, AnAccessPoint_IsAddedOnceWhenItIsFilledUnderItsByte) {
   auto* aps = started<ManageApListBlock>("ManageApList");
   ApLimitsRecord limits = {};
   limits.max_ap_count = 300;
   const uint8_t mac[] = {0, 1, 2, 3, 4, 5};
+  const char info[sizeof aps->aps[0].group_info] = "lobby"; /* the library copies all of it */
   const std::string lock = golden_area("ManageApList").lock_path;
   Watch watch({"ManageApList"});
   for (int round = 0; round < 2; ++round) {
@@ -280,7 +295,7 @@ TEST_F(WatchTest, AnAccessPoint_IsAddedOnceWhenItIsFilledUnderItsByte) {
     aps->aps[0].group_id = 7;
     close(file);
     EXPECT_EQ(watch.line(), "aps/1: added ap_mac=00:01:02:03:04:05 group_id=7");
-    ASSERT_EQ(SC_Ap_Add_GroupInfo_by_Mac(aps, "lobby", 9, mac), 1);
+    ASSERT_EQ(SC_Ap_Add_GroupInfo_by_Mac(aps, info, 9, mac), 1);
     EXPECT_EQ(watch.lines(2), (Lines{"aps/1.group_id: 7 -> 9", "aps/1.group_info: '' -> lobby"}));
     ASSERT_EQ(SC_Del_Ap_Info_by_Mac(aps, mac), 1);
     EXPECT_EQ(watch.line(), "aps/1: deleted ap_mac=00:01:02:03:04:05 group_id=9 group_info=lobby");
