@@ -400,7 +400,8 @@ TEST_F(InPlaceTest, AnEditWhereVarIsShared_HidesItFromNobody) {
 
 TEST_F(InPlaceTest, AnEditWithoutAPath_FindsTheProgramsOfASave) {
   write_file(kArchive, archive_);
-  Words words = {"sh", "-c", "unset PATH; exec \"$@\"", "sh"};
+  Words words = {"sh", "-c",
+                 "program=$(command -v \"$1\"); shift; unset PATH; exec \"$program\" \"$@\"", "sh"};
   for (const std::string& word : edit(kArchive)) words.push_back(word);
   EXPECT_EQ(run(words), (Outcome{0, "", ""}));
   EXPECT_EQ(kind_of(image_of(kArchive)), "new");
