@@ -1,5 +1,5 @@
 /* Values of fields as text: how they are written, read and checked. A value is always worked on in
- * a record; the item that the library takes is made of the record at the end.
+ * a record.
  */
 #ifndef SCCTL_VALUE_H
 #define SCCTL_VALUE_H
