@@ -5,18 +5,20 @@
 
 using namespace sc;
 
-uint32_t SC_Get_DefApTemplate_System_Config(void) { return get(kDefApTemplate); }
+uint32_t SC_Get_DefApTemplate_System_Config(void) { return attach_area(kDefApTemplate); }
 
-int SC_Uninit_System_DefApTemplate_Config(void) { return uninit(kDefApTemplate); }
+int SC_Uninit_System_DefApTemplate_Config(void) { return remove_area(kDefApTemplate); }
 
-int SC_Init_System_DefApTemplate_Config(int read_flag) { return init(read_flag, kDefApTemplate); }
-
-int SC_Read_System_DefApTemplate_Config(DefApTemplateBlock* block) {
-  return read(block, kDefApTemplate);
+int SC_Init_System_DefApTemplate_Config(int read_flag) {
+  return init_area(read_flag, kDefApTemplate);
 }
 
-void SC_Save_System_DefApTemplate_Config(void) { save(kDefApTemplate); }
+int SC_Read_System_DefApTemplate_Config(DefApTemplateBlock* block) {
+  return load_area(block, kDefApTemplate);
+}
+
+void SC_Save_System_DefApTemplate_Config(void) { announce_area(kDefApTemplate); }
 
 void SC_Save_System_DefApTemplate_Config2Flash(DefApTemplateBlock* block) {
-  save_to_flash(block, kDefApTemplate);
+  save_area(block, kDefApTemplate);
 }

@@ -4,14 +4,11 @@
 #include <sysconfig/ap.h>
 
 #include "core/area.h"
-#include "ap/id_table.h"
+#include "ap/rows.h"
 
 using namespace sc;
 
 namespace {
-
-constexpr IdTable kAps =
-    SC_ID_TABLE(ManageApListBlock, header.lock_path, aps, ApInfoRecord, ap_id, ap_mac);
 
 constexpr int8_t kOffline = -2;
 constexpr char kNoInfo[sizeof(ApInfoRecord::group_info)] = {};
@@ -31,21 +28,23 @@ int32_t bind(ManageApListBlock* block, const char* info, int group, const uint8_
 
 }  // namespace
 
-uint32_t SC_Get_ManageApList_System_Config(void) { return get(kManageApList); }
+uint32_t SC_Get_ManageApList_System_Config(void) { return attach_area(kManageApList); }
 
-int SC_Uninit_System_ManageApList_Config(void) { return uninit(kManageApList); }
+int SC_Uninit_System_ManageApList_Config(void) { return remove_area(kManageApList); }
 
-int SC_Init_System_ManageApList_Config(int read_flag) { return init(read_flag, kManageApList); }
+int SC_Init_System_ManageApList_Config(int read_flag) {
+  return init_area(read_flag, kManageApList);
+}
 
 int SC_Read_System_ManageApList_Config(ManageApListBlock* block) {
   SC_CleanWtpFragBuffer(block);
-  return read(block, kManageApList);
+  return load_area(block, kManageApList);
 }
 
-void SC_Save_System_ManageApList_Config(void) { save(kManageApList); }
+void SC_Save_System_ManageApList_Config(void) { announce_area(kManageApList); }
 
 void SC_Save_System_ManageApList_Config2Flash(ManageApListBlock* block) {
-  save_to_flash(block, kManageApList);
+  save_area(block, kManageApList);
 }
 
 int32_t SC_Get_Ap_Info_By_Id(const ManageApListBlock* block, uint32_t id) {

@@ -5,14 +5,11 @@
 #include <sysconfig/ap.h>
 
 #include "core/area.h"
-#include "ap/id_table.h"
+#include "ap/rows.h"
 
 using namespace sc;
 
 namespace {
-
-constexpr IdTable kTemplates = SC_ID_TABLE(ApTemplateListBlock, header.lock_path, templates,
-                                           ApTemplateRecord, template_id, bound_ap_mac);
 
 static_assert(sizeof(ApTemplateRecord::template_name) == sizeof(ApInfoRecord::group_info));
 
@@ -27,7 +24,7 @@ void change_binding(ApTemplateListBlock* block, ManageApListBlock* aps, uint32_t
                     const uint8_t* mac, bool bind) {
   LockFile file(block->header.lock_path);
   if (!file) return;
-  int32_t position = find_id(block, id, kTemplates);
+  int32_t position = find_id(block, id, kApTemplates);
   if (position < 0) return;
   ApTemplateRecord& target = block->templates[position];
   ByteLock lock(file, &target.lock_index);
@@ -45,39 +42,41 @@ void change_binding(ApTemplateListBlock* block, ManageApListBlock* aps, uint32_t
 
 }  // namespace
 
-uint32_t SC_Get_ApTemplateList_System_Config(void) { return get(kApTemplateList); }
+uint32_t SC_Get_ApTemplateList_System_Config(void) { return attach_area(kApTemplateList); }
 
-int SC_Uninit_System_ApTemplateList_Config(void) { return uninit(kApTemplateList); }
+int SC_Uninit_System_ApTemplateList_Config(void) { return remove_area(kApTemplateList); }
 
-int SC_Init_System_ApTemplateList_Config(int read_flag) { return init(read_flag, kApTemplateList); }
-
-int SC_Read_System_ApTemplateList_Config(ApTemplateListBlock* block) {
-  return read(block, kApTemplateList);
+int SC_Init_System_ApTemplateList_Config(int read_flag) {
+  return init_area(read_flag, kApTemplateList);
 }
 
-void SC_Save_System_ApTemplateList_Config(void) { save(kApTemplateList); }
+int SC_Read_System_ApTemplateList_Config(ApTemplateListBlock* block) {
+  return load_area(block, kApTemplateList);
+}
+
+void SC_Save_System_ApTemplateList_Config(void) { announce_area(kApTemplateList); }
 
 void SC_Save_System_ApTemplateList_Config2Flash(ApTemplateListBlock* block) {
-  save_to_flash(block, kApTemplateList);
+  save_area(block, kApTemplateList);
 }
 
 int32_t SC_Get_AP_Template_Info_By_Id(const ApTemplateListBlock* block, uint32_t id) {
-  return find_id(block, id, kTemplates);
+  return find_id(block, id, kApTemplates);
 }
 
 int32_t SC_Get_AP_Template_Info_Blank(ApTemplateListBlock* block) {
-  return claim_id(block, kTemplates);
+  return claim_id(block, kApTemplates);
 }
 
 int32_t SC_Get_AP_Template_Info_Count(const ApTemplateListBlock* block) {
-  return count_used(block, kTemplates);
+  return count_used(block, kApTemplates);
 }
 
 /* Required: takes a position, despite the name. */
 int32_t SC_Del_AP_Template_Info_By_Id(ApTemplateListBlock* block, uint32_t position) {
   LockFile file(block->header.lock_path);
   if (!file) return 0;
-  clear_record(block, position, file, kTemplates);
+  clear_record(block, position, file, kApTemplates);
   return 1;
 }
 

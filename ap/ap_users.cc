@@ -2,36 +2,31 @@
 #include <sysconfig/ap.h>
 
 #include "core/area.h"
-#include "ap/id_table.h"
+#include "ap/rows.h"
 
 using namespace sc;
 
-namespace {
+uint32_t SC_Get_ApUserList_System_Config(void) { return attach_area(kApUserList); }
 
-constexpr IdTable kUsers =
-    SC_ID_TABLE(ApUserListBlock, lock_path, users, ApUserRecord, user_id, user_mac);
-
-}  // namespace
-
-uint32_t SC_Get_ApUserList_System_Config(void) { return get(kApUserList); }
-
-int SC_Uninit_System_ApUserList_Config(void) { return uninit(kApUserList); }
+int SC_Uninit_System_ApUserList_Config(void) { return remove_area(kApUserList); }
 
 /* Required: no flag, no archive. */
-int SC_Init_System_ApUserList_Config(void) { return init_run_time(kApUserList); }
+int SC_Init_System_ApUserList_Config(void) { return init_run_time_area(kApUserList); }
 
 int32_t SC_Get_ApUser_Info_By_Id(const ApUserListBlock* block, uint32_t id) {
-  return find_id(block, id, kUsers);
+  return find_id(block, id, kApUsers);
 }
 
 int32_t SC_Get_ApUser_Info_By_Mac(const ApUserListBlock* block, const uint8_t* mac) {
-  return find_mac(block, mac, kUsers);
+  return find_mac(block, mac, kApUsers);
 }
 
 int32_t SC_Del_ApUser_Info_by_Mac(ApUserListBlock* block, const uint8_t* mac) {
-  return delete_mac(block, mac, kUsers);
+  return delete_mac(block, mac, kApUsers);
 }
 
-int32_t SC_Get_ApUser_Info_Blank(ApUserListBlock* block) { return claim_id(block, kUsers); }
+int32_t SC_Get_ApUser_Info_Blank(ApUserListBlock* block) { return claim_id(block, kApUsers); }
 
-int32_t SC_Get_ApUser_Info_Count(const ApUserListBlock* block) { return count_used(block, kUsers); }
+int32_t SC_Get_ApUser_Info_Count(const ApUserListBlock* block) {
+  return count_used(block, kApUsers);
+}

@@ -12,22 +12,22 @@ namespace {
 
 constexpr size_t kWord = sizeof(uint32_t);
 
-uint8_t* record_at(const IdTable& table, void* block, uint32_t position) {
+uint8_t* record_at(const IdTableRow& table, void* block, uint32_t position) {
   return static_cast<uint8_t*>(block) + table.at + position * table.stride;
 }
 
-const uint8_t* record_at(const IdTable& table, const void* block, uint32_t position) {
+const uint8_t* record_at(const IdTableRow& table, const void* block, uint32_t position) {
   return static_cast<const uint8_t*>(block) + table.at + position * table.stride;
 }
 
-uint32_t id_of(const IdTable& table, const void* block, uint32_t position) {
+uint32_t id_of(const IdTableRow& table, const void* block, uint32_t position) {
   return load<uint32_t>(record_at(table, block, position) + table.id_at);
 }
 
 }  // namespace
 
 /* Required: here and by MAC, free records are not skipped. */
-int32_t find_id(const void* block, uint32_t id, const IdTable& table) {
+int32_t find_id(const void* block, uint32_t id, const IdTableRow& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     if (id_of(table, block, position) == id) return static_cast<int32_t>(position);
   }
@@ -35,7 +35,7 @@ int32_t find_id(const void* block, uint32_t id, const IdTable& table) {
 }
 
 /* The maker's half of a MAC is often the same: its other end is compared first. */
-int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table) {
+int32_t find_mac(const void* block, const uint8_t* mac, const IdTableRow& table) {
   const size_t stride = table.stride;
   const uint8_t* first = record_at(table, block, 0) + table.mac_at + 2;
   const uint8_t* end = first + table.capacity * stride;
@@ -52,7 +52,7 @@ int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table) {
 }
 
 /* Ids are aligned, so a claim is one atomic step and two processes never claim one record. */
-int32_t claim_id(void* block, const IdTable& table) {
+int32_t claim_id(void* block, const IdTableRow& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     void* id = record_at(table, block, position) + table.id_at;
     uint32_t free = 0;
@@ -64,7 +64,7 @@ int32_t claim_id(void* block, const IdTable& table) {
   return -1;
 }
 
-int32_t count_used(const void* block, const IdTable& table) {
+int32_t count_used(const void* block, const IdTableRow& table) {
   int32_t used = 0;
   if (block == nullptr) return used;
   for (uint32_t position = 0; position < table.capacity; ++position) {
@@ -73,7 +73,7 @@ int32_t count_used(const void* block, const IdTable& table) {
   return used;
 }
 
-int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table) {
+int32_t delete_mac(void* block, const uint8_t* mac, const IdTableRow& table) {
   LockFile file(static_cast<const char*>(block) + table.path_at, table.path_size);
   if (!file) return 0;
   int32_t position = find_mac(block, mac, table);
@@ -84,7 +84,7 @@ int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table) {
 
 /* A writer that is killed here leaves the lock index, and the id comes last: not before all else is
  * cleared can the record be claimed. */
-void clear_record(void* block, uint32_t position, const LockFile& file, const IdTable& table) {
+void clear_record(void* block, uint32_t position, const LockFile& file, const IdTableRow& table) {
   uint8_t* record = record_at(table, block, position);
   void* id = record + table.id_at;
   ByteLock lock(file, record);

@@ -14,7 +14,7 @@
 namespace sc {
 
 /* The lock index is a record's first word. */
-struct IdTable {
+struct IdTableRow {
   uint8_t path_at; /* of the lock path in the block */
   uint8_t path_size;
   uint16_t at; /* of record 0 in the block */
@@ -26,27 +26,27 @@ struct IdTable {
 
 /* The row of a table, from its structs. */
 #define SC_ID_TABLE(Block, path, table, Record, id, mac)                                   \
-  IdTable {                                                                                \
+  IdTableRow {                                                                             \
     offsetof(Block, path), sizeof(Block::path), offsetof(Block, table), sizeof(Record),    \
         sizeof(Block::table) / sizeof(Record), offsetof(Record, id), offsetof(Record, mac) \
   }
 
 /* Position of the first record with the id or the MAC, free ones included; -1 if there is none. */
-int32_t find_id(const void* block, uint32_t id, const IdTable& table);
-int32_t find_mac(const void* block, const uint8_t* mac, const IdTable& table);
+int32_t find_id(const void* block, uint32_t id, const IdTableRow& table);
+int32_t find_mac(const void* block, const uint8_t* mac, const IdTableRow& table);
 
 /* Claims the lowest free record without a lock. Its position, or -1. */
-int32_t claim_id(void* block, const IdTable& table);
+int32_t claim_id(void* block, const IdTableRow& table);
 
 /* Number of records whose id is not 0; 0 for a null block. */
-int32_t count_used(const void* block, const IdTable& table);
+int32_t count_used(const void* block, const IdTableRow& table);
 
 /* Clears the first record with the MAC. 1, or 0 when there is none or the lock file cannot be
  * opened. */
-int32_t delete_mac(void* block, const uint8_t* mac, const IdTable& table);
+int32_t delete_mac(void* block, const uint8_t* mac, const IdTableRow& table);
 
 /* Under its lock, zeroes the whole record but its lock index. */
-void clear_record(void* block, uint32_t position, const LockFile& file, const IdTable& table);
+void clear_record(void* block, uint32_t position, const LockFile& file, const IdTableRow& table);
 
 }  // namespace sc
 

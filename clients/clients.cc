@@ -6,67 +6,28 @@
 #include <sysconfig/clients.h>
 
 #include "core/area.h"
-#include "core/rows.h"
+#include "clients/rows.h"
 
 using namespace sc;
-
-namespace {
-
-constexpr Field kFields[] = {
-    SC_FIELD(ClientRecord, field_14, ClientsItem, field_14),
-    SC_FIELD(ClientRecord, field_16, ClientsItem, field_16),
-    SC_FIELD(ClientRecord, field_20, ClientsItem, field_20),
-    SC_FIELD(ClientRecord, field_24, ClientsItem, field_24),
-    SC_FIELD(ClientRecord, field_26, ClientsItem, field_26),
-    SC_FIELD(ClientRecord, field_27, ClientsItem, field_27),
-    SC_FIELD(ClientRecord, field_28, ClientsItem, field_28),
-    SC_FIELD(ClientRecord, field_29, ClientsItem, field_29),
-    SC_FIELD(ClientRecord, field_30, ClientsItem, field_30),
-    SC_FIELD(ClientRecord, field_31, ClientsItem, field_31),
-    SC_FIELD(ClientRecord, field_32, ClientsItem, field_32),
-    SC_FIELD(ClientRecord, field_34, ClientsItem, field_34),
-    SC_FIELD(ClientRecord, field_36, ClientsItem, field_36),
-    SC_FIELD(ClientRecord, field_40, ClientsItem, field_40),
-    SC_FIELD(ClientRecord, field_44, ClientsItem, field_44),
-    SC_FIELD(ClientRecord, field_48, ClientsItem, field_48),
-    SC_FIELD(ClientRecord, text_52, ClientsItem, text_52),
-    SC_FIELD(ClientRecord, text_82, ClientsItem, text_82),
-    SC_FIELD(ClientRecord, text_102, ClientsItem, text_102),
-    SC_FIELD(ClientRecord, text_122, ClientsItem, text_122),
-    SC_FIELD(ClientRecord, text_142, ClientsItem, text_142),
-    SC_FIELD(ClientRecord, text_162, ClientsItem, text_162),
-    SC_FIELD(ClientRecord, text_182, ClientsItem, text_182),
-};
-
-constexpr List kClientList = {
-    .table = {.geometry = SC_GEOMETRY(ClientsBlock, clients),
-              .modify_range = SC_LIST_MOD_RANGE,
-              .identity = SC_IDENTITY(ClientRecord, client_mac),
-              .keys = {SC_BYTES_KEY(ClientRecord, client_mac)},
-              .payload = payload(kFields)},
-    .code = SC_CODE_CLIENTS,
-};
 
 static_assert(offsetof(ClientsItem, client_mac) == offsetof(ClientRecord, client_mac));
 static_assert(sizeof(ClientsItem) == offsetof(ClientRecord, spare_217));
 
-}  // namespace
+uint32_t SC_Get_Clients_System_Config(void) { return attach_area(kClients); }
 
-uint32_t SC_Get_Clients_System_Config(void) { return get(kClients); }
+int SC_Uninit_System_Clients_Config(void) { return remove_area(kClients); }
 
-int SC_Uninit_System_Clients_Config(void) { return uninit(kClients); }
+int SC_Init_System_Clients_Config(int read_flag) { return init_area(read_flag, kClients); }
 
-int SC_Init_System_Clients_Config(int read_flag) { return init(read_flag, kClients); }
+int SC_Read_System_Clients_Config(ClientsBlock* block) { return load_area(block, kClients); }
 
-int SC_Read_System_Clients_Config(ClientsBlock* block) { return read(block, kClients); }
+void SC_Save_System_Clients_Config(void) { announce_area(kClients); }
 
-void SC_Save_System_Clients_Config(void) { save(kClients); }
+void SC_Save_System_Clients_Config2Flash(ClientsBlock* block) { save_area(block, kClients); }
 
-void SC_Save_System_Clients_Config2Flash(ClientsBlock* block) { save_to_flash(block, kClients); }
-
-int32_t SC_Operate_System_List_Clients(ClientsBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_Clients(ClientsBlock* block, uint32_t op, uint32_t* position,
                                        const ClientsItem* item) {
-  return operate(block, op, index, item, kClientList.table);
+  return operate(block, op, position, item, kClientList.table);
 }
 
 int32_t SC_Operate_System_List_GetClients_Blank(ClientsBlock* block) {

@@ -32,13 +32,15 @@ enum AreaId : uint8_t {
   kAreaCount
 };
 
-/* Lock words of one table or section. An area's words are numbered from 2 on, span after span. */
+/* Lock words of one table or section. The words of an area are numbered from 2 on, span after span:
+ * byte 1 of its lock file is the area's own. */
 struct LockSpan {
   AreaId area;
-  int8_t slot; /* where the record's slot word lies from its lock word; 0: it has no free mark */
-  uint16_t at; /* block offset of the first lock word */
-  uint16_t stride; /* from one lock word to the next */
+  int8_t slot_delta; /* from the lock word to the slot word; 0: the record has no free mark */
+  uint16_t at;       /* block offset of the first lock word */
+  uint16_t stride;   /* from one lock word to the next */
   uint16_t count;
+  uint16_t first; /* lock index of the first */
 };
 
 /* What a flash save runs when it is done. */
@@ -50,29 +52,30 @@ struct Header {
   uint8_t index_at;
 };
 
-struct Area {
+struct AreaRow {
   uint16_t key;
-  uint8_t code; /* of the change notification; 0: none */
-  Events events;
   Header header;
   uint32_t size;
+  uint8_t code; /* of the change notification; 0: none */
+  Events events;
   char stem[15];      /* of the image and the archive */
   char lock_stem[15]; /* of the lock file */
 };
 
-constexpr int kLockSpanCount = 20;
+/* Where an area's files lie; %s is a stem of its row. */
+constexpr char kLockPath[] = "/var/lock_store/%s_conf_lock";
+constexpr char kImagePath[] = "/var/systemconfig/config_%s.cfg";
+constexpr char kArchivePath[] = "/var/dataconfig/config_%s.bin";
 
-extern const Area kAreas[kAreaCount];
-extern const LockSpan kLockSpans[kLockSpanCount];
-
-uint32_t get(AreaId id);
-int uninit(AreaId id);
-int init(int read_flag, AreaId id);
+/* The exported calls of an area's life; what they do is said in sysconfig/core.h. */
+uint32_t attach_area(AreaId id);
+int remove_area(AreaId id);
+int init_area(int read_flag, AreaId id);
 /* Init without a flag: creates and empties the block and writes its header and lock indices. */
-int init_run_time(AreaId id);
-int read(void* block, AreaId id);
-void save(AreaId id);
-void save_to_flash(const void* block, AreaId id);
+int init_run_time_area(AreaId id);
+int load_area(void* block, AreaId id);
+void announce_area(AreaId id);
+void save_area(const void* block, AreaId id);
 
 }  // namespace sc
 

@@ -12,7 +12,8 @@
 #include "core/area.h"
 #include "core/bytes.h"
 #include "core/lock_file.h"
-#include "core/notify.h"
+#include "core/registry.h"
+#include "core/announce.h"
 
 namespace sc {
 
@@ -28,23 +29,19 @@ constexpr char kNoImageToWrite[] = "canot open the file.";
 constexpr char kReadError[] = "file read error\n";
 constexpr char kWriteError[] = "file write error\n";
 
-constexpr char kLockPath[] = "/var/lock_store/%s_conf_lock";
-constexpr char kImagePath[] = "/var/systemconfig/config_%s.cfg";
-constexpr char kArchivePath[] = "/var/dataconfig/config_%s.bin";
-
 /* Required: the blanks, of which the default template has others. */
 constexpr char kPack[] = "tar -zcf %s  %s >/dev/null;sync";
 constexpr char kUnpack[] = "tar -zxf %s -C / >/dev/null";
 constexpr char kUnpackDefTemplate[] = "tar -zxf %s  -C />/dev/null";
 
 constexpr int kMode = 0666;
-void* const kNowhere = reinterpret_cast<void*>(-1);
+void* const kAttachFailed = reinterpret_cast<void*>(-1);
 
-/* One of an area's paths. */
-struct Path {
+/* The name of one of an area's files. */
+struct FilePath {
   char text[48];
 
-  Path(const char* format, const char* stem) { snprintf(text, sizeof text, format, stem); }
+  FilePath(const char* format, const char* stem) { snprintf(text, sizeof text, format, stem); }
 };
 
 void complain(const char* message) { fwrite(message, strlen(message), 1, stderr); }
@@ -56,7 +53,7 @@ void* attach(int segment) {
     return shmat(segment, nullptr, 0);
   } else {
     shmid_ds status;
-    if (shmctl(segment, IPC_STAT, &status) < 0) return kNowhere;
+    if (shmctl(segment, IPC_STAT, &status) < 0) return kAttachFailed;
     const size_t size = status.shm_segsz; /* may be more than the area's */
 #ifdef MAP_32BIT
     void* room = mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT, -1, 0);
@@ -68,9 +65,9 @@ void* attach(int segment) {
                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
     }
 #endif
-    if (room == MAP_FAILED) return kNowhere;
+    if (room == MAP_FAILED) return kAttachFailed;
     void* block = shmat(segment, room, SHM_REMAP);
-    if (block == kNowhere) munmap(room, size);
+    if (block == kAttachFailed) munmap(room, size);
     return block;
   }
 }
@@ -85,34 +82,32 @@ void empty(uint8_t* block, size_t size) {
 }
 
 /* Lock path and lock indices. */
-void number(AreaId id, uint8_t* block) {
-  const Area& area = kAreas[id];
-  snprintf(reinterpret_cast<char*>(block) + area.header.path_at, sizeof Path::text, kLockPath,
+void write_lock_words(AreaId id, uint8_t* block) {
+  const AreaRow& area = kAreas[id];
+  snprintf(reinterpret_cast<char*>(block) + area.header.path_at, sizeof FilePath::text, kLockPath,
            area.lock_stem);
   store<int32_t>(block + area.header.index_at, 1);
-  int32_t lock_index = 2;
   for (const LockSpan& span : kLockSpans) {
     if (span.area != id) continue;
-    for (uint32_t n = 0; n < span.count; ++n) {
-      store(block + span.at + n * span.stride, lock_index++);
-    }
+    uint8_t* word = block + span.at;
+    for (uint32_t n = 0; n < span.count; ++n, word += span.stride) store(word, span.first + n);
   }
 }
 
 /* Creates and empties an area's block; its status is what Init returns. */
 int create(AreaId id, uint8_t** block) {
-  const Area& area = kAreas[id];
+  const AreaRow& area = kAreas[id];
   int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
   if (segment < 0) return errno;
   void* attached = attach(segment);
-  if (attached == kNowhere) return -1;
+  if (attached == kAttachFailed) return -1;
   *block = static_cast<uint8_t*>(attached);
   empty(*block, area.size);
-  sc_do_system("echo '' > %s", Path(kLockPath, area.lock_stem).text);
+  sc_do_system("echo '' > %s", FilePath(kLockPath, area.lock_stem).text);
   for (const LockSpan& span : kLockSpans) {
-    if (span.area != id || span.slot == 0) continue;
+    if (span.area != id || span.slot_delta == 0) continue;
     for (uint32_t n = 0; n < span.count; ++n) {
-      store<int32_t>(*block + span.at + span.slot + n * span.stride, -1);
+      store<int32_t>(*block + span.at + span.slot_delta + n * span.stride, -1);
     }
   }
   return 0;
@@ -120,12 +115,12 @@ int create(AreaId id, uint8_t** block) {
 
 }  // namespace
 
-uint32_t get(AreaId id) {
-  const Area& area = kAreas[id];
+uint32_t attach_area(AreaId id) {
+  const AreaRow& area = kAreas[id];
   int segment = shmget(area.key, area.size, kMode);
   if (segment < 0) return 0;
   void* block = attach(segment);
-  if (block == kNowhere) {
+  if (block == kAttachFailed) {
     complain(kNotAttached);
     exit(1); /* Required: an area that exists but cannot be attached is fatal. */
   }
@@ -133,40 +128,40 @@ uint32_t get(AreaId id) {
 }
 
 /* Required: a failed step is said and the next one is taken. */
-int uninit(AreaId id) {
-  const Area& area = kAreas[id];
+int remove_area(AreaId id) {
+  const AreaRow& area = kAreas[id];
   int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
   if (segment < 0) complain(kNoSegment);
   void* block = attach(segment);
-  if (block == kNowhere) complain(kNotAttached);
+  if (block == kAttachFailed) complain(kNotAttached);
   if (shmdt(block) < 0) complain(kNotDetached);
   if (shmctl(segment, IPC_RMID, nullptr) < 0) complain(kNotRemoved);
   return 0;
 }
 
-int init(int read_flag, AreaId id) {
+int init_area(int read_flag, AreaId id) {
   uint8_t* block = nullptr;
   int status = create(id, &block);
   /* Required: only the low byte counts. */
-  if (block != nullptr && static_cast<uint8_t>(read_flag) == 1) read(block, id);
+  if (block != nullptr && static_cast<uint8_t>(read_flag) == 1) load_area(block, id);
   return status;
 }
 
-int init_run_time(AreaId id) {
+int init_run_time_area(AreaId id) {
   uint8_t* block = nullptr;
   int status = create(id, &block);
-  if (block != nullptr) number(id, block);
+  if (block != nullptr) write_lock_words(id, block);
   return status;
 }
 
-int read(void* block, AreaId id) {
-  const Area& area = kAreas[id];
-  number(id, static_cast<uint8_t*>(block));
-  Path archive(kArchivePath, area.stem);
+int load_area(void* block, AreaId id) {
+  const AreaRow& area = kAreas[id];
+  write_lock_words(id, static_cast<uint8_t*>(block));
+  FilePath archive(kArchivePath, area.stem);
   int status = access(archive.text, F_OK);
   if (status < 0) return status;
   status = sc_do_system(id == kDefApTemplate ? kUnpackDefTemplate : kUnpack, archive.text);
-  Path image(kImagePath, area.stem);
+  FilePath image(kImagePath, area.stem);
   FILE* file = fopen(image.text, "rb");
   if (file == nullptr) {
     printf(kNoImageToRead);
@@ -177,16 +172,16 @@ int read(void* block, AreaId id) {
   return sc_do_system("rm -f %s", image.text);
 }
 
-void save(AreaId id) { notify(kAreas[id].code); }
+void announce_area(AreaId id) { announce(kAreas[id].code); }
 
-void save_to_flash(const void* block, AreaId id) {
-  const Area& area = kAreas[id];
+void save_area(const void* block, AreaId id) {
+  const AreaRow& area = kAreas[id];
   const auto& header = *static_cast<const BlockHeader*>(block);
   {
     LockFile file(header.lock_path);
     if (!file) return;
     ByteLock lock(file, &header.block_lock_index);
-    Path image(kImagePath, area.stem);
+    FilePath image(kImagePath, area.stem);
     FILE* out = fopen(image.text, "w");
     if (out == nullptr) {
       printf(kNoImageToWrite);
@@ -194,7 +189,7 @@ void save_to_flash(const void* block, AreaId id) {
     }
     if (fwrite(block, area.size, 1, out) != 1) printf(kWriteError);
     fclose(out);
-    sc_do_system(kPack, Path(kArchivePath, area.stem).text, image.text);
+    sc_do_system(kPack, FilePath(kArchivePath, area.stem).text, image.text);
     sc_do_system("rm -f %s", image.text);
   }
   switch (area.events) {

@@ -11,7 +11,7 @@ uint32_t SC_Get_SysConfig(SystemConfigDirectory* directory) {
   auto* words = reinterpret_cast<uint8_t*>(directory);
   uint32_t address = 0;
   for (unsigned id = 0; id < sc::kAreaCount; ++id) {
-    address = sc::get(static_cast<sc::AreaId>(id));
+    address = sc::attach_area(static_cast<sc::AreaId>(id));
     sc::store(words + 4 * id, address);
   }
   return address;

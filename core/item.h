@@ -1,61 +1,60 @@
-/* Items: what callers see of a record. A map says where each field of the record lies in the item
- * and how it is converted; a list is a table with its map, its counter and its notification code.
+/* Items: what callers see of a record. The payload of a table says where each member lies in the item
+ * and how it is converted; a list is a table with its counter and its notification code.
  */
 #ifndef CORE_ITEM_H
 #define CORE_ITEM_H
 
 #include <stdint.h>
 
+#include <sysconfig/layout.h>
+
 #include "core/table.h"
 
 namespace sc {
-
-/* The number of used records as the item layer keeps it; size 0: the area has none. */
-struct Counter {
-  uint16_t at;
-  uint8_t size;
-};
 
 /* The widest record that an item is converted to, and the most items that a list shows. */
 constexpr uint32_t kMaxStride = 1068;
 constexpr uint32_t kMaxItems = 32;
 
-struct List {
-  Table table;
+/* A table with what every change of its items does besides. */
+struct ListRow {
+  TableRow table;
+  /* The area's number of used records; size 0: it keeps none. */
+  uint16_t counter_at = 0;
+  uint8_t counter_size = 0;
   uint8_t code; /* of the change notification */
-  Counter counter = {};
-  uint16_t item_size =
-      0; /* 0: an item is the record's first bytes, and the payload is not mapped */
 };
+
+/* A list whose items are mapped by the payload. The items of all others are laid out as the first
+ * bytes of their records. */
+struct MappedListRow {
+  ListRow list;
+  uint16_t item_size;
+};
+
+/* Head of every item list: the items follow, and a zero tail follows these. */
+struct ItemListHead {
+  uint32_t count;
+  uint32_t capacity;
+} SC_PACKED;
 
 /* The item operations; what they do is said in sysconfig/core.h. */
-uint32_t get_items(const void* block, void* items, const List& list); /* the count */
-void get_item(const void* block, uint32_t id, void* item, const List& list);
-int32_t add_item(void* block, const void* item, const List& list);
-int32_t modify_item(void* block, const void* item, const List& list);
-void delete_items(void* block, char* ids, const List& list);
-void delete_all_items(void* block, const List& list);
+uint32_t get_items(const void* block, void* items, const MappedListRow& row); /* the count */
+void get_item(const void* block, uint32_t id, void* item, const MappedListRow& row);
+int32_t add_item(void* block, const void* item, const MappedListRow& row);
+int32_t modify_item(void* block, const void* item, const MappedListRow& row);
+void delete_items(void* block, char* ids, const ListRow& list);
+void delete_all_items(void* block, const ListRow& list);
 
 /* Adding and modifying where an item is laid out as its record. */
-int32_t add_record(void* block, const void* record, const List& list);
-int32_t modify_record(void* block, uint32_t id, const void* record, const List& list);
+int32_t add_record(void* block, const void* record, const ListRow& list);
+int32_t modify_record(void* block, uint32_t id, const void* record, const ListRow& list);
 
 /* Frees the record at id - 1 and lowers the counter, whether or not there was one. */
-void delete_item(void* block, uint32_t id, const List& list);
+void delete_item(void* block, uint32_t id, const ListRow& list);
 
 /* Adds to the list's counter in the block. */
-void count(void* block, int32_t change, const List& list);
-
-/* A mode byte and a signed group id of 1 or 2 bytes in a record. */
-struct Reference {
-  uint16_t mode_at;
-  int8_t mode;
-  uint16_t id_at;
-  uint8_t id_size;
-};
-
-/* Deletes every record that refers to the group, each with its notification. */
-void delete_referring(void* block, int32_t group_id, const List& list, const Reference& reference);
+void count(void* block, int32_t change, const ListRow& list);
 
 /* The ids of an index list, split in place. */
 class Ids {

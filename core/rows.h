@@ -1,6 +1,6 @@
-/* Makers of rows: they take offsets, widths and kinds from the members of the public structs, so
- * that a row cannot lie about a field, and check at compile time what the columns can carry. No
- * other file has templates to speak of.
+/* Makers of rows: they take offsets, widths and conversions from the members of the public structs,
+ * so that a row cannot lie about a member, and check at compile time what the columns can carry.
+ * The tools derive their catalogue from the same rows.
  */
 #ifndef CORE_ROWS_H
 #define CORE_ROWS_H
@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include "core/area.h"
+#include "core/group_link.h"
 #include "core/item.h"
 #include "core/table.h"
 
@@ -16,7 +17,7 @@ namespace sc {
 
 /* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
 void member_does_not_fit_its_column();
-void members_are_not_in_record_order();
+void members_overlap();
 void row_has_no_room_left();
 
 constexpr uint8_t byte_column(size_t value) {
@@ -47,21 +48,47 @@ template <class Table>
 consteval LockSpan lock_span(AreaId area, size_t table_at) {
   using Record = typename Extent<Table>::Element;
   constexpr size_t lock_at = offsetof(Record, lock_index);
-  int slot = 0;
+  int slot_delta = 0;
   if constexpr (requires(Record r) { r.slot_id; }) {
-    slot = static_cast<int>(offsetof(Record, slot_id)) - static_cast<int>(lock_at);
+    slot_delta = static_cast<int>(offsetof(Record, slot_id)) - static_cast<int>(lock_at);
   }
-  return {area, static_cast<int8_t>(slot), half_column(table_at + lock_at),
-          half_column(sizeof(Record)), half_column(Extent<Table>::count)};
+  return {area,
+          static_cast<int8_t>(slot_delta),
+          half_column(table_at + lock_at),
+          half_column(sizeof(Record)),
+          half_column(Extent<Table>::count),
+          0};
 }
 
 /* The lock words of a table, or of equal sections. */
 #define SC_LOCKS(area, Block, table) lock_span<decltype(Block::table)>(area, offsetof(Block, table))
 /* The lock word of one section. */
 constexpr LockSpan lock_of_section(AreaId area, size_t at) {
-  return {area, 0, half_column(at), 0, 1};
+  return {area, 0, half_column(at), 0, 1, 0};
 }
 #define SC_LOCK(area, Block, word) lock_of_section(area, offsetof(Block, word))
+
+template <size_t kCount>
+struct LockSpans {
+  LockSpan rows[kCount];
+
+  constexpr const LockSpan* begin() const { return rows; }
+  constexpr const LockSpan* end() const { return rows + kCount; }
+};
+
+/* The spans, each area's words numbered from 2 on. */
+template <size_t kCount>
+consteval LockSpans<kCount> numbered(const LockSpan (&spans)[kCount]) {
+  LockSpans<kCount> made = {};
+  size_t next[kAreaCount] = {};
+  for (size_t n = 0; n < kCount; ++n) {
+    size_t& used = next[spans[n].area];
+    made.rows[n] = spans[n];
+    made.rows[n].first = half_column(2 + used);
+    used += spans[n].count;
+  }
+  return made;
+}
 
 /* ---- tables ---- */
 
@@ -88,62 +115,109 @@ constexpr Identity identity(size_t at, size_t size) { return {byte_column(at), b
 
 /* ---- items ---- */
 
+/* What a member's bytes mean to people. The library does not ask. */
+enum class Meaning : uint8_t {
+  kText,    /* char[]: ends at its first NUL or fills the member */
+  kMacText, /* a MAC address as text */
+  kAddress, /* 32 bits in network order */
+  kMac,     /* six bytes */
+  kBytes,   /* anything else's bytes */
+  kSigned,  /* one or more numbers */
+  kUnsigned,
+};
+
+/* One member of a list's records. The library keeps the payload that is made of them; names and
+ * meanings stay out of it. */
+struct Member {
+  const char* name; /* of the item's member: what people type */
+  const char* record_name;
+  Run run;
+  Meaning meaning;
+  uint8_t width; /* of one number */
+};
+
+template <class InRecord>
+consteval Meaning meaning_of() {
+  using T = typename Extent<InRecord>::Element;
+  if (__is_same(T, char)) return Meaning::kText;
+  if (__is_same(InRecord, uint8_t[SC_MAC_BYTES])) return Meaning::kMac;
+  if (__is_same(T, uint8_t) && sizeof(InRecord) > 1) return Meaning::kBytes;
+  return static_cast<T>(-1) < static_cast<T>(0) ? Meaning::kSigned : Meaning::kUnsigned;
+}
+
 template <class InRecord, class InItem>
-consteval Field field(size_t record_at, size_t item_at) {
+consteval Member member(const char* name, const char* record_name, size_t record_at,
+                        size_t item_at) {
   using R = typename Extent<InRecord>::Element;
   using I = typename Extent<InItem>::Element;
   constexpr size_t count = Extent<InRecord>::count;
-  Field f = {};
-  f.record_at = record_at & 0x3ff;
-  f.item_at = item_at & 0xfff;
-  f.size = sizeof(InRecord) & 0xff;
-  if (f.record_at != record_at || f.item_at != item_at || f.size != sizeof(InRecord)) {
+  Member m = {name, record_name, {}, meaning_of<InRecord>(), sizeof(R) & 0xff};
+  m.run.record_at = record_at & 0x3ff;
+  m.run.item_at = item_at & 0xfff;
+  m.run.size = sizeof(InRecord) & 0xff;
+  if (m.run.record_at != record_at || m.run.item_at != item_at || m.run.size != sizeof(InRecord)) {
     member_does_not_fit_its_column();
   }
   if constexpr (__is_same(R, uint32_t) && __is_same(I, char)) {
     static_assert(sizeof(InItem) == 16 && count == 1, "an address is shown as 16 bytes of text");
-    f.kind = Kind::kAddress;
+    m.run.conversion = Conversion::kAddress;
+    m.meaning = Meaning::kAddress;
   } else if constexpr (sizeof(R) == sizeof(I)) {
-    static_assert(__is_same(InRecord, InItem), "copied fields have one type");
+    static_assert(__is_same(InRecord, InItem), "copied members have one type");
   } else {
     static_assert(__is_same(I, int32_t) && count == Extent<InItem>::count,
                   "signed bytes and halves are widened one by one");
     static_assert(__is_same(R, int8_t) || (__is_same(R, int16_t) && count == 1));
-    f.kind = __is_same(R, int8_t) ? Kind::kSignedBytes : Kind::kSignedHalf;
+    m.run.conversion = __is_same(R, int8_t) ? Conversion::kSignedBytes : Conversion::kSignedHalf;
   }
-  return f;
+  return m;
 }
-#define SC_FIELD(Record, record_member, Item, item_member)             \
-  field<decltype(Record::record_member), decltype(Item::item_member)>( \
-      offsetof(Record, record_member), offsetof(Item, item_member))
+#define SC_MEMBER(Record, record_member, Item, item_member)             \
+  member<decltype(Record::record_member), decltype(Item::item_member)>( \
+      #item_member, #record_member, offsetof(Record, record_member), offsetof(Item, item_member))
 
-constexpr size_t item_width(const Field& f) {
-  return f.kind == Kind::kSignedBytes ? 4 * f.size : f.size;
-}
-
-/* Neighbours of one kind in the record and in the item alike. */
-constexpr bool joins(const Field& f, const Field& next) {
-  return f.kind == next.kind && (f.kind == Kind::kBytes || f.kind == Kind::kSignedBytes) &&
-         f.record_at + f.size == next.record_at && f.item_at + item_width(f) == next.item_at &&
-         f.size + next.size <= UINT8_MAX;
+consteval Member mac_text(Member m) {
+  if (m.meaning != Meaning::kText) member_does_not_fit_its_column();
+  m.meaning = Meaning::kMacText;
+  return m;
 }
 
-/* The payload of a table: its members in record order, neighbours joined. */
+constexpr size_t item_width(const Run& run) {
+  return run.conversion == Conversion::kSignedBytes ? 4 * run.size : run.size;
+}
+
+/* Neighbours of one conversion in the record and in the item alike. */
+constexpr bool joins(const Run& run, const Run& next) {
+  return run.conversion == next.conversion &&
+         (run.conversion == Conversion::kBytes || run.conversion == Conversion::kSignedBytes) &&
+         run.record_at + run.size == next.record_at &&
+         run.item_at + item_width(run) == next.item_at && run.size + next.size <= UINT8_MAX;
+}
+
+/* The payload of a table: its members but the identity, in record order, neighbours joined. They are
+ * named in the order in which people see them. */
 template <size_t kCount>
-consteval Payload payload(const Field (&members)[kCount]) {
+consteval Payload payload(const Member (&members)[kCount], Identity identity = {}) {
   Payload made = {};
-  Field* last = nullptr;
-  for (const Field& f : members) {
-    if (last != nullptr && last->record_at + last->size > f.record_at) {
-      members_are_not_in_record_order();
+  Run* last = nullptr;
+  size_t end = 0;
+  for (size_t done = 0; done < kCount; ++done) {
+    const Run* next = nullptr;
+    for (const Member& m : members) {
+      if (m.run.record_at >= end && (next == nullptr || m.run.record_at < next->record_at)) {
+        next = &m.run;
+      }
     }
-    if (last != nullptr && joins(*last, f)) {
-      last->size = (last->size + f.size) & 0xff;
+    if (next == nullptr) members_overlap();
+    end = next->record_at + next->size;
+    if (identity.size != 0 && next->record_at == identity.at) continue;
+    if (last != nullptr && joins(*last, *next)) {
+      last->size = (last->size + next->size) & 0xff;
       continue;
     }
-    last = last == nullptr ? made.fields : last + 1;
-    if (last == made.fields + kMaxFields) row_has_no_room_left();
-    *last = f;
+    last = last == nullptr ? made.runs : last + 1;
+    if (last == made.runs + kMaxRuns) row_has_no_room_left();
+    *last = *next;
   }
   return made;
 }
@@ -157,17 +231,23 @@ consteval uint16_t item_size() {
 }
 #define SC_ITEM_SIZE(Item, Block, table) item_size<Item, decltype(Block::table)>()
 
-/* The counter that an area keeps beside its table. */
-constexpr Counter counter(size_t at, size_t size) { return {half_column(at), byte_column(size)}; }
-#define SC_COUNTER(Block, member) counter(offsetof(Block, member), sizeof(Block::member))
+/* The counter that an area keeps beside its table: two columns. */
+#define SC_COUNTER(Block, member) \
+  .counter_at = half_column(offsetof(Block, member)), .counter_size = sizeof(Block::member)
 
-/* Records with this mode refer to the group of this id. */
-constexpr Reference reference(size_t mode_at, int8_t mode, size_t id_at, size_t id_size) {
-  return {half_column(mode_at), mode, half_column(id_at), byte_column(id_size)};
+/* Rules that name a group in the members `mode` and `id`. Their items have these, too, before the
+ * group's name; `own` is what a listing replaces by the group's. */
+#define SC_GROUP_LINK(area, Record, Item, mode, id, deleted, own)                               \
+  GroupLink {                                                                                   \
+    .group = (area), .mode_at = offsetof(Record, mode), .id_at = offsetof(Record, id),          \
+    .id_size = sizeof(Record::id), .deleted_mode = (deleted), .shown_at = offsetof(Item, mode), \
+    .own_at = offsetof(Item, own), .unless_at = 0, .item_size = sizeof(Item)                    \
+  }
+/* The same, where the rule keeps its own unless the member `unless` is 0. */
+constexpr GroupLink shown_unless(GroupLink link, size_t unless_at) {
+  link.unless_at = half_column(unless_at);
+  return link;
 }
-#define SC_REFERENCE(Record, mode_member, mode, id_member)                    \
-  reference(offsetof(Record, mode_member), mode, offsetof(Record, id_member), \
-            sizeof(Record::id_member))
 
 }  // namespace sc
 

@@ -6,8 +6,10 @@ namespace sc {
 
 /* Four words a turn, for the loop's own steps take as long as a look at a word. */
 const uint8_t* find_word(const uint8_t* at, const uint8_t* end, size_t stride, uint32_t word,
-                         uint32_t blind) {
-  const auto is_there = [=](const uint8_t* here) { return (load<uint32_t>(here) | blind) == word; };
+                         uint32_t ignored_bits) {
+  const auto is_there = [=](const uint8_t* here) {
+    return (load<uint32_t>(here) | ignored_bits) == word;
+  };
   for (; at + 3 * stride < end; at += 4 * stride) {
     if (is_there(at) || is_there(at + stride) || is_there(at + 2 * stride) ||
         is_there(at + 3 * stride)) {

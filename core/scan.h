@@ -8,9 +8,9 @@
 namespace sc {
 
 /* The first of the words that lie `stride` apart, from `at` to before `end`, that is this one where
- * `blind` has no bits; where it has, the word has them, too. `end` or behind it when there is none. */
+ * `ignored_bits` has no bits; where it has, the word has them, too. `end` or behind it when there is none. */
 const uint8_t* find_word(const uint8_t* at, const uint8_t* end, size_t stride, uint32_t word,
-                         uint32_t blind);
+                         uint32_t ignored_bits);
 
 }  // namespace sc
 

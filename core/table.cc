@@ -23,36 +23,37 @@ int32_t slot_of(const Geometry& geometry, const uint8_t* record) {
 }
 
 /* A used record other than the one of skip_slot. */
-bool counts(const Geometry& geometry, const uint8_t* record, uint32_t skip_slot) {
+bool is_other_used(const Geometry& geometry, const uint8_t* record, uint32_t skip_slot) {
   int32_t slot = slot_of(geometry, record);
   return slot != kFree && slot != static_cast<int32_t>(skip_slot);
 }
 
-/* Most records differ already in the last word of the key, which is looked at first: of a text its
- * last four letters, in lower case by the bit that tells cases apart. */
+/* Compares the key's last four bytes first; OR-ing 0x20 folds case; false positives fall to the full
+ * compare. */
 bool clashes(const Geometry& geometry, const Key& key, const uint8_t* record, const uint8_t* wanted,
              uint32_t skip_slot) {
   const size_t stride = geometry.stride;
   const auto* text = reinterpret_cast<const char*>(wanted) + key.at;
   size_t last = key.size;
-  uint32_t blind = 0;
+  uint32_t ignored_bits = 0;
   if (key.compare == Compare::kTextWithoutCase) {
     last = strnlen(text, key.size);
-    blind = 0x20202020;
-    if (last < sizeof blind) { /* too short for that */
-      last = sizeof blind;
-      blind = UINT32_MAX;
+    ignored_bits = 0x20202020;
+    if (last < sizeof ignored_bits) { /* too short for that */
+      last = sizeof ignored_bits;
+      ignored_bits = UINT32_MAX;
     }
   }
-  last += key.at - sizeof blind;
-  const uint32_t word = load<uint32_t>(wanted + last) | blind;
+  last += key.at - sizeof ignored_bits;
+  const uint32_t word = load<uint32_t>(wanted + last) | ignored_bits;
   const uint8_t* end = record + geometry.capacity * stride;
   do {
-    record = find_word(record + last, end, stride, word, blind) - last;
+    record = find_word(record + last, end, stride, word, ignored_bits) - last;
     if (record >= end) break;
-    if (counts(geometry, record, skip_slot)) {
+    if (is_other_used(geometry, record, skip_slot)) {
       const auto* other = reinterpret_cast<const char*>(record) + key.at;
-      if ((blind == 0 ? memcmp(other, text, key.size) : strncasecmp(other, text, key.size)) == 0) {
+      if ((ignored_bits == 0 ? memcmp(other, text, key.size)
+                             : strncasecmp(other, text, key.size)) == 0) {
         return true;
       }
     }
@@ -62,7 +63,7 @@ bool clashes(const Geometry& geometry, const Key& key, const uint8_t* record, co
 }
 
 /* Frees a record: its slot word is marked and its identity cleared. */
-void release(const Table& table, const LockFile& file, uint8_t* record) {
+void release(const TableRow& table, const LockFile& file, uint8_t* record) {
   ByteLock lock(file, record + table.geometry.lock_at);
   store<int32_t>(record + table.geometry.slot_at, kFree);
   memset(record + table.identity.at, 0, table.identity.size);
@@ -70,7 +71,8 @@ void release(const Table& table, const LockFile& file, uint8_t* record) {
 
 }  // namespace
 
-int32_t find_clash(const void* block, const void* record, uint32_t skip_slot, const Table& table) {
+int32_t find_clash(const void* block, const void* record, uint32_t skip_slot,
+                   const TableRow& table) {
   if (record == nullptr) return 0;
   const Geometry& geometry = table.geometry;
   const uint8_t* first = record_at(geometry, block, 0);
@@ -102,48 +104,49 @@ int32_t claim(void* block, const Geometry& geometry) {
   }
 }
 
-int32_t operate(void* block, uint32_t op, uint32_t* index, const void* record, const Table& table) {
+int32_t operate(void* block, uint32_t op, uint32_t* position, const void* record,
+                const TableRow& table) {
   const Geometry& geometry = table.geometry;
   LockFile file(header_of(block).lock_path);
   if (!file) return SC_LIST_NO_LOCK;
 
-  uint32_t position;
+  uint32_t chosen;
   switch (op) {
     case LIST_OP_ADD:
       if (find_clash(block, record, static_cast<uint32_t>(kFree), table)) return SC_LIST_REJECTED;
-      position = static_cast<uint32_t>(claim(block, geometry));
-      if (position >= geometry.capacity) return SC_LIST_REJECTED;
+      chosen = static_cast<uint32_t>(claim(block, geometry));
+      if (chosen >= geometry.capacity) return SC_LIST_REJECTED;
       break;
     case LIST_OP_MODIFY:
-      position = *index;
+      chosen = *position;
       /* Required: the clash is told before the range. */
-      if (find_clash(block, record, position + 1, table)) return SC_LIST_REJECTED;
-      if (position >= geometry.capacity) return table.modify_range;
+      if (find_clash(block, record, chosen + 1, table)) return SC_LIST_REJECTED;
+      if (chosen >= geometry.capacity) return table.modify_range;
       break;
     case LIST_OP_DEL:
-      position = *index;
-      if (position >= geometry.capacity) return SC_LIST_DEL_RANGE;
-      release(table, file, record_at(geometry, block, position));
+      chosen = *position;
+      if (chosen >= geometry.capacity) return SC_LIST_DEL_RANGE;
+      release(table, file, record_at(geometry, block, chosen));
       return SC_LIST_OK;
     case LIST_OP_DEL_ALL:
-      for (position = 0; position < geometry.capacity; ++position) {
-        release(table, file, record_at(geometry, block, position));
+      for (chosen = 0; chosen < geometry.capacity; ++chosen) {
+        release(table, file, record_at(geometry, block, chosen));
       }
       return SC_LIST_OK;
     default: return SC_LIST_BAD_OP;
   }
 
   /* Required: a record modified while it is free is written and stays free. */
-  uint8_t* target = record_at(geometry, block, position);
+  uint8_t* target = record_at(geometry, block, chosen);
   const auto* source = static_cast<const uint8_t*>(record);
   ByteLock lock(file, target + geometry.lock_at);
   if (op == LIST_OP_ADD) {
     memcpy(target + table.identity.at, source + table.identity.at, table.identity.size);
-    *index = position;
+    *position = chosen;
   }
-  for (const Field& field : table.payload.fields) {
-    if (field.size == 0) break;
-    memcpy(target + field.record_at, source + field.record_at, field.size);
+  for (const Run& run : table.payload.runs) {
+    if (run.size == 0) break;
+    memcpy(target + run.record_at, source + run.record_at, run.size);
   }
   return SC_LIST_OK;
 }

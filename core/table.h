@@ -37,7 +37,8 @@ struct Identity {
   uint8_t size;
 };
 
-enum class Kind : uint32_t {
+/* How a record's bytes become an item's. */
+enum class Conversion : uint32_t {
   kBytes,       /* copied */
   kSignedBytes, /* each byte widened to an int in the item; low bytes stored */
   kSignedHalf,  /* 16 bits widened to an int in the item; low half stored */
@@ -45,21 +46,21 @@ enum class Kind : uint32_t {
 };
 
 /* A member of the payload, or several that are neighbours in record and item alike. One word. */
-struct Field {
+struct Run {
   uint32_t record_at : 10;
   uint32_t item_at : 12;
-  Kind kind : 2;
+  Conversion conversion : 2;
   uint32_t size : 8; /* in the record */
 };
 
-constexpr int kMaxFields = 14;
+constexpr int kMaxRuns = 14;
 
 /* The payload: what add and modify write, and where it lies in an item. Ends with a size of 0. */
 struct Payload {
-  Field fields[kMaxFields];
+  Run runs[kMaxRuns];
 };
 
-struct Table {
+struct TableRow {
   Geometry geometry;
   uint8_t modify_range; /* result of a modify out of range */
   Identity identity = {};
@@ -77,14 +78,16 @@ inline const uint8_t* record_at(const Geometry& geometry, const void* block, uin
 
 /* 1 when a used record other than the one of skip_slot has a key of `record`, else 0.
  * Required: empty texts and zeroes are keys like any other. */
-int32_t find_clash(const void* block, const void* record, uint32_t skip_slot, const Table& table);
+int32_t find_clash(const void* block, const void* record, uint32_t skip_slot,
+                   const TableRow& table);
 
 /* Claims the lowest free record: its slot word is set under its lock. Position, or -1 when none is
  * free, the lock file cannot be opened or the block is null. */
 int32_t claim(void* block, const Geometry& geometry);
 
 /* One list operation; results as in sysconfig/layout.h. */
-int32_t operate(void* block, uint32_t op, uint32_t* index, const void* record, const Table& table);
+int32_t operate(void* block, uint32_t op, uint32_t* position, const void* record,
+                const TableRow& table);
 
 }  // namespace sc
 

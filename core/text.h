@@ -10,17 +10,16 @@
 
 namespace sc {
 
-/* Texts are moved by halves of what a short one has where the CPU has registers for them. */
-constexpr size_t kHalf = 16;
-constexpr bool kHasHalves = sizeof(void*) == 8;
-using Half = uint64_t __attribute__((vector_size(kHalf)));
+/* Texts are copied 16 bytes at a time where the CPU has registers of that size. */
+using Vec16 = uint64_t __attribute__((vector_size(16)));
+constexpr bool kHasVec16 = sizeof(void*) == 8;
 
-/* 16 to 32 bytes, as two halves that overlap. */
+/* Copies 16 to 32 bytes as two vectors, which overlap. */
 inline void copy_short_text(void* to, const void* from, size_t size) {
-  if constexpr (kHasHalves) {
-    const size_t second_at = size - kHalf;
-    const auto first = load<Half>(from);
-    const auto second = load<Half>(static_cast<const uint8_t*>(from) + second_at);
+  if constexpr (kHasVec16) {
+    const size_t second_at = size - sizeof(Vec16);
+    const auto first = load<Vec16>(from);
+    const auto second = load<Vec16>(static_cast<const uint8_t*>(from) + second_at);
     store(to, first);
     store(static_cast<uint8_t*>(to) + second_at, second);
   } else {
@@ -31,13 +30,14 @@ inline void copy_short_text(void* to, const void* from, size_t size) {
 /* More than 32 bytes, over zeroes. Most of a text is the zeroes behind it: it takes half the time to
  * look at them and write nothing. */
 template <size_t kSize>
-inline void copy_over_zeroes(char (&to)[kSize], const char (&from)[kSize]) {
-  constexpr size_t start = kHasHalves ? 2 * kHalf : 0;
-  if constexpr (kHasHalves) {
+inline void copy_over_zeroes(uint8_t* to, const uint8_t* from) {
+  constexpr size_t start = kHasVec16 ? 2 * sizeof(Vec16) : 0;
+  if constexpr (kHasVec16) {
     copy_short_text(to, from, start);
-    auto rest = load<Half>(from + kSize - kHalf);
+    auto rest = load<Vec16>(from + kSize - sizeof(Vec16));
 #pragma GCC unroll 16
-    for (size_t at = start; at < kSize - kHalf; at += kHalf) rest |= load<Half>(from + at);
+    for (size_t at = start; at < kSize - sizeof(Vec16); at += sizeof(Vec16))
+      rest |= load<Vec16>(from + at);
     if ((rest[0] | rest[1]) == 0) return;
   }
   memcpy(to + start, from + start, kSize - start);

@@ -72,22 +72,22 @@ using namespace sc;
 
 namespace {
 
-/* ---- 2. the row: the payload's members in record order, and what deviates ---- */
+/* ---- 2. the row: the members in the order in which people see them, and what deviates ---- */
 
-constexpr Field kFields[] = {
-    SC_FIELD(RouteRecord, name, RouteItem, name),
-    SC_FIELD(RouteRecord, network, RouteItem, network),
-    SC_FIELD(RouteRecord, gateway, RouteItem, gateway),
-    SC_FIELD(RouteRecord, metric, RouteItem, metric),
+constexpr Member kMembers[] = {
+    SC_MEMBER(RouteRecord, name, RouteItem, name),
+    SC_MEMBER(RouteRecord, network, RouteItem, network),
+    SC_MEMBER(RouteRecord, gateway, RouteItem, gateway),
+    SC_MEMBER(RouteRecord, metric, RouteItem, metric),
 };
 
-constexpr List kRoutes = {
-    .table = {.geometry = SC_GEOMETRY(RoutesBlock, routes),
-              .modify_range = SC_LIST_MOD_RANGE,
-              .keys = {SC_BYTES_KEY(RouteRecord, network)},
-              .payload = payload(kFields)},
-    .code = SC_CODE_ROUTES,
-    .counter = SC_COUNTER(RoutesBlock, route_count),
+constexpr MappedListRow kRoutes = {
+    .list = {.table = {.geometry = SC_GEOMETRY(RoutesBlock, routes),
+                       .modify_range = SC_LIST_MOD_RANGE,
+                       .keys = {SC_BYTES_KEY(RouteRecord, network)},
+                       .payload = payload(kMembers)},
+             SC_COUNTER(RoutesBlock, route_count),
+             .code = SC_CODE_ROUTES},
     .item_size = SC_ITEM_SIZE(RouteItem, RoutesBlock, routes),
 };
 
@@ -97,18 +97,18 @@ constexpr List kRoutes = {
 
 SC_BEGIN_DECLS
 
-int32_t SC_Operate_System_List_Routes(RoutesBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_Routes(RoutesBlock* block, uint32_t op, uint32_t* position,
                                       const RouteRecord* record) {
-  return operate(block, op, index, record, kRoutes.table);
+  return operate(block, op, position, record, kRoutes.list.table);
 }
 
 int32_t SC_Operate_System_List_GetRoutes_Blank(RoutesBlock* block) {
-  return claim(block, kRoutes.table.geometry);
+  return claim(block, kRoutes.list.table.geometry);
 }
 
 int32_t SC_Operate_System_List_RoutesCheckNetwork(const RoutesBlock* block,
                                                   const RouteRecord* record, uint32_t skip_slot) {
-  return find_clash(block, record, skip_slot, kRoutes.table);
+  return find_clash(block, record, skip_slot, kRoutes.list.table);
 }
 
 void GetRouteItemList(const RoutesBlock* block, RouteItemList* list) {
@@ -127,9 +127,9 @@ int32_t ModifyRouteItem(RoutesBlock* block, const RouteItem* item) {
   return modify_item(block, item, kRoutes);
 }
 
-void DelRouteItem(RoutesBlock* block, char* ids) { delete_items(block, ids, kRoutes); }
+void DelRouteItem(RoutesBlock* block, char* ids) { delete_items(block, ids, kRoutes.list); }
 
-void DelAllRouteItem(RoutesBlock* block) { delete_all_items(block, kRoutes); }
+void DelAllRouteItem(RoutesBlock* block) { delete_all_items(block, kRoutes.list); }
 
 SC_END_DECLS
 

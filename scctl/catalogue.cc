@@ -1,4 +1,4 @@
-/* The rows of the catalogue, and the makers that derive them from the public structs. */
+/* The rows of the catalogue, and the makers that derive them from the library's rows. */
 #include "catalogue.h"
 
 #include <string.h>
@@ -10,33 +10,66 @@
 #include <sysconfig/lan.h>
 #include <sysconfig/rules.h>
 
+#include "ap/rows.h"
+#include "clients/rows.h"
+#include "core/registry.h"
+#include "filter/rows.h"
+#include "lan/rows.h"
+#include "rules/rows.h"
+
 namespace scctl {
+
+/* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
+void no_area_has_this_code();
+void this_is_not_the_counter_of_the_list();
 
 namespace {
 
 /* ---- makers of fields ---- */
 
-template <class T>
-struct Element {
-  using Type = T;
-};
-template <class T, size_t kCount>
-struct Element<T[kCount]> {
-  using Type = T;
-};
-
-template <class T>
-constexpr bool kIsSigned = static_cast<T>(-1) < static_cast<T>(0);
-
-template <class Member>
-consteval Kind kind_of() {
-  using T = typename Element<Member>::Type;
-  if (__is_same(T, char)) return Kind::kText;
-  if (__is_same(Member, uint8_t[SC_MAC_BYTES])) return Kind::kMac;
-  if (__is_same(T, uint8_t) && sizeof(Member) > 1) return Kind::kBytes;
-  return kIsSigned<T> ? Kind::kSigned : Kind::kUnsigned;
+consteval Kind kind_of(sc::Meaning meaning) {
+  switch (meaning) {
+    case sc::Meaning::kText: return Kind::kText;
+    case sc::Meaning::kMacText: return Kind::kMacText;
+    case sc::Meaning::kAddress: return Kind::kAddress;
+    case sc::Meaning::kMac: return Kind::kMac;
+    case sc::Meaning::kBytes: return Kind::kBytes;
+    case sc::Meaning::kSigned: return Kind::kSigned;
+    case sc::Meaning::kUnsigned: return Kind::kUnsigned;
+  }
 }
 
+template <size_t kCount>
+struct Fields {
+  Field rows[kCount];
+};
+
+/* The fields of a list, from its members, keys and identity. */
+template <size_t kCount>
+consteval Fields<kCount> fields_of(const sc::Member (&members)[kCount], const sc::TableRow& table) {
+  Fields<kCount> made = {};
+  Field* field = made.rows;
+  for (const sc::Member& member : members) {
+    const sc::Run& run = member.run;
+    *field = {member.name,
+              member.record_name,
+              static_cast<uint16_t>(run.record_at),
+              static_cast<uint16_t>(run.item_at),
+              static_cast<uint16_t>(run.size),
+              kind_of(member.meaning),
+              member.width,
+              Clash::kNone,
+              table.identity.size != 0 && table.identity.at == run.record_at};
+    for (const sc::Key& key : table.keys) {
+      if (key.compare == sc::Compare::kNone || key.at != run.record_at) continue;
+      field->clash = key.compare == sc::Compare::kBytes ? Clash::kBytes : Clash::kTextWithoutCase;
+    }
+    ++field;
+  }
+  return made;
+}
+
+/* Of the access-point tables the library knows no members: these are named here. */
 template <class Member>
 consteval Field in_record(const char* name, size_t at) {
   static_assert(sizeof(Member) <= UINT16_MAX);
@@ -45,138 +78,14 @@ consteval Field in_record(const char* name, size_t at) {
           static_cast<uint16_t>(at),
           kNoItem,
           sizeof(Member),
-          kind_of<Member>(),
-          sizeof(typename Element<Member>::Type) & 0xff,
+          kind_of(sc::meaning_of<Member>()),
+          sizeof(typename sc::Extent<Member>::Element) & 0xff,
           Clash::kNone,
           false};
 }
-
-template <class Member, class Shown>
-consteval Field in_item(const char* member, size_t at, const char* name, size_t item_at) {
-  Field f = in_record<Member>(member, at);
-  f.name = name;
-  f.item_at = static_cast<uint16_t>(item_at);
-  if constexpr (__is_same(Member, uint32_t) && __is_same(Shown, char[SC_IP_TEXT])) {
-    f.kind = Kind::kAddress;
-  } else if constexpr (sizeof(Member) != sizeof(Shown)) {
-    using T = typename Element<Member>::Type;
-    static_assert(kIsSigned<T> && __is_same(typename Element<Shown>::Type, int32_t) &&
-                      sizeof(Shown) / 4 == sizeof(Member) / sizeof(T),
-                  "items widen signed numbers one by one");
-  }
-  return f;
-}
-
-consteval Field unique(Field f, Clash clash) {
-  f.clash = clash;
-  return f;
-}
-
-consteval Field mac_text(Field f) {
-  f.kind = Kind::kMacText;
-  return f;
-}
-
-consteval Field written_by_add(Field f) {
-  f.add_only = true;
-  return f;
-}
-
 #define IN_RECORD(member) in_record<decltype(Record::member)>(#member, offsetof(Record, member))
-#define IN_ITEM(member, shown)                                                                \
-  in_item<decltype(Record::member), decltype(Item::shown)>(#member, offsetof(Record, member), \
-                                                           #shown, offsetof(Item, shown))
-#define SAME(member) IN_ITEM(member, member)
-
-/* What several lists of rules have, member by member. */
-#define ADDRESS_RANGE                                                   \
-  SAME(ip_mode), SAME(ip_group_id), IN_ITEM(start_addr, start_ip_text), \
-      IN_ITEM(end_addr, end_ip_text), SAME(param_1), SAME(param_2), SAME(param_byte)
-#define SCHEDULE                                                                         \
-  SAME(time_mode), SAME(time_group_id), SAME(weekday), SAME(start_time), SAME(end_time), \
-      SAME(rule_flag), SAME(trailing_text)
 
 /* ---- fields ---- */
-
-namespace dhcp {
-using Record = DhcpBindRecord;
-using Item = DhcpStaticItem;
-constexpr Field kFields[] = {
-    unique(mac_text(IN_ITEM(bind_mac, mac)), Clash::kTextWithoutCase),
-    unique(IN_ITEM(bind_ip, ip), Clash::kBytes),
-    IN_ITEM(bind_flag, flag),
-    IN_ITEM(bind_name, name),
-};
-}  // namespace dhcp
-
-namespace ip_group {
-using Record = IpGroupRecord;
-using Item = IpGroupItem;
-constexpr Field kFields[] = {
-    SAME(leading_text),
-    IN_ITEM(start_addr, start_ip_text),
-    IN_ITEM(end_addr, end_ip_text),
-    SAME(trailing_text),
-};
-}  // namespace ip_group
-
-namespace time_group {
-using Record = TimeGroupRecord;
-using Item = TimeGroupItem;
-constexpr Field kFields[] = {
-    SAME(leading_text), SAME(weekday), SAME(start_time), SAME(end_time), SAME(trailing_text),
-};
-}  // namespace time_group
-
-namespace ip_filter {
-using Record = IpFilterRecord;
-using Item = IpFilterItem;
-constexpr Field kFields[] = {
-    SAME(leading_text),
-    ADDRESS_RANGE,
-    SCHEDULE,
-};
-}  // namespace ip_filter
-
-namespace port_forward {
-using Record = PortFwRecord;
-using Item = PortFwItem;
-constexpr Field kFields[] = {
-    SAME(leading_text), IN_ITEM(ip_addr, ip_text),
-    SAME(option_1),     SAME(number_1),
-    SAME(number_2),     SAME(number_3),
-    SAME(number_4),     SAME(option_2),
-    SAME(option_3),     SAME(trailing_text),
-};
-}  // namespace port_forward
-
-namespace mac_filter {
-using Record = MacFilterRecord;
-using Item = MacFilterItem;
-constexpr Field kFields[] = {
-    unique(mac_text(SAME(mac)), Clash::kTextWithoutCase),
-    SAME(leading_text),
-    SCHEDULE,
-};
-}  // namespace mac_filter
-
-namespace url_filter {
-using Record = UrlFilterRecord;
-using Item = UrlFilterItem;
-constexpr Field kFields[] = {
-    unique(SAME(url), Clash::kBytes),
-    SAME(leading_text),
-    SCHEDULE,
-};
-}  // namespace url_filter
-
-namespace qos {
-using Record = QosRuleRecord;
-using Item = QosItem;
-constexpr Field kFields[] = {
-    SAME(leading_text), SAME(match_kind), SAME(match_text), ADDRESS_RANGE, SCHEDULE,
-};
-}  // namespace qos
 
 namespace ap {
 using Record = ApInfoRecord;
@@ -201,43 +110,6 @@ constexpr Field kFields[] = {
 };
 }  // namespace ap_template
 
-namespace client_group {
-using Record = ClientsGroupRecord;
-using Item = ClientsGroupsItem;
-constexpr Field kFields[] = {unique(SAME(group_name), Clash::kTextWithoutCase)};
-}  // namespace client_group
-
-namespace client {
-using Record = ClientRecord;
-using Item = ClientsItem;
-constexpr Field kFields[] = {
-    unique(written_by_add(SAME(client_mac)), Clash::kBytes),
-    SAME(text_52),
-    SAME(text_82),
-    SAME(text_102),
-    SAME(text_122),
-    SAME(text_142),
-    SAME(text_162),
-    SAME(text_182),
-    SAME(field_14),
-    SAME(field_16),
-    SAME(field_20),
-    SAME(field_24),
-    SAME(field_26),
-    SAME(field_27),
-    SAME(field_28),
-    SAME(field_29),
-    SAME(field_30),
-    SAME(field_31),
-    SAME(field_32),
-    SAME(field_34),
-    SAME(field_36),
-    SAME(field_40),
-    SAME(field_44),
-    SAME(field_48),
-};
-}  // namespace client
-
 /* Settings: one field, behind the section's lock word or at once. */
 template <class Bytes, size_t kAhead>
 constexpr Field kSettings[] = {
@@ -245,51 +117,61 @@ constexpr Field kSettings[] = {
 
 /* ---- makers of tables ---- */
 
-template <class Records, size_t kFieldCount>
-consteval Table list_table(const char* name, AreaId area, size_t at,
-                           const Field (&fields)[kFieldCount], const char* counter = nullptr,
-                           size_t counter_at = 0, size_t counter_size = 0) {
-  using Record = typename Element<Records>::Type;
-  Table t = {};
-  t.name = name;
-  t.area = area;
-  t.at = static_cast<uint32_t>(at);
-  t.stride = sizeof(Record);
-  t.capacity = sizeof(Records) / sizeof(Record);
-  t.lock_at = offsetof(Record, lock_index);
-  t.id_at = offsetof(Record, slot_id);
-  t.free = -1;
-  t.counter = counter;
-  t.counter_at = static_cast<uint32_t>(counter_at);
-  t.counter_size = static_cast<uint8_t>(counter_size);
-  t.fields = fields;
-  t.field_count = kFieldCount;
-  return t;
+consteval AreaId area_of_code(uint8_t code) {
+  for (const sc::AreaRow& row : sc::kAreas) {
+    if (row.code == code) return static_cast<AreaId>(&row - sc::kAreas);
+  }
+  no_area_has_this_code();
+  return kAreaCount;
 }
-#define LIST(name, area, Block, records, of, ...)                            \
-  list_table<decltype(Block::records)>(name, area, offsetof(Block, records), \
-                                       of::kFields __VA_OPT__(, ) __VA_ARGS__)
-#define COUNTER(Block, member) #member, offsetof(Block, member), sizeof(Block::member)
 
-template <class Records, size_t kFieldCount>
-consteval Table id_table(const char* name, AreaId area, size_t at, size_t id_at,
+struct CounterName {
+  const char* name;
+  size_t at;
+};
+#define COUNTER(Block, member) \
+  CounterName { #member, offsetof(Block, member) }
+
+template <size_t kCount>
+consteval Table list_table(const char* name, const Fields<kCount>& fields, const sc::ListRow& list,
+                           CounterName counter = {}) {
+  const sc::Geometry& geometry = list.table.geometry;
+  if (counter.at != list.counter_at) this_is_not_the_counter_of_the_list();
+  Table t = {};
+  t.name = name;
+  t.area = area_of_code(list.code);
+  t.at = geometry.at;
+  t.stride = geometry.stride;
+  t.capacity = geometry.capacity;
+  t.lock_at = geometry.lock_at;
+  t.id_at = geometry.slot_at;
+  t.free = -1;
+  t.counter = counter.name;
+  t.counter_at = list.counter_at;
+  t.counter_size = list.counter_size;
+  t.fields = fields.rows;
+  t.field_count = kCount;
+  return t;
+}
+template <auto& kMembers, auto& kTable>
+constexpr auto kFieldsOf = fields_of(kMembers, kTable);
+#define FIELDS(members, table) kFieldsOf<sc::members, sc::table>
+
+template <size_t kFieldCount>
+consteval Table id_table(const char* name, AreaId area, const sc::IdTableRow& row,
                          const Field (&fields)[kFieldCount]) {
-  using Record = typename Element<Records>::Type;
   Table t = {};
   t.name = name;
   t.area = area;
-  t.at = static_cast<uint32_t>(at);
-  t.stride = sizeof(Record);
-  t.capacity = sizeof(Records) / sizeof(Record);
-  t.lock_at = offsetof(Record, lock_index);
-  t.id_at = static_cast<int16_t>(id_at);
+  t.at = row.at;
+  t.stride = row.stride;
+  t.capacity = row.capacity;
+  t.lock_at = 0;
+  t.id_at = static_cast<int16_t>(row.id_at);
   t.fields = fields;
   t.field_count = kFieldCount;
   return t;
 }
-#define ID_TABLE(name, area, Block, records, of, id)                       \
-  id_table<decltype(Block::records)>(name, area, offsetof(Block, records), \
-                                     offsetof(of::Record, id), of::kFields)
 
 template <class Bytes, size_t kAhead>
 consteval Table settings(const char* name, AreaId area, size_t at, uint16_t count = 1) {
@@ -311,6 +193,20 @@ consteval Table settings(const char* name, AreaId area, size_t at, uint16_t coun
 #define SECTION(name, area, Block, lock, bytes)                                     \
   settings<decltype(Block::bytes), offsetof(Block, bytes) - offsetof(Block, lock)>( \
       name, area, offsetof(Block, lock))
+
+template <size_t kCount>
+consteval const char* name_at(const sc::Member (&members)[kCount], size_t record_at) {
+  const sc::Member* member = members;
+  while (member->run.record_at != record_at) ++member;
+  return member->name;
+}
+
+template <size_t kCount>
+consteval Reference reference(const char* table, const sc::Member (&members)[kCount],
+                              const sc::GroupLink& link) {
+  return {table, name_at(members, link.mode_at), link.deleted_mode, name_at(members, link.id_at),
+          link.group == kIpGroup ? "ip_groups" : "time_groups"};
+}
 
 /* ---- areas ---- */
 
@@ -369,8 +265,10 @@ constexpr Area kAreas[kAreaCount] = {
  * the opposite one. The tables of one area stand in the order of its lock words. */
 constexpr Table kTables[kTableCount] = {
   SETTINGS("lan_settings", kLan, LanBlock, lan_settings),
-  LIST("lan_binds", kLan, LanBlock, lan_binds, dhcp, COUNTER(LanBlock, lan_bind_count)),
-  LIST("ac_binds", kLan, LanBlock, ac_binds, dhcp, COUNTER(LanBlock, ac_bind_count)),
+  list_table("lan_binds", FIELDS(kBindMembers, kLanBinds.list.table), sc::kLanBinds.list,
+             COUNTER(LanBlock, lan_bind_count)),
+  list_table("ac_binds", FIELDS(kBindMembers, kLanBinds.list.table), sc::kAcBinds.list,
+             COUNTER(LanBlock, ac_bind_count)),
   settings<decltype(WanSection::settings), offsetof(WanSection, settings)>(
       "wan", kWan, offsetof(WanBlock, sections), 4),
   SETTINGS("wan_rest", kWan, WanBlock, spare_3976),
@@ -380,32 +278,35 @@ constexpr Table kTables[kTableCount] = {
   SECTION("misc_3", kMisc, MiscBlock, lock_index_1416, settings_1420),
   SECTION("misc_4", kMisc, MiscBlock, lock_index_1944, settings_1948),
   SECTION("misc_5", kMisc, MiscBlock, lock_index_2500, settings_2504),
-  LIST("ip_groups", kIpGroup, IpGroupBlock, groups, ip_group, COUNTER(IpGroupBlock, group_count)),
-  LIST("time_groups", kTimeGroup, TimeGroupBlock, groups, time_group,
-       COUNTER(TimeGroupBlock, group_count)),
-  LIST("port_forward", kVsIpport, VsIpportBlock, rules, port_forward,
-       COUNTER(VsIpportBlock, rule_count)),
-  LIST("ip_filter", kFwIpport, FwIpportBlock, rules, ip_filter,
-       COUNTER(FwIpportBlock, rule_count)),
-  LIST("mac_filter", kFwMac, FwMacBlock, rules, mac_filter, COUNTER(FwMacBlock, rule_count)),
-  LIST("url_filter", kFwUrl, FwUrlBlock, rules, url_filter, COUNTER(FwUrlBlock, rule_count)),
-  LIST("qos", kQos, QosBlock, rules, qos, COUNTER(QosBlock, rule_count)),
-  ID_TABLE("aps", kManageApList, ManageApListBlock, aps, ap, ap_id),
-  ID_TABLE("ap_users", kApUserList, ApUserListBlock, users, ap_user, user_id),
-  ID_TABLE("ap_templates", kApTemplateList, ApTemplateListBlock, templates, ap_template,
-           template_id),
+  list_table("ip_groups", FIELDS(kIpGroupMembers, kIpGroups.list.table), sc::kIpGroups.list,
+             COUNTER(IpGroupBlock, group_count)),
+  list_table("time_groups", FIELDS(kTimeGroupMembers, kTimeGroups.list.table), sc::kTimeGroups.list,
+             COUNTER(TimeGroupBlock, group_count)),
+  list_table("port_forward", FIELDS(kPortForwardMembers, kPortForwards.list.table), sc::kPortForwards.list,
+             COUNTER(VsIpportBlock, rule_count)),
+  list_table("ip_filter", FIELDS(kIpFilterMembers, kIpFilters.list.table), sc::kIpFilters.list,
+             COUNTER(FwIpportBlock, rule_count)),
+  list_table("mac_filter", FIELDS(kMacFilterMembers, kMacFilters.list.table), sc::kMacFilters.list,
+             COUNTER(FwMacBlock, rule_count)),
+  list_table("url_filter", FIELDS(kUrlFilterMembers, kUrlFilters.list.table), sc::kUrlFilters.list,
+             COUNTER(FwUrlBlock, rule_count)),
+  list_table("qos", FIELDS(kQosMembers, kQosRules.list.table), sc::kQosRules.list,
+             COUNTER(QosBlock, rule_count)),
+  id_table("aps", kManageApList, sc::kAps, ap::kFields),
+  id_table("ap_users", kApUserList, sc::kApUsers, ap_user::kFields),
+  id_table("ap_templates", kApTemplateList, sc::kApTemplates, ap_template::kFields),
   SETTINGS("default_template", kDefApTemplate, DefApTemplateBlock, settings),
-  LIST("client_groups", kClientsGroups, ClientsGroupsBlock, groups, client_group),
-  LIST("clients", kClients, ClientsBlock, clients, client),
+  list_table("client_groups", FIELDS(kClientGroupMembers, kClientGroupList.table), sc::kClientGroupList),
+  list_table("clients", FIELDS(kClientMembers, kClientList.table), sc::kClientList),
 };
 
 constexpr Reference kReferences[kReferenceCount] = {
-  {"ip_filter",  "ip_mode",   1, "ip_group_id",   "ip_groups"},
-  {"qos",        "ip_mode",   1, "ip_group_id",   "ip_groups"},
-  {"ip_filter",  "time_mode", 2, "time_group_id", "time_groups"},
-  {"mac_filter", "time_mode", 2, "time_group_id", "time_groups"},
-  {"url_filter", "time_mode", 2, "time_group_id", "time_groups"},
-  {"qos",        "time_mode", 2, "time_group_id", "time_groups"},
+  reference("ip_filter",  sc::kIpFilterMembers,  sc::kIpFilterIpGroup),
+  reference("qos",        sc::kQosMembers,       sc::kQosIpGroup),
+  reference("ip_filter",  sc::kIpFilterMembers,  sc::kIpFilterTimeGroup),
+  reference("mac_filter", sc::kMacFilterMembers, sc::kMacFilterTimeGroup),
+  reference("url_filter", sc::kUrlFilterMembers, sc::kUrlFilterTimeGroup),
+  reference("qos",        sc::kQosMembers,       sc::kQosTimeGroup),
 };
 // clang-format on
 
@@ -423,11 +324,11 @@ bool is_named(const char* own, const char* name, size_t length) {
 
 }  // namespace
 
-const sc::Area& Area::facts() const { return sc::kAreas[this - kAreas]; }
+const sc::AreaRow& Area::row() const { return sc::kAreas[this - kAreas]; }
 
 const Area* find_area(const char* name) {
   for (const Area& area : kAreas) {
-    const char* stem = area.facts().stem;
+    const char* stem = area.row().stem;
     if (strcmp(area.name, name) == 0 || (stem[0] != '\0' && strcmp(stem, name) == 0)) return &area;
   }
   return nullptr;
@@ -447,14 +348,13 @@ const Field* find_field(const Table& table, const char* name, size_t length) {
   return nullptr;
 }
 
-/* The records of an area are numbered from 2 on, table after table; byte 1 is the area's own. */
 uint32_t lock_index_of(const Table& table, uint32_t position) {
   if (table.lock_at < 0) return 1;
-  uint32_t lock_index = 2;
-  for (const Table* other = kTables; other != &table; ++other) {
-    if (other->area == table.area && other->lock_at >= 0) lock_index += other->capacity;
+  const sc::LockSpan* span = sc::kLockSpans.begin();
+  while (span->area != table.area || span->at != table.at + static_cast<uint32_t>(table.lock_at)) {
+    ++span;
   }
-  return lock_index + position;
+  return span->first + position;
 }
 
 }  // namespace scctl

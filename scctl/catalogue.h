@@ -1,6 +1,6 @@
 /* The catalogue: every area, every table and every field that scctl knows, as rows of constant
- * data. Offsets, widths and kinds are taken from the members of the public structs, so a row cannot
- * lie about a field; commands, JSON, completion and help all come from here.
+ * data. They are derived from the library's own rows; what the catalogue adds are names. Commands,
+ * JSON, completion and help all come from here.
  *
  * A table is a list, one of the access-point tables, or the settings of a section, whose record has
  * no free mark and is always there.
@@ -28,8 +28,8 @@ struct Area {
   void (*notify)();
   void (*save)(void* block);
 
-  /* Key, size, header and stems: the library's own row. */
-  const sc::Area& facts() const;
+  /* Key, size, header and stems: the library's row. */
+  const sc::AreaRow& row() const;
 };
 
 extern const Area kAreas[kAreaCount];

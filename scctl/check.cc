@@ -84,7 +84,7 @@ bool has_wrong_counter(Source& source, const Table& table, Damage* damage) {
 template <class Tell>
 void find_in_header(Source& source, const Area& area, Tell tell) {
   const uint8_t* block = source.block(id_of(area));
-  const auto& header = area.facts().header;
+  const auto& header = area.row().header;
   const auto width = static_cast<size_t>(header.index_at - header.path_at);
   Damage damage = {Damage::kLockPath, &area, nullptr, 0, 0, 1, nullptr, nullptr};
   if (strncmp(reinterpret_cast<const char*>(block) + header.path_at, lock_path(area).text, width) !=
@@ -179,7 +179,7 @@ void describe(Source& source, const Damage& damage, Text* to) {
   const auto right = static_cast<long long>(damage.right);
   switch (damage.kind) {
     case Damage::kLockPath: {
-      const auto& header = area.facts().header;
+      const auto& header = area.row().header;
       const auto* own = reinterpret_cast<const char*>(source.block(id_of(area))) + header.path_at;
       to->print("%s: lock_path is '", area.name);
       to->add_shown(own, strnlen(own, static_cast<size_t>(header.index_at - header.path_at)));
@@ -247,7 +247,7 @@ unsigned check_files(const Area& area) {
     printf("%s: %s: %s; remedy: echo >%s\n", area.name, lock.text, strerror(errno), lock.text);
     ++findings;
   }
-  if (area.facts().stem[0] == '\0') return findings;
+  if (area.row().stem[0] == '\0') return findings;
   ArchiveImage image;
   const char* fault = read_own_archive(area, &image);
   free(image.bytes);
@@ -340,7 +340,7 @@ class Gathered {
 };
 
 void mend_header(Source& live, const Damage& damage) {
-  const auto& header = damage.area->facts().header;
+  const auto& header = damage.area->row().header;
   uint8_t* block = live.block(id_of(*damage.area));
   if (damage.kind == Damage::kAreaLock) {
     store<int32_t>(block + header.index_at, 1);

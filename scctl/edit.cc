@@ -78,7 +78,7 @@ int refuse_damaged(const Area& area) {
 }
 
 int check_header(const Area& area, const uint8_t* block) {
-  const auto& header = area.facts().header;
+  const auto& header = area.row().header;
   const bool good =
       strncmp(reinterpret_cast<const char*>(block) + header.path_at, lock_path(area).text,
               static_cast<size_t>(header.index_at - header.path_at)) == 0 &&

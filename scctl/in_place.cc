@@ -273,7 +273,7 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
   g_where = where.c_str();
   if (const int status = init_area(call, id); status != kOk) return status;
   if (const int status = call.source.need(id); status != kOk) return status;
-  memcpy(call.source.block(id), file.block(id), kAreas[id].facts().size);
+  memcpy(call.source.block(id), file.block(id), kAreas[id].row().size);
   g_where = outer;
   const int status = run(call);
   const int flushed = flush_output();
@@ -286,7 +286,7 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
     g_where = outer;
     if (written == kOk) written = write_archive(kAreas[id], to);
   } else {
-    written = to->write_all(call.source.block(id), kAreas[id].facts().size);
+    written = to->write_all(call.source.block(id), kAreas[id].row().size);
   }
   return written == kOk ? status | kComplete : written;
 }

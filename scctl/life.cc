@@ -68,7 +68,7 @@ int fail_archive(const Area& area, const char* is_not, const char* fault) {
 /* The library does not tell how it went: area and archive have to be equal now. */
 int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
   const Area& area = kAreas[id];
-  const bool same = memcmp(call.source.block(id), image->bytes, area.facts().size) == 0;
+  const bool same = memcmp(call.source.block(id), image->bytes, area.row().size) == 0;
   free(image->bytes);
   if (same) return kOk;
   return fail(kRefused, "area %s is not %s, or was changed meanwhile: it differs from %s",
@@ -89,7 +89,7 @@ int need_writable(const Area& area, const Path& path) {
 int need_writable_files(const Area& area) {
   if (const int status = need_writable(area, lock_path(area)); status != kOk) return status;
   Path image;
-  snprintf(image.text, sizeof image.text, "/var/systemconfig/config_%s.cfg", area.facts().stem);
+  snprintf(image.text, sizeof image.text, sc::kImagePath, area.row().stem);
   Path written[] = {image, archive_path(area)};
   for (Path& path : written) {
     /* One that is not there is made in its folder. */
@@ -138,7 +138,7 @@ int restore_area(Call& call, AreaId id) {
 int remove_area(Call& call, AreaId id) {
   const Area& area = kAreas[id];
   /* Removing creates what is not there. */
-  if (shmget(area.facts().key, 0, 0) < 0) {
+  if (shmget(area.row().key, 0, 0) < 0) {
     return call.has(kAll) && errno == ENOENT
                ? kOk
                : fail(kNoArea, "area %s: %s", area.name, strerror(errno));
@@ -148,12 +148,12 @@ int remove_area(Call& call, AreaId id) {
     Quiet quiet;
     area.remove();
   }
-  if (shmget(area.facts().key, 0, 0) < 0) return kOk;
-  if (shmget(area.facts().key, area.facts().size, 0) >= 0 || errno != EINVAL) {
+  if (shmget(area.row().key, 0, 0) < 0) return kOk;
+  if (shmget(area.row().key, area.row().size, 0) >= 0 || errno != EINVAL) {
     return fail(kNoArea, "area %s is not removed: no permission", area.name);
   }
   return fail(kNoArea, "area %s is not removed: its segment is too small; ipcrm -M %d removes it",
-              area.name, area.facts().key);
+              area.name, area.row().key);
 }
 
 /* The library tells a failure by perror alone. */

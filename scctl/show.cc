@@ -311,7 +311,7 @@ void format_age(const char* path, Text* to) {
 }
 
 void format_archive(const Area& area, Text* to) {
-  if (area.facts().stem[0] == '\0') {
+  if (area.row().stem[0] == '\0') {
     to->add("never saved");
     return;
   }
@@ -335,7 +335,7 @@ int run_areas(Call& call) {
   puts(json ? "[" : "area             key    bytes  attached  used     archive");
   for (const Area& area : kAreas) {
     shmid_ds status;
-    const int segment = shmget(area.facts().key, 0, 0);
+    const int segment = shmget(area.row().key, 0, 0);
     const bool there = segment >= 0 && shmctl(segment, IPC_STAT, &status) == 0;
     uint32_t used = 0, capacity = 0;
     for (const Table& table : kTables) {
@@ -353,13 +353,13 @@ int run_areas(Call& call) {
       printf(
           "  {\"area\": \"%s\", \"key\": %d, \"bytes\": %u, \"there\": %s, \"attached\": %lu, "
           "\"used\": %u, \"capacity\": %u, \"archive\": \"%s\"}%s\n",
-          area.name, area.facts().key, area.facts().size, there ? "true" : "false", attached, used,
+          area.name, area.row().key, area.row().size, there ? "true" : "false", attached, used,
           capacity, archive.c_str(), &area == kAreas + kAreaCount - 1 ? "" : ",");
       continue;
     }
     Text use;
     if (capacity > 0 && there) use.print("%u/%u", used, capacity);
-    printf("%-14s  %4d  %7u  ", area.name, area.facts().key, area.facts().size);
+    printf("%-14s  %4d  %7u  ", area.name, area.row().key, area.row().size);
     if (there)
       printf("%8lu", attached);
     else
@@ -518,14 +518,14 @@ int run_dump(Call& call) {
   if (const int status = call.source.need(id); status != kOk) return status;
   const Area& area = kAreas[id];
   const uint8_t* block = call.source.block(id);
-  printf("%s: %u bytes\n", area.name, area.facts().size);
+  printf("%s: %u bytes\n", area.name, area.row().size);
   uint32_t at = 0;
   const auto dump_next = [&](uint32_t place, uint32_t size, const char* name) {
     if (place > at) dump_spare(block, 0, at, place - at);
     if (name != nullptr) dump_bytes(block + place, place, size, name);
     at = place + size;
   };
-  const auto& header = area.facts().header;
+  const auto& header = area.row().header;
   if (header.path_at > 0) dump_next(0, header.path_at, "header_reserved");
   dump_next(header.path_at, header.index_at - header.path_at, "lock_path");
   dump_next(header.index_at, 4, "block_lock_index");
@@ -546,7 +546,7 @@ int run_dump(Call& call) {
     }
     if (free > 0) printf("%s: %u free records\n", table.name, free);
   }
-  dump_next(area.facts().size, 0, nullptr);
+  dump_next(area.row().size, 0, nullptr);
   return kOk;
 }
 

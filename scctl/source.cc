@@ -13,6 +13,7 @@
 
 #include <sysconfig/core.h>
 
+#include "core/registry.h"
 #include "value.h"
 
 namespace scctl {
@@ -30,7 +31,7 @@ struct FileBytes {
 FileBytes read_all(FILE* file) {
   size_t largest = 0;
   for (const Area& area : kAreas) {
-    if (area.facts().size > largest) largest = area.facts().size;
+    if (area.row().size > largest) largest = area.row().size;
   }
   auto* bytes = static_cast<uint8_t*>(malloc(largest + 1));
   if (bytes == nullptr) exit(fail(kRefused, "out of memory"));
@@ -39,12 +40,12 @@ FileBytes read_all(FILE* file) {
 
 const Area* area_of_size(size_t size) {
   for (const Area& area : kAreas) {
-    if (area.facts().size == size) return &area;
+    if (area.row().size == size) return &area;
   }
   return nullptr;
 }
 
-const char* read_archive(const char* path, int opened, const sc::Area* area, ArchiveImage* image) {
+const char* read_archive(const char* path, int opened, const sc::AreaRow* area, ArchiveImage* image) {
   store::Archive& archive = image->verdict;
   const int file = opened >= 0 ? opened : store::open_archive(AT_FDCWD, path, 0, &archive);
   if (file >= 0) store::judge(file, area, &archive);
@@ -72,18 +73,18 @@ bool lock_shared(int file, int32_t lock_index, int tries) {
 
 Path archive_path(const Area& area) {
   Path path;
-  snprintf(path.text, sizeof path.text, "/var/dataconfig/config_%s.bin", area.facts().stem);
+  snprintf(path.text, sizeof path.text, sc::kArchivePath, area.row().stem);
   return path;
 }
 
 Path lock_path(const Area& area) {
   Path path;
-  snprintf(path.text, sizeof path.text, "/var/lock_store/%s_conf_lock", area.facts().lock_stem);
+  snprintf(path.text, sizeof path.text, sc::kLockPath, area.row().lock_stem);
   return path;
 }
 
 const char* read_own_archive(const Area& area, ArchiveImage* image) {
-  const char* fault = read_archive(archive_path(area).text, -1, &area.facts(), image);
+  const char* fault = read_archive(archive_path(area).text, -1, &area.row(), image);
   if (fault == nullptr) return nullptr;
   free(image->bytes);
   image->bytes = nullptr;
@@ -180,7 +181,7 @@ uint8_t* Source::block(AreaId id) {
   if (blocks_[id] == nullptr && live_) {
     blocks_[id] = reinterpret_cast<void*>(static_cast<uintptr_t>(area.attach()));
   }
-  if (blocks_[id] == nullptr && saved_ && area.facts().stem[0] != '\0') {
+  if (blocks_[id] == nullptr && saved_ && area.row().stem[0] != '\0') {
     ArchiveImage image;
     read_own_archive(area, &image);
     blocks_[id] = image.bytes;
@@ -209,7 +210,7 @@ bool is_used(const Table& table, const uint8_t* record) {
 }
 
 int32_t named_lock(const Table& table, const uint8_t* block, uint32_t position) {
-  if (table.lock_at < 0) return load_word(block + kAreas[table.area].facts().header.index_at);
+  if (table.lock_at < 0) return load_word(block + kAreas[table.area].row().header.index_at);
   return load_word(block + table.at + position * table.stride + table.lock_at);
 }
 

@@ -269,7 +269,7 @@ int run_diff(Call& call) {
     if (!in_a || !in_b) {
       /* A file holds one area; the archives hold none that is never saved. */
       const bool expected = (a.is_live() || a.is_saved()) && (b.is_live() || b.is_saved()) &&
-                            area.facts().stem[0] != '\0' && (in_a || in_b);
+                            area.row().stem[0] != '\0' && (in_a || in_b);
       if (expected) print_single(area, in_a ? a : b, in_a ? b : a);
       any |= expected;
       continue;

@@ -312,7 +312,7 @@ class Watch {
     slow_ = now + kPauseMs;
     for (int n = 0; n < kAreaCount; ++n) {
       areas_[n].chosen = chosen[n];
-      if (chosen[n]) areas_[n].segment = shmget(kAreas[n].facts().key, 0, 0);
+      if (chosen[n]) areas_[n].segment = shmget(kAreas[n].row().key, 0, 0);
     }
     for (int n = 0; n < kTableCount; ++n) {
       const AreaId id = kTables[n].area;
@@ -349,7 +349,7 @@ class Watch {
  private:
   bool look_at(AreaId id, const char* prefix, int64_t now) {
     Watched& area = areas_[id];
-    const auto& facts = kAreas[id].facts();
+    const auto& facts = kAreas[id].row();
     bool any = false;
     if (const int segment = shmget(facts.key, 0, 0); segment != area.segment) {
       Source::forget_live(id);

@@ -16,13 +16,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/area.h"
+#include "core/registry.h"
 #include "store/archive.h"
 #include "store/streams.h"
 
 namespace {
 
-using sc::Area;
+using sc::AreaRow;
 using store::State;
 
 constexpr char kFolder[] = "/var/dataconfig";
@@ -69,7 +69,7 @@ struct Descriptor {
 struct Name {
   char text[32];
 
-  Name(const Area& area, const char* ending) {
+  Name(const AreaRow& area, const char* ending) {
     snprintf(text, sizeof text, "config_%s.%s", area.stem, ending);
   }
 };
@@ -80,7 +80,7 @@ struct File {
   store::Archive archive;
   int descriptor;
 
-  File(const Area& area, const char* ending, int folder)
+  File(const AreaRow& area, const char* ending, int folder)
       : name(area, ending),
         descriptor(store::open_archive(folder, name.text, O_NOFOLLOW, &archive)) {
     if (descriptor >= 0) store::judge(descriptor, &area, &archive);
@@ -95,12 +95,12 @@ struct File {
 };
 
 struct Files {
-  const Area& area;
+  const AreaRow& area;
   int folder;
   Name fresh, bad;
   File bin, good;
 
-  Files(const Area& of, int in)
+  Files(const AreaRow& of, int in)
       : area(of),
         folder(in),
         fresh(of, "new"),
@@ -187,7 +187,7 @@ bool bring_copy_up_to_date(const Files& files) {
   return false;
 }
 
-bool keep(const Area& area, int folder) {
+bool keep(const AreaRow& area, int folder) {
   const Files files(area, folder);
   if (!files.are_known()) return false;
   if (files.bin.is(State::kGood)) return bring_copy_up_to_date(files);
@@ -213,7 +213,7 @@ void set_aside(const Files& files) {
 
 /* A good archive can be newer than its copy, when the power was cut between a save and its keep. It
  * is kept now: the next save overwrites it, and a cut in that one would bring the old copy back. */
-bool restore(const Area& area, int folder) {
+bool restore(const AreaRow& area, int folder) {
   const Files files(area, folder);
   if (!files.are_known()) return false;
   unlinkat(folder, files.fresh.text, 0);
@@ -231,9 +231,9 @@ bool restore(const Area& area, int folder) {
 /* Holds the area's block lock, under which archives are written, up to the end of its scope. */
 class BlockLock {
  public:
-  BlockLock(const Area& area, bool is_needed) {
+  BlockLock(const AreaRow& area, bool is_needed) {
     char path[64];
-    snprintf(path, sizeof path, "/var/lock_store/%s_conf_lock", area.lock_stem);
+    snprintf(path, sizeof path, sc::kLockPath, area.lock_stem);
     file_.number = open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK);
     /* At boot, before Init makes it, there is no lock file, nor its folder, and nobody who saves. */
     held_ = file_.number < 0 ? errno == ENOENT && !is_needed : take();
@@ -257,7 +257,7 @@ class BlockLock {
 
 /* Runs a command on an area, alone with its files: saves are kept away by the block lock, other
  * guards, which may work without that, by a lock of the folder. */
-bool run(bool (*command)(const Area& area, int folder), const Area& area) {
+bool run(bool (*command)(const AreaRow& area, int folder), const AreaRow& area) {
   const BlockLock lock(area, command == keep);
   if (!lock) return false;
   const Descriptor folder(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -274,7 +274,7 @@ bool run(bool (*command)(const Area& area, int folder), const Area& area) {
 bool print_usage(int to) {
   char areas[256];
   size_t size = 0;
-  for (const Area& area : sc::kAreas) {
+  for (const AreaRow& area : sc::kAreas) {
     if (area.stem[0] == '\0') continue;
     size += static_cast<size_t>(snprintf(areas + size, sizeof areas - size, " %s", area.stem));
   }
@@ -287,8 +287,8 @@ bool print_usage(int to) {
 }
 
 /* By the stem of its files or by its name. */
-const Area* named(const char* word) {
-  for (const Area& area : sc::kAreas) {
+const AreaRow* named(const char* word) {
+  for (const AreaRow& area : sc::kAreas) {
     const bool is_saved = area.stem[0] != '\0';
     if (is_saved &&
         (strcmp(area.stem, word) == 0 || strcmp(kNames[&area - sc::kAreas], word) == 0)) {
@@ -311,10 +311,10 @@ int main(int argc, char** argv) {
     print_usage(STDERR_FILENO);
     return 2;
   }
-  const Area* only = nullptr;
+  const AreaRow* only = nullptr;
   if (argc == 3 && (only = named(argv[2])) == nullptr) return 2;
   bool good = true;
-  for (const Area& area : sc::kAreas) {
+  for (const AreaRow& area : sc::kAreas) {
     const bool chosen = area.stem[0] != '\0' && (only == nullptr || only == &area);
     if (chosen && !run(keeping ? keep : restore, area)) good = false;
   }

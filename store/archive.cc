@@ -138,7 +138,7 @@ bool judge_status(int status, int file, Archive* archive) {
   return archive->state == State::kGood;
 }
 
-bool judge_by_gzip(int file, const sc::Area* area, Archive* archive) {
+bool judge_by_gzip(int file, const sc::AreaRow* area, Archive* archive) {
   Gzip gzip;
   if (!gzip.start(file, archive)) return false;
   const bool good = judge_tar(gzip.stream, area, archive);
@@ -181,7 +181,7 @@ int open_archive(int folder, const char* name, int flags, Archive* archive) {
   return -1;
 }
 
-bool judge(int file, const sc::Area* area, Archive* archive) {
+bool judge(int file, const sc::AreaRow* area, Archive* archive) {
   struct stat status;
   if (fstat(file, &status) != 0 || (S_ISREG(status.st_mode) && lseek(file, 0, SEEK_SET) != 0)) {
     return archive->cannot(kNotRead);

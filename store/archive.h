@@ -35,7 +35,7 @@ struct Archive {
   char reason[96]; /* why it is not good, in words */
   /* Of a good one, and of one that is broken only for what its image says: the image, from malloc, to
    * be nulled by who keeps it, and whose it is. */
-  const sc::Area* area = nullptr;
+  const sc::AreaRow* area = nullptr;
   uint8_t* image = nullptr;
 
   /* Sets state and reason, of one without an image. True when it is good. */
@@ -50,11 +50,11 @@ int open_archive(int folder, const char* name, int flags, Archive* archive);
 
 /* Judges the whole file of a descriptor, which stays open. It has to be this area's archive; null: any
  * area's. True when it is good. */
-bool judge(int file, const sc::Area* area, Archive* archive);
+bool judge(int file, const sc::AreaRow* area, Archive* archive);
 
 /* Judges what gzip makes of an archive: a descriptor that is read up to its end, or up to where the
  * verdict is clear. */
-bool judge_tar(int stream, const sc::Area* area, Archive* archive);
+bool judge_tar(int stream, const sc::AreaRow* area, Archive* archive);
 
 }  // namespace store
 

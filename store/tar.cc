@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "core/bytes.h"
+#include "core/registry.h"
 #include "store/archive.h"
 #include "store/stream.h"
 #include "store/tar_header.h"
@@ -14,7 +15,7 @@ namespace store {
 
 namespace {
 
-using sc::Area;
+using sc::AreaRow;
 
 constexpr size_t kBlock = sizeof(TarHeader);
 constexpr size_t kMostInFront = 64 * 1024; /* of the image's header */
@@ -68,20 +69,19 @@ bool is_zero(const TarHeader& header) {
 /* ---- the image ---- */
 
 /* Null when it is the area's. */
-const char* fault_of_image(const Area& area, const uint8_t* image) {
+const char* fault_of_image(const AreaRow& area, const uint8_t* image) {
   char lock_path[64];
-  snprintf(lock_path, sizeof lock_path, "/var/lock_store/%s_conf_lock", area.lock_stem);
+  snprintf(lock_path, sizeof lock_path, sc::kLockPath, area.lock_stem);
   if (memcmp(image + area.header.path_at, lock_path, strlen(lock_path) + 1) != 0) {
     return "another lock path";
   }
   if (sc::load<int32_t>(image + area.header.index_at) != 1) {
     return "another block lock";
   }
-  int32_t lock_index = 2;
   for (const sc::LockSpan& span : sc::kLockSpans) {
     if (&sc::kAreas[span.area] != &area) continue;
     for (uint32_t n = 0; n < span.count; ++n) {
-      if (sc::load<int32_t>(image + span.at + n * span.stride) != lock_index++) {
+      if (sc::load<uint32_t>(image + span.at + n * span.stride) != span.first + n) {
         return "another record numbering";
       }
     }
@@ -106,7 +106,7 @@ constexpr struct {
 /* Its parts in the order in which they are read; each function returns what is wrong, or null. */
 class Tar {
  public:
-  Tar(int stream, const Area* area, Archive* archive)
+  Tar(int stream, const AreaRow* area, Archive* archive)
       : stream_{stream}, area_(area), archive_(archive) {}
 
   bool judge() {
@@ -220,10 +220,10 @@ class Tar {
   bool is_wanted(const char* name) {
     /* tar unpacks each name below a folder. */
     while (*name == '/' || (name[0] == '.' && name[1] == '/')) ++name;
-    for (const Area& area : sc::kAreas) {
+    for (const AreaRow& area : sc::kAreas) {
       if (area.stem[0] == '\0' || (area_ != nullptr && area_ != &area)) continue;
       char wanted[64];
-      snprintf(wanted, sizeof wanted, "var/systemconfig/config_%s.cfg", area.stem);
+      snprintf(wanted, sizeof wanted, sc::kImagePath + 1, area.stem);
       if (strcmp(name, wanted) != 0) continue;
       area_ = &area;
       return true;
@@ -259,7 +259,7 @@ class Tar {
   }
 
   Stream stream_;
-  const Area* area_;
+  const AreaRow* area_;
   Archive* archive_;
   TarHeader header_ = {};
   uint32_t size_ = 0; /* of what the header stands for */
@@ -270,7 +270,7 @@ class Tar {
 
 }  // namespace
 
-bool judge_tar(int stream, const Area* area, Archive* archive) {
+bool judge_tar(int stream, const AreaRow* area, Archive* archive) {
   return Tar(stream, area, archive).judge();
 }
 

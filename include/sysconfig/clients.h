@@ -187,7 +187,8 @@ int SC_Read_System_Clients_Groups_Config(struct ClientsGroupsBlock* block);
 void SC_Save_System_Clients_Groups_Config(void);
 void SC_Save_System_Clients_Groups_Config2Flash(struct ClientsGroupsBlock* block);
 int32_t SC_Operate_System_List_ClientsGroups(struct ClientsGroupsBlock* block, uint32_t op,
-                                             uint32_t* index, const struct ClientsGroupsItem* item);
+                                             uint32_t* position,
+                                             const struct ClientsGroupsItem* item);
 int32_t SC_Operate_System_List_GetClientsGroups_Blank(struct ClientsGroupsBlock* block);
 int32_t SC_Operate_System_List_ClientsGroupsCheckName(const struct ClientsGroupsBlock* block,
                                                       const struct ClientsGroupsItem* item,
@@ -207,7 +208,7 @@ int SC_Init_System_Clients_Config(int read_flag);
 int SC_Read_System_Clients_Config(struct ClientsBlock* block);
 void SC_Save_System_Clients_Config(void);
 void SC_Save_System_Clients_Config2Flash(struct ClientsBlock* block);
-int32_t SC_Operate_System_List_Clients(struct ClientsBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_Clients(struct ClientsBlock* block, uint32_t op, uint32_t* position,
                                        const struct ClientsItem* item);
 int32_t SC_Operate_System_List_GetClients_Blank(struct ClientsBlock* block);
 int32_t SC_Operate_System_List_ClientsCheckMac(const struct ClientsBlock* block,

@@ -35,8 +35,8 @@
  *    Init and Read take no locks: they are for start-up, before others work on the area.
  * 3. Lists. The functions of a list on records, addressed by 0-based positions. Results of changes
  *    are list results (layout.h).
- *    SC_Operate_System_List_<X>(b, op, index, record)
- *        Add, modify, delete or delete all. `index` points to the position: read by delete and
+ *    SC_Operate_System_List_<X>(b, op, position, record)
+ *        Add, modify, delete or delete all. `position` points to the position: read by delete and
  *        modify, written by add. `record` (or `item`) may be null for the deleting operations.
  *    SC_Operate_System_List_Get<X>_Blank(b)
  *        Claim the lowest free record; its position, or -1 when there is none.

@@ -361,8 +361,8 @@ int SC_Init_System_IpGroup_Config(int read_flag);
 int SC_Read_System_IpGroup_Config(struct IpGroupBlock* block);
 void SC_Save_System_IpGroup_Config(void);
 void SC_Save_System_IpGroup_Config2Flash(struct IpGroupBlock* block);
-int32_t SC_Operate_System_List_UserIpGroup(struct IpGroupBlock* block, uint32_t op, uint32_t* index,
-                                           const struct IpGroupRecord* record);
+int32_t SC_Operate_System_List_UserIpGroup(struct IpGroupBlock* block, uint32_t op,
+                                           uint32_t* position, const struct IpGroupRecord* record);
 int32_t SC_Operate_System_List_GetUserIpGroup_Blank(struct IpGroupBlock* block);
 void GetIpGroupItemList(const struct IpGroupBlock* block, struct IpGroupItemList* list);
 void GetIpGroupItem(const struct IpGroupBlock* block, uint32_t id, struct IpGroupItem* item);
@@ -386,7 +386,8 @@ int SC_Read_System_TimeGroup_Config(struct TimeGroupBlock* block);
 void SC_Save_System_TimeGroup_Config(void);
 void SC_Save_System_TimeGroup_Config2Flash(struct TimeGroupBlock* block);
 int32_t SC_Operate_System_List_UserTimeGroup(struct TimeGroupBlock* block, uint32_t op,
-                                             uint32_t* index, const struct TimeGroupRecord* record);
+                                             uint32_t* position,
+                                             const struct TimeGroupRecord* record);
 int32_t SC_Operate_System_List_GetUserTimeGroup_Blank(struct TimeGroupBlock* block);
 void GetTimeGroupItemList(const struct TimeGroupBlock* block, struct TimeGroupItemList* list);
 void GetTimeGroupItem(const struct TimeGroupBlock* block, uint32_t id, struct TimeGroupItem* item);
@@ -412,7 +413,7 @@ int SC_Read_System_FwIpport_Config(struct FwIpportBlock* block);
 void SC_Save_System_FwIpport_Config(void);
 void SC_Save_System_FwIpport_Config2Flash(struct FwIpportBlock* block);
 int32_t SC_Operate_System_List_FireWall_IpPort(struct FwIpportBlock* block, uint32_t op,
-                                               uint32_t* index,
+                                               uint32_t* position,
                                                const struct IpFilterRecord* record);
 int32_t SC_Operate_System_List_GetFireWall_IpPort_Blank(struct FwIpportBlock* block);
 void GetIpFilterItemList(const struct FwIpportBlock* block, const struct IpGroupBlock* ip_groups,
@@ -437,7 +438,7 @@ int SC_Read_System_VsIpport_Config(struct VsIpportBlock* block);
 void SC_Save_System_VsIpport_Config(void);
 void SC_Save_System_VsIpport_Config2Flash(struct VsIpportBlock* block);
 int32_t SC_Operate_System_List_ForwordIpPort(struct VsIpportBlock* block, uint32_t op,
-                                             uint32_t* index, const struct PortFwRecord* record);
+                                             uint32_t* position, const struct PortFwRecord* record);
 int32_t SC_Operate_System_List_GetForwordIpPort_Blank(struct VsIpportBlock* block);
 void GetPortFwItemList(const struct VsIpportBlock* block, struct PortFwItemList* list);
 void GetPortFwItem(const struct VsIpportBlock* block, uint32_t id, struct PortFwItem* item);

@@ -91,13 +91,13 @@ void SC_Save_System_Lan_Config2Flash(struct LanBlock* block);
  * addresses are equal, empty and zero included; the two tables do not clash with each other. Add
  * and modify write bind_flag, bind_mac, bind_ip and bind_name. Modify out of range:
  * SC_LIST_MOD_RANGE. */
-int32_t SC_Operate_System_List_DhcpdBind(struct LanBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_DhcpdBind(struct LanBlock* block, uint32_t op, uint32_t* position,
                                          const struct DhcpBindRecord* record);
 int32_t SC_Operate_System_List_GetDhcpdBind_Blank(struct LanBlock* block);
 int32_t SC_Operate_System_List_DhcpdBindCheckIpMac(const struct LanBlock* block,
                                                    const struct DhcpBindRecord* record,
                                                    uint32_t skip_slot);
-int32_t SC_Operate_System_List_AC_DhcpdBind(struct LanBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_AC_DhcpdBind(struct LanBlock* block, uint32_t op, uint32_t* position,
                                             const struct DhcpBindRecord* record);
 int32_t SC_Operate_System_List_AC_GetDhcpdBind_Blank(struct LanBlock* block);
 int32_t SC_Operate_System_List_AC_DhcpdBindCheckIpMac(const struct LanBlock* block,

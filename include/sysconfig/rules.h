@@ -327,7 +327,8 @@ int SC_Init_System_FwMac_Config(int read_flag);
 int SC_Read_System_FwMac_Config(struct FwMacBlock* block);
 void SC_Save_System_FwMac_Config(void);
 void SC_Save_System_FwMac_Config2Flash(struct FwMacBlock* block);
-int32_t SC_Operate_System_List_FireWall_Mac(struct FwMacBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_FireWall_Mac(struct FwMacBlock* block, uint32_t op,
+                                            uint32_t* position,
                                             const struct MacFilterRecord* record);
 int32_t SC_Operate_System_List_GetFireWall_Mac_Blank(struct FwMacBlock* block);
 int32_t SC_Operate_System_List_FireWall_MacCheckMac(const struct FwMacBlock* block,
@@ -353,7 +354,8 @@ int SC_Init_System_FwUrl_Config(int read_flag);
 int SC_Read_System_FwUrl_Config(struct FwUrlBlock* block);
 void SC_Save_System_FwUrl_Config(void);
 void SC_Save_System_FwUrl_Config2Flash(struct FwUrlBlock* block);
-int32_t SC_Operate_System_List_FireWall_Url(struct FwUrlBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_FireWall_Url(struct FwUrlBlock* block, uint32_t op,
+                                            uint32_t* position,
                                             const struct UrlFilterRecord* record);
 int32_t SC_Operate_System_List_GetFireWall_Url_Blank(struct FwUrlBlock* block);
 int32_t SC_Operate_System_List_FireWall_UrlCheckUrl(const struct FwUrlBlock* block,
@@ -379,7 +381,7 @@ int SC_Init_System_Qos_Config(int read_flag);
 int SC_Read_System_Qos_Config(struct QosBlock* block);
 void SC_Save_System_Qos_Config(void);
 void SC_Save_System_Qos_Config2Flash(struct QosBlock* block);
-int32_t SC_Operate_System_List_QosRule(struct QosBlock* block, uint32_t op, uint32_t* index,
+int32_t SC_Operate_System_List_QosRule(struct QosBlock* block, uint32_t op, uint32_t* position,
                                        const struct QosRuleRecord* record);
 int32_t SC_Operate_System_List_GetQosRule_Blank(struct QosBlock* block);
 void GetQosItemList(const struct QosBlock* block, const struct IpGroupBlock* ip_groups,

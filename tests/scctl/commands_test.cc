@@ -37,7 +37,7 @@ Outcome scctl_run(const Words& arguments, const std::string& input = "") {
 class Block {
  public:
   explicit Block(const Table& table) : table_(table) {
-    const int segment = shmget(scctl::kAreas[table.area].facts().key, 0, 0);
+    const int segment = shmget(scctl::kAreas[table.area].row().key, 0, 0);
     block_ = static_cast<uint8_t*>(shmat(segment, nullptr, 0));
   }
   ~Block() { shmdt(block_); }

@@ -12,6 +12,7 @@
 
 #include <sysconfig/lan.h>
 
+#include "core/registry.h"
 #include "store/archive.h"
 #include "store/archives.h"
 #include "support/output.h"
@@ -35,7 +36,7 @@ namespace {
 namespace fs = std::filesystem;
 using store::State;
 
-const sc::Area* const kLanArea = &sc::kAreas[sc::kLan];
+const sc::AreaRow* const kLanArea = &sc::kAreas[sc::kLan];
 
 /* What is said of an archive, and the image in it. */
 struct Verdict {
@@ -58,7 +59,7 @@ Verdict verdict_of(const store::Archive& archive) {
           image == nullptr ? "" : std::string(image, archive.area->size)};
 }
 
-Verdict look(const char* path = kLanArchive, int flags = 0, const sc::Area* area = kLanArea) {
+Verdict look(const char* path = kLanArchive, int flags = 0, const sc::AreaRow* area = kLanArea) {
   store::Archive archive;
   const int file = store::open_archive(AT_FDCWD, path, flags, &archive);
   if (file >= 0) {

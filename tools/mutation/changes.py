@@ -51,7 +51,7 @@ CALL = re.compile(r"\s+[\w:.>-]+\(")
 DECIDES = re.compile(r"\s+(if|for|while|else|case)\b")
 ASSIGNMENT = re.compile(r"^\s*(?!\.)\S+ = ")
 # What only refuses to compile.
-REFUSALS = (r"(?:member_does_not_fit_its_column|members_are_not_in_record_order|row_has_no_room_left)"
+REFUSALS = (r"(?:member_does_not_fit_its_column|members_overlap|row_has_no_room_left)"
             r"\(\);")
 GUARDS = (r"static_assert\(.*?\);|\bif \([^;{}]*\) (?:\{\s*%s\s*\}|\s*%s)|[^;{}]*= delete;"
           % (REFUSALS, REFUSALS))

@@ -1,5 +1,5 @@
 /* The change notification over the daemon's stream socket. */
-#include "core/notify.h"
+#include "core/announce.h"
 
 #include <stddef.h>
 #include <stdio.h>
@@ -21,7 +21,7 @@ constexpr socklen_t kAddressSize = offsetof(sockaddr_un, sun_path) + sizeof kAdd
 
 }  // namespace
 
-void notify(int32_t code) {
+void announce(int32_t code) {
   int fd = socket(AF_UNIX, SOCK_STREAM, 0);
   if (fd < 0) {
     perror("socket");
