@@ -5,6 +5,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <arpa/inet.h>
+
 #include <initializer_list>
 
 #include "listener.h"
@@ -101,6 +103,28 @@ void fill_rules(FwIpportBlock* ip_filters, QosBlock* qos) {
   }
 }
 
+/* Rule n: 192.168.<100+n>.1 to .254; group n: 10.<100+n>.100.1 to .254. */
+uint32_t address(int first, int second, int third, int last) {
+  char text[16];
+  snprintf(text, sizeof text, "%d.%d.%d.%d", first, second, third, last);
+  return inet_addr(text);
+}
+
+const ScatteredRules* scatter(const Data& data) {
+  static ScatteredRules rules;
+  rules = {*data.ip_groups, *data.ip_filters, *data.qos};
+  for (int n = 0; n < SC_IP_GROUPS; ++n) {
+    rules.ip_groups.groups[n].start_addr = address(10, 100 + n, 100, 1);
+    rules.ip_groups.groups[n].end_addr = address(10, 100 + n, 100, 254);
+  }
+  for (int n = 0; n < SC_FILTER_RULES; ++n) {
+    const uint32_t start = address(192, 168, 100 + n, 1), end = address(192, 168, 100 + n, 254);
+    rules.ip_filters.rules[n].start_addr = rules.qos.rules[n].start_addr = start;
+    rules.ip_filters.rules[n].end_addr = rules.qos.rules[n].end_addr = end;
+  }
+  return &rules;
+}
+
 void fill_aps(ManageApListBlock* aps) {
   ApLimitsRecord limits = {};
   limits.max_ap_count = SC_ACCESS_POINTS;
@@ -160,6 +184,11 @@ Data start() {
 }
 
 }  // namespace
+
+const ScatteredRules& scattered_rules() {
+  static const ScatteredRules* const made = scatter(data());
+  return *made;
+}
 
 const Data& data() {
   static const Data started = start();

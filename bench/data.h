@@ -21,6 +21,14 @@ struct Data {
   ClientsBlock* clients;       /* 300 of one maker */
 };
 
+/* The rules and groups again, where each rule and each group has a range in a network of its own. */
+struct ScatteredRules {
+  IpGroupBlock ip_groups;
+  FwIpportBlock ip_filters;
+  QosBlock qos;
+};
+const ScatteredRules& scattered_rules();
+
 /* Starts and fills the areas once; later calls give the same. Ends the program with a message when
  * it does not run in a private world (examples/private_world). */
 const Data& data();

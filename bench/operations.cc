@@ -123,6 +123,38 @@ void plain_list_qos(int64_t times) {
   }
 }
 
+void list_scattered_ip_filters(int64_t times) {
+  const Data& d = data();
+  const ScatteredRules& rules = scattered_rules();
+  for (int64_t n = 0; n < times; ++n) {
+    GetIpFilterItemList(&rules.ip_filters, &rules.ip_groups, d.time_groups, &out.ip_filters);
+  }
+}
+
+void plain_list_scattered_ip_filters(int64_t times) {
+  const Data& d = data();
+  const ScatteredRules& rules = scattered_rules();
+  for (int64_t n = 0; n < times; ++n) {
+    plain::list_ip_filters(&rules.ip_filters, &rules.ip_groups, d.time_groups, &out.ip_filters);
+  }
+}
+
+void list_scattered_qos(int64_t times) {
+  const Data& d = data();
+  const ScatteredRules& rules = scattered_rules();
+  for (int64_t n = 0; n < times; ++n) {
+    GetQosItemList(&rules.qos, &rules.ip_groups, d.time_groups, &out.qos);
+  }
+}
+
+void plain_list_scattered_qos(int64_t times) {
+  const Data& d = data();
+  const ScatteredRules& rules = scattered_rules();
+  for (int64_t n = 0; n < times; ++n) {
+    plain::list_qos(&rules.qos, &rules.ip_groups, d.time_groups, &out.qos);
+  }
+}
+
 constexpr int kLastAp = SC_ACCESS_POINTS - 1;
 
 void find_last_ap(int64_t times) {
@@ -188,6 +220,10 @@ int main(int argc, char** argv) {
   compare("list 32 IP filter rules, all groups resolved", floor_list_ip_filters, list_ip_filters,
           plain_list_ip_filters);
   compare("list 32 QoS rules, all groups resolved", floor_list_qos, list_qos, plain_list_qos);
+  compare("list 32 IP filter rules, ranges in 48 networks", floor_list_ip_filters,
+          list_scattered_ip_filters, plain_list_scattered_ip_filters);
+  compare("list 32 QoS rules, ranges in 48 networks", floor_list_qos, list_scattered_qos,
+          plain_list_scattered_qos);
   compare("find the 300th AP by MAC", floor_search_aps, find_last_ap, plain_find_last_ap);
   compare("duplicate check against 300 clients", floor_search_clients, check_clients,
           plain_check_clients);
