@@ -153,6 +153,12 @@ const std::vector<Sample>& samples() {
          named.name = "var/x";
          return archive_of(pax_header(pax_record("path", kLanMember)) + tar_member(image, named));
        }},
+      {"PaxOfGnuThatIsNotSparse", kGood, "",
+       [](std::string image) {
+         return behind_pax(pax_record("GNU.volume.label", "x") +
+                               pax_record("GNU.dumpdir", std::string(1, 'Y')),
+                           image);
+       }},
       {"PaxOf60KiB", kGood, "",
        [](std::string image) {
          return behind_pax(pax_record("comment", std::string(60000, 'x')), image);
@@ -310,6 +316,8 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return archive_of(tar_member(image, {.type = '6'})); }},
       {"PaxSparse", kNotForTar, "holds no plain file",
        [](std::string image) { return behind_pax(pax_record("GNU.sparse.name", "tmp/x"), image); }},
+      {"PaxSparseMap", kNotForTar, "holds no plain file",
+       [](std::string image) { return behind_pax(pax_record("GNU.sparse.map", "0,10"), image); }},
       {"PaxSize", kNotForTar, "image of another size",
        [](std::string image) { return behind_pax(pax_record("size", "512"), image); }},
       {"PaxSizeIsNoNumber", kNotForTar, "invalid extended header",
