@@ -135,7 +135,8 @@ int Source::open_image(const char* path, int opened) {
   const Area* area = area_of_size(image.size);
   if (area == nullptr) {
     free(image.bytes);
-    return fail(kNoArea, "%s: %zu bytes are the image of no area", path, image.size);
+    return fail(kNoArea, "%s: %zu byte%s the image of no area", path, image.size,
+                image.size == 1 ? " is" : "s are");
   }
   blocks_[id_of(*area)] = image.bytes;
   return kOk;
