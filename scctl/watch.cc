@@ -328,8 +328,8 @@ class Watch {
     events_.wait(until, areas_);
   }
 
-  /* Looks at what is due and prints it; tells the areas that have changed. */
-  void look(bool* changed) {
+  /* Looks at what is due and prints it; tells the areas that have changed, no more than so many. */
+  void look(bool* changed, uint32_t most) {
     const int64_t now = now_ms();
     if (now >= slow_) {
       events_.follow();
@@ -340,9 +340,10 @@ class Watch {
     for (int n = 0; n < kAreaCount; ++n) {
       Watched& area = areas_[n];
       changed[n] = false;
-      if (!area.chosen || area.due > now) continue;
+      if (!area.chosen || area.due > now || most == 0) continue;
       area.due = kNever;
       changed[n] = look_at(static_cast<AreaId>(n), clock.text, now);
+      most -= changed[n];
     }
   }
 
@@ -399,19 +400,19 @@ int run_watch(Call& call) {
   Watch watch(call.source);
   watch.begin(chosen);
   fflush(stdout);
-  uint32_t rounds = 0;
-  while (g_ended == 0 && (call.count == 0 || rounds < call.count)) {
+  uint32_t left = call.count == 0 ? UINT32_MAX : call.count;
+  while (g_ended == 0 && left > 0) {
     watch.wait();
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     bool changed[kAreaCount];
     g_printing = 1;
-    watch.look(changed);
+    watch.look(changed, left);
     if (fflush(stdout) != 0) break;
     g_printing = 0;
     for (int n = 0; n < kAreaCount; ++n) {
       if (!changed[n]) continue;
-      ++rounds;
+      if (call.count != 0) --left;
       if (call.exec != nullptr) run_command(call.exec, kAreas[n].name);
     }
   }
