@@ -471,6 +471,27 @@ TEST_F(TraceEditTest, Repair_WaitsForByte0AloneAndGathersWhatItMends) {
                                              "try 3+1", "try 2+32"}));
 }
 
+/* The kernel drops all locks of a file with the first of its descriptors that a process closes. */
+TEST_F(TraceEditTest, ALockFileThatAnEditHolds_IsOpenedAndClosedOnce) {
+  const std::string exported = done({"export", "Lan"});
+  for (const Words& words :
+       {Words{"add", "lan_binds", "mac=00:11:22:33:44:55"}, Words{"set", "lan_binds/1", "name=a"},
+        Words{"repair", "Lan"}, Words{"import", "-"}, Words{"clear", "lan_binds"}}) {
+    size_t opened = 0, closed = 0;
+    trace(
+        scctl(words),
+        [&](const SystemCall& call) {
+          const bool opens = call.is_done && (call.call == SYS_openat || call.call == SYS_open);
+          opened += opens && call.text(call.call == SYS_openat) == lock_file("Lan");
+          closed += !call.is_done && call.call == SYS_close && call.file(0) == lock_file("Lan");
+          return Fate{};
+        },
+        exported);
+    EXPECT_EQ(opened, 1u) << words[0];
+    EXPECT_EQ(closed, 1u) << words[0];
+  }
+}
+
 TEST_F(TraceEditTest, RepairThatLacksOneOfItsBytes_HoldsNoneWhileItPauses) {
   auto& lan = *block_as<LanBlock>("Lan");
   lan.lan_binds[0].lock_index = 9;
