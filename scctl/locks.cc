@@ -119,8 +119,9 @@ void read_locks(FILE* file, LockTable* table) {
     const Area* area = area_of_lock(device_major, device_minor, inode);
     if (area == nullptr) continue;
     const unsigned long most = last_lock_index(*area);
-    unsigned long last = strtoul(end, nullptr, 10); /* 0 for EOF */
-    if (last == 0 || last > most) last = most > first ? most : first;
+    const bool has_end = strcmp(end, "EOF") != 0;
+    unsigned long last = strtoul(end, nullptr, 10);
+    if (!has_end || last > most) last = most > first ? most : first;
     const char* state = waits != nullptr ? "waits" : strcmp(mode, "READ") == 0 ? "reads" : "holds";
     table->add({area, first, last, state, pid});
   }
