@@ -280,6 +280,63 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
   return Written::kDone;
 }
 
+namespace {
+
+const Table& table_named(const char* name) { return *find_table(name, strlen(name)); }
+
+bool is_same_mac(const uint8_t* one, const uint8_t* other) {
+  return memcmp(one, other, SC_MAC_BYTES) == 0;
+}
+
+constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
+
+}  // namespace
+
+Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
+  const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
+  if (!lock) return Written::kFailed;
+  const RecordLock ap_lock(*this, table_named("aps"), ap_id - 1);
+  if (!ap_lock) return Written::kFailed;
+  auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
+  auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
+  ApTemplateRecord& target = templates->templates[template_id - 1];
+  ApInfoRecord& ap = aps->aps[ap_id - 1];
+  if (target.template_id == 0 || ap.ap_id == 0 ||
+      (ap.group_id != 0 && ap.group_id != template_id) ||
+      (!is_same_mac(target.bound_ap_mac, kNobody) &&
+       !is_same_mac(target.bound_ap_mac, ap.ap_mac))) {
+    return Written::kChanged;
+  }
+  changed_ |= bit(kApTemplateList) | bit(kManageApList);
+  ap.group_id = static_cast<uint8_t>(template_id);
+  memcpy(ap.group_info, target.template_name, sizeof ap.group_info);
+  memcpy(target.bound_ap_mac, ap.ap_mac, sizeof target.bound_ap_mac);
+  return Written::kDone;
+}
+
+Written Edit::unbind(uint32_t template_id) {
+  const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
+  if (!lock) return Written::kFailed;
+  auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
+  auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
+  ApTemplateRecord& target = templates->templates[template_id - 1];
+  if (is_same_mac(target.bound_ap_mac, kNobody)) return Written::kDone;
+  if (const int32_t position = SC_Get_Ap_Info_By_Mac(aps, target.bound_ap_mac); position >= 0) {
+    const RecordLock ap_lock(*this, table_named("aps"), static_cast<uint32_t>(position));
+    if (!ap_lock) return Written::kFailed;
+    ApInfoRecord& ap = aps->aps[position];
+    if (!is_same_mac(ap.ap_mac, target.bound_ap_mac)) return Written::kChanged;
+    changed_ |= bit(kManageApList);
+    ap.group_id = 0;
+    memset(ap.group_info, 0, sizeof ap.group_info);
+    memset(target.bound_ap_mac, 0, sizeof target.bound_ap_mac);
+  } else {
+    memset(target.bound_ap_mac, 0, sizeof target.bound_ap_mac);
+  }
+  changed_ |= bit(kApTemplateList);
+  return Written::kDone;
+}
+
 int fail_written(const Table& table, uint32_t id, Written written) {
   const char* what = nullptr;
   switch (written) {
@@ -419,26 +476,11 @@ int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
   return kOk;
 }
 
-/* An access point that is bound to the template would keep its name and id. */
-void unbind(Edit& edit, uint32_t template_id) {
-  auto* templates = reinterpret_cast<ApTemplateListBlock*>(edit.live().block(kApTemplateList));
-  uint8_t mac[SC_MAC_BYTES];
-  memcpy(mac, templates->templates[template_id - 1].bound_ap_mac, sizeof mac);
-  static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
-  if (memcmp(mac, kNobody, sizeof mac) == 0) return;
-  auto* aps = reinterpret_cast<ManageApListBlock*>(edit.live().block(kManageApList));
-  {
-    Quiet quiet;
-    SC_Del_Ap_Mac2Template_By_Id(templates, aps, template_id, mac);
-  }
-  edit.set_changed(kApTemplateList);
-  edit.set_changed(kManageApList);
-}
-
 int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
   if (const int status = remove_referring(edit, table, id); status != kOk) return status;
-  if (table.area == kApTemplateList) unbind(edit, id);
-  const Written written = edit.remove(table, id - 1);
+  /* An access point that is bound to the template would keep its name and id. */
+  Written written = table.area == kApTemplateList ? edit.unbind(id) : Written::kDone;
+  if (written == Written::kDone) written = edit.remove(table, id - 1);
   /* It may have gone with a group. */
   return written == Written::kDone || written == Written::kNotUsed
              ? kOk
@@ -488,9 +530,11 @@ int clear_table(Source& live, const Table& table) {
   int deleted = 0;
   for (uint32_t id = 1; id <= table.capacity; ++id, record += table.stride) {
     if (!is_used(table, record)) continue;
-    if (binds) unbind(edit, id);
-    const Written written = edit.remove(table, id - 1);
-    if (written == Written::kFailed) return say_deleted(deleted, kRefused);
+    Written written = binds ? edit.unbind(id) : Written::kDone;
+    if (written == Written::kDone) written = edit.remove(table, id - 1);
+    if (written == Written::kFailed || written == Written::kChanged) {
+      return say_deleted(deleted, fail_written(table, id, written));
+    }
     deleted += written == Written::kDone;
   }
   return kOk;

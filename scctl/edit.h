@@ -64,6 +64,10 @@ class Edit {
   Written change(const Table& table, uint32_t position, const uint8_t* record, const Mask& mask);
   /* A used record becomes free; with `expected` only when its fields are these still. */
   Written remove(const Table& table, uint32_t position, const uint8_t* expected = nullptr);
+  /* A template is bound to an access point that is nobody else's, in both records at once; or bound to
+   * nobody. Their bytes are taken in the library's order, the template's first. */
+  Written bind(uint32_t template_id, uint32_t ap_id);
+  Written unbind(uint32_t template_id);
   /* Whatever is written otherwise is to be announced, too. */
   void set_changed(AreaId area) { changed_ |= bit(area); }
 

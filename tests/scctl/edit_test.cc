@@ -385,69 +385,6 @@ TEST_F(EditTest, DelOfAGroupAndOfARuleThatGoesWithIt_IsDone) {
   EXPECT_EQ(block_as<FwIpportBlock>("FwIpport")->rule_count, 0);
 }
 
-TEST_F(EditTest, BindAndUnbind_WriteBothRecordsAndAnnounceBothAreas) {
-  done({"add", "ap_templates/2", "template_name=lobby"});
-  done({"add", "aps/300", "ap_mac=02:61:62:63:64:65"});
-  const auto& ap = block_as<ManageApListBlock>("ManageApList")->aps[299];
-  const auto& bound = block_as<ApTemplateListBlock>("ApTemplateList")->templates[1];
-  Listener listener;
-  done({"bind", "ap_templates/2", "aps/300"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(ap.group_id, 2);
-  EXPECT_STREQ(ap.group_info, "lobby");
-  EXPECT_EQ(memcmp(bound.bound_ap_mac,
-                   "\x02"
-                   "abcde",
-                   6),
-            0);
-  done({"unbind", "ap_templates/2"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(ap.group_id, 0);
-  EXPECT_STREQ(ap.group_info, "");
-  EXPECT_EQ(memcmp(bound.bound_ap_mac, "\0\0\0\0\0\0", 6), 0);
-}
-
-TEST_F(EditTest, DelOfABoundTemplate_UnbindsItsAccessPoint) {
-  done({"add", "ap_templates/2", "template_name=lobby"});
-  done({"add", "aps/1", "ap_mac=02:61:62:63:64:65"});
-  done({"bind", "ap_templates/2", "aps/1"});
-  Listener listener;
-  done({"del", "ap_templates/2"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(block_as<ManageApListBlock>("ManageApList")->aps[0].group_id, 0);
-}
-
-TEST_F(EditTest, ClearOfBoundTemplates_UnbindsTheirAccessPoints) {
-  for (const char* id : {"1", "15"}) {
-    const std::string n = id;
-    done({"add", "ap_templates/" + n, "template_name=lobby" + n});
-    done({"add", "aps/" + n, "ap_mac=02:00:00:00:00:0" + n.substr(0, 1)});
-    if (n == "15") done({"set", "aps/15", "ap_mac=02:00:00:00:00:0f"});
-    done({"bind", "ap_templates/" + n, "aps/" + n});
-  }
-  Listener listener;
-  done({"clear", "ap_templates"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(block_as<ManageApListBlock>("ManageApList")->aps[0].group_id, 0);
-  EXPECT_EQ(block_as<ManageApListBlock>("ManageApList")->aps[14].group_id, 0);
-}
-
-TEST_F(EditTest, BindWaitsForOtherEditorsOfBothAreas) {
-  done({"add", "ap_templates/2", "template_name=lobby"});
-  done({"add", "aps/1", "ap_mac=02:61:62:63:64:65"});
-  for (const char* area_name : {"ManageApList", "ApTemplateList"}) {
-    const std::string file = lock_file(area_name);
-    for (const Words& arguments :
-         {Words{"bind", "ap_templates/2", "aps/1"}, Words{"unbind", "ap_templates/2"}}) {
-      LockHolder holder(file, 0);
-      Program program(scctl(arguments));
-      ASSERT_TRUE(becomes_blocked(program.pid(), file, 0)) << area_name;
-      holder.release();
-      EXPECT_EQ(program.wait().status, 0);
-    }
-  }
-}
-
 TEST_F(EditTest, ADeletionWaitsForOtherEditorsOfEveryAreaThatItReachesInto) {
   done({"add", "ip_groups/1", "leading_text=office"});
   done({"add", "time_groups/1", "leading_text=night"});

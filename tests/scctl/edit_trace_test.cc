@@ -9,32 +9,14 @@
 #include <fcntl.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
 #include <set>
 
 #include "scctl/edits.h"
+#include "scctl/lock_calls.h"
 #include "support/trace.h"
 
 namespace sc_test {
 namespace {
-
-/* What a locking call asks for. */
-struct LockCall {
-  bool is_lock = false; /* of fcntl's byte locks at all */
-  bool waits = false;
-  short type = 0;
-  int64_t first = 0, count = 0;
-};
-
-LockCall lock_call(const SystemCall& call) {
-  LockCall asked;
-  const auto command = static_cast<int>(call.arguments[1]);
-  if (call.call != SYS_fcntl || (command != F_SETLK && command != F_SETLKW)) return asked;
-  struct flock lock;
-  const std::string bytes = call.bytes(2, sizeof lock);
-  memcpy(&lock, bytes.data(), std::min(bytes.size(), sizeof lock));
-  return {true, command == F_SETLKW, lock.l_type, lock.l_start, lock.l_len};
-}
 
 class TraceEditTest : public EditTest {
  protected:
