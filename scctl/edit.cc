@@ -263,6 +263,7 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
     if (expected != nullptr && !equal(field, record, expected)) return Written::kChanged;
   }
   changed_ |= bit(table.area);
+  ++removed_;
   if (is_id_table(table)) {
     /* The id is cleared last, so nobody can claim a record that is half cleared. */
     constexpr uint32_t kWord = sizeof(uint32_t);
@@ -455,7 +456,8 @@ int need_reached(Source& live, const Table& table) {
   return kOk;
 }
 
-/* The rules that refer to the group, which the library deletes with it. */
+/* The rules that refer to the group, which the library deletes with it. One that another program
+ * changes before it is deleted is looked at again: it may refer to the group no more. */
 int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
   for (const Reference& reference : kReferences) {
     if (strcmp(reference.groups, groups.name) != 0) continue;
@@ -463,14 +465,19 @@ int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
     const Field& mode = *find_field(rules, reference.mode, strlen(reference.mode));
     const Field& id = *find_field(rules, reference.id, strlen(reference.id));
     const uint8_t* record = edit.live().block(rules.area) + rules.at;
+    Buffer rule(rules.stride);
     for (uint32_t position = 0; position < rules.capacity; ++position, record += rules.stride) {
-      if (!is_used(rules, record) ||
-          load_number(record + mode.record_at, mode.size, true) != reference.last_mode ||
-          load_number(record + id.record_at, id.size, true) != group_id) {
-        continue;
-      }
-      const Written written = edit.remove(rules, position);
-      if (written == Written::kFailed) return kRefused;
+      Written written;
+      do {
+        memcpy(rule.data(), record, rules.stride);
+        if (!is_used(rules, rule.data()) ||
+            load_number(rule.data() + mode.record_at, mode.size, true) != reference.last_mode ||
+            load_number(rule.data() + id.record_at, id.size, true) != group_id) {
+          break;
+        }
+        written = edit.remove(rules, position, rule.data());
+        if (written == Written::kFailed) return kRefused;
+      } while (written == Written::kChanged);
     }
   }
   return kOk;
@@ -487,9 +494,9 @@ int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
              : fail_written(table, id, written);
 }
 
-/* What was done before one failed. */
-int say_deleted(int count, int status) {
-  if (count > 0) tell("records deleted: %d%s", count, how_failed());
+/* What was done before one failed, rules that went with a group among it. */
+int say_deleted(const Edit& edit, int status) {
+  if (edit.removed() > 0) tell("records deleted: %d%s", edit.removed(), how_failed());
   return status;
 }
 
@@ -512,7 +519,7 @@ int delete_records(Source& live, const Doomed* records, int count) {
   }
   for (int n = 0; n < count; ++n) {
     const int status = remove_with_references(edit, *records[n].table, records[n].id);
-    if (status != kOk) return say_deleted(n, status);
+    if (status != kOk) return say_deleted(edit, status);
   }
   return kOk;
 }
@@ -527,15 +534,13 @@ int clear_table(Source& live, const Table& table) {
   const int begun = edit.begin(binds ? reached_from(table) : bit(table.area));
   if (begun != kOk) return begun;
   const uint8_t* record = live.block(table.area) + table.at;
-  int deleted = 0;
   for (uint32_t id = 1; id <= table.capacity; ++id, record += table.stride) {
     if (!is_used(table, record)) continue;
     Written written = binds ? edit.unbind(id) : Written::kDone;
     if (written == Written::kDone) written = edit.remove(table, id - 1);
     if (written == Written::kFailed || written == Written::kChanged) {
-      return say_deleted(deleted, fail_written(table, id, written));
+      return say_deleted(edit, fail_written(table, id, written));
     }
-    deleted += written == Written::kDone;
   }
   return kOk;
 }

@@ -72,6 +72,7 @@ class Edit {
   void set_changed(AreaId area) { changed_ |= bit(area); }
 
   Source& live() { return live_; }
+  int removed() const { return removed_; } /* records, so far */
 
  private:
   friend class RecordLock;
@@ -81,6 +82,7 @@ class Edit {
   Source& live_;
   uint32_t held_ = 0;
   uint32_t changed_ = 0;
+  int removed_ = 0;
   void (*handlers_[3])(int);
 };
 

@@ -378,6 +378,21 @@ TEST_F(EditTest, DelOfAGroupWhoseRuleCannotGo_LeavesTheGroup) {
   EXPECT_TRUE(listener.codes().empty());
 }
 
+TEST_F(EditTest, DelOfAGroupWhoseLastRuleCannotGo_SaysThatTheFirstIsGone) {
+  done({"add", "ip_groups/1", "leading_text=office"});
+  for (const char* n : {"1", "2"}) {
+    done({"add", std::string("ip_filter/") + n, "ip_mode=1", "ip_group_id=1",
+          std::string("leading_text=") + n});
+  }
+  block_as<FwIpportBlock>("FwIpport")->rules[1].lock_index = 9;
+  Listener listener;
+  EXPECT_EQ(run(scctl({"del", "ip_groups/1"})),
+            (Outcome{1, "records deleted: 1, then one failed\n",
+                     "scctl: ip_filter/2: its lock word is damaged; scctl check FwIpport tells "
+                     "more\n"}));
+  EXPECT_EQ(listener.codes(), std::vector<int32_t>{6});
+}
+
 TEST_F(EditTest, DelOfAGroupAndOfARuleThatGoesWithIt_IsDone) {
   done({"add", "ip_groups/1", "leading_text=office"});
   done({"add", "ip_filter/1", "ip_mode=1", "ip_group_id=1"});

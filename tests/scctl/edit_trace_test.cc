@@ -280,6 +280,33 @@ TEST_F(TraceEditTest, ImportAndDelete_LeaveNoRuleWithoutItsGroup) {
   EXPECT_EQ(seen.count("000"), 1u);
 }
 
+/* Between our look and our lock. */
+TEST_F(TraceEditTest, ARuleThatAnotherProgramChangesBeforeItsGroupGoes_IsLookedAtAgain) {
+  auto& rule = block_as<FwIpportBlock>("FwIpport")->rules[1];
+  const auto delete_group = [&](auto meanwhile) {
+    done({"add", "ip_groups/2", "leading_text=office"});
+    done({"add", "ip_filter/2", "ip_mode=1", "ip_group_id=2"});
+    int locks = 0;
+    const Outcome outcome = trace(scctl({"del", "ip_groups/2"}), [&](const SystemCall& call) {
+      const LockCall lock = lock_call(call);
+      if (!call.is_done && lock.is_lock && lock.type == F_WRLCK && lock.first == 3 &&
+          ++locks == 1) {
+        meanwhile();
+      }
+      return Fate{};
+    });
+    EXPECT_EQ(outcome, (Outcome{0, "", ""}));
+    EXPECT_EQ(block_as<IpGroupBlock>("IpGroup")->groups[1].slot_id, -1);
+    const bool stays = rule.slot_id == 2;
+    done({"clear", "ip_filter"});
+    return stays;
+  };
+  EXPECT_FALSE(delete_group([] {}));
+  EXPECT_FALSE(delete_group([&] { strcpy(rule.leading_text, "renamed"); }));
+  EXPECT_TRUE(delete_group([&] { rule.ip_mode = 0; }));
+  EXPECT_TRUE(delete_group([&] { rule.ip_group_id = 3; }));
+}
+
 /* One byte at a time besides byte 0, each let go before the next is waited for. */
 TEST_F(TraceEditTest, NoRecordIsHeldWhileAnotherByteIsWaitedFor) {
   std::string file =
