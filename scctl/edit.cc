@@ -100,8 +100,10 @@ Edit::Edit(Source& live) : live_(live) {
 
 Edit::~Edit() { end(); }
 
+bool is_interrupted() { return g_interrupted != 0; }
+
 void end_if_interrupted() {
-  if (g_interrupted == 0) return;
+  if (!is_interrupted()) return;
   fflush(stdout);
   raise(g_interrupted);
 }

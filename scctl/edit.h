@@ -87,6 +87,7 @@ class Edit {
 };
 
 /* A signal that came in an edit ends the program when all is tidied up and said. */
+bool is_interrupted();
 void end_if_interrupted();
 
 /* Says that another program was faster; for kFailed nothing. Returns kRefused. */

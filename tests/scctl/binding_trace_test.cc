@@ -20,24 +20,22 @@ TEST_F(TraceBindingTest, BindAndUnbindKilledAtAnyCall_LeaveBothRecordsOldOrBothN
     const Image templates = image("ApTemplateList"), aps = image("ManageApList");
     done(command);
     const Image new_templates = image("ApTemplateList"), new_aps = image("ManageApList");
-    size_t killed = 0, old_states = 0, new_states = 0;
-    for (bool ended = false; !ended; ++killed) {
-      memcpy(block("ApTemplateList"), templates.data(), templates.size());
-      memcpy(block("ManageApList"), aps.data(), aps.size());
-      ended = true;
-      trace(scctl(command), [&](const SystemCall& call) {
-        if (call.is_done || call.number != killed + 1) return Fate{};
-        ended = false;
-        return Fate{Fate::kKills};
-      });
-      const bool is_old =
-          templates.matches(block("ApTemplateList")) && aps.matches(block("ManageApList"));
-      const bool is_new =
-          new_templates.matches(block("ApTemplateList")) && new_aps.matches(block("ManageApList"));
-      EXPECT_TRUE(is_old || is_new) << "killed at call " << killed + 1;
-      old_states += is_old;
-      new_states += is_new;
-    }
+    size_t old_states = 0, new_states = 0;
+    kill_at_every_call(
+        scctl(command),
+        [&] {
+          memcpy(block("ApTemplateList"), templates.data(), templates.size());
+          memcpy(block("ManageApList"), aps.data(), aps.size());
+        },
+        [&](size_t call) {
+          const bool is_old =
+              templates.matches(block("ApTemplateList")) && aps.matches(block("ManageApList"));
+          const bool is_new = new_templates.matches(block("ApTemplateList")) &&
+                              new_aps.matches(block("ManageApList"));
+          EXPECT_TRUE(is_old || is_new) << "killed at call " << call;
+          old_states += is_old;
+          new_states += is_new;
+        });
     EXPECT_GT(old_states, 10u);
     EXPECT_GT(new_states, 2u);
   }
