@@ -143,7 +143,6 @@ void Edit::end() {
     g_lock_files[id] = 0;
   }
   held_ = 0;
-  for (int n = 0; n < 3; ++n) signal(kEndingSignals[n], handlers_[n]);
   for (int n = 0; n < kAreaCount; ++n) {
     const auto id = static_cast<AreaId>(n);
     if ((changed_ & bit(id)) == 0 || kAreas[id].notify == nullptr) continue;
@@ -151,6 +150,7 @@ void Edit::end() {
     kAreas[id].notify();
   }
   changed_ = 0;
+  for (int n = 0; n < 3; ++n) signal(kEndingSignals[n], handlers_[n]);
 }
 
 /* Holds the byte that a record's own lock word names, or the area's where there is no word. */

@@ -55,7 +55,8 @@ class Edit {
   int begin(uint32_t areas);
   /* The same for one area, whose header may be damaged. */
   int begin_damaged(AreaId area);
-  /* Lets other editors go on, then announces each area of which a record was written, once. */
+  /* Lets other editors go on, then announces each area of which a record was written, once. A signal
+   * ends the wait for a daemon that does not accept, and leaves out no other area. */
   void end();
 
   /* The record of a free position becomes used. */

@@ -5,7 +5,10 @@
 #include <sysconfig/lan.h>
 #include <sysconfig/rules.h>
 
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -434,6 +437,22 @@ TEST_F(EditTest, ASignalThatComesWhileARecordIsWaitedFor_EndsTheEditWithoutAWrit
         (Outcome{-number, "", "scctl: lan_binds/1 cannot be locked: Interrupted system call\n"}));
   }
   EXPECT_TRUE(before.matches(block("Lan")));
+}
+
+TEST_F(EditTest, ASignalThatComesWhileADaemonDoesNotAccept_EndsTheEdit) {
+  sockaddr_un address = {AF_UNIX, "/var/config_socket"};
+  const int daemon = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(daemon, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(daemon, 0), 0);
+  done({"set", "lan_settings/1", "settings=01"}); /* there is room for one */
+  Program program(scctl({"set", "lan_settings/1", "settings=02"}));
+  const auto& settings = block_as<LanBlock>("Lan")->lan_settings;
+  while (settings[0] != 2 || is_locked(lock_file("Lan"), 0)) ASSERT_FALSE(program.ended());
+  poll(nullptr, 0, 50);
+  EXPECT_FALSE(program.ended());
+  kill(program.pid(), SIGINT);
+  EXPECT_EQ(program.wait(), (Outcome{-SIGINT, "", ""}));
+  close(daemon);
 }
 
 TEST_F(EditTest, AnAreaWithoutALockFile_IsNotEdited) {

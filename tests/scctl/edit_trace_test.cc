@@ -7,6 +7,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/syscall.h>
 
 #include <set>
@@ -87,6 +88,24 @@ TEST_F(TraceEditTest, AChange_IsWrittenUnderItsLockAndAnnouncedBehindIt) {
   EXPECT_EQ(steps, (std::vector<std::string>{"wait 0+1 old", "wait 3+1 old", "unlock 3+1 new",
                                              "connect new"}));
   EXPECT_EQ(listener.codes(), std::vector<int32_t>{1});
+}
+
+TEST_F(TraceEditTest, ASignalThatComesWhileAreasAreAnnounced_LeavesNoneUntold) {
+  for (const long at : {SYS_socket, SYS_connect}) {
+    done({"add", "ip_groups/2", "leading_text=office"});
+    done({"add", "qos/2", "ip_mode=1", "ip_group_id=2"});
+    Listener listener;
+    bool is_sent = false;
+    const Outcome outcome = trace(scctl({"del", "ip_groups/2"}), [&](const SystemCall& call) {
+      if (!call.is_done && call.call == at && !is_sent) {
+        is_sent = true;
+        kill(call.process, SIGTERM);
+      }
+      return Fate{};
+    });
+    EXPECT_EQ(outcome, (Outcome{-SIGTERM, "", ""}));
+    EXPECT_EQ(listener.codes(), (std::vector<int32_t>{10, 9}));
+  }
 }
 
 TEST_F(TraceEditTest, Restore_AnnouncesTheAreaOnceItIsLoaded) {
