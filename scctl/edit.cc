@@ -103,9 +103,7 @@ Edit::~Edit() { end(); }
 bool is_interrupted() { return g_interrupted != 0; }
 
 void end_if_interrupted() {
-  if (!is_interrupted()) return;
-  fflush(stdout);
-  raise(g_interrupted);
+  if (is_interrupted()) raise(g_interrupted);
 }
 
 int Edit::begin(uint32_t areas) {

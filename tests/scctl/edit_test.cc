@@ -439,6 +439,22 @@ TEST_F(EditTest, ASignalThatComesWhileARecordIsWaitedFor_EndsTheEditWithoutAWrit
   EXPECT_TRUE(before.matches(block("Lan")));
 }
 
+TEST_F(EditTest, ASignalThatComesInABatch_EndsItAndSaysHowManyCommandsWereDone) {
+  done({"add", "lan_binds/1", "mac=00:11:22:33:44:55"});
+  write_file(
+      "/var/batch",
+      "set lan_settings/1 settings=01\nset lan_binds/1 name=x\nset lan_settings/1 settings=02\n");
+  LockHolder holder(lock_file("Lan"), 2);
+  Program program(scctl({"batch", "/var/batch"}));
+  ASSERT_TRUE(becomes_blocked(program.pid(), lock_file("Lan"), 2));
+  kill(program.pid(), SIGINT);
+  EXPECT_EQ(program.wait(),
+            (Outcome{-SIGINT, "commands done: 1, then one failed\n",
+                     "scctl: /var/batch:2: lan_binds/1 cannot be locked: Interrupted "
+                     "system call\n"}));
+  EXPECT_EQ(block_as<LanBlock>("Lan")->lan_settings[0], 1);
+}
+
 TEST_F(EditTest, ASignalThatComesWhileADaemonDoesNotAccept_EndsTheEdit) {
   sockaddr_un address = {AF_UNIX, "/var/config_socket"};
   const int daemon = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -108,6 +108,21 @@ TEST_F(TraceEditTest, ASignalThatComesWhileAreasAreAnnounced_LeavesNoneUntold) {
   }
 }
 
+TEST_F(TraceEditTest, ASignalThatComesBehindTheLastWriteOfACommand_EndsItsBatch) {
+  int announced = 0;
+  const Outcome outcome = trace(
+      scctl({"batch"}),
+      [&](const SystemCall& call) {
+        if (!call.is_done && call.call == SYS_connect && ++announced == 1) {
+          kill(call.process, SIGTERM);
+        }
+        return Fate{};
+      },
+      "set lan_settings/1 settings=01\nset lan_settings/1 settings=02\n");
+  EXPECT_EQ(outcome, (Outcome{-SIGTERM, "commands done: 1\n", ""}));
+  EXPECT_EQ(announced, 1);
+}
+
 TEST_F(TraceEditTest, Restore_AnnouncesTheAreaOnceItIsLoaded) {
   done({"add", "lan_binds/2", "mac=00:11:22:33:44:55"});
   done({"save", "Lan"});
