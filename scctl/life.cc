@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sysconfig/core.h>
@@ -79,7 +80,12 @@ int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
 
 namespace {
 
+/* To open a pipe would wait for somebody who reads it. */
 int need_writable(const Area& area, const Path& path) {
+  struct stat file;
+  if (stat(path.text, &file) == 0 && !S_ISREG(file.st_mode) && !S_ISDIR(file.st_mode)) {
+    return fail(kNoArea, "area %s is not saved: %s: not a regular file", area.name, path.text);
+  }
   if (access(path.text, W_OK) == 0) return kOk;
   return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, strerror(errno));
 }

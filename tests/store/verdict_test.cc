@@ -90,6 +90,20 @@ TEST_F(VerdictTest, PipeInPlaceOfAnArchive_StopsNobody) {
   EXPECT_EQ(said(), (Said{why + "; nothing is changed", why, why, why, why}));
 }
 
+TEST_F(VerdictTest, SaveOntoAPipe_IsRefusedAtOnce) {
+  save(1);
+  for (const char* path : {"/var/systemconfig/config_lan.cfg", kArchive}) {
+    fs::remove(path);
+    ASSERT_EQ(mkfifo(path, 0644), 0);
+    Words command = {"timeout", "10"};
+    for (const std::string& word : scctl({"save", "Lan"})) command.push_back(word);
+    EXPECT_EQ(run(command), (Outcome{3, "",
+                                     std::string("scctl: area Lan is not saved: ") + path +
+                                         ": not a regular file\n"}));
+    fs::remove(path);
+  }
+}
+
 TEST_F(VerdictTest, SaveThatCannotBeReadBack_IsNotCalledFailed) {
   save(1);
   fs::create_directory("/var/broken");
