@@ -126,9 +126,10 @@ int save_area(Call& call, AreaId id) {
 namespace {
 
 /* What is broken would be loaded as far as it goes. */
-int restore_area(Call& call, AreaId id) {
-  if (const int status = call.source.need(id); status != kOk) return status;
+int load_archive(Call& call, AreaId id, bool* loaded) {
   const Area& area = kAreas[id];
+  const NoSaves no_saves(area);
+  if (!no_saves) return fail_archive(area, "is not restored", "another program holds the area");
   ArchiveImage image;
   if (const char* fault = read_own_archive(area, &image)) {
     return fail_archive(area, "is not restored", fault);
@@ -136,9 +137,20 @@ int restore_area(Call& call, AreaId id) {
   {
     Quiet quiet;
     area.read(call.source.block(id));
-    area.notify();
   }
+  *loaded = true;
   return compare(call, id, "restored", &image);
+}
+
+int restore_area(Call& call, AreaId id) {
+  if (const int status = call.source.need(id); status != kOk) return status;
+  bool loaded = false;
+  const int status = load_archive(call, id, &loaded);
+  if (loaded) {
+    Quiet quiet;
+    kAreas[id].notify();
+  }
+  return status;
 }
 
 int remove_area(Call& call, AreaId id) {

@@ -81,7 +81,7 @@ constexpr Command kCommands[] = {
    "Reads the archive back to see that it is good.\n",
    kAll, 0, -1, run_save},
   {"restore", "AREA...", "load areas from their archives and announce them",
-   "A broken archive is refused. Loading takes no lock: a write at the same time\n"
+   "A broken archive is refused. It takes no lock of a record: a write meanwhile\n"
    "is lost.\n",
    kAll, 0, -1, run_restore},
   {"remove", "AREA...", "remove the segments of areas",
