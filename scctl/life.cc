@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sysconfig/core.h>
@@ -79,7 +80,12 @@ int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
 
 namespace {
 
+/* To open a pipe would wait for somebody who reads it. */
 int need_writable(const Area& area, const Path& path) {
+  struct stat file;
+  if (stat(path.text, &file) == 0 && !S_ISREG(file.st_mode) && !S_ISDIR(file.st_mode)) {
+    return fail(kNoArea, "area %s is not saved: %s: not a regular file", area.name, path.text);
+  }
   if (access(path.text, W_OK) == 0) return kOk;
   return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, strerror(errno));
 }
@@ -120,9 +126,10 @@ int save_area(Call& call, AreaId id) {
 namespace {
 
 /* What is broken would be loaded as far as it goes. */
-int restore_area(Call& call, AreaId id) {
-  if (const int status = call.source.need(id); status != kOk) return status;
+int load_archive(Call& call, AreaId id, bool* loaded) {
   const Area& area = kAreas[id];
+  const NoSaves no_saves(area);
+  if (!no_saves) return fail_archive(area, "is not restored", "another program holds the area");
   ArchiveImage image;
   if (const char* fault = read_own_archive(area, &image)) {
     return fail_archive(area, "is not restored", fault);
@@ -130,9 +137,20 @@ int restore_area(Call& call, AreaId id) {
   {
     Quiet quiet;
     area.read(call.source.block(id));
-    area.notify();
   }
+  *loaded = true;
   return compare(call, id, "restored", &image);
+}
+
+int restore_area(Call& call, AreaId id) {
+  if (const int status = call.source.need(id); status != kOk) return status;
+  bool loaded = false;
+  const int status = load_archive(call, id, &loaded);
+  if (loaded) {
+    Quiet quiet;
+    kAreas[id].notify();
+  }
+  return status;
 }
 
 int remove_area(Call& call, AreaId id) {

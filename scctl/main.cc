@@ -81,7 +81,7 @@ constexpr Command kCommands[] = {
    "Reads the archive back to see that it is good.\n",
    kAll, 0, -1, run_save},
   {"restore", "AREA...", "load areas from their archives and announce them",
-   "A broken archive is refused. Loading takes no lock: a write at the same time\n"
+   "A broken archive is refused. It takes no lock of a record: a write meanwhile\n"
    "is lost.\n",
    kAll, 0, -1, run_restore},
   {"remove", "AREA...", "remove the segments of areas",
@@ -336,9 +336,7 @@ int run_words(int word_count, char** words) {
   }
   if (call.has(kInPlace) && !call.has(kDryRun)) return run_in_place(call, command->run);
   if (const int status = open_source(*command, &call); status != kOk) return status;
-  const int status = command->run(call);
-  end_if_interrupted();
-  return status;
+  return command->run(call);
 }
 
 int run_help(Call& call) {
@@ -553,5 +551,6 @@ int main(int argc, char** argv) {
     status = run_words(argc - 1, argv + 1);
   }
   const int flushed = flush_output();
+  end_if_interrupted();
   return flushed == kOk ? status : flushed;
 }

@@ -83,8 +83,13 @@ Path lock_path(const Area& area) {
 }
 
 const char* read_own_archive(const Area& area, ArchiveImage* image) {
+  const NoSaves no_saves(area);
   const char* fault = read_archive(archive_path(area).text, -1, &area.facts(), image);
   if (fault == nullptr) return nullptr;
+  store::Archive& archive = image->verdict;
+  if (!no_saves && archive.state == store::State::kBroken) {
+    archive.is(store::State::kUnknown, "not known: another program holds the area");
+  }
   free(image->bytes);
   image->bytes = nullptr;
   return fault;
@@ -100,6 +105,21 @@ void* g_live[kAreaCount];
 }  // namespace
 
 int g_lock_files[kAreaCount];
+
+NoSaves::NoSaves(const Area& area) : area_(id_of(area)) {
+  constexpr int kTries = 5 * kLockTries;
+  if (g_lock_files[area_] != 0) return;
+  file_ = open(lock_path(area).text, O_RDONLY | O_CLOEXEC);
+  if (file_ < 0) return;
+  held_ = lock_shared(file_, 1, kTries);
+  g_lock_files[area_] = file_;
+}
+
+NoSaves::~NoSaves() {
+  if (file_ < 0) return;
+  close(file_);
+  g_lock_files[area_] = 0;
+}
 
 Source::~Source() {
   for (void* block : own_) free(block);

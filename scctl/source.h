@@ -18,7 +18,7 @@ inline const char* how_failed() {
   return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
 }
 
-/* The lock files that an edit has open, which nobody else opens and closes meanwhile; 0: none. */
+/* The lock files that are held, which nobody else opens and closes meanwhile; 0: none. */
 extern int g_lock_files[kAreaCount];
 
 class Source {
@@ -75,6 +75,23 @@ struct Path {
 };
 Path archive_path(const Area& area);
 Path lock_path(const Area& area);
+
+/* Keeps saves of an area away, which are made under byte 1 of its lock file; waits a few seconds. The
+ * lock is shared, and one is enough for those within. */
+class NoSaves {
+ public:
+  explicit NoSaves(const Area& area);
+  ~NoSaves();
+  NoSaves(const NoSaves&) = delete;
+  NoSaves& operator=(const NoSaves&) = delete;
+  /* False when another program has the byte for longer. Without a lock file nobody saves. */
+  explicit operator bool() const { return held_; }
+
+ private:
+  AreaId area_;
+  int file_ = -1;
+  bool held_ = true;
+};
 
 /* Copies records of a table, each whole or the first of its fields. */
 class Reader {

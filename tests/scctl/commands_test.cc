@@ -358,6 +358,16 @@ TEST_F(CommandsTest, WithFewDescriptors_AllIsSaid) {
                "directory\n"}));
 }
 
+TEST_F(CommandsTest, ABatchOfManyFiles_KeepsNoneOpen) {
+  write_file("/var/empty.json", "{}");
+  std::string lines;
+  for (int n = 0; n < 20; ++n) lines += "import /var/empty.json\n";
+  write_file("/var/batch", lines);
+  const Outcome outcome = with_descriptors(12, {"batch", "/var/batch"});
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.status, 0);
+}
+
 TEST_F(CommandsTest, WhereTheLibraryCannotBeSilenced_ThatIsSaidAndNothingLost) {
   EXPECT_EQ(with_descriptors(5, {"remove", "Lan"}),
             (Outcome{0, "",
