@@ -261,6 +261,8 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
       return fail(kUsage, "%s needs a value", words[optind - 1]);
     } else if (found == '?' && optopt >= kOption) {
       return fail(kUsage, "--%s has no value", kOptions[optopt - kOption].name);
+    } else if (found == '?' && optopt == kHelp) {
+      return fail(kUsage, "--help has no value");
     } else if (found == '?' && optopt != 0) {
       return fail(kUsage, "%s has no option -%c; scctl %s --help tells more", command.name, optopt,
                   command.name);
