@@ -244,7 +244,10 @@ unsigned check_files(const Area& area) {
   unsigned findings = 0;
   const Path lock = lock_path(area);
   if (access(lock.text, F_OK) != 0) {
-    printf("%s: %s: %s; remedy: echo >%s\n", area.name, lock.text, strerror(errno), lock.text);
+    const char* why = strerror(errno);
+    const bool has_folder = access("/var/lock_store", F_OK) == 0;
+    printf("%s: %s: %s; remedy: %secho >%s\n", area.name, lock.text, why,
+           has_folder ? "" : "mkdir -p /var/lock_store; ", lock.text);
     ++findings;
   }
   if (area.facts().stem[0] == '\0') return findings;

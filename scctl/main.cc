@@ -75,7 +75,8 @@ constexpr Command kCommands[] = {
    "were done, or not at all.\n",
    kChanges | kInput, 0, 1, run_batch},
   {"init", "AREA...", "make or empty areas and load their archives",
-   "For the start, before others work on the area: it takes no lock.\n",
+   "For the start, before others work on the area: it takes no lock. Exit status 1\n"
+   "when an archive is not good.\n",
    kAll, 0, -1, run_init},
   {"save", "AREA...", "save areas to their archives",
    "Reads the archive back to see that it is good.\n",
@@ -260,6 +261,8 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
       return fail(kUsage, "%s needs a value", words[optind - 1]);
     } else if (found == '?' && optopt >= kOption) {
       return fail(kUsage, "--%s has no value", kOptions[optopt - kOption].name);
+    } else if (found == '?' && optopt == kHelp) {
+      return fail(kUsage, "--help has no value");
     } else if (found == '?' && optopt != 0) {
       return fail(kUsage, "%s has no option -%c; scctl %s --help tells more", command.name, optopt,
                   command.name);

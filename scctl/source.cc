@@ -54,18 +54,26 @@ const char* read_archive(const char* path, int opened, const sc::Area* area, Arc
   return archive.state == store::State::kGood ? nullptr : archive.reason;
 }
 
-/* ---- whole records ---- */
+/* ---- locks for reading ---- */
 
-constexpr int kLockTries = 1000; /* a millisecond apart */
+constexpr int kLockTries = 1000;  /* a millisecond apart */
+constexpr int kSaveTries = 10000; /* a save packs, writes and syncs */
 constexpr int kReadTries = 1000;
+constexpr int32_t kAreaByte = 1; /* what a save holds */
 constexpr timespec kPause = {0, 1000000};
 
 bool lock_shared(int file, int32_t lock_index, int tries) {
   while (sc_lock_reg(file, F_SETLK, F_RDLCK, lock_index, SEEK_SET, 1) != 0) {
-    if (--tries <= 0 || (errno != EAGAIN && errno != EACCES)) return false;
+    if (errno == EACCES) errno = EAGAIN; /* POSIX has both for a lock that another process holds */
+    if (--tries <= 0 || errno != EAGAIN) return false;
     nanosleep(&kPause, nullptr);
   }
   return true;
+}
+
+/* To lock bytes for reading; waits for nobody who would write into a pipe. */
+int open_lock_file(const Area& area) {
+  return open(lock_path(area).text, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
 }
 
 }  // namespace
@@ -107,11 +115,10 @@ void* g_live[kAreaCount];
 int g_lock_files[kAreaCount];
 
 NoSaves::NoSaves(const Area& area) : area_(id_of(area)) {
-  constexpr int kTries = 5 * kLockTries;
   if (g_lock_files[area_] != 0) return;
-  file_ = open(lock_path(area).text, O_RDONLY | O_CLOEXEC);
+  file_ = open_lock_file(area);
   if (file_ < 0) return;
-  held_ = lock_shared(file_, 1, kTries);
+  held_ = lock_shared(file_, kAreaByte, kSaveTries);
   g_lock_files[area_] = file_;
 }
 
@@ -241,7 +248,7 @@ Reader::Reader(Source& source, const Table& table, int field_count)
       tries_(kLockTries) {
   /* To close a lock file that an edit has open would let go what it holds. */
   if (!source.is_live() || g_lock_files[table.area] != 0) return;
-  lock_ = open(lock_path(kAreas[table.area]).text, O_RDONLY | O_CLOEXEC);
+  lock_ = open_lock_file(kAreas[table.area]);
 }
 
 Reader::~Reader() {
