@@ -37,10 +37,6 @@ void Mask::add_differences(const uint8_t* one, const uint8_t* other) {
   }
 }
 
-void Mask::add_all_fields() {
-  for (const Field& field : table_) add(field);
-}
-
 bool Mask::empty() const { return memchr(bytes_.data(), 1, table_.stride) == nullptr; }
 
 /* ---- locks ---- */

@@ -23,7 +23,6 @@ class Mask {
   void add(const Field& field);
   /* What makes one record the other: bytes of opaque fields one by one, other fields whole. */
   void add_differences(const uint8_t* one, const uint8_t* other);
-  void add_all_fields();
   bool has(const Field& field) const { return bytes_.data()[field.record_at] != 0; }
   bool empty() const;
   const uint8_t* bytes() const { return bytes_.data(); }

@@ -325,12 +325,6 @@ void Snapshot::swap(Snapshot& other) {
   used_.swap(other.used_);
 }
 
-uint32_t Snapshot::count() const {
-  uint32_t count = 0;
-  for (uint32_t position = 0; position < table_->capacity; ++position) count += used(position);
-  return count;
-}
-
 int Snapshot::find_clash(const uint8_t* wanted, int skip, const Field** clashing,
                          Spelling spelling) const {
   for (const Field& field : *table_) {

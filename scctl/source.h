@@ -141,7 +141,6 @@ class Snapshot {
 
   explicit operator bool() const { return table_ != nullptr; }
   const Table& table() const { return *table_; }
-  uint32_t count() const;
   bool used(uint32_t position) const { return used_.data()[position] != 0; }
   const uint8_t* record(uint32_t position) const {
     return records_.data() + position * table_->stride;
