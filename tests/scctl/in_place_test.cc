@@ -215,7 +215,6 @@ TEST_F(InPlaceTest, ASignalInTheMiddle_LeavesTheFileAndNothingElse) {
   const rlimit no_core = {};
   setrlimit(RLIMIT_CORE, &no_core);
   for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
-    signal(number, SIG_DFL); /* nohup, or a shell in the background, may have had it ignored */
     OpenBatch batch;
     kill(batch.program().pid(), number);
     const Outcome outcome = batch.program().wait();

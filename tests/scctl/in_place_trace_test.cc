@@ -475,7 +475,6 @@ TEST_F(TraceInPlaceTest, ALinkThatIsTurnedAtAnyCall_MixesNoTwoFiles) {
 TEST_F(TraceInPlaceTest, ASignalAtAnyCall_LeavesTheFileOldOrNewAndNothingElse) {
   size_t refused = 0, late = 0;
   for (const int number : {SIGTERM, SIGINT}) {
-    signal(number, SIG_DFL); /* a shell in the background may have had it ignored */
     for (size_t last = 1;; ++last) {
       write_file(kImage, was_);
       bool is_sent = false, is_created = false, is_renamed = false, is_late = false,

@@ -344,6 +344,8 @@ TEST_F(WatchTest, Count_EndsItAfterSoManyChangedAreas) {
   EXPECT_EQ(watch.line(), "lan_binds/1.name: one -> two");
   EXPECT_FALSE(watch.program().ended());
   rename("three");
+  for (int ms = 0; ms < kSoonMs && !watch.program().ended(); ++ms) pause_ms(1);
+  ASSERT_TRUE(watch.program().ended());
   EXPECT_EQ(watch.program().wait(), (Outcome{0, "", ""}));
   EXPECT_EQ(watch.line(), "lan_binds/1.name: two -> three");
 }

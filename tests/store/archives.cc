@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <set>
+
 #include <gtest/gtest.h>
 
 #include "support/world.h"
@@ -437,5 +439,21 @@ const std::vector<Sample>& samples() {
   };
   return kSamples;
 }
+
+namespace {
+
+std::vector<Sample> first_of_their_kind(bool first) {
+  std::vector<Sample> chosen;
+  std::set<Sample::Kind> seen;
+  for (const Sample& sample : samples()) {
+    if (seen.insert(sample.kind).second == first) chosen.push_back(sample);
+  }
+  return chosen;
+}
+
+}  // namespace
+
+std::vector<Sample> one_of_each_kind() { return first_of_their_kind(true); }
+std::vector<Sample> other_samples() { return first_of_their_kind(false); }
 
 }  // namespace sc_test

@@ -74,10 +74,11 @@ TEST_P(VerdictSampleTest, Verdict_IsTheSameEverywhere) {
   EXPECT_EQ(actual, expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachSample, VerdictSampleTest, testing::ValuesIn(samples()),
-                         [](const testing::TestParamInfo<Sample>& sample) {
-                           return std::string(sample.param.name);
-                         });
+std::string name_of(const testing::TestParamInfo<Sample>& sample) { return sample.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(OneOfEachKind, VerdictSampleTest, testing::ValuesIn(one_of_each_kind()),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(EachOther, VerdictSampleTest, testing::ValuesIn(other_samples()), name_of);
 
 TEST_F(VerdictTest, ArchiveThatCannotBeJudged_IsCalledNeitherGoodNorBad) {
   save(1);
