@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "commands.h"
+#include "edit.h"
 #include "words.h"
 
 namespace scctl {
@@ -74,7 +75,7 @@ int run_batch(Call& call) {
   Lines lines(call.input);
   int status = kOk;
   unsigned done = 0;
-  while (status == kOk && lines.next()) {
+  while (status == kOk && !is_interrupted() && lines.next()) {
     Text where;
     where.print("%s:%u: ", call.input_name, lines.number());
     g_where = where.c_str();

@@ -91,86 +91,64 @@ namespace {
 
 constexpr uint32_t kBindingAreas = bit(kApTemplateList) | bit(kManageApList);
 
-struct Binding {
-  ApTemplateListBlock* templates;
-  ManageApListBlock* aps;
-  uint32_t template_id;
-  uint8_t bound[SC_MAC_BYTES]; /* to whom it is; zeros: nobody */
-
-  bool is_bound() const {
-    static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
-    return memcmp(bound, kNobody, sizeof bound) != 0;
-  }
-};
-
-/* A word that names a used record of this table. */
-int parse_used(Call& call, const char* word, const char* table, Target* target) {
+/* The used record of this table that a word names. */
+template <class Record>
+int parse_used(Call& call, const char* word, const char* table, Target* target,
+               const Record** record) {
   if (const int status = parse_target(word, kWithId, target); status != kOk) return status;
   if (strcmp(target->table->name, table) != 0) {
     return fail(kRefused, "%s is no record of %s", word, table);
   }
-  const uint8_t* record = call.source.block(target->table->area) + target->table->at +
-                          (target->id - 1) * target->table->stride;
-  return is_used(*target->table, record) ? kOk : fail(kRefused, "%s/%u is free", table, target->id);
+  const uint8_t* bytes = call.source.block(target->table->area) + target->table->at +
+                         (target->id - 1) * target->table->stride;
+  *record = reinterpret_cast<const Record*>(bytes);
+  return is_used(*target->table, bytes) ? kOk : fail(kRefused, "%s/%u is free", table, target->id);
 }
 
-/* Both areas are the edit's. */
-int parse_binding(Call& call, Edit& edit, Binding* binding) {
+/* The template of the first word; both areas are the edit's. */
+int parse_template(Call& call, Edit& edit, Target* target, const ApTemplateRecord** record) {
   if (const int status = edit.begin(kBindingAreas); status != kOk) return status;
-  Target target;
-  if (const int status = parse_used(call, call.words[0], "ap_templates", &target); status != kOk) {
-    return status;
-  }
-  void* const* blocks = call.source.blocks();
-  binding->templates = static_cast<ApTemplateListBlock*>(blocks[kApTemplateList]);
-  binding->aps = static_cast<ManageApListBlock*>(blocks[kManageApList]);
-  binding->template_id = target.id;
-  memcpy(binding->bound, binding->templates->templates[target.id - 1].bound_ap_mac, SC_MAC_BYTES);
-  return kOk;
+  return parse_used(call, call.words[0], "ap_templates", target, record);
 }
 
-/* The library takes both records' bytes, the template's first. */
-using BindingCall = int32_t(ApTemplateListBlock*, ManageApListBlock*, uint32_t, const uint8_t*);
+bool is_bound(const ApTemplateRecord& record) {
+  static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
+  return memcmp(record.bound_ap_mac, kNobody, sizeof kNobody) != 0;
+}
 
-void change_binding(Edit& edit, const Binding& binding, const uint8_t* mac, BindingCall* call) {
-  {
-    Quiet quiet;
-    call(binding.templates, binding.aps, binding.template_id, mac);
-  }
-  edit.set_changed(kApTemplateList);
-  edit.set_changed(kManageApList);
+int finish(const Target& target, Written written) {
+  return written == Written::kDone ? kOk : fail_written(*target.table, target.id, written);
 }
 
 }  // namespace
 
 int run_bind(Call& call) {
   Edit edit(call.source);
-  Binding binding;
-  if (const int status = parse_binding(call, edit, &binding); status != kOk) return status;
-  Target ap;
-  if (const int status = parse_used(call, call.words[1], "aps", &ap); status != kOk) return status;
-  const ApInfoRecord& record = binding.aps->aps[ap.id - 1];
-  uint8_t mac[SC_MAC_BYTES];
-  memcpy(mac, record.ap_mac, sizeof mac);
-  if (binding.is_bound() && memcmp(binding.bound, mac, sizeof mac) != 0) {
+  Target target, ap;
+  const ApTemplateRecord* record = nullptr;
+  if (const int status = parse_template(call, edit, &target, &record); status != kOk) return status;
+  const ApInfoRecord* ap_record = nullptr;
+  if (const int status = parse_used(call, call.words[1], "aps", &ap, &ap_record); status != kOk) {
+    return status;
+  }
+  if (is_bound(*record) && memcmp(record->bound_ap_mac, ap_record->ap_mac, SC_MAC_BYTES) != 0) {
     return fail(kRefused, "%s is bound to another AP; scctl unbind %s first", call.words[0],
                 call.words[0]);
   }
-  if (record.group_id != 0 && record.group_id != binding.template_id) {
+  if (ap_record->group_id != 0 && ap_record->group_id != target.id) {
     return fail(kRefused, "%s is bound to ap_templates/%u; scctl unbind that first", call.words[1],
-                record.group_id);
+                ap_record->group_id);
   }
-  change_binding(edit, binding, mac, SC_Add_Ap_Mac2Template_By_Id);
-  return kOk;
+  return finish(target, edit.bind(target.id, ap.id));
 }
 
 int run_unbind(Call& call) {
   Edit edit(call.source);
-  Binding binding;
-  if (const int status = parse_binding(call, edit, &binding); status != kOk) return status;
-  if (!binding.is_bound()) return fail(kRefused, "%s is not bound", call.words[0]);
-  change_binding(edit, binding, binding.bound, SC_Del_Ap_Mac2Template_By_Id);
-  return kOk;
+  Target target;
+  const ApTemplateRecord* record = nullptr;
+  if (const int status = parse_template(call, edit, &target, &record); status != kOk) return status;
+  if (!is_bound(*record)) return fail(kRefused, "%s is not bound", call.words[0]);
+  return finish(target, edit.unbind(target.id));
 }
 
 }  // namespace scctl

@@ -244,7 +244,10 @@ unsigned check_files(const Area& area) {
   unsigned findings = 0;
   const Path lock = lock_path(area);
   if (access(lock.text, F_OK) != 0) {
-    printf("%s: %s: %s; remedy: echo >%s\n", area.name, lock.text, strerror(errno), lock.text);
+    const char* why = strerror(errno);
+    const bool has_folder = access("/var/lock_store", F_OK) == 0;
+    printf("%s: %s: %s; remedy: %secho >%s\n", area.name, lock.text, why,
+           has_folder ? "" : "mkdir -p /var/lock_store; ", lock.text);
     ++findings;
   }
   if (area.row().stem[0] == '\0') return findings;
@@ -307,7 +310,7 @@ class Gathered {
   bool gather() {
     constexpr timespec kPause = {0, 1'000'000};
     constexpr int kTries = 1000;
-    for (int n = 0; n < kTries; ++n) {
+    for (int n = 0; n < kTries && !is_interrupted(); ++n) {
       if (n > 0) nanosleep(&kPause, nullptr);
       if (take_all()) return true;
       release();
@@ -372,24 +375,8 @@ bool mend_counter(Source& live, const Table& table) {
                                  : set_counter<uint32_t>(counter, seen, used);
 }
 
-/* Under the bytes that guard what is mended. False when they are not to be had, or when another
- * program has changed it since it was looked at. */
-bool mend(Edit& edit, const Damage& damage) {
-  Source& live = edit.live();
-  const AreaId area = id_of(*damage.area);
-  Gathered locks(area);
-  switch (damage.kind) {
-    case Damage::kLockPath:
-    case Damage::kAreaLock: locks.want(1, 1); break;
-    case Damage::kLockWord:
-      locks.want(damage.right, 1);
-      if (damage.value > 0) locks.want(damage.value, 1); /* whom the wrong word leads there */
-      break;
-    case Damage::kIdWord: locks.want(lock_index_of(*damage.table, damage.position), 1); break;
-    default: locks.want(lock_index_of(*damage.table, 0), damage.table->capacity);
-  }
-  if (!locks.gather()) return false;
-  edit.set_changed(area);
+/* False when another program has changed it since it was looked at. */
+bool mend_locked(Source& live, const Damage& damage) {
   if (damage.kind == Damage::kCounter) return mend_counter(live, *damage.table);
   if (damage.table == nullptr) {
     mend_header(live, damage);
@@ -399,6 +386,27 @@ bool mend(Edit& edit, const Damage& damage) {
                   (damage.kind == Damage::kLockWord ? damage.table->lock_at : damage.table->id_at);
   mend_word(word, damage);
   return load<int32_t>(word) == damage.right;
+}
+
+/* Under the bytes that guard what is mended. False when they are not to be had, or when another
+ * program has changed it since it was looked at. */
+bool mend(Edit& edit, const Damage& damage) {
+  Source& live = edit.live();
+  const AreaId area = id_of(*damage.area);
+  Gathered locks(area);
+  switch (damage.kind) {
+    case Damage::kLockPath: locks.want(1, 1); break;
+    case Damage::kAreaLock:
+    case Damage::kLockWord:
+      locks.want(damage.right, 1);
+      if (damage.value > 0) locks.want(damage.value, 1); /* whom the wrong word leads there */
+      break;
+    case Damage::kIdWord: locks.want(lock_index_of(*damage.table, damage.position), 1); break;
+    default: locks.want(lock_index_of(*damage.table, 0), damage.table->capacity);
+  }
+  if (!locks.gather() || !mend_locked(live, damage)) return false;
+  edit.set_changed(area);
+  return true;
 }
 
 struct Repaired {

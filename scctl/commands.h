@@ -40,6 +40,9 @@ struct Call {
   Source source; /* opened as the options say */
   bool is_done;  /* by a command that tells by its status what is left: it has not failed */
 
+  ~Call() {
+    if (input != nullptr && input != stdin) fclose(input);
+  }
   bool has(Option option) const { return (options & option) != 0; }
 };
 

@@ -37,10 +37,6 @@ void Mask::add_differences(const uint8_t* one, const uint8_t* other) {
   }
 }
 
-void Mask::add_all_fields() {
-  for (const Field& field : table_) add(field);
-}
-
 bool Mask::empty() const { return memchr(bytes_.data(), 1, table_.stride) == nullptr; }
 
 /* ---- locks ---- */
@@ -100,10 +96,10 @@ Edit::Edit(Source& live) : live_(live) {
 
 Edit::~Edit() { end(); }
 
+bool is_interrupted() { return g_interrupted != 0; }
+
 void end_if_interrupted() {
-  if (g_interrupted == 0) return;
-  fflush(stdout);
-  raise(g_interrupted);
+  if (is_interrupted()) raise(g_interrupted);
 }
 
 int Edit::begin(uint32_t areas) {
@@ -141,7 +137,6 @@ void Edit::end() {
     g_lock_files[id] = 0;
   }
   held_ = 0;
-  for (int n = 0; n < 3; ++n) signal(kEndingSignals[n], handlers_[n]);
   for (int n = 0; n < kAreaCount; ++n) {
     const auto id = static_cast<AreaId>(n);
     if ((changed_ & bit(id)) == 0 || kAreas[id].notify == nullptr) continue;
@@ -149,6 +144,7 @@ void Edit::end() {
     kAreas[id].notify();
   }
   changed_ = 0;
+  for (int n = 0; n < 3; ++n) signal(kEndingSignals[n], handlers_[n]);
 }
 
 /* Holds the byte that a record's own lock word names, or the area's where there is no word. */
@@ -263,6 +259,7 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
     if (expected != nullptr && !equal(field, record, expected)) return Written::kChanged;
   }
   changed_ |= bit(table.area);
+  ++removed_;
   if (is_id_table(table)) {
     /* The id is cleared last, so nobody can claim a record that is half cleared. */
     constexpr uint32_t kWord = sizeof(uint32_t);
@@ -277,6 +274,63 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
     if (field.add_only) memset(record + field.record_at, 0, field.size);
   }
   count(table, live_.block(table.area), -1);
+  return Written::kDone;
+}
+
+namespace {
+
+const Table& table_named(const char* name) { return *find_table(name, strlen(name)); }
+
+bool is_same_mac(const uint8_t* one, const uint8_t* other) {
+  return memcmp(one, other, SC_MAC_BYTES) == 0;
+}
+
+constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
+
+}  // namespace
+
+Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
+  const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
+  if (!lock) return Written::kFailed;
+  const RecordLock ap_lock(*this, table_named("aps"), ap_id - 1);
+  if (!ap_lock) return Written::kFailed;
+  auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
+  auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
+  ApTemplateRecord& target = templates->templates[template_id - 1];
+  ApInfoRecord& ap = aps->aps[ap_id - 1];
+  if (target.template_id == 0 || ap.ap_id == 0 ||
+      (ap.group_id != 0 && ap.group_id != template_id) ||
+      (!is_same_mac(target.bound_ap_mac, kNobody) &&
+       !is_same_mac(target.bound_ap_mac, ap.ap_mac))) {
+    return Written::kChanged;
+  }
+  changed_ |= bit(kApTemplateList) | bit(kManageApList);
+  ap.group_id = static_cast<uint8_t>(template_id);
+  memcpy(ap.group_info, target.template_name, sizeof ap.group_info);
+  memcpy(target.bound_ap_mac, ap.ap_mac, sizeof target.bound_ap_mac);
+  return Written::kDone;
+}
+
+Written Edit::unbind(uint32_t template_id) {
+  const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
+  if (!lock) return Written::kFailed;
+  auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
+  auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
+  ApTemplateRecord& target = templates->templates[template_id - 1];
+  if (is_same_mac(target.bound_ap_mac, kNobody)) return Written::kDone;
+  if (const int32_t position = SC_Get_Ap_Info_By_Mac(aps, target.bound_ap_mac); position >= 0) {
+    const RecordLock ap_lock(*this, table_named("aps"), static_cast<uint32_t>(position));
+    if (!ap_lock) return Written::kFailed;
+    ApInfoRecord& ap = aps->aps[position];
+    if (!is_same_mac(ap.ap_mac, target.bound_ap_mac)) return Written::kChanged;
+    changed_ |= bit(kManageApList);
+    ap.group_id = 0;
+    memset(ap.group_info, 0, sizeof ap.group_info);
+    memset(target.bound_ap_mac, 0, sizeof target.bound_ap_mac);
+  } else {
+    memset(target.bound_ap_mac, 0, sizeof target.bound_ap_mac);
+  }
+  changed_ |= bit(kApTemplateList);
   return Written::kDone;
 }
 
@@ -398,7 +452,8 @@ int need_reached(Source& live, const Table& table) {
   return kOk;
 }
 
-/* The rules that refer to the group, which the library deletes with it. */
+/* The rules that refer to the group, which the library deletes with it. One that another program
+ * changes before it is deleted is looked at again: it may refer to the group no more. */
 int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
   for (const Reference& reference : kReferences) {
     if (strcmp(reference.groups, groups.name) != 0) continue;
@@ -406,48 +461,38 @@ int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
     const Field& mode = *find_field(rules, reference.mode, strlen(reference.mode));
     const Field& id = *find_field(rules, reference.id, strlen(reference.id));
     const uint8_t* record = edit.live().block(rules.area) + rules.at;
+    Buffer rule(rules.stride);
     for (uint32_t position = 0; position < rules.capacity; ++position, record += rules.stride) {
-      if (!is_used(rules, record) ||
-          load_number(record + mode.record_at, mode.size, true) != reference.last_mode ||
-          load_number(record + id.record_at, id.size, true) != group_id) {
-        continue;
-      }
-      const Written written = edit.remove(rules, position);
-      if (written == Written::kFailed) return kRefused;
+      Written written;
+      do {
+        memcpy(rule.data(), record, rules.stride);
+        if (!is_used(rules, rule.data()) ||
+            load_number(rule.data() + mode.record_at, mode.size, true) != reference.last_mode ||
+            load_number(rule.data() + id.record_at, id.size, true) != group_id) {
+          break;
+        }
+        written = edit.remove(rules, position, rule.data());
+        if (written == Written::kFailed) return kRefused;
+      } while (written == Written::kChanged);
     }
   }
   return kOk;
 }
 
-/* An access point that is bound to the template would keep its name and id. */
-void unbind(Edit& edit, uint32_t template_id) {
-  auto* templates = reinterpret_cast<ApTemplateListBlock*>(edit.live().block(kApTemplateList));
-  uint8_t mac[SC_MAC_BYTES];
-  memcpy(mac, templates->templates[template_id - 1].bound_ap_mac, sizeof mac);
-  static constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
-  if (memcmp(mac, kNobody, sizeof mac) == 0) return;
-  auto* aps = reinterpret_cast<ManageApListBlock*>(edit.live().block(kManageApList));
-  {
-    Quiet quiet;
-    SC_Del_Ap_Mac2Template_By_Id(templates, aps, template_id, mac);
-  }
-  edit.set_changed(kApTemplateList);
-  edit.set_changed(kManageApList);
-}
-
 int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
   if (const int status = remove_referring(edit, table, id); status != kOk) return status;
-  if (table.area == kApTemplateList) unbind(edit, id);
-  const Written written = edit.remove(table, id - 1);
+  /* An access point that is bound to the template would keep its name and id. */
+  Written written = table.area == kApTemplateList ? edit.unbind(id) : Written::kDone;
+  if (written == Written::kDone) written = edit.remove(table, id - 1);
   /* It may have gone with a group. */
   return written == Written::kDone || written == Written::kNotUsed
              ? kOk
              : fail_written(table, id, written);
 }
 
-/* What was done before one failed. */
-int say_deleted(int count, int status) {
-  if (count > 0) tell("records deleted: %d%s", count, how_failed());
+/* What was done before one failed, rules that went with a group among it. */
+int say_deleted(const Edit& edit, int status) {
+  if (edit.removed() > 0) tell("records deleted: %d%s", edit.removed(), how_failed());
   return status;
 }
 
@@ -470,7 +515,7 @@ int delete_records(Source& live, const Doomed* records, int count) {
   }
   for (int n = 0; n < count; ++n) {
     const int status = remove_with_references(edit, *records[n].table, records[n].id);
-    if (status != kOk) return say_deleted(n, status);
+    if (status != kOk) return say_deleted(edit, status);
   }
   return kOk;
 }
@@ -485,13 +530,13 @@ int clear_table(Source& live, const Table& table) {
   const int begun = edit.begin(binds ? reached_from(table) : bit(table.area));
   if (begun != kOk) return begun;
   const uint8_t* record = live.block(table.area) + table.at;
-  int deleted = 0;
   for (uint32_t id = 1; id <= table.capacity; ++id, record += table.stride) {
     if (!is_used(table, record)) continue;
-    if (binds) unbind(edit, id);
-    const Written written = edit.remove(table, id - 1);
-    if (written == Written::kFailed) return say_deleted(deleted, kRefused);
-    deleted += written == Written::kDone;
+    Written written = binds ? edit.unbind(id) : Written::kDone;
+    if (written == Written::kDone) written = edit.remove(table, id - 1);
+    if (written == Written::kFailed || written == Written::kChanged) {
+      return say_deleted(edit, fail_written(table, id, written));
+    }
   }
   return kOk;
 }

@@ -23,7 +23,6 @@ class Mask {
   void add(const Field& field);
   /* What makes one record the other: bytes of opaque fields one by one, other fields whole. */
   void add_differences(const uint8_t* one, const uint8_t* other);
-  void add_all_fields();
   bool has(const Field& field) const { return bytes_.data()[field.record_at] != 0; }
   bool empty() const;
   const uint8_t* bytes() const { return bytes_.data(); }
@@ -55,7 +54,8 @@ class Edit {
   int begin(uint32_t areas);
   /* The same for one area, whose header may be damaged. */
   int begin_damaged(AreaId area);
-  /* Lets other editors go on, then announces each area of which a record was written, once. */
+  /* Lets other editors go on, then announces each area of which a record was written, once. A signal
+   * ends the wait for a daemon that does not accept, and leaves out no other area. */
   void end();
 
   /* The record of a free position becomes used. */
@@ -64,10 +64,15 @@ class Edit {
   Written change(const Table& table, uint32_t position, const uint8_t* record, const Mask& mask);
   /* A used record becomes free; with `expected` only when its fields are these still. */
   Written remove(const Table& table, uint32_t position, const uint8_t* expected = nullptr);
+  /* A template is bound to an access point that is nobody else's, in both records at once; or bound to
+   * nobody. Their bytes are taken in the library's order, the template's first. */
+  Written bind(uint32_t template_id, uint32_t ap_id);
+  Written unbind(uint32_t template_id);
   /* Whatever is written otherwise is to be announced, too. */
   void set_changed(AreaId area) { changed_ |= bit(area); }
 
   Source& live() { return live_; }
+  int removed() const { return removed_; } /* records, so far */
 
  private:
   friend class RecordLock;
@@ -77,10 +82,12 @@ class Edit {
   Source& live_;
   uint32_t held_ = 0;
   uint32_t changed_ = 0;
+  int removed_ = 0;
   void (*handlers_[3])(int);
 };
 
 /* A signal that came in an edit ends the program when all is tidied up and said. */
+bool is_interrupted();
 void end_if_interrupted();
 
 /* Says that another program was faster; for kFailed nothing. Returns kRefused. */

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <sysconfig/core.h>
@@ -32,10 +33,21 @@ int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
   return kOk;
 }
 
+constexpr char kNoRegularFile[] = "it is no regular file";
+
+bool is_regular(const Path& path) {
+  struct stat found;
+  return stat(path.text, &found) == 0 && S_ISREG(found.st_mode);
+}
+
 }  // namespace
 
 int init_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
+  const Path archive = archive_path(area);
+  if (access(archive.text, F_OK) == 0 && !is_regular(archive)) {
+    return fail(kNoArea, "area %s cannot be made: %s: %s", area.name, archive.text, kNoRegularFile);
+  }
   const Path lock = lock_path(area);
   /* The library empties the area first and does not tell that it has no lock file. */
   const char* needed = access(lock.text, F_OK) == 0 ? lock.text : kLockFolder;
@@ -79,13 +91,18 @@ int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
 
 namespace {
 
+/* To open a pipe would wait for somebody who reads it. */
 int need_writable(const Area& area, const Path& path) {
+  struct stat file;
+  if (stat(path.text, &file) == 0 && !S_ISREG(file.st_mode) && !S_ISDIR(file.st_mode)) {
+    return fail(kNoArea, "area %s is not saved: %s: not a regular file", area.name, path.text);
+  }
   if (access(path.text, W_OK) == 0) return kOk;
   return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, strerror(errno));
 }
 
 /* What a save writes. The library does not tell that it could not, and the archive of before may be
- * equal. */
+ * equal. A pipe in its place would hold it, and the area's lock, for ever. */
 int need_writable_files(const Area& area) {
   if (const int status = need_writable(area, lock_path(area)); status != kOk) return status;
   Path image;
@@ -93,7 +110,11 @@ int need_writable_files(const Area& area) {
   Path written[] = {image, archive_path(area)};
   for (Path& path : written) {
     /* One that is not there is made in its folder. */
-    if (access(path.text, F_OK) != 0) *strrchr(path.text, '/') = '\0';
+    if (access(path.text, F_OK) != 0) {
+      *strrchr(path.text, '/') = '\0';
+    } else if (!is_regular(path)) {
+      return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, kNoRegularFile);
+    }
     if (const int status = need_writable(area, path); status != kOk) return status;
   }
   return kOk;
@@ -120,9 +141,10 @@ int save_area(Call& call, AreaId id) {
 namespace {
 
 /* What is broken would be loaded as far as it goes. */
-int restore_area(Call& call, AreaId id) {
-  if (const int status = call.source.need(id); status != kOk) return status;
+int load_archive(Call& call, AreaId id, bool* loaded) {
   const Area& area = kAreas[id];
+  const NoSaves no_saves(area);
+  if (!no_saves) return fail_archive(area, "is not restored", "another program holds the area");
   ArchiveImage image;
   if (const char* fault = read_own_archive(area, &image)) {
     return fail_archive(area, "is not restored", fault);
@@ -130,9 +152,31 @@ int restore_area(Call& call, AreaId id) {
   {
     Quiet quiet;
     area.read(call.source.block(id));
-    area.notify();
   }
+  *loaded = true;
   return compare(call, id, "restored", &image);
+}
+
+int restore_area(Call& call, AreaId id) {
+  if (const int status = call.source.need(id); status != kOk) return status;
+  bool loaded = false;
+  const int status = load_archive(call, id, &loaded);
+  if (loaded) {
+    Quiet quiet;
+    kAreas[id].notify();
+  }
+  return status;
+}
+
+/* The library loads an archive as far as it goes, and does not tell how far. */
+int tell_loaded(Call& call, AreaId id) {
+  if (const int status = call.source.need(id); status != kOk) return status;
+  const Area& area = kAreas[id];
+  ArchiveImage image;
+  const char* fault = read_own_archive(area, &image);
+  if (fault == nullptr) return compare(call, id, "loaded", &image);
+  if (image.verdict.state == store::State::kMissing) return kOk;
+  return fail_archive(area, "is made, perhaps without what was saved", fault);
 }
 
 int remove_area(Call& call, AreaId id) {
@@ -177,7 +221,17 @@ int notify_area(Call&, AreaId id) {
 
 }  // namespace
 
-int run_init(Call& call) { return for_areas(call, false, init_area); }
+int run_init(Call& call) {
+  if (const int status = for_areas(call, false, init_area); status != kOk) return status;
+  bool chosen[kAreaCount];
+  parse_areas(call, false, chosen);
+  int worst = kOk;
+  for (int n = 0; n < kAreaCount; ++n) {
+    if (!chosen[n] || kAreas[n].save == nullptr) continue;
+    if (const int status = tell_loaded(call, static_cast<AreaId>(n)); status != kOk) worst = status;
+  }
+  return worst;
+}
 int run_save(Call& call) { return for_areas(call, true, save_area); }
 int run_restore(Call& call) { return for_areas(call, true, restore_area); }
 int run_remove(Call& call) { return for_areas(call, false, remove_area); }

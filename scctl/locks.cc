@@ -1,5 +1,6 @@
 /* locks: who holds or waits for which record. */
 #include <errno.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -119,8 +120,8 @@ void read_locks(FILE* file, LockTable* table) {
     const Area* area = area_of_lock(device_major, device_minor, inode);
     if (area == nullptr) continue;
     const unsigned long most = last_lock_index(*area);
-    unsigned long last = strtoul(end, nullptr, 10); /* 0 for EOF */
-    if (last == 0 || last > most) last = most > first ? most : first;
+    unsigned long last = end[0] == 'E' ? ULONG_MAX : strtoul(end, nullptr, 10); /* EOF */
+    if (last > most) last = most > first ? most : first;
     const char* state = waits != nullptr ? "waits" : strcmp(mode, "READ") == 0 ? "reads" : "holds";
     table->add({area, first, last, state, pid});
   }

@@ -75,13 +75,14 @@ constexpr Command kCommands[] = {
    "were done, or not at all.\n",
    kChanges | kInput, 0, 1, run_batch},
   {"init", "AREA...", "make or empty areas and load their archives",
-   "For the start, before others work on the area: it takes no lock.\n",
+   "For the start, before others work on the area: it takes no lock. Exit status 1\n"
+   "when an archive is not good.\n",
    kAll, 0, -1, run_init},
   {"save", "AREA...", "save areas to their archives",
    "Reads the archive back to see that it is good.\n",
    kAll, 0, -1, run_save},
   {"restore", "AREA...", "load areas from their archives and announce them",
-   "A broken archive is refused. Loading takes no lock: a write at the same time\n"
+   "A broken archive is refused. It takes no lock of a record: a write meanwhile\n"
    "is lost.\n",
    kAll, 0, -1, run_restore},
   {"remove", "AREA...", "remove the segments of areas",
@@ -260,6 +261,8 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
       return fail(kUsage, "%s needs a value", words[optind - 1]);
     } else if (found == '?' && optopt >= kOption) {
       return fail(kUsage, "--%s has no value", kOptions[optopt - kOption].name);
+    } else if (found == '?' && optopt == kHelp) {
+      return fail(kUsage, "--help has no value");
     } else if (found == '?' && optopt != 0) {
       return fail(kUsage, "%s has no option -%c; scctl %s --help tells more", command.name, optopt,
                   command.name);
@@ -336,9 +339,7 @@ int run_words(int word_count, char** words) {
   }
   if (call.has(kInPlace) && !call.has(kDryRun)) return run_in_place(call, command->run);
   if (const int status = open_source(*command, &call); status != kOk) return status;
-  const int status = command->run(call);
-  end_if_interrupted();
-  return status;
+  return command->run(call);
 }
 
 int run_help(Call& call) {
@@ -553,5 +554,6 @@ int main(int argc, char** argv) {
     status = run_words(argc - 1, argv + 1);
   }
   const int flushed = flush_output();
+  end_if_interrupted();
   return flushed == kOk ? status : flushed;
 }

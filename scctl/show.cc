@@ -526,7 +526,7 @@ int run_dump(Call& call) {
     at = place + size;
   };
   const auto& header = area.row().header;
-  if (header.path_at > 0) dump_next(0, header.path_at, "header_reserved");
+  dump_next(0, header.path_at, "header_reserved");
   dump_next(header.path_at, header.index_at - header.path_at, "lock_path");
   dump_next(header.index_at, 4, "block_lock_index");
   for (const Table& table : kTables) {
@@ -544,7 +544,7 @@ int run_dump(Call& call) {
              lock_index_of(table, position));
       dump_record(table, record.data(), table.at + position * table.stride);
     }
-    if (free > 0) printf("%s: %u free records\n", table.name, free);
+    if (free > 0) printf("%s: %u free record%s\n", table.name, free, free == 1 ? "" : "s");
   }
   dump_next(area.row().size, 0, nullptr);
   return kOk;

@@ -55,18 +55,26 @@ const char* read_archive(const char* path, int opened, const sc::AreaRow* area, 
   return archive.state == store::State::kGood ? nullptr : archive.reason;
 }
 
-/* ---- whole records ---- */
+/* ---- locks for reading ---- */
 
-constexpr int kLockTries = 1000; /* a millisecond apart */
+constexpr int kLockTries = 1000;  /* a millisecond apart */
+constexpr int kSaveTries = 10000; /* a save packs, writes and syncs */
 constexpr int kReadTries = 1000;
+constexpr int32_t kAreaByte = 1; /* what a save holds */
 constexpr timespec kPause = {0, 1000000};
 
 bool lock_shared(int file, int32_t lock_index, int tries) {
   while (sc_lock_reg(file, F_SETLK, F_RDLCK, lock_index, SEEK_SET, 1) != 0) {
-    if (--tries <= 0 || (errno != EAGAIN && errno != EACCES)) return false;
+    if (errno == EACCES) errno = EAGAIN; /* POSIX has both for a lock that another process holds */
+    if (--tries <= 0 || errno != EAGAIN) return false;
     nanosleep(&kPause, nullptr);
   }
   return true;
+}
+
+/* To lock bytes for reading; waits for nobody who would write into a pipe. */
+int open_lock_file(const Area& area) {
+  return open(lock_path(area).text, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
 }
 
 }  // namespace
@@ -84,8 +92,13 @@ Path lock_path(const Area& area) {
 }
 
 const char* read_own_archive(const Area& area, ArchiveImage* image) {
+  const NoSaves no_saves(area);
   const char* fault = read_archive(archive_path(area).text, -1, &area.row(), image);
   if (fault == nullptr) return nullptr;
+  store::Archive& archive = image->verdict;
+  if (!no_saves && archive.state == store::State::kBroken) {
+    archive.is(store::State::kUnknown, "not known: another program holds the area");
+  }
   free(image->bytes);
   image->bytes = nullptr;
   return fault;
@@ -101,6 +114,20 @@ void* g_live[kAreaCount];
 }  // namespace
 
 int g_lock_files[kAreaCount];
+
+NoSaves::NoSaves(const Area& area) : area_(id_of(area)) {
+  if (g_lock_files[area_] != 0) return;
+  file_ = open_lock_file(area);
+  if (file_ < 0) return;
+  held_ = lock_shared(file_, kAreaByte, kSaveTries);
+  g_lock_files[area_] = file_;
+}
+
+NoSaves::~NoSaves() {
+  if (file_ < 0) return;
+  close(file_);
+  g_lock_files[area_] = 0;
+}
 
 Source::~Source() {
   for (void* block : own_) free(block);
@@ -136,7 +163,8 @@ int Source::open_image(const char* path, int opened) {
   const Area* area = area_of_size(image.size);
   if (area == nullptr) {
     free(image.bytes);
-    return fail(kNoArea, "%s: %zu bytes are the image of no area", path, image.size);
+    return fail(kNoArea, "%s: %zu byte%s the image of no area", path, image.size,
+                image.size == 1 ? " is" : "s are");
   }
   blocks_[id_of(*area)] = image.bytes;
   return kOk;
@@ -221,7 +249,7 @@ Reader::Reader(Source& source, const Table& table, int field_count)
       tries_(kLockTries) {
   /* To close a lock file that an edit has open would let go what it holds. */
   if (!source.is_live() || g_lock_files[table.area] != 0) return;
-  lock_ = open(lock_path(kAreas[table.area]).text, O_RDONLY | O_CLOEXEC);
+  lock_ = open_lock_file(kAreas[table.area]);
 }
 
 Reader::~Reader() {
@@ -296,12 +324,6 @@ void Snapshot::swap(Snapshot& other) {
   other.table_ = table;
   records_.swap(other.records_);
   used_.swap(other.used_);
-}
-
-uint32_t Snapshot::count() const {
-  uint32_t count = 0;
-  for (uint32_t position = 0; position < table_->capacity; ++position) count += used(position);
-  return count;
 }
 
 int Snapshot::find_clash(const uint8_t* wanted, int skip, const Field** clashing,

@@ -18,7 +18,7 @@ inline const char* how_failed() {
   return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
 }
 
-/* The lock files that an edit has open, which nobody else opens and closes meanwhile; 0: none. */
+/* The lock files that are held, which nobody else opens and closes meanwhile; 0: none. */
 extern int g_lock_files[kAreaCount];
 
 class Source {
@@ -66,7 +66,8 @@ struct ArchiveImage {
   uint8_t* bytes = nullptr; /* from malloc; null when the archive is not good */
   store::Archive verdict;
 };
-/* The area's own archive. Null when it is good, else what is wrong with it, or why that is not known. */
+/* The area's own archive, read while nobody saves it, for which ten seconds are waited. Null when it is
+ * good, else what is wrong with it, or why that is not known. */
 const char* read_own_archive(const Area& area, ArchiveImage* image);
 
 /* An area's paths. */
@@ -75,6 +76,23 @@ struct Path {
 };
 Path archive_path(const Area& area);
 Path lock_path(const Area& area);
+
+/* Keeps saves of an area away, which are made under byte 1 of its lock file; waits a few seconds. The
+ * lock is shared, and one is enough for those within. */
+class NoSaves {
+ public:
+  explicit NoSaves(const Area& area);
+  ~NoSaves();
+  NoSaves(const NoSaves&) = delete;
+  NoSaves& operator=(const NoSaves&) = delete;
+  /* False when another program has the byte for longer. Without a lock file nobody saves. */
+  explicit operator bool() const { return held_; }
+
+ private:
+  AreaId area_;
+  int file_ = -1;
+  bool held_ = true;
+};
 
 /* Copies records of a table, each whole or the first of its fields. */
 class Reader {
@@ -123,7 +141,6 @@ class Snapshot {
 
   explicit operator bool() const { return table_ != nullptr; }
   const Table& table() const { return *table_; }
-  uint32_t count() const;
   bool used(uint32_t position) const { return used_.data()[position] != 0; }
   const uint8_t* record(uint32_t position) const {
     return records_.data() + position * table_->stride;

@@ -176,7 +176,7 @@ void print_presence(const char* prefix, const Table& table, uint32_t id, const c
     if (filled(field, record) == 0) continue;
     line.print(" %s=", field.name);
     if (field.kind == Kind::kBytes)
-      line.print("(%zu bytes)", filled(field, record));
+      line.print("(%zu byte%s)", filled(field, record), filled(field, record) == 1 ? "" : "s");
     else
       format_part(field, record, false, &line);
   }
@@ -203,8 +203,8 @@ bool print_changes(const char* prefix, const Table& table, uint32_t id, const ui
         ++differing;
         first = n;
       }
-      printf("%s%s/%u.%s: %u bytes differ, the first at %u\n", prefix, table.name, id, field.name,
-             differing, first);
+      printf("%s%s/%u.%s: %u byte%s at %u\n", prefix, table.name, id, field.name, differing,
+             differing == 1 ? " differs," : "s differ, the first", first);
       continue;
     }
     /* What no program sees is told when nothing else is different. */

@@ -104,21 +104,25 @@ class Events {
   Events(const Events&) = delete;
   Events& operator=(const Events&) = delete;
 
-  /* Begins, or goes on with the folder that is there now. Says when it can or cannot from now on. */
+  /* Begins, or goes on with the folder that is there now. */
   void follow() {
     if (inotify_ < 0) inotify_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     const int folder =
         inotify_ < 0 ? -1 : inotify_add_watch(inotify_, kLockFolder, IN_CLOSE_WRITE | IN_MODIFY);
-    const int error = folder < 0 ? errno : 0;
+    error_ = folder < 0 ? errno : 0;
     if (folder != folder_ && folder_ >= 0) inotify_rm_watch(inotify_, folder_);
     folder_ = folder;
-    if (error == error_) return;
-    error_ = error;
-    if (error == 0)
+  }
+
+  /* Says when it can or cannot follow from now on. Its reader may change the store at once. */
+  void tell() {
+    if (error_ == told_) return;
+    told_ = error_;
+    if (error_ == 0)
       puts("watching");
     else
       printf("looking every %d s: %s: %s\n", static_cast<int>(kPauseMs / 1000),
-             inotify_ < 0 ? "inotify" : kLockFolder, strerror(error));
+             inotify_ < 0 ? "inotify" : kLockFolder, strerror(error_));
   }
 
   /* Waits for events, for a signal that ends the program or until then. Tells which areas to look at. */
@@ -150,13 +154,19 @@ class Events {
   }
 
  private:
+  /* Whether the event is of the area's lock file. Thousands of them can come together: that no path
+   * is made for each saves seconds on the router. */
+  static bool is_of(const inotify_event& event, const Area& area) {
+    const auto& facts = area.row();
+    const size_t length = strlen(facts.lock_stem);
+    return event.len != 0 && strncmp(event.name, facts.lock_stem, length) == 0 &&
+           strcmp(event.name + length, "_conf_lock") == 0;
+  }
+
   static void take(const inotify_event& event, int64_t now, Watched* areas) {
+    const bool all = (event.mask & IN_Q_OVERFLOW) != 0;
     for (int n = 0; n < kAreaCount; ++n) {
-      const bool all = (event.mask & IN_Q_OVERFLOW) != 0;
-      const Path path = lock_path(kAreas[n]);
-      if (!all && (event.len == 0 || strcmp(event.name, path.text + sizeof kLockFolder - 1) != 0)) {
-        continue;
-      }
+      if (!all && !is_of(event, kAreas[n])) continue;
       Watched& area = areas[n];
       if ((event.mask & IN_MODIFY) != 0) area.not_before = now + kMakingMs;
       area.look_at(now);
@@ -165,7 +175,8 @@ class Events {
 
   int inotify_ = -1;
   int folder_ = -1;
-  int error_ = -1; /* of the last try */
+  int error_ = 0; /* of the last try */
+  int told_ = -1;
 };
 
 /* ---- what is there ---- */
@@ -318,6 +329,7 @@ class Watch {
       const AreaId id = kTables[n].area;
       if (chosen[id]) shown_[n].begin(kTables[n], source_.block(id));
     }
+    events_.tell();
   }
 
   void wait() {
@@ -328,11 +340,12 @@ class Watch {
     events_.wait(until, areas_);
   }
 
-  /* Looks at what is due and prints it; tells the areas that have changed. */
-  void look(bool* changed) {
+  /* Looks at what is due and prints it; tells the areas that have changed, no more than so many. */
+  void look(bool* changed, uint32_t most) {
     const int64_t now = now_ms();
     if (now >= slow_) {
       events_.follow();
+      events_.tell();
       slow_ = now + kPauseMs;
       for (Watched& area : areas_) area.look_at(now);
     }
@@ -340,9 +353,10 @@ class Watch {
     for (int n = 0; n < kAreaCount; ++n) {
       Watched& area = areas_[n];
       changed[n] = false;
-      if (!area.chosen || area.due > now) continue;
+      if (!area.chosen || area.due > now || most == 0) continue;
       area.due = kNever;
       changed[n] = look_at(static_cast<AreaId>(n), clock.text, now);
+      most -= changed[n];
     }
   }
 
@@ -399,19 +413,19 @@ int run_watch(Call& call) {
   Watch watch(call.source);
   watch.begin(chosen);
   fflush(stdout);
-  uint32_t rounds = 0;
-  while (g_ended == 0 && (call.count == 0 || rounds < call.count)) {
+  uint32_t left = call.count == 0 ? UINT32_MAX : call.count;
+  while (g_ended == 0 && left > 0) {
     watch.wait();
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     bool changed[kAreaCount];
     g_printing = 1;
-    watch.look(changed);
+    watch.look(changed, left);
     if (fflush(stdout) != 0) break;
     g_printing = 0;
     for (int n = 0; n < kAreaCount; ++n) {
       if (!changed[n]) continue;
-      ++rounds;
+      if (call.count != 0) --left;
       if (call.exec != nullptr) run_command(call.exec, kAreas[n].name);
     }
   }

@@ -272,18 +272,15 @@ bool run(bool (*command)(const AreaRow& area, int folder), const AreaRow& area) 
 /* ---- words ---- */
 
 bool print_usage(int to) {
-  char areas[256];
-  size_t size = 0;
+  dprintf(to,
+          "usage: scguard keep AREA       after a save: keep a copy of the area's archive\n"
+          "       scguard restore [AREA]  at boot, before Init: put good copies back or "
+          "renew them\n"
+          "areas:");
   for (const AreaRow& area : sc::kAreas) {
-    if (area.stem[0] == '\0') continue;
-    size += static_cast<size_t>(snprintf(areas + size, sizeof areas - size, " %s", area.stem));
+    if (area.stem[0] != '\0') dprintf(to, " %s", area.stem);
   }
-  return dprintf(to,
-                 "usage: scguard keep AREA       after a save: keep a copy of the area's archive\n"
-                 "       scguard restore [AREA]  at boot, before Init: put good copies back or "
-                 "renew them\n"
-                 "areas:%s\n",
-                 areas) > 0;
+  return dprintf(to, "\n") > 0;
 }
 
 /* By the stem of its files or by its name. */

@@ -38,13 +38,13 @@ void close_others() {
 
 [[noreturn]] void become_gzip(int file, int out) {
   for (int n = 1; n < NSIG; ++n) signal(n, SIG_DFL);
-  sigset_t none;
-  sigemptyset(&none);
+  const sigset_t none = {};
   sigprocmask(SIG_SETMASK, &none, nullptr);
   const bool ready = dup2(file, STDIN_FILENO) >= 0 && dup2(out, STDOUT_FILENO) >= 0;
   close_others();
-  const int nothing = open("/dev/null", O_WRONLY);
-  if (ready && nothing >= 0 && dup2(nothing, STDERR_FILENO) >= 0 && close(nothing) == 0) {
+  const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  unsetenv("GZIP"); /* options that GNU gzip would take, too */
+  if (ready && nothing >= 0 && dup2(nothing, STDERR_FILENO) >= 0) {
     execlp("gzip", "gzip", "-dc", nullptr);
   }
   _exit(127);

@@ -207,7 +207,7 @@ class Tar {
       extended_size_ = strtoul(value, &end, 10);
       return *value >= '0' && *value <= '9' && *end == '\0' ? nullptr : kBadExtension;
     }
-    return strncmp(key, "GNU.", 4) == 0 ? kNoFile : nullptr;
+    return strncmp(key, "GNU.sparse.", 11) == 0 ? kNoFile : nullptr;
   }
 
   /* A name that stands for that of the next header; one for all headers stands for none. */

@@ -80,12 +80,15 @@ case $name in
     ;;
 esac
 [ -s "$transcript" ] || exit 1
+# A shell cannot undo that its caller ignores a signal, as nohup does. BusyBox's env cannot, either.
+hear='env --default-signal=HUP,INT,QUIT,PIPE,TERM'
+$hear true 2>/dev/null || hear=
 if [ -n "$accept" ]; then
   said=$(mktemp)
-  "$root/examples/private_world" "$0" --inside "$transcript" "$@" >"$said" 2>&1
+  $hear "$root/examples/private_world" "$0" --inside "$transcript" "$@" >"$said" 2>&1
   cat "$said" >"$transcript"
   rm "$said"
   exit 0
 fi
-"$root/examples/private_world" "$0" --inside "$transcript" "$@" 2>&1 |
+$hear "$root/examples/private_world" "$0" --inside "$transcript" "$@" 2>&1 |
   diff -u -L "$name" -L said "$transcript" -

@@ -132,6 +132,18 @@ TEST_F(ScguardCircumstancesTest, SigchldIgnoredByTheParent_ChangesNothing) {
   }
 }
 
+/* GNU gzip takes options from the environment, BusyBox's does not. */
+TEST_F(ScguardCircumstancesTest, OptionsForGzipOfTheParent_ChangeNothing) {
+  for (const char* options : {"-k", "-t", "-l", "--help"}) {
+    for (const char* command : {"keep", "restore"}) {
+      fs::remove(kGood);
+      save_two_states();
+      EXPECT_EQ(guard({command, "lan"}, std::string("export GZIP=") + options), (Guarded{0, ""}));
+      EXPECT_EQ(read_file(kGood), archive_);
+    }
+  }
+}
+
 TEST_F(ScguardCircumstancesTest, DescriptorsOfTheParent_ChangeNothing) {
   save_two_states();
   EXPECT_EQ(guard({"restore", "lan"},

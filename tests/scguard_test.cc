@@ -368,10 +368,11 @@ TEST_P(ScguardSampleTest, Restore_PutsTheCopyInPlaceOfWhatIsBroken) {
   EXPECT_EQ(read_file(kGood), is_good() ? archive_ : copy_);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachSample, ScguardSampleTest, testing::ValuesIn(samples()),
-                         [](const testing::TestParamInfo<Sample>& sample) {
-                           return std::string(sample.param.name);
-                         });
+std::string name_of(const testing::TestParamInfo<Sample>& sample) { return sample.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(OneOfEachKind, ScguardSampleTest, testing::ValuesIn(one_of_each_kind()),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(EachOther, ScguardSampleTest, testing::ValuesIn(other_samples()), name_of);
 
 /* ---- every area ---- */
 

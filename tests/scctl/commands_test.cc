@@ -3,6 +3,7 @@
 #include <string.h>
 #include <sys/shm.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -310,6 +311,19 @@ TEST_F(CommandsTest, AMessage_IsOneHarmlessLineHoweverLongItsWordsAre) {
   EXPECT_LT(far.err.size(), 5000u);
 }
 
+TEST_F(CommandsTest, AMessageOfAKilobyte_IsCut_AndOneThatIsAByteShorterIsNot) {
+  const std::string behind = ": No such file or directory";
+  for (size_t size = 1020; size < 1030; ++size) {
+    std::string path = "/none/";
+    while (path.size() + 2 + behind.size() <= size) path += "x/";
+    path.resize(size - behind.size(), 'x');
+    const std::string said = "scctl: " + path + behind;
+    EXPECT_EQ(scctl_run({"import", path}),
+              (Outcome{3, "", (size < 1024 ? said : said.substr(0, 7 + 1021) + "..") + "\n"}))
+        << size;
+  }
+}
+
 TEST_F(CommandsTest, ALineOfABatch_IsAsLongAsItsWords) {
   std::string line = "set product_info/1 settings=", dels = "del", adds;
   for (int n = 0; n < 24088; ++n) line += "5a";
@@ -344,11 +358,36 @@ TEST_F(CommandsTest, WithFewDescriptors_AllIsSaid) {
                "directory\n"}));
 }
 
+TEST_F(CommandsTest, ABatchOfManyFiles_KeepsNoneOpen) {
+  write_file("/var/empty.json", "{}");
+  std::string lines;
+  for (int n = 0; n < 20; ++n) lines += "import /var/empty.json\n";
+  write_file("/var/batch", lines);
+  const Outcome outcome = with_descriptors(12, {"batch", "/var/batch"});
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.status, 0);
+}
+
 TEST_F(CommandsTest, WhereTheLibraryCannotBeSilenced_ThatIsSaidAndNothingLost) {
   EXPECT_EQ(with_descriptors(5, {"remove", "Lan"}),
             (Outcome{0, "",
                      "scctl: the library's own messages are not silenced: Too many open files\n"}));
   EXPECT_EQ(scctl_run({"remove", "Lan"}).status, 3);
+}
+
+/* Nothing of scctl's output is open in what the library runs. */
+TEST_F(CommandsTest, WhileTheLibraryIsSilenced_ItsCommandsHaveNoneOfOurStreams) {
+  std::filesystem::create_directory("/var/own");
+  write_file("/var/own/change_event", "#!/bin/sh\nls -l /proc/$$/fd >/var/told\n");
+  std::filesystem::permissions("/var/own/change_event", std::filesystem::perms::owner_all);
+  Words command = {"sh", "-c", "PATH=/var/own:$PATH; exec \"$@\"", "sh"};
+  for (const std::string& word : sc_test::scctl({"save", "Lan"})) command.push_back(word);
+  EXPECT_EQ(run(command), (Outcome{0, "", ""}));
+  std::filesystem::remove_all("/var/own");
+  const std::string told = read_file("/var/told");
+  EXPECT_NE(told.find(" 0 -> /memfd:"), std::string::npos) << told;
+  EXPECT_EQ(told.find("/memfd:"), told.rfind("/memfd:")) << told;
+  EXPECT_NE(told.find(" 2 -> /dev/null"), std::string::npos) << told;
 }
 
 }  // namespace

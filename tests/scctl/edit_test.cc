@@ -5,7 +5,10 @@
 #include <sysconfig/lan.h>
 #include <sysconfig/rules.h>
 
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -378,74 +381,26 @@ TEST_F(EditTest, DelOfAGroupWhoseRuleCannotGo_LeavesTheGroup) {
   EXPECT_TRUE(listener.codes().empty());
 }
 
+TEST_F(EditTest, DelOfAGroupWhoseLastRuleCannotGo_SaysThatTheFirstIsGone) {
+  done({"add", "ip_groups/1", "leading_text=office"});
+  for (const char* n : {"1", "2"}) {
+    done({"add", std::string("ip_filter/") + n, "ip_mode=1", "ip_group_id=1",
+          std::string("leading_text=") + n});
+  }
+  block_as<FwIpportBlock>("FwIpport")->rules[1].lock_index = 9;
+  Listener listener;
+  EXPECT_EQ(run(scctl({"del", "ip_groups/1"})),
+            (Outcome{1, "records deleted: 1, then one failed\n",
+                     "scctl: ip_filter/2: its lock word is damaged; scctl check FwIpport tells "
+                     "more\n"}));
+  EXPECT_EQ(listener.codes(), std::vector<int32_t>{6});
+}
+
 TEST_F(EditTest, DelOfAGroupAndOfARuleThatGoesWithIt_IsDone) {
   done({"add", "ip_groups/1", "leading_text=office"});
   done({"add", "ip_filter/1", "ip_mode=1", "ip_group_id=1"});
   done({"del", "ip_groups/1", "ip_filter/1"});
   EXPECT_EQ(block_as<FwIpportBlock>("FwIpport")->rule_count, 0);
-}
-
-TEST_F(EditTest, BindAndUnbind_WriteBothRecordsAndAnnounceBothAreas) {
-  done({"add", "ap_templates/2", "template_name=lobby"});
-  done({"add", "aps/300", "ap_mac=02:61:62:63:64:65"});
-  const auto& ap = block_as<ManageApListBlock>("ManageApList")->aps[299];
-  const auto& bound = block_as<ApTemplateListBlock>("ApTemplateList")->templates[1];
-  Listener listener;
-  done({"bind", "ap_templates/2", "aps/300"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(ap.group_id, 2);
-  EXPECT_STREQ(ap.group_info, "lobby");
-  EXPECT_EQ(memcmp(bound.bound_ap_mac,
-                   "\x02"
-                   "abcde",
-                   6),
-            0);
-  done({"unbind", "ap_templates/2"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(ap.group_id, 0);
-  EXPECT_STREQ(ap.group_info, "");
-  EXPECT_EQ(memcmp(bound.bound_ap_mac, "\0\0\0\0\0\0", 6), 0);
-}
-
-TEST_F(EditTest, DelOfABoundTemplate_UnbindsItsAccessPoint) {
-  done({"add", "ap_templates/2", "template_name=lobby"});
-  done({"add", "aps/1", "ap_mac=02:61:62:63:64:65"});
-  done({"bind", "ap_templates/2", "aps/1"});
-  Listener listener;
-  done({"del", "ap_templates/2"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(block_as<ManageApListBlock>("ManageApList")->aps[0].group_id, 0);
-}
-
-TEST_F(EditTest, ClearOfBoundTemplates_UnbindsTheirAccessPoints) {
-  for (const char* id : {"1", "15"}) {
-    const std::string n = id;
-    done({"add", "ap_templates/" + n, "template_name=lobby" + n});
-    done({"add", "aps/" + n, "ap_mac=02:00:00:00:00:0" + n.substr(0, 1)});
-    if (n == "15") done({"set", "aps/15", "ap_mac=02:00:00:00:00:0f"});
-    done({"bind", "ap_templates/" + n, "aps/" + n});
-  }
-  Listener listener;
-  done({"clear", "ap_templates"});
-  EXPECT_EQ(listener.codes(), (std::vector<int32_t>{14, 15}));
-  EXPECT_EQ(block_as<ManageApListBlock>("ManageApList")->aps[0].group_id, 0);
-  EXPECT_EQ(block_as<ManageApListBlock>("ManageApList")->aps[14].group_id, 0);
-}
-
-TEST_F(EditTest, BindWaitsForOtherEditorsOfBothAreas) {
-  done({"add", "ap_templates/2", "template_name=lobby"});
-  done({"add", "aps/1", "ap_mac=02:61:62:63:64:65"});
-  for (const char* area_name : {"ManageApList", "ApTemplateList"}) {
-    const std::string file = lock_file(area_name);
-    for (const Words& arguments :
-         {Words{"bind", "ap_templates/2", "aps/1"}, Words{"unbind", "ap_templates/2"}}) {
-      LockHolder holder(file, 0);
-      Program program(scctl(arguments));
-      ASSERT_TRUE(becomes_blocked(program.pid(), file, 0)) << area_name;
-      holder.release();
-      EXPECT_EQ(program.wait().status, 0);
-    }
-  }
 }
 
 TEST_F(EditTest, ADeletionWaitsForOtherEditorsOfEveryAreaThatItReachesInto) {
@@ -482,6 +437,38 @@ TEST_F(EditTest, ASignalThatComesWhileARecordIsWaitedFor_EndsTheEditWithoutAWrit
         (Outcome{-number, "", "scctl: lan_binds/1 cannot be locked: Interrupted system call\n"}));
   }
   EXPECT_TRUE(before.matches(block("Lan")));
+}
+
+TEST_F(EditTest, ASignalThatComesInABatch_EndsItAndSaysHowManyCommandsWereDone) {
+  done({"add", "lan_binds/1", "mac=00:11:22:33:44:55"});
+  write_file(
+      "/var/batch",
+      "set lan_settings/1 settings=01\nset lan_binds/1 name=x\nset lan_settings/1 settings=02\n");
+  LockHolder holder(lock_file("Lan"), 2);
+  Program program(scctl({"batch", "/var/batch"}));
+  ASSERT_TRUE(becomes_blocked(program.pid(), lock_file("Lan"), 2));
+  kill(program.pid(), SIGINT);
+  EXPECT_EQ(program.wait(),
+            (Outcome{-SIGINT, "commands done: 1, then one failed\n",
+                     "scctl: /var/batch:2: lan_binds/1 cannot be locked: Interrupted "
+                     "system call\n"}));
+  EXPECT_EQ(block_as<LanBlock>("Lan")->lan_settings[0], 1);
+}
+
+TEST_F(EditTest, ASignalThatComesWhileADaemonDoesNotAccept_EndsTheEdit) {
+  sockaddr_un address = {AF_UNIX, "/var/config_socket"};
+  const int daemon = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(daemon, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(daemon, 0), 0);
+  done({"set", "lan_settings/1", "settings=01"}); /* there is room for one */
+  Program program(scctl({"set", "lan_settings/1", "settings=02"}));
+  const auto& settings = block_as<LanBlock>("Lan")->lan_settings;
+  while (settings[0] != 2 || is_locked(lock_file("Lan"), 0)) ASSERT_FALSE(program.ended());
+  poll(nullptr, 0, 50);
+  EXPECT_FALSE(program.ended());
+  kill(program.pid(), SIGINT);
+  EXPECT_EQ(program.wait(), (Outcome{-SIGINT, "", ""}));
+  close(daemon);
 }
 
 TEST_F(EditTest, AnAreaWithoutALockFile_IsNotEdited) {

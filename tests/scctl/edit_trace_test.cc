@@ -7,34 +7,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/syscall.h>
 
-#include <algorithm>
 #include <set>
 
 #include "scctl/edits.h"
+#include "scctl/lock_calls.h"
 #include "support/trace.h"
 
 namespace sc_test {
 namespace {
-
-/* What a locking call asks for. */
-struct LockCall {
-  bool is_lock = false; /* of fcntl's byte locks at all */
-  bool waits = false;
-  short type = 0;
-  int64_t first = 0, count = 0;
-};
-
-LockCall lock_call(const SystemCall& call) {
-  LockCall asked;
-  const auto command = static_cast<int>(call.arguments[1]);
-  if (call.call != SYS_fcntl || (command != F_SETLK && command != F_SETLKW)) return asked;
-  struct flock lock;
-  const std::string bytes = call.bytes(2, sizeof lock);
-  memcpy(&lock, bytes.data(), std::min(bytes.size(), sizeof lock));
-  return {true, command == F_SETLKW, lock.l_type, lock.l_start, lock.l_len};
-}
 
 class TraceEditTest : public EditTest {
  protected:
@@ -105,6 +88,39 @@ TEST_F(TraceEditTest, AChange_IsWrittenUnderItsLockAndAnnouncedBehindIt) {
   EXPECT_EQ(steps, (std::vector<std::string>{"wait 0+1 old", "wait 3+1 old", "unlock 3+1 new",
                                              "connect new"}));
   EXPECT_EQ(listener.codes(), std::vector<int32_t>{1});
+}
+
+TEST_F(TraceEditTest, ASignalThatComesWhileAreasAreAnnounced_LeavesNoneUntold) {
+  for (const long at : {SYS_socket, SYS_connect}) {
+    done({"add", "ip_groups/2", "leading_text=office"});
+    done({"add", "qos/2", "ip_mode=1", "ip_group_id=2"});
+    Listener listener;
+    bool is_sent = false;
+    const Outcome outcome = trace(scctl({"del", "ip_groups/2"}), [&](const SystemCall& call) {
+      if (!call.is_done && call.call == at && !is_sent) {
+        is_sent = true;
+        kill(call.process, SIGTERM);
+      }
+      return Fate{};
+    });
+    EXPECT_EQ(outcome, (Outcome{-SIGTERM, "", ""}));
+    EXPECT_EQ(listener.codes(), (std::vector<int32_t>{10, 9}));
+  }
+}
+
+TEST_F(TraceEditTest, ASignalThatComesBehindTheLastWriteOfACommand_EndsItsBatch) {
+  int announced = 0;
+  const Outcome outcome = trace(
+      scctl({"batch"}),
+      [&](const SystemCall& call) {
+        if (!call.is_done && call.call == SYS_connect && ++announced == 1) {
+          kill(call.process, SIGTERM);
+        }
+        return Fate{};
+      },
+      "set lan_settings/1 settings=01\nset lan_settings/1 settings=02\n");
+  EXPECT_EQ(outcome, (Outcome{-SIGTERM, "commands done: 1\n", ""}));
+  EXPECT_EQ(announced, 1);
 }
 
 TEST_F(TraceEditTest, Restore_AnnouncesTheAreaOnceItIsLoaded) {
@@ -298,6 +314,33 @@ TEST_F(TraceEditTest, ImportAndDelete_LeaveNoRuleWithoutItsGroup) {
   EXPECT_EQ(seen.count("000"), 1u);
 }
 
+/* Between our look and our lock. */
+TEST_F(TraceEditTest, ARuleThatAnotherProgramChangesBeforeItsGroupGoes_IsLookedAtAgain) {
+  auto& rule = block_as<FwIpportBlock>("FwIpport")->rules[1];
+  const auto delete_group = [&](auto meanwhile) {
+    done({"add", "ip_groups/2", "leading_text=office"});
+    done({"add", "ip_filter/2", "ip_mode=1", "ip_group_id=2"});
+    int locks = 0;
+    const Outcome outcome = trace(scctl({"del", "ip_groups/2"}), [&](const SystemCall& call) {
+      const LockCall lock = lock_call(call);
+      if (!call.is_done && lock.is_lock && lock.type == F_WRLCK && lock.first == 3 &&
+          ++locks == 1) {
+        meanwhile();
+      }
+      return Fate{};
+    });
+    EXPECT_EQ(outcome, (Outcome{0, "", ""}));
+    EXPECT_EQ(block_as<IpGroupBlock>("IpGroup")->groups[1].slot_id, -1);
+    const bool stays = rule.slot_id == 2;
+    done({"clear", "ip_filter"});
+    return stays;
+  };
+  EXPECT_FALSE(delete_group([] {}));
+  EXPECT_FALSE(delete_group([&] { strcpy(rule.leading_text, "renamed"); }));
+  EXPECT_TRUE(delete_group([&] { rule.ip_mode = 0; }));
+  EXPECT_TRUE(delete_group([&] { rule.ip_group_id = 3; }));
+}
+
 /* One byte at a time besides byte 0, each let go before the next is waited for. */
 TEST_F(TraceEditTest, NoRecordIsHeldWhileAnotherByteIsWaitedFor) {
   std::string file =
@@ -467,8 +510,29 @@ TEST_F(TraceEditTest, Repair_WaitsForByte0AloneAndGathersWhatItMends) {
     }
     return Fate{};
   });
-  EXPECT_EQ(steps, (std::vector<std::string>{"wait 0+1", "try 1+1", "try 1+1", "try 2+1", "try 9+1",
-                                             "try 3+1", "try 2+32"}));
+  EXPECT_EQ(steps, (std::vector<std::string>{"wait 0+1", "try 1+1", "try 1+1", "try 2+1", "try 2+1",
+                                             "try 9+1", "try 3+1", "try 2+32"}));
+}
+
+/* The kernel drops all locks of a file with the first of its descriptors that a process closes. */
+TEST_F(TraceEditTest, ALockFileThatAnEditHolds_IsOpenedAndClosedOnce) {
+  const std::string exported = done({"export", "Lan"});
+  for (const Words& words :
+       {Words{"add", "lan_binds", "mac=00:11:22:33:44:55"}, Words{"set", "lan_binds/1", "name=a"},
+        Words{"repair", "Lan"}, Words{"import", "-"}, Words{"clear", "lan_binds"}}) {
+    size_t opened = 0, closed = 0;
+    trace(
+        scctl(words),
+        [&](const SystemCall& call) {
+          const bool opens = call.is_done && (call.call == SYS_openat || call.call == SYS_open);
+          opened += opens && call.text(call.call == SYS_openat) == lock_file("Lan");
+          closed += !call.is_done && call.call == SYS_close && call.file(0) == lock_file("Lan");
+          return Fate{};
+        },
+        exported);
+    EXPECT_EQ(opened, 1u) << words[0];
+    EXPECT_EQ(closed, 1u) << words[0];
+  }
 }
 
 TEST_F(TraceEditTest, RepairThatLacksOneOfItsBytes_HoldsNoneWhileItPauses) {
@@ -499,6 +563,7 @@ TEST_F(TraceEditTest, AWordThatAnotherProgramWritesBeforeItIsMended_StaysAsItIs)
   auto& lan = *block_as<LanBlock>("Lan");
   lan.lan_binds[1].slot_id = 9;
   lan.lan_bind_count = 1;
+  Listener listener;
   const Outcome outcome = trace(scctl({"repair", "Lan"}), [&](const SystemCall& call) {
     const LockCall lock = lock_call(call);
     if (!call.is_done && lock.is_lock && lock.type == F_WRLCK && lock.first == 3) {
@@ -513,6 +578,7 @@ TEST_F(TraceEditTest, AWordThatAnotherProgramWritesBeforeItIsMended_StaysAsItIs)
                               "areas repaired: 1, mended: 0, left: 1\n",
                               ""}));
   EXPECT_EQ(lan.lan_binds[1].slot_id, -1);
+  EXPECT_TRUE(listener.codes().empty());
 }
 
 TEST_F(TraceEditTest, RepairKilledAtAnyCall_LeavesEachWordOldOrNew) {

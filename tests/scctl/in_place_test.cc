@@ -13,6 +13,7 @@
 #include <fstream>
 #include <memory>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 #include "scctl/in_place_case.h"
@@ -188,7 +189,12 @@ TEST_F(InPlaceTest, WhenItsFolderGoesAwayMeanwhile_SaysThatThereIsNone) {
 TEST_F(InPlaceTest, DryRun_WritesNothingAndWaitsForNobody) {
   const std::string exported = run(scctl({"export", "--image", kImage})).out;
   write_file("/var/edited/other.cfg", is_);
-  const struct stat was = status_of(kImage);
+  const auto marks_of = [](const std::string& path) {
+    const struct stat is = status_of(path);
+    return std::tuple(is.st_ino, is.st_mtim.tv_sec, is.st_mtim.tv_nsec, is.st_ctim.tv_sec,
+                      is.st_ctim.tv_nsec, read_file(path));
+  };
+  const auto was = marks_of(kImage), other_was = marks_of("/var/edited/other.cfg");
   FileLock other(kImage);
   const Outcome outcome =
       run(scctl({"import", "-", "--dry-run", "--image", "/var/edited/other.cfg", "--in-place"}),
@@ -196,10 +202,10 @@ TEST_F(InPlaceTest, DryRun_WritesNothingAndWaitsForNobody) {
   EXPECT_EQ(outcome, (Outcome{0, "lan_binds/1.flag: 7 -> 0\ntables to change: 1\n", ""}));
   EXPECT_EQ(run(scctl({"import", "-", "--dry-run", "--image", kImage, "--in-place"}), exported),
             (Outcome{0, "tables to change: 0\n", ""}));
-  const struct stat is = status_of(kImage);
-  EXPECT_EQ(is.st_ino, was.st_ino);
-  EXPECT_EQ(is.st_ctim.tv_nsec, was.st_ctim.tv_nsec);
-  EXPECT_EQ(kind_of(read_file("/var/edited/other.cfg")), "new");
+  EXPECT_EQ(run(scctl({"repair", "--dry-run", "--image", "/var/edited/other.cfg", "--in-place"})),
+            (Outcome{0, "areas repaired: 1, mended: 0, left: 0\n", ""}));
+  EXPECT_TRUE(marks_of(kImage) == was);
+  EXPECT_TRUE(marks_of("/var/edited/other.cfg") == other_was);
   EXPECT_EQ(names_in(kFolder), (std::set<std::string>{"lan.cfg", "other.cfg"}));
 }
 
@@ -209,7 +215,6 @@ TEST_F(InPlaceTest, ASignalInTheMiddle_LeavesTheFileAndNothingElse) {
   const rlimit no_core = {};
   setrlimit(RLIMIT_CORE, &no_core);
   for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE}) {
-    signal(number, SIG_DFL); /* nohup, or a shell in the background, may have had it ignored */
     OpenBatch batch;
     kill(batch.program().pid(), number);
     const Outcome outcome = batch.program().wait();
@@ -340,6 +345,20 @@ TEST_F(InPlaceTest, WhatHasTheTemporaryFilesNameAndIsNone_IsLeftAlone) {
   ASSERT_EQ(mkfifo(kTemporary, 0600), 0);
   EXPECT_EQ(run(edit()), refused);
   EXPECT_TRUE(fs::is_fifo(kTemporary));
+  EXPECT_EQ(kind_of(read_file(kImage)), "old");
+}
+
+/* Nobody removes a file on which another is mounted. */
+TEST_F(InPlaceTest, WhenTheTemporaryFileOfAKilledEditStays_TheFileStaysAsItIs) {
+  write_file(kTemporary, "left");
+  ASSERT_EQ(mount(kTemporary, kTemporary, nullptr, MS_BIND, nullptr), 0);
+  EXPECT_EQ(run(edit_flag("7")),
+            (Outcome{1, "",
+                     std::string("scctl: ") + kImage +
+                         " is not changed: cannot remove the temporary file of an edit that was "
+                         "killed: Device or resource busy\n"}));
+  EXPECT_EQ(umount(kTemporary), 0);
+  EXPECT_EQ(read_file(kTemporary), "left");
   EXPECT_EQ(kind_of(read_file(kImage)), "old");
 }
 

@@ -134,6 +134,7 @@ TEST_F(ReadTest, Locks_TellEachByteOfARangeUpToTheLastRecord) {
       {F_WRLCK, 33, 2, row("lan_binds/32", 33, "holds") + row("ac_binds/1", 34, "holds")},
       {F_WRLCK, 64, 0, row("ac_binds/31", 64, "holds") + row("ac_binds/32", 65, "holds")},
       {F_WRLCK, 65, 1000, row("ac_binds/32", 65, "holds")},
+      {F_WRLCK, 0, 1, row("-", 0, "holds")},
       {F_WRLCK, 0, 2, row("-", 0, "holds") + row("the area", 1, "holds")},
       {F_WRLCK, 200, 1, row("-", 200, "holds")},
       {F_WRLCK, 200, 0, row("-", 200, "holds")},

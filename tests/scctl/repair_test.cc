@@ -6,8 +6,10 @@
 #include <sysconfig/lan.h>
 #include <sysconfig/rules.h>
 
+#include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <sstream>
 
@@ -272,7 +274,7 @@ TEST_F(RepairTest, ALostLockFileAndABrokenArchive_AreMendedByTheirRemedies) {
 class EveryByteTest : public RepairTest, public testing::WithParamInterface<std::pair<int, int>> {};
 /* The damage, and a byte that has to be held to mend it. */
 INSTANTIATE_TEST_SUITE_P(Bytes, EveryByteTest,
-                         testing::Values(std::pair(2, 1), std::pair(132, 1),
+                         testing::Values(std::pair(2, 1), std::pair(132, 1), std::pair(132, 9),
                                          std::pair(int{kBind} + 4, 2), std::pair(int{kBind} + 4, 9),
                                          std::pair(int{kBind} + int{kBindSize}, 3),
                                          std::pair(1504, 2), std::pair(1504, 33)));
@@ -306,6 +308,23 @@ TEST_F(RepairTest, RepairWaitsForOtherEditors) {
   holder.release();
   EXPECT_EQ(program.wait().status, 0);
   EXPECT_EQ(lan().lan_bind_count, 0u);
+}
+
+TEST_F(RepairTest, ASignalThatComesWhileBytesAreGathered_EndsTheRepairSoon) {
+  for (auto& record : lan().lan_binds) record.lock_index = 99;
+  const Image damaged = image("Lan");
+  LockHolder holder(lock_file("Lan"), 99);
+  const auto begun = std::chrono::steady_clock::now();
+  Program program(scctl({"repair", "Lan"}));
+  while (!is_locked(lock_file("Lan"), 0)) ASSERT_FALSE(program.ended());
+  kill(program.pid(), SIGTERM);
+  const Outcome outcome = program.wait();
+  EXPECT_EQ(outcome.status, -SIGTERM);
+  EXPECT_NE(outcome.out.find("areas repaired: 1, mended: 0, left: 32\n"), std::string::npos)
+      << outcome;
+  /* A second for each of 32 records else. */
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(16));
+  EXPECT_TRUE(damaged.matches(block("Lan")));
 }
 
 TEST_F(RepairTest, RepairOfAllAreas_MendsEachAndAnnouncesThoseAlone) {

@@ -7,6 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -120,6 +121,49 @@ TEST_F(TraceSurroundingsTest, InputOfMoreThan48MiB_IsRefusedAndLittleMemoryTaken
   EXPECT_EQ(limited({"batch"}, std::string(kMost + 1, ' ')),
             (Outcome{2, "commands done: 0, then one failed\n",
                      "scctl: stdin:1: the line is too long\n"}));
+}
+
+TEST_F(TraceSurroundingsTest, WithoutMemory_ThatIsSaid) {
+  const std::string shell = "ulimit -d 4000; exec \"$@\"";
+  const auto limited = [&](const Words& arguments, const std::string& input) {
+    return run(with({"sh", "-c", shell, "sh"}, scctl(arguments)), input);
+  };
+  const Outcome refused = {1, "", "scctl: out of memory\n"};
+  EXPECT_EQ(limited({"check", "ApUserList"}, ""), refused);
+  write_file("/var/image", "no image");
+  EXPECT_EQ(limited({"list", "wan", "--image", "/var/image"}, ""), refused);
+  EXPECT_EQ(limited({"import", "-"}, std::string(4 << 20, ' ')), refused);
+}
+
+/* Each of the three descriptors that it takes to silence the library. */
+TEST_F(TraceSurroundingsTest, WhereADescriptorIsMissing_TheLibraryIsNotSilencedAndNoneIsLeftOpen) {
+  const auto descriptors_of = [](pid_t pid) {
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto is_first_taken = [](const SystemCall& call) {
+    return call.call == SYS_openat && call.text(1) == "/dev/null";
+  };
+  for (int failing = 0; failing < 4; ++failing) {
+    ASSERT_EQ(run(scctl({"init", "Lan"})).status, 0);
+    ptrdiff_t before = -1, meanwhile = -1, behind = -1;
+    const Outcome outcome = trace(scctl({"remove", "Lan"}), [&](const SystemCall& call) {
+      const bool taken = is_first_taken(call);
+      const bool copied = call.call == SYS_fcntl && call.arguments[1] == F_DUPFD_CLOEXEC;
+      if (call.is_done) return Fate{};
+      if (taken) before = descriptors_of(call.process);
+      if (call.call == SYS_shmctl) meanwhile = descriptors_of(call.process);
+      if (call.call == SYS_exit_group) behind = descriptors_of(call.process);
+      const bool fails = failing == 0 ? taken : copied && call.arguments[0] == uint64_t(failing);
+      return fails ? Fate{Fate::kFails, EMFILE} : Fate{};
+    });
+    const std::string said =
+        "scctl: the library's own messages are not silenced: Too many open files\n";
+    EXPECT_EQ(outcome, (Outcome{0, "", failing < 3 ? said : ""}));
+    EXPECT_GE(before, 3);
+    EXPECT_EQ(meanwhile, before + (failing < 3 ? 0 : 2)) << failing;
+    EXPECT_EQ(behind, before) << failing;
+  }
 }
 
 /* What a program prints on a terminal. */

@@ -434,12 +434,19 @@ TEST(Json, EscapesOfOthersAreRead) {
   EXPECT_EQ(value(R"("\u0041\u00e9\u4e2D\uD83D\uDE00\udbff\udfff")"),
             "0A\xc3\xa9\xe4\xb8\xad\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf");
   EXPECT_EQ(value(R"("\u07ff\u0800\uffff")"), "0\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf");
+  EXPECT_EQ(value(R"("\u007f\u0080\ud7ff\ue000")"), "0\x7f\xc2\x80\xed\x9f\xbf\xee\x80\x80");
+  EXPECT_EQ(value(R"("\ud800\udc00\uD800\uDFFF")"), "0\xf0\x90\x80\x80\xf0\x90\x8f\xbf");
+  EXPECT_EQ(value(R"("\uabcd\uefAB\uCDEF")"), "0\xea\xaf\x8d\xee\xbe\xab\xec\xb7\xaf");
+  EXPECT_EQ(value(R"("a\u0000b")"), std::string("0a\0b", 4));
   for (const char* half : {R"("\ud800")", R"("\udbffx")", R"("\ud800\u0041")", R"("\ud800\ud800")",
-                           R"("\udc00")", R"("\udc7f")", R"("\udd00")", R"("\udfff")"}) {
+                           R"("\ud800\udbff")", R"("\ud800\ue000")", R"("\udc00")", R"("\udc7f")",
+                           R"("\udd00")", R"("\udfff")", "\"\\ud800\\", "\"\\ud800"}) {
     EXPECT_EQ(value(half), "fault: half of a surrogate pair") << half;
   }
   EXPECT_EQ(value(R"("\ud800\n")"), "fault: half of a surrogate pair");
-  for (const char* bad : {R"("\u12")", R"("\u12g4")", R"("\u 123")", "\"\\u123"}) {
+  for (const char* bad :
+       {R"("\u12")", R"("\u12g4")", R"("\u12G4")", R"("\u12@4")", R"("\u12`4")", R"("\u12:4")",
+        R"("\u12/4")", R"("\u 123")", "\"\\u123", R"("\ud800\u12")", R"("\ud800\u12g4")"}) {
     EXPECT_EQ(value(bad), "fault: \\u without four hex digits") << bad;
   }
   for (const char* bad : {R"("\x41")", R"("\0")", R"("\')", R"("\U0041")"}) {

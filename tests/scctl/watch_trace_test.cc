@@ -108,8 +108,7 @@ TEST_F(TraceWatchTest, WithoutInotify_ItSaysSoAndLooksAllTheSame) {
   EXPECT_EQ(outcome.err, "");
   EXPECT_TRUE(outcome.out.starts_with("looking every 5 s: inotify: Too many open files\n"))
       << outcome.out;
-  EXPECT_NE(outcome.out.find(" lan_settings/1.settings: 1 bytes differ, the first at 3\n"),
-            std::string::npos)
+  EXPECT_NE(outcome.out.find(" lan_settings/1.settings: 1 byte differs, at 3\n"), std::string::npos)
       << outcome.out;
   EXPECT_LE(waits, 3u);
 }
@@ -132,8 +131,7 @@ TEST_F(TraceWatchTest, WithoutTheLockFolder_ItSaysSo_AndGoesOnWhenItIsThere) {
   EXPECT_EQ(outcome.status, 0);
   const std::string first =
       "looking every 5 s: /var/lock_store/: No such file or directory\nwatching\n";
-  const std::string line =
-      "\\d\\d:\\d\\d:\\d\\d lan_settings/1.settings: 1 bytes differ, the first at 3\n";
+  const std::string line = "\\d\\d:\\d\\d:\\d\\d lan_settings/1.settings: 1 byte differs, at 3\n";
   EXPECT_TRUE(std::regex_match(outcome.out, std::regex(first + line + line))) << outcome.out;
   EXPECT_LE(waits, 3u);
 }

@@ -3,6 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <set>
+
 #include <gtest/gtest.h>
 
 #include "support/world.h"
@@ -152,6 +154,12 @@ const std::vector<Sample>& samples() {
          Member named = kUstar;
          named.name = "var/x";
          return archive_of(pax_header(pax_record("path", kLanMember)) + tar_member(image, named));
+       }},
+      {"PaxOfGnuThatIsNotSparse", kGood, "",
+       [](std::string image) {
+         return behind_pax(pax_record("GNU.volume.label", "x") +
+                               pax_record("GNU.dumpdir", std::string(1, 'Y')),
+                           image);
        }},
       {"PaxOf60KiB", kGood, "",
        [](std::string image) {
@@ -310,6 +318,8 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return archive_of(tar_member(image, {.type = '6'})); }},
       {"PaxSparse", kNotForTar, "holds no plain file",
        [](std::string image) { return behind_pax(pax_record("GNU.sparse.name", "tmp/x"), image); }},
+      {"PaxSparseMap", kNotForTar, "holds no plain file",
+       [](std::string image) { return behind_pax(pax_record("GNU.sparse.map", "0,10"), image); }},
       {"PaxSize", kNotForTar, "image of another size",
        [](std::string image) { return behind_pax(pax_record("size", "512"), image); }},
       {"PaxSizeIsNoNumber", kNotForTar, "invalid extended header",
@@ -429,5 +439,21 @@ const std::vector<Sample>& samples() {
   };
   return kSamples;
 }
+
+namespace {
+
+std::vector<Sample> first_of_their_kind(bool first) {
+  std::vector<Sample> chosen;
+  std::set<Sample::Kind> seen;
+  for (const Sample& sample : samples()) {
+    if (seen.insert(sample.kind).second == first) chosen.push_back(sample);
+  }
+  return chosen;
+}
+
+}  // namespace
+
+std::vector<Sample> one_of_each_kind() { return first_of_their_kind(true); }
+std::vector<Sample> other_samples() { return first_of_their_kind(false); }
 
 }  // namespace sc_test

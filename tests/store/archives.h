@@ -56,6 +56,11 @@ std::ostream& operator<<(std::ostream& stream, const Sample& sample);
 
 const std::vector<Sample>& samples();
 
+/* Those two apart, for tests of programs around the reader: one of each kind does on a slow target
+ * (tests/exceptions.csv), as the reader's own tests judge them all. */
+std::vector<Sample> one_of_each_kind();
+std::vector<Sample> other_samples();
+
 }  // namespace sc_test
 
 #endif

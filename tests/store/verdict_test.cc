@@ -1,12 +1,14 @@
 /* scguard keep, scctl areas, check, list and restore say the same of each archive, in the same
  * words.
  */
+#include <poll.h>
 #include <sys/stat.h>
 
 #include <filesystem>
 
 #include "store/archives.h"
 #include "store/saved_lan.h"
+#include "support/locks.h"
 
 namespace sc_test {
 namespace {
@@ -72,10 +74,11 @@ TEST_P(VerdictSampleTest, Verdict_IsTheSameEverywhere) {
   EXPECT_EQ(actual, expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachSample, VerdictSampleTest, testing::ValuesIn(samples()),
-                         [](const testing::TestParamInfo<Sample>& sample) {
-                           return std::string(sample.param.name);
-                         });
+std::string name_of(const testing::TestParamInfo<Sample>& sample) { return sample.param.name; }
+
+INSTANTIATE_TEST_SUITE_P(OneOfEachKind, VerdictSampleTest, testing::ValuesIn(one_of_each_kind()),
+                         name_of);
+INSTANTIATE_TEST_SUITE_P(EachOther, VerdictSampleTest, testing::ValuesIn(other_samples()), name_of);
 
 TEST_F(VerdictTest, ArchiveThatCannotBeJudged_IsCalledNeitherGoodNorBad) {
   save(1);
@@ -88,6 +91,57 @@ TEST_F(VerdictTest, PipeInPlaceOfAnArchive_StopsNobody) {
   EXPECT_EQ(mkfifo(kArchive, 0644), 0);
   const std::string why = "not known: it is no regular file";
   EXPECT_EQ(said(), (Said{why + "; nothing is changed", why, why, why, why}));
+}
+
+/* A save holds byte 1 while its archive is half written. */
+TEST_F(VerdictTest, ArchiveThatIsBeingSaved_IsWaitedFor) {
+  save(0);
+  const std::string whole = read_file(kArchive);
+  for (const Words& command : {Words{"check", "Lan"}, {"areas"}, {"diff"}, {"restore", "Lan"}}) {
+    write_file(kArchive, whole.substr(0, whole.size() / 2));
+    LockHolder saving(kLock, 1);
+    Program program(scctl(command));
+    poll(nullptr, 0, 300);
+    EXPECT_FALSE(program.ended()) << command[0];
+    write_file(kArchive, whole);
+    saving.release();
+    const Outcome outcome = program.wait();
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    EXPECT_EQ(outcome.out.find("truncated"), std::string::npos) << outcome;
+    EXPECT_EQ(outcome.err, "");
+  }
+}
+
+TEST_F(VerdictTest, ArchiveOfAnAreaThatIsHeldForLong_IsNotCalledBroken) {
+  save(0);
+  LockHolder saving(kLock, 1);
+  EXPECT_EQ(run(scctl({"check", "Lan"})).status, 0); /* it is good */
+  const std::string before = read_file(kArchive);
+  EXPECT_EQ(run(scctl({"restore", "Lan"})),
+            (Outcome{1, "",
+                     std::string("scctl: area Lan is not restored: ") + kArchive +
+                         ": another program holds the area\n"}));
+  write_file(kArchive, before.substr(0, before.size() / 2));
+  EXPECT_EQ(run(scctl({"check", "Lan"})),
+            (Outcome{1,
+                     std::string("Lan: ") + kArchive +
+                         ": not known: another program holds the area\n"
+                         "areas checked: 1, findings: 1\n",
+                     ""}));
+}
+
+TEST_F(VerdictTest, SaveOntoAPipe_IsRefusedAtOnce) {
+  save(1);
+  for (const char* path : {"/var/systemconfig/config_lan.cfg", kArchive}) {
+    fs::remove(path);
+    ASSERT_EQ(mkfifo(path, 0644), 0);
+    Words command = {"timeout", "10"};
+    for (const std::string& word : scctl({"save", "Lan"})) command.push_back(word);
+    EXPECT_EQ(run(command), (Outcome{3, "",
+                                     std::string("scctl: area Lan is not saved: ") + path +
+                                         ": not a regular file\n"}));
+    fs::remove(path);
+  }
 }
 
 TEST_F(VerdictTest, SaveThatCannotBeReadBack_IsNotCalledFailed) {

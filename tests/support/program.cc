@@ -30,6 +30,11 @@ Words command(const char* variable, const char* built, const Words& arguments) {
   return words;
 }
 
+/* Under nohup, or in the background of a shell, some are ignored, and would be in the program. */
+void hear_signals() {
+  for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM}) signal(number, SIG_DFL);
+}
+
 }  // namespace
 
 Words scctl(const Words& arguments) { return command("SCCTL", SCCTL_COMMAND, arguments); }
@@ -66,6 +71,7 @@ Program::Program(const Words& command, const std::string& input, Eyes eyes) : in
   if (pid_ < 0) give_up("fork");
   if (pid_ > 0) return;
   setpgid(0, 0);
+  hear_signals();
   dup2(in_.fd(), STDIN_FILENO);
   dup2(out_.fd(), STDOUT_FILENO);
   dup2(err_.fd(), STDERR_FILENO);

@@ -41,8 +41,8 @@ class MemoryFile {
   int fd_;
 };
 
-/* A program that runs, in a process group of its own. It is killed when it is still there at the end
- * of its scope. */
+/* A program that runs, in a process group of its own, and hears the signals that end programs. It is
+ * killed when it is still there at the end of its scope. */
 class Program {
  public:
   enum Eyes { kNobody, kTracer }; /* a tracer is the calling thread; see support/trace.h */

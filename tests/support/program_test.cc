@@ -3,6 +3,8 @@
 
 #include <signal.h>
 
+#include <string>
+
 #include <gtest/gtest.h>
 
 #include "support/world.h"
@@ -19,6 +21,15 @@ TEST_F(ProgramTest, Run_TellsStatusAndBothStreams) {
 
 TEST_F(ProgramTest, RunOfAProgramThatASignalEnds_TellsTheSignal) {
   EXPECT_EQ(run({"sh", "-c", "kill -9 $$"}).status, -SIGKILL);
+}
+
+/* As under nohup. */
+TEST_F(ProgramTest, SignalsThatTheCallerIgnores_EndAProgramAllTheSame) {
+  for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM}) {
+    const auto before = signal(number, SIG_IGN);
+    EXPECT_EQ(run({"sh", "-c", "kill -" + std::to_string(number) + " $$"}).status, -number);
+    signal(number, before);
+  }
 }
 
 }  // namespace

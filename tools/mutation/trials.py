@@ -39,10 +39,11 @@ class Tests:
             stdout=subprocess.PIPE).stdout)["tests"]
         self.transcripts = {test["name"]: test["command"] for test in listed
                             if test["command"][0].endswith("/scctl_test.sh")}
-        ours = {item for tool in build.tools for item in build.link(tool)[1]
+        ours = {build.sources[item] for tool in build.tools for item in build.link(tool)[1]
                 if build.sources[item].parts[0] != "core"}
-        # Programs that are linked with a part of the tools.
-        self.linked = [test for test in build.tests if ours & set(build.link(test)[1])]
+        # Programs that are linked with a part of the tools, compiled for them.
+        self.linked = [test for test in build.tests
+                       if ours & {build.sources[item] for item in build.link(test)[1]}]
         runs_tools = [test for test in build.tests
                       if "test_programs.dir" in " ".join(build.link(test)[0])]
         self.tests = []
