@@ -93,10 +93,6 @@ namespace {
 
 /* To open a pipe would wait for somebody who reads it. */
 int need_writable(const Area& area, const Path& path) {
-  struct stat file;
-  if (stat(path.text, &file) == 0 && !S_ISREG(file.st_mode) && !S_ISDIR(file.st_mode)) {
-    return fail(kNoArea, "area %s is not saved: %s: not a regular file", area.name, path.text);
-  }
   if (access(path.text, W_OK) == 0) return kOk;
   return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, strerror(errno));
 }

@@ -58,7 +58,7 @@ const char* read_archive(const char* path, int opened, const sc::AreaRow* area, 
 /* ---- locks for reading ---- */
 
 constexpr int kLockTries = 1000;  /* a millisecond apart */
-constexpr int kSaveTries = 10000; /* a save packs, writes and syncs */
+constexpr int kSaveTries = 5000; /* a save packs, writes and syncs */
 constexpr int kReadTries = 1000;
 constexpr int32_t kAreaByte = 1; /* what a save holds */
 constexpr timespec kPause = {0, 1000000};
@@ -119,7 +119,9 @@ NoSaves::NoSaves(const Area& area) : area_(id_of(area)) {
   if (g_lock_files[area_] != 0) return;
   file_ = open_lock_file(area);
   if (file_ < 0) return;
-  held_ = lock_shared(file_, kAreaByte, kSaveTries);
+  static int tries = kSaveTries; /* who held it once that long may hold it for ever */
+  held_ = lock_shared(file_, kAreaByte, tries);
+  if (!held_) tries = 1;
   g_lock_files[area_] = file_;
 }
 

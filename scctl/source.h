@@ -66,7 +66,7 @@ struct ArchiveImage {
   uint8_t* bytes = nullptr; /* from malloc; null when the archive is not good */
   store::Archive verdict;
 };
-/* The area's own archive, read while nobody saves it, for which ten seconds are waited. Null when it is
+/* The area's own archive, read while nobody saves it, for which five seconds are waited. Null when it is
  * good, else what is wrong with it, or why that is not known. */
 const char* read_own_archive(const Area& area, ArchiveImage* image);
 
