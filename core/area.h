@@ -63,9 +63,9 @@ struct AreaRow {
 };
 
 /* Where an area's files lie; %s is a stem of its row. */
-constexpr char kLockPath[] = "/var/lock_store/%s_conf_lock";
-constexpr char kImagePath[] = "/var/systemconfig/config_%s.cfg";
-constexpr char kArchivePath[] = "/var/dataconfig/config_%s.bin";
+inline constexpr char kLockPath[] = "/var/lock_store/%s_conf_lock";
+inline constexpr char kImagePath[] = "/var/systemconfig/config_%s.cfg";
+inline constexpr char kArchivePath[] = "/var/dataconfig/config_%s.bin";
 
 /* The exported calls of an area's life; what they do is said in sysconfig/core.h. */
 uint32_t attach_area(AreaId id);

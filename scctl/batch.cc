@@ -4,7 +4,7 @@
 #include <string.h>
 
 #include "commands.h"
-#include "edit.h"
+#include "store/edit.h"
 #include "words.h"
 
 namespace scctl {
@@ -85,7 +85,7 @@ int run_batch(Call& call) {
   if (lines.fault() != nullptr) {
     status = fail(lines.status(), "%s:%u: %s", call.input_name, lines.number(), lines.fault());
   }
-  tell("commands done: %u%s", done, status == kOk ? "" : how_failed());
+  tell("commands done: %u%s", done, status == kOk ? "" : failure_note());
   return status;
 }
 

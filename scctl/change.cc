@@ -6,8 +6,8 @@
 #include <sysconfig/ap.h>
 
 #include "commands.h"
-#include "edit.h"
-#include "value.h"
+#include "store/edit.h"
+#include "store/value.h"
 
 namespace scctl {
 

@@ -14,8 +14,8 @@
 
 #include "commands.h"
 #include "core/bytes.h"
-#include "edit.h"
-#include "value.h"
+#include "store/edit.h"
+#include "store/value.h"
 
 namespace scctl {
 

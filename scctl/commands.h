@@ -6,9 +6,11 @@
 
 #include <stdio.h>
 
-#include "source.h"
+#include "store/source.h"
 
 namespace scctl {
+
+using namespace store;
 
 enum Option : uint16_t {
   kJson = 1,

@@ -6,8 +6,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "json.h"
-#include "value.h"
+#include "store/json.h"
+#include "store/value.h"
 
 namespace scctl {
 

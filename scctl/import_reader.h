@@ -6,6 +6,8 @@
 
 namespace scctl {
 
+using namespace store;
+
 /* What the tables of a file are to be; those that it has not are none. */
 struct Import {
   Snapshot wanted[kTableCount];

@@ -8,7 +8,7 @@
 #include <sys/sysmacros.h>
 
 #include "commands.h"
-#include "value.h"
+#include "store/value.h"
 
 namespace scctl {
 

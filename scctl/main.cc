@@ -9,10 +9,10 @@
 #include <string.h>
 
 #include "commands.h"
-#include "edit.h"
+#include "store/edit.h"
 #include "in_place.h"
 #include "store/streams.h"
-#include "value.h"
+#include "store/value.h"
 
 namespace scctl {
 

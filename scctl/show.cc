@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include "commands.h"
-#include "letters.h"
-#include "value.h"
+#include "store/letters.h"
+#include "store/value.h"
 
 namespace scctl {
 
@@ -45,7 +45,7 @@ void add_cut(const char* text, size_t size, Text* to) {
 /* A value that fits a column. */
 void format_cell(const Field& field, const uint8_t* record, Text* to) {
   if (field.kind == Kind::kBytes) {
-    to->print("%zu/%u bytes", filled(field, record), field.size);
+    to->print("%zu/%u bytes", size_without_trailing_zeros(field, record), field.size);
     return;
   }
   Text value;
@@ -189,7 +189,7 @@ class Commands {
     to->print("scctl %s %s/%u", is_section(table_) ? "set" : "add", table_.name, id);
     bool any = false;
     for (const Field& member : table_) {
-      if (filled(member, record) == 0 && (any || &member + 1 < table_.end())) continue;
+      if (size_without_trailing_zeros(member, record) == 0 && (any || &member + 1 < table_.end())) continue;
       format_assignment(member, record, checked || &member != field, to);
       any = true;
     }

@@ -11,9 +11,9 @@
 #include <unistd.h>
 
 #include "commands.h"
-#include "edit.h"
+#include "store/edit.h"
 #include "import_reader.h"
-#include "value.h"
+#include "store/value.h"
 
 namespace scctl {
 
@@ -161,7 +161,7 @@ int run_import(Call& call) {
     printf("%s: %u added, %u changed, %u deleted\n", kTables[n].name, tally.added, tally.changed,
            tally.deleted);
   }
-  tell("tables changed: %u%s", changed, status == kOk ? "" : how_failed());
+  tell("tables changed: %u%s", changed, status == kOk ? "" : failure_note());
   return status;
 }
 
@@ -173,10 +173,10 @@ void print_presence(const char* prefix, const Table& table, uint32_t id, const c
                     const uint8_t* record) {
   Text line;
   for (const Field& field : table) {
-    if (filled(field, record) == 0) continue;
+    if (size_without_trailing_zeros(field, record) == 0) continue;
     line.print(" %s=", field.name);
     if (field.kind == Kind::kBytes)
-      line.print("(%zu byte%s)", filled(field, record), filled(field, record) == 1 ? "" : "s");
+      line.print("(%zu byte%s)", size_without_trailing_zeros(field, record), size_without_trailing_zeros(field, record) == 1 ? "" : "s");
     else
       format_part(field, record, false, &line);
   }

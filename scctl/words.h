@@ -6,9 +6,11 @@
 #ifndef SCCTL_WORDS_H
 #define SCCTL_WORDS_H
 
-#include "say.h"
+#include "store/say.h"
 
 namespace scctl {
+
+using namespace store;
 
 class Words {
  public:

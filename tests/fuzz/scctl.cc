@@ -9,7 +9,7 @@
 
 #include "fuzz/harness.h"
 #include "scctl/commands.h"
-#include "scctl/value.h"
+#include "store/value.h"
 #include "scctl/words.h"
 #include "support/areas.h"
 
@@ -59,33 +59,33 @@ int run_command(const Words& words) {
   for (std::vector<char>& copy : copies) pointers.push_back(copy.data());
   pointers.push_back(nullptr);
   const int status = scctl::run_words(static_cast<int>(words.size()), pointers.data());
-  if (status < scctl::kOk || status > scctl::kNoArea) found("%s: %d", words[0].c_str(), status);
+  if (status < store::kOk || status > store::kNoArea) found("%s: %d", words[0].c_str(), status);
   return status;
 }
 
-const scctl::Table& any_table(Source& source, const std::string& area) {
-  std::vector<const scctl::Table*> tables;
-  for (const scctl::Table& table : scctl::kTables) {
-    if (area.empty() || scctl::kAreas[table.area].name == area) tables.push_back(&table);
+const store::Table& any_table(Source& source, const std::string& area) {
+  std::vector<const store::Table*> tables;
+  for (const store::Table& table : store::kTables) {
+    if (area.empty() || store::kAreas[table.area].name == area) tables.push_back(&table);
   }
-  if (tables.empty()) return scctl::kTables[0];
+  if (tables.empty()) return store::kTables[0];
   return *tables[source.below(static_cast<uint32_t>(tables.size()))];
 }
 
 /* A value as it stands in the block, so that some record is found by it. */
-std::string value_of(const scctl::Table& table, const scctl::Field& field, const uint8_t* record) {
-  scctl::Text text;
-  scctl::format(field, record, &text);
+std::string value_of(const store::Table& table, const store::Field& field, const uint8_t* record) {
+  store::Text text;
+  store::format(field, record, &text);
   return table.begin() == &field ? text.c_str() : "x";
 }
 
 void look(Source& source, const std::string& area, const uint8_t* block, bool as_image) {
-  const scctl::Table& table = any_table(source, area);
+  const store::Table& table = any_table(source, area);
   const std::string name = table.name;
   const uint32_t id = 1 + source.below(table.capacity);
-  const scctl::Field& field = table.fields[source.below(table.field_count)];
+  const store::Field& field = table.fields[source.below(table.field_count)];
   const std::string of_field = std::string(".") + field.name;
-  const bool of_area = scctl::kAreas[table.area].name == area;
+  const bool of_area = store::kAreas[table.area].name == area;
   const uint8_t* record = block + table.at + (id - 1) * table.stride;
   const std::string sought = of_area ? value_of(table, field, record) : "1";
 
@@ -139,13 +139,13 @@ void run_scctl_import(Source& source) {
   write_file(kInput, text.data(), text.size());
   Words words = {"import", kInput};
   if (kind % 2 == 0) words.push_back("--dry-run");
-  if (run_command(words) != scctl::kOk || kind % 2 == 0) return;
+  if (run_command(words) != store::kOk || kind % 2 == 0) return;
   /* What was imported once is there. */
   std::map<std::string, Bytes> before;
   for (const AreaFacts& facts : golden_areas()) {
     before[facts.name] = Bytes(live(facts.name), live(facts.name) + facts.size);
   }
-  if (run_command(words) != scctl::kOk) found("a second import is refused");
+  if (run_command(words) != store::kOk) found("a second import is refused");
   for (const auto& [area, bytes] : before) {
     if (memcmp(live(area), bytes.data(), bytes.size()) != 0)
       found("a second import changed %s", area.c_str());
@@ -168,60 +168,60 @@ void run_scctl_batch(Source& source) {
 namespace {
 
 /* What --commands prints of a field is one word of a line, and gives the same bytes. */
-void expect_same_as_word(const scctl::Table& table, const scctl::Field& field, Exact& record,
+void expect_same_as_word(const store::Table& table, const store::Field& field, Exact& record,
                          bool checked) {
-  scctl::Text line;
-  scctl::format_assignment(field, record.data(), checked, &line);
+  store::Text line;
+  store::format_assignment(field, record.data(), checked, &line);
   scctl::Words words;
   const std::string printed = line.c_str();
   if (!words.split(line.data()) || words.count() != 1) found("no word: %s", printed.c_str());
   Exact again(Bytes(table.stride, 0));
-  const scctl::Field* named = nullptr;
+  const store::Field* named = nullptr;
   if (scctl::parse_assignment(table, words.words()[0], again.data(), &named, nullptr) !=
-          scctl::kOk ||
+          store::kOk ||
       named != &field) {
     found("refused: %s.%s", table.name, printed.c_str());
   }
-  if (!scctl::equal(field, record.data(), again.data())) found("another: %s", printed.c_str());
+  if (!store::equal(field, record.data(), again.data())) found("another: %s", printed.c_str());
 }
 
 }  // namespace
 
 void run_scctl_value(Source& source) {
-  const scctl::Table& table = any_table(source, "");
-  const scctl::Field& field = table.fields[source.below(table.field_count)];
+  const store::Table& table = any_table(source, "");
+  const store::Field& field = table.fields[source.below(table.field_count)];
   Exact record(Bytes(table.stride, 0)), again(Bytes(table.stride, 0));
   const bool typed = source.byte() % 2 == 0;
   Bytes bytes = source.rest();
   const size_t length = bytes.size();
   bytes.push_back(0); /* texts have an end, and may have zeros before it */
   Exact text(bytes);
-  const auto parse = [&](const char* from, size_t size, scctl::Origin origin, Exact& to) {
-    return scctl::parse(table, field, from, size, origin, to.data());
+  const auto parse = [&](const char* from, size_t size, store::Origin origin, Exact& to) {
+    return store::parse(table, field, from, size, origin, to.data());
   };
   const int status = parse(text.as<char>(), length,
-                           typed ? scctl::Origin::kTyped : scctl::Origin::kCopied, record);
-  if (status != scctl::kOk && status != scctl::kRefused) found("status %d", status);
+                           typed ? store::Origin::kTyped : store::Origin::kCopied, record);
+  if (status != store::kOk && status != store::kRefused) found("status %d", status);
   /* What stands behind a text's first zero is not shown. */
-  if (status == scctl::kOk && strlen(text.as<char>()) == length) {
-    scctl::Text shown;
-    scctl::format(field, record.data(), &shown);
-    if (parse(shown.c_str(), shown.size(), scctl::Origin::kCopied, again) != scctl::kOk) {
+  if (status == store::kOk && strlen(text.as<char>()) == length) {
+    store::Text shown;
+    store::format(field, record.data(), &shown);
+    if (parse(shown.c_str(), shown.size(), store::Origin::kCopied, again) != store::kOk) {
       found("%s.%s: what is shown is refused", table.name, field.name);
     }
-    if (!scctl::equal(field, record.data(), again.data())) {
+    if (!store::equal(field, record.data(), again.data())) {
       found("%s.%s: what is shown is another value", table.name, field.name);
     }
   }
   /* The text as the record's own bytes, to be shown in every way. */
   const size_t size = std::min<size_t>(length, field.size);
   memcpy(record.data() + field.record_at, text.data(), size);
-  scctl::Text shown;
-  scctl::format(field, record.data(), &shown);
-  scctl::format_shown(field, record.data(), &shown);
+  store::Text shown;
+  store::format(field, record.data(), &shown);
+  store::format_shown(field, record.data(), &shown);
   for (const bool whole : {false, true}) {
-    scctl::format_part(field, record.data(), whole, &shown);
-    scctl::format_json(field, record.data(), whole, &shown);
+    store::format_part(field, record.data(), whole, &shown);
+    store::format_json(field, record.data(), whole, &shown);
     expect_same_as_word(table, field, record, whole);
   }
 }

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "fuzz/harness.h"
-#include "scctl/catalogue.h"
+#include "store/catalogue.h"
 #include "store/tar_header.h"
 #include "support/areas.h"
 
@@ -92,7 +92,7 @@ void judge(const Bytes& bytes, const sc::AreaRow* area, store::Archive* archive)
 void run_store_tar(Source& source) {
   const uint32_t choice = source.below(static_cast<uint32_t>(golden_areas().size()));
   const AreaFacts& facts = golden_areas()[choice];
-  const sc::AreaRow* own = &scctl::kAreas[choice].row();
+  const sc::AreaRow* own = &store::kAreas[choice].row();
   const uint8_t kind = source.byte();
   const Bytes bytes = kind < 0xe0 ? tar_of(source, facts) : source.rest();
   store::Archive of_any, of_own;
@@ -104,7 +104,7 @@ void run_store_tar(Source& source) {
   if (of_any.state != store::State::kGood) return;
   if (of_any.area == nullptr || of_any.image == nullptr) found("good without an image");
   const AreaFacts& its =
-      golden_areas()[static_cast<size_t>(of_any.area - &scctl::kAreas[0].row())];
+      golden_areas()[static_cast<size_t>(of_any.area - &store::kAreas[0].row())];
   if (memmem(bytes.data(), bytes.size(), of_any.image, its.size) == nullptr) {
     found("an image of %s that is not in the archive", its.name.c_str());
   }

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "scctl/catalogue.h"
-#include "scctl/letters.h"
+#include "store/catalogue.h"
+#include "store/letters.h"
 #include "support/program.h"
 #include "support/random.h"
 #include "support/world.h"
@@ -19,10 +19,10 @@
 namespace sc_test {
 namespace {
 
-using scctl::Field;
-using scctl::Kind;
-using scctl::kTables;
-using scctl::Table;
+using store::Field;
+using store::Kind;
+using store::kTables;
+using store::Table;
 
 /* A shell's function that stands for the tool. */
 std::string shell_function() {
@@ -38,7 +38,7 @@ Outcome scctl_run(const Words& arguments, const std::string& input = "") {
 class Block {
  public:
   explicit Block(const Table& table) : table_(table) {
-    const int segment = shmget(scctl::kAreas[table.area].row().key, 0, 0);
+    const int segment = shmget(store::kAreas[table.area].row().key, 0, 0);
     block_ = static_cast<uint8_t*>(shmat(segment, nullptr, 0));
   }
   ~Block() { shmdt(block_); }
@@ -48,13 +48,13 @@ class Block {
   uint8_t* record(uint32_t position) { return block_ + table_.at + position * table_.stride; }
   bool is_used(uint32_t position) {
     int32_t id;
-    if (scctl::is_section(table_)) return true;
+    if (store::is_section(table_)) return true;
     memcpy(&id, record(position) + table_.id_at, sizeof id);
     return id != table_.free;
   }
   void use(uint32_t position) {
     const auto id = static_cast<int32_t>(position + 1);
-    if (!scctl::is_section(table_)) memcpy(record(position) + table_.id_at, &id, sizeof id);
+    if (!store::is_section(table_)) memcpy(record(position) + table_.id_at, &id, sizeof id);
   }
   std::string field(uint32_t position, const Field& field) {
     return {reinterpret_cast<char*>(record(position)) + field.record_at, field.size};
@@ -152,7 +152,7 @@ class CommandsTest : public World {
 
 /* As a router's flash is emptied. */
 void empty(const Table& table) {
-  const std::string area = scctl::kAreas[table.area].name;
+  const std::string area = store::kAreas[table.area].name;
   ASSERT_EQ(scctl_run({"remove", area}), (Outcome{0, "", ""}));
   ASSERT_EQ(scctl_run({"init", area}), (Outcome{0, "", ""}));
 }
@@ -200,7 +200,7 @@ TEST_F(CommandsTest, WhateverIsStored_CommandsMakeAgainInAShellAndInABatch) {
       check_comments(commands.out, block, table, wanted);
     }
     for (size_t at = 0; at < commands.out.size();) {
-      const auto letter = scctl::next_letter(&commands.out[at], commands.out.size() - at);
+      const auto letter = store::next_letter(&commands.out[at], commands.out.size() - at);
       ASSERT_TRUE(letter.is_harmless || letter.code == '\n') << letter.code;
       at += letter.size;
     }
@@ -222,14 +222,14 @@ TEST_F(CommandsTest, WhateverIsStored_ComesBackFromAnExport) {
   Random random;
   for (const Table& table : kTables) {
     SCOPED_TRACE(table.name);
-    const std::string area = scctl::kAreas[table.area].name;
+    const std::string area = store::kAreas[table.area].name;
     std::map<std::string, std::string> wanted;
     {
       Block block(table);
       fill(random, table, block);
       /* Keys that are the same in two records are no matter of texts. */
       for (const Field& field : table) {
-        if (field.clash == scctl::Clash::kNone) continue;
+        if (field.clash == store::Clash::kNone) continue;
         for (uint32_t position = 0; position < table.capacity; ++position) {
           if (block.is_used(position)) {
             block.set(position, field, std::to_string(position) + "'\xff\x1b\n");
@@ -271,7 +271,7 @@ TEST_F(CommandsTest, ARecordOfZeros_IsMadeByItsCommand) {
 }
 
 TEST_F(CommandsTest, EverySpellingOfAMacIsKeptBesideTheOthers) {
-  const Table& table = *scctl::find_table("lan_binds", 9);
+  const Table& table = *store::find_table("lan_binds", 9);
   const char* const kSpellings[] = {"00:11:22:33:44:aa", "00-11-22-33-44-aa", "001122334455"};
   {
     Block block(table);
@@ -334,9 +334,9 @@ TEST_F(CommandsTest, ALineOfABatch_IsAsLongAsItsWords) {
   const Outcome batch = scctl_run({"batch"}, line + "\n" + adds + dels + "\n" + line);
   EXPECT_EQ(batch.err, "");
   EXPECT_EQ(batch.out.substr(batch.out.size() - 19), "commands done: 303\n");
-  EXPECT_EQ(Block(*scctl::find_table("product_info", 12)).fields()["1.settings"],
+  EXPECT_EQ(Block(*store::find_table("product_info", 12)).fields()["1.settings"],
             std::string(24088, 'Z'));
-  EXPECT_EQ(Block(*scctl::find_table("aps", 3)).fields().size(), 0u);
+  EXPECT_EQ(Block(*store::find_table("aps", 3)).fields().size(), 0u);
 }
 
 /* A command that can have so many descriptors, 0 to 2 among them. */

@@ -1,6 +1,6 @@
 /* Where scctl reads tables from: files that are nearly images or archives, and live records that are
  * written while they are copied. */
-#include "scctl/source.h"
+#include "store/source.h"
 
 #include <signal.h>
 #include <string.h>
@@ -77,13 +77,13 @@ class ReaderTest : public World {};
 TEST_F(ReaderTest, ARecordWithoutALockThatIsWrittenMeanwhile_IsCopiedAgain) {
   auto* block = started<ApUserListBlock>("ApUserList");
   ASSERT_NE(block, nullptr);
-  const ::scctl::Table& table = *::scctl::find_table("ap_users", 8);
+  const ::store::Table& table = *::store::find_table("ap_users", 8);
   unlink(golden_area("ApUserList").lock_path.c_str());
   struct sigaction action = {}, before;
   action.sa_handler = write_all;
   ASSERT_EQ(sigaction(SIGSEGV, &action, &before), 0);
-  for (const int fields : {::scctl::Reader::kWhole, int{table.field_count}}) {
-    ::scctl::Source live;
+  for (const int fields : {::store::Reader::kWhole, int{table.field_count}}) {
+    ::store::Source live;
     live.open_live();
     uint8_t* const first = live.block(table.area);
     uint8_t* const record = first + table.at;
@@ -94,11 +94,11 @@ TEST_F(ReaderTest, ARecordWithoutALockThatIsWrittenMeanwhile_IsCopiedAgain) {
     g_writing = {record + kWords, table.stride - kWords, first + 2 * page_size, page_size};
     ASSERT_LT(3 * page_size, table.at + table.stride);
     std::string copy(table.stride, '\0');
-    ::scctl::Reader reader(live, table, fields);
+    ::store::Reader reader(live, table, fields);
     ASSERT_EQ(mprotect(g_writing.page, page_size, PROT_NONE), 0);
     EXPECT_TRUE(reader.copy(0, reinterpret_cast<uint8_t*>(copy.data())));
     EXPECT_EQ(copy.substr(kWords), std::string(table.stride - kWords, 'n')) << fields;
-    ::scctl::Source::forget_live(table.area);
+    ::store::Source::forget_live(table.area);
   }
   sigaction(SIGSEGV, &before, nullptr);
 }

@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "scctl/json.h"
-#include "scctl/letters.h"
-#include "scctl/value.h"
+#include "store/json.h"
+#include "store/letters.h"
+#include "store/value.h"
 #include "scctl/words.h"
 #include "support/program.h"
 #include "support/random.h"
@@ -20,13 +20,13 @@
 namespace sc_test {
 namespace {
 
-using scctl::JsonKind;
-using scctl::JsonReader;
-using scctl::Letter;
-using scctl::next_letter;
+using store::JsonKind;
+using store::JsonReader;
+using store::Letter;
+using store::next_letter;
 
 std::string shown(const std::string& text) {
-  scctl::Text to;
+  store::Text to;
   to.add_shown(text.data(), text.size());
   return {to.c_str(), to.size()};
 }
@@ -122,7 +122,7 @@ TEST(GrowingText, WhatIsPrinted_IsThereWholeWhateverItsLength) {
   for (size_t before = 0; before < 130; ++before) {
     for (size_t size = 0; size < 300; ++size) {
       const std::string first(before, 'a'), second(size, 'b');
-      scctl::Text text;
+      store::Text text;
       text.add(first.data(), first.size());
       text.print("%s", second.c_str());
       ASSERT_EQ(text.c_str(), first + second);
@@ -196,17 +196,17 @@ TEST(Letters, AnEscapeStandsForOneTextAlone) {
 }
 
 TEST(Letters, WideOnesTakeTwoColumnsAndCombiningOnesNone) {
-  EXPECT_EQ(scctl::columns_of("abc"), 3u);
-  EXPECT_EQ(scctl::columns_of("\xc3\xbc"), 1u);
-  EXPECT_EQ(scctl::columns_of("\xe4\xb8\xad\xe6\x96\x87"), 4u); /* two ideographs */
-  EXPECT_EQ(scctl::columns_of("\xed\x95\x9c"), 2u);             /* a Hangul syllable */
-  EXPECT_EQ(scctl::columns_of("\xef\xbc\xa1"), 2u);             /* a fullwidth A */
-  EXPECT_EQ(scctl::columns_of("\xf0\x9f\x98\x80"), 2u);         /* a face */
-  EXPECT_EQ(scctl::columns_of("\xf0\xa0\x80\x80\xf0\xaf\xbf\xbd"),
+  EXPECT_EQ(store::columns_of("abc"), 3u);
+  EXPECT_EQ(store::columns_of("\xc3\xbc"), 1u);
+  EXPECT_EQ(store::columns_of("\xe4\xb8\xad\xe6\x96\x87"), 4u); /* two ideographs */
+  EXPECT_EQ(store::columns_of("\xed\x95\x9c"), 2u);             /* a Hangul syllable */
+  EXPECT_EQ(store::columns_of("\xef\xbc\xa1"), 2u);             /* a fullwidth A */
+  EXPECT_EQ(store::columns_of("\xf0\x9f\x98\x80"), 2u);         /* a face */
+  EXPECT_EQ(store::columns_of("\xf0\xa0\x80\x80\xf0\xaf\xbf\xbd"),
             4u);                                  /* the second plane's ends */
-  EXPECT_EQ(scctl::columns_of("e\xcc\x81x"), 2u); /* an accent of its own */
-  EXPECT_EQ(scctl::columns_of("\xe2\x80\xbb\xe2\x82\xac"), 2u);
-  EXPECT_EQ(scctl::columns_of(""), 0u);
+  EXPECT_EQ(store::columns_of("e\xcc\x81x"), 2u); /* an accent of its own */
+  EXPECT_EQ(store::columns_of("\xe2\x80\xbb\xe2\x82\xac"), 2u);
+  EXPECT_EQ(store::columns_of(""), 0u);
 }
 
 /* Unicode's own: East Asian Width is wide or full, in version 14.0.0. */
@@ -249,7 +249,7 @@ constexpr struct {
 TEST(Letters, AllThatUnicodeCallsWide_TakeTwoColumns) {
   for (const auto& range : kWideInUnicode) {
     for (uint32_t code = range.first; code <= range.last; ++code) {
-      ASSERT_EQ(scctl::columns_of(utf8(code).c_str()), 2u) << std::hex << code;
+      ASSERT_EQ(store::columns_of(utf8(code).c_str()), 2u) << std::hex << code;
     }
   }
 }
@@ -262,11 +262,11 @@ TEST(Letters, CombiningOnes_AreTheWholeOfTheirBlocksAndNotTheLettersBeside) {
       {0xfeff, 0xfeff}, {0xe0100, 0xe01ef}};
   for (const auto& [first, last] : kFirstAndLast) {
     for (uint32_t code = first; code <= last; ++code) {
-      EXPECT_EQ(scctl::columns_of(utf8(code).c_str()), 0u) << std::hex << code;
+      EXPECT_EQ(store::columns_of(utf8(code).c_str()), 0u) << std::hex << code;
     }
-    EXPECT_NE(scctl::columns_of(utf8(first - 1).c_str()), 0u) << std::hex << first;
+    EXPECT_NE(store::columns_of(utf8(first - 1).c_str()), 0u) << std::hex << first;
     if (last == 0x200d) continue; /* beside it are those that turn the direction */
-    EXPECT_NE(scctl::columns_of(utf8(last + 1).c_str()), 0u) << std::hex << last;
+    EXPECT_NE(store::columns_of(utf8(last + 1).c_str()), 0u) << std::hex << last;
   }
 }
 
@@ -391,8 +391,8 @@ TEST(WordsOfALine, AShellReadsTheSame) {
 /* ---- JSON ---- */
 
 std::string json(const std::string& text) {
-  scctl::Text to;
-  scctl::add_json_text(reinterpret_cast<const uint8_t*>(text.data()), text.size(), &to);
+  store::Text to;
+  store::add_json_text(reinterpret_cast<const uint8_t*>(text.data()), text.size(), &to);
   return {to.c_str(), to.size()};
 }
 
@@ -401,7 +401,7 @@ std::string value(const std::string& text) {
   const std::unique_ptr<char[]> bytes(new char[text.size()]);
   memcpy(bytes.get(), text.data(), text.size());
   JsonReader reader(bytes.get(), text.size());
-  scctl::Text to;
+  store::Text to;
   JsonKind kind;
   if (!reader.value(&to, &kind) || !reader.end()) return std::string("fault: ") + reader.fault();
   return std::to_string(static_cast<int>(kind)) + std::string(to.c_str(), to.size());
@@ -483,7 +483,7 @@ TEST(Json, NumbersAreWholeAndPlain) {
 TEST(Json, ANameHasNoNul) {
   const std::string text = "{\"name\\u0000\": 1}";
   JsonReader reader(text.data(), text.size());
-  scctl::Text name;
+  store::Text name;
   bool first = true;
   ASSERT_TRUE(reader.open('{') && reader.next('}', &first));
   EXPECT_FALSE(reader.name(&name));
@@ -493,7 +493,7 @@ TEST(Json, ANameHasNoNul) {
 /* ---- the nearest name ---- */
 
 std::string nearest(const std::string& wrong) {
-  scctl::Nearest nearest(wrong.data(), wrong.size());
+  store::Nearest nearest(wrong.data(), wrong.size());
   for (const char* name : {"list", "lan_binds", "ip", "template_name"}) nearest.offer(name);
   return nearest.hint("nothing");
 }

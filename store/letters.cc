@@ -1,9 +1,9 @@
 /* UTF-8, and what terminals make of it. */
-#include "letters.h"
+#include "store/letters.h"
 
 #include <string.h>
 
-namespace scctl {
+namespace store {
 
 namespace {
 
@@ -114,4 +114,4 @@ size_t columns_of(const char* shown) {
   return columns;
 }
 
-}  // namespace scctl
+}  // namespace store

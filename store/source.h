@@ -4,17 +4,17 @@
  * and held for one copy; where it is not to be had within a second, the record is read until two
  * reads agree.
  */
-#ifndef SCCTL_SOURCE_H
-#define SCCTL_SOURCE_H
+#ifndef STORE_SOURCE_H
+#define STORE_SOURCE_H
 
-#include "catalogue.h"
-#include "say.h"
+#include "store/catalogue.h"
+#include "store/say.h"
 #include "store/archive.h"
 
-namespace scctl {
+namespace store {
 
 /* Behind how much was done before something failed. A file is not changed then. */
-inline const char* how_failed() {
+inline const char* failure_note() {
   return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
 }
 
@@ -64,7 +64,7 @@ class Source {
 /* The image that an archive holds. */
 struct ArchiveImage {
   uint8_t* bytes = nullptr; /* from malloc; null when the archive is not good */
-  store::Archive verdict;
+  Archive verdict;
 };
 /* The area's own archive, read while nobody saves it, for which five seconds are waited. Null when it is
  * good, else what is wrong with it, or why that is not known. */
@@ -165,6 +165,6 @@ bool is_used(const Table& table, const uint8_t* record);
 /* The byte of the lock file that all programs lock for a record: the one that its block names. */
 int32_t named_lock(const Table& table, const uint8_t* block, uint32_t position);
 
-}  // namespace scctl
+}  // namespace store
 
 #endif

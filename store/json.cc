@@ -1,9 +1,9 @@
 /* The JSON reader. */
-#include "json.h"
+#include "store/json.h"
 
 #include <string.h>
 
-namespace scctl {
+namespace store {
 
 bool JsonReader::fail(const char* fault) {
   if (fault_ == nullptr) fault_ = fault;
@@ -157,4 +157,4 @@ bool JsonReader::string(Text* to) {
   return true;
 }
 
-}  // namespace scctl
+}  // namespace store

@@ -1,5 +1,5 @@
 /* Locks of an edit, the three ways to write a record, and what single commands make of them. */
-#include "edit.h"
+#include "store/edit.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -13,9 +13,9 @@
 #include <sysconfig/core.h>
 
 #include "core/bytes.h"
-#include "value.h"
+#include "store/value.h"
 
-namespace scctl {
+namespace store {
 
 using sc::load;
 using sc::store;
@@ -492,7 +492,7 @@ int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
 
 /* What was done before one failed, rules that went with a group among it. */
 int say_deleted(const Edit& edit, int status) {
-  if (edit.removed() > 0) tell("records deleted: %d%s", edit.removed(), how_failed());
+  if (edit.removed() > 0) tell("records deleted: %d%s", edit.removed(), failure_note());
   return status;
 }
 
@@ -541,4 +541,4 @@ int clear_table(Source& live, const Table& table) {
   return kOk;
 }
 
-}  // namespace scctl
+}  // namespace store

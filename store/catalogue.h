@@ -5,15 +5,15 @@
  * A table is a list, one of the access-point tables, or the settings of a section, whose record has
  * no free mark and is always there.
  */
-#ifndef SCCTL_CATALOGUE_H
-#define SCCTL_CATALOGUE_H
+#ifndef STORE_CATALOGUE_H
+#define STORE_CATALOGUE_H
 
 #include <stddef.h>
 #include <stdint.h>
 
 #include "core/area.h"
 
-namespace scctl {
+namespace store {
 
 using sc::AreaId;
 using enum sc::AreaId;
@@ -111,6 +111,6 @@ uint32_t lock_index_of(const Table& table, uint32_t position);
 inline AreaId id_of(const Area& area) { return static_cast<AreaId>(&area - kAreas); }
 inline bool is_section(const Table& table) { return table.id_at < 0; }
 
-}  // namespace scctl
+}  // namespace store
 
 #endif

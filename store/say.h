@@ -1,13 +1,13 @@
 /* What scctl says: one line on standard error for what went wrong, text that grows, and silence
  * while the library works, whose own messages are not scctl's answer.
  */
-#ifndef SCCTL_SAY_H
-#define SCCTL_SAY_H
+#ifndef STORE_SAY_H
+#define STORE_SAY_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-namespace scctl {
+namespace store {
 
 /* Exit statuses. */
 enum Status : int {
@@ -115,6 +115,6 @@ class Quiet {
   void (*on_hang_up_)(int);
 };
 
-}  // namespace scctl
+}  // namespace store
 
 #endif

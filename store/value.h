@@ -1,13 +1,13 @@
 /* Values of fields as text: how they are written, read and checked. A value is always worked on in
  * a record.
  */
-#ifndef SCCTL_VALUE_H
-#define SCCTL_VALUE_H
+#ifndef STORE_VALUE_H
+#define STORE_VALUE_H
 
-#include "catalogue.h"
-#include "say.h"
+#include "store/catalogue.h"
+#include "store/say.h"
 
-namespace scctl {
+namespace store {
 
 /* Typed by a person, or copied from a store, whose texts are taken as they are. */
 enum class Origin : uint8_t { kTyped, kCopied };
@@ -54,7 +54,7 @@ void format_json(const Field& field, const uint8_t* record, bool whole, Text* to
 void add_json_text(const uint8_t* text, size_t size, Text* to);
 
 /* How many bytes of the field are left without the zeros at its end. */
-size_t filled(const Field& field, const uint8_t* record);
+size_t size_without_trailing_zeros(const Field& field, const uint8_t* record);
 
 inline bool equal(const Field& field, const uint8_t* one, const uint8_t* other) {
   return __builtin_memcmp(one + field.record_at, other + field.record_at, field.size) == 0;
@@ -66,6 +66,6 @@ inline int32_t load_word(const uint8_t* at) {
   return static_cast<int32_t>(load_number(at, 4, true));
 }
 
-}  // namespace scctl
+}  // namespace store
 
 #endif

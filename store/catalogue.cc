@@ -1,5 +1,5 @@
 /* The rows of the catalogue, and the makers that derive them from the library's rows. */
-#include "catalogue.h"
+#include "store/catalogue.h"
 
 #include <string.h>
 
@@ -17,7 +17,7 @@
 #include "lan/rows.h"
 #include "rules/rows.h"
 
-namespace scctl {
+namespace store {
 
 /* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
 void no_area_has_this_code();
@@ -357,4 +357,4 @@ uint32_t lock_index_of(const Table& table, uint32_t position) {
   return span->first + position;
 }
 
-}  // namespace scctl
+}  // namespace store

@@ -1,5 +1,5 @@
 /* Live segments, images, archives; snapshots of their tables. */
-#include "source.h"
+#include "store/source.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -14,9 +14,9 @@
 #include <sysconfig/core.h>
 
 #include "core/registry.h"
-#include "value.h"
+#include "store/value.h"
 
-namespace scctl {
+namespace store {
 
 namespace {
 
@@ -46,13 +46,13 @@ const Area* area_of_size(size_t size) {
 }
 
 const char* read_archive(const char* path, int opened, const sc::AreaRow* area, ArchiveImage* image) {
-  store::Archive& archive = image->verdict;
+  Archive& archive = image->verdict;
   const int file = opened >= 0 ? opened : store::open_archive(AT_FDCWD, path, 0, &archive);
   if (file >= 0) store::judge(file, area, &archive);
   if (file >= 0 && opened < 0) close(file);
   image->bytes = archive.image;
   archive.image = nullptr;
-  return archive.state == store::State::kGood ? nullptr : archive.reason;
+  return archive.state == State::kGood ? nullptr : archive.reason;
 }
 
 /* ---- locks for reading ---- */
@@ -95,9 +95,9 @@ const char* read_own_archive(const Area& area, ArchiveImage* image) {
   const NoSaves no_saves(area);
   const char* fault = read_archive(archive_path(area).text, -1, &area.row(), image);
   if (fault == nullptr) return nullptr;
-  store::Archive& archive = image->verdict;
-  if (!no_saves && archive.state == store::State::kBroken) {
-    archive.is(store::State::kUnknown, "not known: another program holds the area");
+  Archive& archive = image->verdict;
+  if (!no_saves && archive.state == State::kBroken) {
+    archive.is(State::kUnknown, "not known: another program holds the area");
   }
   free(image->bytes);
   image->bytes = nullptr;
@@ -348,4 +348,4 @@ int Snapshot::find_clash(const uint8_t* wanted, int skip, const Field** clashing
   return -1;
 }
 
-}  // namespace scctl
+}  // namespace store

@@ -2,13 +2,13 @@
  * many columns it takes. What comes from a store, a file or the command line goes through
  * next_letter before a person sees it.
  */
-#ifndef SCCTL_LETTERS_H
-#define SCCTL_LETTERS_H
+#ifndef STORE_LETTERS_H
+#define STORE_LETTERS_H
 
 #include <stddef.h>
 #include <stdint.h>
 
-namespace scctl {
+namespace store {
 
 struct Letter {
   uint32_t code;   /* the byte, where there is no UTF-8 */
@@ -35,6 +35,6 @@ size_t show_letter(const char* text, size_t size, Shown* shown);
 /* How many columns a text takes that is shown. */
 size_t columns_of(const char* shown);
 
-}  // namespace scctl
+}  // namespace store
 
 #endif

@@ -1,5 +1,5 @@
 /* Text to value and back. */
-#include "value.h"
+#include "store/value.h"
 
 #include <arpa/inet.h>
 #include <ctype.h>
@@ -10,9 +10,9 @@
 
 #include <sysconfig/core.h>
 
-#include "letters.h"
+#include "store/letters.h"
 
-namespace scctl {
+namespace store {
 
 namespace {
 
@@ -126,7 +126,7 @@ int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
   return static_cast<int64_t>(value);
 }
 
-size_t filled(const Field& field, const uint8_t* record) {
+size_t size_without_trailing_zeros(const Field& field, const uint8_t* record) {
   size_t size = field.size;
   const uint8_t* at = record + field.record_at;
   static constexpr uint8_t kZeros[256] = {};
@@ -218,7 +218,7 @@ void format(const Field& field, const uint8_t* record, Text* to) {
     case Kind::kMac:
       to->print("%02x:%02x:%02x:%02x:%02x:%02x", at[0], at[1], at[2], at[3], at[4], at[5]);
       return;
-    case Kind::kBytes: add_hex(at, filled(field, record), to); return;
+    case Kind::kBytes: add_hex(at, size_without_trailing_zeros(field, record), to); return;
     case Kind::kSigned:
     case Kind::kUnsigned: break;
   }
@@ -278,7 +278,7 @@ void format_part(const Field& field, const uint8_t* record, bool whole, Text* to
     return;
   }
   const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
-  add_word(text, whole ? filled(field, record) : text_size(field, record), to);
+  add_word(text, whole ? size_without_trailing_zeros(field, record) : text_size(field, record), to);
 }
 
 void add_word(const char* text, size_t size, Text* to) {
@@ -293,7 +293,7 @@ void add_word(const char* text, size_t size, Text* to) {
 
 void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to) {
   const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
-  const size_t size = filled(field, record);
+  const size_t size = size_without_trailing_zeros(field, record);
   if (!is_text(field)) {
     to->print(" %s=", field.name);
     format(field, record, to);
@@ -316,7 +316,7 @@ void format_assignment(const Field& field, const uint8_t* record, bool checked, 
 void format_json(const Field& field, const uint8_t* record, bool whole, Text* to) {
   if (is_text(field)) {
     add_json_text(record + field.record_at,
-                  whole ? filled(field, record) : text_size(field, record), to);
+                  whole ? size_without_trailing_zeros(field, record) : text_size(field, record), to);
     return;
   }
   const bool numbers = field.kind == Kind::kSigned || field.kind == Kind::kUnsigned;
@@ -326,4 +326,4 @@ void format_json(const Field& field, const uint8_t* record, bool whole, Text* to
   if (marks != nullptr) to->add(marks[1]);
 }
 
-}  // namespace scctl
+}  // namespace store

@@ -1,5 +1,5 @@
 /* Messages, text and memory. */
-#include "say.h"
+#include "store/say.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -10,9 +10,9 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "letters.h"
+#include "store/letters.h"
 
-namespace scctl {
+namespace store {
 
 const char* g_where = nullptr;
 const char* g_file = nullptr;
@@ -197,4 +197,4 @@ Quiet::~Quiet() {
   close(err_);
 }
 
-}  // namespace scctl
+}  // namespace store

@@ -1,12 +1,12 @@
 /* Reads JSON piece by piece, as far as an import needs it: nothing is built in memory. The first
  * fault is kept with its line; after it all reads fail.
  */
-#ifndef SCCTL_JSON_H
-#define SCCTL_JSON_H
+#ifndef STORE_JSON_H
+#define STORE_JSON_H
 
-#include "say.h"
+#include "store/say.h"
 
-namespace scctl {
+namespace store {
 
 enum class JsonKind : uint8_t { kText, kNumber, kNumbers };
 
@@ -44,6 +44,6 @@ class JsonReader {
   unsigned line_ = 1;
 };
 
-}  // namespace scctl
+}  // namespace store
 
 #endif

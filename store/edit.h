@@ -7,12 +7,12 @@
  * file in this process would drop it, so nobody else here opens it meanwhile; a record is copied
  * until two copies agree.
  */
-#ifndef SCCTL_EDIT_H
-#define SCCTL_EDIT_H
+#ifndef STORE_EDIT_H
+#define STORE_EDIT_H
 
-#include "source.h"
+#include "store/source.h"
 
-namespace scctl {
+namespace store {
 
 constexpr uint32_t bit(AreaId area) { return 1u << area; }
 
@@ -110,6 +110,6 @@ struct Doomed {
 int delete_records(Source& live, const Doomed* records, int count);
 int clear_table(Source& live, const Table& table);
 
-}  // namespace scctl
+}  // namespace store
 
 #endif
