@@ -189,7 +189,8 @@ class Commands {
     to->print("scctl %s %s/%u", is_section(table_) ? "set" : "add", table_.name, id);
     bool any = false;
     for (const Field& member : table_) {
-      if (size_without_trailing_zeros(member, record) == 0 && (any || &member + 1 < table_.end())) continue;
+      if (size_without_trailing_zeros(member, record) == 0 && (any || &member + 1 < table_.end()))
+        continue;
       format_assignment(member, record, checked || &member != field, to);
       any = true;
     }

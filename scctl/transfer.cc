@@ -176,7 +176,8 @@ void print_presence(const char* prefix, const Table& table, uint32_t id, const c
     if (size_without_trailing_zeros(field, record) == 0) continue;
     line.print(" %s=", field.name);
     if (field.kind == Kind::kBytes)
-      line.print("(%zu byte%s)", size_without_trailing_zeros(field, record), size_without_trailing_zeros(field, record) == 1 ? "" : "s");
+      line.print("(%zu byte%s)", size_without_trailing_zeros(field, record),
+                 size_without_trailing_zeros(field, record) == 1 ? "" : "s");
     else
       format_part(field, record, false, &line);
   }

@@ -45,7 +45,8 @@ const Area* area_of_size(size_t size) {
   return nullptr;
 }
 
-const char* read_archive(const char* path, int opened, const sc::AreaRow* area, ArchiveImage* image) {
+const char* read_archive(const char* path, int opened, const sc::AreaRow* area,
+                         ArchiveImage* image) {
   Archive& archive = image->verdict;
   const int file = opened >= 0 ? opened : store::open_archive(AT_FDCWD, path, 0, &archive);
   if (file >= 0) store::judge(file, area, &archive);
@@ -57,7 +58,7 @@ const char* read_archive(const char* path, int opened, const sc::AreaRow* area, 
 
 /* ---- locks for reading ---- */
 
-constexpr int kLockTries = 1000;  /* a millisecond apart */
+constexpr int kLockTries = 1000; /* a millisecond apart */
 constexpr int kSaveTries = 5000; /* a save packs, writes and syncs */
 constexpr int kReadTries = 1000;
 constexpr int32_t kAreaByte = 1; /* what a save holds */

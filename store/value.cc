@@ -316,7 +316,8 @@ void format_assignment(const Field& field, const uint8_t* record, bool checked, 
 void format_json(const Field& field, const uint8_t* record, bool whole, Text* to) {
   if (is_text(field)) {
     add_json_text(record + field.record_at,
-                  whole ? size_without_trailing_zeros(field, record) : text_size(field, record), to);
+                  whole ? size_without_trailing_zeros(field, record) : text_size(field, record),
+                  to);
     return;
   }
   const bool numbers = field.kind == Kind::kSigned || field.kind == Kind::kUnsigned;
