@@ -6,6 +6,7 @@
 
 #include <stdio.h>
 
+#include "store/json.h"
 #include "store/source.h"
 
 namespace scctl {
@@ -89,8 +90,8 @@ int init_area(Call& call, AreaId id);
 /* Reads the archive back to see that it is good. */
 int save_area(Call& call, AreaId id);
 
-void print_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
-                       Text* to);
+void write_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
+                       JsonWriter* writer);
 /* The fields in which two records differ, a line each behind the prefix; a line for a record that
  * came or went, whose other is null. True when there are any. */
 bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,

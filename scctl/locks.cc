@@ -8,7 +8,7 @@
 #include <sys/sysmacros.h>
 
 #include "commands.h"
-#include "store/value.h"
+#include "listing.h"
 
 namespace scctl {
 
@@ -145,32 +145,25 @@ int run_locks(Call& call) {
   }
   fclose(file);
 
-  const bool json = call.has(kJson);
-  const char* comma = "";
-  puts(json ? "[" : "area            record            byte  state         pid  program");
+  static constexpr Column kColumns[] = {{"area", "area", -14}, {"record", "record", -16},
+                                        {"byte", "byte", 4},   {"state", "state", -5},
+                                        {"pid", "pid", 10},    {"program", "program", 0}};
+  Listing listing(call.has(kJson), kColumns);
   for (const HeldBytes& held : readings[last]) {
     Text program;
     format_program(held.pid, &program);
     for (unsigned long byte = held.first; byte <= held.last; ++byte) {
       Text guarded;
       format_guarded(*held.area, byte, &guarded);
-      if (json) {
-        Text quoted;
-        add_json_text(reinterpret_cast<const uint8_t*>(program.c_str()), program.size(), &quoted);
-        printf(
-            "%s  {\"area\": \"%s\", \"record\": \"%s\", \"byte\": %lu, \"state\": \"%s\", "
-            "\"pid\": %ld, \"program\": %s}",
-            comma, held.area->name, guarded.c_str(), byte, held.state, held.pid, quoted.c_str());
-        comma = ",\n";
-      } else {
-        Text shown;
-        shown.add_shown(program.c_str(), program.size());
-        printf("%-14s  %-16s  %4lu  %-5s  %10ld  %s\n", held.area->name, guarded.c_str(), byte,
-               held.state, held.pid, shown.c_str());
-      }
+      listing.add(held.area->name);
+      listing.add(guarded.c_str());
+      listing.add(byte);
+      listing.add(held.state);
+      listing.add(static_cast<unsigned long>(held.pid));
+      listing.add_foreign(program);
     }
   }
-  if (json) puts(comma[0] == '\0' ? "]" : "\n]");
+  listing.end();
   return kOk;
 }
 

@@ -1,11 +1,6 @@
-/* Commands that show: tables, fields, areas, list, get, find, dump. */
+/* Commands that show records: list, get, find, dump. */
 #include <stdio.h>
 #include <string.h>
-#include <sys/ipc.h>
-#include <sys/shm.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include "commands.h"
@@ -211,164 +206,40 @@ uint32_t print_records(Call& call, const Choice& choice) {
   Buffer record(table.stride);
   Commands commands(table);
   uint32_t count = 0;
-  if (json) putchar('[');
+  Text text;
+  JsonWriter writer(&text);
+  if (json) writer.open('[', JsonWriter::kLines);
   for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
     if (!choice.has(record.data())) continue;
-    Text text;
     if (json) {
-      text.add(count == 0 ? "\n  " : ",\n  ");
-      print_json_record(table, position + 1, record.data(), false, &text);
+      write_json_record(table, position + 1, record.data(), false, &writer);
     } else {
       commands.add(position + 1, record.data(), &text);
     }
     print(text);
+    text.clear();
     ++count;
   }
-  if (json) puts(count == 0 ? "]" : "\n]");
+  if (json) {
+    writer.close();
+    text.add('\n');
+    print(text);
+  }
   return count;
 }
 
 }  // namespace
 
-void print_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
-                       Text* to) {
-  to->print("{\"id\": %u", id);
+void write_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
+                       JsonWriter* writer) {
+  writer->open('{', JsonWriter::kInline);
+  writer->name("id");
+  writer->value().print("%u", id);
   for (const Field& field : table) {
-    to->print(", \"%s\": ", field.name);
-    format_json(field, record, whole, to);
+    writer->name(field.name);
+    format_json(field, record, whole, &writer->value());
   }
-  to->add('}');
-}
-
-/* ---- the catalogue ---- */
-
-int run_tables(Call& call) {
-  if (call.has(kJson))
-    puts("[");
-  else
-    puts("table             area            records  bytes");
-  const Table* const last = kTables + kTableCount - 1;
-  for (const Table& table : kTables) {
-    const char* area = kAreas[table.area].name;
-    if (call.has(kJson)) {
-      printf("  {\"table\": \"%s\", \"area\": \"%s\", \"records\": %u, \"bytes\": %u}%s\n",
-             table.name, area, table.capacity, table.stride, &table == last ? "" : ",");
-    } else {
-      printf("%-16s  %-14s  %7u  %5u\n", table.name, area, table.capacity, table.stride);
-    }
-  }
-  if (call.has(kJson)) puts("]");
-  return kOk;
-}
-
-int run_fields(Call& call) {
-  Target target;
-  if (const int status = parse_target(call.words[0], kTableAlone, &target); status != kOk) {
-    return status;
-  }
-  const Table& table = *target.table;
-  if (call.has(kJson))
-    puts("[");
-  else
-    puts("field            kind       bytes  record  member           item");
-  for (const Field& field : table) {
-    if (call.has(kJson)) {
-      printf(
-          "  {\"field\": \"%s\", \"kind\": \"%s\", \"bytes\": %u, \"at\": %u, "
-          "\"member\": \"%s\"}%s\n",
-          field.name, kind_name(field.kind), field.size, field.record_at, field.member,
-          &field + 1 == table.end() ? "" : ",");
-      continue;
-    }
-    printf("%-15s  %-9s  %5u  %6u  %-15s", field.name, kind_name(field.kind), field.size,
-           field.record_at, field.member);
-    if (field.item_at == kNoItem)
-      puts("     -");
-    else
-      printf("  %4u\n", field.item_at);
-  }
-  if (call.has(kJson)) puts("]");
-  return kOk;
-}
-
-/* ---- areas ---- */
-
-namespace {
-
-/* How old the file is, in the largest unit that is not 0. */
-void format_age(const char* path, Text* to) {
-  struct stat file;
-  if (stat(path, &file) != 0) return;
-  const long long age = static_cast<long long>(time(nullptr)) - file.st_mtime;
-  const long long seconds = age > 0 ? age : 0;
-  struct Unit {
-    long long seconds;
-    const char* name;
-  };
-  static constexpr Unit kUnits[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {0, "s"}};
-  const Unit* unit = kUnits;
-  while (seconds < unit->seconds) ++unit;
-  to->print("%lld %s", unit->seconds > 0 ? seconds / unit->seconds : seconds, unit->name);
-}
-
-void format_archive(const Area& area, Text* to) {
-  if (area.row().stem[0] == '\0') {
-    to->add("never saved");
-    return;
-  }
-  ArchiveImage image;
-  const char* fault = read_own_archive(area, &image);
-  free(image.bytes);
-  switch (image.verdict.state) {
-    case store::State::kUnknown: to->add(fault); return;
-    case store::State::kMissing: to->add("none"); return;
-    case store::State::kBroken: to->print("bad: %s", fault); return;
-    case store::State::kGood: break;
-  }
-  format_age(archive_path(area).text, to);
-  to->add(" old");
-}
-
-}  // namespace
-
-int run_areas(Call& call) {
-  const bool json = call.has(kJson);
-  puts(json ? "[" : "area             key    bytes  attached  used     archive");
-  for (const Area& area : kAreas) {
-    shmid_ds status;
-    const int segment = shmget(area.row().key, 0, 0);
-    const bool there = segment >= 0 && shmctl(segment, IPC_STAT, &status) == 0;
-    uint32_t used = 0, capacity = 0;
-    for (const Table& table : kTables) {
-      if (table.area != id_of(area) || is_section(table)) continue;
-      capacity += table.capacity;
-      const uint8_t* block = there ? call.source.block(table.area) : nullptr;
-      for (uint32_t n = 0; block != nullptr && n < table.capacity; ++n) {
-        used += is_used(table, block + table.at + n * table.stride);
-      }
-    }
-    Text archive;
-    format_archive(area, &archive);
-    const auto attached = there ? static_cast<unsigned long>(status.shm_nattch) : 0ul;
-    if (json) {
-      printf(
-          "  {\"area\": \"%s\", \"key\": %d, \"bytes\": %u, \"there\": %s, \"attached\": %lu, "
-          "\"used\": %u, \"capacity\": %u, \"archive\": \"%s\"}%s\n",
-          area.name, area.row().key, area.row().size, there ? "true" : "false", attached, used,
-          capacity, archive.c_str(), &area == kAreas + kAreaCount - 1 ? "" : ",");
-      continue;
-    }
-    Text use;
-    if (capacity > 0 && there) use.print("%u/%u", used, capacity);
-    printf("%-14s  %4d  %7u  ", area.name, area.row().key, area.row().size);
-    if (there)
-      printf("%8lu", attached);
-    else
-      printf("%8s", "not made");
-    printf("  %-7s  %s\n", use.c_str(), archive.c_str());
-  }
-  if (json) puts("]");
-  return kOk;
+  writer->close();
 }
 
 /* ---- records ---- */
@@ -425,7 +296,8 @@ int run_get(Call& call) {
       format(*target.field, record.data(), &text);
     text.add('\n');
   } else if (call.has(kJson)) {
-    print_json_record(table, target.id, record.data(), false, &text);
+    JsonWriter writer(&text);
+    write_json_record(table, target.id, record.data(), false, &writer);
     text.add('\n');
   } else {
     for (const Field& field : table) {

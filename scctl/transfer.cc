@@ -22,28 +22,32 @@ namespace scctl {
 int run_export(Call& call) {
   bool chosen[kAreaCount];
   if (const int status = present_areas(call, chosen); status != kOk) return status;
+  Text text;
+  JsonWriter writer(&text);
+  writer.open('{', JsonWriter::kLines);
   const Table* last = nullptr;
-  putchar('{');
   for (const Table& table : kTables) {
     if (!chosen[table.area]) continue;
-    const bool same = last != nullptr && last->area == table.area;
-    if (!same) {
-      printf("%s\n  \"%s\": {", last == nullptr ? "" : "\n  },", kAreas[table.area].name);
+    if (last == nullptr || last->area != table.area) {
+      if (last != nullptr) writer.close();
+      writer.name(kAreas[table.area].name);
+      writer.open('{', JsonWriter::kLines);
     }
-    printf("%s\n    \"%s\": [", same ? "," : "", table.name);
     last = &table;
+    writer.name(table.name);
+    writer.open('[', JsonWriter::kLines);
     Reader reader(call.source, table);
     Buffer record(table.stride);
-    const char* comma = "";
     for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
-      Text line;
-      print_json_record(table, position + 1, record.data(), true, &line);
-      printf("%s\n      %s", comma, line.c_str());
-      comma = ",";
+      write_json_record(table, position + 1, record.data(), true, &writer);
+      fputs(text.c_str(), stdout);
+      text.clear();
     }
-    printf("%s]", comma[0] == '\0' ? "" : "\n    ");
+    writer.close();
   }
-  puts("\n  }\n}");
+  writer.close();
+  writer.close();
+  puts(text.c_str());
   return kOk;
 }
 

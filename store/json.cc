@@ -3,6 +3,8 @@
 
 #include <string.h>
 
+#include "store/letters.h"
+
 namespace store {
 
 bool JsonReader::fail(const char* fault) {
@@ -155,6 +157,63 @@ bool JsonReader::string(Text* to) {
   if (at_ == end_) return fail("a text without an end");
   ++at_;
   return true;
+}
+
+void add_json_text(const uint8_t* bytes, size_t size, Text* to) {
+  const char* text = reinterpret_cast<const char*>(bytes);
+  to->add('"');
+  while (size > 0) {
+    const Letter letter = next_letter(text, size);
+    if (!letter.is_utf8) {
+      to->print("\\udc%02x", letter.code);
+    } else if (!letter.is_harmless) {
+      to->print("\\u%04x", letter.code);
+    } else {
+      if (*text == '"' || *text == '\\') to->add('\\');
+      to->add(text, letter.size);
+    }
+    text += letter.size;
+    size -= letter.size;
+  }
+  to->add('"');
+}
+
+void add_json_text(const char* text, Text* to) {
+  add_json_text(reinterpret_cast<const uint8_t*>(text), strlen(text), to);
+}
+
+/* ---- writing ---- */
+
+void JsonWriter::end_line() {
+  to_->add('\n');
+  for (int n = 0; n < depth_; ++n) to_->add("  ");
+}
+
+Text& JsonWriter::value() {
+  if (depth_ > 0 && !is_named_) {
+    Level& level = levels_[depth_ - 1];
+    if (level.any) to_->add(level.layout == kLines ? "," : ", ");
+    level.any = true;
+    if (level.layout == kLines) end_line();
+  }
+  is_named_ = false;
+  return *to_;
+}
+
+void JsonWriter::name(const char* name) {
+  value().print("\"%s\": ", name);
+  is_named_ = true;
+}
+
+void JsonWriter::open(char bracket, Layout layout) {
+  value().add(bracket);
+  levels_[depth_++] = {bracket == '{' ? '}' : ']', layout, false};
+}
+
+void JsonWriter::close() {
+  const Level& level = levels_[--depth_];
+  if (level.any && level.layout == kLines) end_line();
+  to_->add(level.closing);
 }
 
 }  // namespace store

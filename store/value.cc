@@ -10,6 +10,7 @@
 
 #include <sysconfig/core.h>
 
+#include "store/json.h"
 #include "store/letters.h"
 
 namespace store {
@@ -98,25 +99,6 @@ void add_hex(const uint8_t* bytes, size_t size, Text* to) {
 }
 
 }  // namespace
-
-void add_json_text(const uint8_t* bytes, size_t size, Text* to) {
-  const char* text = reinterpret_cast<const char*>(bytes);
-  to->add('"');
-  while (size > 0) {
-    const Letter letter = next_letter(text, size);
-    if (!letter.is_utf8) {
-      to->print("\\udc%02x", letter.code);
-    } else if (!letter.is_harmless) {
-      to->print("\\u%04x", letter.code);
-    } else {
-      if (*text == '"' || *text == '\\') to->add('\\');
-      to->add(text, letter.size);
-    }
-    text += letter.size;
-    size -= letter.size;
-  }
-  to->add('"');
-}
 
 int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
   uint64_t value = 0;

@@ -50,9 +50,6 @@ void add_word(const char* text, size_t size, Text* to);
 /* As JSON. Whole texts keep what stands behind their first NUL. */
 void format_json(const Field& field, const uint8_t* record, bool whole, Text* to);
 
-/* A string of JSON. Bytes that are no UTF-8 become \udc80 to \udcff, as text in JSON is UTF-8. */
-void add_json_text(const uint8_t* text, size_t size, Text* to);
-
 /* How many bytes of the field are left without the zeros at its end. */
 size_t size_without_trailing_zeros(const Field& field, const uint8_t* record);
 
