@@ -16,9 +16,9 @@
 namespace sc {
 
 /* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
-void member_does_not_fit_its_column();
-void members_overlap();
-void row_has_no_room_left();
+[[noreturn]] void member_does_not_fit_its_column();
+[[noreturn]] void members_overlap();
+[[noreturn]] void row_has_no_room_left();
 
 constexpr uint8_t byte_column(size_t value) {
   if (value > UINT8_MAX) member_does_not_fit_its_column();

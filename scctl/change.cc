@@ -91,24 +91,29 @@ namespace {
 
 constexpr uint32_t kBindingAreas = bit(kApTemplateList) | bit(kManageApList);
 
-/* The used record of this table that a word names. */
+/* The used record of this table that a word names; null when there is none, which is said, with the
+ * status. */
 template <class Record>
-int parse_used(Call& call, const char* word, const char* table, Target* target,
-               const Record** record) {
-  if (const int status = parse_target(word, kWithId, target); status != kOk) return status;
+const Record* parse_used(Call& call, const char* word, const char* table, Target* target,
+                         int* status) {
+  *status = parse_target(word, kWithId, target);
+  if (*status != kOk) return nullptr;
   if (strcmp(target->table->name, table) != 0) {
-    return fail(kRefused, "%s is no record of %s", word, table);
+    *status = fail(kRefused, "%s is no record of %s", word, table);
+    return nullptr;
   }
   const uint8_t* bytes = call.source.block(target->table->area) + target->table->at +
                          (target->id - 1) * target->table->stride;
-  *record = reinterpret_cast<const Record*>(bytes);
-  return is_used(*target->table, bytes) ? kOk : fail(kRefused, "%s/%u is free", table, target->id);
+  if (is_used(*target->table, bytes)) return reinterpret_cast<const Record*>(bytes);
+  *status = fail(kRefused, "%s/%u is free", table, target->id);
+  return nullptr;
 }
 
 /* The template of the first word; both areas are the edit's. */
-int parse_template(Call& call, Edit& edit, Target* target, const ApTemplateRecord** record) {
-  if (const int status = edit.begin(kBindingAreas); status != kOk) return status;
-  return parse_used(call, call.words[0], "ap_templates", target, record);
+const ApTemplateRecord* parse_template(Call& call, Edit& edit, Target* target, int* status) {
+  *status = edit.begin(kBindingAreas);
+  if (*status != kOk) return nullptr;
+  return parse_used<ApTemplateRecord>(call, call.words[0], "ap_templates", target, status);
 }
 
 bool is_bound(const ApTemplateRecord& record) {
@@ -125,12 +130,11 @@ int finish(const Target& target, Written written) {
 int run_bind(Call& call) {
   Edit edit(call.source);
   Target target, ap;
-  const ApTemplateRecord* record = nullptr;
-  if (const int status = parse_template(call, edit, &target, &record); status != kOk) return status;
-  const ApInfoRecord* ap_record = nullptr;
-  if (const int status = parse_used(call, call.words[1], "aps", &ap, &ap_record); status != kOk) {
-    return status;
-  }
+  int status;
+  const ApTemplateRecord* record = parse_template(call, edit, &target, &status);
+  if (record == nullptr) return status;
+  const auto* ap_record = parse_used<ApInfoRecord>(call, call.words[1], "aps", &ap, &status);
+  if (ap_record == nullptr) return status;
   if (is_bound(*record) && memcmp(record->bound_ap_mac, ap_record->ap_mac, SC_MAC_BYTES) != 0) {
     return fail(kRefused, "%s is bound to another AP; scctl unbind %s first", call.words[0],
                 call.words[0]);
@@ -145,8 +149,9 @@ int run_bind(Call& call) {
 int run_unbind(Call& call) {
   Edit edit(call.source);
   Target target;
-  const ApTemplateRecord* record = nullptr;
-  if (const int status = parse_template(call, edit, &target, &record); status != kOk) return status;
+  int status;
+  const ApTemplateRecord* record = parse_template(call, edit, &target, &status);
+  if (record == nullptr) return status;
   if (!is_bound(*record)) return fail(kRefused, "%s is not bound", call.words[0]);
   return finish(target, edit.unbind(target.id));
 }

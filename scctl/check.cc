@@ -227,7 +227,7 @@ void add_remedy(const Damage& damage, const Options& options, Text* to) {
   switch (damage.kind) {
     case Damage::kDuplicate:
       to->print("the wrong one of them: scctl del %s/%u%s, or scctl del %s/%lld%s", table,
-                damage.id(), options.c_str(), table, static_cast<long long>(damage.right + 1),
+                damage.id(), options.c_str(), table, static_cast<long long>(damage.right) + 1,
                 options.c_str());
       return;
     case Damage::kReference:
@@ -338,7 +338,7 @@ class Gathered {
   }
 
   int file_;
-  Range ranges_[2];
+  Range ranges_[2] = {};
   int count_ = 0;
 };
 

@@ -20,8 +20,8 @@
 namespace store {
 
 /* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
-void no_area_has_this_code();
-void this_is_not_the_counter_of_the_list();
+[[noreturn]] void no_area_has_this_code();
+[[noreturn]] void this_is_not_the_counter_of_the_list();
 
 namespace {
 
@@ -122,7 +122,6 @@ consteval AreaId area_of_code(uint8_t code) {
     if (row.code == code) return static_cast<AreaId>(&row - sc::kAreas);
   }
   no_area_has_this_code();
-  return kAreaCount;
 }
 
 struct CounterName {
@@ -153,9 +152,12 @@ consteval Table list_table(const char* name, const Fields<kCount>& fields, const
   t.field_count = kCount;
   return t;
 }
-template <auto& kMembers, auto& kTable>
-constexpr auto kFieldsOf = fields_of(kMembers, kTable);
-#define FIELDS(members, table) kFieldsOf<sc::members, sc::table>
+constexpr const sc::TableRow& table_of(const sc::ListRow& row) { return row.table; }
+constexpr const sc::TableRow& table_of(const sc::MappedListRow& row) { return row.list.table; }
+
+template <auto& kMembers, auto& kRow>
+constexpr auto kFieldsOf = fields_of(kMembers, table_of(kRow));
+#define FIELDS(members, row) kFieldsOf<sc::members, sc::row>
 
 template <size_t kFieldCount>
 consteval Table id_table(const char* name, AreaId area, const sc::IdTableRow& row,
@@ -265,9 +267,9 @@ constexpr Area kAreas[kAreaCount] = {
  * the opposite one. The tables of one area stand in the order of its lock words. */
 constexpr Table kTables[kTableCount] = {
   SETTINGS("lan_settings", kLan, LanBlock, lan_settings),
-  list_table("lan_binds", FIELDS(kBindMembers, kLanBinds.list.table), sc::kLanBinds.list,
+  list_table("lan_binds", FIELDS(kBindMembers, kLanBinds), sc::kLanBinds.list,
              COUNTER(LanBlock, lan_bind_count)),
-  list_table("ac_binds", FIELDS(kBindMembers, kLanBinds.list.table), sc::kAcBinds.list,
+  list_table("ac_binds", FIELDS(kBindMembers, kLanBinds), sc::kAcBinds.list,
              COUNTER(LanBlock, ac_bind_count)),
   settings<decltype(WanSection::settings), offsetof(WanSection, settings)>(
       "wan", kWan, offsetof(WanBlock, sections), 4),
@@ -278,26 +280,26 @@ constexpr Table kTables[kTableCount] = {
   SECTION("misc_3", kMisc, MiscBlock, lock_index_1416, settings_1420),
   SECTION("misc_4", kMisc, MiscBlock, lock_index_1944, settings_1948),
   SECTION("misc_5", kMisc, MiscBlock, lock_index_2500, settings_2504),
-  list_table("ip_groups", FIELDS(kIpGroupMembers, kIpGroups.list.table), sc::kIpGroups.list,
+  list_table("ip_groups", FIELDS(kIpGroupMembers, kIpGroups), sc::kIpGroups.list,
              COUNTER(IpGroupBlock, group_count)),
-  list_table("time_groups", FIELDS(kTimeGroupMembers, kTimeGroups.list.table), sc::kTimeGroups.list,
+  list_table("time_groups", FIELDS(kTimeGroupMembers, kTimeGroups), sc::kTimeGroups.list,
              COUNTER(TimeGroupBlock, group_count)),
-  list_table("port_forward", FIELDS(kPortForwardMembers, kPortForwards.list.table), sc::kPortForwards.list,
+  list_table("port_forward", FIELDS(kPortForwardMembers, kPortForwards), sc::kPortForwards.list,
              COUNTER(VsIpportBlock, rule_count)),
-  list_table("ip_filter", FIELDS(kIpFilterMembers, kIpFilters.list.table), sc::kIpFilters.list,
+  list_table("ip_filter", FIELDS(kIpFilterMembers, kIpFilters), sc::kIpFilters.list,
              COUNTER(FwIpportBlock, rule_count)),
-  list_table("mac_filter", FIELDS(kMacFilterMembers, kMacFilters.list.table), sc::kMacFilters.list,
+  list_table("mac_filter", FIELDS(kMacFilterMembers, kMacFilters), sc::kMacFilters.list,
              COUNTER(FwMacBlock, rule_count)),
-  list_table("url_filter", FIELDS(kUrlFilterMembers, kUrlFilters.list.table), sc::kUrlFilters.list,
+  list_table("url_filter", FIELDS(kUrlFilterMembers, kUrlFilters), sc::kUrlFilters.list,
              COUNTER(FwUrlBlock, rule_count)),
-  list_table("qos", FIELDS(kQosMembers, kQosRules.list.table), sc::kQosRules.list,
+  list_table("qos", FIELDS(kQosMembers, kQosRules), sc::kQosRules.list,
              COUNTER(QosBlock, rule_count)),
   id_table("aps", kManageApList, sc::kAps, ap::kFields),
   id_table("ap_users", kApUserList, sc::kApUsers, ap_user::kFields),
   id_table("ap_templates", kApTemplateList, sc::kApTemplates, ap_template::kFields),
   SETTINGS("default_template", kDefApTemplate, DefApTemplateBlock, settings),
-  list_table("client_groups", FIELDS(kClientGroupMembers, kClientGroupList.table), sc::kClientGroupList),
-  list_table("clients", FIELDS(kClientMembers, kClientList.table), sc::kClientList),
+  list_table("client_groups", FIELDS(kClientGroupMembers, kClientGroupList), sc::kClientGroupList),
+  list_table("clients", FIELDS(kClientMembers, kClientList), sc::kClientList),
 };
 
 constexpr Reference kReferences[kReferenceCount] = {
@@ -324,7 +326,7 @@ bool is_named(const char* own, const char* name, size_t length) {
 
 }  // namespace
 
-const sc::AreaRow& Area::row() const { return sc::kAreas[this - kAreas]; }
+const sc::AreaRow& Area::row() const { return sc::kAreas[id_of(*this)]; }
 
 const Area* find_area(const char* name) {
   for (const Area& area : kAreas) {

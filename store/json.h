@@ -74,7 +74,7 @@ class JsonWriter {
   void end_line();
 
   Text* to_;
-  Level levels_[kDeepest];
+  Level levels_[kDeepest] = {};
   int depth_ = 0;
   bool is_named_ = false;
 };

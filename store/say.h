@@ -47,7 +47,7 @@ class Nearest {
   size_t length_;
   size_t distance_; /* of the best; more are not near */
   const char* best_ = nullptr;
-  char hint_[64];
+  char hint_[64] = "";
 };
 
 /* Memory of a fixed size, zeroed; ends the program when there is none. */

@@ -202,7 +202,8 @@ int Source::open_named(const char* name) {
   }
   FILE* file = fopen(name, "rb");
   if (file == nullptr) return fail(kNoArea, "%s: %s", name, strerror(errno));
-  const bool zipped = getc(file) == 0x1f && getc(file) == 0x8b;
+  uint8_t mark[2] = {};
+  const bool zipped = fread(mark, sizeof mark, 1, file) == 1 && mark[0] == 0x1f && mark[1] == 0x8b;
   fclose(file);
   return zipped ? open_archive(name) : open_image(name);
 }
@@ -287,6 +288,7 @@ void Reader::copy_until_equal(uint8_t* to, const uint8_t* from) const {
 }
 
 bool Reader::copy(uint32_t position, uint8_t* to) {
+  if (block_ == nullptr) return false;
   const uint8_t* from = block_ + table_.at + position * table_.stride;
   if (!is_used(table_, from)) return false;
   const int32_t byte = named_lock(table_, block_, position);

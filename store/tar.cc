@@ -158,7 +158,7 @@ class Tar {
   /* What follows on a file up to a whole number of blocks. */
   bool skip_padding() {
     char bytes[kBlock];
-    const size_t size = -size_ % kBlock;
+    const size_t size = (kBlock - size_ % kBlock) % kBlock;
     return stream_.take(bytes, size) == size;
   }
 

@@ -101,6 +101,7 @@ void add_hex(const uint8_t* bytes, size_t size, Text* to) {
 }  // namespace
 
 int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
+  if (width == 0 || width > sizeof(uint64_t)) __builtin_unreachable();
   uint64_t value = 0;
   for (size_t n = 0; n < width; ++n) value |= static_cast<uint64_t>(at[n]) << (8 * n);
   const uint64_t sign = 1ULL << (8 * width - 1);

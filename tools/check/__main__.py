@@ -41,10 +41,12 @@ def main(quick):
         run("fetch-musl", lambda suite: suite.run([ROOT / "tools/fetch_musl"], check="fetch"))
     run("build", tests.build, built)
     run("format", sources.check_format)
+    run("arrows", sources.check_arrows)
     run("analysis", sources.check_analysis)
     run("headers", sources.check_headers, library_targets)
     run("library", binaries.check_library, library_targets)
     run("manual", manual.check_manual)
+    run("commands", manual.check_commands)
     run("abi", abi.check_abi)
     results = {target: run("tests-" + target, tests.run_tests, target) or tests.Results()
                for target in test_targets}

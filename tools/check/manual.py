@@ -4,7 +4,7 @@ import re
 import subprocess
 
 from binaries import EXPORTS
-from suite import BUILD, ROOT
+from suite import BUILD, ROOT, output
 
 MAN = BUILD / "host/man"
 # What mandoc says of every page and is meant: a page has no date, as it is made with the library.
@@ -43,6 +43,26 @@ def check_manual(suite):
         found = [line for line in faults if ": %s:" % page in line and not MEANT.search(line)] + \
             said(["groff", "-ww", "-rLL=78n", "-man", "-t", "-T", "utf8", "-z", page])
         suite.verdict(not found, "lint of " + page.name, "; ".join(found))
+
+
+def check_commands(suite):
+    """scctl(1) has every command with the words and the options that its help shows, and no other."""
+    scctl = BUILD / "host/scctl/scctl"
+    page = subprocess.run(["mandoc", "-T", "ascii", "-O", "width=200", MAN / "man1/scctl.1"],
+                          stdout=subprocess.PIPE, check=True).stdout
+    lines = re.sub(rb".\x08", b"", page).decode().splitlines()
+    helped = output([scctl, "help"])
+    names = re.findall(r"^  (\w+) {2,}\S", helped, re.M)
+    suite.verdict(len(names) > 20, "help names the commands")
+    for name in names:
+        text = output([scctl, name, "--help"])
+        usage = re.match(r"usage: scctl (.*)\n", text)[1]
+        words = re.sub(r" \[OPTION\]\.\.\.", "", usage)
+        suite.verdict(any(re.match(" {7}%s( |$)" % re.escape(words), line) for line in lines),
+                      "scctl(1) on %s" % name, words)
+        for option in re.findall(r"^  (--[\w-]+)", text, re.M):
+            suite.verdict(any(re.search(re.escape(option) + r"\b", line) for line in lines),
+                          "scctl(1) on %s of %s" % (option, name))
 
 
 def said(command):

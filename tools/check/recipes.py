@@ -6,7 +6,6 @@ import hashlib
 import pathlib
 import re
 import shutil
-import subprocess
 
 import kconfiglib
 

@@ -1,6 +1,7 @@
 """Checks that read the sources: format, static analysis, public headers."""
 
 import json
+import re
 import shlex
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
@@ -19,8 +20,9 @@ COMPILERS = {
 DIALECTS = (["-x", "c", "-std=c99"], ["-x", "c++", "-std=c++20"])
 
 
-# Whose sources are analysed: the library's, the guard's, and what both tools are made of.
-ANALYSED = ("CMakeFiles/sysconfig_objects.dir/", "scguard/CMakeFiles/scguard.dir/")
+# Whose sources are analysed.
+ANALYSED = ("CMakeFiles/sysconfig_objects.dir/", "store/CMakeFiles/store.dir/",
+            "scctl/CMakeFiles/scctl.dir/", "scguard/CMakeFiles/scguard.dir/")
 
 
 def check_format(suite):
@@ -33,7 +35,7 @@ def check_analysis(suite):
     compiled = {entry["file"]: entry["command"] for entry in entries
                 if any(" %s" % folder in entry["command"] for folder in ANALYSED)}
     sources = list(compiled)
-    for part in ("core", "store", "scguard"):
+    for part in ("core", "store", "scctl", "scguard"):
         suite.verdict(any("/%s/" % part in path for path in sources), "sources of %s" % part)
     commands = {
         "clang-tidy %s" % path[len(str(ROOT)) + 1:]:
@@ -51,6 +53,7 @@ def check_analysis(suite):
         "cppcheck", "--quiet", "--std=c++20", "--enable=warning,performance,portability",
         "--inline-suppr", "--error-exitcode=1", "-Iinclude", "-I.", *sources]
     commands["tools/mutate --self-test"] = [ROOT / "tools/mutate", "--self-test"]
+    commands["pyflakes3"] = ["pyflakes3", *python_scripts()]
     commands["shellcheck"] = ["shellcheck", "-x", *shell_scripts()]
 
     def run(command):
@@ -70,6 +73,36 @@ def shell_scripts():
             if file.readline().startswith((b"#!/bin/bash", b"#!/bin/sh")):
                 scripts.append(path)
     return scripts
+
+
+def python_scripts():
+    scripts = []
+    for path in files("**/*"):
+        if not path.is_file() or path.suffix not in ("", ".py"):
+            continue
+        with open(ROOT / path, "rb") as file:
+            line = file.readline()
+        if path.suffix == ".py" or (line.startswith(b"#!") and b"python3" in line):
+            scripts.append(path)
+    return scripts
+
+
+# Folders in the order in which they may include each other; those of one row never do.
+LAYERS = (("include",), ("core",), ("lan", "filter", "rules", "ap", "clients"), ("store",),
+          ("scctl", "scguard"))
+
+
+def check_arrows(suite):
+    """Every folder includes itself and the layers above its own."""
+    allowed = set()
+    for layer in LAYERS:
+        for folder in layer:
+            for path in files("%s/**/*.h" % folder, "%s/**/*.cc" % folder):
+                included = re.findall(r'^#include (?:"(\w+)/|<(sysconfig)/)', path.read_text(), re.M)
+                found = {"include" if public else own for own, public in included}
+                suite.verdict(found <= allowed | {folder}, "includes of %s" % path,
+                              ", ".join(sorted(found - allowed - {folder})))
+        allowed |= set(layer)
 
 
 def check_headers(suite, targets):

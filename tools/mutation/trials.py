@@ -5,13 +5,12 @@ import json
 import os
 import pathlib
 import re
-import shutil
 import signal
 import subprocess
 import tempfile
 import time
 
-from programs import BUILD, LIBRARY, ROOT, Build, build_folder
+from programs import BUILD, LIBRARY, ROOT, build_folder
 
 KEPT = ROOT / "build/mutate"
 RUNTIME = pathlib.Path(__file__).with_name("reached.c")
