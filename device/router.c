@@ -43,13 +43,13 @@ static int make_areas(void) {
   for (size_t i = 0; i < sizeof kInits / sizeof *kInits; i++) {
     const int status = kInits[i].init(1);
     if (status != 0) {
-      fprintf(stderr, "router: area %s cannot be made: %d\n", kInits[i].name, status);
+      fprintf(stderr, "router: area %s cannot be created: %d\n", kInits[i].name, status);
       failed = 1;
     }
   }
   const int status = SC_Init_System_ApUserList_Config();
   if (status != 0) {
-    fprintf(stderr, "router: area ApUserList cannot be made: %d\n", status);
+    fprintf(stderr, "router: area ApUserList cannot be created: %d\n", status);
     failed = 1;
   }
   return failed;

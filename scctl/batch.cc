@@ -22,7 +22,7 @@ class Lines {
     ++number_;
     int c;
     while ((c = getc(file_)) != EOF && c != '\n') {
-      if (c == '\0') return refuse(kUsage, "a zero byte in the line");
+      if (c == '\0') return refuse(kUsage, "NUL byte in the line");
       if (line_.size() == kMostInput) return refuse(kUsage, "the line is too long");
       line_.add(static_cast<char>(c));
     }

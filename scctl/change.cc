@@ -22,7 +22,7 @@ int parse_assignments(const Call& call, const Table& table, uint8_t* record, Mas
     if (const int status = parse_assignment(table, word, record, &field, spelling); status != kOk) {
       return status;
     }
-    if (mask->has(*field)) return fail(kUsage, "%s.%s stands twice", table.name, field->name);
+    if (mask->has(*field)) return fail(kUsage, "%s.%s appears twice", table.name, field->name);
     mask->add(*field);
   }
   return kOk;
@@ -99,7 +99,7 @@ const Record* parse_used(Call& call, const char* word, const char* table, Target
   *status = parse_target(word, kWithId, target);
   if (*status != kOk) return nullptr;
   if (strcmp(target->table->name, table) != 0) {
-    *status = fail(kRefused, "%s is no record of %s", word, table);
+    *status = fail(kRefused, "%s is not a record of %s", word, table);
     return nullptr;
   }
   const uint8_t* bytes = call.source.block(target->table->area) + target->table->at +

@@ -199,11 +199,11 @@ void describe(Source& source, const Damage& damage, Text* to) {
       to->print("%s: %s is %lld, used are %lld", table, damage.table->counter, value, right);
       return;
     case Damage::kDuplicate:
-      to->print("%s/%u: its %s is that of %s/%lld", table, damage.id(), damage.field->name, table,
-                right + 1);
+      to->print("%s/%u: its %s equals that of %s/%lld", table, damage.id(), damage.field->name,
+                table, right + 1);
       return;
     case Damage::kReference:
-      to->print("%s/%u: refers to %s/%lld, which is not there", table, damage.id(),
+      to->print("%s/%u: refers to %s/%lld, which does not exist", table, damage.id(),
                 damage.groups->name, value);
       return;
   }

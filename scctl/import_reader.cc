@@ -18,7 +18,7 @@ int read_text(const Call& call, Text* text) {
   char bytes[4096];
   for (size_t size; (size = fread(bytes, 1, sizeof bytes, call.input)) > 0;) {
     if (memchr(bytes, 0, size) != nullptr) {
-      return fail(kRefused, "%s: a zero byte, which JSON has none of", call.input_name);
+      return fail(kRefused, "%s: NUL byte in JSON", call.input_name);
     }
     if (text->size() + size > kMostInput) {
       return fail(kRefused, "%s: more than %zu MiB", call.input_name, kMostInput >> 20);
@@ -45,7 +45,7 @@ JsonKind json_kind(const Field& field) {
 
 int read_id(const Table& table, const Text& value, JsonKind kind, uint32_t* id) {
   if (kind != JsonKind::kNumber) {
-    return fail(kRefused, "%s: an id that is no plain number", table.name);
+    return fail(kRefused, "%s: invalid id: expected a plain number", table.name);
   }
   const long long number = strtoll(value.c_str(), nullptr, 10);
   if (number < 1 || number > table.capacity) {
@@ -60,7 +60,8 @@ int read_field(const Table& table, const Field& field, const Text& value, JsonKi
                uint8_t* record) {
   static constexpr const char* kDue[] = {"a text in quotes", "a number", "a list of numbers"};
   if (const JsonKind due = json_kind(field); kind != due) {
-    return fail(kRefused, "%s.%s: %s is due", table.name, field.name, kDue[static_cast<int>(due)]);
+    return fail(kRefused, "%s.%s: expected %s", table.name, field.name,
+                kDue[static_cast<int>(due)]);
   }
   return parse(table, field, value.c_str(), value.size(), Origin::kCopied, record);
 }
@@ -90,7 +91,7 @@ int read_record(JsonReader& json, Snapshot* wanted) {
   }
   if (json.failed()) return kRefused;
   if (id == 0) return fail(kRefused, "%s: a record without an id", table.name);
-  if (wanted->used(id - 1)) return fail(kRefused, "%s: id %u stands twice", table.name, id);
+  if (wanted->used(id - 1)) return fail(kRefused, "%s: id %u appears twice", table.name, id);
   const Field* field;
   if (const int other = wanted->find_clash(record.data(), -1, &field, Spelling::kAsLibrary);
       other >= 0) {
@@ -110,10 +111,10 @@ int read_table(JsonReader& json, AreaId area, Snapshot* all) {
   }
   const Table& table = *target.table;
   if (table.area != area) {
-    return fail(kRefused, "%s is no table of area %s", table.name, kAreas[area].name);
+    return fail(kRefused, "%s is not a table of area %s", table.name, kAreas[area].name);
   }
   Snapshot& own = all[&table - kTables];
-  if (own) return fail(kRefused, "table %s stands twice", table.name);
+  if (own) return fail(kRefused, "table %s appears twice", table.name);
   Snapshot wanted(table);
   if (!json.open('[')) return kRefused;
   for (bool first = true; json.next(']', &first);) {
@@ -133,7 +134,7 @@ int read_areas(JsonReader& json, Snapshot* all) {
     if (!json.name(&name) || !json.open('{')) return kRefused;
     if (const int status = parse_area(name.c_str(), &area); status != kOk) return status;
     if (is_second(&areas, area)) {
-      return fail(kRefused, "area %s stands twice", kAreas[area].name);
+      return fail(kRefused, "area %s appears twice", kAreas[area].name);
     }
     for (bool first_table = true; json.next('}', &first_table);) {
       if (const int status = read_table(json, area, all); status != kOk) return status;

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "store/atomic_file.h"
+#include "store/edit.h"
 #include "store/sandbox.h"
 
 namespace scctl {
@@ -59,6 +60,7 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
   g_where = outer;
   const int status = run(call);
   const int flushed = flush_output();
+  end_if_interrupted(); /* half of a batch is no edit */
   if (status != kOk && !call.is_done) return status;
   if (flushed != kOk) return flushed;
   int written;

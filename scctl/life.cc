@@ -33,7 +33,7 @@ int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
   return kOk;
 }
 
-constexpr char kNoRegularFile[] = "it is no regular file";
+constexpr char kNoRegularFile[] = "not a regular file";
 
 bool is_regular(const Path& path) {
   struct stat found;
@@ -46,13 +46,14 @@ int init_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
   const Path archive = archive_path(area);
   if (access(archive.text, F_OK) == 0 && !is_regular(archive)) {
-    return fail(kNoArea, "area %s cannot be made: %s: %s", area.name, archive.text, kNoRegularFile);
+    return fail(kNoArea, "area %s cannot be created: %s: %s", area.name, archive.text,
+                kNoRegularFile);
   }
   const Path lock = lock_path(area);
   /* The library empties the area first and does not tell that it has no lock file. */
   const char* needed = access(lock.text, F_OK) == 0 ? lock.text : kLockFolder;
   if (access(needed, R_OK | W_OK) != 0) {
-    return fail(kNoArea, "area %s cannot be made: %s: %s", area.name, needed, strerror(errno));
+    return fail(kNoArea, "area %s cannot be created: %s: %s", area.name, needed, strerror(errno));
   }
   Source::forget_live(id);
   int result;
@@ -61,7 +62,7 @@ int init_area(Call&, AreaId id) {
     result = area.init();
   }
   if (result != 0) {
-    return fail(kNoArea, "area %s cannot be made: %s", area.name,
+    return fail(kNoArea, "area %s cannot be created: %s", area.name,
                 result < 0 ? "it cannot be attached" : strerror(result));
   }
   if (access(lock.text, R_OK | W_OK) != 0) {

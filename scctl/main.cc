@@ -221,7 +221,7 @@ int take_option(const OptionRow& row, char* value, Call* call) {
       char* rest = value;
       const unsigned long count = is_digit(*value) ? strtoul(value, &rest, 10) : 0;
       if (count == 0 || count > INT32_MAX || *rest != '\0') {
-        return fail(kUsage, "--%s: '%s' is no number above 0", row.name, value);
+        return fail(kUsage, "--%s: expected a number above 0, not '%s'", row.name, value);
       }
       call->count = static_cast<uint32_t>(count);
       break;
@@ -260,9 +260,9 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
     } else if (found == ':') {
       return fail(kUsage, "%s needs a value", words[optind - 1]);
     } else if (found == '?' && optopt >= kOption) {
-      return fail(kUsage, "--%s has no value", kOptions[optopt - kOption].name);
+      return fail(kUsage, "--%s takes no value", kOptions[optopt - kOption].name);
     } else if (found == '?' && optopt == kHelp) {
-      return fail(kUsage, "--help has no value");
+      return fail(kUsage, "--help takes no value");
     } else if (found == '?' && optopt != 0) {
       return fail(kUsage, "%s has no option -%c; scctl %s --help tells more", command.name, optopt,
                   command.name);
@@ -464,12 +464,12 @@ int parse_target(const char* text, Parts parts, Target* target) {
     return fail(kUsage, "'%s': which record? %s/1 to %s/%u", text, table.name, table.name,
                 table.capacity);
   }
-  if (parts == kTableAlone) return fail(kUsage, "'%s': the table's name alone, please", text);
+  if (parts == kTableAlone) return fail(kUsage, "'%s': expected TABLE", text);
   const char* digits = text + length + 1;
   char* rest = const_cast<char*>(digits);
   const unsigned long id = is_digit(*digits) ? strtoul(digits, &rest, 10) : 0;
   if (rest == digits || (*rest != '\0' && *rest != '.')) {
-    return fail(kUsage, "'%s': '%s' is no id", text, digits);
+    return fail(kUsage, "'%s': invalid id '%s'", text, digits);
   }
   if (id == 0 || id > table.capacity) {
     return fail(kRefused, "%s: id %.*s is not within 1 to %u", table.name,
@@ -477,7 +477,7 @@ int parse_target(const char* text, Parts parts, Target* target) {
   }
   target->id = static_cast<uint32_t>(id);
   if (*rest == '\0') return kOk;
-  if (parts != kMayHaveField) return fail(kUsage, "'%s': a record without a field, please", text);
+  if (parts != kMayHaveField) return fail(kUsage, "'%s': expected TABLE/ID without a field", text);
   target->field = find_field(table, rest + 1, strlen(rest + 1));
   return target->field != nullptr ? kOk : unknown_field(table, rest + 1, strlen(rest + 1));
 }
@@ -487,7 +487,7 @@ int parse_assignment(const Table& table, const char* text, uint8_t* record, cons
   static constexpr char kHex[] = ":hex=";
   const size_t length = strcspn(text, ":=");
   const bool hex = strncmp(text + length, kHex, strlen(kHex)) == 0;
-  if (!hex && text[length] != '=') return fail(kUsage, "'%s' is no FIELD=VALUE", text);
+  if (!hex && text[length] != '=') return fail(kUsage, "'%s': expected FIELD=VALUE", text);
   *field = find_field(table, text, length);
   if (*field == nullptr) return unknown_field(table, text, length);
   if (hex) {
@@ -521,7 +521,7 @@ int parse_areas(const Call& call, bool none_is_all, bool* chosen) {
   return kOk;
 }
 
-int fail_without_areas() { return fail(kNoArea, "no area is there; scctl init --all makes them"); }
+int fail_without_areas() { return fail(kNoArea, "no area exists; scctl init --all creates them"); }
 
 int present_areas(Call& call, bool* chosen) {
   if (const int status = parse_areas(call, true, chosen); status != kOk) return status;

@@ -175,8 +175,8 @@ class Commands {
   void add(uint32_t id, const uint8_t* record, Text* to) {
     const Field* field;
     if (const int other = made_.find_clash(record, -1, &field, Spelling::kAsLibrary); other >= 0) {
-      to->print("# %s/%u cannot be added: its %s is that of %s/%d\n", table_.name, id, field->name,
-                table_.name, other + 1);
+      to->print("# %s/%u cannot be added: its %s equals that of %s/%d\n", table_.name, id,
+                field->name, table_.name, other + 1);
       return;
     }
     const bool checked = made_.find_clash(record, -1, &field) < 0;

@@ -187,7 +187,7 @@ bool judge(int file, const sc::AreaRow* area, Archive* archive) {
     return archive->cannot(kNotRead);
   }
   if (!S_ISREG(status.st_mode)) {
-    return archive->is(State::kUnknown, "not known: it is no regular file");
+    return archive->is(State::kUnknown, "not known: not a regular file");
   }
   const bool good = judge_by_gzip(file, area, archive);
   if (archive->area == nullptr) {

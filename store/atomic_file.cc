@@ -49,7 +49,7 @@ int AtomicFile::open(const char* name) {
     return fail(kRefused, "%s is not changed: it has %lu hard links, and one alone would change",
                 name, static_cast<unsigned long>(was_.st_nlink));
   }
-  return fail(kRefused, "%s is not changed: no folder holds it for long enough", name);
+  return fail(kRefused, "%s is not changed: its folder keeps changing", name);
 }
 
 /* An edit that was killed has left its own. */

@@ -356,16 +356,17 @@ int refuse_clash(const Snapshot& now, const uint8_t* record, int skip, Spelling 
   Text value;
   format(*field, record, &value);
   const char* table = now.table().name;
-  return fail(kRefused, "%s: %s '%s' is that of %s/%d", table, field->name, value.c_str(), table,
-              other + 1);
+  return fail(kRefused, "%s: %s '%s' is already used by %s/%d", table, field->name, value.c_str(),
+              table, other + 1);
 }
 
 int refuse_section(const Table& table) {
-  return fail(kRefused, "%s is always there; scctl set changes it", table.name);
+  return fail(kRefused, "%s always exists; scctl set changes it", table.name);
 }
 
 int refuse_free(const Table& table, uint32_t id) {
-  return fail(kRefused, "%s/%u is free; scctl add %s/%u makes it", table.name, id, table.name, id);
+  return fail(kRefused, "%s/%u is free; scctl add %s/%u creates it", table.name, id, table.name,
+              id);
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ bool JsonReader::open(char bracket) {
 
 bool JsonReader::next(char closing, bool* first) {
   if (fault_ != nullptr || take(closing)) return false;
-  if (!*first && !take(',')) return fail("no comma between two members");
+  if (!*first && !take(',')) return fail("expected ',' between two members");
   *first = false;
   return true;
 }
@@ -41,13 +41,13 @@ bool JsonReader::name(Text* name) {
   name->clear();
   skip_blanks();
   if (!string(name)) return false;
-  if (strlen(name->c_str()) != name->size()) return fail("a zero in a name");
-  return take(':') || fail("no colon behind a name");
+  if (strlen(name->c_str()) != name->size()) return fail("NUL in a name");
+  return take(':') || fail("expected ':' after a name");
 }
 
 bool JsonReader::end() {
   skip_blanks();
-  return fault_ == nullptr && (at_ == end_ || fail("text behind the end"));
+  return fault_ == nullptr && (at_ == end_ || fail("unexpected text after the end"));
 }
 
 bool JsonReader::value(Text* value, JsonKind* kind) {
@@ -77,10 +77,10 @@ bool JsonReader::number(Text* to) {
   if (at_ < end_ && *at_ == '-') ++at_;
   const char* digits = at_;
   while (is_digit()) ++at_;
-  if (digits == at_) return fail("no value that is text, a number or a list of numbers");
-  if (*digits == '0' && at_ - digits > 1) return fail("a number that begins with 0");
+  if (digits == at_) return fail("expected a string, a number or an array of numbers");
+  if (*digits == '0' && at_ - digits > 1) return fail("a number with a leading zero");
   if (at_ < end_ && strchr(".eE", *at_) != nullptr && *at_ != '\0') {
-    return fail("a number that is not whole");
+    return fail("expected a whole number");
   }
   to->add(from, static_cast<size_t>(at_ - from));
   return true;
@@ -92,7 +92,7 @@ bool JsonReader::four_digits(unsigned* code) {
     static constexpr char kDigits[] = "0123456789abcdef";
     const char* digit =
         at_ < end_ && *at_ != '\0' ? strchr(kDigits, *at_ | (*at_ > '9' ? ' ' : 0)) : nullptr;
-    if (digit == nullptr) return fail("\\u without four hex digits");
+    if (digit == nullptr) return fail("expected four hex digits after \\u");
     *code = *code * 16 + static_cast<unsigned>(digit - kDigits);
   }
   return true;
@@ -102,11 +102,11 @@ bool JsonReader::four_digits(unsigned* code) {
 bool JsonReader::escape(Text* to) {
   static constexpr char kLetters[] = "\"\\/bfnrt";
   static constexpr char kMeanings[] = "\"\\/\b\f\n\r\t";
-  if (at_ == end_) return fail("a text without an end");
+  if (at_ == end_) return fail("unterminated string");
   const char c = *at_++;
   if (c != 'u') {
     const char* letter = c == '\0' ? nullptr : strchr(kLetters, c);
-    if (letter == nullptr) return fail("an unknown escape in a text");
+    if (letter == nullptr) return fail("invalid escape in a string");
     to->add(kMeanings[letter - kLetters]);
     return true;
   }
@@ -120,10 +120,10 @@ bool JsonReader::escape(Text* to) {
     unsigned low;
     at_ += 2;
     if (!four_digits(&low)) return false;
-    if (low < 0xdc00 || low > 0xdfff) return fail("half of a surrogate pair");
+    if (low < 0xdc00 || low > 0xdfff) return fail("unpaired surrogate");
     code = 0x10000 + ((code - 0xd800) << 10) + (low - 0xdc00);
   }
-  if (code >= 0xd800 && code < 0xe000) return fail("half of a surrogate pair");
+  if (code >= 0xd800 && code < 0xe000) return fail("unpaired surrogate");
   const auto tail = [&](int shift) { to->add(static_cast<char>(0x80 | (code >> shift & 0x3f))); };
   if (code < 0x80) {
     to->add(static_cast<char>(code));
@@ -144,9 +144,9 @@ bool JsonReader::escape(Text* to) {
 }
 
 bool JsonReader::string(Text* to) {
-  if (at_ == end_ || *at_ != '"') return fail("no text in quotes");
+  if (at_ == end_ || *at_ != '"') return fail("expected a string");
   for (++at_; at_ < end_ && *at_ != '"';) {
-    if (static_cast<unsigned char>(*at_) < ' ') return fail("a control character in a text");
+    if (static_cast<unsigned char>(*at_) < ' ') return fail("control character in a string");
     if (*at_ != '\\') {
       to->add(*at_++);
       continue;
@@ -154,7 +154,7 @@ bool JsonReader::string(Text* to) {
     ++at_;
     if (!escape(to)) return false;
   }
-  if (at_ == end_) return fail("a text without an end");
+  if (at_ == end_) return fail("unterminated string");
   ++at_;
   return true;
 }

@@ -180,7 +180,7 @@ Quiet::Quiet(int errors) {
     out_ = out;
     err_ = err;
   } else {
-    fail(kRefused, "the library's own messages are not silenced: %s", strerror(errno));
+    fail(kRefused, "cannot silence the library's messages: %s", strerror(errno));
     if (out >= 0) close(out);
     if (err >= 0) close(err);
   }

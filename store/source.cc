@@ -229,7 +229,8 @@ int Source::need(AreaId id) {
     return fail(kNoArea, "%s does not hold area %s", name_, area);
   }
   switch (errno) {
-    case ENOENT: return fail(kNoArea, "area %s is not there; scctl init %s makes it", area, area);
+    case ENOENT:
+      return fail(kNoArea, "area %s does not exist; scctl init %s creates it", area, area);
     case EINVAL: return fail(kNoArea, "area %s: its segment is too small", area);
     default: return fail(kNoArea, "area %s: %s", area, strerror(errno));
   }

@@ -24,7 +24,7 @@ constexpr uint32_t kHuge = UINT32_MAX;     /* any number that 32 bits do not hol
 constexpr char kNoTar[] = "not a tar archive";
 constexpr char kCut[] = "truncated tar archive";
 constexpr char kNoFile[] = "holds no plain file";
-constexpr char kOtherFile[] = "holds another file";
+constexpr char kOtherFile[] = "holds a different file";
 constexpr char kBadExtension[] = "invalid extended header";
 constexpr char kNoMemory[] = "not known: no memory";
 
@@ -73,16 +73,16 @@ const char* fault_of_image(const AreaRow& area, const uint8_t* image) {
   char lock_path[64];
   snprintf(lock_path, sizeof lock_path, sc::kLockPath, area.lock_stem);
   if (memcmp(image + area.header.path_at, lock_path, strlen(lock_path) + 1) != 0) {
-    return "another lock path";
+    return "wrong lock path";
   }
   if (sc::load<int32_t>(image + area.header.index_at) != 1) {
-    return "another block lock";
+    return "wrong block lock";
   }
   for (const sc::LockSpan& span : sc::kLockSpans) {
     if (&sc::kAreas[span.area] != &area) continue;
     for (uint32_t n = 0; n < span.count; ++n) {
       if (sc::load<uint32_t>(image + span.at + n * span.stride) != span.first + n) {
-        return "another record numbering";
+        return "wrong lock indices";
       }
     }
   }
@@ -237,7 +237,7 @@ class Tar {
     /* The tars do not agree on what a prefix is. */
     if (!is_named_ && (header_.prefix[0] != '\0' || !is_wanted(header_.name))) return kOtherFile;
     if (size_ != area_->size || (extended_size_ != kNone && extended_size_ != size_)) {
-      return "image of another size";
+      return "image of the wrong size";
     }
     archive_->image = static_cast<uint8_t*>(malloc(size_));
     if (archive_->image == nullptr) return kNoMemory;
@@ -253,7 +253,7 @@ class Tar {
       if (blocks < 2 && !is_zero(header_)) {
         return checksum_fits(header_) ? "holds a second member" : "junk behind the image";
       }
-      if (++blocks > kMostBehind / kBlock) return "more than 64 KiB behind the image";
+      if (++blocks > kMostBehind / kBlock) return "more than 64 KiB after the image";
     }
     return nullptr;
   }

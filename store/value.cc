@@ -72,9 +72,10 @@ int parse_numbers(const Table& table, const Field& field, const char* text, size
         isdigit(static_cast<unsigned char>(*digits)) ? strtoll(at, &rest, base) : 0;
     const char expected = n + 1 < count ? ',' : '\0';
     if (rest == at || rest > end || (rest == end ? '\0' : *rest) != expected) {
-      return count == 1 ? fail(kRefused, "%s.%s: '%s' is no number", table.name, field.name, text)
-                        : fail(kRefused, "%s.%s: '%s' is not %zu numbers with commas between them",
-                               table.name, field.name, text, count);
+      return count == 1
+                 ? fail(kRefused, "%s.%s: '%s' is not a number", table.name, field.name, text)
+                 : fail(kRefused, "%s.%s: '%s' is not %zu numbers with commas between them",
+                        table.name, field.name, text, count);
     }
     if (value < least || value > most) {
       return fail(kRefused, "%s.%s: %.*s is not within %lld to %lld", table.name, field.name,
@@ -124,7 +125,7 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
           uint8_t* record) {
   uint8_t* to = record + field.record_at;
   const auto refuse = [&](const char* what) {
-    return fail(kRefused, "%s.%s: '%s' is no %s", table.name, field.name, text, what);
+    return fail(kRefused, "%s.%s: '%s' is not a valid %s", table.name, field.name, text, what);
   };
   const size_t limit = field.kind == Kind::kBytes ? 2 * field.size : field.size;
   const bool limited = is_text(field) || field.kind == Kind::kBytes;
@@ -154,7 +155,7 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
       return kOk;
     }
     case Kind::kBytes:
-      return parse_hex(text, size, to) ? kOk : refuse("row of hex digits, two for a byte");
+      return parse_hex(text, size, to) ? kOk : refuse("row of hex digits, two for each byte");
     case Kind::kSigned:
     case Kind::kUnsigned: break;
   }
@@ -163,7 +164,7 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
 
 int parse_text_bytes(const Table& table, const Field& field, const char* hex, uint8_t* record) {
   if (!is_text(field)) {
-    return fail(kUsage, "%s.%s is no text; :hex is for texts alone", table.name, field.name);
+    return fail(kUsage, "%s.%s is not a text; :hex is for texts only", table.name, field.name);
   }
   const size_t digits = strlen(hex);
   if (digits > 2u * field.size) {
@@ -171,8 +172,8 @@ int parse_text_bytes(const Table& table, const Field& field, const char* hex, ui
                 2u * field.size);
   }
   if (parse_hex(hex, digits, record + field.record_at)) return kOk;
-  return fail(kRefused, "%s.%s: '%s' is no row of hex digits, two for a byte", table.name,
-              field.name, hex);
+  return fail(kRefused, "%s.%s: '%s' is not a valid row of hex digits, two for each byte",
+              table.name, field.name, hex);
 }
 
 bool is_same_text(const Field& field, const uint8_t* one, const uint8_t* other) {

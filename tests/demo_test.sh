@@ -101,13 +101,13 @@ long=$(printf '%0201d' 0)
   printf '\t02:00:5e:00:00:03\t10.0.0.3\tno newline at the end'
 } >"$work/bad"
 demo 1 bad <"$work/bad"
-errors bad "bad:2: malformed: 'zz:00:5e:00:00:02' is no MAC address, such as 00:11:22:33:44:55
+errors bad "bad:2: malformed: 'zz:00:5e:00:00:02' is not a valid MAC address, such as 00:11:22:33:44:55
 bad:3: malformed: no address behind the MAC
-bad:4: malformed: '10.0.0' is no IPv4 address, such as 192.168.1.20
+bad:4: malformed: '10.0.0' is not a valid IPv4 address, such as 192.168.1.20
 bad:5: malformed: no name behind the address
 bad:6: malformed: the name has 201 bytes, at most 200 fit
 bad:7: malformed: the name has a control character
-bad:8: malformed: a zero byte in the line"
+bad:8: malformed: NUL byte in the line"
 [[ $(rows 3 | wc -l) == 3 ]] || complain 'bad: not 3 listed'
 says '02:00:5e:00:00:02  10.0.0.2         000000000000000...' bad
 

@@ -102,7 +102,7 @@ INSTANTIATE_TEST_SUITE_P(EachObstacle, ScguardObstacleTest, testing::ValuesIn(kO
 TEST_F(ScguardCircumstancesTest, RestoreOfABrokenArchiveBesideAnUnknownCopy_ChangesNothing) {
   write_file(kArchive, "broken");
   ASSERT_EQ(mkfifo(kGood, 0644), 0);
-  EXPECT_EQ(guard({"restore", "lan"}), (Guarded{1, not_known(kGood, "it is no regular file")}));
+  EXPECT_EQ(guard({"restore", "lan"}), (Guarded{1, not_known(kGood, "not a regular file")}));
   EXPECT_EQ(read_file(kArchive), "broken");
   EXPECT_FALSE(exists(kBad));
 }

@@ -63,11 +63,11 @@ static int parse(char* line, struct DhcpStaticItem* item, struct Reason* reason)
   struct in_addr address;
 
   if (!is_mac(mac)) {
-    because(reason, "'%.40s' is no MAC address, such as 00:11:22:33:44:55", mac);
+    because(reason, "'%.40s' is not a valid MAC address, such as 00:11:22:33:44:55", mac);
   } else if (*ip == '\0') {
     because(reason, "no address behind the MAC");
   } else if (inet_pton(AF_INET, ip, &address) != 1) {
-    because(reason, "'%.40s' is no IPv4 address, such as 192.168.1.20", ip);
+    because(reason, "'%.40s' is not a valid IPv4 address, such as 192.168.1.20", ip);
   } else if (*name == '\0') {
     because(reason, "no name behind the address");
   } else if (strlen(name) > sizeof item->name) {
@@ -163,7 +163,7 @@ struct Tally add_bindings(FILE* file, const char* name, struct LanBlock* lan) {
     if (number == 1 && strncmp(text, kByteOrderMark, 3) == 0) text += 3;
     text += strspn(text, " \t");
     if (strlen(line) != (size_t)length) {
-      because(&reason, "a zero byte in the line");
+      because(&reason, "NUL byte in the line");
     } else if (*text == '\0' || *text == '#') {
       continue;
     } else if (parse(text, &item, &reason)) {

@@ -103,8 +103,7 @@ void run_store_tar(Source& source) {
   }
   if (of_any.state != store::State::kGood) return;
   if (of_any.area == nullptr || of_any.image == nullptr) found("good without an image");
-  const AreaFacts& its =
-      golden_areas()[static_cast<size_t>(of_any.area - &store::kAreas[0].row())];
+  const AreaFacts& its = golden_areas()[static_cast<size_t>(of_any.area - &store::kAreas[0].row())];
   if (memmem(bytes.data(), bytes.size(), of_any.image, its.size) == nullptr) {
     found("an image of %s that is not in the archive", its.name.c_str());
   }
@@ -112,7 +111,7 @@ void run_store_tar(Source& source) {
   its.number(numbered);
   if (memcmp(numbered.data() + its.path_at, of_any.image + its.path_at, its.lock_path.size() + 1) !=
       0) {
-    found("another lock path in an image of %s", its.name.c_str());
+    found("wrong lock path in an image of %s", its.name.c_str());
   }
   if ((of_own.state == store::State::kGood) != (of_any.area == own))
     found("another area is its own");

@@ -165,7 +165,7 @@ void check_comments(const std::string& commands, Block& block, const Table& tabl
     const std::string line = commands.substr(at, commands.find('\n', at) - at);
     unsigned id, other;
     char field[32], name[32];
-    ASSERT_EQ(sscanf(line.c_str(), "# %*[^/]/%u cannot be added: its %31s is that of %31[^/]/%u",
+    ASSERT_EQ(sscanf(line.c_str(), "# %*[^/]/%u cannot be added: its %31s equals that of %31[^/]/%u",
                      &id, field, name, &other),
               4)
         << line;
@@ -349,8 +349,10 @@ Outcome with_descriptors(int count, const Words& arguments) {
 TEST_F(CommandsTest, WithFewDescriptors_AllIsSaid) {
   const Words add = {"add", "lan_binds", "mac=00:00:00:00:00:03"};
   EXPECT_EQ(with_descriptors(10, add), (Outcome{0, "added lan_binds/1\n", ""}));
-  EXPECT_EQ(with_descriptors(10, add),
-            (Outcome{1, "", "scctl: lan_binds: mac '00:00:00:00:00:03' is that of lan_binds/1\n"}));
+  EXPECT_EQ(
+      with_descriptors(10, add),
+      (Outcome{1, "",
+               "scctl: lan_binds: mac '00:00:00:00:00:03' is already used by lan_binds/1\n"}));
   EXPECT_EQ(
       with_descriptors(10, {"notify", "Lan"}),
       (Outcome{1, "",
@@ -369,9 +371,9 @@ TEST_F(CommandsTest, ABatchOfManyFiles_KeepsNoneOpen) {
 }
 
 TEST_F(CommandsTest, WhereTheLibraryCannotBeSilenced_ThatIsSaidAndNothingLost) {
-  EXPECT_EQ(with_descriptors(5, {"remove", "Lan"}),
-            (Outcome{0, "",
-                     "scctl: the library's own messages are not silenced: Too many open files\n"}));
+  EXPECT_EQ(
+      with_descriptors(5, {"remove", "Lan"}),
+      (Outcome{0, "", "scctl: cannot silence the library's messages: Too many open files\n"}));
   EXPECT_EQ(scctl_run({"remove", "Lan"}).status, 3);
 }
 

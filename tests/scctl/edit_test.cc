@@ -124,7 +124,7 @@ TEST_P(EveryTableTest, SetOfAFreeRecord_IsRefusedAndLeavesAllAsItWas) {
   const Outcome outcome = run(scctl({"set", name_of(2), table().field}));
   EXPECT_EQ(outcome, (Outcome{1, "",
                               "scctl: " + name_of(2) + " is free; scctl add " + name_of(2) +
-                                  " makes it\n"}));
+                                  " creates it\n"}));
   EXPECT_TRUE(before.matches(table_block()));
   EXPECT_TRUE(listener.codes().empty());
 }
@@ -251,7 +251,7 @@ TEST_P(EverySectionTest, AddDelAndClear_AreRefused) {
   for (const Words& arguments :
        {Words{"add", record, "settings=01"}, Words{"del", record}, Words{"clear", table}}) {
     EXPECT_EQ(run(scctl(arguments)),
-              (Outcome{1, "", "scctl: " + table + " is always there; scctl set changes it\n"}));
+              (Outcome{1, "", "scctl: " + table + " always exists; scctl set changes it\n"}));
   }
   EXPECT_TRUE(before.matches(block(GetParam().area)));
   EXPECT_TRUE(listener.codes().empty());

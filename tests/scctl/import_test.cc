@@ -131,7 +131,7 @@ TEST_F(ImportTest, AnAreaThatIsNotThere_IsFoundBeforeAnythingIsWritten) {
   const Image before = image("Lan");
   Listener listener;
   EXPECT_EQ(run(scctl({"import", "-"}), file),
-            (Outcome{3, "", "scctl: area Qos is not there; scctl init Qos makes it\n"}));
+            (Outcome{3, "", "scctl: area Qos does not exist; scctl init Qos creates it\n"}));
   EXPECT_TRUE(before.matches(block("Lan")));
   EXPECT_TRUE(listener.codes().empty());
 }

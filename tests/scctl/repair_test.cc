@@ -188,7 +188,7 @@ TEST_F(RepairTest, Duplicates_AreNamedAndLeftToAPerson) {
   EXPECT_EQ(repaired.status, 1);
   EXPECT_EQ(repaired.out,
             "lan_binds: lan_bind_count is 3, used are 7; mended\n"
-            "lan_binds/6: its mac is that of lan_binds/1; remedy: the wrong one of them: "
+            "lan_binds/6: its mac equals that of lan_binds/1; remedy: the wrong one of them: "
             "scctl del lan_binds/6, or scctl del lan_binds/1\n"
             "areas repaired: 1, mended: 1, left: 1\n");
   EXPECT_EQ(lan().lan_bind_count, 7u);
@@ -246,7 +246,7 @@ TEST_F(RepairTest, DanglingReferences_AreFoundByModeAndMendedByTheRemedy) {
         if (kRules[n].finding == nullptr || mode.find(group) != 0) continue;
         const std::string record = std::string(table) + "/" + std::to_string(n + 1);
         expected += record + ": refers to " + kRules[n].finding +
-                    ", which is not there; remedy: scctl set " + record + " " +
+                    ", which does not exist; remedy: scctl set " + record + " " +
                     mode.substr(0, mode.find('=')) + "=0\n";
       }
     }

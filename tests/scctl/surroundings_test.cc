@@ -96,12 +96,12 @@ TEST_F(TraceSurroundingsTest, ImportWhoseInputFails_WritesNothing) {
 
 TEST_F(TraceSurroundingsTest, InputWithoutAnEnd_IsRefusedSoon) {
   EXPECT_EQ(run(scctl({"import", "/dev/zero"})),
-            (Outcome{1, "", "scctl: /dev/zero: a zero byte, which JSON has none of\n"}));
+            (Outcome{1, "", "scctl: /dev/zero: NUL byte in JSON\n"}));
   EXPECT_EQ(run(scctl({"import", "/dev/full"})),
-            (Outcome{1, "", "scctl: /dev/full: a zero byte, which JSON has none of\n"}));
+            (Outcome{1, "", "scctl: /dev/full: NUL byte in JSON\n"}));
   EXPECT_EQ(run(scctl({"batch", "/dev/zero"})),
             (Outcome{2, "commands done: 0, then one failed\n",
-                     "scctl: /dev/zero:1: a zero byte in the line\n"}));
+                     "scctl: /dev/zero:1: NUL byte in the line\n"}));
 }
 
 TEST_F(TraceSurroundingsTest, InputOfMoreThan48MiB_IsRefusedAndLittleMemoryTaken) {
@@ -157,8 +157,7 @@ TEST_F(TraceSurroundingsTest, WhereADescriptorIsMissing_TheLibraryIsNotSilencedA
       const bool fails = failing == 0 ? taken : copied && call.arguments[0] == uint64_t(failing);
       return fails ? Fate{Fate::kFails, EMFILE} : Fate{};
     });
-    const std::string said =
-        "scctl: the library's own messages are not silenced: Too many open files\n";
+    const std::string said = "scctl: cannot silence the library's messages: Too many open files\n";
     EXPECT_EQ(outcome, (Outcome{0, "", failing < 3 ? said : ""}));
     EXPECT_GE(before, 3);
     EXPECT_EQ(meanwhile, before + (failing < 3 ? 0 : 2)) << failing;

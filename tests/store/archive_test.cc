@@ -167,7 +167,7 @@ INSTANTIATE_TEST_SUITE_P(EachGoodSample, GoodArchiveTest, testing::ValuesIn(good
 /* ---- whose archive ---- */
 
 TEST_F(ArchiveTest, ArchiveOfAnotherArea_HoldsAnotherFile) {
-  EXPECT_EQ(look(kLanArchive, 0, &sc::kAreas[sc::kWan]), broken("holds another file"));
+  EXPECT_EQ(look(kLanArchive, 0, &sc::kAreas[sc::kWan]), broken("holds a different file"));
 }
 
 TEST_F(ArchiveTest, ArchiveOfAnyArea_TellsWhose) {
@@ -181,7 +181,7 @@ TEST_F(ArchiveTest, ArchiveOfAnyArea_TellsWhose) {
 TEST_F(ArchiveTest, ImageThatAloneIsAtFault_IsThereToBeRepaired) {
   lan_->header.block_lock_index = 9;
   write_file(kLanArchive, archive_of(tar_member(image())));
-  EXPECT_EQ(look(), (Verdict{State::kBroken, "another block lock", image()}));
+  EXPECT_EQ(look(), (Verdict{State::kBroken, "wrong block lock", image()}));
 }
 
 TEST_F(ArchiveTest, DescriptorThatWasReadBefore_IsJudgedFromItsBeginning) {
@@ -218,12 +218,12 @@ TEST_F(ArchiveTest, LinkToItself_IsNotTakenForALinkToBeRefused) {
 TEST_F(ArchiveTest, PipeThatNobodyWrites_IsRefusedAtOnce) {
   fs::remove(kLanArchive);
   ASSERT_EQ(mkfifo(kLanArchive, 0644), 0);
-  EXPECT_EQ(look(), unknown("it is no regular file"));
+  EXPECT_EQ(look(), unknown("not a regular file"));
 }
 
 TEST_F(ArchiveTest, FolderAndDevice_AreRefused) {
-  EXPECT_EQ(look("/var"), unknown("it is no regular file"));
-  EXPECT_EQ(look("/dev/zero"), unknown("it is no regular file"));
+  EXPECT_EQ(look("/var"), unknown("not a regular file"));
+  EXPECT_EQ(look("/dev/zero"), unknown("not a regular file"));
 }
 
 /* ---- what could not be looked at ---- */
@@ -304,7 +304,7 @@ TEST_F(ArchiveTest, StreamThatCannotBeRead_IsNotKnown) {
 
 TEST_F(ArchiveTest, StreamWithoutAnEnd_IsReadNoFurtherThanTheVerdict) {
   const FakeGzip gzip("cat /var/unpacked /dev/zero");
-  EXPECT_EQ(look(), broken("more than 64 KiB behind the image"));
+  EXPECT_EQ(look(), broken("more than 64 KiB after the image"));
   const FakeGzip noise("cat /dev/zero");
   EXPECT_EQ(look(), broken("not a tar archive"));
 }

@@ -268,42 +268,42 @@ const std::vector<Sample>& samples() {
        }},
       {"PaxAlone", kNotForTar, "truncated tar archive",
        [](std::string) { return gzipped(pax_header(pax_record("mtime", "1.5"))); }},
-      {"AnotherName", kNotForTar, "holds another file",
+      {"AnotherName", kNotForTar, "holds a different file",
        [](std::string image) {
          return archive_of(tar_member(image, {.name = "var/systemconfig/config_lan.cf"}));
        }},
-      {"AnotherAreasName", kNotForTar, "holds another file",
+      {"AnotherAreasName", kNotForTar, "holds a different file",
        [](std::string image) {
          return archive_of(tar_member(image, {.name = "var/systemconfig/config_x.cfg"}));
        }},
-      {"FolderAbove", kNotForTar, "holds another file",
+      {"FolderAbove", kNotForTar, "holds a different file",
        [](std::string image) {
          return archive_of(tar_member(image, {.name = std::string("../") + kLanMember}));
        }},
-      {"SlashBehind", kNotForTar, "holds another file",
+      {"SlashBehind", kNotForTar, "holds a different file",
        [](std::string image) {
          return archive_of(tar_member(image, {.name = std::string(kLanMember) + "/"}));
        }},
-      {"Prefix", kNotForTar, "holds another file",
+      {"Prefix", kNotForTar, "holds a different file",
        [](std::string image) {
          Member prefixed = kUstar;
          prefixed.fields = {{345, "tmp"}};
          return archive_of(tar_member(image, prefixed));
        }},
-      {"PaxName", kNotForTar, "holds another file",
+      {"PaxName", kNotForTar, "holds a different file",
        [](std::string image) { return behind_pax(pax_record("path", "tmp/x"), image); }},
-      {"PaxNameOfALaterHeader", kNotForTar, "holds another file",
+      {"PaxNameOfALaterHeader", kNotForTar, "holds a different file",
        [](std::string image) {
          return archive_of(pax_header(pax_record("path", kLanMember)) +
                            pax_header(pax_record("path", "tmp/x")) + tar_member(image, kUstar));
        }},
-      {"GnuOtherLongName", kNotForTar, "holds another file",
+      {"GnuOtherLongName", kNotForTar, "holds a different file",
        [](std::string image) {
          return archive_of(
              tar_member(std::string("tmp/x") + '\0', {.name = "././@LongLink", .type = 'L'}) +
              tar_member(image));
        }},
-      {"PaxNameForAllAlone", kNotForTar, "holds another file",
+      {"PaxNameForAllAlone", kNotForTar, "holds a different file",
        [](std::string image) {
          Member other = kUstar;
          other.name = "var/x";
@@ -320,7 +320,7 @@ const std::vector<Sample>& samples() {
        [](std::string image) { return behind_pax(pax_record("GNU.sparse.name", "tmp/x"), image); }},
       {"PaxSparseMap", kNotForTar, "holds no plain file",
        [](std::string image) { return behind_pax(pax_record("GNU.sparse.map", "0,10"), image); }},
-      {"PaxSize", kNotForTar, "image of another size",
+      {"PaxSize", kNotForTar, "image of the wrong size",
        [](std::string image) { return behind_pax(pax_record("size", "512"), image); }},
       {"PaxSizeIsNoNumber", kNotForTar, "invalid extended header",
        [](std::string image) { return behind_pax(pax_record("size", "1x"), image); }},
@@ -382,16 +382,16 @@ const std::vector<Sample>& samples() {
        [](std::string image) {
          return archive_of(tar_member(image, {.fields = {{337, "zzzzzzz"}}}));
        }},
-      {"OneByteShort", kNotForTar, "image of another size",
+      {"OneByteShort", kNotForTar, "image of the wrong size",
        [](std::string image) { return archive_of(tar_member(image.substr(0, image.size() - 1))); }},
-      {"OneByteLong", kNotForTar, "image of another size",
+      {"OneByteLong", kNotForTar, "image of the wrong size",
        [](std::string image) { return archive_of(tar_member(image + '\0')); }},
-      {"SizeBeyond32Bits", kNotForTar, "image of another size",
+      {"SizeBeyond32Bits", kNotForTar, "image of the wrong size",
        [](std::string image) {
          return archive_of(
              tar_member(image, {.size = base_256((1ull << 32) + image.size()).substr(0, 12)}));
        }},
-      {"SizeBeyond32BitsInOctal", kNotForTar, "image of another size",
+      {"SizeBeyond32BitsInOctal", kNotForTar, "image of the wrong size",
        [](std::string image) {
          return archive_of(
              tar_member(image, {.size = octal("%011llo", (1ull << 32) + image.size())}));
@@ -410,31 +410,31 @@ const std::vector<Sample>& samples() {
        [](std::string image) {
          return archive_of(tar_member(image) + kZeros + std::string(512, 'x'));
        }},
-      {"SixtyFiveKiBBehind", kUnpacked, "more than 64 KiB behind the image",
+      {"SixtyFiveKiBBehind", kUnpacked, "more than 64 KiB after the image",
        [](std::string image) { return gzipped(tar_member(image) + std::string(66560, '\0')); }},
-      {"OneBlockMoreThan64KiBBehind", kUnpacked, "more than 64 KiB behind the image",
+      {"OneBlockMoreThan64KiBBehind", kUnpacked, "more than 64 KiB after the image",
        [](std::string image) {
          return gzipped(tar_member(image) + std::string(65536 + kBlock, '\0'));
        }},
 
       /* ---- not the area's image ---- */
-      {"AnotherLockPath", kUnpacked, "another lock path",
+      {"AnotherLockPath", kUnpacked, "wrong lock path",
        [](std::string image) {
          image.replace(2, 29, "/var/lock_store/wan_conf_lock");
          return archive_of(tar_member(image));
        }},
-      {"LongerLockPath", kUnpacked, "another lock path",
+      {"LongerLockPath", kUnpacked, "wrong lock path",
        [](std::string image) {
          image[31] = 'x';
          return archive_of(tar_member(image));
        }},
-      {"NoLockPath", kUnpacked, "another lock path",
+      {"NoLockPath", kUnpacked, "wrong lock path",
        [](std::string image) { return with_word(image, 2, 0); }},
-      {"AnotherBlockLock", kUnpacked, "another block lock",
+      {"AnotherBlockLock", kUnpacked, "wrong block lock",
        [](std::string image) { return with_word(image, 132, 2); }},
-      {"AnotherFirstRecord", kUnpacked, "another record numbering",
+      {"AnotherFirstRecord", kUnpacked, "wrong lock indices",
        [](std::string image) { return with_word(image, 1508 + 4, 3); }},
-      {"AnotherLastRecord", kUnpacked, "another record numbering",
+      {"AnotherLastRecord", kUnpacked, "wrong lock indices",
        [](std::string image) { return with_word(image, 25948 + 31 * 748 + 4, 0); }},
   };
   return kSamples;

@@ -89,7 +89,7 @@ TEST_F(VerdictTest, ArchiveThatCannotBeJudged_IsCalledNeitherGoodNorBad) {
 
 TEST_F(VerdictTest, PipeInPlaceOfAnArchive_StopsNobody) {
   EXPECT_EQ(mkfifo(kArchive, 0644), 0);
-  const std::string why = "not known: it is no regular file";
+  const std::string why = "not known: not a regular file";
   EXPECT_EQ(said(), (Said{why + "; nothing is changed", why, why, why, why}));
 }
 
@@ -138,7 +138,7 @@ TEST_F(VerdictTest, SaveOntoAPipe_IsRefusedAtOnce) {
     for (const std::string& word : scctl({"save", "Lan"})) command.push_back(word);
     EXPECT_EQ(run(command), (Outcome{3, "",
                                      std::string("scctl: area Lan is not saved: ") + path +
-                                         ": it is no regular file\n"}));
+                                         ": not a regular file\n"}));
     fs::remove(path);
   }
 }
