@@ -78,7 +78,7 @@ def shell_scripts():
 def python_scripts():
     scripts = []
     for path in files("**/*"):
-        if not path.is_file() or path.suffix not in ("", ".py"):
+        if not (ROOT / path).is_file() or path.suffix not in ("", ".py"):
             continue
         with open(ROOT / path, "rb") as file:
             line = file.readline()
@@ -98,7 +98,7 @@ def check_arrows(suite):
     for layer in LAYERS:
         for folder in layer:
             for path in files("%s/**/*.h" % folder, "%s/**/*.cc" % folder):
-                included = re.findall(r'^#include (?:"(\w+)/|<(sysconfig)/)', path.read_text(), re.M)
+                included = re.findall(r'^#include (?:"(\w+)/|<(sysconfig)/)', (ROOT / path).read_text(), re.M)
                 found = {"include" if public else own for own, public in included}
                 suite.verdict(found <= allowed | {folder}, "includes of %s" % path,
                               ", ".join(sorted(found - allowed - {folder})))
