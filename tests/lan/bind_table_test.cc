@@ -1,5 +1,5 @@
 /* DHCP static bindings, table operations: the LAN and the AC table. What holds for every list is
- * tested in generic_rules_test.cc. */
+ * tested in generic_rules. */
 #include <arpa/inet.h>
 
 #include <sysconfig/lan.h>
