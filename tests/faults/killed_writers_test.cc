@@ -33,11 +33,7 @@ class SharedBlocks {
     return block == blocks_.end() ? nullptr : block->second.first;
   }
   Blocks all() const {
-    auto as = [&](const char* area) -> void* { return at(area); };
-    return {
-        static_cast<FwIpportBlock*>(as("FwIpport")), static_cast<FwMacBlock*>(as("FwMac")),
-        static_cast<FwUrlBlock*>(as("FwUrl")),       static_cast<QosBlock*>(as("Qos")),
-        static_cast<IpGroupBlock*>(as("IpGroup")),   static_cast<TimeGroupBlock*>(as("TimeGroup"))};
+    return blocks_at([&](const char* area) { return at(area); });
   }
 
  private:

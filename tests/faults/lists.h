@@ -77,13 +77,9 @@ class ListFaults : public FaultWorld, public testing::WithParamInterface<ListCal
 
   void* block() { return blocks.at(row.area).data(); }
   Blocks others() {
-    auto at = [&](const char* area) -> void* {
+    return blocks_at([&](const char* area) {
       return blocks.count(area) != 0 ? blocks.at(area).data() : nullptr;
-    };
-    return {
-        static_cast<FwIpportBlock*>(at("FwIpport")), static_cast<FwMacBlock*>(at("FwMac")),
-        static_cast<FwUrlBlock*>(at("FwUrl")),       static_cast<QosBlock*>(at("Qos")),
-        static_cast<IpGroupBlock*>(at("IpGroup")),   static_cast<TimeGroupBlock*>(at("TimeGroup"))};
+    });
   }
 
   /* A step on the library and the same step on the model. */

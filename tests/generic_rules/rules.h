@@ -104,13 +104,7 @@ class Rules : public World, public testing::WithParamInterface<ListCalls> {
   }
   /* The other areas that a delete or a listing reaches: empty, so that it finds nothing there. */
   Blocks others() {
-    auto at = [&](const char* name) { return other.at(name).data(); };
-    return {reinterpret_cast<FwIpportBlock*>(at("FwIpport")),
-            reinterpret_cast<FwMacBlock*>(at("FwMac")),
-            reinterpret_cast<FwUrlBlock*>(at("FwUrl")),
-            reinterpret_cast<QosBlock*>(at("Qos")),
-            reinterpret_cast<IpGroupBlock*>(at("IpGroup")),
-            reinterpret_cast<TimeGroupBlock*>(at("TimeGroup"))};
+    return blocks_at([&](const char* area) { return other.at(area).data(); });
   }
   std::string del(std::string ids) {
     calls.del(block.data(), others(), ids.data());

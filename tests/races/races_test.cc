@@ -60,12 +60,7 @@ class Races : public World {
     tables[kAps] = {"ManageApList", 136, 12304, 300, 0, 2, block("ManageApList")};
     tables[kUsers] = {"ApUserList", 136, 23200, 300, 0, 2, block("ApUserList")};
     tables[kTemplates] = {"ApTemplateList", 136, 12008, 15, 0, 2, block("ApTemplateList")};
-    blocks = {reinterpret_cast<FwIpportBlock*>(block("FwIpport")),
-              reinterpret_cast<FwMacBlock*>(block("FwMac")),
-              reinterpret_cast<FwUrlBlock*>(block("FwUrl")),
-              reinterpret_cast<QosBlock*>(block("Qos")),
-              reinterpret_cast<IpGroupBlock*>(block("IpGroup")),
-              reinterpret_cast<TimeGroupBlock*>(block("TimeGroup"))};
+    blocks = blocks_at([&](const char* area) { return block(area); });
   }
   void TearDown() override {
     munmap(shared, sizeof(Shared));
