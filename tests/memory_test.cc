@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "model/list_calls.h"
-#include "model/rows.h"
+#include "support/rows.h"
 #include "support/areas.h"
 #include "support/faults.h"
 #include "support/image.h"

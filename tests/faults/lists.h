@@ -11,7 +11,7 @@
 #include "faults/fault_world.h"
 #include "model/list_calls.h"
 #include "model/model.h"
-#include "model/rows.h"
+#include "support/rows.h"
 #include "support/areas.h"
 #include "support/image.h"
 

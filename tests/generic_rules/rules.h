@@ -14,7 +14,7 @@
 
 #include "model/list_calls.h"
 #include "model/model.h"
-#include "model/rows.h"
+#include "support/rows.h"
 #include "support/areas.h"
 #include "support/image.h"
 #include "support/journal.h"

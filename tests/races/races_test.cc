@@ -57,9 +57,12 @@ class Races : public World {
                       row.capacity,   row.lock_at, static_cast<uint32_t>(row.first_lock_index),
                       block(row.area)};
     }
-    tables[kAps] = {"ManageApList", 136, 12304, 300, 0, 2, block("ManageApList")};
-    tables[kUsers] = {"ApUserList", 136, 23200, 300, 0, 2, block("ApUserList")};
-    tables[kTemplates] = {"ApTemplateList", 136, 12008, 15, 0, 2, block("ApTemplateList")};
+    for (uint32_t table = kLists; table < kTables; ++table) {
+      const IdTableRow& row = id_table_rows()[table - kLists];
+      tables[table] = {row.area,       row.base,    row.stride,
+                       row.capacity,   row.lock_at, row.first_lock_index,
+                       block(row.area)};
+    }
     blocks = blocks_at([&](const char* area) { return block(area); });
   }
   void TearDown() override {

@@ -83,12 +83,11 @@ const std::vector<RunRow>& payload(uint32_t table) {
 }
 
 uint32_t unlocked_word(uint32_t table) {
-  return table == kAps ? 11788u : table == kUsers || table == kTemplates ? 4u : ~0u;
+  return table < kLists ? ~0u : id_table_rows()[table - kLists].id_at;
 }
 
 uint8_t* mac_of(uint32_t table, uint32_t at) {
-  constexpr uint32_t kMacAt[] = {236, 8, 11416};
-  return tables[table].record(at) + kMacAt[table - kLists];
+  return tables[table].record(at) + id_table_rows()[table - kLists].mac_at;
 }
 
 int32_t claim_id(uint32_t table) {

@@ -14,10 +14,11 @@
 #include <vector>
 
 #include "model/list_calls.h"
-#include "model/rows.h"
+#include "support/rows.h"
 
 namespace sc_test {
 
+/* The lists in the order of list_rows(), then the tables in the order of id_table_rows(). */
 constexpr uint32_t kLists = 11, kAps = 11, kUsers = 12, kTemplates = 13, kTables = 14;
 constexpr uint32_t kMostRecords = 300, kWorkers = 6, kMostMessages = 8;
 
