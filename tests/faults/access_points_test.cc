@@ -164,7 +164,7 @@ TEST_F(ApFaults, ALockFileThatDoesNotOpen_LeavesItsAreaAsItWasAndAnyOtherFaultCh
       const Images *aps_left = &after, *templates_left = &after, *users_left = &after;
       if (fault.is("open")) {
         const std::string& area = step.opens.at(fault.nth - 1);
-        expected.output = cannot_lock(golden_area(area).lock_path);
+        expected.output = cannot_lock(lock_file(area));
         expected.result = step.result_without_lock;
         aps_left = &before; /* it is the only area or the inner one */
         users_left = &before;

@@ -218,7 +218,7 @@ class Races : public World {
 
   static void expect_no_lock_held() {
     for (const Table& table : tables) {
-      const std::string& path = golden_area(table.area).lock_path;
+      const std::string& path = lock_file(table.area);
       const int fd = open(path.c_str(), O_RDWR);
       struct flock lock = {};
       lock.l_type = F_WRLCK;

@@ -30,7 +30,7 @@ void violation(const char* format, ...) {
 uint32_t new_stamp() { return (shared->stamps++ + 1) * 2654435761u; }
 
 Held::Held(const Table& table, uint32_t position)
-    : fd_(open(golden_area(table.area).lock_path.c_str(), O_RDWR)),
+    : fd_(open(lock_file(table.area).c_str(), O_RDWR)),
       lock_index_(static_cast<off_t>(table.first_lock_index + position)) {
   locked_ = sc_lock_reg(fd_, F_SETLKW, F_WRLCK, lock_index_, SEEK_SET, 1) == 0;
   if (!locked_ && errno == EINTR) ++shared->interrupted_locks;

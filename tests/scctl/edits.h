@@ -138,7 +138,6 @@ class EditTest : public World {
   Image image(const std::string& area_name) {
     return Image(block(area_name), golden_area(area_name).size);
   }
-  std::string lock_file(const std::string& area_name) { return golden_area(area_name).lock_path; }
 
   /* A command that has to succeed, and what it prints. */
   std::string done(const Words& arguments, const std::string& input = "") {
