@@ -20,7 +20,7 @@ namespace {
 using namespace sc_test;
 using Codes = std::vector<int32_t>;
 
-constexpr char kQosLock[] = "/var/lock_store/qos_conf_lock";
+const std::string kQosLock = lock_file("Qos");
 
 class Cascade : public World {
  protected:
@@ -221,9 +221,8 @@ TEST_F(Cascade, DelAllOfTheGroups_LeavesTheRulesWhichGoOnShowingThem) {
 TEST_F(Cascade, WithoutTheLockFileOfOneArea_ItsRulesStayButAreCountedAndTheRestGoes) {
   add_ip_filter(1, 0);
   add_qos(1, 0);
-  ASSERT_EQ(unlink("/var/lock_store/fw_ipport_conf_lock"), 0);
-  EXPECT_EQ(capture([&] { del_ip_groups("1"); }),
-            cannot_lock("/var/lock_store/fw_ipport_conf_lock"));
+  ASSERT_EQ(unlink(lock_file("FwIpport").c_str()), 0);
+  EXPECT_EQ(capture([&] { del_ip_groups("1"); }), cannot_lock(lock_file("FwIpport")));
   EXPECT_EQ(ip->rules[0].slot_id, 1);
   EXPECT_EQ(ip->rule_count, 0);
   EXPECT_EQ(qos->rules[0].slot_id, -1);
@@ -233,8 +232,8 @@ TEST_F(Cascade, WithoutTheLockFileOfOneArea_ItsRulesStayButAreCountedAndTheRestG
 
 TEST_F(Cascade, WithoutTheGroupsOwnLockFile_TheRulesGoAndTheGroupStaysButIsCounted) {
   add_ip_filter(1, 0);
-  ASSERT_EQ(unlink("/var/lock_store/ipgroup_conf_lock"), 0);
-  EXPECT_EQ(capture([&] { del_ip_groups("1"); }), cannot_lock("/var/lock_store/ipgroup_conf_lock"));
+  ASSERT_EQ(unlink(lock_file("IpGroup").c_str()), 0);
+  EXPECT_EQ(capture([&] { del_ip_groups("1"); }), cannot_lock(lock_file("IpGroup")));
   EXPECT_EQ(ip->rules[0].slot_id, -1);
   EXPECT_EQ(ip_groups->groups[0].slot_id, 1);
   EXPECT_EQ(ip_groups->group_count, 3u);

@@ -308,7 +308,7 @@ class WriteSectionExample : public World {
     return text;
   }
 
-  const std::string lock_path_ = golden_area("Wan").lock_path;
+  const std::string lock_path_ = lock_file("Wan");
   WanBlock* wan_ = nullptr;
 };
 
@@ -423,7 +423,7 @@ TEST_F(BindingExample, Refusal_IsToldApart) {
     add("mac " + std::to_string(i), "10.0.0." + std::to_string(i));
   }
   EXPECT_EQ(page({"00:11:22:33:44:bb", "192.168.1.2", "x"}), "Refused: the table is full.\n");
-  unlink(golden_area("Lan").lock_path.c_str());
+  unlink(lock_file("Lan").c_str());
   EXPECT_NE(page({"00:11:22:33:44:bb", "192.168.1.2", "x"}).find("lock file cannot be opened"),
             std::string::npos);
 }

@@ -125,8 +125,8 @@ TEST_F(GoldenImages, TheFlashArchivesHoldTheGoldenBytesUnderTheImagesPath) {
   save_all();
   for (const Layout::Area& area : layout_.areas()) {
     if (area.stem.empty()) continue;
-    const std::string archive = "/var/dataconfig/config_" + area.stem + ".bin";
-    const std::string member = "var/systemconfig/config_" + area.stem + ".cfg";
+    const std::string& archive = golden_area(area.name).archive_path;
+    const std::string member = golden_area(area.name).image_path.substr(1);
     EXPECT_EQ(output_of("tar -tzf " + archive), member + "\n");
     EXPECT_TRUE(equal_images(layout_, area, golden_image(area),
                              output_of("tar -xzOf " + archive + " " + member)));
@@ -141,7 +141,7 @@ TEST_F(GoldenImages, InitAfterAFlashSaveRestoresTheGoldenBytes) {
     if (area.stem.empty()) continue;
     ASSERT_EQ(replay_.run({"", area.name, "init", {{"", "1"}}, {}}), std::vector<int64_t>{0});
     EXPECT_TRUE(equal_images(layout_, area, golden_image(area), block_bytes(area)));
-    EXPECT_FALSE(exists("/var/systemconfig/config_" + area.stem + ".cfg"));
+    EXPECT_FALSE(exists(golden_area(area.name).image_path));
   }
 }
 

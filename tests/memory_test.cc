@@ -11,7 +11,7 @@
 #include <sstream>
 
 #include "model/list_calls.h"
-#include "model/rows.h"
+#include "support/rows.h"
 #include "support/areas.h"
 #include "support/faults.h"
 #include "support/image.h"
@@ -157,12 +157,7 @@ TEST_F(Memory, AProcessThatUsedAllLists_HasTwoPagesOfTheLibraryToItselfAtMost) {
   init_all();
   std::map<std::string, uint8_t*> blocks;
   for (const AreaCalls& area : all_areas()) blocks[area.name] = block_at(area.get());
-  const Blocks groups = {reinterpret_cast<FwIpportBlock*>(blocks["FwIpport"]),
-                         reinterpret_cast<FwMacBlock*>(blocks["FwMac"]),
-                         reinterpret_cast<FwUrlBlock*>(blocks["FwUrl"]),
-                         reinterpret_cast<QosBlock*>(blocks["Qos"]),
-                         reinterpret_cast<IpGroupBlock*>(blocks["IpGroup"]),
-                         reinterpret_cast<TimeGroupBlock*>(blocks["TimeGroup"])};
+  const Blocks groups = blocks_at([&](const char* area) { return blocks[area]; });
   capture([&] {
     for (const ListCalls& calls : kListCalls) {
       const ListRow& row = list_row(calls.list);

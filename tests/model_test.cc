@@ -11,7 +11,7 @@
 
 #include "model/list_calls.h"
 #include "model/model.h"
-#include "model/rows.h"
+#include "support/rows.h"
 #include "support/areas.h"
 #include "support/image.h"
 #include "support/journal.h"
@@ -193,12 +193,7 @@ class Models : public World {
 
   void* block(const std::string& area) { return blocks.at(area).data(); }
   Blocks groups_and_rules() {
-    return {static_cast<FwIpportBlock*>(block("FwIpport")),
-            static_cast<FwMacBlock*>(block("FwMac")),
-            static_cast<FwUrlBlock*>(block("FwUrl")),
-            static_cast<QosBlock*>(block("Qos")),
-            static_cast<IpGroupBlock*>(block("IpGroup")),
-            static_cast<TimeGroupBlock*>(block("TimeGroup"))};
+    return blocks_at([&](const char* area) { return block(area); });
   }
 
   /* One operation of the library, then the model's word on all that can be seen of it. */

@@ -16,7 +16,7 @@ namespace {
 
 using namespace sc_test;
 
-constexpr char kLockFile[] = "/var/lock_store/aplist_conf_lock";
+const std::string kLockFile = lock_file("ManageApList");
 constexpr uint8_t kMacA[] = {0xAA, 1, 2, 3, 4, 5}, kMacB[] = {0xAA, 1, 2, 3, 4, 6}, kNone[6] = {};
 
 ApLimitsRecord limit(int max_ap_count) {
@@ -46,10 +46,8 @@ class ApList : public World {
   /* Every byte of every record set, with ids and lock indices as they should be. */
   void fill_used() {
     fill(block->aps, sizeof block->aps, 1);
-    for (int i = 0; i < 300; ++i) {
-      block->aps[i].lock_index = i + 2;
-      block->aps[i].ap_id = static_cast<uint32_t>(i) + 1;
-    }
+    golden_area("ManageApList").number_locks(block);
+    for (uint32_t i = 0; i < 300; ++i) block->aps[i].ap_id = i + 1;
   }
   static size_t record_at(size_t position) { return 136 + 12304 * position; }
 
@@ -323,10 +321,8 @@ TEST_F(ApList, ClearedGroupInformation_IsZeroAndNothingElseChanges) {
 
 TEST_F(ApList, Id2Zero_ClearsEveryUsedRecordWholeEachUnderItsLock) {
   fill(block->aps, sizeof block->aps, 1);
-  for (int i = 0; i < 300; ++i) {
-    block->aps[i].lock_index = i + 2;
-    block->aps[i].ap_id = 0;
-  }
+  golden_area("ManageApList").number_locks(block);
+  for (auto& ap : block->aps) ap.ap_id = 0;
   block->aps[1].ap_id = 2;
   block->aps[200].ap_id = 0xFFFFFFFF;
   Image expected(block, sizeof *block);
@@ -369,7 +365,7 @@ TEST_F(ApList, ReadWithoutAnArchive_EmptiesTheFragmentBuffersOfAllRecords) {
 TEST_F(ApList, WithoutLockFile_EachChangeSaysSoReturnsZeroAndChangesNothing) {
   fill_used();
   memcpy(block->aps[5].ap_mac, kMacA, 6);
-  ASSERT_EQ(unlink(kLockFile), 0);
+  ASSERT_EQ(unlink(kLockFile.c_str()), 0);
   const Image before(block, sizeof *block);
   const Output message = cannot_lock(kLockFile);
   int32_t results[4] = {7, 7, 7, 7};

@@ -40,7 +40,7 @@ class ApModels : public World {
       Image image = golden_area(row.area).emptied();
       golden_area(row.area).number(image);
       model.areas[row.area] = Bytes(image.data(), image.data() + image.size());
-      write_file(golden_area(row.area).lock_path, "\n");
+      write_file(lock_file(row.area), "\n");
       const uint32_t used_of_ten = random.below(3) * 5;
       for (uint32_t p = 0; p < row.capacity; ++p) {
         uint8_t* record = model.record(row, p);
@@ -253,7 +253,7 @@ class ApModels : public World {
   /* What other programs leave behind: ids, MACs, run states; a lock file goes or comes back. */
   void meddle(const IdTableRow& row) {
     if (random.one_in(3)) {
-      const std::string& path = golden_area(row.area).lock_path;
+      const std::string& path = lock_file(row.area);
       if (model.without_lock.erase(row.area) != 0) return write_file(path, "\n");
       model.without_lock.insert(row.area);
       ASSERT_EQ(unlink(path.c_str()), 0);

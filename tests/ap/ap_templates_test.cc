@@ -14,8 +14,8 @@ namespace {
 
 using namespace sc_test;
 
-constexpr char kTemplateLock[] = "/var/lock_store/aptemplatelist_conf_lock";
-constexpr char kApLock[] = "/var/lock_store/aplist_conf_lock";
+const std::string kTemplateLock = lock_file("ApTemplateList");
+const std::string kApLock = lock_file("ManageApList");
 constexpr uint8_t kMacA[] = {0xAA, 1, 2, 3, 4, 5}, kMacB[] = {0xBB, 1, 2, 3, 4, 5};
 
 class ApTemplates : public World {
@@ -30,9 +30,9 @@ class ApTemplates : public World {
   /* Stale bytes everywhere; every template in use and unbound. */
   void fill_used() {
     fill(block->templates, sizeof block->templates, 1);
-    for (int i = 0; i < 15; ++i) {
-      block->templates[i].lock_index = i + 2;
-      block->templates[i].template_id = static_cast<uint32_t>(i) + 1;
+    golden_area("ApTemplateList").number_locks(block);
+    for (uint32_t i = 0; i < 15; ++i) {
+      block->templates[i].template_id = i + 1;
       memset(block->templates[i].bound_ap_mac, 0, 6);
     }
   }
@@ -101,7 +101,7 @@ TEST_F(ApTemplates, TheIdOfABoundTemplate_IsStoredAsItsLowByte) {
 TEST_F(ApTemplates, Binding_LocksTheTemplateFirstAndTheApInside) {
   fill_used();
   put_aps();
-  const std::string ap_opened = std::string("#2 = open ") + kApLock;
+  const std::string ap_opened = "#2 = open " + kApLock;
   const std::vector<std::string> nested =
       under(kTemplateLock,
             {"lock #1 16", ap_opened, "lock #2 6", "unlock #2 6", "close #2", "unlock #1 16"});
@@ -185,7 +185,7 @@ TEST_F(ApTemplates, UnbindingTheBoundMac_ZeroesItAndTheApsGroupInformation) {
 TEST_F(ApTemplates, WithoutTheTemplateLockFile_BindingAndUnbindingSaySoAndChangeNothing) {
   fill_used();
   put_aps();
-  ASSERT_EQ(unlink(kTemplateLock), 0);
+  ASSERT_EQ(unlink(kTemplateLock.c_str()), 0);
   const Image templates(block, sizeof *block), list(aps, sizeof *aps);
   const Output message = cannot_lock(kTemplateLock);
   int32_t results[2] = {7, 7};
@@ -200,7 +200,7 @@ TEST_F(ApTemplates, WithoutTheTemplateLockFile_BindingAndUnbindingSaySoAndChange
 TEST_F(ApTemplates, WithoutTheApLockFile_TheTemplateIsBoundAllTheSame) {
   fill_used();
   put_aps();
-  ASSERT_EQ(unlink(kApLock), 0);
+  ASSERT_EQ(unlink(kApLock.c_str()), 0);
   Image templates(block, sizeof *block);
   const Image list(aps, sizeof *aps);
   EXPECT_EQ(capture([&] { bind(3, kMacA); }), cannot_lock(kApLock));
@@ -275,7 +275,7 @@ TEST_F(ApTemplates, TheDeletionOfABoundTemplate_LeavesTheApsGroupInformation) {
 
 TEST_F(ApTemplates, WithoutLockFile_TheDeletionSaysSoAndReturnsZero) {
   fill_used();
-  ASSERT_EQ(unlink(kTemplateLock), 0);
+  ASSERT_EQ(unlink(kTemplateLock.c_str()), 0);
   const Image before(block, sizeof *block);
   int32_t result = 7;
   EXPECT_EQ(capture([&] { result = SC_Del_AP_Template_Info_By_Id(block, 3); }),

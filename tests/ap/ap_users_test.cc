@@ -15,7 +15,7 @@ namespace {
 
 using namespace sc_test;
 
-constexpr char kLockFile[] = "/var/lock_store/apuserlist_conf_lock";
+const std::string kLockFile = lock_file("ApUserList");
 constexpr uint8_t kMac[] = {0xAA, 1, 2, 3, 4, 5}, kNone[6] = {};
 
 class ApUsers : public World {
@@ -28,16 +28,13 @@ class ApUsers : public World {
   }
   static Image empty_table() {
     Image expected(sizeof(ApUserListBlock));
-    expected.put(0, kLockFile).put32(128, 1);
-    for (uint32_t i = 0; i < 300; ++i) expected.put32(136 + 23200 * i, i + 2);
+    golden_area("ApUserList").number(expected);
     return expected;
   }
   void fill_used() {
     fill(block->users, sizeof block->users, 1);
-    for (int i = 0; i < 300; ++i) {
-      block->users[i].lock_index = i + 2;
-      block->users[i].user_id = static_cast<uint32_t>(i) + 1;
-    }
+    golden_area("ApUserList").number_locks(block);
+    for (uint32_t i = 0; i < 300; ++i) block->users[i].user_id = i + 1;
   }
 
   ApUserListBlock* block = nullptr;
@@ -48,7 +45,7 @@ TEST_F(ApUsers, Init_WritesHeaderAndLockIndicesItselfAndNoFileIsRead) {
   EXPECT_EQ(SC_Init_System_ApUserList_Config(), 0);
   EXPECT_TRUE(empty_table().matches(block));
   ASSERT_EQ(journal.lines().size(), 1u);
-  EXPECT_EQ(journal.lines()[0], "system echo '' > /var/lock_store/apuserlist_conf_lock");
+  EXPECT_EQ(journal.lines()[0], "system echo '' > " + kLockFile);
   EXPECT_EQ(read_file(kLockFile), "\n");
 }
 
@@ -153,7 +150,7 @@ TEST_F(ApUsers, DeletingAMacThatIsNotThere_ReturnsZeroAndClosesTheLockFile) {
 
 TEST_F(ApUsers, WithoutLockFile_TheDeletionSaysSoAndReturnsZero) {
   memcpy(block->users[5].user_mac, kMac, 6);
-  ASSERT_EQ(unlink(kLockFile), 0);
+  ASSERT_EQ(unlink(kLockFile.c_str()), 0);
   const Image before(block, sizeof *block);
   int32_t result = 7;
   EXPECT_EQ(capture([&] { result = SC_Del_ApUser_Info_by_Mac(block, kMac); }),

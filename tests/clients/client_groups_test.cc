@@ -129,7 +129,7 @@ TEST_F(ClientGroups, DelItemWithoutIds_NotifiesOnce) {
 TEST_F(ClientGroups, Add_WritesSlotAndNameOnly) {
   fill(block->groups, sizeof block->groups, 1);
   block->groups[0].slot_id = -1;
-  block->groups[0].lock_index = 2;
+  golden_area("Clients_Groups").number_locks(block);
   const ClientsGroupsItem item = group("name");
   Image expected(block, sizeof *block);
   expected.put32(140, 1).copy(144, item.group_name, 20);

@@ -56,10 +56,8 @@ class Clients : public World {
   /* Stale bytes in every record, all of them free. */
   void fill_free_records() {
     fill(block->clients, sizeof block->clients, 1);
-    for (int i = 0; i < 300; ++i) {
-      block->clients[i].lock_index = i + 2;
-      block->clients[i].slot_id = -1;
-    }
+    golden_area("Clients").number_locks(block);
+    for (auto& client : block->clients) client.slot_id = -1;
   }
   static void put_fields(Image& expected, uint32_t at, const ClientsItem& item) {
     for (const auto& [offset, width] : kFields) {
@@ -281,9 +279,9 @@ TEST_F(Clients, ModifyItemOfAFreeRecord_WritesItsFieldsAndLeavesItFree) {
 
 TEST_F(Clients, WithoutLockFile_ItemsReturnNoLockChangeNothingAndNotify) {
   add_many(1);
-  ASSERT_EQ(unlink("/var/lock_store/clients_conf_lock"), 0);
+  ASSERT_EQ(unlink(lock_file("Clients").c_str()), 0);
   const Image before(block, sizeof *block);
-  const Output message = cannot_lock("/var/lock_store/clients_conf_lock");
+  const Output message = cannot_lock(lock_file("Clients"));
   ClientsItem item = client(1);
   item.slot_id = 1;
   int32_t added = 0, modified = 0;

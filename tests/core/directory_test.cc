@@ -23,7 +23,7 @@ class SingleRecordAreas : public World {};
 TEST_F(SingleRecordAreas, WanAfterInit1_HoldsTheFourSectionLocksAndZeroesBesidesTheHeader) {
   ASSERT_EQ(SC_Init_System_Wan_Config(1), 0);
   Image expected(4476);
-  expected.put(2, "/var/lock_store/wan_conf_lock").put32(132, 1);
+  expected.put(2, lock_file("Wan")).put32(132, 1);
   expected.put32(136, 2).put32(1096, 3).put32(2056, 4).put32(3016, 5);
   EXPECT_TRUE(expected.matches(block_at(SC_Get_Wan_System_Config())));
 }
@@ -31,7 +31,7 @@ TEST_F(SingleRecordAreas, WanAfterInit1_HoldsTheFourSectionLocksAndZeroesBesides
 TEST_F(SingleRecordAreas, MiscAfterInit1_HoldsTheFiveSectionLocksAndZeroesBesidesTheHeader) {
   ASSERT_EQ(SC_Init_System_Misc_Config(1), 0);
   Image expected(7548);
-  expected.put(2, "/var/lock_store/misc_conf_lock").put32(132, 1);
+  expected.put(2, lock_file("Misc")).put32(132, 1);
   expected.put32(136, 2).put32(908, 3).put32(1416, 4).put32(1944, 5).put32(2500, 6);
   EXPECT_TRUE(expected.matches(block_at(SC_Get_Misc_System_Config())));
 }
@@ -39,7 +39,7 @@ TEST_F(SingleRecordAreas, MiscAfterInit1_HoldsTheFiveSectionLocksAndZeroesBeside
 TEST_F(SingleRecordAreas, ProductInfoAfterInit1_HoldsItsHeaderAlone) {
   ASSERT_EQ(SC_Init_System_ProductInfo_Config(1), 0);
   Image expected(24224);
-  expected.put(2, "/var/lock_store/product_conf_lock").put32(132, 1);
+  expected.put(2, lock_file("ProductInfo")).put32(132, 1);
   EXPECT_TRUE(expected.matches(block_at(SC_Get_ProductInfo_System_Config())));
 }
 

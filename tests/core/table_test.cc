@@ -17,7 +17,7 @@ namespace {
 using namespace sc_test;
 using Lines = std::vector<std::string>;
 
-constexpr char kLockPath[] = "/var/lock_store/lan_conf_lock";
+const std::string kLockPath = lock_file("Lan");
 constexpr uint32_t kCapacity = 32;
 constexpr size_t kBlockSize = 50888;
 
@@ -120,17 +120,16 @@ TEST_F(Table, AnAdd_ClaimsOnADescriptorOfItsOwnAndThenFillsUnderTheSameByte) {
   add(0);
   Journal journal;
   add(1);
-  EXPECT_EQ(
-      journal.lines(),
-      (Lines{"#1 = open /var/lock_store/lan_conf_lock", "#2 = open /var/lock_store/lan_conf_lock",
-             "lock #2 3", "unlock #2 3", "close #2", "lock #1 3", "unlock #1 3", "close #1"}));
+  EXPECT_EQ(journal.lines(),
+            (Lines{"#1 = open " + kLockPath, "#2 = open " + kLockPath, "lock #2 3", "unlock #2 3",
+                   "close #2", "lock #1 3", "unlock #1 3", "close #1"}));
 }
 
 TEST_F(Table, ARejectedAdd_LocksNothing) {
   add(0);
   Journal journal;
   EXPECT_EQ(operate(LIST_OP_ADD, 0, 0), 1);
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "close #1"}));
+  EXPECT_EQ(journal.lines(), (Lines{"#1 = open " + kLockPath, "close #1"}));
 }
 
 TEST_F(Table, AnAddIntoAFullTable_OpensAndClosesBothDescriptors) {
@@ -138,19 +137,18 @@ TEST_F(Table, AnAddIntoAFullTable_OpensAndClosesBothDescriptors) {
   Journal journal;
   EXPECT_EQ(operate(LIST_OP_ADD, 0, 60), 1);
   EXPECT_EQ(journal.lines(),
-            (Lines{"#1 = open /var/lock_store/lan_conf_lock",
-                   "#2 = open /var/lock_store/lan_conf_lock", "close #2", "close #1"}));
+            (Lines{"#1 = open " + kLockPath, "#2 = open " + kLockPath, "close #2", "close #1"}));
 }
 
 TEST_F(Table, AnAddWithoutAClaim_BecauseTheLockFileWentAway_ReturnsOneAndSaysSo) {
   Journal journal;
-  journal.after("#1 = open", [] { remove(kLockPath); });
+  journal.after("#1 = open", [] { remove(kLockPath.c_str()); });
   int32_t result = 0;
   const Output output = capture([&] { result = operate(LIST_OP_ADD, 0, 0); });
   EXPECT_EQ(result, 1);
-  EXPECT_EQ(output, (Output{"Cannot Lock file /var/lock_store/lan_conf_lock", ""}));
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock",
-                                    "open /var/lock_store/lan_conf_lock failed", "close #1"}));
+  EXPECT_EQ(output, (Output{"Cannot Lock file " + kLockPath, ""}));
+  EXPECT_EQ(journal.lines(),
+            (Lines{"#1 = open " + kLockPath, "open " + kLockPath + " failed", "close #1"}));
 }
 
 /* ---- claim ---- */
@@ -161,8 +159,8 @@ TEST_F(Table, AClaim_WritesTheSlotAloneUnderTheRecordsByte) {
   expected.put32(at(0), 1);
   Journal journal;
   EXPECT_EQ(SC_Operate_System_List_GetDhcpdBind_Blank(block_), 0);
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 2",
-                                    "unlock #1 2", "close #1"}));
+  EXPECT_EQ(journal.lines(),
+            (Lines{"#1 = open " + kLockPath, "lock #1 2", "unlock #1 2", "close #1"}));
   EXPECT_TRUE(expected.matches(block_));
 }
 
@@ -223,8 +221,8 @@ TEST_F(Table, AClaimThatLosesTheRaceForARecord_ReleasesItAndTakesTheNext) {
     Journal journal;
     journal.before("lock #1 2", [&] { block_->lan_binds[0].slot_id = taken; });
     EXPECT_EQ(SC_Operate_System_List_GetDhcpdBind_Blank(block_), 1);
-    EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 2",
-                                      "unlock #1 2", "lock #1 3", "unlock #1 3", "close #1"}));
+    EXPECT_EQ(journal.lines(), (Lines{"#1 = open " + kLockPath, "lock #1 2", "unlock #1 2",
+                                      "lock #1 3", "unlock #1 3", "close #1"}));
     EXPECT_EQ(block_->lan_binds[0].slot_id, taken);
     EXPECT_EQ(block_->lan_binds[1].slot_id, 2);
   }
@@ -238,8 +236,8 @@ TEST_F(Table, Delete_FreesTheRecordAndLeavesItsPayload) {
   expected.put32(at(31), 0xffffffff);
   Journal journal;
   EXPECT_EQ(operate(LIST_OP_DEL, 31, 0), 0);
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 33",
-                                    "unlock #1 33", "close #1"}));
+  EXPECT_EQ(journal.lines(),
+            (Lines{"#1 = open " + kLockPath, "lock #1 33", "unlock #1 33", "close #1"}));
   EXPECT_TRUE(expected.matches(block_));
 }
 
@@ -255,7 +253,7 @@ TEST_F(Table, DeleteFromTheCapacityOn_ReturnsTwoAndLocksNothing) {
   for (uint32_t position : {kCapacity, kCapacity + 1, 0x80000000u, 0xffffffffu}) {
     Journal journal;
     EXPECT_EQ(operate(LIST_OP_DEL, position, 0), 2) << position;
-    EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "close #1"}));
+    EXPECT_EQ(journal.lines(), (Lines{"#1 = open " + kLockPath, "close #1"}));
   }
   EXPECT_TRUE(expected.matches(block_));
 }
@@ -276,8 +274,8 @@ TEST_F(Table, Modify_WritesThePayloadAndKeepsTheSlot) {
   put_payload(expected, 6, 40);
   Journal journal;
   EXPECT_EQ(operate(LIST_OP_MODIFY, 6, 40), 0);
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 8",
-                                    "unlock #1 8", "close #1"}));
+  EXPECT_EQ(journal.lines(),
+            (Lines{"#1 = open " + kLockPath, "lock #1 8", "unlock #1 8", "close #1"}));
   EXPECT_TRUE(expected.matches(block_));
 }
 
@@ -312,7 +310,7 @@ TEST_F(Table, ModifyAtTheLargestPosition_SkipsNoUsedRecord) {
 TEST_F(Table, DeleteAll_FreesEveryRecordUnderItsByteAndLeavesThePayloads) {
   add_all();
   Image expected = now();
-  Lines lines = {"#1 = open /var/lock_store/lan_conf_lock"};
+  Lines lines = {"#1 = open " + kLockPath};
   for (uint32_t position = 0; position < kCapacity; ++position) {
     expected.put32(at(position), 0xffffffff);
     lines.push_back("lock #1 " + std::to_string(position + 2));
@@ -331,7 +329,7 @@ TEST_F(Table, AnyOtherOperation_ReturnsFiveAndChangesNothing) {
   for (uint32_t op : {3u, 4u, 6u, 7u, 256u, 0xffffffffu}) {
     Journal journal;
     EXPECT_EQ(operate(op, 0, 50), 5) << op;
-    EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "close #1"}));
+    EXPECT_EQ(journal.lines(), (Lines{"#1 = open " + kLockPath, "close #1"}));
   }
   EXPECT_TRUE(expected.matches(block_));
 }
@@ -345,9 +343,8 @@ TEST_F(Table, TheBytes_AreThoseThatTheRecordsName) {
   EXPECT_EQ(operate(LIST_OP_DEL, 0, 0), 0);
   EXPECT_EQ(operate(LIST_OP_DEL, 1, 0), 0);
   EXPECT_EQ(journal.lines(),
-            (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 77", "unlock #1 77",
-                   "close #1", "#2 = open /var/lock_store/lan_conf_lock", "lock #2 1048576",
-                   "unlock #2 1048576", "close #2"}));
+            (Lines{"#1 = open " + kLockPath, "lock #1 77", "unlock #1 77", "close #1",
+                   "#2 = open " + kLockPath, "lock #2 1048576", "unlock #2 1048576", "close #2"}));
 }
 
 TEST_F(Table, AByteThatCannotBeLocked_IsWrittenUnlocked) {
@@ -357,7 +354,7 @@ TEST_F(Table, AByteThatCannotBeLocked_IsWrittenUnlocked) {
   int32_t result = -1;
   EXPECT_EQ(capture([&] { result = operate(LIST_OP_DEL, 0, 0); }), kSilence);
   EXPECT_EQ(result, 0);
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 -5 failed",
+  EXPECT_EQ(journal.lines(), (Lines{"#1 = open " + kLockPath, "lock #1 -5 failed",
                                     "unlock #1 -5 failed", "close #1"}));
   EXPECT_EQ(block_->lan_binds[0].slot_id, -1);
 }
@@ -367,8 +364,8 @@ TEST_F(Table, TheIndexOfAByte_IsReadBeforeTheByteIsTaken) {
   Journal journal;
   journal.after("lock #1 2", [&] { block_->lan_binds[0].lock_index = 50; });
   EXPECT_EQ(operate(LIST_OP_DEL, 0, 0), 0);
-  EXPECT_EQ(journal.lines(), (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 2",
-                                    "unlock #1 2", "close #1"}));
+  EXPECT_EQ(journal.lines(),
+            (Lines{"#1 = open " + kLockPath, "lock #1 2", "unlock #1 2", "close #1"}));
 }
 
 TEST_F(Table, AWriterOfARecord_WaitsForTheHolderOfItsByte) {
@@ -432,8 +429,8 @@ TEST_F(Table, WithAnEmptyLockPath_EveryOperationReturnsMinusOneAndSaysSo) {
 }
 
 TEST_F(Table, WithAMissingLockFile_AnyOperationAndTheClaimReturnMinusOneAndNameIt) {
-  remove(kLockPath);
-  const Output said = {std::string("Cannot Lock file ") + kLockPath, ""};
+  remove(kLockPath.c_str());
+  const Output said = {"Cannot Lock file " + kLockPath, ""};
   int32_t result = 0;
   EXPECT_EQ(capture([&] { result = operate(3, 0, 1); }), said);
   EXPECT_EQ(result, -1);

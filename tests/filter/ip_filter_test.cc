@@ -170,12 +170,9 @@ TEST_F(IpFilter, DelAll_StoresMinusOneAtThePortForwardingTablesSlots) {
 
 TEST_F(IpFilter, DelAll_HitsTextsATimeAndAnAddressOfTheRules) {
   fill(block->rules, sizeof block->rules, 1);
-  for (int i = 0; i < 32; ++i) {
-    block->rules[i].lock_index = i + 2;
-    block->rules[i].slot_id = i + 1;
-  }
+  for (int i = 0; i < 32; ++i) block->rules[i].slot_id = i + 1;
   for (size_t k = 0; k < 32; ++k) memset(reinterpret_cast<char*>(block) + 144 + 948 * k, 0, 4);
-  block->rules[0].lock_index = 2;
+  golden_area("FwIpport").number_locks(block);
   DelAllIpFilterItem(block);
   const std::string ones(4, '\xFF');
   const auto at = [&](int rule, size_t offset) {
@@ -203,7 +200,7 @@ TEST_F(IpFilter, DelAll_LocksTheBytesNamedByTheWordsAtThatGeometry) {
     const int32_t word = 1000 + k;
     if (k != 0) memcpy(reinterpret_cast<char*>(block) + 144 + 948 * k, &word, 4);
   }
-  std::vector<std::string> expected{"#1 = open /var/lock_store/fw_ipport_conf_lock"};
+  std::vector<std::string> expected{"#1 = open " + lock_file("FwIpport")};
   for (int k = 0; k < 32; ++k) {
     const std::string byte = std::to_string(k == 0 ? 2 : 1000 + k);
     expected.push_back("lock #1 " + byte);
@@ -230,10 +227,9 @@ TEST_F(IpFilter, DelAllOverANegativeLockWord_StoresThereAllTheSame) {
 
 TEST_F(IpFilter, DelAllWithoutLockFile_StoresNothingButZeroesTheCountAndNotifies) {
   add_many(3);
-  ASSERT_EQ(unlink("/var/lock_store/fw_ipport_conf_lock"), 0);
+  ASSERT_EQ(unlink(lock_file("FwIpport").c_str()), 0);
   Image expected(block, sizeof *block);
-  EXPECT_EQ(capture([&] { DelAllIpFilterItem(block); }),
-            cannot_lock("/var/lock_store/fw_ipport_conf_lock"));
+  EXPECT_EQ(capture([&] { DelAllIpFilterItem(block); }), cannot_lock(lock_file("FwIpport")));
   EXPECT_TRUE(expected.put16(140, 0).matches(block));
   EXPECT_EQ(listener->codes(), (Codes{6}));
 }

@@ -115,16 +115,13 @@ TEST_F(IpGroups, DelOfAGroup_DeletesFilterRulesThenQosRulesThenTheGroup) {
   refer_to(2);
   Journal journal;
   del("2");
-  EXPECT_EQ(
-      journal.lines(),
-      joined(
-          {{"#1 = open /var/lock_store/fw_ipport_conf_lock", "lock #1 2", "unlock #1 2",
-            "close #1"},
-           notification(2, 6),
-           {"#3 = open /var/lock_store/qos_conf_lock", "lock #3 2", "unlock #3 2", "close #3"},
-           notification(4, 9),
-           {"#5 = open /var/lock_store/ipgroup_conf_lock", "lock #5 3", "unlock #5 3", "close #5"},
-           notification(6, 10)}));
+  EXPECT_EQ(journal.lines(),
+            joined({{"#1 = open " + lock_file("FwIpport"), "lock #1 2", "unlock #1 2", "close #1"},
+                    notification(2, 6),
+                    {"#3 = open " + lock_file("Qos"), "lock #3 2", "unlock #3 2", "close #3"},
+                    notification(4, 9),
+                    {"#5 = open " + lock_file("IpGroup"), "lock #5 3", "unlock #5 3", "close #5"},
+                    notification(6, 10)}));
 }
 
 TEST_F(IpGroups, TheCount_WrapsBelowZero) {

@@ -115,7 +115,7 @@ TEST_F(PortForwarding, AnOption3WordOf200_IsReadBackAsMinus56) {
 
 TEST_F(PortForwarding, AnItem_FillsItsFieldsAndLeavesTheGapsBetweenThem) {
   fill(block->rules, sizeof block->rules, 1);
-  block->rules[0].lock_index = 2;
+  golden_area("VsIpport").number_locks(block);
   block->rules[0].slot_id = -1;
   const PortFwItem item = rule();
   Image expected(block, sizeof *block);
@@ -137,10 +137,9 @@ TEST_F(PortForwarding, IdZero_GivesAnAllZeroItem) {
 
 TEST_F(PortForwarding, DelAllWithoutLockFile_FreesNothingButZeroesTheCountAndNotifies) {
   add_many(2);
-  ASSERT_EQ(unlink("/var/lock_store/vs_ipport_conf_lock"), 0);
+  ASSERT_EQ(unlink(lock_file("VsIpport").c_str()), 0);
   Image expected(block, sizeof *block);
-  EXPECT_EQ(capture([&] { DelAllPortFwItem(block); }),
-            cannot_lock("/var/lock_store/vs_ipport_conf_lock"));
+  EXPECT_EQ(capture([&] { DelAllPortFwItem(block); }), cannot_lock(lock_file("VsIpport")));
   EXPECT_TRUE(expected.put16(140, 0).matches(block));
   EXPECT_EQ(listener->codes(), (Codes{5}));
 }

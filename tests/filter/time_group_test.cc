@@ -100,7 +100,7 @@ TEST_F(TimeGroups, AStartTimeOfTenCharacters_HasNoTerminatorAndTheNextFieldFollo
 
 TEST_F(TimeGroups, AnItem_BecomesTheRunOfBytes8To434AndNothingElse) {
   fill(block->groups, sizeof block->groups, 1);
-  block->groups[0].lock_index = 2;
+  golden_area("TimeGroup").number_locks(block);
   block->groups[0].slot_id = -1;
   TimeGroupItem item;
   fill(&item, sizeof item, 4);
@@ -152,10 +152,9 @@ TEST_F(TimeGroups, DelOfAGroup_DeletesIpUrlMacAndQosRulesThenTheGroup) {
     const size_t at = line.find("open /");
     if (at != std::string::npos) opened.push_back(line.substr(at + 5));
   }
-  EXPECT_EQ(opened, (std::vector<std::string>{
-                        "/var/lock_store/fw_ipport_conf_lock", "/var/lock_store/fw_url_conf_lock",
-                        "/var/lock_store/fw_mac_conf_lock", "/var/lock_store/qos_conf_lock",
-                        "/var/lock_store/timegroup_conf_lock"}));
+  EXPECT_EQ(opened,
+            (std::vector<std::string>{lock_file("FwIpport"), lock_file("FwUrl"), lock_file("FwMac"),
+                                      lock_file("Qos"), lock_file("TimeGroup")}));
 }
 
 TEST_F(TimeGroups, DelOfAFreeId_StillRunsTheCascadeAndLowersTheCount) {

@@ -129,9 +129,7 @@ void run_archive(Source& source) {
     calls->read(block_of(calls->name).data());
     store::Archive archive;
     if (kind >= 0xf8) judge(bytes, &archive);
-    if (archive.state == store::State::kGood &&
-        "/var/systemconfig/config_" + std::string(archive.area->stem) + ".cfg" ==
-            facts.image_path &&
+    if (archive.state == store::State::kGood && archive.area->key == facts.key &&
         memcmp(block_of(calls->name).data(), archive.image, facts.size) != 0) {
       found("%s is called good and not loaded whole", calls->name);
     }

@@ -29,10 +29,12 @@ void within(const char* what, int64_t result, int64_t lowest, int64_t highest) {
 }
 
 /* Every record that the block says is used, counted by hand. */
-int64_t used(const std::string& area, size_t first_id, size_t stride, size_t capacity) {
+int64_t used(const std::string& table) {
+  const IdTableRow& row = id_table_row(table);
+  const uint8_t* block = block_of(row.area).data();
   int64_t count = 0;
-  for (size_t p = 0; p < capacity; ++p) {
-    count += load(block_of(area).data() + first_id + p * stride, 4) != 0;
+  for (uint32_t p = 0; p < row.capacity; ++p) {
+    count += load(block + row.record_at(p) + row.id_at, 4) != 0;
   }
   return count;
 }
@@ -41,7 +43,7 @@ void run_aps(Source& source) {
   block_of("ManageApList") = hostile_block(source, "ManageApList");
   auto* block = block_of("ManageApList").as<ManageApListBlock>();
   while (true) {
-    const int64_t count = used("ManageApList", 136 + 11788, 12304, 300);
+    const int64_t count = used("Ap_Info");
     within("count", SC_Get_Ap_Info_Count(block), count, count);
     Exact positions(300 * sizeof(uint32_t));
     within("list", SC_Get_Ap_Info_Count_And_Id(positions.as<uint32_t>(), block), count, count);
@@ -77,7 +79,7 @@ void run_users(Source& source) {
   block_of("ApUserList") = hostile_block(source, "ApUserList");
   auto* block = block_of("ApUserList").as<ApUserListBlock>();
   for (uint32_t steps = 0; steps < kMostSteps; ++steps) {
-    const int64_t count = used("ApUserList", 136 + 4, 23200, 300);
+    const int64_t count = used("ApUser_Info");
     within("count", SC_Get_ApUser_Info_Count(block), count, count);
     within("by id", SC_Get_ApUser_Info_By_Id(block, source.number()), -1, 299);
     Exact mac(source.bytes(6));
@@ -97,7 +99,7 @@ void run_templates(Source& source) {
   auto* aps = block_of("ManageApList").as<ManageApListBlock>();
   auto* block = block_of("ApTemplateList").as<ApTemplateListBlock>();
   for (uint32_t steps = 0; steps < kMostSteps; ++steps) {
-    const int64_t count = used("ApTemplateList", 136 + 4, 12008, 15);
+    const int64_t count = used("AP_Template_Info");
     within("count", SC_Get_AP_Template_Info_Count(block), count, count);
     const uint32_t id = source.number();
     within("by id", SC_Get_AP_Template_Info_By_Id(block, id), -1, 14);

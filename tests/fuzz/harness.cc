@@ -145,9 +145,7 @@ void Stage::set(const std::string& area, const Bytes& image) {
 }
 
 Blocks Stage::blocks() {
-  return {block_of("FwIpport").as<FwIpportBlock>(), block_of("FwMac").as<FwMacBlock>(),
-          block_of("FwUrl").as<FwUrlBlock>(),       block_of("Qos").as<QosBlock>(),
-          block_of("IpGroup").as<IpGroupBlock>(),   block_of("TimeGroup").as<TimeGroupBlock>()};
+  return blocks_at([](const char* area) { return block_of(area).data(); });
 }
 
 void Stage::same(const char* what, int64_t library, int64_t model) {

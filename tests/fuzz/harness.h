@@ -22,7 +22,7 @@
 
 #include "model/list_calls.h"
 #include "model/model.h"
-#include "model/rows.h"
+#include "support/rows.h"
 
 namespace sc_fuzz {
 

@@ -200,11 +200,7 @@ std::vector<int64_t> Replay::on_list(const Step& step) {
   const ListStructs& row = *find_list(step.subject);
   const ListCalls& calls = calls_of(step.subject);
   uint8_t* own = block(row.area);
-  const Blocks blocks = {
-      typed<FwIpportBlock>("FwIpport"), typed<FwMacBlock>("FwMac"),
-      typed<FwUrlBlock>("FwUrl"),       typed<QosBlock>("Qos"),
-      typed<IpGroupBlock>("IpGroup"),   typed<TimeGroupBlock>("TimeGroup"),
-  };
+  const Blocks blocks = blocks_at([&](const char* area) { return block(area); });
   if (step.verb == "add") return {calls.add(own, build(row.item, step).data())};
   if (step.verb == "modify") return {calls.modify(own, build(row.item, step).data())};
   if (step.verb == "delete") {

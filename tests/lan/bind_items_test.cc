@@ -300,7 +300,7 @@ TEST_P(BindItems, DelAll_FreesEveryRecordZeroesTheCounterAndNotifiesOnce) {
 
 TEST_P(BindItems, WithoutLockFile_NothingIsStoredButTheCounterRulesAndTheNotificationHold) {
   ASSERT_EQ(add(item_of(1)), 0);
-  const std::string path = "/var/lock_store/lan_conf_lock", message = "Cannot Lock file " + path;
+  const std::string path = lock_file("Lan"), message = "Cannot Lock file " + path;
   ASSERT_EQ(unlink(path.c_str()), 0);
   listener->codes();
   Image expected(block, sizeof *block);
@@ -335,11 +335,11 @@ TEST_P(BindItems, ATypicalRequest_LocksClaimsFillsNotifiesInThisOrder) {
   const std::string lock = GetParam().offset == 1508 ? "2" : "34";
   Journal journal;
   ASSERT_EQ(add(item), 0);
-  EXPECT_EQ(journal.lines(), joined({{"#1 = open /var/lock_store/lan_conf_lock",
-                                      "#2 = open /var/lock_store/lan_conf_lock", "lock #2 " + lock,
-                                      "unlock #2 " + lock, "close #2", "lock #1 " + lock,
-                                      "unlock #1 " + lock, "close #1"},
-                                     notification(3, 1)}));
+  EXPECT_EQ(
+      journal.lines(),
+      joined({{"#1 = open " + lock_file("Lan"), "#2 = open " + lock_file("Lan"), "lock #2 " + lock,
+               "unlock #2 " + lock, "close #2", "lock #1 " + lock, "unlock #1 " + lock, "close #1"},
+              notification(3, 1)}));
 }
 
 TEST_P(BindItems, TheCounter_StandsBeforeTheDaemonIsTold) {

@@ -1,5 +1,5 @@
 /* DHCP static bindings, table operations: the LAN and the AC table. What holds for every list is
- * tested in generic_rules_test.cc. */
+ * tested in generic_rules. */
 #include <arpa/inet.h>
 
 #include <sysconfig/lan.h>
@@ -187,10 +187,10 @@ TEST_P(BindTable, EachTable_LocksItsOwnBytesOfTheLanLockFile) {
   Journal journal;
   ASSERT_EQ(remove(0), SC_LIST_OK);
   ASSERT_EQ(remove(31), SC_LIST_OK);
-  EXPECT_EQ(journal.lines(),
-            (Lines{"#1 = open /var/lock_store/lan_conf_lock", "lock #1 " + first,
-                   "unlock #1 " + first, "close #1", "#2 = open /var/lock_store/lan_conf_lock",
-                   "lock #2 " + last, "unlock #2 " + last, "close #2"}));
+  EXPECT_EQ(
+      journal.lines(),
+      (Lines{"#1 = open " + lock_file("Lan"), "lock #1 " + first, "unlock #1 " + first, "close #1",
+             "#2 = open " + lock_file("Lan"), "lock #2 " + last, "unlock #2 " + last, "close #2"}));
 }
 
 TEST_P(BindTable, TheBindingCounters_AreNotTouchedByTableOperations) {

@@ -1,10 +1,8 @@
 #include "model/ap_model.h"
 
-#include <stdlib.h>
 #include <string.h>
 
 #include "support/areas.h"
-#include "support/golden.h"
 
 namespace sc_test {
 namespace {
@@ -20,27 +18,7 @@ constexpr uint32_t kMaxApCount = 468;
 const IdTableRow& aps() { return id_table_row("Ap_Info"); }
 const IdTableRow& templates() { return id_table_row("AP_Template_Info"); }
 
-std::vector<IdTableRow> read_rows() {
-  std::vector<IdTableRow> rows;
-  for (const GoldenRow& row : golden_table("id_tables.csv")) {
-    auto number = [&](const char* column) { return static_cast<uint32_t>(row.number(column)); };
-    rows.push_back({row.text("list"), row.text("area"),
-                    static_cast<uint32_t>(golden_area(row.text("area")).path_at), number("base"),
-                    number("stride"), number("capacity"), number("id_at"), number("lock_at"),
-                    number("mac_at")});
-  }
-  return rows;
-}
-
 }  // namespace
-
-const IdTableRow& id_table_row(const std::string& name) {
-  static const std::vector<IdTableRow> rows = read_rows();
-  for (const IdTableRow& row : rows) {
-    if (row.name == name) return row;
-  }
-  abort();
-}
 
 void ApModel::forget() {
   journal.clear();

@@ -11,16 +11,9 @@
 #include <vector>
 
 #include "model/model.h"
+#include "support/rows.h"
 
 namespace sc_test {
-
-struct IdTableRow {
-  std::string name, area;
-  uint32_t path_at, base, stride, capacity, id_at, lock_at, mac_at;
-};
-
-/* "Ap_Info", "ApUser_Info" or "AP_Template_Info". */
-const IdTableRow& id_table_row(const std::string& name);
 
 class ApModel {
  public:

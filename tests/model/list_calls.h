@@ -9,6 +9,7 @@
 
 #include <type_traits>
 
+#include "support/blocks.h"
 #include "support/called.h"
 
 namespace sc_test {
@@ -31,16 +32,6 @@ struct Erased<F> {
   static Result call(typename Untyped<Args>::type... args) {
     return Noted<F>::call(static_cast<Args>(args)...);
   }
-};
-
-/* The areas that a listing or a delete of one list reaches besides its own. */
-struct Blocks {
-  FwIpportBlock* ip_filters;
-  FwMacBlock* mac_filters;
-  FwUrlBlock* url_filters;
-  QosBlock* qos_rules;
-  IpGroupBlock* ip_groups;
-  TimeGroupBlock* time_groups;
 };
 
 struct ListCalls {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "model/rows.h"
+#include "support/rows.h"
 
 namespace sc_test {
 

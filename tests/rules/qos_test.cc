@@ -137,7 +137,7 @@ TEST_F(Qos, AnAddressText_IsStoredAsItsWordAndComesBackAsTheSameText) {
 
 TEST_F(Qos, AnItem_FillsItsFieldsAndLeavesTheGapsBetweenThem) {
   fill(block->rules, sizeof block->rules, 1);
-  block->rules[0].lock_index = 2;
+  golden_area("Qos").number_locks(block);
   block->rules[0].slot_id = -1;
   QosItem item;
   fill(&item, sizeof item, 4);

@@ -54,7 +54,7 @@ class EveryTableTest : public EditTest, public testing::WithParamInterface<std::
 
 std::vector<std::string> table_names() {
   std::vector<std::string> names;
-  for (const EditedTable& table : kEditedTables) names.push_back(table.name);
+  for (const TableEdits& table : kTableEdits) names.push_back(table.name);
   return names;
 }
 

@@ -1,5 +1,5 @@
-/* What the tests of scctl's edits share: every table as it lies in its area, typed a second time, and
- * all areas, made and live.
+/* What the tests of scctl's edits share: an edit for every table, with the table as it lies in its
+ * area, and all areas, made and live.
  */
 #ifndef SCCTL_EDITS_H
 #define SCCTL_EDITS_H
@@ -14,20 +14,16 @@
 #include "support/locks.h"
 #include "support/output.h"
 #include "support/program.h"
+#include "support/rows.h"
 #include "support/world.h"
 
 namespace sc_test {
 
-/* A table, what scctl add takes for a record, what scctl set takes, and where these lie. */
-struct EditedTable {
-  const char* name;
-  const char* area;
-  size_t base, stride;
-  uint32_t capacity;
-  size_t lock_at, id_at;
-  uint32_t first_lock, free_mark;
-  size_t counter_at, counter_size;
-  const char* key; /* of add, whose value is 6 bytes or text at key_at */
+/* What scctl add takes for a record of a table, what scctl set takes, and where these lie in it. */
+struct TableEdits {
+  const char* name; /* of scctl */
+  const char* list; /* in golden/lists.csv or golden/id_tables.csv */
+  const char* key;  /* of add, whose value is 6 bytes or text at key_at */
   std::string key_value;
   size_t key_at;
   const char* field; /* of set, a text or bytes at field_at */
@@ -37,26 +33,57 @@ struct EditedTable {
 
 /* In the order of their areas. */
 // clang-format off
-inline const EditedTable kEditedTables[] = {
-  {"lan_binds",     "Lan",            1508,  748,   32,  4, 0,     2,  ~0u, 1504,  4, "mac=00:11:22:33:44:55", "00:11:22:33:44:55", 9,   "name=set",          "set",  48},
-  {"ac_binds",      "Lan",            25948, 748,   32,  4, 0,     34, ~0u, 25944, 4, "mac=00:11:22:33:44:55", "00:11:22:33:44:55", 9,   "name=set",          "set",  48},
-  {"port_forward",  "VsIpport",       144,   948,   32,  0, 4,     2,  ~0u, 140,   2, "leading_text=web",      "web",               8,   "trailing_text=set", "set",  246},
-  {"ip_filter",     "FwIpport",       144,   984,   32,  0, 4,     2,  ~0u, 140,   2, "leading_text=rule",     "rule",              8,   "start_time=set",    "set",  262},
-  {"ip_groups",     "IpGroup",        140,   940,   16,  0, 4,     2,  ~0u, 136,   4, "leading_text=office",   "office",            8,   "trailing_text=set", "set",  240},
-  {"time_groups",   "TimeGroup",      140,   936,   16,  0, 4,     2,  ~0u, 136,   4, "leading_text=night",    "night",             8,   "start_time=set",    "set",  215},
-  {"mac_filter",    "FwMac",          144,   960,   32,  0, 4,     2,  ~0u, 140,   2, "mac=00:11:22:33:44:55", "00:11:22:33:44:55", 208, "leading_text=set",  "set",  8},
-  {"url_filter",    "FwUrl",          144,   1068,  32,  0, 4,     2,  ~0u, 140,   2, "url=example.org",       "example.org",       208, "leading_text=set",  "set",  8},
-  {"qos",           "Qos",            144,   1008,  32,  0, 4,     2,  ~0u, 140,   2, "leading_text=slow",     "slow",              8,   "match_text=set",    "set",  209},
-  {"aps",           "ManageApList",   136,   12304, 300, 0, 11788, 2,  0,   0,     0, "ap_mac=02:61:62:63:64:65",   "\x02" "abcde",   236, "opaque_11800=736574", "set", 11800},
-  {"ap_users",      "ApUserList",     136,   23200, 300, 0, 4,     2,  0,   0,     0, "user_mac=02:61:62:63:64:65", "\x02" "abcde",   8,   "opaque_14=736574",  "set",  14},
-  {"ap_templates",  "ApTemplateList", 136,   12008, 15,  0, 4,     2,  0,   0,     0, "template_name=lobby",   "lobby",             58,  "opaque_8=736574",   "set",  8},
-  {"client_groups", "Clients_Groups", 136,   528,   10,  0, 4,     2,  ~0u, 0,     0, "group_name=staff",      "staff",             8,   "group_name=set",    "set",  8},
-  {"clients",       "Clients",        136,   720,   300, 0, 4,     2,  ~0u, 0,     0, "client_mac=02:61:62:63:64:65", "\x02" "abcde", 8,   "text_182=set",      "set",  182},
+inline const TableEdits kTableEdits[] = {
+  {"lan_binds",     "DhcpdBind",        "mac=00:11:22:33:44:55", "00:11:22:33:44:55", 9, "name=set", "set", 48},
+  {"ac_binds",      "AC_DhcpdBind",     "mac=00:11:22:33:44:55", "00:11:22:33:44:55", 9, "name=set", "set", 48},
+  {"port_forward",  "ForwordIpPort",    "leading_text=web", "web", 8, "trailing_text=set", "set", 246},
+  {"ip_filter",     "FireWall_IpPort",  "leading_text=rule", "rule", 8, "start_time=set", "set", 262},
+  {"ip_groups",     "UserIpGroup",      "leading_text=office", "office", 8, "trailing_text=set", "set", 240},
+  {"time_groups",   "UserTimeGroup",    "leading_text=night", "night", 8, "start_time=set", "set", 215},
+  {"mac_filter",    "FireWall_Mac",     "mac=00:11:22:33:44:55", "00:11:22:33:44:55", 208, "leading_text=set", "set", 8},
+  {"url_filter",    "FireWall_Url",     "url=example.org", "example.org", 208, "leading_text=set", "set", 8},
+  {"qos",           "QosRule",          "leading_text=slow", "slow", 8, "match_text=set", "set", 209},
+  {"aps",           "Ap_Info",          "ap_mac=02:61:62:63:64:65", "\x02" "abcde", 236, "opaque_11800=736574", "set", 11800},
+  {"ap_users",      "ApUser_Info",      "user_mac=02:61:62:63:64:65", "\x02" "abcde", 8, "opaque_14=736574", "set", 14},
+  {"ap_templates",  "AP_Template_Info", "template_name=lobby", "lobby", 58, "opaque_8=736574", "set", 8},
+  {"client_groups", "ClientsGroups",    "group_name=staff", "staff", 8, "group_name=set", "set", 8},
+  {"clients",       "Clients",          "client_mac=02:61:62:63:64:65", "\x02" "abcde", 8, "text_182=set", "set", 182},
 };
 // clang-format on
 
+/* The same with the table as it lies in its area. */
+struct EditedTable : TableEdits {
+  std::string area;
+  size_t base, stride;
+  uint32_t capacity;
+  size_t lock_at, id_at;
+  uint32_t first_lock, free_mark = 0;
+  size_t counter_at = 0, counter_size = 0;
+};
+
+inline EditedTable with_place(const TableEdits& edits) {
+  for (const IdTableRow& row : id_table_rows()) {
+    if (row.name != edits.list) continue;
+    return {edits,        row.area,    row.base,  row.stride,
+            row.capacity, row.lock_at, row.id_at, row.first_lock_index};
+  }
+  const ListRow& row = list_row(edits.list);
+  const auto first_lock = static_cast<uint32_t>(row.first_lock_index);
+  return {edits,       row.area,   row.base,      row.stride,     row.capacity,     row.lock_at,
+          row.slot_at, first_lock, row.free_mark, row.counter_at, row.counter_width};
+}
+
+inline const std::vector<EditedTable>& edited_tables() {
+  static const std::vector<EditedTable> tables = [] {
+    std::vector<EditedTable> all;
+    for (const TableEdits& edits : kTableEdits) all.push_back(with_place(edits));
+    return all;
+  }();
+  return tables;
+}
+
 inline const EditedTable& edited_table(const std::string& name) {
-  for (const EditedTable& table : kEditedTables) {
+  for (const EditedTable& table : edited_tables()) {
     if (name == table.name) return table;
   }
   throw std::runtime_error(name);
@@ -66,7 +93,7 @@ inline const EditedTable& edited_table(const std::string& name) {
 inline Words next_key(const EditedTable& table, char digit, char letter) {
   std::string key = table.key;
   key.back() = key.back() == '5' ? digit : letter;
-  if (table.area == std::string("Lan")) return {key, std::string("ip=0.0.0.") + digit};
+  if (table.area == "Lan") return {key, std::string("ip=0.0.0.") + digit};
   return {key};
 }
 inline Words other_key(const EditedTable& table) { return next_key(table, '6', 'x'); }
@@ -111,7 +138,6 @@ class EditTest : public World {
   Image image(const std::string& area_name) {
     return Image(block(area_name), golden_area(area_name).size);
   }
-  std::string lock_file(const std::string& area_name) { return golden_area(area_name).lock_path; }
 
   /* A command that has to succeed, and what it prints. */
   std::string done(const Words& arguments, const std::string& input = "") {

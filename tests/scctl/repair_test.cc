@@ -156,7 +156,7 @@ TEST_F(RepairTest, AllDamagesAtOnce_AreMendedAndEveryRecordStays) {
 }
 
 TEST_F(RepairTest, DamageInEveryTable_IsMended) {
-  for (const EditedTable& table : kEditedTables) {
+  for (const EditedTable& table : edited_tables()) {
     done({"add", record_name(table, 2), table.key});
     const Image whole = image(table.area);
     Image damaged = whole;

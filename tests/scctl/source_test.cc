@@ -78,7 +78,7 @@ TEST_F(ReaderTest, ARecordWithoutALockThatIsWrittenMeanwhile_IsCopiedAgain) {
   auto* block = started<ApUserListBlock>("ApUserList");
   ASSERT_NE(block, nullptr);
   const ::store::Table& table = *::store::find_table("ap_users", 8);
-  unlink(golden_area("ApUserList").lock_path.c_str());
+  unlink(lock_file("ApUserList").c_str());
   struct sigaction action = {}, before;
   action.sa_handler = write_all;
   ASSERT_EQ(sigaction(SIGSEGV, &action, &before), 0);

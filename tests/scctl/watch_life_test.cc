@@ -111,7 +111,7 @@ TEST_F(WatchTest, WhileItIsStopped_ChangesTakeNoLonger_AndThenThePresentIsShown)
   EXPECT_LT(std::min(first, second), 3 * alone + 100);
   auto* misc = block_at<MiscBlock>(SC_Get_Misc_System_Config());
   misc->settings_140[0] = 1;
-  close(open(golden_area("Misc").lock_path.c_str(), O_RDWR | O_CLOEXEC));
+  close(open(lock_file("Misc").c_str(), O_RDWR | O_CLOEXEC));
   EXPECT_TRUE(watch.is_silent(50));
   kill(watch.program().pid(), SIGCONT);
   EXPECT_EQ(watch.lines(3, 2000),
@@ -364,7 +364,7 @@ class WatchTogetherTest : public WatchTest {
     kill(watch.program().pid(), SIGSTOP);
     lan->lan_settings[0] = misc->settings_140[0] = product->settings[0] = to;
     for (const char* name : {"Lan", "Misc", "ProductInfo"}) {
-      close(open(golden_area(name).lock_path.c_str(), O_RDWR | O_CLOEXEC));
+      close(open(lock_file(name).c_str(), O_RDWR | O_CLOEXEC));
     }
     kill(watch.program().pid(), SIGCONT);
   }

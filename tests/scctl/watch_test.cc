@@ -110,7 +110,7 @@ TEST_F(WatchTest, AnAccessPoint_IsAddedOnceWhenItIsFilledUnderItsByte) {
   limits.max_ap_count = 300;
   const uint8_t mac[] = {0, 1, 2, 3, 4, 5};
   const char info[sizeof aps->aps[0].group_info] = "lobby"; /* the library copies all of it */
-  const std::string lock = golden_area("ManageApList").lock_path;
+  const std::string lock = lock_file("ManageApList");
   Watch watch({"ManageApList"});
   for (int round = 0; round < 2; ++round) {
     const int32_t position = SC_Get_Ap_Info_Blank(aps, &limits);

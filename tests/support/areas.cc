@@ -8,6 +8,7 @@
 #include <sysconfig/rules.h>
 
 #include <stdlib.h>
+#include <string.h>
 
 #include <stdexcept>
 
@@ -91,13 +92,19 @@ Image AreaFacts::emptied() const {
   return image;
 }
 
-void AreaFacts::number(Image& image) const {
-  image.put(path_at, lock_path, lock_path.size() + 1).put32(index_at, 1);
+void AreaFacts::number_locks(void* block) const {
   for (const Span& span : locks) {
     for (size_t i = 0; i < span.count; ++i) {
-      image.put32(span.offset + i * span.stride, span.first + static_cast<uint32_t>(i));
+      const uint32_t lock_index = span.first + static_cast<uint32_t>(i);
+      memcpy(static_cast<uint8_t*>(block) + span.offset + i * span.stride, &lock_index,
+             sizeof lock_index);
     }
   }
+}
+
+void AreaFacts::number(Image& image) const {
+  image.put(path_at, lock_path, lock_path.size() + 1).put32(index_at, 1);
+  number_locks(image.data());
   for (const Span& span : zeroed_by_read) {
     for (size_t i = 0; i < span.count; ++i) image.put32(span.offset + i * span.stride, 0);
   }
@@ -128,6 +135,8 @@ const AreaFacts& golden_area(const std::string& name) {
   }
   throw std::out_of_range("no golden area " + name);
 }
+
+const std::string& lock_file(const std::string& area) { return golden_area(area).lock_path; }
 
 std::vector<std::string> area_names() {
   std::vector<std::string> names;

@@ -46,6 +46,8 @@ struct AreaFacts {
 
   /* What an Init without Read leaves: zeroes, and the free marks. */
   Image emptied() const;
+  /* Writes the lock index of each record and section into a block. */
+  void number_locks(void* block) const;
   /* Writes into the image what Read writes before it looks for an archive. */
   void number(Image& image) const;
 };
@@ -53,6 +55,9 @@ struct AreaFacts {
 /* In directory order. */
 const std::vector<AreaFacts>& golden_areas();
 const AreaFacts& golden_area(const std::string& name);
+
+/* The path of an area's lock file. */
+const std::string& lock_file(const std::string& area);
 
 /* Names for parametrised tests: all areas, or those that have files (all but the AP users). */
 std::vector<std::string> area_names();

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/areas.h"
 #include "support/random.h"
 #include "support/world.h"
 
@@ -31,6 +32,7 @@ uint64_t chosen_seed(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   sc_test::enter_private_world();
+  sc_test::golden_areas(); /* read before a journal notes what is opened and closed */
   testing::InitGoogleTest(&argc, argv);
   sc_test::set_run_seed(chosen_seed(argc, argv));
   printf("Seed %llu; repeat this run with %s%llu\n",

@@ -1,4 +1,4 @@
-#include "model/rows.h"
+#include "support/rows.h"
 
 #include <stdlib.h>
 
@@ -80,6 +80,18 @@ std::vector<ListRow> read_rows() {
   return lists;
 }
 
+std::vector<IdTableRow> read_id_tables() {
+  std::vector<IdTableRow> tables;
+  for (const GoldenRow& row : golden_table("id_tables.csv")) {
+    const AreaFacts& area = golden_area(row.text("area"));
+    tables.push_back({row.text("list"), area.name, static_cast<uint32_t>(area.path_at),
+                      whole(row, "base"), whole(row, "stride"), whole(row, "capacity"),
+                      whole(row, "id_at"), whole(row, "lock_at"), whole(row, "mac_at"),
+                      area.locks.at(0).first});
+  }
+  return tables;
+}
+
 }  // namespace
 
 const std::vector<ListRow>& list_rows() {
@@ -89,6 +101,18 @@ const std::vector<ListRow>& list_rows() {
 
 const ListRow& list_row(const std::string& name) {
   for (const ListRow& row : list_rows()) {
+    if (row.name == name) return row;
+  }
+  abort();
+}
+
+const std::vector<IdTableRow>& id_table_rows() {
+  static const std::vector<IdTableRow> rows = read_id_tables();
+  return rows;
+}
+
+const IdTableRow& id_table_row(const std::string& name) {
+  for (const IdTableRow& row : id_table_rows()) {
     if (row.name == name) return row;
   }
   abort();

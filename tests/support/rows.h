@@ -1,6 +1,7 @@
-/* The golden rows of the lists, parsed: everything that the model knows about them. */
-#ifndef MODEL_ROWS_H
-#define MODEL_ROWS_H
+/* The golden rows of the lists and of the access-point tables, parsed: what the tests know about
+ * tables. */
+#ifndef SUPPORT_ROWS_H
+#define SUPPORT_ROWS_H
 
 #include <stdint.h>
 
@@ -62,6 +63,20 @@ struct ListRow {
 
 const std::vector<ListRow>& list_rows();
 const ListRow& list_row(const std::string& name);
+
+/* A table whose records are free when their id is 0. */
+struct IdTableRow {
+  std::string name, area;
+  uint32_t path_at; /* of the area's header */
+  uint32_t base, stride, capacity, id_at, lock_at, mac_at;
+  uint32_t first_lock_index;
+
+  uint32_t record_at(uint32_t position) const { return base + stride * position; }
+};
+
+/* "Ap_Info", "ApUser_Info" or "AP_Template_Info". */
+const IdTableRow& id_table_row(const std::string& name);
+const std::vector<IdTableRow>& id_table_rows();
 
 }  // namespace sc_test
 
