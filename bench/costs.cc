@@ -31,8 +31,10 @@ int64_t run_ns(const Side& side, int64_t times) {
   return clock_ns() - start;
 }
 
-/* Of one operation, in tenths. Batches grow, so the first, which meet what is cold, weigh little. */
+/* Of one operation, in tenths. What the first run alone does, such as to make its data, is left out. */
 int64_t tenths(const Comparison& comparison, const Side& side) {
+  comparison.before_batch();
+  side.run(1);
   int64_t ns = 0, done = 0;
   for (int64_t batch = 1; ns < kInstructions * kNsPerInstruction; batch *= 2) {
     if (batch > comparison.most_times) batch = comparison.most_times;

@@ -58,6 +58,7 @@ def main(quick):
         run("small", tests.check_small)
         run("demo", tests.check_demo)
         run("device", tests.check_device)
+        run("costs", tests.check_costs)
 
     print()
     for suite in done:
