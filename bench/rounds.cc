@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "data.h"
 
@@ -47,9 +49,11 @@ double quantile(std::vector<double> values, double share) {
 }
 
 void measure(benchmark::State& state, const Comparison& comparison) {
-  const size_t sides = comparison.sides.size();
+  size_t sides = 0;
   std::vector<int64_t> batch;
-  for (const Side& side : comparison.sides) batch.push_back(batch_of(comparison, side));
+  while (sides < std::size(comparison.sides) && comparison.sides[sides].run != nullptr) {
+    batch.push_back(batch_of(comparison, comparison.sides[sides++]));
+  }
 
   std::vector<std::vector<double>> times(sides), ratios(sides);
   for (size_t round = 0; state.KeepRunning(); ++round) {
@@ -65,7 +69,7 @@ void measure(benchmark::State& state, const Comparison& comparison) {
     state.SetIterationTime(each[0]);
   }
   for (size_t n = 0; n < sides; ++n) {
-    const std::string& name = comparison.sides[n].name;
+    const std::string name = comparison.sides[n].name;
     state.counters[name + "_ns"] = 1e9 * quantile(times[n], 0.5);
     if (n == 0) continue;
     state.counters[name + "_ratio"] = quantile(ratios[n], 0.5);
@@ -88,9 +92,9 @@ const char* value_of(int argc, char** argv, const char* option) {
 int run_only(const char* name, const char* side_name, const char* times) {
   must(side_name != nullptr && times != nullptr, "--only needs --side and --times");
   for (const Comparison& comparison : comparisons()) {
-    if (comparison.name != name) continue;
+    if (strcmp(comparison.name, name) != 0) continue;
     for (const Side& side : comparison.sides) {
-      if (side.name != side_name) continue;
+      if (side.name == nullptr || strcmp(side.name, side_name) != 0) continue;
       for (int64_t left = atoll(times); left > 0; left -= comparison.most_times) {
         comparison.before_batch();
         run_counted(side, std::min(left, comparison.most_times));
@@ -104,14 +108,14 @@ int run_only(const char* name, const char* side_name, const char* times) {
 
 }  // namespace
 
-void add(Comparison comparison) { comparisons().push_back(std::move(comparison)); }
+void add(Comparison comparison) { comparisons().push_back(comparison); }
 
 int run_comparisons(int argc, char** argv) {
   if (const char* name = value_of(argc, argv, "--only=")) {
     return run_only(name, value_of(argc, argv, "--side="), value_of(argc, argv, "--times="));
   }
   for (const Comparison& comparison : comparisons()) {
-    benchmark::RegisterBenchmark(comparison.name.c_str(), measure, comparison)
+    benchmark::RegisterBenchmark(comparison.name, measure, comparison)
         ->UseManualTime()
         ->Iterations(comparison.rounds);
   }

@@ -29,6 +29,11 @@ ERASE_BLOCK = 64 * 1024
 SPARE_AT = FLASH_AT + FLASH_SIZE
 SPARE_SIZE = 24 * MIB
 
+# Of a box that counts, an instruction takes 2^this ns; bench/costs.cc knows. The kernel reads the
+# calendar clock for a second or two of the box to learn its CPU's frequency, and a longer instruction
+# makes that fewer of them.
+COUNTING_SHIFT = 2
+
 EMPTY_FLASH = b"\xff" * FLASH_SIZE
 
 
@@ -51,12 +56,15 @@ class BoxError(Exception):
 class Box:
     """One run from power on to power off. Use as a context: leaving it cuts the power.
 
+    The clock of a box that counts advances by a fixed time with each instruction and by nothing else,
+    so such a box does the same each time, as far as its console lets it.
+
     A box that is to boot many times can be frozen once, with freeze(), before it mounts its flash,
     and later be started as a copy of that moment (frozen=) with any other flash.
     """
 
     def __init__(self, job, flash=EMPTY_FLASH, guard=False, initrds=(), console=None,
-                 terminal=False, frozen=None):
+                 terminal=False, frozen=None, counting=False):
         if len(flash) != FLASH_SIZE:
             raise BoxError("a flash image has %d bytes, this one %d" % (FLASH_SIZE, len(flash)))
         self._terminal = terminal
@@ -86,7 +94,7 @@ class Box:
         kernel_arguments = " ".join([
             "console=ttyS0 quiet", "mem=%dM@0" % (FLASH_AT // MIB),
             "mem=%dM@%dM" % ((MEMORY - end) // MIB, end // MIB),
-            "job=" + job, "guard=%d" % guard,
+            *(["nokaslr"] if counting else []), "job=" + job, "guard=%d" % guard,
             "flash=flash,%d,%d,%d" % (FLASH_AT, FLASH_SIZE, ERASE_BLOCK),
             "spare=spare,%d,%d,%d" % (SPARE_AT, SPARE_SIZE, ERASE_BLOCK)])
         self._control, control_end = socket.socketpair()
@@ -103,6 +111,9 @@ class Box:
             "mon:stdio" if terminal else "stdio",
             "-chardev", "socket,id=control,fd=%d" % control_end.fileno(),
             "-mon", "chardev=control,mode=control"]
+        if counting:
+            command += ["-icount", "shift=%d,sleep=off" % COUNTING_SHIFT,
+                        "-rtc", "clock=vm,base=2020-01-01", "-seed", "1"]
         if frozen:
             command += ["-S", "-incoming", "exec:cat '%s'" % frozen]
         for end in emulators_ends[1:]:

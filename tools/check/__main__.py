@@ -54,6 +54,7 @@ SLOW_CHECKS = {
     "small": tests.check_small,
     "demo": tests.check_demo,
     "device": tests.check_device,
+    "costs": tests.check_costs,
 }
 
 

@@ -84,6 +84,11 @@ def check_device(suite):
     suite.run(["tools/powercut", "--short"], check="with the guard no power cut loses an area")
 
 
+def check_costs(suite):
+    """The instructions of the library's operations in the box, beside their floors; see bench/run."""
+    suite.run(["bench/run", "--target"], check="no operation costs more than its baseline")
+
+
 def count_tests(suite, results, program, report, good):
     """Counts each test that a program reported, or the program itself when it reports none."""
     if report is None:

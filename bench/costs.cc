@@ -1,0 +1,72 @@
+/* Counts instructions in a box whose clock counts them: it advances by the same time with each, whichever
+ * program or the kernel executes it. */
+#include <inttypes.h>
+#include <stdio.h>
+#include <time.h>
+
+#include "data.h"
+#include "rounds.h"
+
+namespace bench {
+
+namespace {
+
+constexpr int64_t kNsPerInstruction = 4; /* 1 << COUNTING_SHIFT of device/box.py */
+/* Long enough that a tick of the kernel's clock more or less is nothing. */
+constexpr int64_t kInstructions = 20'000'000;
+
+constexpr int kMost = 32;
+Comparison comparisons[kMost];
+int comparison_count;
+
+int64_t clock_ns() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
+}
+
+int64_t run_ns(const Side& side, int64_t times) {
+  const int64_t start = clock_ns();
+  side.run(times);
+  return clock_ns() - start;
+}
+
+/* Of one operation, in tenths. What the first run alone does, such as to make its data, is left out. */
+int64_t tenths(const Comparison& comparison, const Side& side) {
+  comparison.before_batch();
+  side.run(1);
+  int64_t ns = 0, done = 0;
+  for (int64_t batch = 1; ns < kInstructions * kNsPerInstruction; batch *= 2) {
+    if (batch > comparison.most_times) batch = comparison.most_times;
+    comparison.before_batch();
+    ns += run_ns(side, batch) - run_ns(side, 0);
+    done += batch;
+  }
+  return 10 * ns / kNsPerInstruction / done;
+}
+
+}  // namespace
+
+void add(Comparison comparison) {
+  must(comparison_count < kMost, "too many comparisons");
+  comparisons[comparison_count++] = comparison;
+}
+
+int run_comparisons(int, char**) {
+  static int64_t counts[kMost][2];
+  for (int n = 0; n < comparison_count; ++n) {
+    for (int side = 0; side < 2; ++side) {
+      counts[n][side] = tenths(comparisons[n], comparisons[n].sides[side]);
+    }
+  }
+  /* At the end, for a console interrupts. */
+  for (int n = 0; n < comparison_count; ++n) {
+    const int64_t(&of)[2] = counts[n];
+    printf("cost %" PRId64 ".%d %" PRId64 ".%d %s\n", of[0] / 10, static_cast<int>(of[0] % 10),
+           of[1] / 10, static_cast<int>(of[1] % 10), comparisons[n].name);
+  }
+  printf("costs: all counted\n");
+  return 0;
+}
+
+}  // namespace bench
