@@ -189,6 +189,10 @@ TEST(Letters, AnEscapeStandsForOneTextAlone) {
   EXPECT_EQ(shown("\\x41"), "\\x5cx41");
   EXPECT_EQ(shown("\\xAf"), "\\x5cxAf");
   EXPECT_EQ(shown("C:\\x \\xg1 \\x1"), "C:\\x \\xg1 \\x1");
+  for (char c = ' '; c < 0x7f; ++c) {
+    const std::string two(2, c);
+    EXPECT_EQ(shown("\\x" + two), (is_hex(two[0]) ? "\\x5cx" : "\\x") + two);
+  }
   EXPECT_EQ(shown("\\\x1b"), "\\\\x1b");
   Random random;
   for (int n = 0; n < 20000; ++n) {
