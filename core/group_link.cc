@@ -15,7 +15,7 @@ namespace {
 struct ShownGroup {
   int32_t mode; /* 1: shown with its group */
   int32_t id;
-  [[gnu::nonstring]] char name[SC_TEXT];
+  char name[SC_TEXT];
 } SC_PACKED;
 
 /* A rule's own schedule in its item, and the group's. */
@@ -36,20 +36,23 @@ void show_groups(const GroupLink& link, const void* groups, void* items, uint32_
     /* Required: with a negative id a rule keeps its own schedule, but its range shows as zeroes. */
     if (is_time && shown.id < 0) continue;
     if (link.unless_at != 0 && load<int32_t>(item + link.unless_at) != 0) continue;
+    auto* name = reinterpret_cast<char*>(item + link.shown_at + offsetof(ShownGroup, name));
     uint8_t* own = item + link.own_at;
     const uint32_t position = static_cast<uint32_t>(shown.id) - 1;
     if (groups == nullptr || position >= SC_IP_GROUPS) {
-      memset(shown.name, 0, SC_TEXT);
+      memset(name, 0, SC_TEXT);
       memset(own, 0, is_time ? sizeof(Schedule) : 2 * SC_IP_TEXT);
     } else if (is_time) {
       const TimeGroupRecord& group = static_cast<const TimeGroupBlock*>(groups)->groups[position];
-      strncpy(shown.name, group.leading_text, SC_TEXT);
+      strncpy(name, group.leading_text, SC_TEXT);
       auto& schedule = *reinterpret_cast<Schedule*>(own);
-      for (size_t day = 0; day < SC_WEEKDAYS; ++day) schedule.weekday[day] = group.weekday[day];
+      for (size_t day = 0; day < SC_WEEKDAYS; ++day) {
+        store<int32_t>(&schedule.weekday[day], group.weekday[day]);
+      }
       memcpy(schedule.times, group.start_time, sizeof schedule.times);
     } else {
       const IpGroupRecord& group = static_cast<const IpGroupBlock*>(groups)->groups[position];
-      memcpy(shown.name, group.leading_text, SC_TEXT);
+      memcpy(name, group.leading_text, SC_TEXT);
       constexpr size_t kStart = offsetof(IpGroupRecord, start_addr);
       constexpr size_t kEnd = offsetof(IpGroupRecord, end_addr);
       const auto* record = reinterpret_cast<const uint8_t*>(&group);

@@ -321,9 +321,10 @@ class Watch {
     const int64_t now = now_ms();
     events_.follow();
     slow_ = now + kPauseMs;
-    for (int n = 0; n < kAreaCount; ++n) {
-      areas_[n].chosen = chosen[n];
-      if (chosen[n]) areas_[n].segment = shmget(kAreas[n].row().key, 0, 0);
+    for (const Area& area : kAreas) {
+      const AreaId id = id_of(area);
+      areas_[id].chosen = chosen[id];
+      if (chosen[id]) areas_[id].segment = shmget(area.row().key, 0, 0);
     }
     for (int n = 0; n < kTableCount; ++n) {
       const AreaId id = kTables[n].area;

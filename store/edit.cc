@@ -130,18 +130,17 @@ int Edit::hold(AreaId id) {
 }
 
 void Edit::end() {
-  for (int n = 0; n < kAreaCount; ++n) {
-    const auto id = static_cast<AreaId>(n);
+  for (const Area& area : kAreas) {
+    const AreaId id = id_of(area);
     if ((held_ & bit(id)) == 0) continue;
     close(g_lock_files[id]);
     g_lock_files[id] = 0;
   }
   held_ = 0;
-  for (int n = 0; n < kAreaCount; ++n) {
-    const auto id = static_cast<AreaId>(n);
-    if ((changed_ & bit(id)) == 0 || kAreas[id].notify == nullptr) continue;
+  for (const Area& area : kAreas) {
+    if ((changed_ & bit(id_of(area))) == 0 || area.notify == nullptr) continue;
     Quiet quiet;
-    kAreas[id].notify();
+    area.notify();
   }
   changed_ = 0;
   for (int n = 0; n < 3; ++n) signal(kEndingSignals[n], handlers_[n]);

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <paths.h>
 #include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -55,7 +56,7 @@ const char* enter_sandbox() {
   }
   const char* path = getenv("PATH");
   Text paths;
-  paths.print("/var/bin:%s", path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin");
+  paths.print("/var/bin:%s", path != nullptr ? path : _PATH_STDPATH);
   return setenv("PATH", paths.c_str(), 1) == 0 ? nullptr : "PATH";
 }
 

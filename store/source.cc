@@ -154,7 +154,7 @@ void Source::open_saved() {
 
 int Source::open_image(const char* path, int opened) {
   name_ = path;
-  FILE* file = opened >= 0 ? fdopen(dup(opened), "rb") : fopen(path, "rb");
+  FILE* file = opened >= 0 ? fdopen(dup(opened), "r") : fopen(path, "r");
   if (file == nullptr) return fail(kNoArea, "%s: %s", path, strerror(errno));
   const FileBytes image = read_all(file);
   const int error = ferror(file) != 0 ? errno : 0;

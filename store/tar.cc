@@ -251,7 +251,7 @@ class Tar {
     for (size_t got; (got = stream_.take(&header_, kBlock)) > 0;) {
       if (blocks < 2 && got < kBlock) return kCut;
       if (blocks < 2 && !is_zero(header_)) {
-        return checksum_fits(header_) ? "holds a second member" : "junk behind the image";
+        return checksum_fits(header_) ? "holds a second member" : "junk after the image";
       }
       if (++blocks > kMostBehind / kBlock) return "more than 64 KiB after the image";
     }

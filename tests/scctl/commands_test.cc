@@ -165,9 +165,10 @@ void check_comments(const std::string& commands, Block& block, const Table& tabl
     const std::string line = commands.substr(at, commands.find('\n', at) - at);
     unsigned id, other;
     char field[32], name[32];
-    ASSERT_EQ(sscanf(line.c_str(), "# %*[^/]/%u cannot be added: its %31s equals that of %31[^/]/%u",
-                     &id, field, name, &other),
-              4)
+    ASSERT_EQ(
+        sscanf(line.c_str(), "# %*[^/]/%u cannot be added: its %31s equals that of %31[^/]/%u", &id,
+               field, name, &other),
+        4)
         << line;
     ASSERT_EQ(name, std::string(table.name));
     ASSERT_LT(other, id);

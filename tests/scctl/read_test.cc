@@ -25,6 +25,7 @@ namespace sc_test {
 namespace {
 
 constexpr char kLanLock[] = "/var/lock_store/lan_conf_lock";
+constexpr char kProductLock[] = "/var/lock_store/product_conf_lock";
 
 class ReadTest : public World {
  protected:
@@ -125,25 +126,29 @@ std::string row(const std::string& record, int byte, const std::string& state) {
 }
 
 TEST_F(ReadTest, Locks_TellEachByteOfARangeUpToTheLastRecord) {
+  ASSERT_NE(started<ProductInfoBlock>("ProductInfo"), nullptr);
   const struct {
+    const char* path;
     short type;
     off_t first, size;
     std::string shown;
   } kCases[] = {
-      {F_RDLCK, 2, 1, row("lan_binds/1", 2, "reads")},
-      {F_WRLCK, 33, 2, row("lan_binds/32", 33, "holds") + row("ac_binds/1", 34, "holds")},
-      {F_WRLCK, 64, 0, row("ac_binds/31", 64, "holds") + row("ac_binds/32", 65, "holds")},
-      {F_WRLCK, 65, 1000, row("ac_binds/32", 65, "holds")},
-      {F_WRLCK, 0, 1, row("-", 0, "holds")},
-      {F_WRLCK, 0, 2, row("-", 0, "holds") + row("the area", 1, "holds")},
-      {F_WRLCK, 200, 1, row("-", 200, "holds")},
-      {F_WRLCK, 200, 0, row("-", 200, "holds")},
+      {kLanLock, F_RDLCK, 2, 1, row("lan_binds/1", 2, "reads")},
+      {kLanLock, F_WRLCK, 33, 2, row("lan_binds/32", 33, "holds") + row("ac_binds/1", 34, "holds")},
+      {kLanLock, F_WRLCK, 64, 0, row("ac_binds/31", 64, "holds") + row("ac_binds/32", 65, "holds")},
+      {kLanLock, F_WRLCK, 65, 1000, row("ac_binds/32", 65, "holds")},
+      {kLanLock, F_WRLCK, 0, 1, row("-", 0, "holds")},
+      {kLanLock, F_WRLCK, 0, 2, row("-", 0, "holds") + row("the area", 1, "holds")},
+      {kLanLock, F_WRLCK, 200, 1, row("-", 200, "holds")},
+      {kLanLock, F_WRLCK, 200, 0, row("-", 200, "holds")},
+      /* It has no other byte. */
+      {kProductLock, F_WRLCK, 1, 0, "ProductInfo     the area             1  holds\n"},
   };
   for (const auto& lock : kCases) {
     int told[2];
     ASSERT_EQ(pipe(told), 0);
     Child holder([&] {
-      const int file = open(kLanLock, O_RDWR | O_CLOEXEC);
+      const int file = open(lock.path, O_RDWR | O_CLOEXEC);
       sc_lock_reg(file, F_SETLK, lock.type, lock.first, SEEK_SET, lock.size);
       close(told[1]);
       pause();

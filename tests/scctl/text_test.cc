@@ -3,8 +3,10 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -187,6 +189,10 @@ TEST(Letters, AnEscapeStandsForOneTextAlone) {
   EXPECT_EQ(shown("\\x41"), "\\x5cx41");
   EXPECT_EQ(shown("\\xAf"), "\\x5cxAf");
   EXPECT_EQ(shown("C:\\x \\xg1 \\x1"), "C:\\x \\xg1 \\x1");
+  for (char c = ' '; c < 0x7f; ++c) {
+    const std::string two(2, c);
+    EXPECT_EQ(shown("\\x" + two), (is_hex(two[0]) ? "\\x5cx" : "\\x") + two);
+  }
   EXPECT_EQ(shown("\\\x1b"), "\\\\x1b");
   Random random;
   for (int n = 0; n < 20000; ++n) {
@@ -254,19 +260,44 @@ TEST(Letters, AllThatUnicodeCallsWide_TakeTwoColumns) {
   }
 }
 
-TEST(Letters, CombiningOnes_AreTheWholeOfTheirBlocksAndNotTheLettersBeside) {
-  constexpr uint32_t kFirstAndLast[][2] = {
-      {0x300, 0x36f},   {0x483, 0x489},    {0x591, 0x5bd},   {0x610, 0x61a},   {0x64b, 0x65f},
-      {0x6d6, 0x6dc},   {0x6df, 0x6e4},    {0xe31, 0xe31},   {0xe34, 0xe3a},   {0xe47, 0xe4e},
-      {0x1dc0, 0x1dff}, {0x200b, 0x200d},  {0x20d0, 0x20f0}, {0xfe00, 0xfe0f}, {0xfe20, 0xfe2f},
-      {0xfeff, 0xfeff}, {0xe0100, 0xe01ef}};
-  for (const auto& [first, last] : kFirstAndLast) {
-    for (uint32_t code = first; code <= last; ++code) {
-      EXPECT_EQ(store::columns_of(utf8(code).c_str()), 0u) << std::hex << code;
+/* What the tool takes them for: whole blocks of wide ones, and the combining ones of scripts that a
+ * router's names are written in. */
+using Ends = std::vector<std::pair<uint32_t, uint32_t>>;
+const Ends kWide = {{0x1100, 0x115f},   {0x231a, 0x231b},   {0x2329, 0x232a},   {0x23e9, 0x23ec},
+                    {0x23f0, 0x23f0},   {0x23f3, 0x23f3},   {0x25fd, 0x25fe},   {0x2614, 0x2615},
+                    {0x2630, 0x2637},   {0x2648, 0x2653},   {0x267f, 0x267f},   {0x268a, 0x268f},
+                    {0x2693, 0x2693},   {0x26a1, 0x26a1},   {0x26aa, 0x26ab},   {0x26bd, 0x26be},
+                    {0x26c4, 0x26c5},   {0x26ce, 0x26ce},   {0x26d4, 0x26d4},   {0x26ea, 0x26ea},
+                    {0x26f2, 0x26f5},   {0x26fa, 0x26fd},   {0x2705, 0x2705},   {0x270a, 0x270b},
+                    {0x2728, 0x2728},   {0x274c, 0x274e},   {0x2753, 0x2757},   {0x2795, 0x2797},
+                    {0x27b0, 0x27b0},   {0x27bf, 0x27bf},   {0x2b1b, 0x2b1c},   {0x2b50, 0x2b50},
+                    {0x2b55, 0x2b55},   {0x2e80, 0x3029},   {0x302e, 0x303e},   {0x3040, 0x3098},
+                    {0x309b, 0xa4cf},   {0xa960, 0xa97f},   {0xac00, 0xd7a3},   {0xf900, 0xfaff},
+                    {0xfe10, 0xfe19},   {0xfe30, 0xfe6f},   {0xff00, 0xff60},   {0xffe0, 0xffe6},
+                    {0x16fe0, 0x18dff}, {0x1aff0, 0x1b2ff}, {0x1d300, 0x1d37f}, {0x1f000, 0x1f0ff},
+                    {0x1f18e, 0x1f18e}, {0x1f191, 0x1f19a}, {0x1f200, 0x1faff}, {0x20000, 0x3ffff}};
+const Ends kCombining = {{0x300, 0x36f},   {0x483, 0x489},   {0x591, 0x5bd},   {0x610, 0x61a},
+                         {0x64b, 0x65f},   {0x6d6, 0x6dc},   {0x6df, 0x6e4},   {0xe31, 0xe31},
+                         {0xe34, 0xe3a},   {0xe47, 0xe4e},   {0x1ab0, 0x1ace}, {0x1dc0, 0x1dff},
+                         {0x200b, 0x200d}, {0x20d0, 0x20f0}, {0x302a, 0x302d}, {0x3099, 0x309a},
+                         {0xfe00, 0xfe0f}, {0xfe20, 0xfe2f}, {0xfeff, 0xfeff}, {0xe0100, 0xe01ef}};
+
+TEST(Letters, EachRangeOfAWidth_EndsWhereItEnds) {
+  const auto is_in = [](const Ends& ranges, uint32_t code) {
+    return std::any_of(ranges.begin(), ranges.end(), [=](const auto& range) {
+      return code >= range.first && code <= range.second;
+    });
+  };
+  for (const Ends& ranges : {kWide, kCombining}) {
+    for (const auto& [first, last] : ranges) {
+      for (const uint32_t code : {first - 1, first, last, last + 1}) {
+        const std::string text = utf8(code);
+        EXPECT_EQ(next_letter(text.data(), text.size()).columns, is_in(kCombining, code) ? 0
+                                                                 : is_in(kWide, code)    ? 2
+                                                                                         : 1)
+            << std::hex << code;
+      }
     }
-    EXPECT_NE(store::columns_of(utf8(first - 1).c_str()), 0u) << std::hex << first;
-    if (last == 0x200d) continue; /* beside it are those that turn the direction */
-    EXPECT_NE(store::columns_of(utf8(last + 1).c_str()), 0u) << std::hex << last;
   }
 }
 

@@ -222,6 +222,24 @@ TEST_F(WatchTest, AnAreaThatIsMadeAnew_IsWatchedOn_AndTheFormerIsLetGo) {
   EXPECT_EQ(segments_of(watch.program().pid()), segments);
 }
 
+size_t descriptors_of(pid_t pid) {
+  const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
+TEST_F(WatchTest, ALockFileThatItHasAsked_IsClosed) {
+  add(1, "n");
+  Watch watch({"Lan"});
+  const size_t before = descriptors_of(watch.program().pid());
+  rename("m");
+  EXPECT_EQ(watch.line(), "lan_binds/1.name: n -> m");
+  /* The line comes before the close. */
+  for (int ms = 0; ms < kSoonMs && descriptors_of(watch.program().pid()) != before; ++ms) {
+    pause_ms(1);
+  }
+  EXPECT_EQ(descriptors_of(watch.program().pid()), before);
+}
+
 /* The folder is another one then; that of before tells nothing any more. */
 TEST_F(WatchTest, WhenTheLockFolderGoesAway_ItSaysSoAndGoesOnWithTheNext) {
   add(1, "one");

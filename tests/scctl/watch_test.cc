@@ -233,6 +233,19 @@ TEST_F(WatchTest, OtherLocksThanAWritersOfTheRecord_DelayNothing) {
   EXPECT_LT(now_ms() - begun, 900);
 }
 
+/* Init writes the lock file, and the area itself is waited for then. */
+TEST_F(WatchTest, WhoMakesAnotherArea_DelaysNothing) {
+  add(1, "one");
+  started<WanBlock>("Wan");
+  Watch watch({});
+  write_file(golden_area("Wan").lock_path, "\n");
+  pause_ms(20);
+  const double begun = now_ms();
+  rename("two");
+  EXPECT_EQ(watch.line(), "lan_binds/1.name: one -> two");
+  EXPECT_LT(now_ms() - begun, 700);
+}
+
 /* ---- how soon ---- */
 
 /* How long a process could run and had no CPU, as others had them; 0 where the kernel does not tell. */

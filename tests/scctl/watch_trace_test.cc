@@ -1,6 +1,7 @@
 /* The system calls of scctl watch: what it must not do to those who change the store. */
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -145,6 +146,27 @@ TEST_F(TraceWatchTest, ASignalInFrontOfTheWait_EndsItAtOnce) {
   });
   EXPECT_EQ(outcome, (Outcome{0, "watching\n", ""}));
   EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(3));
+}
+
+TEST_F(TraceWatchTest, ASignalBehindALine_LeavesItsCommand) {
+  bool changed = false, sent = false;
+  const Outcome outcome =
+      trace(scctl({"watch", "Lan", "--exec", "echo $1 >/var/told"}), [&](const SystemCall& call) {
+        if (call.is_done) return Fate{};
+        if (call.call == SYS_ppoll && !changed) {
+          changed = true;
+          lan->lan_binds[0].slot_id = 1;
+          close(open("/var/lock_store/lan_conf_lock", O_RDWR));
+        } else if (changed && !sent && (call.call == SYS_clone || call.call == SYS_clone3)) {
+          sent = true;
+          kill(call.process, SIGTERM);
+        }
+        return Fate{};
+      });
+  EXPECT_TRUE(sent);
+  EXPECT_EQ(outcome.status, 0);
+  for (int tries = 0; tries < 400 && !exists("/var/told"); ++tries) poll(nullptr, 0, 10);
+  ASSERT_TRUE(exists("/var/told"));
 }
 
 TEST_F(TraceWatchTest, AWaitThatIsInterrupted_IsWaitedOn) {

@@ -24,11 +24,38 @@ namespace {
 
 bool g_no_memory = false;
 
+/* What was taken last and is there yet. */
+uint8_t* g_block = nullptr;
+size_t g_size = 0;
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr size_t kGuard = 0; /* the sanitizer has its own, for reads, too */
+#else
+constexpr size_t kGuard = 16;
+#endif
+constexpr uint8_t kOldByte = 0xa5;
+
 }  // namespace
 
-/* Called by the reader in place of malloc. */
+/* Called by the reader in place of malloc and free: memory holds old bytes at first, and those behind
+ * it are to stay. */
 extern "C" void* __real_malloc(size_t size);
-extern "C" void* __wrap_malloc(size_t size) { return g_no_memory ? nullptr : __real_malloc(size); }
+extern "C" void __real_free(void* block);
+extern "C" void* __wrap_malloc(size_t size) {
+  auto* block = g_no_memory ? nullptr : static_cast<uint8_t*>(__real_malloc(size + kGuard));
+  if (block == nullptr) return nullptr;
+  memset(block, kOldByte, size + kGuard);
+  g_block = block;
+  g_size = size;
+  return block;
+}
+extern "C" void __wrap_free(void* block) {
+  if (block != nullptr && block == g_block) {
+    for (size_t n = 0; n < kGuard; ++n) EXPECT_EQ(g_block[g_size + n], kOldByte) << n;
+    g_block = nullptr;
+  }
+  __real_free(block);
+}
 
 namespace sc_test {
 namespace {

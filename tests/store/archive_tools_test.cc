@@ -125,7 +125,7 @@ TEST_F(ArchiveToolsTest, FloodOfZeros_IsRefusedAtOnce) {
   const Guarded kept = guard({"keep", "lan"});
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500));
   EXPECT_EQ(kept.said,
-            "scguard: /var/dataconfig/config_lan.bin is not kept: more than 64 KiB behind the "
+            "scguard: /var/dataconfig/config_lan.bin is not kept: more than 64 KiB after the "
             "image\n");
 }
 

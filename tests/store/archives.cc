@@ -175,6 +175,11 @@ const std::vector<Sample>& samples() {
              tar_member(std::string(kLanMember) + '\0', {.name = "././@LongLink", .type = 'L'}) +
              tar_member(image, {.name = "var/x"}));
        }},
+      {"GnuLongNameWithoutItsNul", kGood, "",
+       [](std::string image) {
+         return archive_of(tar_member(kLanMember, {.name = "././@LongLink", .type = 'L'}) +
+                           tar_member(image, {.name = "var/x"}));
+       }},
       {"DotInFront", kGood, "",
        [](std::string image) {
          return archive_of(tar_member(image, {.name = std::string("./") + kLanMember}));
@@ -200,6 +205,14 @@ const std::vector<Sample>& samples() {
       {"TimeBefore1970", kGood, "",
        [](std::string image) {
          return archive_of(tar_member(image, {.fields = {{136, std::string(12, '\xff')}}}));
+       }},
+      {"NumbersThatFillTheirFields", kGood, "",
+       [](std::string image) {
+         return archive_of(tar_member(image, {.size = base_256(image.size()),
+                                              .fields = {{100, "00000644"},
+                                                         {108, "\x80" + std::string(7, '\0')},
+                                                         {116, std::string(8, '0')},
+                                                         {136, std::string(12, '0')}}}));
        }},
       {"NoEnd", kGood, "", [](std::string image) { return gzipped(tar_member(image)); }},
       {"OneZeroBlock", kGood, "",
@@ -404,9 +417,9 @@ const std::vector<Sample>& samples() {
        [](std::string image) {
          return archive_of(tar_member(image) + kZeros + tar_member("x", {.name = "var/x"}));
        }},
-      {"JunkBehindTheImage", kNotForTar, "junk behind the image",
+      {"JunkBehindTheImage", kNotForTar, "junk after the image",
        [](std::string image) { return archive_of(tar_member(image) + std::string(512, 'x')); }},
-      {"JunkBehindAZeroBlock", kNotForTar, "junk behind the image",
+      {"JunkBehindAZeroBlock", kNotForTar, "junk after the image",
        [](std::string image) {
          return archive_of(tar_member(image) + kZeros + std::string(512, 'x'));
        }},

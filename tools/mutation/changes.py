@@ -15,11 +15,12 @@ SWAPS = {
     "SC_LIST_BAD_OP": "SC_LIST_NO_LOCK", "SC_LIST_NO_LOCK": "SC_LIST_BAD_OP",
     "LIST_OP_ADD": "LIST_OP_MODIFY", "LIST_OP_MODIFY": "LIST_OP_ADD", "LIST_OP_DEL": "3",
     "LIST_OP_DEL_ALL": "4", "SC_TEXT_KEY": "SC_BYTES_KEY", "SC_BYTES_KEY": "SC_TEXT_KEY",
-    "kNetwork": "kQuiet", "kQuiet": "kNetwork", "kApEvents": "kNetwork", "kPlain": "kUsers",
-    "kUsers": "kPlain", "true": "false", "false": "true", "nullptr": "block",
+    "kNetworkEvents": "kNoEvents", "kNoEvents": "kNetworkEvents", "kApEvents": "kNetworkEvents",
+    "kPlainHeader": "kUsersHeader", "kUsersHeader": "kPlainHeader",
+    "true": "false", "false": "true", "nullptr": "block",
     "strncasecmp": "strncmp", "int8_t": "uint8_t", "int16_t": "uint16_t", "stderr": "stdout",
     "puts": "printf", "printf": "puts", "continue": "break",
-    "Kind::kBytes": "Kind::kSignedHalf", "kFree": "0",
+    "Conversion::kBytes": "Conversion::kSignedHalf", "kFree": "0",
 }
 # Of the tools besides: their exit statuses, and what their system calls are asked for.
 TOOL_SWAPS = {
@@ -41,7 +42,7 @@ TOOL_OPERATORS = [(r"&&$", "||"), (r"\|\|$", "&&"), (r"(?<!\|)\|$", "&"), (r"\? 
 
 # A statement on a line of its own. What only the compiler reads is none.
 SIMPLE = re.compile(r"^(\s+)(?!\s|using\b|(?:default|case [^:]*): break;|(?:static )?constexpr\b|friend\b"
-                    r"|SC_(SIZE|OFFSET|FIELD|LOCKS?)\b)[^{}]*;\s*$")
+                    r"|SC_(SIZE|OFFSET|MEMBER|LOCKS?)\b)[^{}]*;\s*$")
 # The order of declarations does not matter, but that of locks does.
 DECLARATION = re.compile(r"^\s+(?!ByteLock|LockFile)(?:[\w:<>]+[&*]? )+[&*]?\w+( =|;|\()")
 # What stands before one of these is left out rather than put behind it.
@@ -286,7 +287,7 @@ class Source:
             for old, new in TOOL_OPERATORS if self.of_tools else ():
                 for m in re.finditer(old, bare):
                     yield m.start(), m.end(), new
-        if SIMPLE.match(bare) or re.match(r"\s+SC_(FIELD|LOCKS?)\(.*\),?$", bare):
+        if SIMPLE.match(bare) or re.match(r"\s+SC_(MEMBER|LOCKS?)\(.*\),?$", bare):
             yield 0, len(self.lines[n]), ""
 
     def edits_of_structure(self):
