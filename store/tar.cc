@@ -184,10 +184,9 @@ class Tar {
     while (text < end) {
       char* key;
       const unsigned long size = strtoul(text, &key, 10);
+      if (size - 1 >= static_cast<size_t>(end - text)) return kBadExtension;
       char* const last = text + size - 1;
-      if (size > static_cast<size_t>(end - text) || last <= key || *key != ' ' || *last != '\n') {
-        return kBadExtension;
-      }
+      if (last <= key || *key != ' ' || *last != '\n') return kBadExtension;
       *last = '\0';
       char* value = strchr(++key, '=');
       if (value == nullptr) return kBadExtension;

@@ -177,7 +177,7 @@ void expect_same_as_word(const store::Table& table, const store::Field& field, E
   if (!words.split(line.data()) || words.count() != 1) found("no word: %s", printed.c_str());
   Exact again(Bytes(table.stride, 0));
   const store::Field* named = nullptr;
-  if (store::parse_assignment(table, words.words()[0], again.data(), &named, nullptr) !=
+  if (scctl::parse_assignment(table, words.words()[0], again.data(), &named, nullptr) !=
           store::kOk ||
       named != &field) {
     found("refused: %s.%s", table.name, printed.c_str());
