@@ -519,7 +519,7 @@ TEST_F(TraceInPlaceTest, ASignalAtAnyCall_LeavesTheFileOldOrNewAndNothingElse) {
 
 /* The child that edits may get the signal alone, in the middle of an edit of its own, which it ends. */
 TEST_F(TraceInPlaceTest, ASignalToTheChildAtAnyCall_LeavesTheFile) {
-  write_file("/var/lines", "set lan_binds/1 flag=7\nset lan_binds/1 name=new\n");
+  write_file("/var/lines", "set lan_binds/1 flag=3\nset lan_binds/1 flag=7\n");
   const Words batch = scctl({"batch", "/var/lines", "--image", kImage, "--in-place"});
   size_t refused = 0;
   for (size_t last = 1 + Random().below(3);; last += 3) {
