@@ -1,6 +1,7 @@
 /* What run tells of a program. */
 #include "support/program.h"
 
+#include <poll.h>
 #include <signal.h>
 
 #include <string>
@@ -23,12 +24,17 @@ TEST_F(ProgramTest, RunOfAProgramThatASignalEnds_TellsTheSignal) {
   EXPECT_EQ(run({"sh", "-c", "kill -9 $$"}).status, -SIGKILL);
 }
 
+std::string name_of(pid_t pid) { return read_file("/proc/" + std::to_string(pid) + "/comm"); }
+
 /* As under nohup. */
 TEST_F(ProgramTest, SignalsThatTheCallerIgnores_EndAProgramAllTheSame) {
   for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM}) {
     const auto before = signal(number, SIG_IGN);
-    EXPECT_EQ(run({"sh", "-c", "kill -" + std::to_string(number) + " $$"}).status, -number);
+    Program program({"sleep", "60"});
     signal(number, before);
+    for (int ms = 0; ms < 10000 && name_of(program.pid()) != "sleep\n"; ++ms) poll(nullptr, 0, 1);
+    kill(program.pid(), number);
+    EXPECT_EQ(program.wait().status, -number);
   }
 }
 

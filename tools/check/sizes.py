@@ -69,8 +69,11 @@ def stripped_size(program):
 
 
 def largest_frame_of(tool, build):
+    """Of the sources that the linker has taken."""
+    symbols = output(["mipsel-linux-gnu-readelf", "-sW", build / tool / tool])
+    linked = set(re.findall(r"\bFILE\b.* (\S+)$", symbols, re.M))
     notes = [*build.glob("*/CMakeFiles/%s.dir/**/*.su" % tool), *(build / PARTS).glob("**/*.su")]
-    return max(int(line.split("\t")[1]) for note in notes
+    return max(int(line.split("\t")[1]) for note in notes if note.stem in linked
                for line in note.read_text().splitlines())
 
 
