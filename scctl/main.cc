@@ -41,11 +41,11 @@ constexpr Command kCommands[] = {
    "characters are \\xHH. Bytes are hex without trailing zeros.\n",
    kJson | kCommandsOption | kSources, 1, 1, run_get},
   {"find", "TABLE FIELD=VALUE", "list the records that have a value",
-   "Compares MAC addresses in texts by value, FIELD:hex=HEX byte by byte. Exit status 1\n"
-   "if there is no such record.\n",
+   "Compares MAC addresses in texts by value, FIELD:hex=HEX byte by byte. Exit\n"
+   "status 1 if there is no such record.\n",
    kJson | kCommandsOption | kSources, 2, 2, run_find},
   {"dump", "AREA", "print an area's bytes with their names",
-   "Prints only used records, and the number of lines of zeros.\n",
+   "Prints only used records, and a run of zero bytes as its length.\n",
    kSources, 1, 1, run_dump},
   {"add", "TABLE[/ID] FIELD=VALUE...", "add a record",
    "Uses the lowest free id, or the given ID, and prints it. Other fields are zero.\n"
@@ -82,7 +82,8 @@ constexpr Command kCommands[] = {
    "Reads the archive back to verify it.\n",
    kAll, 0, -1, run_save},
   {"restore", "AREA...", "load areas from their archives and announce them",
-   "Refuses a broken archive. Takes no lock of a record: concurrent changes are lost.\n",
+   "Refuses a broken archive. Takes no lock of a record: concurrent changes are\n"
+   "lost.\n",
    kAll, 0, -1, run_restore},
   {"remove", "AREA...", "remove the segments of areas",
    "Programs that have one attached keep it until they end.\n",
@@ -98,23 +99,23 @@ constexpr Command kCommands[] = {
    "zeros; bytes of texts that are invalid UTF-8 are \\udc80 to \\udcff.\n",
    kSources, 0, -1, run_export},
   {"import", "FILE", "replace tables by those of an export",
-   "Each table of the file gets exactly the records in it, ids included. Other tables\n"
-   "do not change. The whole file is checked before anything is written. - is\n"
-   "standard input.\n",
+   "Each table of the file gets exactly the records in it, ids included. Other\n"
+   "tables do not change. The whole file is checked before anything is written.\n"
+   "- is standard input.\n",
    kDryRun | kChanges | kInput, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
    "A and B are images, archives, live or saved. Without them, compares saved with\n"
    "live. Exit status 1 if they differ.\n",
    0, 0, 2, run_diff},
   {"check", "[AREA...]", "look for damage",
-   "Checks header, lock and id words, counters, duplicates, archives, and references to\n"
-   "groups that do not exist. Each finding has a remedy. Exit status 1 if there is a\n"
-   "finding.\n",
+   "Checks header, lock and id words, counters, duplicates, archives, and references\n"
+   "to groups that do not exist. Prints the remedies. Exit status 1 if there\n"
+   "is a finding.\n",
    kSources, 0, -1, run_check},
   {"repair", "AREA...", "repair damage in place",
    "Repairs headers, lock and id words and counters under the locks. Every record is\n"
    "kept. Lists records with the same key: you choose which to delete. Exit status 1\n"
-   "if damage is left.\n",
+   "if something is left.\n",
    kAll | kDryRun | kChanges, 0, -1, run_repair},
   {"locks", "", "list the holders of record locks, and who waits for them",
    "Reads the kernel's table. Prints a state (holds, waits or reads), process and\n"
@@ -122,9 +123,9 @@ constexpr Command kCommands[] = {
    kJson, 0, 0, run_locks},
   {"watch", "[AREA...]", "print each change as it happens",
    "Prints a change at once if the writer used the area's lock file, as programs do;\n"
-   "other changes, and areas that are loaded, within 5 s. Takes no lock, so no writer\n"
-   "waits for it. Runs the command of --exec with the area's name as $1. Ends on\n"
-   "SIGINT, SIGTERM and SIGHUP.\n",
+   "other changes, and areas that are loaded, within 5 s. Takes no lock, so no\n"
+   "writer waits for it. Runs the command of --exec with the area's name as $1.\n"
+   "Ends on SIGINT, SIGTERM and SIGHUP.\n",
    kExec | kCount, 0, -1, run_watch},
   {"completion", "", "print the completion for bash",
    "",
