@@ -21,46 +21,46 @@ constexpr uint16_t kChanges = kSources | kInPlace;
 /* In the order of the help. */
 // clang-format off
 constexpr Command kCommands[] = {
-  {"tables", "", "the tables",
-   "Each table with its area, how many records it has room for and how large one\n"
-   "is.\n",
+  {"tables", "", "list the tables",
+   "Prints the area, the number of records and the record size of each table.\n",
    kJson, 0, 0, run_tables},
-  {"fields", "TABLE", "the fields of a table",
-   "Each field with its kind, its size, where it lies in a record and what it is\n"
-   "called there, and where it lies in the item that the library takes.\n",
+  {"fields", "TABLE", "list the fields of a table",
+   "Prints the kind and size of each field, its offset and name in a record, and its\n"
+   "offset in the item that the library takes.\n",
    kJson, 1, 1, run_fields},
-  {"areas", "", "the areas",
-   "Key, size, how many processes have it attached, used records, age of the\n"
-   "archive and whether it is good.\n",
+  {"areas", "", "list the areas",
+   "Prints key, size, number of attached processes, used records, age of the archive\n"
+   "and whether it is good.\n",
    kJson, 0, 0, run_areas},
-  {"list", "TABLE", "the used records of a table",
-   "What does not fit into 80 columns, and large fields, are left out; see scctl get.\n",
+  {"list", "TABLE", "list the used records of a table",
+   "Large fields, and fields that do not fit into 80 columns, are left out; see\n"
+   "scctl get.\n",
    kJson | kCommandsOption | kSources, 1, 1, run_list},
-  {"get", "TABLE/ID[.FIELD]", "one record, or one field of it",
-   "A field is printed as it is, alone on its line, but for a terminal with its\n"
-   "control characters as \\xHH; bytes in hex without the zeros at the end.\n",
+  {"get", "TABLE/ID[.FIELD]", "print one record, or one field of it",
+   "A field is printed unchanged, alone on its line; on a terminal its control\n"
+   "characters are \\xHH. Bytes are hex without trailing zeros.\n",
    kJson | kCommandsOption | kSources, 1, 1, run_get},
-  {"find", "TABLE FIELD=VALUE", "the records that have a value",
-   "MAC addresses as text are compared as addresses, FIELD:hex=HEX byte by byte.\n"
-   "Exit status 1 when there is none.\n",
+  {"find", "TABLE FIELD=VALUE", "list the records that have a value",
+   "Compares MAC addresses in texts by value, FIELD:hex=HEX byte by byte. Exit\n"
+   "status 1 if there is no such record.\n",
    kJson | kCommandsOption | kSources, 2, 2, run_find},
-  {"dump", "AREA", "an area's bytes with their names",
-   "Of records the used ones alone; lines of zeros are counted.\n",
+  {"dump", "AREA", "print an area's bytes with their names",
+   "Prints only used records, and a run of zero bytes as its length.\n",
    kSources, 1, 1, run_dump},
   {"add", "TABLE[/ID] FIELD=VALUE...", "add a record",
-   "It becomes the lowest free record, or the one of the ID. Other fields are\n"
-   "zero. FIELD:hex=HEX gives a text's bytes, unchecked. Prints its id.\n",
+   "Uses the lowest free id, or the given ID, and prints it. Other fields are zero.\n"
+   "FIELD:hex=HEX gives a text's bytes, unchecked.\n",
    kChanges, 2, -1, run_add},
   {"set", "TABLE/ID FIELD=VALUE...", "change fields of a record",
-   "Other fields stay. FIELD:hex=HEX gives a text's bytes, unchecked.\n",
+   "Other fields keep their values. FIELD:hex=HEX gives a text's bytes, unchecked.\n",
    kChanges, 2, -1, run_set},
   {"del", "TABLE/ID...", "delete records",
-   "With a group go the rules that refer to it, with a template its binding. All\n"
-   "records must be used, or none is deleted. A file holds one area: from it\n"
-   "groups and templates are not deleted.\n",
+   "Deleting a group also deletes the rules that refer to it; deleting a template\n"
+   "undoes its binding. All records must be used, or none is deleted. A file holds\n"
+   "one area: groups and templates in it cannot be deleted.\n",
    kChanges, 1, -1, run_del},
   {"clear", "TABLE", "delete all records of a table",
-   "Rules that refer to groups stay.\n",
+   "Rules that refer to groups are kept.\n",
    kChanges, 1, 1, run_clear},
   {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
    "",
@@ -69,68 +69,68 @@ constexpr Command kCommands[] = {
    "",
    0, 1, 1, run_unbind},
   {"batch", "[FILE]", "run commands from a file or standard input",
-   "A command a line, with or without scctl in front, quoted as for a shell; what\n"
-   "a shell would expand has to be quoted. # begins a comment. Stops at the first\n"
-   "that fails, says its line and how many were done. A file is changed when all\n"
-   "were done, or not at all.\n",
+   "Each line is a command, with or without scctl in front, quoted as for a shell.\n"
+   "Quote what a shell would expand. # begins a comment. Stops at the first command\n"
+   "that fails, and prints its line and the number of completed commands. A file is\n"
+   "changed only if all commands succeed.\n",
    kChanges | kInput, 0, 1, run_batch},
-  {"init", "AREA...", "make or empty areas and load their archives",
-   "For the start, before others work on the area: it takes no lock. Exit status 1\n"
-   "when an archive is not good.\n",
+  {"init", "AREA...", "create or empty areas and load their archives",
+   "Takes no lock: use it at boot, before others work on the area. Exit status 1 if\n"
+   "an archive is not good.\n",
    kAll, 0, -1, run_init},
   {"save", "AREA...", "save areas to their archives",
-   "Reads the archive back to see that it is good.\n",
+   "Reads the archive back to verify it.\n",
    kAll, 0, -1, run_save},
   {"restore", "AREA...", "load areas from their archives and announce them",
-   "A broken archive is refused. It takes no lock of a record: a write meanwhile\n"
-   "is lost.\n",
+   "Refuses a broken archive. Takes no lock of a record: concurrent changes are\n"
+   "lost.\n",
    kAll, 0, -1, run_restore},
   {"remove", "AREA...", "remove the segments of areas",
    "Programs that have one attached keep it until they end.\n",
    kAll, 0, -1, run_remove},
-  {"notify", "AREA...", "tell the configuration daemon that areas changed",
+  {"notify", "AREA...", "announce to the configuration daemon that areas changed",
    "",
    kAll, 0, -1, run_notify},
   {"lease", "save|restore [clients|aps]", "copy the DHCP lease files to flash or back",
    "",
    0, 1, 2, run_lease},
   {"export", "[AREA...]", "print areas as JSON",
-   "All that are there, when none is named. Bytes are hex without the zeros at\n"
-   "the end; bytes of texts that are no UTF-8 are \\udc80 to \\udcff.\n",
+   "Prints all existing areas if none is named. Bytes are hex without trailing\n"
+   "zeros; bytes of texts that are invalid UTF-8 are \\udc80 to \\udcff.\n",
    kSources, 0, -1, run_export},
-  {"import", "FILE", "make tables what a file of export says",
-   "Each table of the file becomes exactly that, ids included; others are left\n"
-   "alone. All of the file is checked before anything is written. - is standard\n"
-   "input.\n",
+  {"import", "FILE", "replace tables by those of an export",
+   "Each table of the file gets exactly the records in it, ids included. Other\n"
+   "tables do not change. The whole file is checked before anything is written.\n"
+   "- is standard input.\n",
    kDryRun | kChanges | kInput, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
-   "A and B are images, archives, live or saved; without them, saved is compared\n"
-   "with live. Exit status 1 when they differ.\n",
+   "A and B are images, archives, live or saved. Without them, compares saved with\n"
+   "live. Exit status 1 if they differ.\n",
    0, 0, 2, run_diff},
   {"check", "[AREA...]", "look for damage",
-   "Header, lock and id words, counters, duplicates, references to groups that\n"
-   "are not there, archives; each finding with its remedy. Exit status 1 when\n"
-   "there is one.\n",
+   "Checks header, lock and id words, counters, duplicates, archives, and references\n"
+   "to groups that do not exist. Prints the remedies. Exit status 1 if there\n"
+   "is a finding.\n",
    kSources, 0, -1, run_check},
-  {"repair", "AREA...", "mend damage in place",
-   "Mends headers, lock and id words and counters under the locks; every record\n"
-   "stays. Records with the same key are named, for you to choose from. Exit\n"
-   "status 1 when something is left.\n",
+  {"repair", "AREA...", "repair damage in place",
+   "Repairs headers, lock and id words and counters under the locks. Every record is\n"
+   "kept. Lists records with the same key: you choose which to delete. Exit status 1\n"
+   "if something is left.\n",
    kAll | kDryRun | kChanges, 0, -1, run_repair},
-  {"locks", "", "who holds or waits for which record",
-   "From the kernel's table: a state of holds, waits or reads, process and\n"
+  {"locks", "", "list the holders of record locks, and who waits for them",
+   "Reads the kernel's table. Prints a state (holds, waits or reads), process and\n"
    "program.\n",
    kJson, 0, 0, run_locks},
   {"watch", "[AREA...]", "print each change as it happens",
-   "At once when the writer used the area's lock file, as programs do; else, and\n"
-   "when an area is loaded, within 5 s. Takes no lock, so no writer waits for it.\n"
-   "The command of --exec is run with the area's name as $1. Ends on SIGINT,\n"
-   "SIGTERM and SIGHUP.\n",
+   "Prints a change at once if the writer used the area's lock file, as programs do;\n"
+   "other changes, and areas that are loaded, within 5 s. Takes no lock, so no\n"
+   "writer waits for it. Runs the command of --exec with the area's name as $1.\n"
+   "Ends on SIGINT, SIGTERM and SIGHUP.\n",
    kExec | kCount, 0, -1, run_watch},
   {"completion", "", "print the completion for bash",
    "",
    0, 0, 0, run_completion},
-  {"help", "[COMMAND]", "tell what there is, or more of a command",
+  {"help", "[COMMAND]", "list the commands, or describe one",
    "",
    0, 0, 1, run_help},
 };
@@ -147,12 +147,12 @@ struct OptionRow {
 
 // clang-format off
 constexpr OptionRow kOptions[] = {
-  {"json",     kJson,           nullptr,   "as JSON"},
-  {"commands", kCommandsOption, nullptr,   "as commands that make the same records"},
+  {"json",     kJson,           nullptr,   "print JSON"},
+  {"commands", kCommandsOption, nullptr,   "print commands that create the same records"},
   {"all",      kAll,            nullptr,   "all areas"},
-  {"dry-run",  kDryRun,         nullptr,   "say what would change, change nothing"},
-  {"image",    kImage,          "FILE",    "a .cfg image, not the live area"},
-  {"archive",  kArchive,        "FILE",    "a .bin archive, not the live area"},
+  {"dry-run",  kDryRun,         nullptr,   "print what would change, but change nothing"},
+  {"image",    kImage,          "FILE",    "use a .cfg image, not the live area"},
+  {"archive",  kArchive,        "FILE",    "use a .bin archive, not the live area"},
   {"in-place", kInPlace,        nullptr,   "change that file"},
   {"exec",     kExec,           "COMMAND", "run a shell command after each change"},
   {"count",    kCount,          "N",       "end after N changes"},
@@ -185,13 +185,13 @@ void print_command_help(const Command& command) {
 void print_help() {
   puts(
       "usage: scctl COMMAND [ARGUMENT]... [OPTION]...\n\n"
-      "Sees and edits the live configuration, a saved image or an archive.\n"
-      "Records are named TABLE/ID, fields of them TABLE/ID.FIELD.\n\ncommands:");
+      "Shows and edits the live configuration, a saved image or an archive.\n"
+      "TABLE/ID names a record, TABLE/ID.FIELD a field of it.\n\ncommands:");
   for (const Command& command : kCommands) printf("  %-10s  %s\n", command.name, command.summary);
   puts(
-      "\nscctl help COMMAND, or scctl COMMAND --help, tells more; scctl --version says the\n"
-      "version. Exit status: 0 done; 1 refused, found or different;\n"
-      "2 wrong usage; 3 no area, no file or no permission.");
+      "\nscctl help COMMAND or scctl COMMAND --help describes a command; scctl --version\n"
+      "prints the version. Exit status: 0 done; 1 refused, nothing found, different, or\n"
+      "findings; 2 wrong usage; 3 no area, no file or no permission.");
 }
 
 const Command* find_command(const char* name) {
