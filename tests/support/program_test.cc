@@ -1,4 +1,4 @@
-/* What run tells of a program. */
+/* Tests of what run returns. */
 #include "support/program.h"
 
 #include <signal.h>
@@ -23,7 +23,7 @@ TEST_F(ProgramTest, RunOfAProgramThatASignalEnds_TellsTheSignal) {
   EXPECT_EQ(run({"sh", "-c", "kill -9 $$"}).status, -SIGKILL);
 }
 
-/* As under nohup. */
+/* The caller ignores signals, as under nohup. */
 TEST_F(ProgramTest, SignalsThatTheCallerIgnores_EndAProgramAllTheSame) {
   for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM}) {
     const auto before = signal(number, SIG_IGN);
