@@ -1,4 +1,4 @@
-/* The managed access points. Only a few fields of their records are known here. */
+/* The managed access points. This file knows only a few fields of their records. */
 #include <string.h>
 
 #include <sysconfig/ap.h>
@@ -13,7 +13,8 @@ namespace {
 constexpr int8_t kOffline = -2;
 constexpr char kNoInfo[sizeof(ApInfoRecord::group_info)] = {};
 
-/* Writes the binding of the first AP with the MAC, under its lock. 1, or 0 when it cannot be. */
+/* Writes group_id and group_info of the first AP with the MAC, under its lock. Returns 1, or 0 when
+ * no AP has the MAC or the lock file cannot be opened. */
 int32_t bind(ManageApListBlock* block, const char* info, int group, const uint8_t* mac) {
   LockFile file(block->header.lock_path);
   if (!file) return 0;
@@ -55,7 +56,7 @@ int32_t SC_Get_Ap_Info_By_Mac(const ManageApListBlock* block, const uint8_t* mac
   return find_mac(block, mac, kAps);
 }
 
-/* Required: ids below 0 are not counted against the limit, but are not free either. */
+/* Required: records with ids below 0 do not count against the limit, but are not free either. */
 int32_t SC_Get_Ap_Info_Blank(ManageApListBlock* block, const ApLimitsRecord* limits) {
   int16_t used = 0;
   for (const ApInfoRecord& ap : block->aps) {
@@ -108,7 +109,7 @@ int32_t SC_Ap_Clean_GroupInfo_by_Mac(ManageApListBlock* block, const uint8_t* ma
   return bind(block, kNoInfo, 0, mac);
 }
 
-/* Required: despite the name it clears whole records. */
+/* Required: it clears whole records, despite its name. */
 int32_t SC_Set_Ap_Info_Id2Zero(ManageApListBlock* block) {
   LockFile file(block->header.lock_path);
   if (!file) return 0;

@@ -1,5 +1,5 @@
-/* AP templates and the binding of an AP to one. A template's lock is taken before its AP's,
- * never the other way round. */
+/* AP templates and the binding of an AP to one. A template's lock is always taken before its
+ * AP's. */
 #include <string.h>
 
 #include <sysconfig/ap.h>
@@ -19,7 +19,7 @@ bool equal(const uint8_t* one, const uint8_t* other) {
   return memcmp(one, other, SC_MAC_BYTES) == 0;
 }
 
-/* Binds the AP to the template of the id, or unbinds it from there. */
+/* Binds the AP to the template with the id, or unbinds it from that template. */
 void change_binding(ApTemplateListBlock* block, ManageApListBlock* aps, uint32_t id,
                     const uint8_t* mac, bool bind) {
   LockFile file(block->header.lock_path);
@@ -30,7 +30,7 @@ void change_binding(ApTemplateListBlock* block, ManageApListBlock* aps, uint32_t
   ByteLock lock(file, &target.lock_index);
   bool bound = equal(target.bound_ap_mac, mac);
   if (bind && (bound || equal(target.bound_ap_mac, kNobody))) {
-    /* Required: an AP that is not in the list is bound all the same. */
+    /* Required: an AP that is not in the list is bound, too. */
     SC_Ap_Add_GroupInfo_by_Mac(aps, target.template_name, static_cast<int>(target.template_id),
                                mac);
     memcpy(target.bound_ap_mac, mac, SC_MAC_BYTES);
@@ -72,7 +72,7 @@ int32_t SC_Get_AP_Template_Info_Count(const ApTemplateListBlock* block) {
   return count_used(block, kApTemplates);
 }
 
-/* Required: takes a position, despite the name. */
+/* Required: it takes a position, despite its name. */
 int32_t SC_Del_AP_Template_Info_By_Id(ApTemplateListBlock* block, uint32_t position) {
   LockFile file(block->header.lock_path);
   if (!file) return 0;
@@ -80,7 +80,7 @@ int32_t SC_Del_AP_Template_Info_By_Id(ApTemplateListBlock* block, uint32_t posit
   return 1;
 }
 
-/* Required: 0 in every case. */
+/* Required: the result is always 0. */
 int32_t SC_Add_Ap_Mac2Template_By_Id(ApTemplateListBlock* block, ManageApListBlock* aps,
                                      uint32_t id, const uint8_t* mac) {
   change_binding(block, aps, id, mac, true);

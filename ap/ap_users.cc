@@ -1,4 +1,5 @@
-/* The run-time table of AP users: never saved, with a header of its own. */
+/* The run-time table of AP users: it is never saved, and its header differs from that of other
+ * areas. */
 #include <sysconfig/ap.h>
 
 #include "core/area.h"

@@ -1,4 +1,4 @@
-/* The frame of the tables that are free at an id of 0. */
+/* The frame of the tables whose records are free when their id is 0. */
 #include "ap/id_table.h"
 
 #include <string.h>
@@ -26,7 +26,7 @@ uint32_t id_of(const IdTableRow& table, const void* block, uint32_t position) {
 
 }  // namespace
 
-/* Required: here and by MAC, free records are not skipped. */
+/* Required: the searches by id and by MAC do not skip free records. */
 int32_t find_id(const void* block, uint32_t id, const IdTableRow& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     if (id_of(table, block, position) == id) return static_cast<int32_t>(position);
@@ -34,7 +34,8 @@ int32_t find_id(const void* block, uint32_t id, const IdTableRow& table) {
   return -1;
 }
 
-/* The maker's half of a MAC is often the same: its other end is compared first. */
+/* The first half of a MAC, the number of its maker, is often the same. So the last four bytes are
+ * compared first. */
 int32_t find_mac(const void* block, const uint8_t* mac, const IdTableRow& table) {
   const size_t stride = table.stride;
   const uint8_t* first = record_at(table, block, 0) + table.mac_at + 2;
@@ -51,7 +52,7 @@ int32_t find_mac(const void* block, const uint8_t* mac, const IdTableRow& table)
   return -1;
 }
 
-/* Ids are aligned, so a claim is one atomic step and two processes never claim one record. */
+/* Ids are aligned. So a claim is one atomic step, and two processes never claim the same record. */
 int32_t claim_id(void* block, const IdTableRow& table) {
   for (uint32_t position = 0; position < table.capacity; ++position) {
     void* id = record_at(table, block, position) + table.id_at;
@@ -82,8 +83,8 @@ int32_t delete_mac(void* block, const uint8_t* mac, const IdTableRow& table) {
   return 1;
 }
 
-/* A writer that is killed here leaves the lock index, and the id comes last: not before all else is
- * cleared can the record be claimed. */
+/* The lock index stays, so that other programs can lock the record even when a writer is killed
+ * here. The id is cleared last, so nobody can claim a half-cleared record. */
 void clear_record(void* block, uint32_t position, const LockFile& file, const IdTableRow& table) {
   uint8_t* record = record_at(table, block, position);
   void* id = record + table.id_at;

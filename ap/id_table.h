@@ -1,7 +1,8 @@
 /* Tables whose records are free when their id is 0: a second, smaller frame.
  *
- * The id of a used record is its position + 1. Records are large and mostly their writers' own; the
- * frame finds, claims, counts and clears them. MACs are 6 raw bytes.
+ * The id of a used record is its position + 1. Records are large, and most of their bytes are known
+ * only to the programs that write them. The frame finds, claims, counts and clears records. MACs
+ * are 6 raw bytes.
  */
 #ifndef AP_ID_TABLE_H
 #define AP_ID_TABLE_H
@@ -31,21 +32,22 @@ struct IdTableRow {
         sizeof(Block::table) / sizeof(Record), offsetof(Record, id), offsetof(Record, mac) \
   }
 
-/* Position of the first record with the id or the MAC, free ones included; -1 if there is none. */
+/* Return the position of the first record with the id or the MAC, free records included; -1 if
+ * there is none. */
 int32_t find_id(const void* block, uint32_t id, const IdTableRow& table);
 int32_t find_mac(const void* block, const uint8_t* mac, const IdTableRow& table);
 
-/* Claims the lowest free record without a lock. Its position, or -1. */
+/* Claims the lowest free record without a lock. Returns its position, or -1. */
 int32_t claim_id(void* block, const IdTableRow& table);
 
 /* Number of records whose id is not 0; 0 for a null block. */
 int32_t count_used(const void* block, const IdTableRow& table);
 
-/* Clears the first record with the MAC. 1, or 0 when there is none or the lock file cannot be
- * opened. */
+/* Clears the first record with the MAC. Returns 1, or 0 when no record has the MAC or the lock file
+ * cannot be opened. */
 int32_t delete_mac(void* block, const uint8_t* mac, const IdTableRow& table);
 
-/* Under its lock, zeroes the whole record but its lock index. */
+/* Under the record's lock, zeroes the whole record except its lock index. */
 void clear_record(void* block, uint32_t position, const LockFile& file, const IdTableRow& table);
 
 }  // namespace sc

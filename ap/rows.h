@@ -11,7 +11,7 @@ namespace sc {
 constexpr IdTableRow kAps =
     SC_ID_TABLE(ManageApListBlock, header.lock_path, aps, ApInfoRecord, ap_id, ap_mac);
 
-/* Never saved, with a header of its own. */
+/* This table is never saved, and its header differs from that of other areas. */
 constexpr IdTableRow kApUsers =
     SC_ID_TABLE(ApUserListBlock, lock_path, users, ApUserRecord, user_id, user_mac);
 

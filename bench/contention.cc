@@ -1,5 +1,5 @@
-/* Some processes at once change bindings of one table, each record again and again.
- * usage: contention STORE PROCESSES SECONDS; prints changes a second and the worst wait in us. */
+/* Several processes change the bindings of one table at the same time, each record again and again.
+ * usage: contention STORE PROCESSES SECONDS; prints changes a second and the longest wait in us. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,7 +23,7 @@ using std::chrono::duration;
 
 constexpr int kMostProcesses = 64;
 
-/* What the processes share. */
+/* The data that the processes share. */
 struct Meeting {
   std::atomic<int> ready;
   std::atomic<bool> started, ended;

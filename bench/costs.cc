@@ -1,5 +1,5 @@
-/* Counts instructions in a box whose clock counts them: it advances by the same time with each, whichever
- * program or the kernel executes it. */
+/* Counts instructions in an emulated router. Its clock advances by the same time with each
+ * instruction of any program or of the kernel, so the time gives the number of instructions. */
 #include <inttypes.h>
 #include <stdio.h>
 #include <time.h>
@@ -12,7 +12,7 @@ namespace bench {
 namespace {
 
 constexpr int64_t kNsPerInstruction = 4; /* 1 << COUNTING_SHIFT of device/box.py */
-/* Long enough that a tick of the kernel's clock more or less is nothing. */
+/* So long that one tick of the kernel's clock makes no difference. */
 constexpr int64_t kInstructions = 20'000'000;
 
 constexpr int kMost = 32;
@@ -31,7 +31,8 @@ int64_t run_ns(const Side& side, int64_t times) {
   return clock_ns() - start;
 }
 
-/* Of one operation, in tenths. What the first run alone does, such as to make its data, is left out. */
+/* Instructions of one operation, in tenths. Work of the first run only, such as making its data, is
+ * not counted. */
 int64_t tenths(const Comparison& comparison, const Side& side) {
   comparison.before_batch();
   side.run(1);
@@ -59,7 +60,7 @@ int run_comparisons(int, char**) {
       counts[n][side] = tenths(comparisons[n], comparisons[n].sides[side]);
     }
   }
-  /* At the end, for a console interrupts. */
+  /* The lines are printed at the end, because the console causes interrupts. */
   for (int n = 0; n < comparison_count; ++n) {
     const int64_t(&of)[2] = counts[n];
     printf("cost %" PRId64 ".%d %" PRId64 ".%d %s\n", of[0] / 10, static_cast<int>(of[0] % 10),

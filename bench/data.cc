@@ -14,7 +14,7 @@ namespace bench {
 
 namespace {
 
-/* The number of a MAC is its last half. */
+/* The last half of a MAC is its number. */
 constexpr uint8_t kMaker[] = {0x00, 0x1a, 0x2b};
 
 void put_mac(uint8_t* mac, uint32_t number) {
@@ -77,7 +77,7 @@ void fill_groups(IpGroupBlock* ip_groups, TimeGroupBlock* time_groups) {
   }
 }
 
-/* What an IP filter rule and a QoS rule have in common. */
+/* The members that an IP filter rule and a QoS rule share. */
 template <class Item>
 Item rule(uint32_t number) {
   Item item = {};
@@ -147,15 +147,15 @@ void fill_clients(ClientsBlock* clients) {
   }
 }
 
-/* The commands of a save that are the device's own do nothing here. sync is among them: flushing
- * the disks of this machine is not what is measured. */
+/* The device's own commands of a save do nothing here. sync is one of them: flushing this machine's
+ * disks is not measured. */
 void replace_commands() {
   static constexpr const char* kCommands[] = {"/var/bin/sync", "/var/bin/change_event",
                                               "/var/bin/send_event"};
   for (const char* command : kCommands) {
     unlink(command);
     FILE* file =
-        fopen(command, "w"); /* no link, for BusyBox goes by the name that it is called by */
+        fopen(command, "w"); /* not a link: BusyBox selects a program by the name of the link */
     must(file != nullptr && fputs("#!/bin/true\n", file) >= 0 && fclose(file) == 0 &&
              chmod(command, 0755) == 0,
          "a command has no stand-in");

@@ -1,4 +1,4 @@
-/* The data that everything is measured on: all areas started without archives and filled. */
+/* The data of all measurements: all areas, started without archives and filled. */
 #ifndef BENCH_DATA_H
 #define BENCH_DATA_H
 
@@ -21,7 +21,7 @@ struct Data {
   ClientsBlock* clients;       /* 300 of one maker */
 };
 
-/* The rules and groups again, where each rule and each group has a range in a network of its own. */
+/* The same rules and groups, but each has its range in its own network. */
 struct ScatteredRules {
   IpGroupBlock ip_groups;
   FwIpportBlock ip_filters;
@@ -29,11 +29,11 @@ struct ScatteredRules {
 };
 const ScatteredRules& scattered_rules();
 
-/* Starts and fills the areas once; later calls give the same. Ends the program with a message when
- * it does not run in a private world (examples/private_world). */
+/* Starts and fills the areas once; later calls return the same data. Ends the program with a
+ * message when it does not run in a private world (examples/private_world). */
 const Data& data();
 
-/* What is not in the data. */
+/* A binding that is not in the data. */
 DhcpStaticItem new_binding();
 ClientsItem new_client();
 

@@ -44,8 +44,8 @@ void announce() {
   close(fd);
 }
 
-/* What the compiler takes for a look at all memory, and at a value, which may change: it leaves out nothing
- * that was done to them before. */
+/* For the compiler these read all memory, or change a value. So it cannot remove what was done to
+ * them before. */
 void touch_memory() { asm volatile("" : : : "memory"); }
 
 template <class T>
@@ -65,7 +65,7 @@ void show_list(int64_t times) {
   alignas(64) static const List from = {};
   for (int64_t n = 0; n < times; ++n) {
     memset(list, 0, sizeof *list);
-    touch_memory(); /* else the memset, being overwritten, is left out */
+    touch_memory(); /* without this the memset, whose bytes are overwritten, is removed */
     memcpy(list, &from, sizeof *list);
     touch_memory();
   }
@@ -123,7 +123,7 @@ void floor_add_and_delete(int64_t times) {
   const int lock_index = data().lan->lan_binds[SC_DHCP_BINDS - 1].lock_index;
   for (int64_t n = 0; n < times; ++n) {
     int fd = open(lock_path, O_RDWR, 0644);
-    change(lock_path, lock_index); /* the claim, on a descriptor of its own */
+    change(lock_path, lock_index); /* the claim has its own descriptor */
     change_under_lock(fd, lock_index);
     close(fd);
     announce();
@@ -145,7 +145,7 @@ void floor_read(int64_t times) {
 void tight_floor_read(int64_t times) {
   auto* item = scratch<DhcpStaticItem>();
   size_t size = sizeof *item;
-  touch(size); /* an unknown size is left to the C library */
+  touch(size); /* the compiler does not know the size, so it calls the C library */
   for (int64_t n = 0; n < times; ++n) {
     memset(item, 0, size);
     memcpy(item, &data().lan->lan_binds[n % SC_DHCP_BINDS], size);

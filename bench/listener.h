@@ -4,7 +4,8 @@
 
 namespace bench {
 
-/* Another process, which takes each notification and closes; it ends with this one. */
+/* Starts another process, which reads each notification and closes the connection. It ends when
+ * this process ends. */
 void start_listener();
 
 }  // namespace bench

@@ -1,5 +1,6 @@
-/* LMDB: an item is a value as it is. In two ways: as it comes, and without synchronising and
- * written in place, which needs no system call at all and trusts every process with the file. */
+/* LMDB: the value is an item without conversion. Two variants: with LMDB's defaults; and without
+ * synchronisation and written in place, which needs no system call and trusts every process with
+ * the file. */
 #include <lmdb.h>
 #include <stdio.h>
 #include <string.h>

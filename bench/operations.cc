@@ -39,7 +39,7 @@ void plain_modify(int64_t times) {
   }
 }
 
-char last_id[] = "32"; /* an index list is split in place: one id has nothing to split */
+char last_id[] = "32"; /* an index list is split in place; one id is not changed by that */
 
 void add_and_delete(int64_t times) {
   LanBlock* lan = data().lan;
@@ -214,7 +214,7 @@ int main(int argc, char** argv) {
                  {"library", add_and_delete},
                  {"plain", plain_add_and_delete}},
        .before_batch = make_room_for_one,
-       .rounds = 1501}); /* the listener is scheduled meanwhile */
+       .rounds = 1501}); /* the kernel schedules the listener meanwhile */
   compare("read one of 32 bindings (item)", floor_read, read, plain_read);
   compare("list 32 bindings", floor_list_bindings, list_bindings, plain_list_bindings);
   compare("list 32 IP filter rules, all groups resolved", floor_list_ip_filters, list_ip_filters,
@@ -233,7 +233,7 @@ int main(int argc, char** argv) {
        .rounds = 201,
        .most_times = 1});
 
-  /* The same beside other floors. */
+  /* The same operations beside other floors. */
   compare("list 32 bindings of 32 networks", floor_list_bindings, list_scattered_bindings,
           plain_list_scattered_bindings);
   compare("read one binding; floor by the C library", tight_floor_read, read, plain_read);
@@ -244,7 +244,7 @@ int main(int argc, char** argv) {
   compare("check 300 clients; floor of 4 loads a turn", tight_floor_search_clients, check_clients,
           plain_check_clients);
 
-  /* What the machine and the harness make of equal sides. */
+  /* Shows the error of the machine and of the measurement: both sides are equal. */
   compare("the same floor, compared with itself", floor_list_bindings, floor_list_bindings,
           floor_list_bindings);
   return run_comparisons(argc, argv);

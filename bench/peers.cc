@@ -1,4 +1,4 @@
-/* The library beside what a user would pick instead, on the same data. */
+/* The library beside other stores that a user could choose, on the same data. */
 #include <string.h>
 
 #include "data.h"
@@ -54,7 +54,7 @@ void change_and_tell(int64_t times) {
   for (int64_t n = 0; n < times; ++n) store<kKind>().change_and_tell(same);
 }
 
-/* All keep the same: each one's list is the library's, byte for byte. */
+/* All stores hold the same data: each one's list is equal to the library's, byte for byte. */
 template <const StoreKind& kKind>
 void prepare() {
   kKind.fill();

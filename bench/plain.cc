@@ -125,7 +125,7 @@ void read_time_group(const TimeGroupBlock* block, uint32_t id, TimeGroupItem* it
   memcpy(item->trailing_text, group.trailing_text, sizeof item->trailing_text);
 }
 
-/* What IP filter and QoS rules have in common. */
+/* The members that IP filter and QoS rules share. */
 template <class Record, class Item>
 void show_rule(const Record& rule, Item* item) {
   memcpy(item->leading_text, rule.leading_text, sizeof item->leading_text);

@@ -1,5 +1,5 @@
-/* The same operations as anybody would write them in C: struct members, printf, memcmp. What a
- * floor means in practice can be told from them.
+/* The same operations as they are usually written in C: struct members, printf, memcmp. They show
+ * what a floor means in practice.
  */
 #ifndef BENCH_PLAIN_H
 #define BENCH_PLAIN_H

@@ -18,7 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/* Long enough for the clock, short enough that the machine rarely changes its mind meanwhile. */
+/* Long enough for the clock. Short enough that the machine's speed rarely changes meanwhile. */
 constexpr double kBatchSeconds = 50e-6;
 
 std::vector<Comparison>& comparisons() {
@@ -86,7 +86,7 @@ const char* value_of(int argc, char** argv, const char* option) {
   return nullptr;
 }
 
-/* The counting tools look for this name. */
+/* The counting tools search for this function by name. */
 [[gnu::noinline]] void run_counted(const Side& side, int64_t times) { side.run(times); }
 
 int run_only(const char* name, const char* side_name, const char* times) {

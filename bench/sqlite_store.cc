@@ -1,5 +1,5 @@
-/* SQLite with a write-ahead log: a column for each field of an item, statements prepared once, and
- * nothing synchronised with the disk, of which there is none. */
+/* SQLite with a write-ahead log: a column for each field of an item, and statements prepared once.
+ * Nothing is synchronised with a disk, because the file is not on one. */
 #include <sqlite3.h>
 #include <string.h>
 
@@ -103,7 +103,7 @@ class SqliteStore : public Store {
     memcpy(field, sqlite3_column_text(row, column), size < kWidth ? size : kWidth);
   }
 
-  /* Into a zeroed item. */
+  /* Writes a row into a zeroed item. */
   static void show(sqlite3_stmt* row, DhcpStaticItem* item) {
     item->id = sqlite3_column_int(row, 0);
     item->flag = sqlite3_column_int(row, 1);

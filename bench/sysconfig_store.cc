@@ -17,7 +17,7 @@ class SysconfigStore : public Store {
 
   int find_ap(const uint8_t* mac) override { return SC_Get_Ap_Info_By_Mac(data().aps, mac); }
 
-  /* The table operation, for an item operation notifies. */
+  /* Uses the table operation, because an item operation sends a notification. */
   void change(const DhcpStaticItem& item) override {
     DhcpBindRecord record;
     record.bind_flag = static_cast<int8_t>(item.flag);

@@ -1,5 +1,5 @@
-/* Client groups: ten names. An item is laid out as the first bytes of its record, so the frame
- * works on it without a map. */
+/* Client groups: ten names. An item is laid out as the first bytes of its record, so the frame uses
+ * it as a record. */
 #include <sysconfig/clients.h>
 
 #include "core/area.h"

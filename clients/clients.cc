@@ -1,6 +1,6 @@
 /* Clients, keyed by their MAC. An item is laid out as the first bytes of its record, so the frame
- * works on it without a map. The MAC is the record's identity: add writes it, delete clears it,
- * modify leaves it. */
+ * uses it as a record. The MAC is the record's identity: add writes it, delete clears it, modify
+ * does not change it. */
 #include <string.h>
 
 #include <sysconfig/clients.h>
@@ -43,8 +43,8 @@ int32_t AddClientsItem(ClientsBlock* block, const ClientsItem* item) {
   return add_record(block, item, kClientList);
 }
 
-/* Required: the check sees a zero MAC, not the item's. What lies between the item's fields is
- * copied here but goes no further. */
+/* Required: the check uses a zero MAC, not the item's. The spare bytes between the item's fields
+ * are copied here, but are not written to the record. */
 int32_t ModifyClientsItem(ClientsBlock* block, const ClientsItem* item) {
   ClientsItem scratch = *item;
   memset(scratch.client_mac, 0, sizeof scratch.client_mac);

@@ -8,7 +8,7 @@
 
 namespace sc {
 
-/* Items are laid out as the first bytes of their records, so the frame works on them without a map. */
+/* Items are laid out as the first bytes of their records, so the frame uses them as records. */
 
 constexpr Member kClientGroupMembers[] = {
     SC_MEMBER(ClientsGroupRecord, group_name, ClientsGroupsItem, group_name),
@@ -49,7 +49,7 @@ constexpr Member kClientMembers[] = {
     SC_MEMBER(ClientRecord, field_48, ClientsItem, field_48),
 };
 
-/* The MAC is the record's identity: add writes it, delete clears it, modify leaves it. */
+/* The MAC is the record's identity: add writes it, delete clears it, modify does not change it. */
 constexpr Identity kClientMac = SC_IDENTITY(ClientRecord, client_mac);
 
 constexpr ListRow kClientList = {

@@ -11,12 +11,12 @@ namespace sc {
 
 namespace {
 
-/* As much of a sockaddr_un as is used. */
+/* The part of a sockaddr_un that is used. */
 constexpr struct {
   sa_family_t family;
   char path[sizeof "/var/config_socket"];
 } kAddress = {AF_UNIX, "/var/config_socket"};
-/* Required: the path goes without its NUL. */
+/* Required: the path is sent without its NUL. */
 constexpr socklen_t kAddressSize = offsetof(sockaddr_un, sun_path) + sizeof kAddress.path - 1;
 
 }  // namespace
@@ -33,7 +33,7 @@ void announce(int32_t code) {
     return;
   }
   if (send(fd, &code, sizeof code, 0) < 0) perror("send");
-  /* Required: a descriptor 0 is left open here, though not after a failed connect. */
+  /* Required: a descriptor 0 stays open here, but not after a failed connect. */
   if (fd > 0) close(fd);
 }
 

@@ -1,7 +1,8 @@
-/* What an area is: one row of the registry, and the life of every area as functions of its row.
+/* What an area is: one row of the registry, and the functions that create, load, save and remove
+ * it.
  *
- * The exported life-cycle functions are one-liners beside the subsystem that the area belongs to;
- * what they do and print is said in sysconfig/core.h.
+ * The exported functions are one-liners beside the subsystem that the area belongs to.
+ * sysconfig/core.h says what they do and print.
  */
 #ifndef CORE_AREA_H
 #define CORE_AREA_H
@@ -32,8 +33,8 @@ enum AreaId : uint8_t {
   kAreaCount
 };
 
-/* Lock words of one table or section. The words of an area are numbered from 2 on, span after span:
- * byte 1 of its lock file is the area's own. */
+/* Lock words of one table or section. The words of an area are numbered from 2 on, span after span.
+ * Byte 1 of its lock file is the area's own. */
 struct LockSpan {
   AreaId area;
   int8_t slot_delta; /* from the lock word to the slot word; 0: the record has no free mark */
@@ -43,7 +44,7 @@ struct LockSpan {
   uint16_t first; /* lock index of the first */
 };
 
-/* What a flash save runs when it is done. */
+/* What a flash save runs at its end. */
 enum class Events : uint8_t { kNone, kNetwork, kAccessPoints };
 
 /* Block offsets of lock_path and block_lock_index. */
@@ -67,7 +68,7 @@ inline constexpr char kLockPath[] = "/var/lock_store/%s_conf_lock";
 inline constexpr char kImagePath[] = "/var/systemconfig/config_%s.cfg";
 inline constexpr char kArchivePath[] = "/var/dataconfig/config_%s.bin";
 
-/* The exported calls of an area's life; what they do is said in sysconfig/core.h. */
+/* The exported functions of an area. sysconfig/core.h says what they do. */
 uint32_t attach_area(AreaId id);
 int remove_area(AreaId id);
 int init_area(int read_flag, AreaId id);

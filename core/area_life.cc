@@ -23,13 +23,13 @@ constexpr char kNoSegment[] = "shmget failed\n";
 constexpr char kNotAttached[] = "shmat failed\n";
 constexpr char kNotDetached[] = "shmdt failed\n";
 constexpr char kNotRemoved[] = "shmctl(IPC_RMID) failed\n";
-/* Required: the first two without a newline. */
+/* Required: the first two have no newline. */
 constexpr char kNoImageToRead[] = "cant open the file";
 constexpr char kNoImageToWrite[] = "canot open the file.";
 constexpr char kReadError[] = "file read error\n";
 constexpr char kWriteError[] = "file write error\n";
 
-/* Required: the blanks, of which the default template has others. */
+/* Required: the blanks. Those of the default template differ. */
 constexpr char kPack[] = "tar -zcf %s  %s >/dev/null;sync";
 constexpr char kUnpack[] = "tar -zxf %s -C / >/dev/null";
 constexpr char kUnpackDefTemplate[] = "tar -zxf %s  -C />/dev/null";
@@ -37,7 +37,7 @@ constexpr char kUnpackDefTemplate[] = "tar -zxf %s  -C />/dev/null";
 constexpr int kMode = 0666;
 void* const kAttachFailed = reinterpret_cast<void*>(-1);
 
-/* The name of one of an area's files. */
+/* The path of one of an area's files. */
 struct FilePath {
   char text[48];
 
@@ -46,7 +46,7 @@ struct FilePath {
 
 void complain(const char* message) { fwrite(message, strlen(message), 1, stderr); }
 
-/* Addresses are 32-bit values of the interface, so a 64-bit host reserves room below 4 GiB and
+/* Addresses are 32-bit values of the interface. So a 64-bit host reserves room below 4 GiB and
  * attaches there. */
 void* attach(int segment) {
   if constexpr (sizeof(void*) == 4) {
@@ -72,16 +72,16 @@ void* attach(int segment) {
   }
 }
 
-/* Zero, without touching pages that nobody wrote: a fresh segment stays as small as it is and an
- * old one gives its pages back. Where that is refused, or taken as no more than advice, the mark is
- * still there and the block is written over. */
+/* Zeroes a block without touching pages that nobody wrote: a new segment stays as small as it is,
+ * and an old one gives its pages back. If the kernel refuses this, or ignores the advice, the mark
+ * is still there and the block is overwritten. */
 void empty(uint8_t* block, size_t size) {
   volatile uint8_t* mark = block;
   *mark = 1;
   if (madvise(block, size, MADV_REMOVE) != 0 || *mark != 0) memset(block, 0, size);
 }
 
-/* Lock path and lock indices. */
+/* Writes lock path and lock indices. */
 void write_lock_words(AreaId id, uint8_t* block) {
   const AreaRow& area = kAreas[id];
   snprintf(reinterpret_cast<char*>(block) + area.header.path_at, sizeof FilePath::text, kLockPath,
@@ -94,7 +94,7 @@ void write_lock_words(AreaId id, uint8_t* block) {
   }
 }
 
-/* Creates and empties an area's block; its status is what Init returns. */
+/* Creates and empties an area's block. Init returns the status of this. */
 int create(AreaId id, uint8_t** block) {
   const AreaRow& area = kAreas[id];
   int segment = shmget(area.key, area.size, IPC_CREAT | kMode);
@@ -127,7 +127,7 @@ uint32_t attach_area(AreaId id) {
   return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(block));
 }
 
-/* Required: a failed step is said and the next one is taken. */
+/* Required: after a failed step a message is printed and the next step follows. */
 int remove_area(AreaId id) {
   const AreaRow& area = kAreas[id];
   int segment = shmget(area.key, area.size, IPC_CREAT | kMode);

@@ -1,5 +1,6 @@
-/* Unaligned loads and stores. Words of a block may sit at any byte, so they go through packed
- * one-member structs, which the compiler turns into lwl/lwr on MIPS where memcpy becomes a call.
+/* Unaligned loads and stores. Words of a block may lie at any byte. So they are accessed through
+ * packed structs of one member: the compiler turns these into lwl/lwr on MIPS, where memcpy would
+ * become a call.
  */
 #ifndef CORE_BYTES_H
 #define CORE_BYTES_H

@@ -11,14 +11,14 @@ namespace sc {
 
 namespace {
 
-/* What an item says of its group. */
+/* The members of an item about its group. */
 struct ShownGroup {
   int32_t mode; /* 1: shown with its group */
   int32_t id;
   char name[SC_TEXT];
 } SC_PACKED;
 
-/* A rule's own schedule in its item, and the group's. */
+/* A rule's own schedule in its item; a listing writes the group's over it. */
 struct Schedule {
   int32_t weekday[SC_WEEKDAYS];
   char times[2 * SC_TIME_TEXT]; /* start_time, end_time */
@@ -33,7 +33,8 @@ void show_groups(const GroupLink& link, const void* groups, void* items, uint32_
   for (; count != 0; --count, item += link.item_size) {
     auto& shown = *reinterpret_cast<ShownGroup*>(item + link.shown_at);
     if (shown.mode != 1) continue;
-    /* Required: with a negative id a rule keeps its own schedule, but its range shows as zeroes. */
+    /* Required: with a negative id a rule keeps its own schedule, but its range is shown as
+     * zeroes. */
     if (is_time && shown.id < 0) continue;
     if (link.unless_at != 0 && load<int32_t>(item + link.unless_at) != 0) continue;
     auto* name = reinterpret_cast<char*>(item + link.shown_at + offsetof(ShownGroup, name));
@@ -68,7 +69,7 @@ void delete_linked(void* block, int32_t group_id, const ListRow& list, const Gro
     const uint8_t* record = record_at(geometry, block, position);
     const uint8_t* id = record + link.id_at;
     int32_t linked = link.id_size == 1 ? load<int8_t>(id) : load<int16_t>(id);
-    /* Required: matched by these bytes alone, also in a record that was freed before. */
+    /* Required: only these bytes are compared, also in a record that was freed before. */
     if (load<int8_t>(record + link.mode_at) != link.deleted_mode || linked != group_id) continue;
     delete_item(block, position + 1, list);
     announce(list.code);

@@ -17,7 +17,8 @@ namespace sc {
 
 namespace {
 
-/* A step for each of some records, at least one, and its place in items that follow each other. */
+/* Calls `step` once for each record with the record and its place in items that follow each other.
+ * There is at least one record. */
 template <class Step>
 inline void each(const uint8_t* const* records, uint32_t count, uint8_t* to, size_t item_size,
                  Step step) {
@@ -27,8 +28,8 @@ inline void each(const uint8_t* const* records, uint32_t count, uint8_t* to, siz
   } while (--count != 0);
 }
 
-/* One run of some records, at least one, into zeroed items that follow each other. Runs come first
- * and records second, so that the conversion is looked at once for a whole listing. */
+/* Converts one run of some records, at least one, into zeroed items that follow each other. The
+ * loop over records is the inner one, so the conversion is chosen once for a whole listing. */
 void show(const Run& run, const uint8_t* const* records, uint32_t count, uint8_t* items,
           size_t item_size) {
   const size_t at = run.record_at;
@@ -61,7 +62,7 @@ void show(const Run& run, const uint8_t* const* records, uint32_t count, uint8_t
   }
 }
 
-/* Used and free records alike, into zeroed items. */
+/* Converts records, used or free, into zeroed items. */
 void to_items(const MappedListRow& row, const uint8_t* const* records, uint32_t count,
               uint8_t* items) {
   for (const Run& run : row.list.table.payload.runs) {
@@ -70,7 +71,7 @@ void to_items(const MappedListRow& row, const uint8_t* const* records, uint32_t 
   }
 }
 
-/* The address in a text field, which may fill it without a terminator. */
+/* The address in a text field. The text may fill the field without a terminator. */
 uint32_t address_of(const uint8_t* field) {
   char text[SC_IP_TEXT + 1];
   memcpy(text, field, SC_IP_TEXT);
@@ -134,7 +135,7 @@ void get_item(const void* block, uint32_t id, void* item, const MappedListRow& r
 }
 
 int32_t add_item(void* block, const void* item, const MappedListRow& row) {
-  uint8_t record[kMaxStride]; /* only what the runs fill is read */
+  uint8_t record[kMaxStride]; /* only the bytes that the runs fill are read */
   to_record(row, static_cast<const uint8_t*>(item), record);
   return add_record(block, record, row.list);
 }
@@ -163,7 +164,7 @@ int32_t modify_record(void* block, uint32_t id, const void* record, const ListRo
 void delete_item(void* block, uint32_t id, const ListRow& list) {
   uint32_t position = id - 1;
   operate(block, LIST_OP_DEL, &position, nullptr, list.table);
-  /* Required: lowered whatever the result. */
+  /* Required: the counter is lowered whatever the result. */
   count(block, -1, list);
 }
 
@@ -175,13 +176,13 @@ void delete_items(void* block, char* ids, const ListRow& list) {
 
 void delete_all_items(void* block, const ListRow& list) {
   operate(block, LIST_OP_DEL_ALL, nullptr, nullptr, list.table);
-  /* Required: zero even when nothing could be freed. */
+  /* Required: the counter becomes zero even when nothing could be freed. */
   memset(static_cast<uint8_t*>(block) + list.counter_at, 0, list.counter_size);
   announce(list.code);
 }
 
-/* Counters are aligned, unlike the words of records, and changed without a lock: in one
- * atomic step, so that processes at the same time lose no count. */
+/* Counters are aligned, unlike the words of records. They are changed without a lock, in one atomic
+ * step, so processes that change them at the same time lose no count. */
 void count(void* block, int32_t change, const ListRow& list) {
   void* counter = static_cast<uint8_t*>(block) + list.counter_at;
   if (list.counter_size == 2) {

@@ -20,8 +20,8 @@ LockFile::~LockFile() {
   if (fd_ >= 0) close(fd_);
 }
 
-/* The index is read before the lock is taken, and that same byte is released. It is signed: a word
- * that is no index, with its top bit set, names no byte on any CPU. */
+/* The index is read before the lock is taken, and the same byte is released. It is signed: a
+ * damaged word with its top bit set names no byte on any CPU. */
 ByteLock::ByteLock(const LockFile& file, const void* lock_word)
     : fd_(file.fd()), lock_index_(load<int32_t>(lock_word)) {
   sc_lock_reg(fd_, F_SETLKW, F_WRLCK, lock_index_, SEEK_SET, 1);

@@ -1,10 +1,10 @@
 /* An area's lock file and the bytes of it that are held.
  *
- * fcntl locks belong to the process, and closing any descriptor of a file drops all locks that the
+ * fcntl locks belong to the process. Closing any descriptor of a file drops all locks that the
  * process holds on it. So no byte is held while another descriptor of the same file is closed: an
- * add has two, and closes that of its claim before it locks again. A byte is held in the smallest
- * scope that writes. The results of locking calls are ignored: a byte that cannot be locked is
- * written unlocked.
+ * add has two descriptors, and closes that of its claim before it locks again. A byte is held in
+ * the smallest scope that writes. The results of lock calls are ignored: a record whose byte cannot
+ * be locked is written without a lock.
  */
 #ifndef CORE_LOCK_FILE_H
 #define CORE_LOCK_FILE_H
@@ -13,7 +13,8 @@
 
 namespace sc {
 
-/* Opens the path stored in a block; when that fails, prints "Cannot Lock file %s" and is false. */
+/* Opens the path stored in a block. When that fails, prints "Cannot Lock file %s" and the object is
+ * false. */
 class LockFile {
  public:
   template <size_t kWidth>
@@ -31,7 +32,7 @@ class LockFile {
   int fd_;
 };
 
-/* Holds one byte of a lock file, the one that a lock word names; waits for it. */
+/* Waits for one byte of a lock file, the one that a lock word names, and holds it. */
 class ByteLock {
  public:
   ByteLock(const LockFile& file, const void* lock_word);

@@ -1,5 +1,5 @@
-/* The registry: the seventeen areas, in directory order, and the lock words of their records. Keys,
- * stems and codes are names under which other programs find the segments, the files and the messages.
+/* The registry: the seventeen areas, in directory order, and the lock words of their records. By
+ * its keys, stems and codes other programs find the segments, the files and the messages.
  */
 #ifndef CORE_REGISTRY_H
 #define CORE_REGISTRY_H
@@ -22,7 +22,7 @@ constexpr Events kApEvents = Events::kAccessPoints;
 
 constexpr Header kPlainHeader = {offsetof(BlockHeader, lock_path),
                                  offsetof(BlockHeader, block_lock_index)};
-/* Required: the header of the AP users lies differently. */
+/* Required: the header of the AP users has another layout. */
 constexpr Header kUsersHeader = {offsetof(ApUserListBlock, lock_path),
                                  offsetof(ApUserListBlock, block_lock_index)};
 
@@ -40,7 +40,7 @@ inline constexpr AreaRow kAreas[kAreaCount] = {
   {SC_KEY_FW_MAC,           kPlainHeader, sizeof(FwMacBlock),          SC_CODE_FW_MAC,           kNoEvents,      "fw_mac",         "fw_mac"},
   {SC_KEY_FW_URL,           kPlainHeader, sizeof(FwUrlBlock),          SC_CODE_FW_URL,           kNoEvents,      "fw_url",         "fw_url"},
   {SC_KEY_QOS,              kPlainHeader, sizeof(QosBlock),            SC_CODE_QOS,              kNoEvents,      "qos",            "qos"},
-  /* Required: spelled so, and with another lock stem. */
+  /* Required: this spelling, and another lock stem. */
   {SC_KEY_MANAGE_AP_LIST,   kPlainHeader, sizeof(ManageApListBlock),   SC_CODE_MANAGE_AP_LIST,   kApEvents,      "mange_aplist",   "aplist"},
   {SC_KEY_AP_USER_LIST,     kUsersHeader, sizeof(ApUserListBlock),     0,                        kNoEvents,      "",               "apuserlist"},
   {SC_KEY_AP_TEMPLATE_LIST, kPlainHeader, sizeof(ApTemplateListBlock), SC_CODE_AP_TEMPLATE_LIST, kNoEvents,      "aptemplatelist", "aptemplatelist"},

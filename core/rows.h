@@ -1,6 +1,6 @@
-/* Makers of rows: they take offsets, widths and conversions from the members of the public structs,
- * so that a row cannot lie about a member, and check at compile time what the columns can carry.
- * The tools derive their catalogue from the same rows.
+/* Makers of rows. They take offsets, widths and conversions from the members of the public structs,
+ * so a row cannot differ from its members. They check at compile time that the values fit the
+ * columns. The tools derive their catalogue from the same rows.
  */
 #ifndef CORE_ROWS_H
 #define CORE_ROWS_H
@@ -15,7 +15,8 @@
 
 namespace sc {
 
-/* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
+/* These are not constexpr: a row that calls one of them does not compile, and the error names
+ * it. */
 [[noreturn]] void member_does_not_fit_its_column();
 [[noreturn]] void members_overlap();
 [[noreturn]] void row_has_no_room_left();
@@ -43,7 +44,8 @@ struct Extent<T[kCount]> {
 
 /* ---- areas ---- */
 
-/* Records with a slot_id are free at -1; other tables and sections are empty when all zero. */
+/* Records with a slot_id are free when it is -1. Records of other tables and sections are empty
+ * when they are all zero. */
 template <class Table>
 consteval LockSpan lock_span(AreaId area, size_t table_at) {
   using Record = typename Extent<Table>::Element;
@@ -76,7 +78,7 @@ struct LockSpans {
   constexpr const LockSpan* end() const { return rows + kCount; }
 };
 
-/* The spans, each area's words numbered from 2 on. */
+/* Numbers the words of the spans, from 2 on in each area. */
 template <size_t kCount>
 consteval LockSpans<kCount> numbered(const LockSpan (&spans)[kCount]) {
   LockSpans<kCount> made = {};
@@ -115,21 +117,21 @@ constexpr Identity identity(size_t at, size_t size) { return {byte_column(at), b
 
 /* ---- items ---- */
 
-/* What a member's bytes mean to people. The library does not ask. */
+/* What a member's bytes mean to people. The library does not use it. */
 enum class Meaning : uint8_t {
   kText,    /* char[]: ends at its first NUL or fills the member */
   kMacText, /* a MAC address as text */
   kAddress, /* 32 bits in network order */
   kMac,     /* six bytes */
-  kBytes,   /* anything else's bytes */
+  kBytes,   /* other bytes */
   kSigned,  /* one or more numbers */
   kUnsigned,
 };
 
-/* One member of a list's records. The library keeps the payload that is made of them; names and
- * meanings stay out of it. */
+/* One member of a list's records. The library contains only the payload that is made of the
+ * members, not their names and meanings. */
 struct Member {
-  const char* name; /* of the item's member: what people type */
+  const char* name; /* of the item's member: the name that people type */
   const char* record_name;
   Run run;
   Meaning meaning;
@@ -186,7 +188,8 @@ constexpr size_t item_width(const Run& run) {
   return run.conversion == Conversion::kSignedBytes ? 4 * run.size : run.size;
 }
 
-/* Neighbours of one conversion in the record and in the item alike. */
+/* Whether two runs have the same conversion and are neighbours both in the record and in the
+ * item. */
 constexpr bool joins(const Run& run, const Run& next) {
   return run.conversion == next.conversion &&
          (run.conversion == Conversion::kBytes || run.conversion == Conversion::kSignedBytes) &&
@@ -194,8 +197,8 @@ constexpr bool joins(const Run& run, const Run& next) {
          run.item_at + item_width(run) == next.item_at && run.size + next.size <= UINT8_MAX;
 }
 
-/* The payload of a table: its members but the identity, in record order, neighbours joined. They are
- * named in the order in which people see them. */
+/* The payload of a table: its members except the identity, in record order, neighbours joined.
+ * `members` has the order in which people see them. */
 template <size_t kCount>
 consteval Payload payload(const Member (&members)[kCount], Identity identity = {}) {
   Payload made = {};
@@ -222,7 +225,7 @@ consteval Payload payload(const Member (&members)[kCount], Identity identity = {
   return made;
 }
 
-/* The size of an item, when the item frame has room for its records. */
+/* The size of an item, if the item frame has room for its records. */
 template <class Item, class Table>
 consteval uint16_t item_size() {
   using Record = typename Extent<Table>::Element;
@@ -235,15 +238,15 @@ consteval uint16_t item_size() {
 #define SC_COUNTER(Block, member) \
   .counter_at = half_column(offsetof(Block, member)), .counter_size = sizeof(Block::member)
 
-/* Rules that name a group in the members `mode` and `id`. Their items have these, too, before the
- * group's name; `own` is what a listing replaces by the group's. */
+/* A link of rules that name a group in the members `mode` and `id`. Their items have these members,
+ * too, before the group's name. A listing replaces the member `own` by the group's. */
 #define SC_GROUP_LINK(area, Record, Item, mode, id, deleted, own)                               \
   GroupLink {                                                                                   \
     .group = (area), .mode_at = offsetof(Record, mode), .id_at = offsetof(Record, id),          \
     .id_size = sizeof(Record::id), .deleted_mode = (deleted), .shown_at = offsetof(Item, mode), \
     .own_at = offsetof(Item, own), .unless_at = 0, .item_size = sizeof(Item)                    \
   }
-/* The same, where the rule keeps its own unless the member `unless` is 0. */
+/* The same, but the group is shown only when the member `unless` is 0. */
 constexpr GroupLink shown_unless(GroupLink link, size_t unless_at) {
   link.unless_at = half_column(unless_at);
   return link;

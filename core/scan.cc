@@ -4,7 +4,7 @@
 
 namespace sc {
 
-/* Four words a turn, for the loop's own steps take as long as a look at a word. */
+/* Compares four words in each turn, because the loop's own steps take as long as one comparison. */
 const uint8_t* find_word(const uint8_t* at, const uint8_t* end, size_t stride, uint32_t word,
                          uint32_t ignored_bits) {
   const auto is_there = [=](const uint8_t* here) {

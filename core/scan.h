@@ -1,4 +1,4 @@
-/* The loop of the searches through hundreds of records. */
+/* The search loop for tables of hundreds of records. */
 #ifndef CORE_SCAN_H
 #define CORE_SCAN_H
 
@@ -7,8 +7,8 @@
 
 namespace sc {
 
-/* The first of the words that lie `stride` apart, from `at` to before `end`, that is this one where
- * `ignored_bits` has no bits; where it has, the word has them, too. `end` or behind it when there is none. */
+/* First word equal to `word`, `stride` bytes apart in [at, end), ignoring the bits of
+ * `ignored_bits`, which are set in `word`; >= end if none. */
 const uint8_t* find_word(const uint8_t* at, const uint8_t* end, size_t stride, uint32_t word,
                          uint32_t ignored_bits);
 

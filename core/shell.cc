@@ -1,4 +1,4 @@
-/* Shell commands, and the copies of the DHCP lease files made with one. */
+/* Shell commands, and copying the DHCP lease files by one of them. */
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -22,7 +22,7 @@ int32_t slot_of(const Geometry& geometry, const uint8_t* record) {
   return load<int32_t>(record + geometry.slot_at);
 }
 
-/* A used record other than the one of skip_slot. */
+/* Whether the record is used and not that of skip_slot. */
 bool is_other_used(const Geometry& geometry, const uint8_t* record, uint32_t skip_slot) {
   int32_t slot = slot_of(geometry, record);
   return slot != kFree && slot != static_cast<int32_t>(skip_slot);
@@ -62,7 +62,7 @@ bool clashes(const Geometry& geometry, const Key& key, const uint8_t* record, co
   return false;
 }
 
-/* Frees a record: its slot word is marked and its identity cleared. */
+/* Frees a record: marks its slot word and clears its identity. */
 void release(const TableRow& table, const LockFile& file, uint8_t* record) {
   ByteLock lock(file, record + table.geometry.lock_at);
   store<int32_t>(record + table.geometry.slot_at, kFree);
@@ -119,7 +119,7 @@ int32_t operate(void* block, uint32_t op, uint32_t* position, const void* record
       break;
     case LIST_OP_MODIFY:
       chosen = *position;
-      /* Required: the clash is told before the range. */
+      /* Required: a clash is reported before a bad position. */
       if (find_clash(block, record, chosen + 1, table)) return SC_LIST_REJECTED;
       if (chosen >= geometry.capacity) return table.modify_range;
       break;
@@ -136,7 +136,7 @@ int32_t operate(void* block, uint32_t op, uint32_t* position, const void* record
     default: return SC_LIST_BAD_OP;
   }
 
-  /* Required: a record modified while it is free is written and stays free. */
+  /* Required: a modify of a free record writes it, and it stays free. */
   uint8_t* target = record_at(geometry, block, chosen);
   const auto* source = static_cast<const uint8_t*>(record);
   ByteLock lock(file, target + geometry.lock_at);

@@ -1,9 +1,10 @@
 /* Record tables: a fixed number of equal records at a fixed place of a block, and the operations
- * that every list has, driven by one row of constant data.
+ * that every list has. One row of constant data says how they work.
  *
- * Rows come last in every function here, so that an export hands its arguments on where they are.
+ * Rows are the last argument of every function here, so an exported function passes its own
+ * arguments on in the same registers.
  *
- * A record is free when its slot word is -1, else the word is its position + 1. Positions are
+ * A record is free when its slot word is -1; otherwise the word is its position + 1. Positions are
  * 0-based. Writers hold the record's byte of the lock file; reads take no lock.
  */
 #ifndef CORE_TABLE_H
@@ -24,20 +25,20 @@ struct Geometry {
 
 enum class Compare : uint8_t { kNone, kTextWithoutCase, kBytes };
 
-/* A member that may not be equal in two used records. */
+/* A member that must differ in any two used records. */
 struct Key {
   Compare compare;
   uint8_t size;
   uint16_t at;
 };
 
-/* A member written by add and cleared by delete, never modified; size 0: none. */
+/* A member that add writes, delete clears and modify does not change; size 0: none. */
 struct Identity {
   uint8_t at;
   uint8_t size;
 };
 
-/* How a record's bytes become an item's. */
+/* How the bytes of a record are converted to those of an item. */
 enum class Conversion : uint32_t {
   kBytes,       /* copied */
   kSignedBytes, /* each byte widened to an int in the item; low bytes stored */
@@ -45,7 +46,8 @@ enum class Conversion : uint32_t {
   kAddress      /* 32 bits shown in the item as dotted text of 16 bytes */
 };
 
-/* A member of the payload, or several that are neighbours in record and item alike. One word. */
+/* One or more members of the payload that are neighbours both in the record and in the item. A run
+ * takes one word. */
 struct Run {
   uint32_t record_at : 10;
   uint32_t item_at : 12;
@@ -55,16 +57,16 @@ struct Run {
 
 constexpr int kMaxRuns = 14;
 
-/* The payload: what add and modify write, and where it lies in an item. Ends with a size of 0. */
+/* The payload: what add and modify write, and where it lies in an item. A run of size 0 ends it. */
 struct Payload {
   Run runs[kMaxRuns];
 };
 
 struct TableRow {
   Geometry geometry;
-  uint8_t modify_range; /* result of a modify out of range */
+  uint8_t modify_range; /* result of a modify whose position is out of range */
   Identity identity = {};
-  Key keys[2] = {}; /* the first that matches rejects */
+  Key keys[2] = {}; /* a clash in one of them rejects */
   Payload payload;
 };
 
@@ -76,16 +78,16 @@ inline const uint8_t* record_at(const Geometry& geometry, const void* block, uin
   return static_cast<const uint8_t*>(block) + geometry.at + position * geometry.stride;
 }
 
-/* 1 when a used record other than the one of skip_slot has a key of `record`, else 0.
+/* Returns 1 when a used record other than that of skip_slot has a key of `record`, else 0.
  * Required: empty texts and zeroes are keys like any other. */
 int32_t find_clash(const void* block, const void* record, uint32_t skip_slot,
                    const TableRow& table);
 
-/* Claims the lowest free record: its slot word is set under its lock. Position, or -1 when none is
- * free, the lock file cannot be opened or the block is null. */
+/* Claims the lowest free record: sets its slot word under its lock. Returns the position, or -1
+ * when no record is free, the lock file cannot be opened or the block is null. */
 int32_t claim(void* block, const Geometry& geometry);
 
-/* One list operation; results as in sysconfig/layout.h. */
+/* Runs one list operation. sysconfig/layout.h lists the results. */
 int32_t operate(void* block, uint32_t op, uint32_t* position, const void* record,
                 const TableRow& table);
 

@@ -1,4 +1,4 @@
-/* Copies of text fields: all their bytes, those behind the terminator, too. */
+/* Copies of text fields: all bytes, also those behind the terminator. */
 #ifndef CORE_TEXT_H
 #define CORE_TEXT_H
 
@@ -10,11 +10,11 @@
 
 namespace sc {
 
-/* Texts are copied 16 bytes at a time where the CPU has registers of that size. */
+/* Texts are copied 16 bytes at a time if the CPU has registers of that size. */
 using Vec16 = uint64_t __attribute__((vector_size(16)));
 constexpr bool kHasVec16 = sizeof(void*) == 8;
 
-/* Copies 16 to 32 bytes as two vectors, which overlap. */
+/* Copies 16 to 32 bytes as two vectors, which may overlap. */
 inline void copy_short_text(void* to, const void* from, size_t size) {
   if constexpr (kHasVec16) {
     const size_t second_at = size - sizeof(Vec16);
@@ -27,8 +27,8 @@ inline void copy_short_text(void* to, const void* from, size_t size) {
   }
 }
 
-/* More than 32 bytes, over zeroes. Most of a text is the zeroes behind it: it takes half the time to
- * look at them and write nothing. */
+/* Copies more than 32 bytes over zeroes. Most of a text's field is zeroes behind the text: testing
+ * them and writing nothing takes half the time. */
 template <size_t kSize>
 inline void copy_over_zeroes(uint8_t* to, const uint8_t* from) {
   constexpr size_t start = kHasVec16 ? 2 * sizeof(Vec16) : 0;

@@ -1,5 +1,6 @@
-/* get_items with a list's row known at compile time: the runs of its payload become straight code,
- * which takes two thirds of the interpreter's time and as much room as the same written by hand.
+/* get_items with a list's row known at compile time. The runs of its payload become straight code.
+ * That takes two thirds of the interpreter's time, and as much room as the same code written by
+ * hand.
  */
 #ifndef CORE_UNROLLED_H
 #define CORE_UNROLLED_H
@@ -15,7 +16,7 @@
 
 namespace sc {
 
-/* The runs from kRun on of a record, into a zeroed item. */
+/* Converts the runs from kRun on of a record into a zeroed item. */
 template <const MappedListRow& kRow, int kRun>
 [[gnu::always_inline]] inline void show_runs(const uint8_t* record, uint8_t* item,
                                              AddressWriter* addresses) {

@@ -57,10 +57,10 @@ void DelIpFilterItemByTimeGroupId(FwIpportBlock* block, int32_t time_group_id) {
   delete_linked(block, time_group_id, kIpFilters.list, kIpFilterTimeGroup);
 }
 
-/* Required: walks the block as if it held the port-forwarding table, which is at the same place but
- * has shorter records. Only rule 0 is freed; the other 31 words of -1 fall into the spare bytes,
- * texts, times and addresses of other rules. Their own locks are taken by whatever word lies where
- * a port-forwarding record has its lock_index. */
+/* Required: this works on the block as if it held the port-forwarding table, which begins at the
+ * same place but has shorter records. Only rule 0 is freed. The other 31 words of -1 overwrite
+ * spare bytes, texts, times and addresses of other rules. The byte that is locked for each is named
+ * by the word at the place where a port-forwarding record has its lock_index. */
 void DelAllIpFilterItem(FwIpportBlock* block) {
   SC_Operate_System_List_ForwordIpPort(reinterpret_cast<VsIpportBlock*>(block), LIST_OP_DEL_ALL,
                                        nullptr, nullptr);

@@ -46,7 +46,7 @@ int32_t ModifyIpGroupItem(IpGroupBlock* block, const IpGroupItem* item) {
   return modify_item(block, item, kIpGroups);
 }
 
-/* Required: the rules that refer to groups stay. */
+/* Required: the rules that refer to the groups stay. */
 void DelAllIpGroupItem(IpGroupBlock* block) { delete_all_items(block, kIpGroups.list); }
 
 int32_t GetIpGroupIndex(const IpGroupBlock* block, int32_t id) {

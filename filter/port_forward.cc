@@ -1,4 +1,4 @@
-/* Port forwarding. Its delete-all is also what empties the IP filter (ip_filter.cc). */
+/* Port forwarding. DelAllIpFilterItem (ip_filter.cc) calls its delete-all, too. */
 #include <sysconfig/filter.h>
 
 #include "core/area.h"

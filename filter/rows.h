@@ -76,13 +76,14 @@ constexpr MappedListRow kIpFilters = {
 
 constexpr GroupLink kIpFilterIpGroup =
     SC_GROUP_LINK(kIpGroup, IpFilterRecord, IpFilterItem, ip_mode, ip_group_id, 1, start_ip_text);
-/* Required: listed with its time group when time_mode is 1, deleted with it when it is 2. */
+/* Required: a rule is listed with its time group when time_mode is 1, and deleted with it when
+ * time_mode is 2. */
 constexpr GroupLink kIpFilterTimeGroup =
     SC_GROUP_LINK(kTimeGroup, IpFilterRecord, IpFilterItem, time_mode, time_group_id, 2, weekday);
 
 /* ---- port forwarding ---- */
 
-/* Required: the item has its numbers and options in another order. */
+/* Required: numbers and options have another order in the item than in the record. */
 constexpr Member kPortForwardMembers[] = {
     SC_MEMBER(PortFwRecord, leading_text, PortFwItem, leading_text),
     SC_MEMBER(PortFwRecord, ip_addr, PortFwItem, ip_text),

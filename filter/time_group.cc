@@ -45,14 +45,14 @@ int32_t ModifyTimeGroupItem(TimeGroupBlock* block, const TimeGroupItem* item) {
   return modify_item(block, item, kTimeGroups);
 }
 
-/* Required: the rules that refer to groups stay. */
+/* Required: the rules that refer to the groups stay. */
 void DelAllTimeGroupItem(TimeGroupBlock* block) { delete_all_items(block, kTimeGroups.list); }
 
 void DelTimeGroupItem(TimeGroupBlock* block, FwIpportBlock* ip_filters, FwMacBlock* mac_filters,
                       FwUrlBlock* url_filters, QosBlock* qos_rules, char* ids) {
   int32_t id;
   for (Ids tokens(ids); tokens.next(&id);) {
-    /* Required: called in another order than the arguments have. */
+    /* Required: the order of the calls differs from that of the arguments. */
     DelIpFilterItemByTimeGroupId(ip_filters, id);
     DelUrlFilterItemByTimeGroupId(url_filters, id);
     DelMacFilterItemByTimeGroupId(mac_filters, id);

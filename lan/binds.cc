@@ -1,5 +1,5 @@
-/* DHCP static bindings: the LAN table and the access controller's. They are listed by their unrolled
- * row, for that is what pages read most. */
+/* DHCP static bindings: the LAN table and the access controller's. Their listings use the unrolled
+ * row, because pages read them most. */
 #include <sysconfig/lan.h>
 
 #include "core/unrolled.h"

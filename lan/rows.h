@@ -15,8 +15,8 @@ constexpr Member kBindMembers[] = {
     SC_MEMBER(DhcpBindRecord, bind_name, DhcpStaticItem, name),
 };
 
-/* Both tables are alike but for their place and their counter. Here slot_id stands before
- * lock_index, in all other tables behind it. */
+/* The two tables differ only in their place and their counter. Here slot_id stands before
+ * lock_index; in all other tables it stands behind it. */
 consteval MappedListRow binds(Geometry geometry, size_t counter_at) {
   return {
       .list = {.table = {.geometry = geometry,

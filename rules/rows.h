@@ -32,8 +32,8 @@ constexpr MappedListRow kMacFilters = {
     .item_size = SC_ITEM_SIZE(MacFilterItem, FwMacBlock, rules),
 };
 
-/* Required: rules are listed with their time group when time_mode is 1, deleted with it when it is
- * 2; so below. */
+/* Required: a rule is listed with its time group when time_mode is 1, and deleted with it when
+ * time_mode is 2. The same holds for the rules below. */
 constexpr GroupLink kMacFilterTimeGroup =
     SC_GROUP_LINK(kTimeGroup, MacFilterRecord, MacFilterItem, time_mode, time_group_id, 2, weekday);
 
@@ -51,7 +51,7 @@ constexpr Member kUrlFilterMembers[] = {
     SC_MEMBER(UrlFilterRecord, trailing_text, UrlFilterItem, trailing_text),
 };
 
-/* Required: URLs are compared with their case and with what follows their NUL. */
+/* Required: the comparison of URLs includes letter case and the bytes behind the NUL. */
 constexpr MappedListRow kUrlFilters = {
     .list = {.table = {.geometry = SC_GEOMETRY(FwUrlBlock, rules),
                        .modify_range = SC_LIST_REJECTED /* Required: not SC_LIST_MOD_RANGE. */,
@@ -96,7 +96,7 @@ constexpr MappedListRow kQosRules = {
     .item_size = SC_ITEM_SIZE(QosItem, QosBlock, rules),
 };
 
-/* Required: a rule that selects by text keeps its own addresses. */
+/* Required: a rule that selects by text is listed with its own addresses. */
 constexpr GroupLink kQosIpGroup = shown_unless(
     SC_GROUP_LINK(kIpGroup, QosRuleRecord, QosItem, ip_mode, ip_group_id, 1, start_ip_text),
     offsetof(QosItem, match_kind));

@@ -1,4 +1,4 @@
-/* The command that runs commands: batch. */
+/* batch: runs the commands of a file. */
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -11,12 +11,12 @@ namespace scctl {
 
 namespace {
 
-/* Lines of a file, one by one. */
+/* Reads the lines of a file, one by one. */
 class Lines {
  public:
   explicit Lines(FILE* file) : file_(file) {}
 
-  /* False at the end, or when there is a fault. The line's end is left out, of a DOS text too. */
+  /* False at the end and on an error. The line end is removed, also that of DOS. */
   bool next() {
     line_.clear();
     ++number_;
@@ -51,13 +51,13 @@ class Lines {
   int status_ = kOk;
 };
 
-/* Runs a line; counts it when it has a command that was done. */
+/* Runs a line, and counts it when its command succeeded. */
 int run_line(char* line, unsigned* done) {
   Words split;
   if (!split.split(line)) return fail(kUsage, "%s", split.fault());
   char** words = split.words();
   int count = split.count();
-  /* As --commands prints them. */
+  /* --commands prints lines that begin so. */
   if (count > 0 && strcmp(words[0], "scctl") == 0) {
     ++words;
     --count;

@@ -13,7 +13,7 @@ namespace scctl {
 
 namespace {
 
-/* The assignments behind the first word, and which fields they name. */
+/* Parses the assignments after the first word. The mask gets the fields that they name. */
 int parse_assignments(const Call& call, const Table& table, uint8_t* record, Mask* mask,
                       Spelling* spelling) {
   for (int n = 1; n < call.word_count; ++n) {
@@ -91,8 +91,8 @@ namespace {
 
 constexpr uint32_t kBindingAreas = bit(kApTemplateList) | bit(kManageApList);
 
-/* The used record of this table that a word names; null when there is none, which is said, with the
- * status. */
+/* The used record of this table that a word names. If it does not exist, prints an error, sets the
+ * status and returns null. */
 template <class Record>
 const Record* parse_used(Call& call, const char* word, const char* table, Target* target,
                          int* status) {
@@ -109,7 +109,7 @@ const Record* parse_used(Call& call, const char* word, const char* table, Target
   return nullptr;
 }
 
-/* The template of the first word; both areas are the edit's. */
+/* Begins the edit of both areas and returns the template that the first word names. */
 const ApTemplateRecord* parse_template(Call& call, Edit& edit, Target* target, int* status) {
   *status = edit.begin(kBindingAreas);
   if (*status != kOk) return nullptr;

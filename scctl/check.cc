@@ -1,6 +1,6 @@
-/* Commands that look for damage and mend it: check and repair. Both walk over the same findings;
- * check tells each with its remedy, repair mends what has one right value: the header, lock words, id
- * words and counters. Which of two records with one key is right is for a person to say.
+/* Commands that find and repair damage: check and repair. Both use the same findings. check prints
+ * each with its remedy. repair corrects those that have one right value: the header, lock words, id
+ * words and counters. When two records have the same key, a person has to choose.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -33,15 +33,15 @@ struct Damage {
     kLockWord,
     kIdWord,
     kCounter,
-    kDuplicate, /* of the record at `right` in `field` */
-    kReference  /* of the mode `field` to a group of `groups` */
+    kDuplicate, /* with the record at `right`, in `field` */
+    kReference  /* from the mode `field` to a group of `groups` */
   };
   Kind kind;
   const Area* area;
   const Table* table;
   uint32_t position;
-  int64_t value; /* as it is */
-  int64_t right; /* as it should be */
+  int64_t value; /* the present value */
+  int64_t right; /* the right value */
   const Field* field;
   const Table* groups;
 
@@ -65,7 +65,7 @@ int64_t count_used(Source& source, const Table& table) {
   return used;
 }
 
-/* The library counts after it has let a record go. */
+/* The library changes the counter after it has released the record. */
 void pause_for_counts() {
   constexpr timespec kPause = {0, 10'000'000};
   nanosleep(&kPause, nullptr);
@@ -156,7 +156,7 @@ void find_dangling(Source& source, const Snapshot& rules, Tell tell) {
   }
 }
 
-/* All of an area, in the order in which it is mended. */
+/* Finds all damage of an area, in the order in which it is repaired. */
 template <class Tell>
 void find_damage(Source& source, const Area& area, Tell tell) {
   find_in_header(source, area, tell);
@@ -209,7 +209,7 @@ void describe(Source& source, const Damage& damage, Text* to) {
   }
 }
 
-/* Behind the commands of remedies for a file: the options with which they change it. */
+/* The options of remedies for a file; they follow the commands. */
 struct Options {
   Text text;
   explicit Options(const Call& call) {
@@ -239,7 +239,7 @@ void add_remedy(const Damage& damage, const Options& options, Text* to) {
 
 /* ---- check ---- */
 
-/* What stands beside a live area: findings, told. */
+/* Checks the files of a live area and prints the findings. Returns their number. */
 unsigned check_files(const Area& area) {
   unsigned findings = 0;
   const Path lock = lock_path(area);
@@ -295,9 +295,10 @@ int run_check(Call& call) {
 
 namespace {
 
-/* Several bytes of a lock file, of an area that is edited. They are asked for again and again, a
- * second at most, and not waited for: who waits while he holds others makes the kernel tell a third
- * program that there is a deadlock, and the library then writes without a lock. */
+/* Locks several bytes of a lock file, in an area that is edited. It tries to lock them, again and
+ * again for at most a second, and never waits in the kernel. If a process waited while it held
+ * other bytes, the kernel could return EDEADLK to a third program, and the library would then write
+ * without a lock. */
 class Gathered {
  public:
   explicit Gathered(AreaId area) : file_(g_lock_files[area]) {}
@@ -366,7 +367,8 @@ bool set_counter(void* counter, int64_t seen, int64_t used) {
                                      __ATOMIC_RELAXED);
 }
 
-/* No record comes or goes meanwhile; who had let one go may still count it. */
+/* No record is added or deleted meanwhile. A program that has released a record may still have to
+ * change the counter. */
 bool mend_counter(Source& live, const Table& table) {
   pause_for_counts();
   void* counter = live.block(table.area) + table.counter_at;
@@ -375,7 +377,7 @@ bool mend_counter(Source& live, const Table& table) {
                                  : set_counter<uint32_t>(counter, seen, used);
 }
 
-/* False when another program has changed it since it was looked at. */
+/* False when another program has changed the value since the check. */
 bool mend_locked(Source& live, const Damage& damage) {
   if (damage.kind == Damage::kCounter) return mend_counter(live, *damage.table);
   if (damage.table == nullptr) {
@@ -388,8 +390,8 @@ bool mend_locked(Source& live, const Damage& damage) {
   return load<int32_t>(word) == damage.right;
 }
 
-/* Under the bytes that guard what is mended. False when they are not to be had, or when another
- * program has changed it since it was looked at. */
+/* Repairs one finding under the bytes that guard it. False when these bytes cannot be locked, or
+ * when another program has changed the value since the check. */
 bool mend(Edit& edit, const Damage& damage) {
   Source& live = edit.live();
   const AreaId area = id_of(*damage.area);
@@ -399,7 +401,7 @@ bool mend(Edit& edit, const Damage& damage) {
     case Damage::kAreaLock:
     case Damage::kLockWord:
       locks.want(damage.right, 1);
-      if (damage.value > 0) locks.want(damage.value, 1); /* whom the wrong word leads there */
+      if (damage.value > 0) locks.want(damage.value, 1); /* other programs lock this byte */
       break;
     case Damage::kIdWord: locks.want(lock_index_of(*damage.table, damage.position), 1); break;
     default: locks.want(lock_index_of(*damage.table, 0), damage.table->capacity);
@@ -413,7 +415,7 @@ struct Repaired {
   unsigned mended, left;
 };
 
-/* Tells what is mended (or would be), and what is left. */
+/* Prints what was repaired (or would be), and what is left. */
 int repair_area(Call& call, const Area& area, const Options& options, Text* said,
                 Repaired* repaired) {
   const bool dry = call.has(kDryRun);

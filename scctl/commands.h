@@ -1,5 +1,5 @@
-/* The commands, and what they have in common: options, the grammar TABLE[/ID][.FIELD], and how a
- * record is printed.
+/* The commands and what they share: options, the grammar TABLE[/ID][.FIELD], and how a record is
+ * printed.
  */
 #ifndef SCCTL_COMMANDS_H
 #define SCCTL_COMMANDS_H
@@ -23,11 +23,11 @@ enum Option : uint16_t {
   kExec = 64,
   kCount = 128,
   kInPlace = 256,
-  kInput = 512, /* of a command alone: its word is a file, none or - standard input */
+  kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
 };
 constexpr uint16_t kSources = kImage | kArchive;
 
-/* More is read of no input. */
+/* The most bytes that are read of an input. */
 constexpr size_t kMostInput = 48u << 20;
 
 struct Call {
@@ -36,12 +36,12 @@ struct Call {
   const char* archive;
   const char* exec;
   uint32_t count;
-  int word_count; /* behind the command's name */
+  int word_count; /* without the command's name */
   char** words;
   FILE* input; /* of a command with kInput */
   const char* input_name;
-  Source source; /* opened as the options say */
-  bool is_done;  /* by a command that tells by its status what is left: it has not failed */
+  Source source; /* opened according to the options */
+  bool is_done;  /* set by a command whose status reports findings: it has not failed */
 
   ~Call() {
     if (input != nullptr && input != stdin) fclose(input);
@@ -60,10 +60,10 @@ struct Command {
   int (*run)(Call& call);
 };
 
-/* Runs a command of these words, the name first. */
+/* Runs a command. The first word is its name. */
 int run_words(int word_count, char** words);
 
-/* TABLE[/ID][.FIELD]; id 0 and field null where they are left out. */
+/* TABLE[/ID][.FIELD]. If they are left out, id is 0 and field is null. */
 struct Target {
   const Table* table;
   uint32_t id;
@@ -71,29 +71,29 @@ struct Target {
 };
 enum Parts : uint8_t { kTableAlone, kWithId, kMayHaveId, kMayHaveField };
 int parse_target(const char* text, Parts parts, Target* target);
-/* FIELD=VALUE, or FIELD:hex=HEX, into the record. The latter is compared with other records as the
- * library compares them. */
+/* Writes FIELD=VALUE or FIELD:hex=HEX into the record. After the latter, the record is compared
+ * with other records as the library compares them. */
 int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field,
                      Spelling* spelling = nullptr);
-/* Says so, with the nearest name. */
+/* Prints that the field does not exist, with the nearest name. */
 int unknown_field(const Table& table, const char* name, size_t length);
-/* An area by its name. */
+/* Finds an area by its name. */
 int parse_area(const char* name, AreaId* area);
-/* The areas of the words, or all of them for --all; a word too many or none is wrong usage. */
+/* The areas of the words, or all of them for --all. Too many words, or none, are a usage error. */
 int parse_areas(const Call& call, bool none_is_all, bool* chosen);
-/* The areas of the words, which have to be there, or all that are there when no word says one. */
+/* The areas of the words, which have to exist, or all areas that exist if there are no words. */
 int present_areas(Call& call, bool* chosen);
-/* Says that no area is there. */
+/* Prints that no area exists. */
 int fail_without_areas();
 
 int init_area(Call& call, AreaId id);
-/* Reads the archive back to see that it is good. */
+/* Saves the area, then reads the archive back to check it. */
 int save_area(Call& call, AreaId id);
 
 void write_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
                        JsonWriter* writer);
-/* The fields in which two records differ, a line each behind the prefix; a line for a record that
- * came or went, whose other is null. True when there are any. */
+/* Prints the fields in which two records differ, each on a line after the prefix, or one line for a
+ * record that was added or deleted, where the other one is null. True when anything was printed. */
 bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,
                    const uint8_t* is);
 /* The same for all records of a table. */

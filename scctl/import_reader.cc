@@ -1,4 +1,4 @@
-/* What an import's file says. */
+/* Reads the JSON of an import. */
 #include "import_reader.h"
 
 #include <errno.h>
@@ -13,7 +13,7 @@ namespace scctl {
 
 namespace {
 
-/* All of the command's input. */
+/* Reads the whole input of the command. */
 int read_text(const Call& call, Text* text) {
   char bytes[4096];
   for (size_t size; (size = fread(bytes, 1, sizeof bytes, call.input)) > 0;) {
@@ -29,7 +29,7 @@ int read_text(const Call& call, Text* text) {
   return fail(kNoArea, "%s: %s", call.input_name, strerror(errno));
 }
 
-/* Members that were read, as bits; true when this one was before. */
+/* Members that were read are bits of `seen`. True when this one was read before. */
 bool is_second(uint64_t* seen, size_t which) {
   const uint64_t bit = 1ULL << which;
   const bool second = (*seen & bit) != 0;
@@ -37,7 +37,7 @@ bool is_second(uint64_t* seen, size_t which) {
   return second;
 }
 
-/* What an export prints for a field. */
+/* The JSON kind that an export prints for a field. */
 JsonKind json_kind(const Field& field) {
   if (field.kind != Kind::kSigned && field.kind != Kind::kUnsigned) return JsonKind::kText;
   return field.size > field.width ? JsonKind::kNumbers : JsonKind::kNumber;
@@ -76,7 +76,7 @@ int read_record(JsonReader& json, Snapshot* wanted) {
   for (bool first = true; json.next('}', &first);) {
     JsonKind kind;
     if (!json.name(&name) || !json.value(&value, &kind)) return kRefused;
-    const Field* field = nullptr; /* the id's bit stands behind theirs */
+    const Field* field = nullptr; /* the bit of the id stands behind those of the fields */
     if (strcmp(name.c_str(), "id") != 0) {
       field = find_field(table, name.c_str(), name.size());
       if (field == nullptr) return unknown_field(table, name.c_str(), name.size());
@@ -116,7 +116,7 @@ int read_table(JsonReader& json, AreaId area, Snapshot* all) {
   Snapshot& own = all[&table - kTables];
   if (own) return fail(kRefused, "table %s appears twice", table.name);
   Snapshot wanted(table);
-  json.open('['); /* where it cannot, nothing is next */
+  json.open('['); /* on an error, next is false */
   for (bool first = true; json.next(']', &first);) {
     if (const int status = read_record(json, &wanted); status != kOk) return status;
   }

@@ -8,11 +8,12 @@ namespace scctl {
 
 using namespace store;
 
-/* What the tables of a file are to be; those that it has not are none. */
+/* The wanted contents of the tables in a file. A table that is not in the file has none. */
 struct Import {
   Snapshot wanted[kTableCount];
 
-  /* The command's input, all of it checked. Says what is wrong with it, and returns a status. */
+  /* Reads and checks the whole input of the command. On an error it prints a message and returns a
+   * status. */
   int read(const Call& call);
 };
 

@@ -21,7 +21,7 @@ namespace {
 
 /* ---- the edit ---- */
 
-/* As the library packs it. */
+/* Packs the image as the library does. */
 int write_archive(const Area& area, AtomicFile* to) {
   const Path path = archive_path(area);
   const int file = open(path.text, O_RDONLY | O_CLOEXEC);
@@ -37,10 +37,10 @@ int write_archive(const Area& area, AtomicFile* to) {
   return status;
 }
 
-/* Behind the child's exit status: the temporary file is complete. */
+/* Added to the child's exit status when the temporary file is complete. */
 constexpr int kComplete = 0x40;
 
-/* In the child. */
+/* Runs in the child. */
 int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
   for (int n = 0; n < kAreaCount; ++n) Source::forget_live(static_cast<AreaId>(n));
   if (const char* step = enter_sandbox(); step != nullptr) {
@@ -60,7 +60,7 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
   g_where = outer;
   const int status = run(call);
   const int flushed = flush_output();
-  end_if_interrupted(); /* half of a batch is no edit */
+  end_if_interrupted(); /* a batch that was interrupted is not an edit */
   if (status != kOk && !call.is_done) return status;
   if (flushed != kOk) return flushed;
   int written;
@@ -77,18 +77,18 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
 
 /* ---- signals ---- */
 
-volatile pid_t g_child;         /* that edits; 0: there is none */
-volatile sig_atomic_t g_signal; /* the last that came; 0: none */
+volatile pid_t g_child;         /* the child that edits; 0: none */
+volatile sig_atomic_t g_signal; /* the last signal that arrived; 0: none */
 
-/* By SIGKILL: the child has nothing to tidy up, and while it edits or runs a shell it takes no other
- * signal. */
+/* Uses SIGKILL: the child has nothing to clean up, and it handles no other signal while it edits or
+ * runs a shell. */
 void end_child(int signal_number) {
   g_signal = signal_number;
   if (g_child > 0) kill(g_child, SIGKILL);
 }
 
-/* A signal that would end the command ends the child, and the parent stays to remove the temporary
- * file. Signals that are ignored stay so. */
+/* A signal that would end the command ends the child instead. The parent continues, to remove the
+ * temporary file. Ignored signals stay ignored. */
 class SignalForwarder {
  public:
   SignalForwarder() = default;
@@ -96,7 +96,7 @@ class SignalForwarder {
   SignalForwarder(const SignalForwarder&) = delete;
   SignalForwarder& operator=(const SignalForwarder&) = delete;
 
-  /* From now on they wait for the child. */
+  /* From now on signals are forwarded to the child. */
   void start() {
     sigset_t all;
     sigemptyset(&all);
@@ -115,7 +115,8 @@ class SignalForwarder {
     sigprocmask(SIG_SETMASK, &mask_, nullptr);
   }
 
-  /* As waitpid tells it. The child's number is not used any more when it can be another's. */
+  /* Waits for the child; the status is that of waitpid. The child's number is cleared before
+   * another process can get it. */
   bool wait_for_child(int* ended) {
     const pid_t child = g_child;
     siginfo_t told;
@@ -139,11 +140,11 @@ class SignalForwarder {
   bool is_started_ = false;
 };
 
-/* The edit in a child, which ends with its parent. */
+/* Runs the edit in a child, which ends when its parent ends. */
 int edit_in_child(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to,
                   SignalForwarder& signals) {
   fflush(stdout);
-  signal(SIGCHLD, SIG_DFL); /* where it is ignored, nobody tells how the child ended */
+  signal(SIGCHLD, SIG_DFL); /* if it were ignored, waitpid could not return how the child ended */
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child == 0) {
@@ -166,7 +167,7 @@ int edit_in_child(Call& call, int (*run)(Call& call), Source& file, AtomicFile* 
 
 int run_in_place(Call& call, int (*run)(Call& call)) {
   const char* name = call.has(kArchive) ? call.archive : call.image;
-  SignalForwarder signals; /* stops when the temporary file is gone */
+  SignalForwarder signals; /* lives until the temporary file is removed */
   AtomicFile atomic;
   if (const int status = atomic.open(name); status != kOk) return status;
   Source file;

@@ -1,9 +1,10 @@
-/* Edits of a file. The area of an image or an archive is loaded into a sandbox: a child process with
- * System V memory and a /var of its own. The command works there, by the library's functions and
- * under its locks. The result is written to a temporary file beside the file and renamed over it
- * when all went well; until then the file is as it was.
+/* Edits of a file. The area of an image or an archive is loaded into a sandbox: a child process
+ * with System V memory and a /var of its own. The command works there, with the library's functions
+ * and locks. The result is written to a temporary file beside the file. When all went well, the
+ * temporary file is renamed over the file; until then the file does not change.
  *
- * Two edits of one file exclude each other: the second waits, and works on what the first has made.
+ * Two edits of one file exclude each other: the second waits, and then edits the result of the
+ * first.
  */
 #ifndef SCCTL_IN_PLACE_H
 #define SCCTL_IN_PLACE_H

@@ -17,8 +17,8 @@ namespace {
 
 constexpr char kLockFolder[] = "/var/lock_store";
 
-/* Does something to each area of the words; the first that fails is the last. Areas that are never
- * saved are passed over for --all. */
+/* Calls `act` for each area of the words and stops at the first failure. With --all, areas that are
+ * never saved are skipped. */
 int for_areas(Call& call, bool saved_alone, int (*act)(Call& call, AreaId id)) {
   bool chosen[kAreaCount];
   if (const int status = parse_areas(call, false, chosen); status != kOk) return status;
@@ -50,7 +50,7 @@ int init_area(Call&, AreaId id) {
                 kNoRegularFile);
   }
   const Path lock = lock_path(area);
-  /* The library empties the area first and does not tell that it has no lock file. */
+  /* The library empties the area first, and does not report a missing lock file. */
   const char* needed = access(lock.text, F_OK) == 0 ? lock.text : kLockFolder;
   if (access(needed, R_OK | W_OK) != 0) {
     return fail(kNoArea, "area %s cannot be created: %s: %s", area.name, needed, strerror(errno));
@@ -73,12 +73,13 @@ int init_area(Call&, AreaId id) {
 
 namespace {
 
-/* Says why an area is not what it should have become. */
+/* Prints why an area was not saved or loaded. */
 int fail_archive(const Area& area, const char* is_not, const char* fault) {
   return fail(kRefused, "area %s %s: %s: %s", area.name, is_not, archive_path(area).text, fault);
 }
 
-/* The library does not tell how it went: area and archive have to be equal now. */
+/* The library does not report success, so area and archive are compared: they have to be equal
+ * now. */
 int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
   const Area& area = kAreas[id];
   const bool same = memcmp(call.source.block(id), image->bytes, area.row().size) == 0;
@@ -92,21 +93,22 @@ int compare(Call& call, AreaId id, const char* done, ArchiveImage* image) {
 
 namespace {
 
-/* To open a pipe would wait for somebody who reads it. */
+/* Uses access, because opening a pipe would wait for a reader. */
 int need_writable(const Area& area, const Path& path) {
   if (access(path.text, W_OK) == 0) return kOk;
   return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, strerror(errno));
 }
 
-/* What a save writes. The library does not tell that it could not, and the archive of before may be
- * equal. A pipe in its place would hold it, and the area's lock, for ever. */
+/* Checks the files that a save writes. The library does not report that it could not write them,
+ * and the previous archive may be equal. A pipe in place of a file would block the library, with
+ * the area's lock held, for ever. */
 int need_writable_files(const Area& area) {
   if (const int status = need_writable(area, lock_path(area)); status != kOk) return status;
   Path image;
   snprintf(image.text, sizeof image.text, sc::kImagePath, area.row().stem);
   Path written[] = {image, archive_path(area)};
   for (Path& path : written) {
-    /* One that is not there is made in its folder. */
+    /* A file that does not exist is created in its folder. */
     if (access(path.text, F_OK) != 0) {
       *strrchr(path.text, '/') = '\0';
     } else if (!is_regular(path)) {
@@ -137,7 +139,7 @@ int save_area(Call& call, AreaId id) {
 
 namespace {
 
-/* What is broken would be loaded as far as it goes. */
+/* The library would load a broken archive as far as it can. */
 int load_archive(Call& call, AreaId id, bool* loaded) {
   const Area& area = kAreas[id];
   const NoSaves no_saves(area);
@@ -165,7 +167,7 @@ int restore_area(Call& call, AreaId id) {
   return status;
 }
 
-/* The library loads an archive as far as it goes, and does not tell how far. */
+/* The library loads an archive as far as it can, and does not report how far. */
 int tell_loaded(Call& call, AreaId id) {
   if (const int status = call.source.need(id); status != kOk) return status;
   const Area& area = kAreas[id];
@@ -178,7 +180,7 @@ int tell_loaded(Call& call, AreaId id) {
 
 int remove_area(Call& call, AreaId id) {
   const Area& area = kAreas[id];
-  /* Removing creates what is not there. */
+  /* Without this check, Uninit would create a segment that does not exist. */
   if (shmget(area.row().key, 0, 0) < 0) {
     return call.has(kAll) && errno == ENOENT
                ? kOk
@@ -197,7 +199,7 @@ int remove_area(Call& call, AreaId id) {
               area.name, area.row().key);
 }
 
-/* The library tells a failure by perror alone. */
+/* The library reports a failure only by perror. */
 int notify_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
   int errors[2];

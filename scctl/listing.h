@@ -1,4 +1,5 @@
-/* Rows of columns, as text or as JSON: what the listing commands print, from one table of columns. */
+/* Rows of columns, printed as text or as JSON by the listing commands. One table describes the
+ * columns of both. */
 #ifndef SCCTL_LISTING_H
 #define SCCTL_LISTING_H
 
@@ -9,12 +10,12 @@ namespace scctl {
 using namespace store;
 
 struct Column {
-  const char* name;    /* in JSON; null: it is no member there */
-  const char* heading; /* as text; null: it is no column there */
+  const char* name;    /* in JSON; null: not in JSON */
+  const char* heading; /* as text; null: not as text */
   int8_t width;        /* columns on the terminal; negative: flush left; 0: the last one */
 };
 
-/* Cells are given in the order of the columns; a row ends with its last. */
+/* Cells are added in the order of the columns. The last cell ends a row. */
 class Listing {
  public:
   /* Prints the headings. */
@@ -24,12 +25,12 @@ class Listing {
   Listing& operator=(const Listing&) = delete;
 
   void add(const char* text);
-  /* Bytes that come from elsewhere. */
+  /* Adds text from elsewhere. */
   void add_foreign(const Text& text);
   void add(unsigned long number);
-  /* One thing in JSON, another as text. */
+  /* Adds a cell with different contents in JSON and as text. */
   void add(const char* raw_json, const char* text);
-  /* Prints what is left. */
+  /* Prints the rest. */
   void end();
 
  private:

@@ -1,4 +1,4 @@
-/* locks: who holds or waits for which record. */
+/* locks: which process holds or waits for which record. */
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -14,7 +14,7 @@ namespace scctl {
 
 namespace {
 
-/* The record that a byte of the area's lock file guards. */
+/* Prints the record that a byte of the area's lock file guards. */
 void format_guarded(const Area& area, unsigned long byte, Text* to) {
   for (const Table& table : kTables) {
     if (&kAreas[table.area] != &area || table.lock_at < 0) continue;
@@ -63,7 +63,7 @@ const Area* area_of_lock(unsigned device_major, unsigned device_minor, unsigned 
   return nullptr;
 }
 
-/* A line of the kernel's lock table that is about an area. */
+/* A line of the kernel's lock table about a lock file of an area. */
 struct HeldBytes {
   const Area* area;
   unsigned long first, last;
@@ -101,8 +101,8 @@ class LockTable {
   size_t count_ = 0;
 };
 
-/* The kernel's lines: "1: POSIX ADVISORY WRITE PID MAJOR:MINOR:INODE START END", a waiter's with
- * "->" behind its number. Neighbouring bytes of one process are one line. */
+/* Lines of the kernel: "1: POSIX ADVISORY WRITE PID MAJOR:MINOR:INODE START END". A line of a
+ * waiting process has "->" behind its number. Neighbouring bytes of one process are one line. */
 void read_locks(FILE* file, LockTable* table) {
   table->clear();
   char line[160];
@@ -129,8 +129,8 @@ void read_locks(FILE* file, LockTable* table) {
 
 }  // namespace
 
-/* The kernel hands its table over in pieces, and a lock that comes or goes in between makes it
- * leave out or repeat lines: it is read until two readings agree. */
+/* The kernel returns its table in pieces. A lock that is set or released between two pieces can
+ * cause missing or repeated lines. So the table is read until two readings are equal. */
 int run_locks(Call& call) {
   FILE* file = fopen("/proc/locks", "r");
   if (file == nullptr) return fail(kNoArea, "/proc/locks: %s", strerror(errno));

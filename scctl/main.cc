@@ -1,5 +1,5 @@
-/* scctl: sees and edits the live configuration, a saved image or an archive with one grammar.
- * The rows of the commands, options, help, and what the commands have in common.
+/* scctl: shows and edits the live configuration, a saved image or an archive, with one grammar.
+ * This file holds the rows of the commands, the options, the help, and what the commands share.
  */
 #include <ctype.h>
 #include <errno.h>
@@ -18,7 +18,7 @@ namespace scctl {
 
 constexpr uint16_t kChanges = kSources | kInPlace;
 
-/* In the order of the help. */
+/* In the order of the help text. */
 // clang-format off
 constexpr Command kCommands[] = {
   {"tables", "", "list the tables",
@@ -141,7 +141,7 @@ namespace {
 struct OptionRow {
   const char* name; /* without its hyphens */
   Option option;
-  const char* value; /* what it is called; null: it has none */
+  const char* value; /* the name of its value; null: the option has no value */
   const char* help;
 };
 
@@ -207,7 +207,7 @@ int fail_unknown_command(const char* name) {
   return fail(kUsage, "unknown command '%s'; %s", name, nearest.hint("scctl --help lists them"));
 }
 
-constexpr int kOption = 256; /* its place in kOptions is added */
+constexpr int kOption = 256; /* plus its place in kOptions */
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
@@ -231,7 +231,8 @@ int take_option(const OptionRow& row, char* value, Call* call) {
   return kOk;
 }
 
-/* Takes the options out of the words, the command's name among them; a wish for help goes first. */
+/* Removes the options from the words, which include the command's name. A request for help comes
+ * first. */
 int parse_options(const Command& command, int count, char** words, Call* call, bool* help) {
   constexpr int kHelp = 'h', kWord = 1;
   option known[kOptionCount + 2] = {{"help", no_argument, nullptr, kHelp}};
@@ -242,12 +243,13 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
     known[known_count++] = {kOptions[n].name, has_value, nullptr, kOption + n};
   }
   opterr = 0;
-  optind = 0; /* from the start, in both C libraries */
+  optind = 0; /* restarts getopt in both C libraries */
   while (true) {
-    /* "-": words come as they stand, wherever they stand. */
+    /* "-": words are returned in place, wherever they stand. */
     const int found = getopt_long(count, words, "-:h", known, nullptr);
     if (found == -1) {
-      /* At "--" and at the end; the small C library also at a single hyphen, which is a word. */
+      /* getopt stops at "--" and at the end. That of the small C library also stops at a single
+       * hyphen, which is a word here. */
       const bool word =
           optind < count && strcmp(words[optind], "-") == 0 && strcmp(words[optind - 1], "--") != 0;
       if (!word) break;
@@ -285,7 +287,7 @@ int open_input(Call* call) {
   return call->input != nullptr ? kOk : fail(kNoArea, "%s: %s", call->input_name, strerror(errno));
 }
 
-/* Which of the options go together, and with the command. */
+/* Checks which options may be combined, and used with the command. */
 int check_sources(const Command& command, const Call& call) {
   if (call.has(kImage) && call.has(kArchive)) {
     return fail(kUsage, "--image and --archive exclude each other");
@@ -357,7 +359,7 @@ int run_help(Call& call) {
 
 namespace {
 
-/* The words that are in the rows, as variables of the function. */
+/* Prints the words of the rows as variables of the completion function. */
 void print_completion_words() {
   Text commands, tables, areas;
   for (const Command& command : kCommands) commands.print(" %s", command.name);

@@ -1,4 +1,4 @@
-/* Commands that show what there is: tables, fields, areas. */
+/* Commands that show what exists: tables, fields, areas. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
@@ -53,7 +53,7 @@ int run_fields(Call& call) {
 
 namespace {
 
-/* How old the file is, in the largest unit that is not 0. */
+/* Prints how old the file is, in the largest unit that is not 0. */
 void format_age(const char* path, Text* to) {
   struct stat file;
   if (stat(path, &file) != 0) return;
@@ -87,7 +87,7 @@ void format_archive(const Area& area, Text* to) {
   to->add(" old");
 }
 
-/* Of the tables of an area that have free records. */
+/* The use of an area's tables that have free records. */
 struct Use {
   uint32_t used = 0, capacity = 0;
 

@@ -12,14 +12,14 @@ namespace scctl {
 namespace {
 
 constexpr size_t kColumns = 80;
-constexpr size_t kWidest = 32; /* letters of a cell */
+constexpr size_t kWidest = 32; /* letters of a cell, at most */
 constexpr size_t kIdWidth = 3;
 
-/* A text of at most so many columns. */
+/* Adds a text, cut to a number of columns. */
 void add_cut(const char* text, size_t size, Text* to) {
   static constexpr char kCut[] = "..";
   Text whole;
-  size_t kept = 0, columns = 0; /* what is left when it is cut */
+  size_t kept = 0, columns = 0; /* what is left after a cut */
   while (size > 0) {
     Shown shown;
     const size_t taken = show_letter(text, size, &shown);
@@ -37,7 +37,7 @@ void add_cut(const char* text, size_t size, Text* to) {
   to->add(whole.c_str());
 }
 
-/* A value that fits a column. */
+/* Adds a value, cut to the width of a cell. */
 void format_cell(const Field& field, const uint8_t* record, Text* to) {
   if (field.kind == Kind::kBytes) {
     to->print("%zu/%u bytes", size_without_trailing_zeros(field, record), field.size);
@@ -62,7 +62,7 @@ void end_line(Text* to) {
 
 void print(const Text& text) { fwrite(text.c_str(), 1, text.size(), stdout); }
 
-/* The records that have a value in a field, or all when there is no field. */
+/* Chooses the records with a given value in a field, or all records when there is no field. */
 struct Choice {
   const Table& table;
   const Field* field = nullptr;
@@ -78,9 +78,9 @@ struct Choice {
   }
 };
 
-/* Columns of a table that is printed: as many of the first fields as fit. To say how much of a
- * large field is filled, all of it would have to be read, which makes memory of a segment's pages
- * that nobody has written yet: it is no column. */
+/* The columns of a printed table: as many of the first fields as fit. Large fields are left out: to
+ * print how much of one is filled, scctl would have to read all of it, and reading pages that
+ * nobody has written makes them use memory. */
 class Columns {
  public:
   explicit Columns(const Table& table) {
@@ -114,15 +114,15 @@ class Columns {
   int shown_ = 0;
 };
 
-/* In one pass: cells are made while the widths are not known yet, of no more columns than may still
- * be shown. Returns the number of records; for none that have a value nothing is printed. */
+/* Prints a table in one pass. Cells are made before the widths are known, but only of columns that
+ * may still fit. Returns the number of records. If no record has the value, nothing is printed. */
 uint32_t print_table(Source& source, const Choice& choice) {
   const Table& table = choice.table;
   Columns columns(table);
   Reader reader(source, table, choice.field != nullptr ? Reader::kWhole : columns.shown());
   Buffer record(table.stride);
   Buffer cell_counts(table.capacity);
-  Text cells; /* of each record its id and its values, each with its NUL */
+  Text cells; /* the id and the values of each record, each terminated by NUL */
   Text cell;
   uint32_t count = 0;
   for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
@@ -165,13 +165,13 @@ uint32_t print_table(Source& source, const Choice& choice) {
   return count;
 }
 
-/* Makes commands of records, as they are pasted back. */
+/* Writes records as scctl commands, which can be pasted back. */
 class Commands {
  public:
   explicit Commands(const Table& table) : table_(table), made_(table) {}
 
-  /* What is zero is left out, but a command needs a field. A record that add will refuse, because of
-   * one before it, is named in a comment. */
+  /* Zero fields are left out, but a command needs at least one field. If add will refuse a record
+   * because of an earlier one, a comment names it. */
   void add(uint32_t id, const uint8_t* record, Text* to) {
     const Field* field;
     if (const int other = made_.find_clash(record, -1, &field, Spelling::kAsLibrary); other >= 0) {
@@ -317,7 +317,8 @@ int run_get(Call& call) {
 
 namespace {
 
-/* Sixteen bytes a line, the name behind the first; lines of zeros are counted. */
+/* Prints sixteen bytes a line, and the name behind the first line. Lines of zeros are only
+ * counted. */
 void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* name) {
   constexpr uint32_t kLine = 16;
   const uint32_t end = at + size;
@@ -352,14 +353,14 @@ void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* na
   tell_zeros(end);
 }
 
-/* Bytes that nothing is known to use, named by their place as in the public structs. */
+/* Prints bytes without a known use. Their name is their place, as in the public structs. */
 void dump_spare(const uint8_t* bytes, uint32_t start, uint32_t at, uint32_t size) {
   Text name;
   name.print("spare_%u", at);
   dump_bytes(bytes + at, start + at, size, name.c_str());
 }
 
-/* A record in the order in which its bytes lie: fields, the lock word, the id and spare bytes. */
+/* Prints a record in the order of its bytes: fields, the lock word, the id and spare bytes. */
 void dump_record(const Table& table, const uint8_t* record, uint32_t start) {
   for (uint32_t at = 0; at < table.stride;) {
     const char* name = nullptr;
@@ -369,7 +370,7 @@ void dump_record(const Table& table, const uint8_t* record, uint32_t start) {
         name = own_name;
         size = own_size;
       } else if (place > static_cast<int>(at) && place - at < size) {
-        size = place - at; /* up to there lies something else */
+        size = place - at; /* another part begins there */
       }
     };
     for (const Field& field : table) consider(field.record_at, field.size, field.member);

@@ -1,8 +1,8 @@
 /* Commands that move and compare: export, import, diff.
  *
- * An import makes each table that the file has exactly what the file says, ids included; tables
- * that it has not are left alone. All of the file is checked first; then what differs is written,
- * record by record at their positions, and nothing else is touched.
+ * An import makes each table in the file equal to the file, ids included. Tables that are not in
+ * the file do not change. The whole file is checked first. Then only differences are written,
+ * record by record, at their positions.
  */
 #include <errno.h>
 #include <stdio.h>
@@ -55,7 +55,7 @@ int run_export(Call& call) {
 
 namespace {
 
-/* A table as it is and as it will be: a section that the file leaves out stays. */
+/* Adds the sections that the file leaves out: these stay as they are. */
 void add_sections(const Snapshot& now, Snapshot* wanted) {
   const Table& table = now.table();
   for (uint32_t position = 0; position < table.capacity && is_section(table); ++position) {
@@ -65,13 +65,13 @@ void add_sections(const Snapshot& now, Snapshot* wanted) {
   }
 }
 
-/* What was done with the records of a table. */
+/* Counts of what was done with the records of a table. */
 struct Tally {
   unsigned added, changed, deleted;
 };
 
-/* Groups are made before rules that refer to them, and records are deleted last, rules before
- * groups: no rule refers to a group that is not there. */
+/* Groups are written before the rules that refer to them. Records are deleted last, rules before
+ * groups. So no rule ever refers to a group that does not exist. */
 int write_tables(Edit& edit, const Import& import, const Snapshot* now, Tally* tallies) {
   for (int n = 0; n < kTableCount; ++n) {
     const Table& table = kTables[n];
@@ -122,7 +122,7 @@ int need_areas(Source& live, uint32_t areas) {
   return kOk;
 }
 
-/* The tables of the file as they are. */
+/* Reads the present contents of the tables that are in the file. */
 void take_tables(Source& live, Import& import, Snapshot* now) {
   for (int n = 0; n < kTableCount; ++n) {
     if (!import.wanted[n]) continue;
@@ -212,7 +212,7 @@ bool print_changes(const char* prefix, const Table& table, uint32_t id, const ui
              differing == 1 ? " differs," : "s differ, the first", first);
       continue;
     }
-    /* What no program sees is told when nothing else is different. */
+    /* What follows a text's NUL is printed only when the texts before it are equal. */
     Text before, after;
     format_part(field, was, false, &before);
     format_part(field, is, false, &after);
@@ -241,7 +241,7 @@ bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) 
 
 namespace {
 
-/* An area that one of two sources has. An archive that is not good holds none. */
+/* Prints an area that only one of two sources has. An archive that is not good holds no area. */
 void print_single(const Area& area, const Source& there, const Source& other) {
   const Path archive = archive_path(area);
   ArchiveImage image;
@@ -272,7 +272,8 @@ int run_diff(Call& call) {
     const AreaId id = id_of(area);
     const bool in_a = a.block(id) != nullptr, in_b = b.block(id) != nullptr;
     if (!in_a || !in_b) {
-      /* A file holds one area; the archives hold none that is never saved. */
+      /* A file holds one area, and an area that is never saved has no archive. So one side may lack
+       * an area. */
       const bool expected = (a.is_live() || a.is_saved()) && (b.is_live() || b.is_saved()) &&
                             area.row().stem[0] != '\0' && (in_a || in_b);
       if (expected) print_single(area, in_a ? a : b, in_a ? b : a);

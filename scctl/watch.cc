@@ -1,12 +1,12 @@
 /* watch: prints each change of the live store, field by field.
  *
- * Who changes a record opens the area's lock file for writing and closes it when the change is done:
- * inotify tells of that close. What is changed without it, an area that is loaded above all, is seen
- * by a look at everything every 5 s. Nothing here locks, sends or listens, so nobody ever waits for
- * watch, also while it is stopped or its output is not read.
+ * A program that changes a record opens the area's lock file for writing and closes it after the
+ * change. inotify reports this close. Changes without it, above all the loading of an area, are
+ * found by comparing everything every 5 s. watch does not lock, send or listen, so no program ever
+ * waits for it, even while it is stopped or its output is not read.
  *
- * A record is shown when it is whole: nobody holds its byte, and two copies of it agree. One that is
- * claimed and not filled yet is waited for. Neither is waited for without end.
+ * A record is printed when it is complete: no program holds its byte, and two copies of it are
+ * equal. A record that is claimed but not filled yet is waited for. Both waits have a limit.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -31,15 +31,17 @@ constexpr char kLockFolder[] = "/var/lock_store/";
 
 constexpr int64_t kNever = INT64_MAX;
 constexpr int64_t kPauseMs = 5000;
-/* From an event to the look: changes that follow each other closely are looked at together. */
+/* Time from an event to the comparison: changes that follow each other closely are compared
+ * together. */
 constexpr timespec kSettle = {0, 2000000};
-/* Init writes its lock file, and Read, which opens none, comes behind it. */
+/* Init writes its lock file. Read follows it without opening the file, so it causes no event. */
 constexpr int64_t kMakingMs = 1000;
-/* How long a record may be under way before it is shown as it is. */
+/* How long a record may be incomplete before it is printed as it is. */
 constexpr int64_t kPatienceMs = 1000;
-/* The same for one that may be whole: it has what its place held before it was deleted. */
+/* The same for a record that may be complete: it has the contents that its place had before a
+ * deletion. */
 constexpr int64_t kRefillMs = 12;
-constexpr int64_t kLongestStepMs = 50; /* between two looks at what is under way */
+constexpr int64_t kLongestStepMs = 50; /* between two looks at an incomplete record */
 constexpr int kCopies = 100;
 
 int64_t now_ms() {
@@ -50,13 +52,14 @@ int64_t now_ms() {
 
 /* ---- signals ---- */
 
-/* Those that are ignored stay so, as under nohup. */
+/* Those that are ignored stay ignored, as under nohup. */
 constexpr int kEnding[] = {SIGINT, SIGTERM, SIGHUP};
 
 volatile sig_atomic_t g_ended;
 volatile sig_atomic_t g_printing;
 
-/* Whoever reads the output may have stopped: what is not printed then is not waited for. */
+/* The program that reads the output may have stopped. So the end does not wait for output that is
+ * not printed yet. */
 void end(int) {
   if (g_printing != 0) _exit(kOk);
   g_ended = 1;
@@ -64,7 +67,7 @@ void end(int) {
 
 void pass(int) {}
 
-/* Handlers, unlike ignored signals, do not reach the commands of --exec. */
+/* Unlike ignored signals, handlers are not inherited by the commands of --exec. */
 void handle_signals() {
   struct sigaction action = {};
   action.sa_handler = end;
@@ -94,7 +97,8 @@ struct Watched {
   }
 };
 
-/* The closes of lock files. The folder is watched, not the files: it sees those that are made anew. */
+/* Reports closes of lock files. The folder is watched, not the files, so files that are created
+ * later are included. */
 class Events {
  public:
   Events() = default;
@@ -104,7 +108,7 @@ class Events {
   Events(const Events&) = delete;
   Events& operator=(const Events&) = delete;
 
-  /* Begins, or goes on with the folder that is there now. */
+  /* Begins to watch the folder, or watches the folder that exists now. */
   void follow() {
     if (inotify_ < 0) inotify_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     const int folder =
@@ -114,7 +118,8 @@ class Events {
     folder_ = folder;
   }
 
-  /* Says when it can or cannot follow from now on. Its reader may change the store at once. */
+  /* Prints a line when watching begins or becomes impossible. A program that reads this line may
+   * change the store at once. */
   void tell() {
     if (error_ == told_) return;
     told_ = error_;
@@ -125,7 +130,8 @@ class Events {
              inotify_ < 0 ? "inotify" : kLockFolder, strerror(error_));
   }
 
-  /* Waits for events, for a signal that ends the program or until then. Tells which areas to look at. */
+  /* Waits for events, for a signal that ends the program, or until the given time. Marks the areas
+   * to compare. */
   void wait(int64_t until, Watched* areas) {
     const int64_t pause = until - now_ms();
     timespec timeout = {};
@@ -154,8 +160,8 @@ class Events {
   }
 
  private:
-  /* Whether the event is of the area's lock file. Thousands of them can come together: that no path
-   * is made for each saves seconds on the router. */
+  /* Whether the event is about the area's lock file. Thousands of events can arrive together: not
+   * making a path for each saves seconds on the router. */
   static bool is_of(const inotify_event& event, const Area& area) {
     const auto& facts = area.row();
     const size_t length = strlen(facts.lock_stem);
@@ -175,13 +181,13 @@ class Events {
 
   int inotify_ = -1;
   int folder_ = -1;
-  int error_ = 0; /* of the last try */
+  int error_ = 0; /* errno of the last try */
   int told_ = -1;
 };
 
 /* ---- what is there ---- */
 
-/* Who holds bytes of an area's lock file. Asking takes no lock. */
+/* Asks which bytes of an area's lock file are held. Asking takes no lock. */
 class Holders {
  public:
   explicit Holders(const Area& area) : area_(area) {}
@@ -209,7 +215,8 @@ class Holders {
   bool opened_ = false;
 };
 
-/* The records of a table as they were shown last. Of a free one this is what it left. */
+/* The records of a table as they were printed last. For a free record, this is what it contained
+ * when it was freed. */
 class Shown {
  public:
   void begin(const Table& table, const uint8_t* block) {
@@ -225,8 +232,8 @@ class Shown {
     }
   }
 
-  /* Prints what differs and is whole; true when there is any. What is under way is looked at again
-   * when it is due. */
+  /* Prints differences of complete records; true when there are any. Incomplete records are looked
+   * at again later. */
   bool look(const uint8_t* block, const char* prefix, int64_t now, Holders& holders,
             Watched* area) {
     bool any = false;
@@ -260,8 +267,8 @@ class Shown {
  private:
   uint8_t* at(uint32_t position) { return records_.data() + position * table_->stride; }
 
-  /* Deleted records of lists keep their bytes; those of the access points' tables are zeros, and are
-   * not read: that would make memory of pages that nobody has written. */
+  /* Deleted records of lists keep their bytes. Those of the access points' tables are zeros and are
+   * not read: reading pages that nobody has written makes them use memory. */
   bool leaves_bytes() const { return table_->free != 0; }
 
   bool is_as_shown(uint32_t position, const uint8_t* live, bool used) {
@@ -270,8 +277,8 @@ class Shown {
     return true;
   }
 
-  /* Who writes it holds the byte meanwhile: it was not held behind the copy, and the record is what
-   * it was then. */
+  /* A writer holds the byte. So the copy is complete if the byte was not held after it and the
+   * record is still equal. */
   bool copy_whole(const uint8_t* live, int32_t byte, Holders& holders) {
     for (int n = 0; n < kCopies; ++n) {
       memcpy(copy_.data(), live, table_->stride);
@@ -282,7 +289,7 @@ class Shown {
     return false;
   }
 
-  /* For one that was free and has its id alone: it is filled next. */
+  /* A record that was free and now has only its id is filled next. */
   int64_t claim_patience(uint32_t position) {
     if (used_.data()[position] != 0 || !is_used(*table_, copy_.data())) return 0;
     const uint8_t* left = at(position);
@@ -300,7 +307,7 @@ class Shown {
   Buffer records_;
   Buffer copy_;
   Buffer used_;
-  Buffer since_; /* when each was first seen under way; 0: it is not */
+  Buffer since_; /* when a record was first seen incomplete; 0: it is complete */
 };
 
 struct Clock {
@@ -316,7 +323,7 @@ class Watch {
  public:
   explicit Watch(Source& source) : source_(source) {}
 
-  /* What is there now is known and not printed. */
+  /* Reads the present contents, without printing them. */
   void begin(const bool* chosen) {
     const int64_t now = now_ms();
     events_.follow();
@@ -341,7 +348,8 @@ class Watch {
     events_.wait(until, areas_);
   }
 
-  /* Looks at what is due and prints it; tells the areas that have changed, no more than so many. */
+  /* Compares the areas that are due and prints differences. Sets `changed` for areas that have
+   * changed, at most `most` of them. */
   void look(bool* changed, uint32_t most) {
     const int64_t now = now_ms();
     if (now >= slow_) {
@@ -374,7 +382,7 @@ class Watch {
     }
     const uint8_t* block = area.segment < 0 ? nullptr : source_.block(id);
     if (block == nullptr) return any;
-    /* Init has emptied it, and Read has not numbered it yet. */
+    /* Init has emptied it, and Read has not written its lock words yet. */
     if (block[facts.header.path_at] != 0) {
       area.unnumbered_since = 0;
     } else {
@@ -393,12 +401,12 @@ class Watch {
 
   Source& source_;
   Events events_;
-  int64_t slow_ = 0; /* when all is looked at */
+  int64_t slow_ = 0; /* the time when everything is compared */
   Watched areas_[kAreaCount];
   Shown shown_[kTableCount];
 };
 
-/* The shell command, with the area as $1. Its standard output is scctl's. */
+/* Runs the shell command with the area as $1. Its standard output is that of scctl. */
 void run_command(const char* command, const char* area) {
   if (fork() != 0) return;
   execl("/bin/sh", "sh", "-c", command, "scctl", area, static_cast<char*>(nullptr));

@@ -1,4 +1,4 @@
-/* Splitting as POSIX quotes. */
+/* Splits words by the quoting rules of POSIX. */
 #include "words.h"
 
 #include <stdio.h>
@@ -24,7 +24,8 @@ bool Words::refuse(char letter) {
   return false;
 }
 
-/* Behind the quote. A backslash stays one in front of all but these. */
+/* Copies what follows the quote. A backslash stays unless it stands before one of these
+ * characters. */
 bool Words::copy_double_quoted() {
   while (*from_ != '"') {
     if (*from_ == '\0') return refuse("a quote is not closed");
@@ -58,7 +59,7 @@ bool Words::copy_word() {
         *to_++ = from_[1];
         from_ += 2;
         break;
-      case '~': /* a home folder, also in what looks like an assignment */
+      case '~': /* a home folder, even in a word that looks like an assignment */
         if (from_ == start || is_any(from_[-1], "=:")) return refuse(c);
         *to_++ = *from_++;
         break;
@@ -73,7 +74,7 @@ bool Words::copy_word() {
 bool Words::split(char* line) {
   from_ = to_ = line;
   count_ = 0;
-  /* A word takes a letter and a blank. */
+  /* A word needs at least one letter and one blank. */
   Buffer words((strlen(line) / 2 + 1) * sizeof(char*));
   words_.swap(words);
   while (true) {
@@ -81,7 +82,7 @@ bool Words::split(char* line) {
     if (*from_ == '\0' || *from_ == '#') return true;
     char* const word = to_;
     if (!copy_word()) return false;
-    /* Over the blank behind the word, or the line's own end. */
+    /* The terminator is written over the blank behind the word, or over the line's own end. */
     const bool ended = *from_ == '\0';
     *to_++ = '\0';
     this->words()[count_++] = word;

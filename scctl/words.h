@@ -1,7 +1,8 @@
-/* A line as a shell's words, so that what a shell and batch both take means the same to both.
+/* Splits a line into words as a shell does, so a line means the same to batch and to a shell.
  *
- * Quoting is POSIX's, the whole of it. What a shell would expand or take as an operator is refused
- * where it is not quoted, and a command is one line: an open quote ends it nowhere.
+ * All POSIX quoting is supported. Characters that a shell would expand or take as operators are
+ * refused unless they are quoted. A command is one line: a quote that is still open at its end is
+ * an error.
  */
 #ifndef SCCTL_WORDS_H
 #define SCCTL_WORDS_H
@@ -14,8 +15,8 @@ using namespace store;
 
 class Words {
  public:
-  /* The words are written over the line, which is terminated and lives as long as they. False when
-   * it cannot be done; fault says why then. */
+  /* The words are written over the line, which is terminated. The line has to live as long as the
+   * words. False on an error; `fault` then tells what is wrong. */
   bool split(char* line);
 
   const char* fault() const { return fault_; }

@@ -1,11 +1,11 @@
-/* The guard of the flash archives: keeps a last good copy of an area's archive beside it, and puts
- * it back at boot, before the areas are made, where the archive is missing or broken. There is a
- * copy of each good archive before anything can overwrite it: made after a save, or at boot.
+/* The guard of the flash archives. It keeps a last good copy of an area's archive beside it. At
+ * boot, before the areas are created, it restores the copy if the archive is missing or broken. A
+ * good archive always has a copy before anything can overwrite it: the copy is made after a save,
+ * or at boot.
  *
- * The rules that every step obeys: a file that matters is only ever replaced whole, by a rename of
- * a copy that is already on the flash, so a cut at any point leaves the old one or the new one. And
- * only what was read from the first to the last byte counts: where a file cannot be judged, nothing
- * is changed.
+ * Every step obeys two rules. A file that matters is only replaced as a whole, by renaming a copy
+ * that is already on the flash. So a power cut at any point leaves the old file or the new one. And
+ * a verdict counts only if the whole file was read: if a file cannot be judged, nothing is changed.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -27,7 +27,7 @@ using store::State;
 
 constexpr char kFolder[] = "/var/dataconfig";
 
-/* As scctl prints them, in the order of the registry. */
+/* The names that scctl prints, in the order of the registry. */
 constexpr const char* kNames[sc::kAreaCount] = {"Lan",           "Wan",
                                                 "ProductInfo",   "Misc",
                                                 "VsIpport",      "FwIpport",
@@ -38,7 +38,7 @@ constexpr const char* kNames[sc::kAreaCount] = {"Lan",           "Wan",
                                                 "DefApTemplate", "Clients_Groups",
                                                 "Clients"};
 
-/* The boot script hands what is said to the system's log. */
+/* The boot script sends these messages to the system's log. */
 // NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks what is printed
 __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
   char text[256];
@@ -64,8 +64,8 @@ struct Descriptor {
 
 /* ---- an area's files ---- */
 
-/* One of an area's files: its archive (bin), the last good copy (good), what becomes one of them
- * (new), and a broken archive that nothing could be put in place of (bad). */
+/* The names of an area's files: its archive (bin), the last good copy (good), a new file that will
+ * replace one of them (new), and a broken archive without a good copy (bad). */
 struct Name {
   char text[32];
 
@@ -74,7 +74,7 @@ struct Name {
   }
 };
 
-/* The archive or the copy: what is known of it, and the descriptor that was judged. */
+/* The archive or the copy: its verdict, and the descriptor that was judged. */
 struct File {
   Name name;
   store::Archive archive;
@@ -138,11 +138,11 @@ bool copy_bytes(int from, int to) {
   return got == 0;
 }
 
-/* A file, or the names of a folder. fsync alone does not empty the caches of every file system and
- * driver. */
+/* Flushes a file, or the names of a folder. fsync alone does not flush the caches of every file
+ * system and driver. */
 bool reaches_flash(int file) { return fsync(file) == 0 && syncfs(file) == 0; }
 
-/* Makes the fresh file one of the other's bytes, owner and mode. */
+/* Gives the new file the bytes, owner and mode of the other. */
 bool fill(int fresh, int from) {
   struct stat status;
   return copy_bytes(from, fresh) && fstat(from, &status) == 0 &&
@@ -150,7 +150,8 @@ bool fill(int fresh, int from) {
          fchmod(fresh, status.st_mode & 07777) == 0;
 }
 
-/* Makes the file of that name a copy of a judged one, or leaves it as it was. errno tells why not. */
+/* Replaces the file of that name by a copy of a judged one, or does not change it. errno tells why
+ * not. */
 bool replace(const Files& files, const Name& name, const File& by) {
   unlinkat(files.folder, files.fresh.text, 0);
   const Descriptor fresh(openat(files.folder, files.fresh.text,
@@ -166,7 +167,7 @@ bool replace(const Files& files, const Name& name, const File& by) {
   return false;
 }
 
-/* After a rename, which a cut can undo until then. */
+/* Follows each rename: until the folder is flushed, a power cut can undo the rename. */
 bool settle(const Files& files, const Name& name) {
   if (reaches_flash(files.folder)) return true;
   say("%s/%s is replaced but may not be on the flash: %s", kFolder, name.text, strerror(errno));
@@ -175,8 +176,8 @@ bool settle(const Files& files, const Name& name) {
 
 /* ---- commands ---- */
 
-/* The copy becomes that of a good archive. The archive's bytes change with the time of the save; the
- * image says whether anything did. */
+/* Makes the copy equal to a good archive. The bytes of an archive depend on the time of the save,
+ * so the images are compared. */
 bool bring_copy_up_to_date(const Files& files) {
   if (files.good.is(State::kGood) &&
       memcmp(files.bin.archive.image, files.good.archive.image, files.area.size) == 0) {
@@ -202,7 +203,7 @@ bool put_back(const Files& files) {
   return back && settle(files, files.bin.name);
 }
 
-/* Init must not meet a broken archive: it would load as much of it as there is. */
+/* Init must not find a broken archive: it would load it as far as it can. */
 void set_aside(const Files& files) {
   const char* name = files.bin.name.text;
   const bool aside = renameat(files.folder, name, files.folder, files.bad.text) == 0;
@@ -211,8 +212,9 @@ void set_aside(const Files& files) {
   if (aside) settle(files, files.bad);
 }
 
-/* A good archive can be newer than its copy, when the power was cut between a save and its keep. It
- * is kept now: the next save overwrites it, and a cut in that one would bring the old copy back. */
+/* After a power cut between a save and its keep, a good archive is newer than its copy. So the copy
+ * is made now: the next save overwrites the archive, and a power cut during that save would bring
+ * the old copy back. */
 bool restore(const AreaRow& area, int folder) {
   const Files files(area, folder);
   if (!files.are_known()) return false;
@@ -228,14 +230,14 @@ bool restore(const AreaRow& area, int folder) {
 
 /* ---- one at a time ---- */
 
-/* Holds the area's block lock, under which archives are written, up to the end of its scope. */
+/* Holds the area's block lock, under which archives are written, until the end of its scope. */
 class BlockLock {
  public:
   BlockLock(const AreaRow& area, bool is_needed) {
     char path[64];
     snprintf(path, sizeof path, sc::kLockPath, area.lock_stem);
     file_.number = open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK);
-    /* At boot, before Init makes it, there is no lock file, nor its folder, and nobody who saves. */
+    /* At boot, before Init, the lock file and its folder do not exist, and no program saves. */
     held_ = file_.number < 0 ? errno == ENOENT && !is_needed : take();
     if (!held_) say("%s cannot be locked: %s", path, strerror(errno));
   }
@@ -255,8 +257,8 @@ class BlockLock {
   bool held_;
 };
 
-/* Runs a command on an area, alone with its files: saves are kept away by the block lock, other
- * guards, which may work without that, by a lock of the folder. */
+/* Runs a command on an area without interference. The block lock excludes saves. A lock of the
+ * folder excludes other guards, which may run without the block lock. */
 bool run(bool (*command)(const AreaRow& area, int folder), const AreaRow& area) {
   const BlockLock lock(area, command == keep);
   if (!lock) return false;
@@ -283,7 +285,7 @@ bool print_usage(int to) {
   return dprintf(to, "\n") > 0;
 }
 
-/* By the stem of its files or by its name. */
+/* Finds an area by the stem of its files or by its name. */
 const AreaRow* named(const char* word) {
   for (const AreaRow& area : sc::kAreas) {
     const bool is_saved = area.stem[0] != '\0';

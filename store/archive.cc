@@ -1,5 +1,5 @@
-/* Opening and judging an archive. It is unpacked by gzip, in a process of its own, and no more of it
- * than the verdict needs.
+/* Opening and judging an archive. A separate gzip process unpacks it, no further than the verdict
+ * needs.
  */
 #include "store/archive.h"
 
@@ -22,13 +22,14 @@ namespace {
 
 constexpr char kBadGzip[] = "corrupt or truncated gzip data";
 constexpr int kFirstOther = STDERR_FILENO + 1;
-/* Linux before 5.9 closes one at a time; those beyond the usual limit are left to who opened them. */
+/* Linux before 5.9 closes descriptors one by one. Those above the usual limit are left to the
+ * program that opened them. */
 constexpr int kUsualLimit = 1024;
 constexpr char kNotRead[] = "it could not be read";
 
 /* ---- gzip ---- */
 
-/* Standard input, output and error alone stay open. */
+/* Closes all descriptors except standard input, output and error. */
 void close_others() {
 #ifdef SYS_close_range
   if (syscall(SYS_close_range, kFirstOther, ~0u, 0) == 0) return;
@@ -43,7 +44,7 @@ void close_others() {
   const bool ready = dup2(file, STDIN_FILENO) >= 0 && dup2(out, STDOUT_FILENO) >= 0;
   close_others();
   const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  unsetenv("GZIP"); /* options that GNU gzip would take, too */
+  unsetenv("GZIP"); /* GNU gzip takes options from it, too */
   if (ready && nothing >= 0 && dup2(nothing, STDERR_FILENO) >= 0) {
     execlp("gzip", "gzip", "-dc", nullptr);
   }
@@ -52,7 +53,7 @@ void close_others() {
 
 class Gzip {
  public:
-  /* Its result can be told when the parent's parent ignores SIGCHLD, too. */
+  /* With this, waitpid works even when this process was started with SIGCHLD ignored. */
   Gzip() : former_(signal(SIGCHLD, SIG_DFL)) {}
   ~Gzip() {
     if (stream >= 0) close(stream);
@@ -76,7 +77,7 @@ class Gzip {
     return process_ > 0;
   }
 
-  /* Waits for its end; as waitpid tells it. */
+  /* Waits for the end of gzip. The status is that of waitpid. */
   bool wait(int* status) {
     pid_t ended;
     do {
@@ -93,7 +94,8 @@ class Gzip {
   void (*former_)(int);
 };
 
-/* Whether there is little more, which is then read; errno is 0 when it could be. */
+/* Reads the rest of the stream. True when it ends within the limit; errno is 0 when every read
+ * succeeded. */
 bool ends(int stream) {
   Stream rest = {stream};
   char bytes[512];
@@ -105,7 +107,7 @@ bool ends(int stream) {
   return got < sizeof bytes;
 }
 
-/* gzip does not tell bad data from data that it could not read. */
+/* gzip's status is the same for bad data and for data that it could not read. */
 bool can_be_read(int file) {
   char bytes[4096];
   off_t at = 0;
@@ -114,21 +116,21 @@ bool can_be_read(int file) {
   return got == 0;
 }
 
-/* What gzip's status says of an archive that is judged by what came out. */
+/* Combines gzip's exit status with the verdict on the data that it unpacked. */
 bool judge_status(int status, int file, Archive* archive) {
   if (WIFSIGNALED(status)) {
     char why[64];
     snprintf(why, sizeof why, "not known: gzip was ended by signal %d", WTERMSIG(status));
     return archive->is(State::kUnknown, why);
   }
-  /* 1: an error, 2: a warning; none of gzip's own is above. */
+  /* gzip's own statuses are 1 for an error and 2 for a warning. */
   if (WEXITSTATUS(status) > 2) {
     return archive->is(State::kUnknown, "not known: gzip could not be run");
   }
   if (WEXITSTATUS(status) != 0) {
     return can_be_read(file) ? archive->is(State::kBroken, kBadGzip) : archive->cannot(kNotRead);
   }
-  /* gzip reads other formats, too, and BusyBox tar does not. */
+  /* gzip reads other formats, too, but BusyBox tar does not. */
   uint8_t magic[2];
   const ssize_t got = pread(file, magic, sizeof magic, 0);
   if (got < 0) return archive->cannot(kNotRead);
@@ -143,7 +145,7 @@ bool judge_by_gzip(int file, const sc::AreaRow* area, Archive* archive) {
   if (!gzip.start(file, archive)) return false;
   const bool good = judge_tar(gzip.stream, area, archive);
   if (archive->state == State::kUnknown) return false;
-  /* gzip tells a wrong length or checksum at the end of its stream only. */
+  /* gzip reports a wrong length or checksum only at the end of its stream. */
   const bool at_end = ends(gzip.stream);
   if (errno != 0) return archive->cannot(kNoGzip);
   if (!at_end) return good;

@@ -1,10 +1,12 @@
-/* The one reader of archives: what scctl and scguard say of an archive is said here.
+/* The one reader of archives: scctl and scguard take their verdict on an archive from here.
  *
- * An archive is good when its gzip data is whole and holds one file, in a format of tar that GNU tar and
- * BusyBox tar both unpack: an area's image, under its name and of its size, with the area's lock file
- * and lock indices in it. The library loads such an image whole.
- * What could not be looked at is not known. It is never taken for broken: whoever sets a file aside or
- * writes over it needs an answer, not a guess.
+ * An archive is good when its gzip data is complete and holds exactly one file, in a tar format
+ * that GNU tar and BusyBox tar both unpack. The file has to be an area's image, with the right name
+ * and size, and with the area's lock file and lock indices in it. The library loads such an image
+ * completely.
+ *
+ * An archive that could not be read is "not known", never "broken": a caller that moves or
+ * overwrites a file on this verdict needs an answer, not a guess.
  */
 #ifndef STORE_ARCHIVE_H
 #define STORE_ARCHIVE_H
@@ -23,7 +25,7 @@ enum class State : uint8_t {
   kGood
 };
 
-constexpr size_t kMostBehind = 64 * 1024; /* the image; tar fills up to 10 KiB with zeros */
+constexpr size_t kMostBehind = 64 * 1024; /* after the image; tar fills up to 10 KiB with zeros */
 
 struct Archive {
   Archive() { reason[0] = '\0'; }
@@ -32,28 +34,28 @@ struct Archive {
   Archive& operator=(const Archive&) = delete;
 
   State state = State::kUnknown;
-  char reason[96]; /* why it is not good, in words */
-  /* Of a good one, and of one that is broken only for what its image says: the image, from malloc, to
-   * be nulled by who keeps it, and whose it is. */
+  char reason[96]; /* why the archive is not good */
+  /* The image, from malloc, and its area. Set for a good archive, and for one that is broken only
+   * because of the image's contents. A caller that keeps the image sets `image` to null. */
   const sc::AreaRow* area = nullptr;
   uint8_t* image = nullptr;
 
-  /* Sets state and reason, of one without an image. True when it is good. */
+  /* Sets state and reason of an archive without an image. True when it is good. */
   bool is(State what, const char* why);
-  /* Not known: what failed, and errno. */
+  /* Sets the state to "not known"; the reason is what failed, and errno. */
   bool cannot(const char* what);
 };
 
-/* Opens an archive to be judged: a descriptor, or -1 and what is known without one. Waits for nobody
- * who would write into a pipe. Flags are none or O_NOFOLLOW. */
+/* Opens an archive to be judged. Returns a descriptor, or -1 with the verdict in `archive`. Does
+ * not block on a pipe without a writer. Flags are 0 or O_NOFOLLOW. */
 int open_archive(int folder, const char* name, int flags, Archive* archive);
 
-/* Judges the whole file of a descriptor, which stays open. It has to be this area's archive; null: any
- * area's. True when it is good. */
+/* Judges the whole file of a descriptor, which stays open. It has to be the archive of this area,
+ * or of any area for null. True when it is good. */
 bool judge(int file, const sc::AreaRow* area, Archive* archive);
 
-/* Judges what gzip makes of an archive: a descriptor that is read up to its end, or up to where the
- * verdict is clear. */
+/* Judges the data that gzip unpacks from an archive. The descriptor is read up to its end, or until
+ * the verdict is clear. */
 bool judge_tar(int stream, const sc::AreaRow* area, Archive* archive);
 
 }  // namespace store

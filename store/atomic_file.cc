@@ -15,13 +15,13 @@ namespace store {
 
 namespace {
 
-constexpr int kTries = 1000; /* each but the last has waited for another edit */
+constexpr int kTries = 1000; /* each one except the last has waited for another edit */
 
 bool is_same(const timespec& a, const timespec& b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-/* The file system or the kernel knows none. */
+/* The file system or the kernel does not support extended attributes. */
 bool has_no_attributes() { return errno == ENOTSUP || errno == ENOSYS; }
 
 void close_one(int* descriptor) {
@@ -43,7 +43,7 @@ int AtomicFile::open(const char* name) {
     if (const int status = open_and_lock(); status != kOk) return status;
     if (!open_folder() && errno != ENOENT) return not_changed("cannot open its folder");
     if (fstat(file_, &was_) != 0) return not_changed("cannot look at it");
-    /* The edit that had the lock has put another file here. */
+    /* The edit that held the lock has put another file here. */
     if (!is_as_it_was()) continue;
     if (was_.st_nlink == 1) return kOk;
     return fail(kRefused, "%s is not changed: it has %lu hard links, and one alone would change",
@@ -52,7 +52,7 @@ int AtomicFile::open(const char* name) {
   return fail(kRefused, "%s is not changed: its folder keeps changing", name);
 }
 
-/* An edit that was killed has left its own. */
+/* An edit that was killed has left its temporary file. */
 int AtomicFile::create() {
   snprintf(temporary_name_, sizeof temporary_name_, "%s.scctl-tmp", base_);
   struct stat left;
@@ -83,8 +83,8 @@ int AtomicFile::write_all(const uint8_t* bytes, size_t size) {
   return kOk;
 }
 
-/* The mode follows the bytes: until then nobody else reads them, and a write would clear some of
- * its bits. */
+/* The mode is set after the bytes are written: until then nobody else can read them, and a write
+ * would clear some of the mode's bits. */
 int AtomicFile::commit() {
   if (!copy_attributes()) return not_changed("cannot keep its extended attributes");
   if (fchmod(temporary_, was_.st_mode & 07777) != 0) return not_changed("cannot keep its mode");
@@ -111,7 +111,7 @@ int AtomicFile::open_and_lock() {
   return flock(file_, LOCK_EX) == 0 ? kOk : not_changed("cannot lock it");
 }
 
-/* Of the file, wherever links have led to it. ENOENT: it is in none any more. */
+/* Opens the folder of the file, with symbolic links resolved. ENOENT: the file was removed. */
 bool AtomicFile::open_folder() {
   char link[32], path[PATH_MAX];
   snprintf(link, sizeof link, "/proc/self/fd/%d", file_);
@@ -125,7 +125,7 @@ bool AtomicFile::open_folder() {
   return folder_ >= 0;
 }
 
-/* Whether the name still stands for the file, and nobody has written or changed it. */
+/* Whether the name still names the file, and the file was not written or changed. */
 bool AtomicFile::is_as_it_was() const {
   struct stat now;
   return fstatat(folder_, base_, &now, AT_SYMLINK_NOFOLLOW) == 0 && now.st_dev == was_.st_dev &&
@@ -133,8 +133,8 @@ bool AtomicFile::is_as_it_was() const {
          is_same(now.st_mtim, was_.st_mtim) && is_same(now.st_ctim, was_.st_ctim);
 }
 
-/* The access list is one of them. Where the file has none, the one that the folder gives to new
- * files goes. */
+/* The access list is one of the attributes. If the file has none, the one that the folder gives to
+ * new files is removed. */
 bool AtomicFile::copy_attributes() const {
   char names[4096], value[4096];
   if (fremovexattr(temporary_, "system.posix_acl_access") != 0 && errno != ENODATA &&

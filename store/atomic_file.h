@@ -1,9 +1,9 @@
-/* A file that is replaced as a whole: what is written goes to a temporary file beside it, which is
- * renamed over it at the end. Until then the file is as it was.
+/* A file that is replaced as a whole. Data is written to a temporary file beside it. At the end the
+ * temporary file is renamed over it. Until then the file does not change.
  *
- * The file is opened once, and locked from then on. After that its name is looked at as an entry of
- * its folder alone, which is open, too: a link that is turned meanwhile leads nowhere else. Who has
- * the lock owns the name of the temporary file.
+ * The file is opened once, and is locked from then on. After that its name is only used as an entry
+ * of its folder, which is open, too. So a symbolic link that is changed meanwhile has no effect.
+ * The program that holds the lock owns the name of the temporary file.
  */
 #ifndef STORE_ATOMIC_FILE_H
 #define STORE_ATOMIC_FILE_H
@@ -15,23 +15,25 @@
 
 namespace store {
 
-/* What fails is said; each function returns kOk or a status. */
+/* Each function prints an error message when it fails, and returns kOk or another status. */
 class AtomicFile {
  public:
   AtomicFile() = default;
-  /* What was not committed is removed. */
+  /* Removes the temporary file unless it was committed. */
   ~AtomicFile();
   AtomicFile(const AtomicFile&) = delete;
   AtomicFile& operator=(const AtomicFile&) = delete;
 
-  /* Waits until no other edit has the file. One with several hard links is refused. */
+  /* Waits until no other edit has the file open. A file with several hard links is refused. */
   int open(const char* name);
   int descriptor() const { return file_; }
-  /* The temporary file, with the owner of the file. An edit that was killed has left its own. */
+  /* Creates the temporary file, with the owner of the file. The temporary file of an edit that was
+   * killed is replaced. */
   int create();
   int write_all(const uint8_t* bytes, size_t size);
-  /* Mode and extended attributes are the file's. Refused when another program has changed the file
-   * since it was opened. Flushes the file before the rename and the folder behind it. */
+  /* Gives the temporary file the mode and the extended attributes of the file and renames it.
+   * Refused when another program has changed the file since it was opened. Flushes the temporary
+   * file before the rename, and the folder after it. */
   int commit();
 
  private:
@@ -42,7 +44,7 @@ class AtomicFile {
   void close_all();
   int not_changed(const char* why) const;
 
-  const char* name_ = ""; /* as it was given */
+  const char* name_ = ""; /* as the caller gave it */
   char base_[NAME_MAX + 1] = "";
   char temporary_name_[sizeof base_ + sizeof ".scctl-tmp"] = "";
   struct stat was_ = {};

@@ -19,7 +19,7 @@
 
 namespace store {
 
-/* Not constexpr: reaching one of these while a row is made is the compile error that names it. */
+/* This is not constexpr: a row that calls it does not compile, and the error names it. */
 [[noreturn]] void no_area_has_this_code();
 [[noreturn]] void this_is_not_the_counter_of_the_list();
 
@@ -44,7 +44,7 @@ struct Fields {
   Field rows[kCount];
 };
 
-/* The fields of a list, from its members, keys and identity. */
+/* The fields of a list, made from its members, keys and identity. */
 template <size_t kCount>
 consteval Fields<kCount> fields_of(const sc::Member (&members)[kCount], const sc::TableRow& table) {
   Fields<kCount> made = {};
@@ -69,7 +69,7 @@ consteval Fields<kCount> fields_of(const sc::Member (&members)[kCount], const sc
   return made;
 }
 
-/* Of the access-point tables the library knows no members: these are named here. */
+/* The library has no members for the access-point tables, so their fields are named here. */
 template <class Member>
 consteval Field in_record(const char* name, size_t at) {
   static_assert(sizeof(Member) <= UINT16_MAX);
@@ -110,7 +110,7 @@ constexpr Field kFields[] = {
 };
 }  // namespace ap_template
 
-/* Settings: one field, behind the section's lock word or at once. */
+/* Settings: one field, behind the section's lock word if it has one. */
 template <class Bytes, size_t kAhead>
 constexpr Field kSettings[] = {
     {"settings", "settings", kAhead, kNoItem, sizeof(Bytes), Kind::kBytes, 1, Clash::kNone, false}};
@@ -263,8 +263,8 @@ constexpr Area kAreas[kAreaCount] = {
   AREA(Clients),
 };
 
-/* Groups before the rules that refer to them: an import writes records in this order and deletes in
- * the opposite one. The tables of one area stand in the order of its lock words. */
+/* Groups stand before the rules that refer to them: an import writes records in this order and
+ * deletes them in the opposite order. The tables of one area have the order of its lock words. */
 constexpr Table kTables[kTableCount] = {
   SETTINGS("lan_settings", kLan, LanBlock, lan_settings),
   list_table("lan_binds", FIELDS(kBindMembers, kLanBinds), sc::kLanBinds.list,

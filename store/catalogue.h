@@ -1,9 +1,9 @@
 /* The catalogue: every area, every table and every field that scctl knows, as rows of constant
- * data. They are derived from the library's own rows; what the catalogue adds are names. Commands,
- * JSON, completion and help all come from here.
+ * data. They are derived from the library's own rows; the catalogue adds the names. Commands, JSON,
+ * completion and help all use these rows.
  *
- * A table is a list, one of the access-point tables, or the settings of a section, whose record has
- * no free mark and is always there.
+ * A table is a list, one of the access-point tables, or the settings of a section. The record of a
+ * section has no free mark and always exists.
  */
 #ifndef STORE_CATALOGUE_H
 #define STORE_CATALOGUE_H
@@ -18,7 +18,7 @@ namespace store {
 using sc::AreaId;
 using enum sc::AreaId;
 
-/* The calls of the area's life; null where there is none. */
+/* The exported functions of the area; null where it has none. */
 struct Area {
   const char* name;
   uint32_t (*attach)();
@@ -28,7 +28,7 @@ struct Area {
   void (*notify)();
   void (*save)(void* block);
 
-  /* Key, size, header and stems: the library's row. */
+  /* The library's row: key, size, header and stems. */
   const sc::AreaRow& row() const;
 };
 
@@ -39,29 +39,29 @@ enum class Kind : uint8_t {
   kMacText, /* a MAC address as text */
   kAddress, /* 32 bits in network order; dotted text in items */
   kMac,     /* six bytes */
-  kBytes,   /* anything else's bytes, shown in hex without the zeros at the end */
+  kBytes,   /* other bytes, shown in hex without the zeros at the end */
   kSigned,  /* one or more numbers */
   kUnsigned,
 };
 
 enum class Clash : uint8_t {
   kNone,
-  kTextWithoutCase, /* no two used records may have it */
+  kTextWithoutCase, /* no two used records may have the same text */
   kBytes
 };
 
 constexpr uint16_t kNoItem = UINT16_MAX;
 
 struct Field {
-  const char* name;   /* as scctl calls it: the item's member, where there is an item */
+  const char* name;   /* scctl's name for it: the item's member, where there is an item */
   const char* member; /* the record's member */
   uint16_t record_at;
-  uint16_t item_at; /* kNoItem: written into the record itself */
+  uint16_t item_at; /* kNoItem: an item has no place for it */
   uint16_t size;
   Kind kind;
   uint8_t width; /* of one number */
   Clash clash;
-  bool add_only; /* a modify leaves it */
+  bool add_only; /* modify does not change it */
 };
 
 struct Table {
@@ -86,8 +86,8 @@ struct Table {
 constexpr int kTableCount = 24;
 extern const Table kTables[kTableCount];
 
-/* A rule's reference to a group: it counts when the mode is 1, for time groups also at 2. With the
- * group go the rules of the last mode. */
+/* A rule's reference to a group. It is valid when the mode is 1; for time groups also when it is 2.
+ * The deletion of a group deletes the rules of mode last_mode. */
 struct Reference {
   const char* table;
   const char* mode;
@@ -100,7 +100,7 @@ extern const Reference kReferences[kReferenceCount];
 
 const char* kind_name(Kind kind);
 
-/* By name, an area also by that of its files; null when there is none. */
+/* Search by name; an area is also found by the stem of its files. Null when it does not exist. */
 const Area* find_area(const char* name);
 const Table* find_table(const char* name, size_t length);
 const Field* find_field(const Table& table, const char* name, size_t length);

@@ -1,4 +1,4 @@
-/* Locks of an edit, the three ways to write a record, and what single commands make of them. */
+/* The locks of an edit, the functions that write a record, and the functions of single commands. */
 #include "store/edit.h"
 
 #include <errno.h>
@@ -49,7 +49,7 @@ volatile sig_atomic_t g_interrupted; /* the signal; 0: none */
 
 void interrupt(int signal_number) { g_interrupted = signal_number; }
 
-/* Waits for a byte. An answer that there would be a deadlock is no lock: it is asked again. */
+/* Waits for a byte. After EDEADLK the byte is not held, so the call is repeated. */
 bool lock_byte(int file, uint32_t byte) {
   constexpr timespec kPause = {0, 1000000};
   while (g_interrupted == 0) {
@@ -87,7 +87,7 @@ int check_header(const Area& area, const uint8_t* block) {
 Edit::Edit(Source& live) : live_(live) {
   for (int n = 0; n < 3; ++n) {
     struct sigaction action = {}, was;
-    action.sa_handler = interrupt; /* without SA_RESTART: a wait ends */
+    action.sa_handler = interrupt; /* without SA_RESTART, so a wait ends */
     sigaction(kEndingSignals[n], nullptr, &was);
     handlers_[n] = was.sa_handler;
     if (was.sa_handler != SIG_IGN) sigaction(kEndingSignals[n], &action, nullptr);
@@ -118,7 +118,7 @@ int Edit::begin_damaged(AreaId id) {
   return hold(id);
 }
 
-/* Byte 0 of its lock file. */
+/* Locks byte 0 of the area's lock file. */
 int Edit::hold(AreaId id) {
   const Path path = lock_path(kAreas[id]);
   const int file = open(path.text, O_RDWR | O_CLOEXEC);
@@ -146,7 +146,8 @@ void Edit::end() {
   for (int n = 0; n < 3; ++n) signal(kEndingSignals[n], handlers_[n]);
 }
 
-/* Holds the byte that a record's own lock word names, or the area's where there is no word. */
+/* Holds the byte that a record's own lock word names, or the area's byte if there is no lock
+ * word. */
 class RecordLock {
  public:
   RecordLock(Edit& edit, const Table& table, uint32_t position)
@@ -183,7 +184,7 @@ class RecordLock {
 
 namespace {
 
-/* Runs of bytes at once, as the library copies fields. */
+/* Copies runs of bytes at once, as the library copies fields. */
 void copy_masked(uint8_t* to, const uint8_t* from, const Mask& mask, uint32_t size) {
   const uint8_t* bytes = mask.bytes();
   for (uint32_t at = 0; at < size;) {
@@ -194,7 +195,7 @@ void copy_masked(uint8_t* to, const uint8_t* from, const Mask& mask, uint32_t si
   }
 }
 
-/* Counters are aligned, and changed without a lock in one atomic step. */
+/* Counters are aligned. They are changed without a lock, in one atomic step. */
 void count(const Table& table, uint8_t* block, int change) {
   void* counter = block + table.counter_at;
   if (table.counter_size == 2) {
@@ -216,7 +217,7 @@ Written Edit::add(const Table& table, uint32_t position, const uint8_t* record) 
   uint8_t* to = RecordLock::record_of(*this, table, position);
   uint8_t* id = to + table.id_at;
   if (is_id_table(table)) {
-    /* Others claim without a lock. */
+    /* Other programs claim without a lock. */
     uint32_t free = 0;
     if (!__atomic_compare_exchange_n(reinterpret_cast<uint32_t*>(id), &free, position + 1, false,
                                      __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
@@ -260,7 +261,7 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
   changed_ |= bit(table.area);
   ++removed_;
   if (is_id_table(table)) {
-    /* The id is cleared last, so nobody can claim a record that is half cleared. */
+    /* The id is cleared last, so nobody can claim a half-cleared record. */
     constexpr uint32_t kWord = sizeof(uint32_t);
     const auto id_at = static_cast<uint32_t>(table.id_at);
     memset(record + kWord, 0, id_at - kWord);
@@ -428,7 +429,7 @@ int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* rec
 
 namespace {
 
-/* The areas that a deletion from the table reaches into. */
+/* The areas in which a deletion from the table changes records. */
 uint32_t reached_from(const Table& table) {
   uint32_t areas = bit(table.area);
   for (const Reference& reference : kReferences) {
@@ -452,8 +453,8 @@ int need_reached(Source& live, const Table& table) {
   return kOk;
 }
 
-/* The rules that refer to the group, which the library deletes with it. One that another program
- * changes before it is deleted is looked at again: it may refer to the group no more. */
+/* Deletes the rules that refer to the group, as the library does. A rule that another program
+ * changes before it is deleted is read again: it may no longer refer to the group. */
 int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
   for (const Reference& reference : kReferences) {
     if (strcmp(reference.groups, groups.name) != 0) continue;
@@ -481,16 +482,16 @@ int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
 
 int remove_with_references(Edit& edit, const Table& table, uint32_t id) {
   if (const int status = remove_referring(edit, table, id); status != kOk) return status;
-  /* An access point that is bound to the template would keep its name and id. */
+  /* Without this, an access point that is bound to the template would keep its name and id. */
   Written written = table.area == kApTemplateList ? edit.unbind(id) : Written::kDone;
   if (written == Written::kDone) written = edit.remove(table, id - 1);
-  /* It may have gone with a group. */
+  /* The record may have been deleted with a group. */
   return written == Written::kDone || written == Written::kNotUsed
              ? kOk
              : fail_written(table, id, written);
 }
 
-/* What was done before one failed, rules that went with a group among it. */
+/* Prints how many records were deleted before one failed, rules deleted with a group included. */
 int say_deleted(const Edit& edit, int status) {
   if (edit.removed() > 0) tell("records deleted: %d%s", edit.removed(), failure_note());
   return status;

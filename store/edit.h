@@ -1,11 +1,11 @@
-/* Edits of live areas: records are written at their positions, each under the byte of the lock file
+/* Edits of live areas. Records are written at their positions, each under the byte of the lock file
  * that its own lock word names, as the library writes them.
  *
- * What a record is to be is complete before it is written; between two of our system calls a record
- * is old or new, and the table's counter follows its slot word at once. Byte 0 of an area's lock
- * file keeps editors of one area apart: other programs never lock it. Closing any descriptor of that
- * file in this process would drop it, so nobody else here opens it meanwhile; a record is copied
- * until two copies agree.
+ * The new contents of a record are complete before it is written. Between any two system calls of
+ * this process a record is old or new, and the table's counter is changed right after the slot
+ * word. Byte 0 of an area's lock file excludes other editors of the area; other programs never lock
+ * it. Closing any descriptor of that file in this process would drop the lock, so no other code
+ * here opens the file meanwhile. Readers copy a record until two copies are equal.
  */
 #ifndef STORE_EDIT_H
 #define STORE_EDIT_H
@@ -16,12 +16,12 @@ namespace store {
 
 constexpr uint32_t bit(AreaId area) { return 1u << area; }
 
-/* Which bytes of a record are written: 1 for each that is. */
+/* The bytes of a record that are written: 1 for each of them. */
 class Mask {
  public:
   explicit Mask(const Table& table) : table_(table), bytes_(table.stride) {}
   void add(const Field& field);
-  /* What makes one record the other: bytes of opaque fields one by one, other fields whole. */
+  /* Adds the bytes that differ: bytes of opaque fields one by one, other fields whole. */
   void add_differences(const uint8_t* one, const uint8_t* other);
   bool has(const Field& field) const { return bytes_.data()[field.record_at] != 0; }
   bool empty() const;
@@ -32,43 +32,45 @@ class Mask {
   Buffer bytes_;
 };
 
-/* How a record was met under its lock. */
+/* The state in which a record was found under its lock. */
 enum class Written : uint8_t {
   kDone,
   kNotFree, /* another program has used it meanwhile: nothing was written */
-  kNotUsed, /* ... freed it ... */
-  kChanged, /* ... changed it ... */
-  kFailed   /* for the reason that was said: nothing was written */
+  kNotUsed, /* another program has freed it meanwhile: nothing was written */
+  kChanged, /* another program has changed it meanwhile: nothing was written */
+  kFailed   /* an error message was printed: nothing was written */
 };
 
 class Edit {
  public:
   explicit Edit(Source& live);
-  /* Ends it. */
+  /* Calls end(). */
   ~Edit();
   Edit(const Edit&) = delete;
   Edit& operator=(const Edit&) = delete;
 
-  /* Attaches these areas and waits for other editors of them; says why it cannot, and returns a
-   * status. An area whose header is damaged is refused. */
+  /* Attaches these areas and waits until no other program edits them. On an error it prints a
+   * message and returns a status. An area with a damaged header is refused. */
   int begin(uint32_t areas);
-  /* The same for one area, whose header may be damaged. */
+  /* The same for one area; its header may be damaged. */
   int begin_damaged(AreaId area);
-  /* Lets other editors go on, then announces each area of which a record was written, once. A signal
-   * ends the wait for a daemon that does not accept, and leaves out no other area. */
+  /* Lets other editors continue. Then announces, once, each area in which a record was written. A
+   * signal ends the wait for a daemon that does not accept; the other areas are announced all the
+   * same. */
   void end();
 
-  /* The record of a free position becomes used. */
+  /* Makes the record of a free position used. */
   Written add(const Table& table, uint32_t position, const uint8_t* record);
-  /* Bytes of a used record; those of a section are always used. */
+  /* Writes bytes of a used record. Records of sections are always used. */
   Written change(const Table& table, uint32_t position, const uint8_t* record, const Mask& mask);
-  /* A used record becomes free; with `expected` only when its fields are these still. */
+  /* Frees a used record. If `expected` is given, the record is freed only when its fields still
+   * have these values. */
   Written remove(const Table& table, uint32_t position, const uint8_t* expected = nullptr);
-  /* A template is bound to an access point that is nobody else's, in both records at once; or bound to
-   * nobody. Their bytes are taken in the library's order, the template's first. */
+  /* Bind writes a template and an access point that is bound to no other template, both at once.
+   * Unbind clears both. They take the bytes in the library's order, the template's first. */
   Written bind(uint32_t template_id, uint32_t ap_id);
   Written unbind(uint32_t template_id);
-  /* Whatever is written otherwise is to be announced, too. */
+  /* The area was changed in another way, and is announced, too. */
   void set_changed(AreaId area) { changed_ |= bit(area); }
 
   Source& live() { return live_; }
@@ -86,27 +88,28 @@ class Edit {
   void (*handlers_[3])(int);
 };
 
-/* A signal that came in an edit ends the program when all is tidied up and said. */
+/* A signal that arrives during an edit ends the program after all clean-up and messages. */
 bool is_interrupted();
 void end_if_interrupted();
 
-/* Says that another program was faster; for kFailed nothing. Returns kRefused. */
+/* Prints that another program was faster; for kFailed prints nothing. Returns kRefused. */
 int fail_written(const Table& table, uint32_t id, Written written);
 
-/* Adds a record as the one of this id, or as the lowest free one for an id of 0, which then tells
- * which it became. Refuses a record that clashes. */
+/* Adds a record with this id. An id of 0 means the lowest free record; the id is then set. Refuses
+ * a record that clashes. */
 int add_record(Source& live, const Table& table, const uint8_t* record, Spelling spelling,
                uint32_t* id);
-/* Writes the fields of the mask. */
+/* Writes the bytes of the mask. */
 int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* record,
                const Mask& mask, Spelling spelling);
 
-/* A record that is to be deleted. */
+/* A record to be deleted. */
 struct Doomed {
   const Table* table;
   uint32_t id;
 };
-/* Deletes the records, each with what refers to it. All of them are used, or none is deleted. */
+/* Deletes the records, each with the rules that refer to it. If one of them is not used, none is
+ * deleted. */
 int delete_records(Source& live, const Doomed* records, int count);
 int clear_table(Source& live, const Table& table);
 

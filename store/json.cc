@@ -70,7 +70,7 @@ bool JsonReader::value(Text* value, JsonKind* kind) {
   return fault_ == nullptr;
 }
 
-/* Whole ones, as an export prints them. */
+/* Reads a whole number; an export prints no others. */
 bool JsonReader::number(Text* to) {
   const auto is_digit = [this] { return at_ < end_ && *at_ >= '0' && *at_ <= '9'; };
   const char* from = at_;
@@ -98,7 +98,7 @@ bool JsonReader::four_digits(unsigned* code) {
   return true;
 }
 
-/* Behind the backslash. */
+/* Reads what follows a backslash. */
 bool JsonReader::escape(Text* to) {
   static constexpr char kLetters[] = "\"\\/bfnrt";
   static constexpr char kMeanings[] = "\"\\/\b\f\n\r\t";
@@ -112,7 +112,7 @@ bool JsonReader::escape(Text* to) {
   }
   unsigned code;
   if (!four_digits(&code)) return false;
-  if (code >= 0xdc80 && code <= 0xdcff) { /* a byte that is no UTF-8 */
+  if (code >= 0xdc80 && code <= 0xdcff) { /* a byte that is not valid UTF-8 */
     to->add(static_cast<char>(code & 0xff));
     return true;
   }

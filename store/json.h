@@ -1,4 +1,4 @@
-/* JSON, read and written piece by piece: nothing is built in memory. */
+/* JSON, read and written piece by piece: no tree is built in memory. */
 #ifndef STORE_JSON_H
 #define STORE_JSON_H
 
@@ -8,20 +8,22 @@ namespace store {
 
 enum class JsonKind : uint8_t { kText, kNumber, kNumbers };
 
-/* Reads as far as an import needs it. The first fault is kept with its line; after it all reads fail. */
+/* Reads JSON as far as an import needs it. The first fault is kept with its line. After it all
+ * reads fail. */
 class JsonReader {
  public:
   JsonReader(const char* text, size_t size) : at_(text), end_(text + size) {}
 
-  /* An object or array opens with '{' or '['; next tells whether a member follows, up to the
-   * bracket that closes it. */
+  /* open reads the '{' or '[' of an object or array. next tells whether another member follows, and
+   * reads the closing bracket after the last. */
   bool open(char bracket);
   bool next(char closing, bool* first);
-  /* A member's name, with its colon; without a NUL. */
+  /* A member's name, and the colon after it. The name contains no NUL. */
   bool name(Text* name);
-  /* A value as it is typed: a string without quotes, a number, numbers of an array with commas. */
+  /* A value as it is typed on the command line: a string without quotes, a number, or the numbers
+   * of an array with commas between them. */
   bool value(Text* value, JsonKind* kind);
-  /* Nothing but blanks is left. */
+  /* Only blanks are left. */
   bool end();
 
   bool failed() const { return fault_ != nullptr; }
@@ -43,24 +45,24 @@ class JsonReader {
   unsigned line_ = 1;
 };
 
-/* A string. Bytes that are no UTF-8 become \udc80 to \udcff, as text in JSON is UTF-8. */
+/* Adds a string. JSON text is UTF-8, so bytes that are not valid UTF-8 become \udc80 to \udcff. */
 void add_json_text(const uint8_t* text, size_t size, Text* to);
 void add_json_text(const char* text, Text* to);
 
-/* Writes commas, blanks and line ends between what is given. */
+/* Writes the commas, blanks and line ends between the values. */
 class JsonWriter {
  public:
-  /* Elements follow each other on one line, or stand on lines of their own, each two blanks deeper. */
+  /* Elements are on one line, or each on its own line, indented by two more blanks. */
   enum Layout : uint8_t { kInline, kLines };
 
   explicit JsonWriter(Text* to) : to_(to) {}
 
-  /* An object or array, as an element or a member; at most kDeepest of them within each other. */
+  /* Opens an object or array, as an element or a member. At most kDeepest levels. */
   void open(char bracket, Layout layout);
   void close();
-  /* Of the member that follows. */
+  /* The name of the member that follows. */
   void name(const char* name);
-  /* Where the next element's or member's value is to be added. */
+  /* The caller adds the next element's or member's value to this text. */
   Text& value();
 
  private:

@@ -1,4 +1,4 @@
-/* UTF-8, and what terminals make of it. */
+/* UTF-8, and how terminals display it. */
 #include "store/letters.h"
 
 #include <string.h>
@@ -11,14 +11,14 @@ struct Range {
   uint32_t first, last;
 };
 
-/* They steer a terminal, or turn the direction of what follows. */
+/* These control a terminal, or change the direction of the text that follows. */
 constexpr Range kHarmful[] = {
     {0x00, 0x1f},     {0x7f, 0x9f},     {0x61c, 0x61c},   {0x200e, 0x200f},
     {0x2028, 0x2029}, {0x202a, 0x202e}, {0x2066, 0x2069},
 };
 
-/* Two columns. Blocks of wide letters count as a whole: a column too many does less harm than one
- * too few. */
+/* These take two columns. Blocks with wide letters count as wide as a whole: one column too many
+ * does less harm than one too few. */
 constexpr Range kWide[] = {
     {0x1100, 0x115f},   {0x231a, 0x231b},   {0x2329, 0x232a},   {0x23e9, 0x23ec},
     {0x23f0, 0x23f0},   {0x23f3, 0x23f3},   {0x25fd, 0x25fe},   {0x2614, 0x2615},
@@ -35,8 +35,8 @@ constexpr Range kWide[] = {
     {0x1f18e, 0x1f18e}, {0x1f191, 0x1f19a}, {0x1f200, 0x1faff}, {0x20000, 0x3ffff},
 };
 
-/* No column: they are written above, below or into the letter before. Those of further scripts count
- * one. */
+/* These take no column: they are displayed above, below or in the letter before. Those of other
+ * scripts count one column. */
 constexpr Range kCombining[] = {
     {0x300, 0x36f},   {0x483, 0x489},   {0x591, 0x5bd},   {0x610, 0x61a},   {0x64b, 0x65f},
     {0x6d6, 0x6dc},   {0x6df, 0x6e4},   {0xe31, 0xe31},   {0xe34, 0xe3a},   {0xe47, 0xe4e},
@@ -73,7 +73,7 @@ Letter next_letter(const char* text, size_t size) {
     if ((at(n) & 0xc0) != 0x80) return byte;
     code = code << 6 | (at(n) & 0x3f);
   }
-  /* Longer than need be, halves of pairs, and behind the last letter. */
+  /* Overlong forms, surrogates, and codes above the last letter. */
   if ((length == 3 && code < 0x800) || (length == 4 && code < 0x10000) || code > 0x10ffff ||
       (code >= 0xd800 && code <= 0xdfff)) {
     return byte;

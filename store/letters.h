@@ -1,6 +1,6 @@
-/* Letters of foreign texts: where each ends, whether a terminal shows it and nothing else, and how
- * many columns it takes. What comes from a store, a file or the command line goes through
- * next_letter before a person sees it.
+/* Letters of texts from other programs and people: where each ends, whether a terminal displays it
+ * without side effects, and how many columns it takes. Text from a store, a file or the command
+ * line passes through next_letter before it is displayed.
  */
 #ifndef STORE_LETTERS_H
 #define STORE_LETTERS_H
@@ -11,28 +11,28 @@
 namespace store {
 
 struct Letter {
-  uint32_t code;   /* the byte, where there is no UTF-8 */
-  uint8_t size;    /* in bytes, 1 at least */
-  uint8_t columns; /* 0 for one that is written above another, 2 for a wide one */
+  uint32_t code;   /* the byte, if it is not valid UTF-8 */
+  uint8_t size;    /* in bytes, at least 1 */
+  uint8_t columns; /* 0 for a combining letter, 2 for a wide one */
   bool is_utf8;
-  bool is_harmless; /* it moves no cursor and turns no direction; no letter of invalid UTF-8 is */
+  bool is_harmless; /* moves no cursor, changes no direction, is valid UTF-8 */
 };
 
 /* The first letter of a text that is not empty. */
 Letter next_letter(const char* text, size_t size);
 
-/* A letter as a person may see it. Harmless ones stay; the bytes of others become \xHH, two digits of
- * 0-9 and a-f. So does a backslash that would read as the beginning of such an escape: what is shown
- * stands for one text alone. */
+/* A letter as it is displayed. A harmless letter stays. The bytes of others become \xHH, two digits
+ * of 0-9 and a-f. A backslash that looks like the start of such an escape becomes one, too, so two
+ * different texts are never displayed alike. */
 struct Shown {
   char bytes[16];
   uint8_t size;
   uint8_t columns;
 };
-/* Shows the first letter; returns how many bytes it has. */
+/* Writes the first letter to `shown`; returns the number of its bytes in the text. */
 size_t show_letter(const char* text, size_t size, Shown* shown);
 
-/* How many columns a text takes that is shown. */
+/* The number of columns of a text as it is displayed. */
 size_t columns_of(const char* shown);
 
 }  // namespace store

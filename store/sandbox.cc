@@ -26,7 +26,7 @@ bool write_file(const char* path, const char* text) {
   return good;
 }
 
-/* Root of a user namespace of its own is enough. */
+/* Becomes root of a new user namespace, which is enough. */
 bool become_root() {
   char users[32], groups[32];
   snprintf(users, sizeof users, "0 %u 1", geteuid());

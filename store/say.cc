@@ -26,7 +26,7 @@ int fail(int status, const char* format, ...) {
   const auto size = static_cast<size_t>(vsnprintf(text, sizeof text, format, values));
   va_end(values);
   if (size >= sizeof text) memcpy(text + sizeof text - sizeof kCut, kCut, sizeof kCut);
-  /* No memory is asked for: there may be none. */
+  /* Memory is not allocated here: there may be none. */
   char line[4 * sizeof text];
   size_t used = 0;
   const auto show = [&](const char* from) {
@@ -63,7 +63,7 @@ void tell(const char* format, ...) {
 
 int flush_output() {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return kOk;
-  /* Of a file's edit nothing is kept. */
+  /* When a file is edited, the edit is discarded, so the line would be wrong. */
   if (g_told[0] == '\0' || g_file != nullptr) {
     return fail(kRefused, "standard output: the text could not be written");
   }
@@ -71,7 +71,7 @@ int flush_output() {
 }
 
 void Nearest::offer(const char* name) {
-  /* The distance of Levenshtein, row by row; known names are short. */
+  /* Levenshtein distance, row by row. Known names are short. */
   constexpr size_t kLongest = 31;
   const size_t columns = strlen(name);
   if (columns > kLongest) return;

@@ -1,5 +1,5 @@
-/* What scctl says: one line on standard error for what went wrong, text that grows, and silence
- * while the library works, whose own messages are not scctl's answer.
+/* The output of scctl: one line on standard error for an error, text that grows, and a way to hide
+ * what the library prints, which is not scctl's output.
  */
 #ifndef STORE_SAY_H
 #define STORE_SAY_H
@@ -12,45 +12,48 @@ namespace store {
 /* Exit statuses. */
 enum Status : int {
   kOk = 0,
-  kRefused = 1, /* a value, a record or the store says no; also findings and differences */
+  kRefused = 1, /* a value, a record or the store is refused; also findings and differences */
   kUsage = 2,
   kNoArea = 3 /* no area, no file or no permission */
 };
 
-/* Says why on one line of standard error; returns the status. The line is shown as by add_shown, so
- * what comes from elsewhere is printed as it is, by %s; a line of a kilobyte is cut. */
+/* Prints an error on one line of standard error and returns the status. The line is displayed as by
+ * add_shown, so text from elsewhere can be passed as it is, by %s. It is cut after one kilobyte. */
 int fail(int status, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-/* Where the command comes from, "FILE:LINE: ", in front of what fail says; null: from the shell. */
+/* Where the command stands, "FILE:LINE: "; fail prints it before the error. Null: the command is
+ * from the shell. */
 extern const char* g_where;
 
-/* The file whose area is the live one of this process; null: the machine's areas are. */
+/* The file whose area is the live one of this process. Null: the machine's areas are the live
+ * ones. */
 extern const char* g_file;
 
-/* Says what was done on a line of standard output. When the line cannot be written, the last that
- * was said is part of what flush_output says. */
+/* Prints what was done on a line of standard output. When standard output cannot be written, the
+ * error message of flush_output contains the last of these lines. */
 void tell(const char* format, ...) __attribute__((format(printf, 1, 2)));
-/* All that was printed is out, or this says that it cannot be. */
+/* Flushes standard output. If that fails, prints an error message and returns its status. */
 int flush_output();
 
-/* The known name that is nearest to a wrong one, if it is near: a third of its letters may differ. */
+/* The known name that is nearest to a wrong name, if it is near: up to a third of its letters may
+ * differ. */
 class Nearest {
  public:
   Nearest(const char* wrong, size_t length)
       : wrong_(wrong), length_(length), distance_((length + 2) / 3 + 1) {}
   void offer(const char* name);
-  /* "the nearest is NAME", or what tells the names. */
+  /* "the nearest is NAME", or `otherwise` when no name is near. */
   const char* hint(const char* otherwise);
 
  private:
   const char* wrong_;
   size_t length_;
-  size_t distance_; /* of the best; more are not near */
+  size_t distance_; /* of the best name; a name with more is not near */
   const char* best_ = nullptr;
   char hint_[64] = "";
 };
 
-/* Memory of a fixed size, zeroed; ends the program when there is none. */
+/* Memory of a fixed size, zeroed. The program ends when there is no memory. */
 class Buffer {
  public:
   Buffer() = default;
@@ -70,7 +73,7 @@ class Buffer {
   uint8_t* data_ = nullptr;
 };
 
-/* Text that grows; always terminated. */
+/* Text that grows. It is always terminated. */
 class Text {
  public:
   Text() = default;
@@ -80,12 +83,12 @@ class Text {
   void add(char c);
   void add(const char* text);
   void add(const char* bytes, size_t size);
-  /* As a person may see it: letters.h. */
+  /* Adds bytes as they may be displayed: letters.h. */
   void add_shown(const char* bytes, size_t size);
-  void trim(char c); /* cuts these off its end */
+  void trim(char c); /* cuts all of these off the end */
   void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
   void clear();
-  char* data() { /* to be written over, up to its end */
+  char* data() { /* may be overwritten, up to its end */
     reserve(0);
     return data_;
   }
@@ -99,9 +102,9 @@ class Text {
   size_t room_ = 0;
 };
 
-/* Sends standard output nowhere while it lives, and standard error there or into a descriptor; says
- * so when it cannot, and leaves both as they are. A daemon that hangs up on a notification does not
- * end the program. */
+/* While it lives, standard output is discarded, and standard error is discarded or goes to a
+ * descriptor. If that cannot be done, it prints an error and changes neither. A daemon that closes
+ * a notification early does not end the program (SIGPIPE is ignored). */
 class Quiet {
  public:
   explicit Quiet(int errors = -1);
@@ -110,7 +113,7 @@ class Quiet {
   Quiet& operator=(const Quiet&) = delete;
 
  private:
-  int out_ = -1; /* what they were; -1: they are that still */
+  int out_ = -1; /* copies of the original descriptors; -1: not redirected */
   int err_ = -1;
   void (*on_hang_up_)(int);
 };

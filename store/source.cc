@@ -1,4 +1,4 @@
-/* Live segments, images, archives; snapshots of their tables. */
+/* Live segments, images, archives, and snapshots of their tables. */
 #include "store/source.h"
 
 #include <errno.h>
@@ -27,7 +27,7 @@ struct FileBytes {
   size_t size;
 };
 
-/* As much of the file as there is, up to one byte more than the largest area. */
+/* Reads the file, up to one byte more than the largest area. */
 FileBytes read_all(FILE* file) {
   size_t largest = 0;
   for (const Area& area : kAreas) {
@@ -59,21 +59,21 @@ const char* read_archive(const char* path, int opened, const sc::AreaRow* area,
 /* ---- locks for reading ---- */
 
 constexpr int kLockTries = 1000; /* a millisecond apart */
-constexpr int kSaveTries = 5000; /* a save packs, writes and syncs */
+constexpr int kSaveTries = 5000; /* a save takes longer: it packs, writes and syncs */
 constexpr int kReadTries = 1000;
-constexpr int32_t kAreaByte = 1; /* what a save holds */
+constexpr int32_t kAreaByte = 1; /* the byte that a save holds */
 constexpr timespec kPause = {0, 1000000};
 
 bool lock_shared(int file, int32_t lock_index, int tries) {
   while (sc_lock_reg(file, F_SETLK, F_RDLCK, lock_index, SEEK_SET, 1) != 0) {
-    if (errno == EACCES) errno = EAGAIN; /* POSIX has both for a lock that another process holds */
+    if (errno == EACCES) errno = EAGAIN; /* POSIX allows both for a lock of another process */
     if (--tries <= 0 || errno != EAGAIN) return false;
     nanosleep(&kPause, nullptr);
   }
   return true;
 }
 
-/* To lock bytes for reading; waits for nobody who would write into a pipe. */
+/* Opens a lock file for read locks. Does not block on a pipe without a writer. */
 int open_lock_file(const Area& area) {
   return open(lock_path(area).text, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
 }
@@ -109,7 +109,7 @@ const char* read_own_archive(const Area& area, ArchiveImage* image) {
 
 namespace {
 
-/* The library attaches anew with every call. */
+/* Kept, because the library attaches the segment again in every call. */
 void* g_live[kAreaCount];
 
 }  // namespace
@@ -120,7 +120,7 @@ NoSaves::NoSaves(const Area& area) : area_(id_of(area)) {
   if (g_lock_files[area_] != 0) return;
   file_ = open_lock_file(area);
   if (file_ < 0) return;
-  static int tries = kSaveTries; /* who held it once that long may hold it for ever */
+  static int tries = kSaveTries; /* after one long wait, the next do not wait */
   held_ = lock_shared(file_, kAreaByte, tries);
   if (!held_) tries = 1;
   g_lock_files[area_] = file_;
@@ -252,7 +252,7 @@ Reader::Reader(Source& source, const Table& table, int field_count)
       block_(source.block(table.area)),
       field_count_(field_count),
       tries_(kLockTries) {
-  /* To close a lock file that an edit has open would let go what it holds. */
+  /* Closing a lock file that an edit has open would drop the locks of the edit. */
   if (!source.is_live() || g_lock_files[table.area] != 0) return;
   lock_ = open_lock_file(kAreas[table.area]);
 }
@@ -261,7 +261,7 @@ Reader::~Reader() {
   if (lock_ >= 0) close(lock_);
 }
 
-/* Calls part with place and size of what is read, as long as that says true. */
+/* Calls part with offset and size of each piece that is read, until it returns false. */
 template <class Part>
 bool Reader::each_part(Part part) const {
   if (field_count_ == kWhole) return part(0u, table_.stride);
@@ -297,10 +297,10 @@ bool Reader::copy(uint32_t position, uint8_t* to) {
     copy_parts(to, from);
     sc_lock_reg(lock_, F_SETLK, F_UNLCK, byte, SEEK_SET, 1);
   } else {
-    tries_ = 1; /* whoever holds it may hold others: one wait is enough */
+    tries_ = 1; /* the holder may hold other bytes, too: the next records are not waited for */
     copy_until_equal(to, from);
   }
-  /* It may have been freed before it was locked. */
+  /* The record may have been freed before it was locked. */
   return is_used(table_, to);
 }
 

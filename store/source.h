@@ -1,8 +1,8 @@
-/* Where tables are read from: the live segments, a .cfg image or a .bin archive.
+/* Sources of tables: the live segments, a .cfg image or a .bin archive.
  *
- * A record of a live segment is shown whole: it is copied under its own lock. The lock is shared
- * and held for one copy; where it is not to be had within a second, the record is read until two
- * reads agree.
+ * A record of a live segment is copied under its own lock, so it is complete. The lock is shared
+ * and held for one copy. If the lock is not free within a second, the record is read until two
+ * reads are equal.
  */
 #ifndef STORE_SOURCE_H
 #define STORE_SOURCE_H
@@ -13,12 +13,13 @@
 
 namespace store {
 
-/* Behind how much was done before something failed. A file is not changed then. */
+/* Follows the count of what was done before something failed. A file is not changed then. */
 inline const char* failure_note() {
   return g_file == nullptr ? ", then one failed" : ", then one failed: the file is as it was";
 }
 
-/* The lock files that are held, which nobody else opens and closes meanwhile; 0: none. */
+/* Descriptors of the lock files that are held. No other code opens and closes these meanwhile. 0:
+ * none. */
 extern int g_lock_files[kAreaCount];
 
 class Source {
@@ -28,25 +29,28 @@ class Source {
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  /* The live segments; each is attached when it is asked for, once for all commands of a batch. */
+  /* Opens the live segments. Each is attached when it is needed, once for all commands of a
+   * batch. */
   void open_live();
-  /* The area's segment is another one now. */
+  /* Detaches the area, because its segment was replaced by another or removed. */
   static void forget_live(AreaId area);
-  /* One area, told from the image's size, or by the archive, which has to be good, or for repair to
-   * hold a whole image. Say why they cannot, and return a status. Where a descriptor is given it is
-   * read, an image from where it stands, and the path is its name. */
+  /* Open one area. The size of an image tells which area it is. An archive has to be good; for
+   * repair it only has to hold a complete image. A given descriptor is read, an image from its
+   * current offset, and the path is only its name. On an error they print a message and return a
+   * status. */
   int open_image(const char* path, int opened = -1);
   int open_archive(const char* path, int opened = -1, bool for_repair = false);
-  /* The area of the one or the other. */
+  /* The area of the image or archive. */
   AreaId held() const;
-  /* Either of them, told from the file's first bytes; "live" and "saved" are these. */
+  /* Opens an image or an archive; the first bytes of the file tell which. "live" and "saved" open
+   * the live segments and the archives of saves. */
   int open_named(const char* name);
-  /* The archives that the areas were saved to; they are read when they are asked for. */
+  /* Opens the archives of saves. Each is read when it is needed. */
   void open_saved();
 
   /* The area's block, or null. */
   uint8_t* block(AreaId area);
-  /* The same, saying why there is none: kOk or kNoArea. */
+  /* The same, with an error message when there is none. Returns kOk or kNoArea. */
   int need(AreaId area);
   bool is_live() const { return live_; }
   bool is_saved() const { return saved_; }
@@ -66,8 +70,8 @@ struct ArchiveImage {
   uint8_t* bytes = nullptr; /* from malloc; null when the archive is not good */
   Archive verdict;
 };
-/* The area's own archive, read while nobody saves it, for which five seconds are waited. Null when it is
- * good, else what is wrong with it, or why that is not known. */
+/* Reads the area's own archive while nobody saves it; waits up to five seconds for that. Returns
+ * null when it is good, else what is wrong with it, or why that is not known. */
 const char* read_own_archive(const Area& area, ArchiveImage* image);
 
 /* An area's paths. */
@@ -77,15 +81,16 @@ struct Path {
 Path archive_path(const Area& area);
 Path lock_path(const Area& area);
 
-/* Keeps saves of an area away, which are made under byte 1 of its lock file; waits a few seconds. The
- * lock is shared, and one is enough for those within. */
+/* Keeps other programs from saving an area: saves are made under byte 1 of its lock file. Waits a
+ * few seconds for it. The lock is shared. A NoSaves inside another one does not lock again. */
 class NoSaves {
  public:
   explicit NoSaves(const Area& area);
   ~NoSaves();
   NoSaves(const NoSaves&) = delete;
   NoSaves& operator=(const NoSaves&) = delete;
-  /* False when another program has the byte for longer. Without a lock file nobody saves. */
+  /* False when another program holds the byte for longer than that. Without a lock file nobody can
+   * save. */
   explicit operator bool() const { return held_; }
 
  private:
@@ -94,7 +99,7 @@ class NoSaves {
   bool held_ = true;
 };
 
-/* Copies records of a table, each whole or the first of its fields. */
+/* Copies records of a table: whole, or only their first fields. */
 class Reader {
  public:
   static constexpr int kWhole = -1;
@@ -104,11 +109,12 @@ class Reader {
   Reader(const Reader&) = delete;
   Reader& operator=(const Reader&) = delete;
 
-  /* From now on. */
+  /* Copies so many fields from now on. */
   void read_fields(int count) { field_count_ = count; }
   /* False when the record is free. */
   bool copy(uint32_t position, uint8_t* to);
-  /* Of the used records the one at a position or the next one behind it, which is then told. */
+  /* Copies the used record at the position or the next one behind it, and sets the position to
+   * it. */
   bool copy_next(uint32_t* position, uint8_t* to);
 
  private:
@@ -124,17 +130,17 @@ class Reader {
   int tries_;
 };
 
-/* When MAC addresses as text are the same: those that are the same address, or as the library
- * compares them, which takes - and : for different letters. */
+/* When two MAC texts are equal: as addresses, or as the library compares them, for which - and :
+ * are different letters. */
 enum class Spelling : uint8_t { kAsMac, kAsLibrary };
 
-/* The used records of a table, each whole, at their positions. */
+/* Whole copies of the used records of a table, at their positions. */
 class Snapshot {
  public:
   Snapshot() = default;
   explicit Snapshot(const Table& table);
   void take(Source& source);
-  /* One record alone. */
+  /* Copies one record only. */
   void take(Source& source, uint32_t position);
 
   void swap(Snapshot& other);
@@ -145,11 +151,11 @@ class Snapshot {
   const uint8_t* record(uint32_t position) const {
     return records_.data() + position * table_->stride;
   }
-  uint8_t* put(uint32_t position) { /* a used record, to be filled */
+  uint8_t* put(uint32_t position) { /* for a used record; the caller fills it */
     used_.data()[position] = 1;
     return records_.data() + position * table_->stride;
   }
-  /* The used record that the record clashes with, other than the one of skip; -1 for none. */
+  /* The used record with which the record clashes, except the one at `skip`; -1 for none. */
   int find_clash(const uint8_t* record, int skip, const Field** field,
                  Spelling spelling = Spelling::kAsMac) const;
 
@@ -159,10 +165,11 @@ class Snapshot {
   Buffer used_;
 };
 
-/* How the record's own id word reads: used, free, or neither. */
+/* Whether the record's own id word is other than that of a free record. The word may be damaged. */
 bool is_used(const Table& table, const uint8_t* record);
 
-/* The byte of the lock file that all programs lock for a record: the one that its block names. */
+/* The byte of the lock file that all programs lock for a record: the one that the lock word
+ * names. */
 int32_t named_lock(const Table& table, const uint8_t* block, uint32_t position);
 
 }  // namespace store

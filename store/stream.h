@@ -1,4 +1,4 @@
-/* What gzip makes of an archive. */
+/* The output of gzip. */
 #ifndef STORE_STREAM_H
 #define STORE_STREAM_H
 
@@ -12,9 +12,9 @@ constexpr char kNoGzip[] = "gzip could not be run";
 
 struct Stream {
   int file;
-  int error = 0; /* errno of a read that failed, after which nothing comes any more */
+  int error = 0; /* errno of a failed read; nothing is read after it */
 
-  /* As many bytes as there are, up to a size. */
+  /* Reads `size` bytes, or fewer at the end of the stream. */
   size_t take(void* to, size_t size) {
     size_t done = 0;
     while (done < size && error == 0) {

@@ -8,7 +8,7 @@ namespace store {
 
 void open_standard_streams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-    /* Those before it are open, so it is the lowest free number. */
+    /* The descriptors below are open, so this is the lowest free number. */
     if (fcntl(stream, F_GETFD) < 0 && open("/", O_PATH) != stream) _exit(1);
   }
 }

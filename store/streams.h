@@ -1,7 +1,7 @@
 /* Standard input, output and error of a program that edits files.
  *
- * A program that is started with one of them closed would get its number for the next file that it
- * opens, and its messages would land in that file. So main() makes sure of all three before it opens
+ * If a program is started with one of them closed, the next file that it opens gets this
+ * descriptor, and messages would be written to that file. So main() calls this before it opens
  * anything.
  */
 #ifndef STORE_STREAMS_H
@@ -9,8 +9,8 @@
 
 namespace store {
 
-/* A closed one is open from now on, but each read and write of it fails as if it was not. Ends the
- * program with status 1 where that cannot be done. */
+/* Opens each closed one, in a way that every read and write of it fails as if it was closed. If
+ * that cannot be done, the program ends with status 1. */
 void open_standard_streams();
 
 }  // namespace store

@@ -1,5 +1,5 @@
-/* The tar archive in an archive: which file GNU tar and BusyBox tar make of it, and what is in that.
- * Where the two would not make the same of it, it is not good.
+/* The tar archive in an archive: which file GNU tar and BusyBox tar unpack from it, and its
+ * contents. If the two tars would unpack different files, the archive is not good.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -18,8 +18,8 @@ namespace {
 using sc::AreaRow;
 
 constexpr size_t kBlock = sizeof(TarHeader);
-constexpr size_t kMostInFront = 64 * 1024; /* of the image's header */
-constexpr uint32_t kHuge = UINT32_MAX;     /* any number that 32 bits do not hold */
+constexpr size_t kMostInFront = 64 * 1024; /* bytes before the image's header */
+constexpr uint32_t kHuge = UINT32_MAX;     /* stands for any number above 32 bits */
 
 constexpr char kNoTar[] = "not a tar archive";
 constexpr char kCut[] = "truncated tar archive";
@@ -30,7 +30,7 @@ constexpr char kNoMemory[] = "not known: no memory";
 
 /* ---- headers ---- */
 
-/* A number: octal digits, or the bytes of one behind 0x80 or of a negative one behind 0xff. */
+/* Reads a number: octal digits, or binary bytes after 0x80 (positive) or 0xff (negative). */
 bool read_number(const char* field, size_t size, uint32_t* number) {
   const auto* at = reinterpret_cast<const uint8_t*>(field);
   const uint8_t* const end = at + size;
@@ -48,7 +48,7 @@ bool read_number(const char* field, size_t size, uint32_t* number) {
   return true;
 }
 
-/* Whether the bytes add up, those of the checksum taken for blanks. */
+/* Whether the checksum is right. Its own bytes count as blanks. */
 bool checksum_fits(const TarHeader& header) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(&header);
   uint32_t sum = 0, wanted;
@@ -68,7 +68,7 @@ bool is_zero(const TarHeader& header) {
 
 /* ---- the image ---- */
 
-/* Null when it is the area's. */
+/* Null when it is an image of the area. */
 const char* fault_of_image(const AreaRow& area, const uint8_t* image) {
   char lock_path[64];
   snprintf(lock_path, sizeof lock_path, sc::kLockPath, area.lock_stem);
@@ -103,7 +103,8 @@ constexpr struct {
     {offsetof(TarHeader, size), 12},
 };
 
-/* Its parts in the order in which they are read; each function returns what is wrong, or null. */
+/* The functions stand in the order in which the archive is read. Each returns what is wrong, or
+ * null. */
 class Tar {
  public:
   Tar(int stream, const AreaRow* area, Archive* archive)
@@ -155,14 +156,14 @@ class Tar {
     return nullptr;
   }
 
-  /* What follows on a file up to a whole number of blocks. */
+  /* A file is filled up to a whole number of blocks. */
   bool skip_padding() {
     char bytes[kBlock];
     const size_t size = (kBlock - size_ % kBlock) % kBlock;
     return stream_.take(bytes, size) == size;
   }
 
-  /* A header of pax or a long name of GNU. */
+  /* A pax header, or a long name of GNU. */
   const char* fault_of_extension() {
     if (size_ > kMostInFront) return kBadExtension;
     in_front_ += kBlock + size_;
@@ -178,7 +179,7 @@ class Tar {
     return fault;
   }
 
-  /* Lines of their size in decimal, a blank, KEY=VALUE and a newline. */
+  /* Each line consists of its size in decimal, a blank, KEY=VALUE and a newline. */
   const char* fault_of_records(char* text) {
     char* const end = text + size_;
     while (text < end) {
@@ -198,7 +199,8 @@ class Tar {
     return nullptr;
   }
 
-  /* Of the keys that change what is unpacked, path and size may say what is so anyway. */
+  /* Some keys change what is unpacked. Of these, path and size are allowed if their values are the
+   * right ones. */
   const char* fault_of_record(const char* key, const char* value) {
     if (strcmp(key, "path") == 0) return fault_of_name(value);
     if (strcmp(key, "size") == 0) {
@@ -209,15 +211,15 @@ class Tar {
     return strncmp(key, "GNU.sparse.", 11) == 0 ? kNoFile : nullptr;
   }
 
-  /* A name that stands for that of the next header; one for all headers stands for none. */
+  /* This name replaces that of the next header. A name for all headers (type g) does not count. */
   const char* fault_of_name(const char* name) {
     if (header_.type != 'g') is_named_ = true;
     return is_wanted(name) ? nullptr : kOtherFile;
   }
 
-  /* Whether it is the image's name; of any area, while none is known. */
+  /* Whether it is the name of the area's image, or of any area's while the area is not known. */
   bool is_wanted(const char* name) {
-    /* tar unpacks each name below a folder. */
+    /* tar unpacks each name relative to a folder. */
     while (*name == '/' || (name[0] == '.' && name[1] == '/')) ++name;
     for (const AreaRow& area : sc::kAreas) {
       if (area.stem[0] == '\0' || (area_ != nullptr && area_ != &area)) continue;
@@ -231,9 +233,9 @@ class Tar {
   }
 
   const char* fault_of_file() {
-    /* 7 was one that lies in one piece. */
+    /* Type 7 is a contiguous file. */
     if (header_.type != '0' && header_.type != '\0' && header_.type != '7') return kNoFile;
-    /* The tars do not agree on what a prefix is. */
+    /* The two tars use the prefix differently. */
     if (!is_named_ && (header_.prefix[0] != '\0' || !is_wanted(header_.name))) return kOtherFile;
     if (size_ != area_->size || (extended_size_ != kNone && extended_size_ != size_)) {
       return "image of the wrong size";
@@ -243,8 +245,8 @@ class Tar {
     return stream_.take(archive_->image, size_) == size_ && skip_padding() ? nullptr : kCut;
   }
 
-  /* Behind the image the archive ends, at once or with one or two blocks of zeros; tar reads nothing
-   * behind two. */
+  /* The archive ends after the image, at once or with one or two blocks of zeros. tar reads nothing
+   * after two. */
   const char* fault_of_rest() {
     size_t blocks = 0;
     for (size_t got; (got = stream_.take(&header_, kBlock)) > 0;) {
@@ -261,7 +263,7 @@ class Tar {
   const AreaRow* area_;
   Archive* archive_;
   TarHeader header_ = {};
-  uint32_t size_ = 0; /* of what the header stands for */
+  uint32_t size_ = 0; /* of the member behind the header */
   unsigned long extended_size_ = kNone;
   bool is_named_ = false;
   size_t in_front_ = 0;

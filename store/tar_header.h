@@ -1,5 +1,5 @@
-/* The header in front of a member of a tar archive: the format of v7 in its first 257 bytes, that of
- * ustar, GNU and pax in all of them.
+/* The header of a member of a tar archive. The v7 format uses its first 257 bytes; ustar, GNU and
+ * pax use all of them.
  */
 #ifndef STORE_TAR_HEADER_H
 #define STORE_TAR_HEADER_H
@@ -19,7 +19,7 @@ struct TarHeader {
   char checksum[8];
   char type;
   char linked_to[100];
-  char magic[8]; /* with the version */
+  char magic[8]; /* and version */
   char user[32];
   char group[32];
   char device_major[8];

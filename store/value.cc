@@ -23,7 +23,7 @@ int hex_digit(char c) {
   return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
 }
 
-/* Two digits; -1 when they are none. */
+/* Two hex digits; -1 when they are not. */
 int hex_byte(const char* text) {
   const int high = hex_digit(text[0]);
   const int low = high < 0 ? -1 : hex_digit(text[1]);
@@ -54,7 +54,7 @@ void store_number(uint8_t* at, size_t width, int64_t value) {
   for (size_t n = 0; n < width; ++n) at[n] = static_cast<uint8_t>(value >> (8 * n));
 }
 
-/* One number, or several with commas between them. */
+/* Reads one number, or several with commas between them. */
 int parse_numbers(const Table& table, const Field& field, const char* text, size_t size,
                   uint8_t* to) {
   const bool is_signed = field.kind == Kind::kSigned;
@@ -222,7 +222,7 @@ void format_shown(const Field& field, const uint8_t* record, Text* to) {
 
 namespace {
 
-/* No shell takes these as more than letters. */
+/* No shell gives these characters a special meaning. */
 bool is_bare(const char* text, size_t size) {
   for (size_t n = 0; n < size; ++n) {
     const auto c = static_cast<unsigned char>(text[n]);
@@ -232,7 +232,7 @@ bool is_bare(const char* text, size_t size) {
   return size > 0;
 }
 
-/* Within quotes, which are left for a quote. */
+/* In single quotes. They are closed before a quote, and opened again after it. */
 void add_quoted(const char* text, size_t size, Text* to) {
   to->add('\'');
   for (size_t n = 0; n < size; ++n) {

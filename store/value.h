@@ -1,5 +1,4 @@
-/* Values of fields as text: how they are written, read and checked. A value is always worked on in
- * a record.
+/* Field values as text: how they are written, read and checked. A value always stands in a record.
  */
 #ifndef STORE_VALUE_H
 #define STORE_VALUE_H
@@ -9,55 +8,56 @@
 
 namespace store {
 
-/* Typed by a person, or copied from a store, whose texts are taken as they are. */
+/* Typed by a person, or copied from a store. Copied texts are accepted as they are. */
 enum class Origin : uint8_t { kTyped, kCopied };
 
-/* Writes the value into the record, whose field is zero yet, or says what is wrong with it and
- * returns kRefused. The text is terminated. */
+/* Writes the value into the record, where the field is still zero. If the value is invalid, prints
+ * an error message and returns kRefused. The text is terminated. */
 int parse(const Table& table, const Field& field, const char* text, size_t size, Origin origin,
           uint8_t* record);
 
-/* FIELD:hex=HEX: the same for the bytes of a text, unchecked. */
+/* FIELD:hex=HEX: writes the bytes of a text, without a check. */
 int parse_text_bytes(const Table& table, const Field& field, const char* hex, uint8_t* record);
 
 inline bool is_text(const Field& field) {
   return field.kind == Kind::kText || field.kind == Kind::kMacText;
 }
 
-/* As the library compares texts that are keys: without case, up to their ends. */
+/* Compares as the library compares texts that are keys: without case, up to their ends. */
 bool is_same_text(const Field& field, const uint8_t* one, const uint8_t* other);
-/* Both spellings of a MAC address as text are the same address: - and :, letters of either case.
- * Texts that are none are compared without case, as the library compares all of them. */
+/* Whether two MAC texts are the same address: - and : are equal, and so are letters of either case.
+ * Texts that are not MAC addresses are compared without case, as the library compares all of
+ * them. */
 bool is_same_mac_text(const Field& field, const uint8_t* one, const uint8_t* other);
 
-/* The value as it is. Texts end at their first NUL. */
+/* Adds the value as it is. A text ends at its first NUL. */
 void format(const Field& field, const uint8_t* record, Text* to);
 
-/* The same for a person. */
+/* Adds the value as it may be displayed. */
 void format_shown(const Field& field, const uint8_t* record, Text* to);
 
-/* The same as part of a line, in quotes where there are letters that words have none of; a whole
- * text goes on behind its first NUL. */
+/* The same as part of a line, in quotes where it has characters that a bare word cannot have. If
+ * `whole`, the text continues after its first NUL. */
 void format_part(const Field& field, const uint8_t* record, bool whole, Text* to);
 
-/* " FIELD=VALUE", or " FIELD:hex=HEX" for what cannot be said so or is not to be checked: words
- * that batch and every POSIX shell read alike. */
+/* Adds " FIELD=VALUE", or " FIELD:hex=HEX" for a value that cannot be written so or must not be
+ * checked. batch and every POSIX shell read these words alike. */
 void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to);
 
-/* A word as it is typed, of anything: in quotes where it needs them. */
+/* Adds text as a word of a command line, in quotes where it needs them. */
 void add_word(const char* text, size_t size, Text* to);
 
-/* As JSON. Whole texts keep what stands behind their first NUL. */
+/* Adds the value as JSON. Whole texts include what follows their first NUL. */
 void format_json(const Field& field, const uint8_t* record, bool whole, Text* to);
 
-/* How many bytes of the field are left without the zeros at its end. */
+/* The size of the field without the zeros at its end. */
 size_t size_without_trailing_zeros(const Field& field, const uint8_t* record);
 
 inline bool equal(const Field& field, const uint8_t* one, const uint8_t* other) {
   return __builtin_memcmp(one + field.record_at, other + field.record_at, field.size) == 0;
 }
 
-/* A number of 1 to 4 bytes at any place. */
+/* A number of 1 to 4 bytes at any address. */
 int64_t load_number(const uint8_t* at, size_t width, bool is_signed);
 inline int32_t load_word(const uint8_t* at) {
   return static_cast<int32_t>(load_number(at, 4, true));

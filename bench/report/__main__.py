@@ -20,11 +20,11 @@ PEERS = {"lmdb": "LMDB", "lmdb_in_place": "LMDB, no sync, in place", "sqlite": "
 PROCESSES = (1, 2, 4, 8)
 CONTENTION_SECONDS = 0.3
 
-# Of each program; odd, so that a median is one of them.
+# Runs of each program. The number is odd, so the median is one of the runs.
 RUNS = 5
 LONGER = 5  # times as many with --long
 
-# Enough of an operation to tell it from the start of the program, in the slow counting tools.
+# Enough runs of an operation to tell its cost from that of the start. The counting tools are slow.
 COUNTED_TIMES = 32
 SAVE = "save an area to flash"
 

@@ -19,7 +19,7 @@ VARIANTS = {
     "-Os": ("bench-Os", ["-DCMAKE_BUILD_TYPE=MinSizeRel"]),
 }
 
-# The C library's own string instructions would count as one instruction a byte.
+# The CPU's string instructions, which the C library uses, would count as one instruction a byte.
 NO_STRING_INSTRUCTIONS = ("GLIBC_TUNABLES=glibc.cpu.x86_rep_stosb_threshold=1073741824:"
                           "glibc.cpu.x86_rep_movsb_threshold=1073741824")
 

@@ -68,7 +68,8 @@ SC_OFFSET(ApUserRecord, user_id, 4);
 SC_OFFSET(ApUserRecord, user_mac, 8);
 SC_OFFSET(ApUserRecord, opaque_14, 14);
 
-/* The run-time table of AP users: never saved, and its header differs from all other areas'. */
+/* The run-time table of AP users. It is never saved, and its header differs from that of all other
+ * areas. */
 struct ApUserListBlock {
   char lock_path[128];
   int32_t block_lock_index; /* always 1 */
@@ -122,79 +123,85 @@ SC_OFFSET(DefApTemplateBlock, settings, 136);
 
 SC_BEGIN_DECLS
 
-/* Managed APs. A record is free when its ap_id is 0. MACs are 6 raw bytes, compared exactly;
- * searches take the first match and do not skip free records. Claims take no lock, searches neither.
- * A flash save runs "send_event 5 0" and then "change_event ap" afterwards; Read also empties the
- * fragment buffers, before the archive is loaded. */
+/* Managed APs. A record is free when its ap_id is 0. MACs are 6 raw bytes and are compared exactly.
+ * Searches return the first match and do not skip free records. Claims and searches take no lock. A
+ * flash save runs "send_event 5 0" and then "change_event ap" afterwards. Read also empties the
+ * fragment buffers, before it loads the archive. */
 uint32_t SC_Get_ManageApList_System_Config(void);
 int SC_Uninit_System_ManageApList_Config(void);
 int SC_Init_System_ManageApList_Config(int read_flag);
 int SC_Read_System_ManageApList_Config(struct ManageApListBlock* block);
 void SC_Save_System_ManageApList_Config(void);
 void SC_Save_System_ManageApList_Config2Flash(struct ManageApListBlock* block);
-/* Position of the first record with this id (0: the first free one) or MAC, or -1. */
+/* Return the position of the first record with this id (0: the first free record) or this MAC, or
+ * -1. */
 int32_t SC_Get_Ap_Info_By_Id(const struct ManageApListBlock* block, uint32_t id);
 int32_t SC_Get_Ap_Info_By_Mac(const struct ManageApListBlock* block, const uint8_t* mac);
-/* Claims the lowest free record when fewer than max_ap_count records have an ap_id above 0
- * (signed). Returns its position or -1. */
+/* Claims the lowest free record if fewer than max_ap_count records have an ap_id above 0 (as a
+ * signed number). Returns its position or -1. */
 int32_t SC_Get_Ap_Info_Blank(struct ManageApListBlock* block, const struct ApLimitsRecord* limits);
-/* Numbers of used, online and offline APs; 0 for a null block. */
+/* Return the number of used, online or offline APs; 0 for a null block. */
 int32_t SC_Get_Ap_Info_Count(const struct ManageApListBlock* block);
 int32_t SC_Get_Ap_Info_Count_Online(const struct ManageApListBlock* block);
 int32_t SC_Get_Ap_Info_Count_Offline(const struct ManageApListBlock* block);
-/* Fills positions[300] with the used positions, in order, then -1. Returns how many there are.
- * Null block: 0, positions untouched. */
+/* Fills positions[300] with the used positions, in order, then with -1. Returns the number of used
+ * positions. For a null block it returns 0 and does not write to positions. */
 int32_t SC_Get_Ap_Info_Count_And_Id(uint32_t* positions, const struct ManageApListBlock* block);
-/* Under the record's lock: clear the whole record but its lock_index; write or clear group_id (low
- * byte of group) and group_info (50 bytes of info). 1 when done, 0 when no record has the MAC or
- * the lock file could not be opened. */
+/* Under the record's lock. The first clears the whole record except its lock_index. The second
+ * writes group_id (low byte of group) and group_info (50 bytes of info). The third clears these
+ * two. Return 1 when done, 0 when no record has the MAC or the lock file could not be opened. */
 int32_t SC_Del_Ap_Info_by_Mac(struct ManageApListBlock* block, const uint8_t* mac);
 int32_t SC_Ap_Add_GroupInfo_by_Mac(struct ManageApListBlock* block, const char* info, int group,
                                    const uint8_t* mac);
 int32_t SC_Ap_Clean_GroupInfo_by_Mac(struct ManageApListBlock* block, const uint8_t* mac);
-/* Clears every used record whole, each under its lock. Returns how many; 0 without lock file. */
+/* Clears every used record except its lock_index, each under its lock. Returns the number of these
+ * records; 0 when the lock file could not be opened. */
 int32_t SC_Set_Ap_Info_Id2Zero(struct ManageApListBlock* block);
 /* Sets wtp_frag_len of all records to 0, without locks. */
 void SC_CleanWtpFragBuffer(struct ManageApListBlock* block);
 
-/* AP users: a run-time table that is never saved. A record is free when its user_id is 0; MACs,
- * searches and claims as with managed APs. */
+/* AP users: a run-time table that is never saved. A record is free when its user_id is 0. MACs,
+ * searches and claims work as with managed APs. */
 uint32_t SC_Get_ApUserList_System_Config(void);
 int SC_Uninit_System_ApUserList_Config(void);
-/* Takes no flag, writes the header and the lock indices itself and loads nothing; else as the Init
- * of other areas. */
+/* Takes no flag, writes the header and the lock indices itself and loads nothing. In all else it
+ * works as Init of the other areas. */
 int SC_Init_System_ApUserList_Config(void);
-/* Position of the first record with this id (0: the first free one) or MAC, or -1. */
+/* Return the position of the first record with this id (0: the first free record) or this MAC, or
+ * -1. */
 int32_t SC_Get_ApUser_Info_By_Id(const struct ApUserListBlock* block, uint32_t id);
 int32_t SC_Get_ApUser_Info_By_Mac(const struct ApUserListBlock* block, const uint8_t* mac);
-/* Under the record's lock: clear the whole record but its lock_index. 1 when done, 0 when no record
- * has the MAC or the lock file could not be opened. */
+/* Under the record's lock, clears the whole record except its lock_index. Returns 1 when done, 0
+ * when no record has the MAC or the lock file could not be opened. */
 int32_t SC_Del_ApUser_Info_by_Mac(struct ApUserListBlock* block, const uint8_t* mac);
 /* Claims the lowest free record. Returns its position or -1. */
 int32_t SC_Get_ApUser_Info_Blank(struct ApUserListBlock* block);
 /* Number of used records; 0 for a null block. */
 int32_t SC_Get_ApUser_Info_Count(const struct ApUserListBlock* block);
 
-/* AP templates. A record is free when its template_id is 0; searches and claims as with managed APs.
- * A template binds at most one AP. */
+/* AP templates. A record is free when its template_id is 0. Searches and claims work as with
+ * managed APs. A template binds at most one AP. */
 uint32_t SC_Get_ApTemplateList_System_Config(void);
 int SC_Uninit_System_ApTemplateList_Config(void);
 int SC_Init_System_ApTemplateList_Config(int read_flag);
 int SC_Read_System_ApTemplateList_Config(struct ApTemplateListBlock* block);
 void SC_Save_System_ApTemplateList_Config(void);
 void SC_Save_System_ApTemplateList_Config2Flash(struct ApTemplateListBlock* block);
-/* Position of the first record with this id (0: the first free one), or -1. */
+/* Returns the position of the first record with this id (0: the first free record), or -1. */
 int32_t SC_Get_AP_Template_Info_By_Id(const struct ApTemplateListBlock* block, uint32_t id);
 /* Claims the lowest free record. Returns its position or -1. */
 int32_t SC_Get_AP_Template_Info_Blank(struct ApTemplateListBlock* block);
 /* Number of used records; 0 for a null block. */
 int32_t SC_Get_AP_Template_Info_Count(const struct ApTemplateListBlock* block);
-/* Clears the record at a position, not an id; only 0 to 14, which is not checked. 1, or 0 without
- * lock file. The bound AP keeps its group_id and group_info: unbind it first. */
+/* Clears the record at a position, not at an id. The position has to be 0 to 14; this is not
+ * checked. Returns 1, or 0 when the lock file could not be opened. The bound AP keeps its group_id
+ * and group_info: unbind it first. */
 int32_t SC_Del_AP_Template_Info_By_Id(struct ApTemplateListBlock* block, uint32_t position);
-/* Bind and unbind an AP by its MAC. Under the template's lock, then the AP's: an unbound template
- * takes the MAC and the AP gets its name and id; the same AP again refreshes these; another AP
- * changes nothing. Always 0. */
+/* Bind and unbind an AP by its MAC. They take the template's lock, then the AP's. Binding writes
+ * the MAC to an unbound template, and the template's name and id to the AP. Binding the same AP
+ * again writes name and id again. When another AP is bound, nothing changes. Unbinding clears the
+ * MAC in the template, and group_id and group_info of the AP, if this AP is bound. Always return
+ * 0. */
 int32_t SC_Add_Ap_Mac2Template_By_Id(struct ApTemplateListBlock* block,
                                      struct ManageApListBlock* aps, uint32_t id,
                                      const uint8_t* mac);

@@ -38,7 +38,7 @@ SC_OFFSET(ClientsGroupsItem, spare_0, 0);
 SC_OFFSET(ClientsGroupsItem, slot_id, 4);
 SC_OFFSET(ClientsGroupsItem, group_name, 8);
 
-/* The named fields belong to the programs that fill them; the spare bytes are never written. */
+/* The named fields belong to the programs that fill them. The spare bytes are never written. */
 struct ClientRecord {
   int32_t lock_index;               /* 2..301 */
   int32_t slot_id;                  /* -1 free, else position + 1 */
@@ -200,8 +200,8 @@ int32_t ModifyClientsGroupsItem(struct ClientsGroupsBlock* block,
 void DelClientsGroupsItem(struct ClientsGroupsBlock* block, char* ids);
 void DelAllClientsGroupsItem(struct ClientsGroupsBlock* block);
 
-/* Clients: two clash when their MACs are equal. Add writes client_mac and the fields, modify the
- * fields only, delete clears client_mac. Modify out of range: SC_LIST_MOD_RANGE. */
+/* Clients: two clash when their MACs are equal. Add writes client_mac and the fields, modify writes
+ * the fields only, delete clears client_mac. Modify out of range: SC_LIST_MOD_RANGE. */
 uint32_t SC_Get_Clients_System_Config(void);
 int SC_Uninit_System_Clients_Config(void);
 int SC_Init_System_Clients_Config(int read_flag);
@@ -216,8 +216,8 @@ int32_t SC_Operate_System_List_ClientsCheckMac(const struct ClientsBlock* block,
 int32_t AddClientsItem(struct ClientsBlock* block, const struct ClientsItem* item);
 void DelClientsItem(struct ClientsBlock* block, char* ids);
 void DelAllClientsItem(struct ClientsBlock* block);
-/* Checks against the zero MAC, whatever the item holds: refused only when another used record has a
- * zero MAC. */
+/* Checks for a clash with the zero MAC, whatever the item holds. So the call is refused only when
+ * another used record has a zero MAC. */
 int32_t ModifyClientsItem(struct ClientsBlock* block, const struct ClientsItem* item);
 
 SC_END_DECLS

@@ -1,76 +1,84 @@
 /* The store core: utilities, the areas without tables (Wan, ProductInfo, Misc) and the directory
  * of all areas. The conventions that hold for the whole interface are said here, once.
  *
- * 1. Blocks. An area is one System V shared-memory segment; a block pointer is the address at
+ * 1. Blocks. An area is one System V shared-memory segment. A block pointer is the address at
  *    which the caller's process attached it. On 64-bit hosts segments are attached below 4 GiB, so
  *    an address always fits the 32-bit values of this interface. Callers own every item, item list,
- *    index list and directory they pass in; the library allocates nothing and keeps no state.
- * 2. Life of an area. The same six functions for each (AP users: Get, Uninit and Init only):
+ *    index list and directory that they pass in. The library allocates nothing and keeps no state.
+ * 2. Life of an area. Each area has the same six functions (AP users: Get, Uninit and Init only):
  *    SC_Get_<Area>_System_Config()
- *        Attach; 0 when the segment does not exist. When it exists but cannot be attached:
- *        "shmat failed\n" on stderr and exit(1). Every call attaches anew; nothing is detached.
+ *        Attaches the segment. Returns the address, or 0 when the segment does not exist. When the
+ *        segment exists but cannot be attached: "shmat failed\n" on stderr and exit(1). Every call
+ *        attaches the segment again; nothing is detached.
  *    SC_Uninit_System_<Area>_Config()
- *        Remove the segment; 0. A failed step is said on stderr ("shmget failed\n",
- *        "shmat failed\n", "shmdt failed\n", "shmctl(IPC_RMID) failed\n") and the rest goes on.
+ *        Removes the segment. Always returns 0. A step that fails prints a message on stderr
+ *        ("shmget failed\n", "shmat failed\n", "shmdt failed\n", "shmctl(IPC_RMID) failed\n"), and
+ *        the next step follows all the same.
  *    SC_Init_System_<Area>_Config(flag)
- *        Create or empty the segment, recreate the lock file, mark all records free; when the low
- *        byte of flag is 1, Read. 0; errno when it cannot be created, -1 when not attached.
- *        Without Read, lock_path stays empty and every operation that locks fails. The area is
- *        emptied for all who have it attached, whoever calls: only the boot does.
+ *        Creates or empties the segment, recreates the lock file and marks all records free.
+ *        When the low byte of flag is 1, Read follows. Returns 0; errno when the segment cannot be
+ *        created; -1 when it cannot be attached. Without Read, lock_path stays empty and every
+ *        operation that locks fails. The area is emptied for all programs that have it attached, so
+ *        only the program that runs at boot calls Init.
  *    SC_Read_System_<Area>_Config(b)
- *        Write lock path and lock indices, then load the flash archive
- *        /var/dataconfig/config_<stem>.bin over the block. -1 when there is none, else the last
- *        command's status. "cant open the file" (no newline) or "file read error\n" on stdout.
+ *        Writes lock path and lock indices, then loads the flash archive
+ *        /var/dataconfig/config_<stem>.bin over the block. Returns -1 when the archive does not
+ *        exist, else the status of the last command. Prints "cant open the file" (no newline) or
+ *        "file read error\n" on stdout when the image cannot be opened or read.
  *    SC_Save_System_<Area>_Config()
- *        Tell the configuration daemon: the area's code, 4 bytes, to the stream socket
- *        "/var/config_socket". Errors through perror("socket" | "connect" | "send"). A daemon that
- *        closes before it has read sends the caller SIGPIPE; one that does not accept holds it in
- *        connect() as soon as the socket's queue is full.
+ *        Sends the area's code, 4 bytes, to the configuration daemon at the stream socket
+ *        "/var/config_socket". Errors are printed by perror("socket" | "connect" | "send"). A daemon
+ *        that closes before it has read causes SIGPIPE in the caller. A daemon that does not accept
+ *        blocks the caller in connect() as soon as the socket's queue is full.
  *    SC_Save_System_<Area>_Config2Flash(b)
- *        Under byte 1 of the lock file write the image to /var/systemconfig/config_<stem>.cfg and
- *        pack it into the archive; then run the area's event commands, if any.
- *        "canot open the file." (no newline) or "file write error\n" on stdout, where the commands
- *        print, too: a program that prints a page there turns it away around the call. Whether the
- *        archive is whole is not told.
- *    Init and Read take no locks: they are for start-up, before others work on the area.
+ *        Under byte 1 of the lock file, writes the image to /var/systemconfig/config_<stem>.cfg and
+ *        packs it into the archive. Then runs the area's event commands, if any. Prints
+ *        "canot open the file." (no newline) or "file write error\n" on stdout when the image cannot
+ *        be opened or written. The commands print on stdout, too: a program that prints a page there
+ *        redirects stdout around the call. The function does not tell whether the archive is whole.
+ *    Init and Read take no locks. They are for start-up, before other programs use the area.
  * 3. Lists. The functions of a list on records, addressed by 0-based positions. Results of changes
  *    are list results (layout.h).
  *    SC_Operate_System_List_<X>(b, op, position, record)
- *        Add, modify, delete or delete all. `position` points to the position: read by delete and
- *        modify, written by add. `record` (or `item`) may be null for the deleting operations.
+ *        Adds, modifies, deletes or deletes all. `position` points to the position: delete and
+ *        modify read it, add writes it. `record` (or `item`) may be null for the operations that
+ *        delete.
  *    SC_Operate_System_List_Get<X>_Blank(b)
- *        Claim the lowest free record; its position, or -1 when there is none.
+ *        Claims the lowest free record. Returns its position, or -1 when no record is free.
  *    SC_Operate_System_List_<X>Check<Key>(b, record, skip_slot)
- *        1 when the record clashes with a used one other than that of slot_id skip_slot, else 0.
+ *        Returns 1 when the record clashes with a used record whose slot_id is not skip_slot, else
+ *        0.
  * 4. Items. The functions of a list on items, addressed by 1-based ids.
  *    Get<X>ItemList(b, ..., list)
- *        Zero the list and pack the used records in table order.
+ *        Zeroes the list and writes the used records into it, in table order and without gaps.
  *    Get<X>Item(b, id, item)
- *        Zero the item and fill it from record id - 1, used or free; it stays zero when the id is
- *        out of range.
+ *        Zeroes the item and fills it from record id - 1, used or free. The item stays zero when the
+ *        id is out of range.
  *    Add<X>Item(b, item)
- *        Add to the lowest free record; a list result. The id is not told: list the table and look
- *        for the key. SC_LIST_REJECTED is a clash or a full table: the listing tells which.
+ *        Adds the item at the lowest free record. Returns a list result, not the id: to learn the
+ *        id, list the table and search for the key. SC_LIST_REJECTED means a clash or a full table;
+ *        the listing shows which.
  *    Modify<X>Item(b, item)
- *        Write over the record of the item's id; a list result.
+ *        Overwrites the record of the item's id. Returns a list result.
  *    DelAll<X>Item(b)
- *        Free every record, and set the counter beside the table, if any, to 0.
+ *        Frees every record and sets the counter beside the table, if any, to 0.
  *    Del<X>Item(b, ids)
- *        Free the records of an index list: text of ids separated by '#', which is split in place.
- *        Tells nothing: list the table to know what was freed.
- *    With a null block the two that get return without touching the output. The others end with
- *    the area's change notification whatever the result; those that delete by a group's id send
- *    one for each rule instead. Counters beside tables are lowered once for each id of an index
- *    list, deleted or not. Address texts are read by inet_addr; text that is none is stored as
- *    255.255.255.255, a key like any other, so that a second such item clashes: check it before.
+ *        Frees the records of an index list: text of ids separated by '#'. The text is split in
+ *        place. Returns nothing: to learn what was freed, list the table.
+ *    With a null block the two functions that get return at once and do not write to the output. The
+ *    others end with the area's change notification, whatever the result. Exception: those that
+ *    delete by a group's id send one notification for each rule. Counters beside tables are lowered
+ *    once for each id of an index list, whether a record was deleted or not. inet_addr reads address
+ *    texts. Invalid text is stored as 255.255.255.255, which is a key like any other, so a second
+ *    such item clashes: callers check the text before the call.
  * 5. Locks. Every change of a list's record is made under its byte (lock_index) of the area's lock
- *    file, blocking, held for that record only; readers, searches and checks take no lock. A lock
- *    file that cannot be opened is said as "Cannot Lock file %s" with the path (stdout, no newline).
- *    fcntl locks belong to the process: they do not keep its threads apart, and any close of the
- *    lock file drops them. Byte n is locked with l_whence SEEK_SET, l_start n, l_len 1; n is read
- *    from the lock_index of the record or section.
- * 6. Programs. sysconfig(7) says what a configuration daemon has to do and what programs do about all
- *    that the calls leave unsaid; bind_page.c, daemon.c and write_section.c among the examples do it.
+ *    file. The call waits for the byte and holds it for that record only. Readers, searches and
+ *    checks take no lock. When a lock file cannot be opened, "Cannot Lock file %s" with the path is
+ *    printed (stdout, no newline). fcntl locks belong to the process: they do not separate its
+ *    threads, and any close of the lock file drops them. Byte n is locked with l_whence SEEK_SET,
+ *    l_start n, l_len 1. n is read from the lock_index of the record or section.
+ * 6. Programs. sysconfig(7) says what a configuration daemon has to do, and how programs handle what
+ *    the calls do not report. The examples bind_page.c, daemon.c and write_section.c do so.
  */
 #ifndef SYSCONFIG_CORE_H
 #define SYSCONFIG_CORE_H
@@ -85,7 +93,8 @@ SC_SIZE(WanSection, 960);
 SC_OFFSET(WanSection, lock_index, 0);
 SC_OFFSET(WanSection, settings, 4);
 
-/* The settings belong to the programs that use them; they change a section under its lock byte. */
+/* The settings belong to the programs that use them. A program changes a section under its lock
+ * byte. */
 struct WanBlock {
   struct BlockHeader header;
   struct WanSection sections[4];
@@ -130,7 +139,7 @@ SC_OFFSET(MiscBlock, settings_1948, 1948);
 SC_OFFSET(MiscBlock, lock_index_2500, 2500);
 SC_OFFSET(MiscBlock, settings_2504, 2504);
 
-/* Attached addresses of all areas, 0 where the segment does not exist. Not in key order. */
+/* Attached addresses of all areas; 0 where the segment does not exist. Not in key order. */
 struct SystemConfigDirectory {
   uint32_t lan;
   uint32_t wan;
@@ -175,31 +184,32 @@ SC_BEGIN_DECLS
  * system(); prints nothing itself. */
 int sc_do_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/* Calls fcntl(fd, cmd, ...) with a struct flock of these members; note the order of the arguments.
- * Returns the value of fcntl: 0, or -1 with errno. */
+/* Calls fcntl(fd, cmd, ...) with a struct flock of these members. Note that the arguments have
+ * another order than the members of struct flock. Returns the value of fcntl: 0, or -1 with
+ * errno. */
 #if defined(__GLIBC__) && __SIZEOF_POINTER__ == 4
 SC_FACT(sc_needs_no_file_offset_bits, sizeof(off_t) == 4); /* _FILE_OFFSET_BITS would change it */
 #endif
 int sc_lock_reg(int fd, int cmd, short type, off_t start, short whence, off_t len);
 
-/* Appends the dotted text of addr (as inet_addr returns it) to the text in dst, which is not
- * cleared first: an empty dst needs 16 bytes. Returns dst. */
+/* Appends the dotted text of addr (as inet_addr returns it) to the text in dst. dst is not cleared
+ * first; an empty dst needs 16 bytes. Returns dst. */
 char* sc_inet_ntoa(uint32_t addr, char* dst);
 
-/* Copy a DHCP lease file between /var and /var/dataconfig: udhcpd.leases (LAN clients) and
- * addrserver.leases (access points). Return the copying command's status. */
+/* Copy a DHCP lease file between /var and /var/dataconfig: udhcpd.leases (LAN clients) or
+ * addrserver.leases (access points). Return the status of the copying command. */
 int SC_Save_Dhcp_Clients(void);
 int SC_Save_Dhcp_Ap(void);
 int SC_Restore_Dhcp_Clients(void);
 int SC_Restore_Dhcp_Ap(void);
 
 /* Attaches all seventeen areas, in the directory's order, and stores their addresses (0 for a
- * segment that does not exist). Returns the Clients address. About 11 MB are mapped anew by each
- * call: call it once and keep the directory. */
+ * segment that does not exist). Returns the Clients address. Each call maps about 11 MB again: call
+ * it once and keep the directory. */
 uint32_t SC_Get_SysConfig(struct SystemConfigDirectory* directory);
 
-/* Wan: settings in four sections, each with a lock byte for those who change them. A flash save runs
- * "change_event network" afterwards. */
+/* Wan: settings in four sections, each with a lock byte for programs that change it. A flash save
+ * runs "change_event network" afterwards. */
 uint32_t SC_Get_Wan_System_Config(void);
 int SC_Uninit_System_Wan_Config(void);
 int SC_Init_System_Wan_Config(int read_flag);
@@ -215,7 +225,7 @@ int SC_Read_System_ProductInfo_Config(struct ProductInfoBlock* block);
 void SC_Save_System_ProductInfo_Config(void);
 void SC_Save_System_ProductInfo_Config2Flash(struct ProductInfoBlock* block);
 
-/* Misc: settings in five sections, each with a lock byte for those who change them. */
+/* Misc: settings in five sections, each with a lock byte for programs that change it. */
 uint32_t SC_Get_Misc_System_Config(void);
 int SC_Uninit_System_Misc_Config(void);
 int SC_Init_System_Misc_Config(int read_flag);

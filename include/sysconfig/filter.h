@@ -70,8 +70,8 @@ SC_OFFSET(IpGroupItemList, capacity, 4);
 SC_OFFSET(IpGroupItemList, items, 8);
 SC_OFFSET(IpGroupItemList, tail, 15048);
 
-/* The schedule (weekday, start_time, end_time) is carried, never parsed: seven signed day values
- * and two texts of 10 bytes, which need no terminator. */
+/* The library copies the schedule (weekday, start_time, end_time) and never parses it. It consists
+ * of seven signed day values and two texts of 10 bytes, which need no terminator. */
 struct TimeGroupRecord {
   int32_t lock_index;         /* 2..17 */
   int32_t slot_id;            /* -1 free, else position + 1 */
@@ -308,7 +308,7 @@ SC_OFFSET(VsIpportBlock, spare_142, 142);
 SC_OFFSET(VsIpportBlock, rules, 144);
 SC_OFFSET(VsIpportBlock, spare_30480, 30480);
 
-/* The numbers stand here in another order than in the record. */
+/* The numbers have another order here than in the record. */
 struct PortFwItem {
   int32_t slot_id; /* the rule's id */
   char leading_text[SC_TEXT];
@@ -353,8 +353,8 @@ SC_OFFSET(PortFwItemList, tail, 36872);
 
 SC_BEGIN_DECLS
 
-/* IP groups: named address ranges. Anything is accepted: no clash, no order of addresses.
- * Modify out of range: SC_LIST_MOD_RANGE. */
+/* IP groups: named address ranges. Every range is accepted: there is no clash check, and the end
+ * may be below the start. Modify out of range: SC_LIST_MOD_RANGE. */
 uint32_t SC_Get_IpGroup_System_Config(void);
 int SC_Uninit_System_IpGroup_Config(void);
 int SC_Init_System_IpGroup_Config(int read_flag);
@@ -368,11 +368,11 @@ void GetIpGroupItemList(const struct IpGroupBlock* block, struct IpGroupItemList
 void GetIpGroupItem(const struct IpGroupBlock* block, uint32_t id, struct IpGroupItem* item);
 int32_t AddIpGroupItem(struct IpGroupBlock* block, const struct IpGroupItem* item);
 int32_t ModifyIpGroupItem(struct IpGroupBlock* block, const struct IpGroupItem* item);
-/* Position of the first record whose slot_id is id, or -1 (also for a null block). Asking for -1
- * gives the first free position. */
+/* Returns the position of the first record whose slot_id is id, or -1 (also for a null block). For
+ * an id of -1 this is the first free position. */
 int32_t GetIpGroupIndex(const struct IpGroupBlock* block, int32_t id);
 struct QosBlock;
-/* Deletes each group of ids after the IP filter and QoS rules that refer to it. */
+/* For each group of ids, deletes the IP filter and QoS rules that refer to it, then the group. */
 void DelIpGroupItem(struct IpGroupBlock* block, struct FwIpportBlock* ip_filters,
                     struct QosBlock* qos_rules, char* ids);
 /* Leaves the rules that refer to groups as they are. */
@@ -395,8 +395,8 @@ int32_t AddTimeGroupItem(struct TimeGroupBlock* block, const struct TimeGroupIte
 int32_t ModifyTimeGroupItem(struct TimeGroupBlock* block, const struct TimeGroupItem* item);
 struct FwMacBlock;
 struct FwUrlBlock;
-/* Deletes each group of ids after the IP filter, URL filter, MAC filter and QoS rules, in this
- * order, that refer to it with time_mode 2. */
+/* For each group of ids, deletes the rules that refer to it with time_mode 2, then the group. The
+ * order is IP filter, URL filter, MAC filter and QoS. */
 void DelTimeGroupItem(struct TimeGroupBlock* block, struct FwIpportBlock* ip_filters,
                       struct FwMacBlock* mac_filters, struct FwUrlBlock* url_filters,
                       struct QosBlock* qos_rules, char* ids);
@@ -404,8 +404,8 @@ void DelTimeGroupItem(struct TimeGroupBlock* block, struct FwIpportBlock* ip_fil
 void DelAllTimeGroupItem(struct TimeGroupBlock* block);
 
 /* IP filter: no clash check. Modify out of range: SC_LIST_MOD_RANGE. The listing shows a rule of
- * ip_mode 1 with its IP group's name and addresses, and one of time_mode 1 with its time group's
- * name and schedule; GetIpFilterItem shows the rule's own. */
+ * ip_mode 1 with its IP group's name and addresses, and a rule of time_mode 1 with its time group's
+ * name and schedule. GetIpFilterItem shows the rule's own addresses and schedule. */
 uint32_t SC_Get_FwIpport_System_Config(void);
 int SC_Uninit_System_FwIpport_Config(void);
 int SC_Init_System_FwIpport_Config(int read_flag);
@@ -422,12 +422,13 @@ void GetIpFilterItem(const struct FwIpportBlock* block, uint32_t id, struct IpFi
 int32_t AddIpFilterItem(struct FwIpportBlock* block, const struct IpFilterItem* item);
 int32_t ModifyIpFilterItem(struct FwIpportBlock* block, const struct IpFilterItem* item);
 void DelIpFilterItem(struct FwIpportBlock* block, char* ids);
-/* Delete every rule of ip_mode 1 (time_mode 2) that refers to the group, matched by its bytes
- * alone: one freed earlier is freed and counted again. One notification for each rule. */
+/* Delete every rule of ip_mode 1 (time_mode 2) that refers to the group. Only these bytes of the
+ * record are compared: a rule that was freed earlier is freed and counted again. One notification
+ * for each rule. */
 void DelIpFilterItemByIpGroupId(struct FwIpportBlock* block, int32_t ip_group_id);
 void DelIpFilterItemByTimeGroupId(struct FwIpportBlock* block, int32_t time_group_id);
 /* Walks the block with the port-forwarding table's geometry: frees rule 0 and writes -1 at 31 other
- * places; rules 1 to 31 stay in use. Then rule_count is 0. */
+ * places. Rules 1 to 31 stay in use. Then rule_count is 0. */
 void DelAllIpFilterItem(struct FwIpportBlock* block);
 
 /* Port forwarding: no clash check. Modify out of range: SC_LIST_MOD_RANGE. */

@@ -54,7 +54,7 @@ struct DhcpStaticItem {
   uint8_t reserved[200]; /* the caller's; zeroed in items that the library fills */
   int32_t flag;          /* only the low byte is stored; comes back sign-extended */
   char mac[SC_MAC_TEXT];
-  char ip[SC_IP_TEXT]; /* dotted text; what is none is stored as 255.255.255.255 */
+  char ip[SC_IP_TEXT]; /* dotted text; invalid text is stored as 255.255.255.255 */
   char name[SC_TEXT];
 } SC_PACKED;
 SC_SIZE(DhcpStaticItem, 444);
@@ -88,9 +88,9 @@ void SC_Save_System_Lan_Config(void);
 void SC_Save_System_Lan_Config2Flash(struct LanBlock* block);
 
 /* Table operations. Two bindings clash when their MAC texts are equal without case or their
- * addresses are equal, empty and zero included; the two tables do not clash with each other. Add
- * and modify write bind_flag, bind_mac, bind_ip and bind_name. Modify out of range:
- * SC_LIST_MOD_RANGE. */
+ * addresses are equal. Empty MAC texts and zero addresses clash like any other. Bindings of
+ * different tables do not clash. Add and modify write bind_flag, bind_mac, bind_ip and bind_name.
+ * Modify out of range: SC_LIST_MOD_RANGE. */
 int32_t SC_Operate_System_List_DhcpdBind(struct LanBlock* block, uint32_t op, uint32_t* position,
                                          const struct DhcpBindRecord* record);
 int32_t SC_Operate_System_List_GetDhcpdBind_Blank(struct LanBlock* block);
@@ -104,7 +104,7 @@ int32_t SC_Operate_System_List_AC_DhcpdBindCheckIpMac(const struct LanBlock* blo
                                                       const struct DhcpBindRecord* record,
                                                       uint32_t skip_slot);
 
-/* Items. lan_bind_count and ac_bind_count are kept by these functions only. */
+/* Items. Only these functions change lan_bind_count and ac_bind_count. */
 void GetDhcpStaticItemList(const struct LanBlock* block, struct DhcpStaticItemList* list);
 void GetDhcpStaticItem(const struct LanBlock* block, uint32_t id, struct DhcpStaticItem* item);
 int32_t AddDhcpStaticItem(struct LanBlock* block, const struct DhcpStaticItem* item);

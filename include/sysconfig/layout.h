@@ -61,7 +61,7 @@ enum {
 };
 
 /* Notification codes, sent to "/var/config_socket" as 4 bytes in native order. 12 and 13 are not
- * used; the run-time table of AP users has none. */
+ * used. The run-time table of AP users has no code. */
 enum {
   SC_CODE_LAN = 1,
   SC_CODE_WAN = 2,
@@ -124,7 +124,7 @@ enum {
   SC_LIST_NO_LOCK = -1   /* the lock file could not be opened; nothing is changed */
 };
 
-/* First bytes of every area but the AP users' (ap.h). */
+/* First bytes of every area except the AP users' (ap.h). */
 struct BlockHeader {
   uint8_t header_reserved[2];
   char lock_path[SC_LOCK_PATH]; /* NUL-terminated; empty until the area was read */

@@ -341,8 +341,9 @@ int32_t AddMacFilterItem(struct FwMacBlock* block, const struct MacFilterItem* i
 int32_t ModifyMacFilterItem(struct FwMacBlock* block, const struct MacFilterItem* item);
 void DelMacFilterItem(struct FwMacBlock* block, char* ids);
 void DelAllMacFilterItem(struct FwMacBlock* block);
-/* Deletes every rule of time_mode 2 that refers to the group, matched by its bytes alone: one freed
- * earlier is freed and counted again. One notification for each rule. */
+/* Deletes every rule of time_mode 2 that refers to the group. Only these bytes of the record are
+ * compared: a rule that was freed earlier is freed and counted again. One notification for each
+ * rule. */
 void DelMacFilterItemByTimeGroupId(struct FwMacBlock* block, int32_t time_group_id);
 
 /* URL filter: two rules clash when all 128 bytes of their URLs are equal. Modify out of range:
@@ -368,12 +369,13 @@ int32_t AddUrlFilterItem(struct FwUrlBlock* block, const struct UrlFilterItem* i
 int32_t ModifyUrlFilterItem(struct FwUrlBlock* block, const struct UrlFilterItem* item);
 void DelUrlFilterItem(struct FwUrlBlock* block, char* ids);
 void DelAllUrlFilterItem(struct FwUrlBlock* block);
-/* Deletes every rule of time_mode 2 that refers to the group, matched by its bytes alone: one freed
- * earlier is freed and counted again. One notification for each rule. */
+/* Deletes every rule of time_mode 2 that refers to the group. Only these bytes of the record are
+ * compared: a rule that was freed earlier is freed and counted again. One notification for each
+ * rule. */
 void DelUrlFilterItemByTimeGroupId(struct FwUrlBlock* block, int32_t time_group_id);
 
 /* QoS: no clash check. Modify out of range: SC_LIST_MOD_RANGE. The listing shows a rule of
- * match_kind 0 and ip_mode 1 with its IP group's name and addresses, and one of time_mode 1 with
+ * match_kind 0 and ip_mode 1 with its IP group's name and addresses, and a rule of time_mode 1 with
  * its time group's name and schedule. */
 uint32_t SC_Get_Qos_System_Config(void);
 int SC_Uninit_System_Qos_Config(void);

@@ -1,5 +1,5 @@
-/* The seventeen areas: what can be called of each, and the facts about each from golden/areas.csv,
- * so that one test body serves them all. */
+/* The seventeen areas: the functions of each, and the facts about each from golden/areas.csv. With
+ * these, one test body serves all areas. */
 #ifndef SUPPORT_AREAS_H
 #define SUPPORT_AREAS_H
 
@@ -28,7 +28,8 @@ struct AreaCalls {
 const std::vector<AreaCalls>& all_areas();
 const AreaCalls& area(const std::string& name);
 
-/* Words in a row: {offset of the first, stride, count}, and the first one's value, if any. */
+/* Equally spaced words: {offset of the first, stride, count}, and the value of the first one, if
+ * any. */
 struct Span {
   size_t offset, stride, count;
   uint32_t first;
@@ -44,7 +45,7 @@ struct AreaFacts {
   size_t path_at, index_at; /* of the header */
   std::vector<Span> locks, free_marks, zeroed_by_read;
 
-  /* What an Init without Read leaves: zeroes, and the free marks. */
+  /* The contents after an Init without Read: zeroes and the free marks. */
   Image emptied() const;
   /* Writes the lock index of each record and section into a block. */
   void number_locks(void* block) const;

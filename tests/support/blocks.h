@@ -1,4 +1,4 @@
-/* The blocks that a listing or a delete of one list reaches besides its own. */
+/* The blocks that a listing or a delete of one list uses besides its own. */
 #ifndef SUPPORT_BLOCKS_H
 #define SUPPORT_BLOCKS_H
 
@@ -16,7 +16,7 @@ struct Blocks {
   TimeGroupBlock* time_groups;
 };
 
-/* By a function that gives the address of an area's block. */
+/* Made by a function that returns the address of an area's block. */
 template <class At>
 Blocks blocks_at(const At& at) {
   auto block = [&](const char* area) -> void* { return at(area); };

@@ -1,4 +1,4 @@
-/* Which exported functions are called through the tables of calls, for those who want to know. */
+/* Reports which exported functions are called through the tables of calls. */
 #ifndef SUPPORT_CALLED_H
 #define SUPPORT_CALLED_H
 
@@ -6,7 +6,7 @@ namespace sc_test {
 
 using AnyFunction = void (*)();
 
-/* Is told of each export before it is called; null: nobody is. */
+/* Is called with each export before the export is called; null: not used. */
 inline void (*on_call)(AnyFunction called) = nullptr;
 
 template <auto F>
@@ -14,7 +14,7 @@ void tell_of_call() {
   if (on_call != nullptr) on_call(reinterpret_cast<AnyFunction>(F));
 }
 
-/* Noted<F>::call calls F, and tells of it. */
+/* Noted<F>::call reports F, then calls it. */
 template <auto F>
 struct Noted;
 template <class Result, class... Args, Result (*F)(Args...)>

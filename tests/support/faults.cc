@@ -30,7 +30,7 @@ constexpr Known kKnown[] = {
     {"access", EACCES},  {"system", EAGAIN},
 };
 
-/* Counting allocates nothing: the calls are made from anywhere. */
+/* Counting allocates no memory, because the calls are made from anywhere. */
 constexpr size_t kMostCalls = 4096;
 const char* made[kMostCalls];
 size_t count = 0, failing = 0;
@@ -38,7 +38,7 @@ const char* failing_name = nullptr;
 bool counting = false;
 Fate fate = Fate::kFails;
 
-/* Counts a call; true when it is one that fails. */
+/* Counts a call; true when it has to fail. */
 bool fails(const char* name) {
   if (!counting) return false;
   if (count == kMostCalls) abort();
@@ -59,7 +59,7 @@ Function* next(const char* name) {
 
 Faults::Faults(size_t failing_call, Fate its_fate) {
   if (counting) abort();
-  /* What a process does at its end is not the library's, such as to write down its coverage. */
+  /* What a process does at its end, such as writing coverage data, is not done by the library. */
   static const int at_exit = atexit([] { counting = false; });
   if (at_exit != 0) abort();
   count = 0;
@@ -106,7 +106,7 @@ int open(const char* path, int flags, ...) {
   static auto* const real = next<int(const char*, int, ...)>("open");
   va_list rest;
   va_start(rest, flags);
-  const int mode = va_arg(rest, int); /* garbage when it was not given, and then not used */
+  const int mode = va_arg(rest, int); /* garbage when it was not passed, and then not used */
   va_end(rest);
   return fails("open") ? -1 : real(path, flags, mode);
 }

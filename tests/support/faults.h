@@ -1,9 +1,10 @@
-/* Calls into the C library that fail on demand, below the library and below the test program's own
- * interposed calls: a shared library of its own, which the dynamic linker asks before the C library.
+/* Calls into the C library that fail on demand. They are in a separate shared library, below the
+ * library and below the calls that the test program itself interposes. The dynamic linker searches
+ * it before the C library.
  *
- * The calls: open, fcntl, close, socket, connect, send, shmget, shmat, shmdt, shmctl, mmap, madvise,
- * fopen, fread, fwrite, fclose, access and system. One that fails sets errno and does nothing, but
- * for close and fclose, which close, and fread and fwrite, which transfer half.
+ * The calls: open, fcntl, close, socket, connect, send, shmget, shmat, shmdt, shmctl, mmap,
+ * madvise, fopen, fread, fwrite, fclose, access and system. A failing call sets errno and does
+ * nothing, with two exceptions: close and fclose do close, and fread and fwrite transfer half.
  */
 #ifndef SUPPORT_FAULTS_H
 #define SUPPORT_FAULTS_H
@@ -16,8 +17,8 @@ namespace sc_test {
 
 enum class Fate { kFails, kKillsTheProcess };
 
-/* While it lives, this process's calls are counted, and the one of this number (from 1 on) fails, or
- * the process is killed instead of making it; or each call of this name fails. */
+/* While it lives, this process's calls are counted. Either the call with this number (from 1 on)
+ * fails, or the process is killed instead of making that call, or every call of this name fails. */
 class Faults {
  public:
   explicit Faults(size_t failing_call = 0, Fate fate = Fate::kFails);

@@ -13,7 +13,7 @@ class GoldenRow {
  public:
   explicit GoldenRow(std::map<std::string, std::string> values) : values_(std::move(values)) {}
 
-  /* A column that is not there ends the run: a golden file is never half read. */
+  /* A missing column ends the run, so a golden file is never half read. */
   const std::string& text(const std::string& column) const;
   long number(const std::string& column) const; /* empty is 0 */
 

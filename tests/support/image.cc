@@ -6,7 +6,8 @@
 
 namespace sc_test {
 
-/* Bytes that repeat are packed fast. This prime divides no multiple of a stride that fits a block. */
+/* A repeated pattern is compressed quickly. This prime divides no multiple of a stride that fits a
+ * block. */
 constexpr size_t kPeriod = 4093;
 
 void fill(void* bytes, size_t size, uint32_t seed) {

@@ -20,7 +20,7 @@
 
 namespace sc_test {
 
-/* Byte i becomes a mix of i and the seed, never zero. */
+/* Sets byte i to a mix of i and the seed, never zero. */
 void fill(void* bytes, size_t size, uint32_t seed);
 
 class Image {
@@ -41,7 +41,7 @@ class Image {
   uint8_t* data() { return bytes_.data(); }
   size_t size() const { return bytes_.size(); }
 
-  /* Names the first offset that differs, with the bytes there. */
+  /* On failure, names the first offset that differs, with the bytes there. */
   ::testing::AssertionResult matches(const void* actual) const;
 
  private:

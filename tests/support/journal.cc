@@ -21,7 +21,7 @@ namespace sc_test {
 namespace {
 
 Journal* current = nullptr;
-std::map<int, std::string> names; /* of descriptors opened under the journal */
+std::map<int, std::string> names; /* of the descriptors opened under the journal */
 int opened = 0;
 
 std::string name_descriptor(int fd) { return names[fd] = "#" + std::to_string(++opened); }
@@ -45,7 +45,7 @@ Function* next(const char* name) {
 
 }  // namespace
 
-/* One recorded call: hooks run around it, its own nested calls are not recorded. */
+/* One recorded call. Hooks run around it; its own nested calls are not recorded. */
 class Call {
  public:
   explicit Call(std::string line) : line_(std::move(line)), journal_(current) {
@@ -127,14 +127,14 @@ std::string describe_address(const sockaddr* address, socklen_t size) {
 }  // namespace
 }  // namespace sc_test
 
-/* The calls, as the dynamic linker finds them first. */
+/* The dynamic linker finds these definitions of the calls first. */
 extern "C" {
 
 int open(const char* path, int flags, ...) {
   static auto* const real = sc_test::next<int(const char*, int, ...)>("open");
   va_list rest;
   va_start(rest, flags);
-  const int mode = va_arg(rest, int); /* garbage when it was not given, and then not used */
+  const int mode = va_arg(rest, int); /* garbage when it was not passed, and then not used */
   va_end(rest);
   if (sc_test::current == nullptr) return real(path, flags, mode);
   const std::string how = flags == O_RDWR ? "" : sc_test::text("(0x%x)", flags);

@@ -9,9 +9,9 @@
 
 namespace sc_test {
 
-/* Listens on /var/config_socket. Connections and their bytes wait in the kernel until they are
- * asked for, so there is neither a thread nor a child: drain it now and then (it takes some
- * thousand). */
+/* Listens on /var/config_socket. Connections and their bytes wait in the kernel until a test asks
+ * for them, so no thread or child is needed. The queue takes some thousand: call messages now and
+ * then. */
 class Listener {
  public:
   struct Message {
@@ -24,9 +24,10 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  /* One message a connection, in order of connection, since the last call. */
+  /* The messages since the last call, one for each connection, in order of connection. */
   std::vector<Message> messages();
-  /* The same as codes; the test fails when a message is not 4 bytes long or was not closed. */
+  /* The same as codes. The test fails when a message is not 4 bytes long or its sender did not
+   * close. */
   std::vector<int32_t> codes();
   void close();
 

@@ -25,7 +25,7 @@ struct flock exclusive(off_t byte) {
   return lock;
 }
 
-/* "1: -> POSIX  ADVISORY  WRITE 4711 00:2f:19 2 2" as it stands for this waiter. */
+/* Whether the line is that of this waiter: "1: -> POSIX  ADVISORY  WRITE 4711 00:2f:19 2 2". */
 bool is_waiting(const std::string& line, pid_t pid, ino_t inode, off_t byte) {
   int who;
   unsigned long long file, first, last;
@@ -65,7 +65,7 @@ LockHolder::~LockHolder() { release(); }
 
 void LockHolder::release() {
   if (pid_ < 0) return;
-  /* Not by closing: processes forked meanwhile have the pipe too. */
+  /* Closing the pipe would not be enough: processes forked meanwhile have it, too. */
   if (write(until_, "", 1) != 1) throw std::runtime_error("lock holder");
   close(until_);
   waitpid(pid_, nullptr, 0);

@@ -1,5 +1,5 @@
-/* Byte locks held and awaited by other processes. Holders must be other processes: closing any
- * descriptor of a file drops the closing process's own locks on it. */
+/* Locks of bytes that other processes hold and wait for. The holders must be other processes:
+ * closing any descriptor of a file drops the closing process's own locks on it. */
 #ifndef SUPPORT_LOCKS_H
 #define SUPPORT_LOCKS_H
 
@@ -24,8 +24,8 @@ class LockHolder {
   int until_; /* the holder lives until it reads from this pipe */
 };
 
-/* Waits until the kernel lists the process as blocked on that byte of the file (the waiter line in
- * /proc/locks). False when it is not within a minute. */
+/* Waits until the kernel lists the process as blocked on that byte of the file (the line of the
+ * waiter in /proc/locks). False when that does not happen within a minute. */
 bool becomes_blocked(pid_t pid, const std::string& path, off_t byte);
 
 /* Whether any process holds that byte now. */

@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kSeedArgument[] = "--seed=";
 
-/* From the argument, the environment or, when neither is there, chance. */
+/* The seed from the argument or the environment, else a random one. */
 uint64_t chosen_seed(int argc, char** argv) {
   const char* given = getenv("SC_TEST_SEED");
   for (int i = 1; i < argc; ++i) {

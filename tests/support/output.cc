@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kDeadlineMs = 60'000;
 
-/* One stream sent to an unnamed file for a while. */
+/* Redirects one stream to an unnamed file. */
 class Redirection {
  public:
   explicit Redirection(int fd) : fd_(fd), kept_(dup(fd)), file_(memfd_create("output", 0)) {
@@ -77,7 +77,8 @@ Child::Child(const std::function<void()>& action) {
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork");
   if (pid_ != 0) return;
-  /* A child that let an exception out would go on as a second runner of all tests. */
+  /* If an exception left the child's action, the child would continue as a second runner of all
+   * tests. */
   try {
     action();
   } catch (const std::exception& error) {

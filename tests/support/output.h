@@ -20,13 +20,13 @@ std::ostream& operator<<(std::ostream& stream, const Output& output);
 
 inline const Output kSilence = {};
 
-/* Runs the action with both streams redirected (descriptors 1 and 2, buffers flushed). What the
- * commands that it starts write is captured too. */
+/* Runs the action with both streams redirected (descriptors 1 and 2, buffers flushed). The output
+ * of commands that the action starts is captured, too. */
 Output capture(const std::function<void()>& action);
 
-/* A forked process that runs the action and then ends with status 0, without ending gtest twice.
- * Where the action itself ends the process, its status counts. Killed when it is still there at the
- * end of its scope. */
+/* A forked process that runs the action and then ends with status 0, without running gtest's end
+ * twice. If the action itself ends the process, that status is used. The process is killed when it
+ * is still alive at the end of the scope. */
 class Child {
  public:
   explicit Child(const std::function<void()>& action);
@@ -36,7 +36,8 @@ class Child {
 
   pid_t pid() const { return pid_; }
   bool ended();
-  /* Waits for the end; its exit status, or -1 when a signal ended it or it takes over a minute. */
+  /* Waits for the end. Returns the exit status, or -1 when a signal ended the child or it takes
+   * over a minute. */
   int wait();
 
  private:
@@ -45,7 +46,7 @@ class Child {
   bool reaped_ = false;
 };
 
-/* The action in a child, with its streams captured. */
+/* The action in a child, with both streams captured. */
 struct Ending {
   int status;
   Output output;
@@ -55,7 +56,7 @@ struct Ending {
 std::ostream& operator<<(std::ostream& stream, const Ending& ending);
 Ending run_in_child(const std::function<void()>& action);
 
-/* The words of the tar in PATH; BusyBox's, on a router, has its own. */
+/* The messages and statuses of the tar in PATH. Those of BusyBox's tar, on a router, differ. */
 struct TarWords {
   std::string slash_note; /* on stderr, when it packs a path that begins with a slash */
   int damaged;            /* exit status for an archive that it cannot read */

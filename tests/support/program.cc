@@ -20,7 +20,7 @@ namespace {
   throw std::runtime_error(what + ": " + strerror(errno));
 }
 
-/* Words that are set in the environment, or those of this build, and what follows them. */
+/* The program's words, from the environment variable or from this build, then the arguments. */
 Words command(const char* variable, const char* built, const Words& arguments) {
   const char* given = getenv(variable);
   std::istringstream text(given != nullptr ? given : built);
@@ -30,7 +30,8 @@ Words command(const char* variable, const char* built, const Words& arguments) {
   return words;
 }
 
-/* Under nohup, or in the background of a shell, some are ignored, and would be in the program. */
+/* Under nohup, or in the background of a shell, some signals are ignored. The program would inherit
+ * this. */
 void hear_signals() {
   for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM}) signal(number, SIG_DFL);
 }
@@ -76,7 +77,7 @@ Program::Program(const Words& command, const std::string& input, Eyes eyes) : in
   dup2(out_.fd(), STDOUT_FILENO);
   dup2(err_.fd(), STDERR_FILENO);
   if (eyes == kTracer) {
-    setenv("ASAN_OPTIONS", "detect_leaks=0", 1); /* it looks for leaks by ptrace itself */
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1); /* the leak check uses ptrace itself */
     if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(126);
     raise(SIGSTOP);
   }

@@ -1,4 +1,4 @@
-/* Programs run as the commands that they are: what they print and how they end. */
+/* Runs programs as commands: their output and how they end. */
 #ifndef SUPPORT_PROGRAM_H
 #define SUPPORT_PROGRAM_H
 
@@ -12,8 +12,8 @@ namespace sc_test {
 
 using Words = std::vector<std::string>;
 
-/* The tools of this build, with the emulator in front where the target needs one: the words of a
- * command. The environment's SCCTL and SCGUARD take the place of the build's programs. */
+/* The tools of this build as the words of a command, with the emulator in front if the target needs
+ * one. The environment variables SCCTL and SCGUARD replace the build's programs. */
 Words scctl(const Words& arguments);
 Words scguard(const Words& arguments);
 
@@ -41,11 +41,11 @@ class MemoryFile {
   int fd_;
 };
 
-/* A program that runs, in a process group of its own, and hears the signals that end programs. It is
- * killed when it is still there at the end of its scope. */
+/* A running program in its own process group. Signals that end programs are not ignored in it. It
+ * is killed when it is still alive at the end of the scope. */
 class Program {
  public:
-  enum Eyes { kNobody, kTracer }; /* a tracer is the calling thread; see support/trace.h */
+  enum Eyes { kNobody, kTracer }; /* kTracer: the calling thread traces it; see support/trace.h */
 
   explicit Program(const Words& command, const std::string& input = "", Eyes eyes = kNobody);
   ~Program();
@@ -55,10 +55,10 @@ class Program {
   pid_t pid() const { return pid_; }
   bool ended();
   Outcome wait();
-  /* What it has printed so far. */
+  /* Its output so far. */
   std::string out() const { return out_.bytes(); }
   std::string err() const { return err_.bytes(); }
-  /* Somebody else has waited for it: as waitpid tells it. */
+  /* For a caller that has waited for the program itself; the status is that of waitpid. */
   void set_ended(int ended);
 
  private:
@@ -68,7 +68,7 @@ class Program {
   int status_ = 0;
 };
 
-/* Runs a command to its end, with this text as its standard input. */
+/* Runs a command to its end. Its standard input is this text. */
 inline Outcome run(const Words& command, const std::string& input = "") {
   return Program(command, input).wait();
 }

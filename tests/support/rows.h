@@ -1,5 +1,5 @@
-/* The golden rows of the lists and of the access-point tables, parsed: what the tests know about
- * tables. */
+/* The golden rows of the lists and of the access-point tables, parsed: all that the tests know
+ * about tables. */
 #ifndef SUPPORT_ROWS_H
 #define SUPPORT_ROWS_H
 
@@ -21,17 +21,18 @@ struct KeyRow {
   uint32_t at, width;
 };
 
-/* A field of record and item. Kinds: "bytes" the same on both sides; "identity" the same, but not
- * for modify; "byte" each record byte a signed 32-bit word of the item; "half" 16 bits in the
- * record, a signed word in the item; "address" a word in the record, 16 bytes of text in the item.
+/* A field of record and item. Kinds: "bytes" is the same in both; "identity" is the same in both,
+ * but modify does not write it; "byte" widens each byte of the record to a signed 32-bit word of
+ * the item; "half" is 16 bits in the record and a signed word in the item; "address" is a word in
+ * the record and 16 bytes of text in the item.
  */
 struct FieldRow {
   std::string name, kind;
   uint32_t record_at, item_at, width;
 };
 
-/* A rule's reference to an IP or time group: mode and id in the record, what the listing shows of
- * the group in the item, and the mode that the deletion of the group matches. */
+/* A rule's reference to an IP or time group: mode and id in the record, the members of the item in
+ * which the listing shows the group, and the mode of the rules that are deleted with the group. */
 struct ReferenceRow {
   std::string group;
   uint32_t mode_at, id_at, id_width;

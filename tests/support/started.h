@@ -1,4 +1,4 @@
-/* Areas as they are after the device's start: initialised, read (without an archive) and attached.
+/* Areas after the device's start: initialised, read (without an archive) and attached.
  */
 #ifndef SUPPORT_STARTED_H
 #define SUPPORT_STARTED_H
@@ -17,7 +17,7 @@
 
 namespace sc_test {
 
-/* A null block when it could not be started; the test has failed then. */
+/* A null block when the area could not be started; the test has failed then. */
 template <class Block>
 Block* started(const std::string& name) {
   EXPECT_EQ(area(name).init(1), 0) << name;
@@ -26,10 +26,10 @@ Block* started(const std::string& name) {
   return block_at<Block>(address);
 }
 
-/* What an operation says that cannot open its lock file. */
+/* The output of an operation that cannot open its lock file. */
 inline Output cannot_lock(const std::string& path) { return {"Cannot Lock file " + path, ""}; }
 
-/* The journal of one change notification, whose socket is the number-th descriptor. */
+/* The journal of one change notification. The socket is the descriptor with this number. */
 inline std::vector<std::string> notification(int number, int32_t code) {
   const std::string fd = "#" + std::to_string(number);
   char bytes[9];
@@ -39,14 +39,15 @@ inline std::vector<std::string> notification(int number, int32_t code) {
           "send " + fd + " " + bytes + " flags 0", "close " + fd};
 }
 
-/* Journals one after the other. */
+/* Several journals, one after the other. */
 inline std::vector<std::string> joined(std::vector<std::vector<std::string>> parts) {
   std::vector<std::string> all;
   for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
   return all;
 }
 
-/* A text in a field: its bytes, then zeroes; cut, and then without terminator, when too long. */
+/* Writes a text into a field: its bytes, then zeroes. A text that is too long is cut and has no
+ * terminator. */
 template <size_t kWidth>
 void put_text(char (&field)[kWidth], const std::string& text) {
   memset(field, 0, kWidth);

@@ -21,7 +21,8 @@ namespace {
   throw std::runtime_error(what + ": " + strerror(errno));
 }
 
-/* The call that the process is stopped in front of becomes none; its result is set when it is done. */
+/* Without an error, replaces the number of the call before which the process is stopped. With an
+ * error, sets the result of the call that is done. */
 void change_registers(pid_t process, int64_t number, int error) {
   user_regs_struct registers;
   if (ptrace(PTRACE_GETREGS, process, nullptr, &registers) != 0) give_up("PTRACE_GETREGS");
@@ -38,7 +39,8 @@ class Tracer {
   Tracer(pid_t program, const std::function<Fate(const SystemCall&)>& look)
       : program_(program), look_(look) {}
 
-  /* To the end of the program and of all its forks; how the program ended, as waitpid tells it. */
+  /* Runs until the program and all its forks have ended. Returns how the program ended, as waitpid
+   * does. */
   int run() {
     int stopped, ended = 0;
     if (waitpid(program_, &stopped, __WALL) != program_ || !WIFSTOPPED(stopped)) {
@@ -71,7 +73,7 @@ class Tracer {
     if (signal == (SIGTRAP | 0x80)) {
       handle_call(process);
     } else if (event == PTRACE_EVENT_EXEC) {
-      /* The first is the program itself. */
+      /* The first process is the program itself. */
       if (process != program_ || started_) {
         ptrace(PTRACE_DETACH, process, nullptr, nullptr);
         return;
@@ -90,7 +92,7 @@ class Tracer {
       go_on(process, 0); /* it was killed in the meantime */
       return;
     }
-    if (!started_) { /* what comes in front of the program is ours */
+    if (!started_) { /* calls before the program starts are those of the test */
       go_on(process, 0);
       return;
     }
@@ -140,7 +142,7 @@ std::string SystemCall::bytes(int argument, size_t size) const {
 }
 
 std::string SystemCall::text(int argument) const {
-  /* Up to the end of a page, behind which there may be nothing. */
+  /* Reads up to the end of a page: the next page may not exist. */
   constexpr size_t kPage = 4096;
   std::string all;
   SystemCall part = *this;

@@ -1,4 +1,4 @@
-/* The tests' own eyes: what trace tells of a program's system calls. */
+/* Tests of trace itself: what it reports of a program's system calls. */
 #include "support/trace.h"
 
 #include <errno.h>

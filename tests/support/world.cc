@@ -28,7 +28,7 @@ const char* const kDirectories[] = {"/var/lock_store", "/var/systemconfig", "/va
 const fs::path kStandIns = "/var/stand_ins";
 const fs::path kCommandsRun = "/var/stand_ins/commands_run";
 
-/* Attached by this process, as shmat and shmdt below saw it. */
+/* Addresses attached by this process, recorded by shmat and shmdt below. */
 std::vector<void*>& attached() {
   static std::vector<void*> addresses;
   return addresses;
@@ -62,8 +62,8 @@ void enter_namespaces() {
   must(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "mount / private");
 }
 
-/* A tmpfs over /var, in which the folders that were there before stay visible (the build tree may
- * lie in one of them), but for those of the library. */
+/* Mounts a tmpfs over /var. The folders that were in it before stay visible, because the build tree
+ * may be in one of them; the folders of the library do not. */
 void replace_var() {
   int old_var = open("/var", O_PATH | O_DIRECTORY);
   must(old_var >= 0, "open /var");
@@ -82,7 +82,7 @@ void replace_var() {
   close(old_var);
 }
 
-/* sync is among them because flushing the host's disks again and again is no part of a test. */
+/* sync is one of the stand-ins: no test needs the host's disks to be flushed again and again. */
 void put_stand_ins_first_in_path() {
   fs::create_directory(kStandIns);
   for (const char* name : {"change_event", "send_event", "sync"}) {
@@ -162,12 +162,12 @@ void forbid_new_mappings() {
   setrlimit(RLIMIT_AS, &none);
   void* page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (page != MAP_FAILED) {
-    /* The user-mode emulator ignores the call; a command is a program of the host. */
+    /* The user-mode emulator ignores setrlimit, and a command is a program of the host. */
     munmap(page, 1);
     const std::string command = "prlimit --as=0: --pid " + std::to_string(getpid());
     if (system(command.c_str()) != 0) throw std::runtime_error(command);
   }
-  /* What sanitizers do at the end needs memory again. */
+  /* Sanitizers need memory again when the process ends. */
   atexit([] {
     rlimit limit;
     getrlimit(RLIMIT_AS, &limit);
@@ -198,7 +198,8 @@ NoDescriptors::~NoDescriptors() {
 
 #include <dlfcn.h>
 
-/* Interposed: the library attaches and never detaches, so the fixture has to know the addresses. */
+/* Interposed: the library attaches and never detaches, so the fixture has to record the
+ * addresses. */
 extern "C" void* shmat(int segment, const void* at, int flags) noexcept {
   static const auto next = reinterpret_cast<decltype(&shmat)>(dlsym(RTLD_NEXT, "shmat"));
   void* address = next(segment, at, flags);
