@@ -1,4 +1,4 @@
-/* The rows of filter/: groups, the IP filter, port forwarding. */
+/* The rows of filter/: groups, the IP filter with its links to groups, port forwarding. */
 #ifndef FILTER_ROWS_H
 #define FILTER_ROWS_H
 

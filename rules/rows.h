@@ -1,4 +1,4 @@
-/* The rows of rules/: MAC filter, URL filter, QoS. */
+/* The rows of rules/: MAC filter, URL filter and QoS, with their links to groups. */
 #ifndef RULES_ROWS_H
 #define RULES_ROWS_H
 

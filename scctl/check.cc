@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -249,6 +250,10 @@ unsigned check_files(const Area& area) {
     printf("%s: %s: %s; remedy: %secho >%s\n", area.name, lock.text, why,
            has_folder ? "" : "mkdir -p /var/lock_store; ", lock.text);
     ++findings;
+  } else if (struct stat file; stat(lock.text, &file) == 0 && !S_ISREG(file.st_mode)) {
+    printf("%s: %s: not a regular file; remedy: mv %s %s.bad; echo >%s\n", area.name, lock.text,
+           lock.text, lock.text, lock.text);
+    ++findings;
   }
   if (area.row().stem[0] == '\0') return findings;
   ArchiveImage image;
@@ -260,6 +265,18 @@ unsigned check_files(const Area& area) {
   if (state == store::State::kBroken) printf("; remedy: scctl save %s", area.name);
   putchar('\n');
   return findings + 1;
+}
+
+/* Checks the folders that saves need: without the flash nothing is kept. */
+unsigned check_folders() {
+  static constexpr const char* kFolders[] = {"/var/systemconfig", "/var/dataconfig"};
+  unsigned findings = 0;
+  for (const char* folder : kFolders) {
+    if (access(folder, F_OK) == 0) continue;
+    printf("%s: %s; nothing can be saved\n", folder, strerror(errno));
+    ++findings;
+  }
+  return findings;
 }
 
 }  // namespace
@@ -286,6 +303,7 @@ int run_check(Call& call) {
     });
     if (call.source.is_live()) findings += check_files(area);
   }
+  if (call.source.is_live() && checked > 0) findings += check_folders();
   printf("areas checked: %u, findings: %u\n", checked, findings);
   if (checked == 0) return fail_without_areas();
   return findings == 0 ? kOk : kRefused;

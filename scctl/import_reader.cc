@@ -66,7 +66,37 @@ int read_field(const Table& table, const Field& field, const Text& value, JsonKi
   return parse(table, field, value.c_str(), value.size(), Origin::kCopied, record);
 }
 
-int read_record(JsonReader& json, Snapshot* wanted) {
+/* While it lives, errors name the line of the input that was read last. */
+class LineOfErrors {
+ public:
+  LineOfErrors(const char* input, const JsonReader& json)
+      : input_(input), json_(json), outer_(g_where) {}
+  ~LineOfErrors() { end(); }
+  LineOfErrors(const LineOfErrors&) = delete;
+  LineOfErrors& operator=(const LineOfErrors&) = delete;
+
+  void end() { g_where = outer_; }
+  void update() {
+    text_.clear();
+    text_.print("%s%s:%u: ", outer_ != nullptr ? outer_ : "", input_, json_.line());
+    g_where = text_.c_str();
+  }
+
+ private:
+  const char* const input_;
+  const JsonReader& json_;
+  const char* const outer_;
+  Text text_;
+};
+
+/* What all reading functions share. */
+struct Reading {
+  JsonReader& json;
+  LineOfErrors& line;
+};
+
+int read_record(const Reading& reading, Snapshot* wanted) {
+  JsonReader& json = reading.json;
   const Table& table = wanted->table();
   Buffer record(table.stride);
   Text name, value;
@@ -76,6 +106,7 @@ int read_record(JsonReader& json, Snapshot* wanted) {
   for (bool first = true; json.next('}', &first);) {
     JsonKind kind;
     if (!json.name(&name) || !json.value(&value, &kind)) return kRefused;
+    reading.line.update();
     const Field* field = nullptr; /* the bit of the id stands behind those of the fields */
     if (strcmp(name.c_str(), "id") != 0) {
       field = find_field(table, name.c_str(), name.size());
@@ -102,9 +133,11 @@ int read_record(JsonReader& json, Snapshot* wanted) {
   return kOk;
 }
 
-int read_table(JsonReader& json, AreaId area, Snapshot* all) {
+int read_table(const Reading& reading, AreaId area, Snapshot* all) {
+  JsonReader& json = reading.json;
   Text name;
   if (!json.name(&name)) return kRefused;
+  reading.line.update();
   Target target;
   if (const int status = parse_target(name.c_str(), kTableAlone, &target); status != kOk) {
     return status;
@@ -118,26 +151,28 @@ int read_table(JsonReader& json, AreaId area, Snapshot* all) {
   Snapshot wanted(table);
   json.open('['); /* on an error, next is false */
   for (bool first = true; json.next(']', &first);) {
-    if (const int status = read_record(json, &wanted); status != kOk) return status;
+    if (const int status = read_record(reading, &wanted); status != kOk) return status;
   }
   if (json.failed()) return kRefused;
   own.swap(wanted);
   return kOk;
 }
 
-int read_areas(JsonReader& json, Snapshot* all) {
+int read_areas(const Reading& reading, Snapshot* all) {
+  JsonReader& json = reading.json;
   if (!json.open('{')) return kRefused;
   Text name;
   uint64_t areas = 0;
   for (bool first = true; json.next('}', &first);) {
     AreaId area;
     if (!json.name(&name) || !json.open('{')) return kRefused;
+    reading.line.update();
     if (const int status = parse_area(name.c_str(), &area); status != kOk) return status;
     if (is_second(&areas, area)) {
       return fail(kRefused, "area %s appears twice", kAreas[area].name);
     }
     for (bool first_table = true; json.next('}', &first_table);) {
-      if (const int status = read_table(json, area, all); status != kOk) return status;
+      if (const int status = read_table(reading, area, all); status != kOk) return status;
     }
   }
   return json.end() ? kOk : kRefused;
@@ -149,8 +184,10 @@ int Import::read(const Call& call) {
   Text text;
   if (const int status = read_text(call, &text); status != kOk) return status;
   JsonReader json(text.c_str(), text.size());
-  const int status = read_areas(json, wanted);
+  LineOfErrors line(call.input_name, json);
+  const int status = read_areas({json, line}, wanted);
   if (!json.failed()) return status;
+  line.end();
   return fail(kRefused, "%s:%u: %s", call.input_name, json.line(), json.fault());
 }
 

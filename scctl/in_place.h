@@ -1,6 +1,6 @@
 /* Edits of a file. The area of an image or an archive is loaded into a sandbox: a child process
- * with System V memory and a /var of its own. The command works there, with the library's functions
- * and locks. The result is written to a temporary file beside the file. When all went well, the
+ * with System V memory and a /var of its own. The command works there
+ * as on live areas. The result is written to a temporary file beside the file. When all went well, the
  * temporary file is renamed over the file; until then the file does not change.
  *
  * Two edits of one file exclude each other: the second waits, and then edits the result of the

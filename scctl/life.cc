@@ -1,10 +1,12 @@
 /* Commands for whole areas: init, save, restore, remove, notify, lease. */
 #include <errno.h>
+#include <paths.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <sysconfig/core.h>
@@ -99,6 +101,35 @@ int need_writable(const Area& area, const Path& path) {
   return fail(kNoArea, "area %s is not saved: %s: %s", area.name, path.text, strerror(errno));
 }
 
+bool is_in_path(const char* program) {
+  const char* path = getenv("PATH");
+  for (const char* at = path != nullptr ? path : _PATH_STDPATH;; ++at) {
+    const size_t size = strcspn(at, ":");
+    Text file;
+    file.add(at, size);
+    file.print("/%s", program);
+    if (access(file.c_str(), X_OK) == 0) return true;
+    at += size;
+    if (*at == '\0') return false;
+  }
+}
+
+/* Checks what a save needs before it overwrites the archive of before. */
+int need_means(const Area& area, const Path& image) {
+  static constexpr const char* kPrograms[] = {"tar", "gzip"};
+  for (const char* program : kPrograms) {
+    if (is_in_path(program)) continue;
+    return fail(kNoArea, "area %s is not saved: %s is not in PATH", area.name, program);
+  }
+  char folder[sizeof image.text];
+  const auto size = static_cast<size_t>(strrchr(image.text, '/') - image.text);
+  snprintf(folder, sizeof folder, "%.*s", static_cast<int>(size), image.text);
+  struct statvfs room;
+  if (statvfs(folder, &room) != 0) return kOk; /* said by whoever needs it */
+  if (static_cast<uint64_t>(room.f_bavail) * room.f_frsize >= area.row().size) return kOk;
+  return fail(kNoArea, "area %s is not saved: %s: %s", area.name, folder, strerror(ENOSPC));
+}
+
 /* Checks the files that a save writes. The library does not report that it could not write them,
  * and the previous archive may be equal. A pipe in place of a file would block the library, with
  * the area's lock held, for ever. */
@@ -106,6 +137,7 @@ int need_writable_files(const Area& area) {
   if (const int status = need_writable(area, lock_path(area)); status != kOk) return status;
   Path image;
   snprintf(image.text, sizeof image.text, sc::kImagePath, area.row().stem);
+  if (const int status = need_means(area, image); status != kOk) return status;
   Path written[] = {image, archive_path(area)};
   for (Path& path : written) {
     /* A file that does not exist is created in its folder. */

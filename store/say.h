@@ -1,5 +1,5 @@
-/* The output of scctl: one line on standard error for an error, text that grows, and a way to hide
- * what the library prints, which is not scctl's output.
+/* What a tool prints: one line on standard error for an error, text that grows, and a way to hide
+ * what the library prints.
  */
 #ifndef STORE_SAY_H
 #define STORE_SAY_H
