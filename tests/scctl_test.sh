@@ -16,6 +16,11 @@ if [ "${1:-}" = --inside ]; then
   transcript=$2
   shift 2
   emulator=
+  if [ $# -gt 1 ]; then # it is found whatever PATH a transcript sets
+    first=$(command -v "$1")
+    shift
+    set -- "$first" "$@"
+  fi
   while [ $# -gt 1 ]; do
     emulator=$emulator$(quoted "$1")
     shift
