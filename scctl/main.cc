@@ -292,6 +292,9 @@ int check_sources(const Command& command, const Call& call) {
   if (call.has(kImage) && call.has(kArchive)) {
     return fail(kUsage, "--image and --archive exclude each other");
   }
+  if (call.has(kJson) && call.has(kCommandsOption)) {
+    return fail(kUsage, "--json and --commands exclude each other");
+  }
   const bool file = (call.options & kSources) != 0;
   if (call.has(kInPlace) && !file) return fail(kUsage, "--in-place needs --image or --archive");
   if (file && (command.options & kInPlace) != 0 && !call.has(kInPlace) && !call.has(kDryRun)) {
