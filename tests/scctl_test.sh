@@ -1,7 +1,7 @@
 #!/bin/sh
 # A transcript is what scctl says: each "$ command" is run, in a private world, and what it prints
 # on both streams, and an exit status other than 0 as "[status]", is compared with the lines that
-# follow. The examples of a man page are a transcript, too. Runs on the desk and, by BusyBox, in the
+# follow. The examples of a man page are a transcript, too. Runs on the host and, by BusyBox, in the
 # box: all commands are for a POSIX shell.
 # usage: tests/scctl_test.sh TRANSCRIPT [EMULATOR...] BUILD
 #        tests/scctl_test.sh --accept TRANSCRIPT [EMULATOR...] BUILD   makes it say what is said now

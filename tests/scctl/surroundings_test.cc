@@ -1,4 +1,4 @@
-/* Surroundings that the desk alone has: inputs that fail on demand or have no end, a terminal. */
+/* Surroundings that the host alone has: inputs that fail on demand or have no end, a terminal. */
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>

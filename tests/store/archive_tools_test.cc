@@ -1,4 +1,4 @@
-/* Archives and the tars of the desk: what GNU tar, BusyBox tar and Python's tarfile pack is good, and what
+/* Archives and the tars of the host: what GNU tar, BusyBox tar and Python's tarfile pack is good, and what
  * is good or not is unpacked by the tars accordingly.
  */
 #include <chrono>
