@@ -125,7 +125,8 @@ int need_means(const Area& area, const Path& image) {
   const auto size = static_cast<size_t>(strrchr(image.text, '/') - image.text);
   snprintf(folder, sizeof folder, "%.*s", static_cast<int>(size), image.text);
   struct statvfs room;
-  if (statvfs(folder, &room) != 0) return kOk; /* said by whoever needs it */
+  /* A missing folder is said by whoever needs it; ramfs knows no sizes. */
+  if (statvfs(folder, &room) != 0 || room.f_blocks == 0) return kOk;
   if (static_cast<uint64_t>(room.f_bavail) * room.f_frsize >= area.row().size) return kOk;
   return fail(kNoArea, "area %s is not saved: %s: %s", area.name, folder, strerror(ENOSPC));
 }
