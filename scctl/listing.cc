@@ -10,14 +10,14 @@ Listing::Listing(bool json, const Column* columns, size_t count)
     writer_.open('[', JsonWriter::kLines);
     return;
   }
-  for (size_t n = 0; n < count_; ++n) cell(nullptr, columns_[n].heading);
+  for (size_t n = 0; n < count_; ++n) add(nullptr, columns_[n].heading);
   any_ = false;
 }
 
 void Listing::add(const char* text) {
   Text quoted;
   if (json_) add_json_text(text, &quoted);
-  cell(quoted.c_str(), text);
+  add(quoted.c_str(), text);
 }
 
 void Listing::add_foreign(const Text& text) {
@@ -27,18 +27,16 @@ void Listing::add_foreign(const Text& text) {
   } else {
     made.add_shown(text.c_str(), text.size());
   }
-  cell(made.c_str(), made.c_str());
+  add(made.c_str(), made.c_str());
 }
 
 void Listing::add(unsigned long number) {
   char digits[24];
   snprintf(digits, sizeof digits, "%lu", number);
-  cell(digits, digits);
+  add(digits, digits);
 }
 
-void Listing::add(const char* raw_json, const char* text) { cell(raw_json, text); }
-
-void Listing::cell(const char* raw_json, const char* text) {
+void Listing::add(const char* raw_json, const char* text) {
   const Column& column = columns_[next_];
   any_ = true;
   if (json_) {

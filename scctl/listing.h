@@ -35,7 +35,6 @@ class Listing {
 
  private:
   Listing(bool json, const Column* columns, size_t count);
-  void cell(const char* raw_json, const char* text);
 
   const bool json_;
   const Column* const columns_;
