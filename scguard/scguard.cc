@@ -1,31 +1,37 @@
 /* The guard of the flash archives. It keeps a last good copy of an area's archive beside it. At
- * boot, before the areas are created, it restores the copy if the archive is missing or broken. A
- * good archive always has a copy before anything can overwrite it: the copy is made after a save,
- * or at boot.
+ * boot, before the areas are created, it restores the copy if the archive is missing or broken, or
+ * if the archive may hold a change that nobody confirmed. A good archive always has a copy before
+ * anything can overwrite it: the copy is made after a save, or at boot.
  *
- * Every step obeys two rules. A file that matters is only replaced as a whole, by renaming a copy
- * that is already on the flash. So a power cut at any point leaves the old file or the new one. And
- * a verdict counts only if the whole file was read: if a file cannot be judged, nothing is changed.
+ * store/kept.h has the rules by which files are changed.
  */
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "core/registry.h"
-#include "store/archive.h"
+#include "store/kept.h"
 #include "store/streams.h"
 
 namespace {
 
 using sc::AreaRow;
+using store::ArchiveFolder;
+using store::AreaFile;
+using store::AreaFileName;
+using store::AreaFiles;
+using store::Marker;
+using store::MarkerState;
 using store::State;
 
-constexpr char kFolder[] = "/var/dataconfig";
+constexpr char kIsNotKept[] = " is not kept: ";
+constexpr char kNothingIsChanged[] = "; nothing is changed";
+constexpr char kBrokenMarker[] = "not a whole marker of a try";
+constexpr char kNotConfirmed[] = "nobody has confirmed its change";
 
 /* The names that scctl prints, in the order of the registry. */
 constexpr const char* kNames[sc::kAreaCount] = {"Lan",           "Wan",
@@ -38,6 +44,10 @@ constexpr const char* kNames[sc::kAreaCount] = {"Lan",           "Wan",
                                                 "DefApTemplate", "Clients_Groups",
                                                 "Clients"};
 
+bool is_saved(const AreaRow& area) { return area.stem[0] != '\0'; }
+
+/* ---- messages ---- */
+
 /* The boot script sends these messages to the system's log. */
 // NOLINTNEXTLINE(cert-dcl50-cpp): the compiler checks what is printed
 __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
@@ -49,180 +59,74 @@ __attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
   dprintf(STDERR_FILENO, "scguard: %s\n", text);
 }
 
-/* A descriptor that is closed at the end of its scope. */
-struct Descriptor {
-  int number = -1;
-
-  Descriptor() = default;
-  explicit Descriptor(int opened) : number(opened) {}
-  ~Descriptor() {
-    if (number >= 0) close(number);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-};
-
-/* ---- an area's files ---- */
-
-/* The names of an area's files: its archive (bin), the last good copy (good), a new file that will
- * replace one of them (new), and a broken archive without a good copy (bad). */
-struct Name {
-  char text[32];
-
-  Name(const AreaRow& area, const char* ending) {
-    snprintf(text, sizeof text, "config_%s.%s", area.stem, ending);
-  }
-};
-
-/* The archive or the copy: its verdict, and the descriptor that was judged. */
-struct File {
-  Name name;
-  store::Archive archive;
-  int descriptor;
-
-  File(const AreaRow& area, const char* ending, int folder)
-      : name(area, ending),
-        descriptor(store::open_archive(folder, name.text, O_NOFOLLOW, &archive)) {
-    if (descriptor >= 0) store::judge(descriptor, &area, &archive);
-  }
-  ~File() {
-    if (descriptor >= 0) close(descriptor);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-
-  bool is(State state) const { return archive.state == state; }
-};
-
-struct Files {
-  const AreaRow& area;
-  int folder;
-  Name fresh, bad;
-  File bin, good;
-
-  Files(const AreaRow& of, int in)
-      : area(of),
-        folder(in),
-        fresh(of, "new"),
-        bad(of, "bad"),
-        bin(of, "bin", in),
-        good(of, "good", in) {}
-
-  bool are_known() const {
-    const bool bin_is_known = is_known(bin), good_is_known = is_known(good);
-    return bin_is_known && good_is_known;
-  }
-
- private:
-  static bool is_known(const File& file) {
-    if (!file.is(State::kUnknown)) return true;
-    say("%s/%s: %s; nothing is changed", kFolder, file.name.text, file.archive.reason);
-    return false;
-  }
-};
-
-/* ---- replacing files ---- */
-
-bool copy_bytes(int from, int to) {
-  char bytes[4096];
-  off_t at = 0;
-  ssize_t got;
-  while ((got = pread(from, bytes, sizeof bytes, at)) > 0) {
-    at += got;
-    for (ssize_t done = 0; done < got;) {
-      const ssize_t written = write(to, bytes + done, static_cast<size_t>(got - done));
-      if (written < 0) return false;
-      done += written;
-    }
-  }
-  return got == 0;
+/* A message about a file of the folder. */
+void say_of(const char* name, const char* what, const char* more = "", const char* end = "") {
+  say("%s/%s%s%s%s", store::kArchiveFolder, name, what, more, end);
+}
+void say_of(const AreaFile& file, const char* what, const char* more = "", const char* end = "") {
+  say_of(file.name.text, what, more, end);
 }
 
-/* Flushes a file, or the names of a folder. fsync alone does not flush the caches of every file
- * system and driver. */
-bool reaches_flash(int file) { return fsync(file) == 0 && syncfs(file) == 0; }
+/* ---- commands; the caller holds the area and the folder ---- */
 
-/* Gives the new file the bytes, owner and mode of the other. */
-bool fill(int fresh, int from) {
-  struct stat status;
-  return copy_bytes(from, fresh) && fstat(from, &status) == 0 &&
-         fchown(fresh, status.st_uid, status.st_gid) == 0 &&
-         fchmod(fresh, status.st_mode & 07777) == 0;
-}
-
-/* Replaces the file of that name by a copy of a judged one, or does not change it. errno tells why
- * not. */
-bool replace(const Files& files, const Name& name, const File& by) {
-  unlinkat(files.folder, files.fresh.text, 0);
-  const Descriptor fresh(openat(files.folder, files.fresh.text,
-                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (fresh.number < 0) return false;
-  if (fill(fresh.number, by.descriptor) && reaches_flash(fresh.number) &&
-      renameat(files.folder, files.fresh.text, files.folder, name.text) == 0) {
-    return true;
-  }
-  const int why = errno;
-  unlinkat(files.folder, files.fresh.text, 0);
-  errno = why;
+bool is_known(const AreaFile& file) {
+  if (!file.is(State::kUnknown)) return true;
+  say_of(file, ": ", file.archive.reason, kNothingIsChanged);
   return false;
+}
+
+bool are_known(const AreaFiles& files) {
+  const bool bin_is_known = is_known(files.bin), good_is_known = is_known(files.good);
+  return bin_is_known && good_is_known;
 }
 
 /* Follows each rename: until the folder is flushed, a power cut can undo the rename. */
-bool settle(const Files& files, const Name& name) {
-  if (reaches_flash(files.folder)) return true;
-  say("%s/%s is replaced but may not be on the flash: %s", kFolder, name.text, strerror(errno));
+bool settle(const AreaFiles& files, const AreaFileName& name) {
+  if (store::reaches_flash(files.folder)) return true;
+  say_of(name.text, " is replaced but may not be on the flash: ", strerror(errno));
   return false;
 }
 
-/* ---- commands ---- */
-
-/* Makes the copy equal to a good archive. The bytes of an archive depend on the time of the save,
- * so the images are compared. */
-bool bring_copy_up_to_date(const Files& files) {
-  if (files.good.is(State::kGood) &&
-      memcmp(files.bin.archive.image, files.good.archive.image, files.area.size) == 0) {
-    return true;
-  }
-  if (replace(files, files.good.name, files.bin)) return settle(files, files.good.name);
-  say("%s/%s is not kept: %s", kFolder, files.bin.name.text, strerror(errno));
+bool bring_copy_up_to_date(const AreaFiles& files) {
+  if (files.are_equal()) return true;
+  if (files.replace(files.good, files.bin)) return settle(files, files.good.name);
+  say_of(files.bin, kIsNotKept, strerror(errno));
   return false;
 }
 
-bool keep(const AreaRow& area, int folder) {
-  const Files files(area, folder);
-  if (!files.are_known()) return false;
+bool keep(const AreaFiles& files) {
   if (files.bin.is(State::kGood)) return bring_copy_up_to_date(files);
-  say("%s/%s is not kept: %s", kFolder, files.bin.name.text, files.bin.archive.reason);
+  say_of(files.bin, kIsNotKept, files.bin.archive.reason);
   return false;
 }
 
-bool put_back(const Files& files) {
-  const bool back = replace(files, files.bin.name, files.good);
-  say("%s/%s: %s; the last good copy %s%s", kFolder, files.bin.name.text, files.bin.archive.reason,
-      back ? "is back" : "cannot be put back: ", back ? "" : strerror(errno));
+bool put_back(const AreaFiles& files, const char* why) {
+  const bool back = files.replace(files.bin, files.good);
+  const char* what =
+      back ? "; the last good copy is back" : "; the last good copy cannot be put back: ";
+  say("%s/%s: %s%s%s", store::kArchiveFolder, files.bin.name.text, why, what,
+      back ? "" : strerror(errno));
   return back && settle(files, files.bin.name);
 }
 
 /* Init must not find a broken archive: it would load it as far as it can. */
-void set_aside(const Files& files) {
-  const char* name = files.bin.name.text;
-  const bool aside = renameat(files.folder, name, files.folder, files.bad.text) == 0;
-  say("%s/%s: %s; there is no good copy, it %s", kFolder, name, files.bin.archive.reason,
-      aside ? "is set aside as .bad" : "stays");
+void set_aside(const AreaFiles& files) {
+  const bool aside = renameat(files.folder, files.bin.name.text, files.folder, files.bad.text) == 0;
+  say_of(files.bin, ": ", files.bin.archive.reason,
+         aside ? "; there is no good copy, it is set aside as .bad"
+               : "; there is no good copy, it stays");
   if (aside) settle(files, files.bad);
 }
 
 /* After a power cut between a save and its keep, a good archive is newer than its copy. So the copy
  * is made now: the next save overwrites the archive, and a power cut during that save would bring
  * the old copy back. */
-bool restore(const AreaRow& area, int folder) {
-  const Files files(area, folder);
-  if (!files.are_known()) return false;
-  unlinkat(folder, files.fresh.text, 0);
+bool restore(const AreaFiles& files) {
+  unlinkat(files.folder, files.fresh.text, 0);
   if (files.bin.is(State::kGood)) return bring_copy_up_to_date(files);
-  if (files.good.is(State::kGood)) return put_back(files);
+  if (files.good.is(State::kGood)) return put_back(files, files.bin.archive.reason);
   const bool has_copy = files.good.is(State::kBroken);
-  if (has_copy) say("%s/%s: %s", kFolder, files.good.name.text, files.good.archive.reason);
+  if (has_copy) say_of(files.good, ": ", files.good.archive.reason);
   if (files.bin.is(State::kMissing)) return !has_copy;
   set_aside(files);
   return false;
@@ -233,42 +137,146 @@ bool restore(const AreaRow& area, int folder) {
 /* Holds the area's block lock, under which archives are written, until the end of its scope. */
 class BlockLock {
  public:
-  BlockLock(const AreaRow& area, bool is_needed) {
+  BlockLock() = default;
+  ~BlockLock() {
+    if (file_ >= 0) close(file_);
+  }
+  BlockLock(const BlockLock&) = delete;
+  BlockLock& operator=(const BlockLock&) = delete;
+
+  /* Waits with F_SETLKW in the kernel, with F_SETLK here. Who holds another lock waits here: the
+   * kernel could answer another program's wait with EDEADLK. */
+  bool take(const AreaRow& area, bool is_needed, int command) {
     char path[64];
     snprintf(path, sizeof path, sc::kLockPath, area.lock_stem);
-    file_.number = open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK);
+    file_ = open(path, O_RDWR | O_CLOEXEC | O_NONBLOCK);
     /* At boot, before Init, the lock file and its folder do not exist, and no program saves. */
-    held_ = file_.number < 0 ? errno == ENOENT && !is_needed : take();
-    if (!held_) say("%s cannot be locked: %s", path, strerror(errno));
+    const bool held = file_ < 0 ? errno == ENOENT && !is_needed : take_byte(command);
+    if (!held) say("%s cannot be locked: %s", path, strerror(errno));
+    return held;
   }
-  explicit operator bool() const { return held_; }
 
  private:
-  bool take() const {
+  bool take_byte(int command) const {
+    constexpr useconds_t kPause = 10 * 1000;
     struct flock byte;
     byte.l_type = F_WRLCK;
     byte.l_whence = SEEK_SET;
     byte.l_start = 1;
     byte.l_len = 1;
-    return fcntl(file_.number, F_SETLKW, &byte) == 0;
+    while (fcntl(file_, command, &byte) != 0) {
+      if (errno != EAGAIN && errno != EACCES) return false;
+      usleep(kPause);
+    }
+    return true;
   }
 
-  Descriptor file_;
-  bool held_;
+  int file_ = -1;
 };
 
+bool say_of_folder() {
+  say("%s: %s", store::kArchiveFolder, strerror(errno));
+  return false;
+}
+
+bool say_of_marker(const char* what, const char* more) {
+  say_of(store::kMarkerName, ": ", what, more);
+  return false;
+}
+
 /* Runs a command on an area without interference. The block lock excludes saves. A lock of the
- * folder excludes other guards, which may run without the block lock. */
-bool run(bool (*command)(const AreaRow& area, int folder), const AreaRow& area) {
-  const BlockLock lock(area, command == keep);
-  if (!lock) return false;
-  const Descriptor folder(open(kFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (folder.number < 0 || flock(folder.number, LOCK_EX) != 0) {
-    if (errno == ENOENT && command == restore) return true; /* nothing was saved yet */
-    say("%s: %s", kFolder, strerror(errno));
-    return false;
+ * folder excludes other guards, which may run without the block lock. The files of a marked area
+ * stay as they are: its copy is the base of a try, and nobody has confirmed its archive. */
+bool run(bool is_keep, const AreaRow& area) {
+  BlockLock lock;
+  if (!lock.take(area, is_keep, F_SETLKW)) return false;
+  const ArchiveFolder folder;
+  if (!folder && errno == ENOENT && !is_keep) return true; /* nothing was saved yet */
+  if (!folder) return say_of_folder();
+  Marker marker;
+  const MarkerState state = store::read_marker(folder.descriptor(), &marker);
+  if (state == MarkerState::kUnknown) return say_of_marker(strerror(errno), kNothingIsChanged);
+  if (state == MarkerState::kBroken) return say_of_marker(kBrokenMarker, kNothingIsChanged);
+  if (!is_keep) unlinkat(folder.descriptor(), store::kNewMarkerName, 0);
+  if (!marker.has(area)) {
+    const AreaFiles files(area, folder.descriptor());
+    return are_known(files) && (is_keep ? keep(files) : restore(files));
   }
-  return command(area, folder.number);
+  if (is_keep) say_of(AreaFileName(area, "bin").text, kIsNotKept, kNotConfirmed);
+  return true;
+}
+
+/* ---- a try that nobody confirmed ---- */
+
+/* What `restore` has to do, and did. */
+struct Work {
+  uint32_t areas; /* to be looked at: bits by AreaId */
+  bool good;
+};
+
+enum class Base : uint8_t { kIsBack, kIsLost, kIsNotBack };
+
+Base put_base_back(const AreaFiles& files, bool had_none) {
+  if (!are_known(files)) return Base::kIsNotBack;
+  if (had_none) {
+    if (files.bin.is(State::kMissing)) return Base::kIsBack;
+    const bool gone = unlinkat(files.folder, files.bin.name.text, 0) == 0;
+    say_of(files.bin, ": nobody has confirmed the area's first save; it ",
+           gone ? "is removed" : "cannot be removed: ", gone ? "" : strerror(errno));
+    return gone ? Base::kIsBack : Base::kIsNotBack;
+  }
+  if (!files.good.is(State::kGood)) {
+    say_of(files.good, ": ", files.good.archive.reason, "; the set of areas is not whole");
+    return Base::kIsLost;
+  }
+  const char* why = files.bin.is(State::kGood) ? kNotConfirmed : files.bin.archive.reason;
+  return files.are_equal() || put_back(files, why) ? Base::kIsBack : Base::kIsNotBack;
+}
+
+/* Puts the base of each marked area back and then, when all of them are on the flash, removes the
+ * marker. After a power cut at any point all of it is done again. A lost base does not come back, so
+ * it does not hold the marker. All areas are locked: only then it is certain which are marked, and
+ * nobody can confirm or save meanwhile. False when nothing else may be done. */
+bool take_back(Work* work) {
+  BlockLock locks[sc::kAreaCount];
+  for (const AreaRow& area : sc::kAreas) {
+    if (is_saved(area) && !locks[&area - sc::kAreas].take(area, false, F_SETLK)) return false;
+  }
+  const ArchiveFolder folder;
+  if (!folder) return say_of_folder();
+  Marker marker;
+  const MarkerState state = store::read_marker(folder.descriptor(), &marker);
+  if (state == MarkerState::kUnknown) return say_of_marker(strerror(errno), kNothingIsChanged);
+  if (state == MarkerState::kBroken) {
+    work->good = say_of_marker(kBrokenMarker, "; a change that nobody confirmed may stay");
+  }
+  work->areas |= marker.areas;
+  bool may_be_removed = true;
+  char back[256] = "";
+  char* end = back;
+  for (const AreaRow& area : sc::kAreas) {
+    if (!marker.has(area)) continue;
+    const Base base = put_base_back(AreaFiles(area, folder.descriptor()), marker.had_none(area));
+    if (base == Base::kIsBack) end = stpcpy(stpcpy(end, " "), area.stem);
+    if (base == Base::kIsNotBack) may_be_removed = false;
+    if (base != Base::kIsBack) work->good = false;
+  }
+  if (!may_be_removed) {
+    say_of_marker("it stays, and the next restore tries again", "");
+  } else if (!store::reaches_flash(folder.descriptor()) ||
+             !store::remove_marker(folder.descriptor())) {
+    work->good = say_of_marker("it may stay: ", strerror(errno));
+  } else if (end != back) {
+    say("a change that nobody confirmed is taken back:%s", back);
+  }
+  return true;
+}
+
+bool has_marker() {
+  char path[64];
+  struct stat status;
+  snprintf(path, sizeof path, "%s/%s", store::kArchiveFolder, store::kMarkerName);
+  return lstat(path, &status) == 0 || errno != ENOENT;
 }
 
 /* ---- words ---- */
@@ -280,7 +288,7 @@ bool print_usage(int to) {
           "renew them\n"
           "areas:");
   for (const AreaRow& area : sc::kAreas) {
-    if (area.stem[0] != '\0') dprintf(to, " %s", area.stem);
+    if (is_saved(area)) dprintf(to, " %s", area.stem);
   }
   return dprintf(to, "\n") > 0;
 }
@@ -288,8 +296,7 @@ bool print_usage(int to) {
 /* Finds an area by the stem of its files or by its name. */
 const AreaRow* named(const char* word) {
   for (const AreaRow& area : sc::kAreas) {
-    const bool is_saved = area.stem[0] != '\0';
-    if (is_saved &&
+    if (is_saved(area) &&
         (strcmp(area.stem, word) == 0 || strcmp(kNames[&area - sc::kAreas], word) == 0)) {
       return &area;
     }
@@ -312,10 +319,11 @@ int main(int argc, char** argv) {
   }
   const AreaRow* only = nullptr;
   if (argc == 3 && (only = named(argv[2])) == nullptr) return 2;
-  bool good = true;
+  Work work = {only == nullptr ? UINT32_MAX : Marker::bit(*only), true};
+  if (restoring && has_marker() && !take_back(&work)) return 1;
   for (const AreaRow& area : sc::kAreas) {
-    const bool chosen = area.stem[0] != '\0' && (only == nullptr || only == &area);
-    if (chosen && !run(keeping ? keep : restore, area)) good = false;
+    const bool chosen = is_saved(area) && (work.areas & Marker::bit(area)) != 0;
+    if (chosen && !run(keeping, area)) work.good = false;
   }
-  return good ? 0 : 1;
+  return work.good ? 0 : 1;
 }

@@ -165,13 +165,8 @@ constexpr size_t kMostText = 512;
 
 bool is_saved(const sc::AreaRow& area) { return area.stem[0] != '\0'; }
 
-struct Line {
-  char text[32];
-
-  Line(const sc::AreaRow& area, bool had_none) {
-    snprintf(text, sizeof text, "%s %s\n", area.stem, had_none ? "none" : "good");
-  }
-};
+constexpr char kGoodBase[] = " good\n";
+constexpr char kNoBase[] = " none\n";
 
 /* Text that is read from its begin. */
 struct Rest {
@@ -189,11 +184,12 @@ bool parse(const char* text, const char* end, Marker* marker) {
   Rest rest = {text};
   if (!rest.begins(kFirstLine)) return false;
   for (const sc::AreaRow& area : sc::kAreas) {
-    if (!is_saved(area)) continue;
-    const bool had_none = rest.begins(Line(area, true).text);
-    if (!had_none && !rest.begins(Line(area, false).text)) continue;
+    if (!is_saved(area) || !rest.begins(area.stem)) continue;
     marker->areas |= Marker::bit(area);
-    if (had_none) marker->never_saved |= Marker::bit(area);
+    if (rest.begins(kNoBase))
+      marker->never_saved |= Marker::bit(area);
+    else if (!rest.begins(kGoodBase))
+      return false;
   }
   return rest.begins(kLastLine) && rest.at == end;
 }
@@ -225,7 +221,7 @@ bool write_marker(int folder, const Marker& marker) {
   char* end = stpcpy(text, kFirstLine);
   for (const sc::AreaRow& area : sc::kAreas) {
     if (!marker.has(area) || !is_saved(area)) continue;
-    end = stpcpy(end, Line(area, marker.had_none(area)).text);
+    end = stpcpy(stpcpy(end, area.stem), marker.had_none(area) ? kNoBase : kGoodBase);
   }
   stpcpy(end, kLastLine);
   return replace_file(folder, kMarkerName, kNewMarkerName, fill_from_text, text) &&
