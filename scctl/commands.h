@@ -23,6 +23,9 @@ enum Option : uint16_t {
   kExec = 64,
   kCount = 128,
   kInPlace = 256,
+  kTimeout = 1024,
+  kStatus = 2048,
+  kOnlyMine = 4096,
   kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
 };
 constexpr uint16_t kSources = kImage | kArchive;
@@ -36,6 +39,8 @@ struct Call {
   const char* archive;
   const char* exec;
   uint32_t count;
+  uint32_t timeout; /* in seconds */
+  bool is_foreign;  /* the words stand behind a -- */
   int word_count; /* without the command's name */
   char** words;
   FILE* input; /* of a command with kInput */
@@ -59,6 +64,9 @@ struct Command {
   int8_t most;  /* -1: any */
   int (*run)(Call& call);
 };
+
+/* The command that runs is part of a try: only changes that can be taken back are allowed. */
+extern bool g_is_trying;
 
 /* Runs a command. The first word is its name. */
 int run_words(int word_count, char** words);
@@ -126,6 +134,11 @@ int run_check(Call&);
 int run_repair(Call&);
 int run_locks(Call&);
 int run_watch(Call&);
+int run_try(Call&);
+int run_confirm(Call&);
+int run_revert(Call&);
+int run_log(Call&);
+int run_undo(Call&);
 int run_completion(Call&);
 int run_help(Call&);
 

@@ -48,6 +48,7 @@ int edit(Call& call, int (*run)(Call& call), Source& file, AtomicFile* to) {
                 strerror(errno));
   }
   g_file = file.name();
+  g_journal = nullptr; /* the log is about the machine's areas */
   call.source.open_live();
   const AreaId id = file.held();
   const char* outer = g_where;

@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "store/edit.h"
 #include "in_place.h"
+#include "try.h"
 #include "store/streams.h"
 #include "store/value.h"
 
@@ -127,6 +128,31 @@ constexpr Command kCommands[] = {
    "writer waits for it. Runs the command of --exec with the area's name as $1.\n"
    "Ends on SIGINT, SIGTERM and SIGHUP.\n",
    kExec | kCount, 0, -1, run_watch},
+  {"try", "[--timeout SECONDS] batch FILE|import FILE|-- COMMAND...",
+   "make a change that is taken back unless it is confirmed",
+   "The change is taken back after 90 seconds or the given time, 1 to 86400, field by\n"
+   "field: what others changed since stays. If it fails, it is taken back at once. A\n"
+   "power cut takes it back, too. try --timeout SECONDS alone gives a running try that\n"
+   "much time from now; --status describes it, exit status 1 if none runs.\n",
+   kTimeout | kStatus | kJson, 0, -1, run_try},
+  {"confirm", "", "keep the change of a try",
+   "Saves all areas that it changed, all or none. Lists what others changed in them\n"
+   "and nobody saved, which is saved, too. Exit status 1 if no try runs, or too late.\n",
+   kOnlyMine, 0, 0, run_confirm},
+  {"revert", "", "take back the change of a try now",
+   "Prints what stays because others changed it since, and the records that wait for\n"
+   "their ids. Without a try, tries again for these. Exit status 1 if there is nothing\n"
+   "to take back, or something is left.\n",
+   0, 0, 0, run_revert},
+  {"log", "", "list the edits by scctl in this boot, newest first",
+   "The log is kept in memory, 64 KB in all. An edit that does not fit, and one of\n"
+   "whole areas, cannot be undone.\n",
+   kJson, 0, 0, run_log},
+  {"undo", "[N]", "take back the last edit, or the last N",
+   "Takes back field by field what is still as the edit left it, and prints what is\n"
+   "not. It is an edit itself: a second undo takes back the first. Exit status 1 if\n"
+   "something stays.\n",
+   0, 0, 1, run_undo},
   {"completion", "", "print the completion for bash",
    "",
    0, 0, 0, run_completion},
@@ -156,6 +182,9 @@ constexpr OptionRow kOptions[] = {
   {"in-place", kInPlace,        nullptr,   "change that file"},
   {"exec",     kExec,           "COMMAND", "run a shell command after each change"},
   {"count",    kCount,          "N",       "end after N changes"},
+  {"timeout",  kTimeout,        "SECONDS", "time until it is taken back"},
+  {"status",   kStatus,         nullptr,   "print who tries what, and what others changed"},
+  {"only-mine", kOnlyMine,      nullptr,   "refuse if changes by others would be saved"},
 };
 // clang-format on
 constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
@@ -217,13 +246,17 @@ int take_option(const OptionRow& row, char* value, Call* call) {
     case kImage: call->image = value; break;
     case kArchive: call->archive = value; break;
     case kExec: call->exec = value; break;
-    case kCount: {
+    case kCount:
+    case kTimeout: {
+      constexpr unsigned long kDay = 86400;
+      const unsigned long most = row.option == kCount ? INT32_MAX : kDay;
       char* rest = value;
-      const unsigned long count = is_digit(*value) ? strtoul(value, &rest, 10) : 0;
-      if (count == 0 || count > INT32_MAX || *rest != '\0') {
-        return fail(kUsage, "--%s: expected a number above 0, not '%s'", row.name, value);
+      const unsigned long number = is_digit(*value) ? strtoul(value, &rest, 10) : 0;
+      if (number == 0 || number > most || *rest != '\0') {
+        return fail(kUsage, "--%s: expected a number from 1 to %lu, not '%s'", row.name, most,
+                    value);
       }
-      call->count = static_cast<uint32_t>(count);
+      (row.option == kCount ? call->count : call->timeout) = static_cast<uint32_t>(number);
       break;
     }
     default: break;
@@ -256,6 +289,7 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
       call->words[call->word_count++] = words[optind++];
     } else if (found == kWord) {
       call->words[call->word_count++] = optarg;
+      if (command.run == run_try) break; /* the rest is another command */
     } else if (found == kHelp) {
       *help = true;
       return kOk;
@@ -276,6 +310,8 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
       return status;
     }
   }
+  call->is_foreign = call->word_count == 0 && optind > 1 && optind <= count &&
+                     strcmp(words[optind - 1], "--") == 0;
   while (optind < count) call->words[call->word_count++] = words[optind++];
   return kOk;
 }
@@ -287,6 +323,17 @@ int open_input(Call* call) {
   return call->input != nullptr ? kOk : fail(kNoArea, "%s: %s", call->input_name, strerror(errno));
 }
 
+/* Whole areas change without a journal, and a confirm saves. */
+bool can_be_tried(const Command& command) {
+  static constexpr int (*kRefused[])(Call&) = {run_init,   run_save,   run_restore, run_remove,
+                                               run_notify, run_repair, run_lease,   run_try,
+                                               run_undo,   run_confirm, run_revert};
+  for (int (*run)(Call&) : kRefused) {
+    if (command.run == run) return false;
+  }
+  return true;
+}
+
 /* Checks which options may be combined, and used with the command. */
 int check_sources(const Command& command, const Call& call) {
   if (call.has(kImage) && call.has(kArchive)) {
@@ -296,6 +343,10 @@ int check_sources(const Command& command, const Call& call) {
     return fail(kUsage, "--json and --commands exclude each other");
   }
   const bool file = (call.options & kSources) != 0;
+  if (g_is_trying && (file || !can_be_tried(command))) {
+    return fail(kUsage, "%s cannot be tried; scctl try -- COMMAND tries any program",
+                file ? "an edit of a file" : command.name);
+  }
   if (call.has(kInPlace) && !file) return fail(kUsage, "--in-place needs --image or --archive");
   if (file && (command.options & kInPlace) != 0 && !call.has(kInPlace) && !call.has(kDryRun)) {
     return fail(kUsage, "%s would change the file, which is read-only without --in-place",
@@ -556,6 +607,12 @@ int main(int argc, char** argv) {
   } else if (strcmp(argv[1], "--version") == 0) {
     puts("scctl " SCCTL_VERSION);
   } else {
+    for (int n = 1; n < argc; ++n) {
+      if (n > 1) g_words.add(' ');
+      add_word(argv[n], strlen(argv[n]), &g_words);
+    }
+    start_log();
+    look_after_try();
     status = run_words(argc - 1, argv + 1);
   }
   const int flushed = flush_output();

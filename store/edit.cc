@@ -45,29 +45,18 @@ namespace {
 
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
+constexpr int kTriesOfOneSecond = 1000;
+constexpr timespec kPause = {0, 1000000};
+
 volatile sig_atomic_t g_interrupted; /* the signal; 0: none */
 
 void interrupt(int signal_number) { g_interrupted = signal_number; }
 
-/* Waits for a byte. After EDEADLK the byte is not held, so the call is repeated. */
-bool lock_byte(int file, uint32_t byte) {
-  constexpr timespec kPause = {0, 1000000};
-  while (g_interrupted == 0) {
-    if (sc_lock_reg(file, F_SETLKW, F_WRLCK, static_cast<off_t>(byte), SEEK_SET, 1) == 0) {
-      return true;
-    }
-    if (errno == EDEADLK)
-      nanosleep(&kPause, nullptr);
-    else if (errno != EINTR)
-      return false;
-  }
-  errno = EINTR;
-  return false;
-}
-
 void unlock_byte(int file, uint32_t byte) {
   sc_lock_reg(file, F_SETLK, F_UNLCK, static_cast<off_t>(byte), SEEK_SET, 1);
 }
+
+int open_to_edit(const Path& path) { return open(path.text, O_RDWR | O_CLOEXEC); }
 
 int refuse_damaged(const Area& area) {
   return fail(kRefused, "area %s is damaged; scctl check %s tells more", area.name, area.name);
@@ -84,7 +73,8 @@ int check_header(const Area& area, const uint8_t* block) {
 
 }  // namespace
 
-Edit::Edit(Source& live) : live_(live) {
+Edit::Edit(Source& live, Patience patience)
+    : live_(live), tries_(patience == Patience::kForever ? -1 : kTriesOfOneSecond) {
   for (int n = 0; n < 3; ++n) {
     struct sigaction action = {}, was;
     action.sa_handler = interrupt; /* without SA_RESTART, so a wait ends */
@@ -96,13 +86,40 @@ Edit::Edit(Source& live) : live_(live) {
 
 Edit::~Edit() { end(); }
 
+void Edit::set_changed(AreaId area) {
+  changed_ |= bit(area);
+  if (g_journal != nullptr) g_journal->set_not_undoable();
+}
+
+/* Takes a byte. After EDEADLK it is not held, so the call is repeated. errno is EAGAIN when the
+ * patience is at its end. */
+bool Edit::lock(int file, uint32_t byte) {
+  while (g_interrupted == 0) {
+    const int command = tries_ < 0 ? F_SETLKW : F_SETLK;
+    if (sc_lock_reg(file, command, F_WRLCK, static_cast<off_t>(byte), SEEK_SET, 1) == 0) {
+      return true;
+    }
+    if (errno == EACCES && tries_ >= 0) errno = EAGAIN; /* POSIX allows both for a held byte */
+    if (errno != EDEADLK && errno != EINTR && errno != EAGAIN) return false;
+    if (errno == EAGAIN && (tries_ == 0 || --tries_ == 0)) return false;
+    if (errno != EINTR) nanosleep(&kPause, nullptr);
+  }
+  errno = EINTR;
+  return false;
+}
+
 bool is_interrupted() { return g_interrupted != 0; }
 
 void end_if_interrupted() {
   if (is_interrupted()) raise(g_interrupted);
 }
 
+void clear_interrupt() { g_interrupted = 0; }
+
 int Edit::begin(uint32_t areas) {
+  if (g_journal != nullptr) {
+    if (const int status = g_journal->begin(areas); status != kOk) return status;
+  }
   for (int n = 0; n < kAreaCount; ++n) {
     const auto id = static_cast<AreaId>(n);
     if ((areas & bit(id)) == 0) continue;
@@ -113,6 +130,18 @@ int Edit::begin(uint32_t areas) {
   return kOk;
 }
 
+void Edit::begin_in_time(uint32_t areas) {
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto id = static_cast<AreaId>(n);
+    if ((areas & bit(id)) == 0 || live_.block(id) == nullptr) continue;
+    const int file = open_to_edit(lock_path(kAreas[id]));
+    if (file < 0) continue;
+    g_lock_files[id] = file;
+    held_ |= bit(id);
+    lock(file, 0);
+  }
+}
+
 int Edit::begin_damaged(AreaId id) {
   if (const int status = live_.need(id); status != kOk) return status;
   return hold(id);
@@ -121,11 +150,11 @@ int Edit::begin_damaged(AreaId id) {
 /* Locks byte 0 of the area's lock file. */
 int Edit::hold(AreaId id) {
   const Path path = lock_path(kAreas[id]);
-  const int file = open(path.text, O_RDWR | O_CLOEXEC);
+  const int file = open_to_edit(path);
   if (file < 0) return fail(kNoArea, "%s cannot be opened: %s", path.text, strerror(errno));
   g_lock_files[id] = file;
   held_ |= bit(id);
-  if (lock_byte(file, 0)) return kOk;
+  if (lock(file, 0)) return kOk;
   return fail(kRefused, "%s cannot be locked: %s", path.text, strerror(errno));
 }
 
@@ -158,8 +187,10 @@ class RecordLock {
            position + 1, kAreas[table.area].name);
       return;
     }
-    held_ = lock_byte(file_, byte_);
-    if (!held_) {
+    held_ = edit.lock(file_, byte_);
+    if (!held_ && errno == EAGAIN) {
+      fault_ = Written::kLocked;
+    } else if (!held_) {
       fail(kRefused, "%s/%u cannot be locked: %s", table.name, position + 1, strerror(errno));
     }
   }
@@ -169,6 +200,7 @@ class RecordLock {
   RecordLock(const RecordLock&) = delete;
   RecordLock& operator=(const RecordLock&) = delete;
   explicit operator bool() const { return held_; }
+  Written fault() const { return fault_; }
 
   static uint8_t* record_of(Edit& edit, const Table& table, uint32_t position) {
     return edit.live_.block(table.area) + table.at + position * table.stride;
@@ -178,6 +210,7 @@ class RecordLock {
   int file_;
   uint32_t byte_;
   bool held_ = false;
+  Written fault_ = Written::kFailed;
 };
 
 /* ---- writing ---- */
@@ -211,39 +244,83 @@ bool is_id_table(const Table& table) { return table.free == 0; }
 
 }  // namespace
 
+/* Without a journal nothing is written down. */
+bool Edit::write_down(const Step& step) { return g_journal == nullptr || g_journal->append(step); }
+
+namespace {
+
+void fill(const Table& table, uint8_t* to, const uint8_t* from) {
+  for (const Field& field : table) {
+    memcpy(to + field.record_at, from + field.record_at, field.size);
+  }
+}
+
+/* Other programs claim without a lock. */
+bool claim(uint8_t* id, uint32_t number) {
+  uint32_t free = 0;
+  return __atomic_compare_exchange_n(reinterpret_cast<uint32_t*>(id), &free, number, false,
+                                     __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
+}
+
+/* Frees a record of an access points' table. It then has the contents of `left`, or zeros. The id
+ * is cleared last, so nobody can claim a half-cleared record. */
+void free_by_id(const Table& table, uint8_t* record, const uint8_t* left) {
+  uint8_t* id = record + table.id_at;
+  constexpr uint32_t kWord = sizeof(uint32_t);
+  const auto id_at = static_cast<uint32_t>(table.id_at);
+  memset(record + kWord, 0, id_at - kWord);
+  memset(id + kWord, 0, table.stride - id_at - kWord);
+  if (left != nullptr) fill(table, record, left);
+  __atomic_store_n(reinterpret_cast<uint32_t*>(id), 0, __ATOMIC_RELEASE);
+}
+
+/* The bytes of the mask that change: those of opaque fields one by one, other fields whole. */
+void mark_changed(const Table& table, const uint8_t* now, const uint8_t* wanted, const Mask& mask,
+                  Mask* changed) {
+  changed->add_differences(now, wanted);
+  for (uint32_t at = 0; at < table.stride; ++at) changed->bytes()[at] &= mask.bytes()[at];
+}
+
+}  // namespace
+
 Written Edit::add(const Table& table, uint32_t position, const uint8_t* record) {
   const RecordLock lock(*this, table, position);
-  if (!lock) return Written::kFailed;
+  if (!lock) return lock.fault();
   uint8_t* to = RecordLock::record_of(*this, table, position);
   uint8_t* id = to + table.id_at;
+  if (is_used(table, to)) return Written::kNotFree;
+  if (!write_down({table, position, to, record, nullptr, false, true})) return Written::kFailed;
   if (is_id_table(table)) {
-    /* Other programs claim without a lock. */
-    uint32_t free = 0;
-    if (!__atomic_compare_exchange_n(reinterpret_cast<uint32_t*>(id), &free, position + 1, false,
-                                     __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+    if (!claim(id, position + 1)) {
+      write_down({table, position, record, nullptr, nullptr, true, false}); /* it was not made */
       return Written::kNotFree;
     }
-  } else if (load<int32_t>(id) != table.free) {
-    return Written::kNotFree;
+    changed_ |= bit(table.area);
+    fill(table, to, record);
+    return Written::kDone;
   }
   changed_ |= bit(table.area);
-  for (const Field& field : table) {
-    memcpy(to + field.record_at, record + field.record_at, field.size);
-  }
-  if (!is_id_table(table)) {
-    __atomic_thread_fence(__ATOMIC_RELEASE);
-    store(id, position + 1);
-    count(table, live_.block(table.area), 1);
-  }
+  fill(table, to, record);
+  __atomic_thread_fence(__ATOMIC_RELEASE);
+  store(id, position + 1);
+  count(table, live_.block(table.area), 1);
   return Written::kDone;
 }
 
 Written Edit::change(const Table& table, uint32_t position, const uint8_t* record,
                      const Mask& mask) {
   const RecordLock lock(*this, table, position);
-  if (!lock) return Written::kFailed;
+  if (!lock) return lock.fault();
   uint8_t* to = RecordLock::record_of(*this, table, position);
   if (!is_used(table, to)) return Written::kNotUsed;
+  if (g_journal != nullptr) {
+    Mask changed(table);
+    mark_changed(table, to, record, mask, &changed);
+    if (!changed.empty() &&
+        !write_down({table, position, to, record, changed.bytes(), true, true})) {
+      return Written::kFailed;
+    }
+  }
   changed_ |= bit(table.area);
   copy_masked(to, record, mask, table.stride);
   return Written::kDone;
@@ -251,31 +328,131 @@ Written Edit::change(const Table& table, uint32_t position, const uint8_t* recor
 
 Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expected) {
   const RecordLock lock(*this, table, position);
-  if (!lock) return Written::kFailed;
+  if (!lock) return lock.fault();
   uint8_t* record = RecordLock::record_of(*this, table, position);
-  uint8_t* id = record + table.id_at;
   if (!is_used(table, record)) return Written::kNotUsed;
   for (const Field& field : table) {
     if (expected != nullptr && !equal(field, record, expected)) return Written::kChanged;
   }
+  if (!write_down({table, position, record, nullptr, nullptr, true, false})) {
+    return Written::kFailed;
+  }
   changed_ |= bit(table.area);
   ++removed_;
   if (is_id_table(table)) {
-    /* The id is cleared last, so nobody can claim a half-cleared record. */
-    constexpr uint32_t kWord = sizeof(uint32_t);
-    const auto id_at = static_cast<uint32_t>(table.id_at);
-    memset(record + kWord, 0, id_at - kWord);
-    memset(id + kWord, 0, table.stride - id_at - kWord);
-    __atomic_store_n(reinterpret_cast<uint32_t*>(id), 0, __ATOMIC_RELEASE);
+    free_by_id(table, record, nullptr);
     return Written::kDone;
   }
-  store<int32_t>(id, table.free);
+  store<int32_t>(record + table.id_at, table.free);
   for (const Field& field : table) {
     if (field.add_only) memset(record + field.record_at, 0, field.size);
   }
   count(table, live_.block(table.area), -1);
   return Written::kDone;
 }
+
+/* ---- taking back ---- */
+
+namespace {
+
+/* Copies the fields that still have the value after the change. Bytes of opaque fields count one by
+ * one. */
+void choose_fields(const Change& change, const uint8_t* now, Mask* back, Mask* stays) {
+  const uint8_t* before = change.before.data();
+  const uint8_t* after = change.after.data();
+  for (const Field& field : *change.table) {
+    const uint32_t unit = field.kind == Kind::kBytes ? 1 : field.size;
+    for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; at += unit) {
+      if (change.mask.data()[at] == 0 || memcmp(before + at, after + at, unit) == 0) continue;
+      if (memcmp(now + at, before + at, unit) == 0) continue;
+      Mask* to = memcmp(now + at, after + at, unit) == 0 ? back : stays;
+      memset(to->bytes() + at, 1, unit);
+    }
+  }
+}
+
+/* Whether the record has the values of the change in all fields. */
+bool has_fields(const Change& change, const uint8_t* now, const Buffer& values) {
+  for (const Field& field : *change.table) {
+    if (!equal(field, now, values.data())) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+/* The caller holds the record's byte. */
+Written Edit::put_back(const Change& change, Mask* stays) {
+  const Table& table = *change.table;
+  uint8_t* live = RecordLock::record_of(*this, table, change.position);
+  const uint8_t* before = change.before.data();
+  const bool used = is_used(table, live);
+  if (change.was_used && change.is_used) {
+    if (!used) return Written::kNotUsed;
+    Mask back(table);
+    choose_fields(change, live, &back, stays);
+    if (back.empty()) return Written::kDone;
+    if (!write_down({table, change.position, live, before, back.bytes(), true, true})) {
+      return Written::kFailed;
+    }
+    changed_ |= bit(table.area);
+    copy_masked(live, before, back, table.stride);
+    return Written::kDone;
+  }
+  if (change.was_used) {
+    if (used) return has_fields(change, live, change.before) ? Written::kDone : Written::kNotFree;
+    if (!write_down({table, change.position, live, before, nullptr, false, true})) {
+      return Written::kFailed;
+    }
+    uint8_t* id = live + table.id_at;
+    if (is_id_table(table)) {
+      if (!claim(id, change.position + 1)) {
+        write_down({table, change.position, before, nullptr, nullptr, true, false});
+        return Written::kNotFree;
+      }
+      fill(table, live, before);
+    } else {
+      fill(table, live, before);
+      __atomic_thread_fence(__ATOMIC_RELEASE);
+      store(id, change.position + 1);
+      count(table, live_.block(table.area), 1);
+    }
+    changed_ |= bit(table.area);
+    return Written::kDone;
+  }
+  if (!used) {
+    /* A free record of a list keeps bytes. Those of the others are zeros, and may be claimed. */
+    if (!change.is_used && !is_id_table(table)) fill(table, live, before);
+    return Written::kDone;
+  }
+  if (!change.is_used) return Written::kDone; /* the record is another one */
+  if (!has_fields(change, live, change.after)) return Written::kChanged;
+  if (!write_down({table, change.position, live, nullptr, nullptr, true, false})) {
+    return Written::kFailed;
+  }
+  changed_ |= bit(table.area);
+  if (is_id_table(table)) {
+    free_by_id(table, live, before);
+  } else {
+    store<int32_t>(live + table.id_at, table.free);
+    fill(table, live, before);
+    count(table, live_.block(table.area), -1);
+  }
+  return Written::kDone;
+}
+
+Written Edit::take_back(const Change& change, Mask* stays, const Change* partner) {
+  const RecordLock lock(*this, *change.table, change.position);
+  if (!lock) return lock.fault();
+  if (partner == nullptr) return put_back(change, stays);
+  const RecordLock partner_lock(*this, *partner->table, partner->position);
+  if (!partner_lock) return partner_lock.fault();
+  Mask partner_stays(*partner->table);
+  put_back(*partner, &partner_stays);
+  return put_back(change, stays);
+}
+
+/* ---- bindings ---- */
 
 namespace {
 
@@ -287,13 +464,49 @@ bool is_same_mac(const uint8_t* one, const uint8_t* other) {
 
 constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
 
+/* A record with some fields changed: the fields are complete before any is written. */
+template <class Record>
+class Rewrite {
+ public:
+  Rewrite(const Table& table, Record& record, const char* const* fields)
+      : table_(table),
+        to_(reinterpret_cast<uint8_t*>(&record)),
+        wanted_(table.stride),
+        mask_(table) {
+    memcpy(wanted_.data(), to_, table.stride);
+    for (; *fields != nullptr; ++fields) mask_.add(*find_field(table, *fields, strlen(*fields)));
+  }
+  Record& wanted() { return *reinterpret_cast<Record*>(wanted_.data()); }
+  Step step(uint32_t position) const {
+    return {table_, position, to_, wanted_.data(), mask_.bytes(), true, true};
+  }
+  void write() { copy_masked(to_, wanted_.data(), mask_, table_.stride); }
+
+ private:
+  const Table& table_;
+  uint8_t* to_;
+  Buffer wanted_;
+  Mask mask_;
+};
+
+struct ApRewrite : Rewrite<ApInfoRecord> {
+  explicit ApRewrite(ApInfoRecord& ap) : Rewrite(table_named("aps"), ap, kFields) {}
+  static constexpr const char* kFields[] = {"group_id", "group_info", nullptr};
+};
+
+struct TemplateRewrite : Rewrite<ApTemplateRecord> {
+  explicit TemplateRewrite(ApTemplateRecord& record)
+      : Rewrite(table_named("ap_templates"), record, kFields) {}
+  static constexpr const char* kFields[] = {"bound_ap_mac", nullptr};
+};
+
 }  // namespace
 
 Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
   const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
-  if (!lock) return Written::kFailed;
+  if (!lock) return lock.fault();
   const RecordLock ap_lock(*this, table_named("aps"), ap_id - 1);
-  if (!ap_lock) return Written::kFailed;
+  if (!ap_lock) return ap_lock.fault();
   auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
   auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
   ApTemplateRecord& target = templates->templates[template_id - 1];
@@ -304,31 +517,47 @@ Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
        !is_same_mac(target.bound_ap_mac, ap.ap_mac))) {
     return Written::kChanged;
   }
+  ApRewrite ap_rewrite(ap);
+  ap_rewrite.wanted().group_id = static_cast<uint8_t>(template_id);
+  memcpy(ap_rewrite.wanted().group_info, target.template_name, sizeof ap.group_info);
+  TemplateRewrite rewrite(target);
+  memcpy(rewrite.wanted().bound_ap_mac, ap.ap_mac, sizeof target.bound_ap_mac);
+  if (!write_down(ap_rewrite.step(ap_id - 1)) || !write_down(rewrite.step(template_id - 1))) {
+    return Written::kFailed;
+  }
   changed_ |= bit(kApTemplateList) | bit(kManageApList);
-  ap.group_id = static_cast<uint8_t>(template_id);
-  memcpy(ap.group_info, target.template_name, sizeof ap.group_info);
-  memcpy(target.bound_ap_mac, ap.ap_mac, sizeof target.bound_ap_mac);
+  ap_rewrite.write();
+  rewrite.write();
   return Written::kDone;
 }
 
 Written Edit::unbind(uint32_t template_id) {
   const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
-  if (!lock) return Written::kFailed;
+  if (!lock) return lock.fault();
   auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
   auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
   ApTemplateRecord& target = templates->templates[template_id - 1];
   if (is_same_mac(target.bound_ap_mac, kNobody)) return Written::kDone;
+  TemplateRewrite rewrite(target);
+  memset(rewrite.wanted().bound_ap_mac, 0, sizeof target.bound_ap_mac);
   if (const int32_t position = SC_Get_Ap_Info_By_Mac(aps, target.bound_ap_mac); position >= 0) {
     const RecordLock ap_lock(*this, table_named("aps"), static_cast<uint32_t>(position));
-    if (!ap_lock) return Written::kFailed;
+    if (!ap_lock) return ap_lock.fault();
     ApInfoRecord& ap = aps->aps[position];
     if (!is_same_mac(ap.ap_mac, target.bound_ap_mac)) return Written::kChanged;
+    ApRewrite ap_rewrite(ap);
+    ap_rewrite.wanted().group_id = 0;
+    memset(ap_rewrite.wanted().group_info, 0, sizeof ap.group_info);
+    if (!write_down(ap_rewrite.step(static_cast<uint32_t>(position))) ||
+        !write_down(rewrite.step(template_id - 1))) {
+      return Written::kFailed;
+    }
     changed_ |= bit(kManageApList);
-    ap.group_id = 0;
-    memset(ap.group_info, 0, sizeof ap.group_info);
-    memset(target.bound_ap_mac, 0, sizeof target.bound_ap_mac);
+    ap_rewrite.write();
+    rewrite.write();
   } else {
-    memset(target.bound_ap_mac, 0, sizeof target.bound_ap_mac);
+    if (!write_down(rewrite.step(template_id - 1))) return Written::kFailed;
+    rewrite.write();
   }
   changed_ |= bit(kApTemplateList);
   return Written::kDone;
@@ -340,6 +569,7 @@ int fail_written(const Table& table, uint32_t id, Written written) {
     case Written::kNotFree: what = "used"; break;
     case Written::kNotUsed: what = "deleted"; break;
     case Written::kChanged: what = "changed"; break;
+    case Written::kLocked: what = "locked"; break;
     default: return kRefused;
   }
   return fail(kRefused, "%s/%u was %s by another program meanwhile", table.name, id, what);

@@ -10,6 +10,7 @@
 #ifndef STORE_EDIT_H
 #define STORE_EDIT_H
 
+#include "store/journal.h"
 #include "store/source.h"
 
 namespace store {
@@ -26,6 +27,7 @@ class Mask {
   bool has(const Field& field) const { return bytes_.data()[field.record_at] != 0; }
   bool empty() const;
   const uint8_t* bytes() const { return bytes_.data(); }
+  uint8_t* bytes() { return bytes_.data(); }
 
  private:
   const Table& table_;
@@ -38,12 +40,19 @@ enum class Written : uint8_t {
   kNotFree, /* another program has used it meanwhile: nothing was written */
   kNotUsed, /* another program has freed it meanwhile: nothing was written */
   kChanged, /* another program has changed it meanwhile: nothing was written */
+  kLocked,  /* another program holds it for longer than the edit waits: nothing was written */
   kFailed   /* an error message was printed: nothing was written */
+};
+
+/* How long an edit waits for locks of other programs. */
+enum class Patience : uint8_t {
+  kForever,
+  kOneSecond /* in all; it uses no call that waits */
 };
 
 class Edit {
  public:
-  explicit Edit(Source& live);
+  explicit Edit(Source& live, Patience patience = Patience::kForever);
   /* Calls end(). */
   ~Edit();
   Edit(const Edit&) = delete;
@@ -52,6 +61,9 @@ class Edit {
   /* Attaches these areas and waits until no other program edits them. On an error it prints a
    * message and returns a status. An area with a damaged header is refused. */
   int begin(uint32_t areas);
+  /* The same for areas that must be edited in time: one that does not exist is left out, and other
+   * editors are waited for only as long as the patience lasts. */
+  void begin_in_time(uint32_t areas);
   /* The same for one area; its header may be damaged. */
   int begin_damaged(AreaId area);
   /* Lets other editors continue. Then announces, once, each area in which a record was written. A
@@ -70,8 +82,16 @@ class Edit {
    * Unbind clears both. They take the bytes in the library's order, the template's first. */
   Written bind(uint32_t template_id, uint32_t ap_id);
   Written unbind(uint32_t template_id);
-  /* The area was changed in another way, and is announced, too. */
-  void set_changed(AreaId area) { changed_ |= bit(area); }
+  /* Takes back a change of the past, field by field: a field that still has the value after the
+   * change gets the one before it. `stays` gets the fields that have another value. Results:
+   * kDone, also when there was nothing to do; kNotUsed: it was deleted since; kChanged: the record
+   * was added, and is kept because it was changed since; kNotFree: it was deleted, and its id is
+   * used. If a partner is given, it is taken back first, under the bytes of both records. */
+  Written take_back(const Change& change, Mask* stays, const Change* partner = nullptr);
+  /* The area is announced, although nothing may have been changed now. */
+  void announce(AreaId area) { changed_ |= bit(area); }
+  /* The area was changed in another way. */
+  void set_changed(AreaId area);
 
   Source& live() { return live_; }
   int removed() const { return removed_; } /* records, so far */
@@ -80,8 +100,12 @@ class Edit {
   friend class RecordLock;
 
   int hold(AreaId area);
+  bool lock(int file, uint32_t byte);
+  bool write_down(const Step& step);
+  Written put_back(const Change& change, Mask* stays);
 
   Source& live_;
+  int tries_; /* of locks that are held; -1: as many as it takes */
   uint32_t held_ = 0;
   uint32_t changed_ = 0;
   int removed_ = 0;
@@ -91,6 +115,8 @@ class Edit {
 /* A signal that arrives during an edit ends the program after all clean-up and messages. */
 bool is_interrupted();
 void end_if_interrupted();
+/* Goes on in spite of it. */
+void clear_interrupt();
 
 /* Prints that another program was faster; for kFailed prints nothing. Returns kRefused. */
 int fail_written(const Table& table, uint32_t id, Written written);

@@ -66,7 +66,7 @@ class JsonWriter {
   Text& value();
 
  private:
-  static constexpr int kDeepest = 4;
+  static constexpr int kDeepest = 6;
   struct Level {
     char closing;
     Layout layout;

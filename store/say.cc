@@ -139,6 +139,11 @@ void Text::add_shown(const char* bytes, size_t size) {
   }
 }
 
+void Text::cut(size_t size) {
+  size_ = size;
+  data_[size_] = '\0';
+}
+
 void Text::trim(char c) {
   while (size_ > 0 && data_[size_ - 1] == c) data_[--size_] = '\0';
 }

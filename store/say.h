@@ -64,6 +64,12 @@ class Buffer {
     data_ = other.data_;
     other.data_ = data;
   }
+  /* The caller frees the memory. */
+  uint8_t* release() {
+    uint8_t* data = data_;
+    data_ = nullptr;
+    return data;
+  }
   Buffer(const Buffer&) = delete;
   Buffer& operator=(const Buffer&) = delete;
   uint8_t* data() { return data_; }
@@ -85,6 +91,7 @@ class Text {
   void add(const char* bytes, size_t size);
   /* Adds bytes as they may be displayed: letters.h. */
   void add_shown(const char* bytes, size_t size);
+  void cut(size_t size);
   void trim(char c); /* cuts all of these off the end */
   void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
   void clear();

@@ -155,6 +155,7 @@ class Snapshot {
     used_.data()[position] = 1;
     return records_.data() + position * table_->stride;
   }
+  void drop(uint32_t position) { used_.data()[position] = 0; }
   /* The used record with which the record clashes, except the one at `skip`; -1 for none. */
   int find_clash(const uint8_t* record, int skip, const Field** field,
                  Spelling spelling = Spelling::kAsMac) const;

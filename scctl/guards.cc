@@ -1,0 +1,177 @@
+/* The guards of a try: two processes, each with its own byte of the state's lock file. A guard looks
+ * several times a second. It starts its twin again when that is dead, kills it when it is stopped,
+ * and ends the try when it is time. A dead process holds no byte, even if nobody reaps it.
+ */
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "commands.h"
+#include "try.h"
+
+namespace scctl {
+
+namespace {
+
+constexpr uint64_t kStepMs = 200;
+constexpr uint64_t kBusyStepMs = 50;    /* while a try is being ended */
+constexpr uint64_t kCallersEndMs = 600; /* for a caller that still makes the change */
+constexpr int kStartTries = 3000;
+
+void pause_ms(uint64_t ms) {
+  const timespec pause = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1000000)};
+  nanosleep(&pause, nullptr);
+}
+
+Role twin_of(Role role) { return role == Role::kGuard ? Role::kTwin : Role::kGuard; }
+
+/* Closes all descriptors of the caller, so that nobody waits for the guard's output. */
+void close_all() {
+  forget_state();
+  for (int& file : g_lock_files) file = 0;
+  if (DIR* folder = opendir("/proc/self/fd"); folder != nullptr) {
+    const int own = dirfd(folder);
+    while (const dirent* entry = readdir(folder)) {
+      const int file = atoi(entry->d_name);
+      if (entry->d_name[0] != '.' && file != own) close(file);
+    }
+    closedir(folder);
+  } else {
+    constexpr int kMost = 1024;
+    for (int file = 0; file < kMost; ++file) close(file);
+  }
+  for (int n = 0; n < 3; ++n) open("/dev/null", O_RDWR);
+}
+
+/* What may be done for the try now. */
+enum class Duty : uint8_t { kNothing, kGiveBack, kFinish, kRevert };
+
+Duty duty(const Try& running, bool actor_is_gone) {
+  switch (running.header.phase) {
+    case Phase::kReverting: return Duty::kRevert;
+    case Phase::kConfirming:
+      if (actor_is_gone && !is_marked()) return Duty::kFinish;
+      if (running.is_over()) return Duty::kRevert;
+      return actor_is_gone ? Duty::kGiveBack : Duty::kNothing;
+    case Phase::kMaking: return actor_is_gone || running.is_over() ? Duty::kRevert : Duty::kNothing;
+    case Phase::kMade: return running.is_over() ? Duty::kRevert : Duty::kNothing;
+  }
+  return Duty::kNothing;
+}
+
+/* A process that acts is in the way of the end: it is killed if it is stopped, and the caller that
+ * still makes the change is ended. Another guard, a confirm or a revert is waited for. */
+void clear_way(const Try& running, pid_t actor) {
+  if (actor <= 0 || !running.is_over()) return;
+  if (is_stopped(actor)) {
+    kill(actor, SIGKILL);
+  } else if (running.header.phase == Phase::kMaking &&
+             static_cast<uint32_t>(actor) == running.header.author.pid) {
+    const bool is_late = boot_ms() >= running.header.deadline_ms + kCallersEndMs;
+    kill(actor, is_late ? SIGKILL : SIGTERM);
+  }
+}
+
+/* True when the try is over. */
+bool act(Try& running) {
+  const pid_t actor = holder_of(Role::kActor);
+  if (actor != 0) {
+    clear_way(running, actor);
+    return false;
+  }
+  if (duty(running, true) == Duty::kNothing || !take_role(Role::kActor, 1)) return false;
+  bool is_over = false;
+  Try now; /* what was read before may be out of date */
+  if (!now.open() || !now.is_same(running)) {
+    is_over = true;
+  } else {
+    Text report;
+    switch (duty(now, true)) {
+      case Duty::kNothing: break;
+      case Duty::kGiveBack: now.set_phase(Phase::kMade); break;
+      case Duty::kFinish:
+        finish_confirmed(now);
+        is_over = true;
+        break;
+      case Duty::kRevert: is_over = revert(now, "it was not confirmed", &report) == Ended::kYes;
+    }
+  }
+  leave_role(Role::kActor);
+  return is_over;
+}
+
+void watch(Role twin) {
+  const pid_t pid = holder_of(twin);
+  if (pid == 0) {
+    start_guard(twin);
+  } else if (pid > 0 && is_stopped(pid)) {
+    kill(pid, SIGKILL);
+  }
+}
+
+[[noreturn]] void run_guard(Role role) {
+  setsid();
+  constexpr int kIgnored[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU};
+  for (const int number : kIgnored) signal(number, SIG_IGN);
+  signal(SIGCHLD, SIG_DFL);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  close_all();
+  if (chdir("/") != 0) _exit(1);
+  g_journal = nullptr;
+  g_where = nullptr;
+  Try first;
+  if (!open_state(false) || !take_role(role, 1) || !first.open()) _exit(0);
+  /* The caller starts both: the twin may be on its way. */
+  for (uint64_t n = 0; n < kStepMs && holder_of(twin_of(role)) == 0; ++n) pause_ms(1);
+  while (true) {
+    Try running;
+    if (!running.open() || !running.is_same(first)) _exit(0);
+    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+    watch(twin_of(role));
+    if (act(running)) _exit(0);
+    const bool is_busy = running.is_over() || running.header.phase == Phase::kReverting;
+    const uint64_t left = running.header.deadline_ms - boot_ms();
+    pause_ms(is_busy ? kBusyStepMs : left < kStepMs ? left + 1 : kStepMs);
+  }
+}
+
+}  // namespace
+
+bool is_stopped(pid_t pid) {
+  char path[32], text[256];
+  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  const ssize_t size = read(file, text, sizeof text - 1);
+  close(file);
+  if (size <= 0) return false;
+  text[size] = '\0';
+  const char* state = strrchr(text, ')'); /* the program's name may hold anything */
+  return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
+}
+
+void start_guard(Role role) {
+  fflush(stdout);
+  if (fork() == 0) run_guard(role);
+}
+
+bool start_guards() {
+  start_guard(Role::kGuard);
+  start_guard(Role::kTwin);
+  for (int n = 0; n < kStartTries; ++n) {
+    if (holder_of(Role::kGuard) != 0 && holder_of(Role::kTwin) != 0) return true;
+    pause_ms(1);
+  }
+  return false;
+}
+
+}  // namespace scctl

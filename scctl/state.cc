@@ -1,0 +1,126 @@
+#include "state.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <sysconfig/core.h>
+
+namespace scctl {
+
+Text g_words;
+
+namespace {
+
+int g_folder = -1;
+int g_locks = -1;
+
+}  // namespace
+
+bool open_state(bool create) {
+  if (g_locks >= 0) return true;
+  if (create && mkdir(kStateFolder, 0700) != 0 && errno != EEXIST) return false;
+  g_folder = open(kStateFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (g_folder < 0) return false;
+  g_locks =
+      openat(g_folder, "locks", O_RDWR | (create ? O_CREAT : 0) | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (g_locks >= 0) return true;
+  const int why = errno;
+  forget_state();
+  errno = why;
+  return false;
+}
+
+void forget_state() {
+  if (g_locks >= 0) close(g_locks);
+  if (g_folder >= 0) close(g_folder);
+  g_locks = g_folder = -1;
+}
+
+int state_folder() { return g_folder; }
+
+bool take_role(Role role, int tries) {
+  constexpr timespec kPause = {0, 1000000};
+  while (sc_lock_reg(g_locks, F_SETLK, F_WRLCK, static_cast<off_t>(role), SEEK_SET, 1) != 0) {
+    if (--tries <= 0) return false;
+    nanosleep(&kPause, nullptr);
+  }
+  return true;
+}
+
+void leave_role(Role role) {
+  sc_lock_reg(g_locks, F_SETLK, F_UNLCK, static_cast<off_t>(role), SEEK_SET, 1);
+}
+
+pid_t holder_of(Role role) {
+  struct flock byte = {};
+  byte.l_type = F_WRLCK;
+  byte.l_whence = SEEK_SET;
+  byte.l_start = static_cast<off_t>(role);
+  byte.l_len = 1;
+  if (fcntl(g_locks, F_GETLK, &byte) != 0 || byte.l_type == F_UNLCK) return 0;
+  return byte.l_pid;
+}
+
+int open_state_file(const char* name, int flags) {
+  return openat(g_folder, name, flags | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+bool write_all(int file, const void* bytes, size_t size) {
+  const auto* at = static_cast<const char*>(bytes);
+  while (size > 0) {
+    const ssize_t done = write(file, at, size);
+    if (done < 0 && errno == EINTR) continue;
+    if (done < 0) return false;
+    at += done;
+    size -= static_cast<size_t>(done);
+  }
+  return true;
+}
+
+bool replace_state_file(const char* name, const char* bytes, size_t size) {
+  Text fresh;
+  fresh.print("%s.new", name);
+  const int file = open_state_file(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
+  if (file < 0) return false;
+  const bool written = write_all(file, bytes, size);
+  const int why = errno;
+  close(file);
+  if (written && renameat(g_folder, fresh.c_str(), g_folder, name) == 0) return true;
+  if (!written) errno = why;
+  const int fault = errno;
+  unlinkat(g_folder, fresh.c_str(), 0);
+  errno = fault;
+  return false;
+}
+
+uint64_t boot_ms() {
+  timespec now;
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+void add_time(int64_t seconds, bool json, Text* to) {
+  const auto time = static_cast<time_t>(seconds);
+  tm parts;
+  char text[32];
+  const size_t size =
+      json ? strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&time, &parts))
+           : strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", localtime_r(&time, &parts));
+  to->add(text, size);
+}
+
+void add_user(uint32_t uid, Text* to) {
+  const passwd* user = getpwuid(uid);
+  if (user != nullptr)
+    to->add(user->pw_name);
+  else
+    to->print("%u", uid);
+}
+
+}  // namespace scctl

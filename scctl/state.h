@@ -1,0 +1,72 @@
+/* What scctl keeps between its calls, in memory: the folder /var/systemconfig/scctl.
+ *
+ * Its lock file has a byte for each role. A byte falls with the process that holds it, however that
+ * ends, and the kernel names the process. The file is opened once: closing any descriptor of it
+ * would drop all bytes of the process.
+ */
+#ifndef SCCTL_STATE_H
+#define SCCTL_STATE_H
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include "store/journal.h"
+
+namespace scctl {
+
+using namespace store;
+
+inline constexpr char kStateFolder[] = "/var/systemconfig/scctl";
+
+enum class Role : uint8_t {
+  kGuard, /* and the next byte: the two guards of a try */
+  kTwin,
+  kActor, /* makes, confirms or reverts a try */
+  kLogger /* writes to the log */
+};
+
+/* Opens the folder; makes it if `create`. errno tells why not. */
+bool open_state(bool create);
+/* After a fork: the child has to open it for itself. */
+void forget_state();
+/* The folder's descriptor. */
+int state_folder();
+/* Tries so often, a millisecond apart. */
+bool take_role(Role role, int tries);
+void leave_role(Role role);
+/* The process that holds the role; 0: none. */
+pid_t holder_of(Role role);
+
+/* A file of the folder; -1 with errno. */
+int open_state_file(const char* name, int flags);
+/* Replaces a file of the folder as a whole. */
+bool replace_state_file(const char* name, const char* bytes, size_t size);
+bool write_all(int file, const void* bytes, size_t size);
+
+/* Milliseconds since boot, suspended time included. Setting the clock has no effect. */
+uint64_t boot_ms();
+/* "2026-01-02 03:04:05", or ISO 8601 in UTC. */
+void add_time(int64_t seconds, bool json, Text* to);
+/* The user's name, or the number. */
+void add_user(uint32_t uid, Text* to);
+
+/* The words of this call. */
+extern Text g_words;
+
+/* The log of scctl's edits. */
+void start_log();
+/* Writes down that this call changed areas in a way that cannot be undone. */
+void log_not_undoable();
+/* Who made an edit, and when. */
+struct Author {
+  int64_t time;
+  uint64_t boot_ms;
+  uint32_t uid;
+  uint32_t pid;
+};
+/* Logs the changes of a try that was confirmed. */
+void log_changes(const Author& author, const char* words, const Changes& changes);
+
+}  // namespace scctl
+
+#endif

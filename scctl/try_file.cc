@@ -1,0 +1,206 @@
+/* The journal of a try, and the copies of areas for a try of any program. */
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "commands.h"
+#include "try.h"
+
+namespace scctl {
+
+namespace {
+
+constexpr char kTry[] = "try";
+constexpr char kKind[8] = "try 1";
+
+void read_boot_id(char (&id)[sizeof TryHeader::boot]) {
+  memset(id, 0, sizeof id);
+  const int file = open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
+  if (file < 0) return;
+  if (read(file, id, sizeof id - 1) < 0) id[0] = '\0';
+  close(file);
+}
+
+}  // namespace
+
+Try::~Try() {
+  if (file_ >= 0) close(file_);
+}
+
+bool Try::create() {
+  memcpy(header.kind, kKind, sizeof kKind);
+  read_boot_id(header.boot);
+  if (!replace_state_file(kTry, reinterpret_cast<const char*>(&header), sizeof header))
+    return false;
+  file_ = open_state_file(kTry, O_RDWR);
+  return file_ >= 0;
+}
+
+bool Try::open() {
+  if (file_ >= 0) close(file_);
+  file_ = open_state_file(kTry, O_RDWR);
+  if (file_ < 0) return false;
+  char boot[sizeof header.boot];
+  read_boot_id(boot);
+  if (pread(file_, &header, sizeof header, 0) == sizeof header &&
+      memcmp(header.kind, kKind, sizeof kKind) == 0 &&
+      memcmp(header.boot, boot, sizeof boot) == 0) {
+    return true;
+  }
+  close(file_);
+  file_ = -1;
+  return false;
+}
+
+bool Try::is_same(const Try& other) const {
+  return memcmp(&header.author, &other.header.author, sizeof header.author) == 0;
+}
+
+bool Try::write() const {
+  return pwrite(file_, &header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
+}
+
+bool Try::set_phase(Phase phase) {
+  header.phase = phase;
+  return write();
+}
+
+bool Try::append(const Step& step) const {
+  Text chunk;
+  pack_step(step, 0, &chunk);
+  const off_t end = lseek(file_, 0, SEEK_END);
+  if (end >= 0 && write_all(file_, chunk.c_str(), chunk.size())) return true;
+  const int why = errno;
+  if (end >= 0 && ftruncate(file_, end) != 0) return false;
+  errno = why;
+  return false;
+}
+
+uint64_t Try::left() const {
+  const uint64_t now = boot_ms();
+  return now >= header.deadline_ms ? 0 : (header.deadline_ms - now + 999) / 1000;
+}
+
+namespace {
+
+/* A step that was written down but not made. */
+bool is_unmade(const Chunk& chunk, Source& live) {
+  Changes one;
+  one.add(chunk);
+  const Change* step = one.first();
+  if (step == nullptr || live.block(step->table->area) == nullptr) return false;
+  const Table& table = *step->table;
+  const uint8_t* now = live.block(table.area) + table.at + step->position * table.stride;
+  if (is_used(table, now) != step->was_used) return false;
+  for (uint32_t at = 0; at < table.stride; ++at) {
+    if (step->mask.data()[at] != 0 && step->before.data()[at] != now[at]) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void Try::read_changes(Source& live, Changes* changes) const {
+  Text bytes;
+  if (!read_file(file_, &bytes)) return;
+  size_t at = sizeof header;
+  for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr;) {
+    at += chunk->size;
+    const bool is_last = chunk_at(bytes, at) == nullptr;
+    if (!is_last || !is_unmade(*chunk, live)) changes->add(*chunk);
+  }
+}
+
+/* ---- areas before a program ---- */
+
+namespace {
+
+struct CopyName {
+  char text[32];
+  explicit CopyName(const Area& area) {
+    snprintf(text, sizeof text, "before_%s", area.row().lock_stem);
+  }
+};
+
+/* Pages of zeros become holes. */
+bool write_sparse(int file, const uint8_t* block, size_t size) {
+  constexpr size_t kPage = 4096;
+  static constexpr uint8_t kZeros[kPage] = {};
+  for (size_t at = 0; at < size; at += kPage) {
+    const size_t part = size - at < kPage ? size - at : kPage;
+    if (memcmp(block + at, kZeros, part) == 0) continue;
+    if (pwrite(file, block + at, part, static_cast<off_t>(at)) != static_cast<ssize_t>(part)) {
+      return false;
+    }
+  }
+  return ftruncate(file, static_cast<off_t>(size)) == 0;
+}
+
+}  // namespace
+
+bool copy_areas(Source& live) {
+  for (const Area& area : kAreas) {
+    const uint8_t* block = live.block(id_of(area));
+    if (block == nullptr) continue;
+    const int file = open_state_file(CopyName(area).text, O_WRONLY | O_CREAT | O_TRUNC);
+    if (file < 0) return false;
+    const bool written = write_sparse(file, block, area.row().size);
+    const int why = errno;
+    close(file);
+    errno = why;
+    if (!written) return false;
+  }
+  return true;
+}
+
+void remove_copies() {
+  for (const Area& area : kAreas) unlinkat(state_folder(), CopyName(area).text, 0);
+}
+
+namespace {
+
+void add_differences(const Table& table, Source& live, const uint8_t* before, const Try& running,
+                     Changes* changes) {
+  Reader reader(live, table);
+  Buffer copy(table.stride);
+  const uint8_t* block = live.block(table.area);
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    const uint8_t* was = before + table.at + position * table.stride;
+    const uint8_t* now = block + table.at + position * table.stride;
+    const bool was_used = is_used(table, was);
+    const bool used = reader.copy(position, copy.data());
+    if (used) now = copy.data();
+    Mask differing(table);
+    differing.add_differences(was, now);
+    if (was_used == used && differing.empty()) continue;
+    const Step step = {table,    position, was, now, was_used && used ? differing.bytes() : nullptr,
+                       was_used, used};
+    running.append(step);
+    changes->add(step);
+  }
+}
+
+}  // namespace
+
+void add_differences(Source& live, const Try& running, Changes* changes) {
+  for (const Area& area : kAreas) {
+    const AreaId id = id_of(area);
+    Source before;
+    const int file = open_state_file(CopyName(area).text, O_RDONLY);
+    if (file < 0) continue;
+    const bool is_read = live.block(id) != nullptr && before.open_image(area.name, file) == kOk;
+    close(file);
+    for (const Table& table : kTables) {
+      if (is_read && table.area == id) {
+        add_differences(table, live, before.block(id), running, changes);
+      }
+    }
+  }
+}
+
+}  // namespace scctl
