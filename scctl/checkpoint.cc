@@ -30,19 +30,20 @@ namespace scctl {
 
 namespace {
 
-constexpr uint64_t kKeptFree = 64 * 1024;
+constexpr unsigned long kKeptFree = 64 * 1024;
 
 bool can_be_saved(const Area& area) { return area.row().stem[0] != '\0'; }
 
 /* ---- the copy of one moment ---- */
 
-constexpr int kLongest = 1000; /* milliseconds until a record has to be free */
+constexpr uint32_t kLongest = 1000; /* milliseconds until a record has to be free */
+constexpr int kUnlockedCopies = 100;
 constexpr timespec kPause = {0, 1000000};
 
-long long milliseconds() {
+uint32_t milliseconds() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+  return static_cast<uint32_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
 }
 
 /* The lock files of the areas that are copied, for shared locks on all records of an area. Never
@@ -71,7 +72,7 @@ class RecordLocks {
   /* Locks the areas from `first` up to `end` all at once, within a second. Holds none of them while
    * it pauses: a program that holds a record of one area may wait for one of another. */
   bool hold(int first, int end) {
-    const long long start = milliseconds();
+    const uint32_t start = milliseconds();
     while (true) {
       int n = first;
       while (n < end && lock(n, F_RDLCK)) ++n;
@@ -120,104 +121,67 @@ class RecordLocks {
   int error_ = 0;
 };
 
-/* Copies of areas. */
-struct Images {
-  Buffer bytes[kAreaCount];
+/* Copies all areas. False when there is none. `why_not` stays empty when they are of one moment. */
+bool copy_areas(Source& live, Checkpoint* to, Text* why_not) {
   bool any = false;
-  bool one_moment = true;
-  Text why_not; /* one moment */
-
-  void copy(Source& live, int n) {
-    uint8_t* to = bytes[n].data();
-    if (to != nullptr) copy_pages(to, live.block(static_cast<AreaId>(n)), kAreas[n].row().size);
-  }
-  /* Copies an area whose records are not locked, until two copies are equal, but not for ever. */
-  void copy_until_equal(Source& live, int n) {
-    const long long start = milliseconds();
-    uint8_t* to = bytes[n].data();
-    if (to == nullptr) return;
-    while (copy_pages(to, live.block(static_cast<AreaId>(n)), kAreas[n].row().size) &&
-           milliseconds() - start < kLongest) {
-    }
-  }
-  /* Copies all areas. */
-  void take(Source& live);
-};
-
-void Images::take(Source& live) {
   for (const Area& area : kAreas) {
     const AreaId id = id_of(area);
     if (!can_be_saved(area) || live.block(id) == nullptr) continue;
-    Buffer room(area.row().size);
-    room.swap(bytes[id]);
+    if (to->add_area(area) == nullptr) exit(fail(kRefused, "out of memory"));
     any = true;
   }
   RecordLocks locks(live);
-  one_moment = locks.hold(0, kAreaCount);
-  if (one_moment) {
-    for (int n = 0; n < kAreaCount; ++n) copy(live, n);
-    return;
-  }
-  locks.format_failure(&why_not);
-  const char* before = "; without locks: ";
+  const bool one_moment = locks.hold(0, kAreaCount);
+  if (!one_moment) locks.format_failure(why_not);
   for (int n = 0; n < kAreaCount; ++n) {
-    if (locks.hold(n, n + 1)) {
-      copy(live, n);
-      locks.release(n, n + 1);
-    } else {
-      copy_until_equal(live, n);
-      why_not.print("%s%s", before, kAreas[n].name);
-      before = " ";
+    if (to->images[n] == nullptr) continue;
+    const bool held = one_moment || locks.hold(n, n + 1);
+    if (!held) why_not->print("; %s without its locks", kAreas[n].name);
+    /* Without locks it is copied again while it changes, but not for ever. */
+    for (int times = held ? 1 : kUnlockedCopies; times > 0; --times) {
+      const uint8_t* from = live.block(static_cast<AreaId>(n));
+      if (!copy_pages(to->images[n], from, kAreas[n].row().size)) break;
     }
+    if (held && !one_moment) locks.release(n, n + 1);
   }
+  return any;
 }
 
 /* ---- the folder ---- */
 
-/* Removes a folder of files. */
-bool remove_folder(int parent, const char* name) {
+/* Calls `act` for each entry of a folder. */
+bool for_entries(int parent, const char* name, void (*act)(int folder, const char* entry)) {
   const int folder = openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
   DIR* entries = folder >= 0 ? fdopendir(folder) : nullptr;
   if (entries == nullptr) return false;
-  while (const dirent* entry = readdir(entries)) unlinkat(folder, entry->d_name, 0);
+  while (const dirent* entry = readdir(entries)) act(folder, entry->d_name);
   closedir(entries);
-  return unlinkat(parent, name, AT_REMOVEDIR) == 0;
+  return true;
 }
 
-/* The folder of all checkpoints, while nobody else makes or deletes one. */
-class Store {
- public:
-  Store() = default;
-  ~Store() {
-    if (folder_ >= 0) close(folder_);
-  }
-  Store(const Store&) = delete;
-  Store& operator=(const Store&) = delete;
+/* Removes a folder of files. */
+bool remove_folder(int parent, const char* name) {
+  return for_entries(parent, name,
+                     [](int folder, const char* entry) { unlinkat(folder, entry, 0); }) &&
+         unlinkat(parent, name, AT_REMOVEDIR) == 0;
+}
 
-  /* Opens it and removes what a killed command left. */
-  int open() {
-    if (mkdir(kCheckpoints, 0700) != 0 && errno != EEXIST) return fail_folder();
-    folder_ = ::open(kCheckpoints, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folder_ < 0) return fail_folder();
-    if (flock(folder_, LOCK_EX | LOCK_NB) != 0) {
-      return fail(kRefused, "%s: another checkpoint is being made or deleted", kCheckpoints);
-    }
-    dirent** names;
-    const int count = scandir(kCheckpoints, &names, nullptr, nullptr);
-    for (int n = 0; n < count; ++n) {
-      const char* name = names[n]->d_name;
-      if (name[0] == '.' && name[strspn(name, ".")] != '\0') remove_folder(folder_, name);
-      free(names[n]);
-    }
-    if (count >= 0) free(names);
-    return kOk;
-  }
-  int folder() const { return folder_; }
-  static int fail_folder() { return fail(kNoArea, "%s: %s", kCheckpoints, strerror(errno)); }
+int fail_folder() { return fail(kNoArea, "%s: %s", kCheckpoints, strerror(errno)); }
 
- private:
-  int folder_ = -1;
-};
+/* Opens the folder of all checkpoints, which nobody else changes meanwhile, and removes what a
+ * killed command left in it. */
+int open_store(Descriptor* store) {
+  if (mkdir(kCheckpoints, 0700) != 0 && errno != EEXIST) return fail_folder();
+  store->number = open(kCheckpoints, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (store->number < 0) return fail_folder();
+  if (flock(store->number, LOCK_EX | LOCK_NB) != 0) {
+    return fail(kRefused, "%s: another checkpoint is being made or deleted", kCheckpoints);
+  }
+  for_entries(store->number, ".", [](int folder, const char* entry) {
+    if (entry[0] == '.' && entry[1] != '\0' && entry[1] != '.') remove_folder(folder, entry);
+  });
+  return kOk;
+}
 
 /* The name of a folder that is not or no longer a checkpoint. */
 struct HiddenName {
@@ -226,10 +190,11 @@ struct HiddenName {
 };
 
 /* How many bytes are missing from those that have to stay free. ramfs knows no sizes. */
-uint64_t missing_room(int folder) {
+unsigned long missing_room(int folder) {
   struct statvfs room;
   if (fstatvfs(folder, &room) != 0 || room.f_blocks == 0) return 0;
-  const uint64_t free = static_cast<uint64_t>(room.f_bavail) * room.f_frsize;
+  if (room.f_bavail > kKeptFree / room.f_frsize) return 0;
+  const unsigned long free = static_cast<unsigned long>(room.f_bavail) * room.f_frsize;
   return free < kKeptFree ? kKeptFree - free : 0;
 }
 
@@ -237,14 +202,12 @@ uint64_t missing_room(int folder) {
 
 bool write_all(int file, const void* bytes, size_t size) {
   const auto* at = static_cast<const char*>(bytes);
-  while (size > 0) {
-    const ssize_t done = write(file, at, size);
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return false;
+  ssize_t done;
+  while (size > 0 && (done = write(file, at, size)) > 0) {
     at += done;
     size -= static_cast<size_t>(done);
   }
-  return true;
+  return size == 0;
 }
 
 /* A checkpoint that is being made. It is removed unless it was renamed. */
@@ -252,101 +215,106 @@ class NewCheckpoint {
  public:
   NewCheckpoint(int store, const char* name) : store_(store), name_(name), hidden_(name, ".new") {}
   ~NewCheckpoint() {
-    if (made_) remove_folder(store_, hidden_.text);
     if (folder_ >= 0) close(folder_);
+    if (hidden_.text[0] != '\0') remove_folder(store_, hidden_.text);
     signal(SIGPIPE, on_hang_up_);
   }
   NewCheckpoint(const NewCheckpoint&) = delete;
   NewCheckpoint& operator=(const NewCheckpoint&) = delete;
 
-  int begin() {
-    if (const uint64_t missing = missing_room(store_); missing > 0) return fail_room(missing, true);
-    if (mkdirat(store_, hidden_.text, 0700) != 0) return fail_file(kCheckpoints);
-    made_ = true;
-    folder_ = openat(store_, hidden_.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    return folder_ >= 0 ? kOk : fail_file(hidden_.text);
+  /* A step that does not succeed is told by fail(). */
+  bool begin() {
+    return missing_room(store_) == 0 && mkdirat(store_, hidden_.text, 0700) == 0 &&
+           (folder_ = openat(store_, hidden_.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) >= 0;
   }
-  int write(const Images& images) {
-    if (const int status = write_files(images); status != kOk) return status;
-    if (fsync(folder_) != 0) return fail_file(hidden_.text);
-    if (const uint64_t missing = missing_room(store_); missing > 0)
-      return fail_room(missing, false);
-    if (renameat(store_, hidden_.text, store_, name_) != 0) return fail_file(name_);
-    made_ = false;
-    if (fsync(store_) == 0 && syncfs(store_) == 0) return kOk;
-    return fail(kRefused, "checkpoint %s is perhaps not on flash: %s", name_, strerror(errno));
+  bool write(const Checkpoint& made);
+  bool publish() {
+    lacks_ = "";
+    if (fsync(folder_) != 0 || missing_room(store_) > 0 ||
+        renameat(store_, hidden_.text, store_, name_) != 0) {
+      return false;
+    }
+    hidden_.text[0] = '\0';
+    return fsync(store_) == 0 && syncfs(store_) == 0;
+  }
+
+  int fail() const {
+    const char* why = why_ != nullptr ? why_ : strerror(errno);
+    const unsigned long missing = missing_room(store_);
+    return missing > 0 ? store::fail(kRefused,
+                                     "checkpoint %s is not made: %s%lu bytes are missing: 64 KiB "
+                                     "stay free",
+                                     name_, lacks_, missing)
+                       : store::fail(kNoArea, "checkpoint %s is %s: %s: %s", name_,
+                                     hidden_.text[0] != '\0' ? "not made" : "perhaps not on flash",
+                                     file_, why);
   }
 
  private:
-  int write_files(const Images& images) {
-    char now[24];
-    const time_t seconds = time(nullptr);
-    tm parts;
-    strftime(now, sizeof now, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&seconds, &parts));
-    Text who, manifest;
-    const passwd* user = getpwuid(getuid());
-    if (user != nullptr)
-      who.print("%.40s", user->pw_name);
-    else
-      who.print("uid %u", getuid());
-    manifest.print(kManifestStart, now, who.c_str(), images.one_moment ? kOneMoment : kOneByOne);
-    for (const Area& area : kAreas) {
-      const uint8_t* image = images.bytes[id_of(area)].data();
-      if (image == nullptr) continue;
-      if (const int status = pack(area, image); status != kOk) return status;
-      manifest.print(kManifestArea, area.row().stem, size_t{area.row().size},
-                     sum_of(image, area.row().size));
-    }
-    manifest.print(kManifestEnd, sum_of(manifest.c_str(), manifest.size()));
-    const Descriptor file(create(kManifest));
-    return file.number >= 0 && write_all(file.number, manifest.c_str(), manifest.size()) &&
-                   fsync(file.number) == 0
-               ? kOk
-               : fail_file(kManifest);
-  }
-
-  int pack(const Area& area, const uint8_t* image) {
-    const ImageName name = image_name(area);
-    const Descriptor file(create(name.text));
-    Gzip gzip;
-    if (file.number < 0 || !gzip.start(file.number, Gzip::kPacks)) return fail_file(name.text);
-    const bool written = write_all(gzip.stream, image, area.row().size);
-    int status;
-    if (!gzip.end(&status) || status != 0 || !written) return fail_file(name.text, "gzip failed");
-    return fsync(file.number) == 0 ? kOk : fail_file(name.text);
-  }
-
   int create(const char* name) {
+    snprintf(file_, sizeof file_, "%s", name);
     return openat(folder_, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   }
-
-  int fail_file(const char* file) { return fail_file(file, strerror(errno)); }
-  /* A disk that is full is the usual reason. */
-  int fail_file(const char* file, const char* why) {
-    if (const uint64_t missing = missing_room(store_); missing > 0) return fail_room(missing, true);
-    return fail(kNoArea, "checkpoint %s is not made: %s: %s", name_, file, why);
-  }
-  int fail_room(uint64_t missing, bool at_least) {
-    return fail(kRefused, "checkpoint %s is not made: %s%llu bytes are missing: 64 KiB stay free",
-                name_, at_least ? "at least " : "", static_cast<unsigned long long>(missing));
-  }
+  bool pack(const Area& area, const uint8_t* image);
 
   int store_;
   int folder_ = -1;
-  bool made_ = false;
   const char* name_;
-  HiddenName hidden_;
+  HiddenName hidden_;            /* empty when it was renamed */
+  char file_[40] = "the folder"; /* of the last step */
+  const char* why_ = nullptr;    /* it failed; null: errno tells */
+  const char* lacks_ = "at least ";
   /* A gzip that ends early does not end this program. */
   void (*on_hang_up_)(int) = signal(SIGPIPE, SIG_IGN);
 };
 
+bool NewCheckpoint::pack(const Area& area, const uint8_t* image) {
+  const ImageName name = image_name(area);
+  const Descriptor file(create(name.text));
+  Gzip gzip;
+  if (file.number < 0 || !gzip.start(file.number, Gzip::kPacks)) return false;
+  const bool written = write_all(gzip.stream, image, area.row().size);
+  int status;
+  if (!gzip.end(&status) || status != 0 || !written) {
+    why_ = "gzip failed";
+    return false;
+  }
+  return fsync(file.number) == 0;
+}
+
+bool NewCheckpoint::write(const Checkpoint& made) {
+  Text manifest;
+  manifest.print(kManifestStart, made.time, made.who, made.copied);
+  for (const Area& area : kAreas) {
+    const uint8_t* image = made.images[id_of(area)];
+    const size_t size = area.row().size;
+    if (image == nullptr) continue;
+    if (!pack(area, image)) return false;
+    manifest.print(kManifestArea, area.row().stem, size, sum_of(image, size));
+  }
+  manifest.print(kManifestEnd, sum_of(manifest.c_str(), manifest.size()));
+  const Descriptor file(create(kManifest));
+  return file.number >= 0 && write_all(file.number, manifest.c_str(), manifest.size()) &&
+         fsync(file.number) == 0;
+}
+
+/* Sets time and maker. */
+void sign(Checkpoint* made) {
+  const time_t now = time(nullptr);
+  strftime(made->time, sizeof made->time, "%Y-%m-%dT%H:%M:%SZ", gmtime(&now));
+  if (const passwd* user = getpwuid(getuid()); user != nullptr)
+    snprintf(made->who, sizeof made->who, "%s", user->pw_name);
+  else
+    snprintf(made->who, sizeof made->who, "uid %u", getuid());
+}
+
 int delete_checkpoint(const char* name) {
   if (const int status = need_checkpoint(name); status != kOk) return status;
-  Store store;
-  if (const int status = store.open(); status != kOk) return status;
+  Descriptor store(-1);
+  if (const int status = open_store(&store); status != kOk) return status;
   const HiddenName hidden(name, ".old");
-  if (renameat(store.folder(), name, store.folder(), hidden.text) == 0 &&
-      fsync(store.folder()) == 0 && remove_folder(store.folder(), hidden.text)) {
+  if (renameat(store.number, name, store.number, hidden.text) == 0 && fsync(store.number) == 0 &&
+      remove_folder(store.number, hidden.text)) {
     return kOk;
   }
   return fail(kNoArea, "checkpoint %s: %s", name, strerror(errno));
@@ -362,22 +330,23 @@ int run_checkpoint(Call& call) {
                 "'%s': a checkpoint's name has 1 to 31 of A-Z a-z 0-9 . _ - and no dot in front",
                 name);
   }
-  Store store;
-  if (const int status = store.open(); status != kOk) return status;
-  if (faccessat(store.folder(), name, F_OK, 0) == 0) {
+  Descriptor store(-1);
+  if (const int status = open_store(&store); status != kOk) return status;
+  if (access(checkpoint_path(name).text, F_OK) == 0) {
     return fail(kRefused, "checkpoint %s exists; scctl checkpoint --delete %s removes it", name,
                 name);
   }
-  NewCheckpoint checkpoint(store.folder(), name);
-  if (const int status = checkpoint.begin(); status != kOk) return status;
-  Images images;
-  images.take(call.source);
-  if (!images.any) return fail_without_areas();
-  if (const int status = checkpoint.write(images); status != kOk || images.one_moment) {
-    return status;
-  }
+  NewCheckpoint checkpoint(store.number, name);
+  if (!checkpoint.begin()) return checkpoint.fail();
+  Checkpoint made;
+  Text why_not;
+  if (!copy_areas(call.source, &made, &why_not)) return fail_without_areas();
+  snprintf(made.copied, sizeof made.copied, "%s", why_not.size() == 0 ? kOneMoment : kOneByOne);
+  sign(&made);
+  if (!checkpoint.write(made) || !checkpoint.publish()) return checkpoint.fail();
+  if (why_not.size() == 0) return kOk;
   return fail(kOk, "checkpoint %s is copied area by area, not in one moment: %s", name,
-              images.why_not.c_str());
+              why_not.c_str());
 }
 
 /* ---- list ---- */
@@ -436,7 +405,7 @@ int run_checkpoints(Call& call) {
                                         {"differ", "differ", 6}, {"state", "state", 0}};
   dirent** names = nullptr;
   const int count = scandir(kCheckpoints, &names, nullptr, alphasort);
-  if (count < 0 && errno != ENOENT) return Store::fail_folder();
+  if (count < 0 && errno != ENOENT) return fail_folder();
   Listing listing(call.has(kJson), kColumns);
   for (int n = 0; n < count; ++n) {
     if (is_checkpoint_name(names[n]->d_name)) {

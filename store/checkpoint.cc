@@ -83,6 +83,12 @@ Checkpoint::~Checkpoint() {
   for (uint8_t* image : images) free(image);
 }
 
+uint8_t* Checkpoint::add_area(const Area& area) {
+  auto* image = static_cast<uint8_t*>(calloc(area.row().size, 1));
+  images[id_of(area)] = image;
+  return image;
+}
+
 bool Checkpoint::is(const char* what, const char* file) {
   snprintf(fault, sizeof fault, "%s: %s", what, file);
   return false;
@@ -90,14 +96,9 @@ bool Checkpoint::is(const char* what, const char* file) {
 
 namespace {
 
-/* Opens a regular file. Does not block on a pipe without a writer. */
-int open_regular(int folder, const char* name) {
-  const int file = openat(folder, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
-  struct stat found;
-  if (file < 0) return -1;
-  if (fstat(file, &found) == 0 && S_ISREG(found.st_mode)) return file;
-  close(file);
-  return -1;
+/* Does not block on a pipe without a writer. */
+int open_file(int folder, const char* name) {
+  return openat(folder, name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
 }
 
 }  // namespace
@@ -111,7 +112,7 @@ void Checkpoint::add_size(int folder, const char* name) {
 /* Reads the manifest without its last line. */
 bool Checkpoint::read_manifest(int folder, char* text) {
   char end[32];
-  const Descriptor file(open_regular(folder, kManifest));
+  const Descriptor file(open_file(folder, kManifest));
   Stream stream = {file.number};
   const size_t got = file.number >= 0 ? stream.take(text, kMostManifest) : 0;
   const auto end_size = static_cast<size_t>(snprintf(end, sizeof end, kManifestEnd, 0ull));
@@ -127,13 +128,12 @@ bool Checkpoint::read_image(int folder, const Area& area, size_t image_size,
                             unsigned long long sum) {
   const ImageName name = image_name(area);
   if (image_size != area.row().size) return is("broken: another size", name.text);
-  const Descriptor file(open_regular(folder, name.text));
+  const Descriptor file(open_file(folder, name.text));
   if (file.number < 0) return is("broken: missing", name.text);
   Gzip gzip;
   if (!gzip.start(file.number, Gzip::kUnpacks)) return is("not known", kNoGzip);
-  auto* image = static_cast<uint8_t*>(calloc(image_size, 1));
+  uint8_t* image = add_area(area);
   if (image == nullptr) return is("not known", "out of memory");
-  images[id_of(area)] = image;
   Stream stream = {gzip.stream};
   uint8_t page[kPage];
   size_t at = 0, got;

@@ -16,13 +16,13 @@
 
 namespace store {
 
-constexpr char kCheckpoints[] = "/var/dataconfig/checkpoints";
-constexpr char kManifest[] = "manifest";
-constexpr char kManifestStart[] = "scctl checkpoint 1\ntime %s\nwho %s\ncopied %s\n";
-constexpr char kManifestArea[] = "%s %zu %016llx\n";
-constexpr char kManifestEnd[] = "sum %016llx\n";
-constexpr char kOneMoment[] = "in one moment";
-constexpr char kOneByOne[] = "area by area";
+inline constexpr char kCheckpoints[] = "/var/dataconfig/checkpoints";
+inline constexpr char kManifest[] = "manifest";
+inline constexpr char kManifestStart[] = "scctl checkpoint 1\ntime %s\nwho %s\ncopied %s\n";
+inline constexpr char kManifestArea[] = "%s %zu %016llx\n";
+inline constexpr char kManifestEnd[] = "sum %016llx\n";
+inline constexpr char kOneMoment[] = "in one moment";
+inline constexpr char kOneByOne[] = "area by area";
 constexpr size_t kMostManifest = 2048;
 
 /* 1 to 31 of A-Z a-z 0-9 . _ - without a dot in front. */
@@ -69,6 +69,8 @@ class Checkpoint {
   /* Reads and verifies all of it. False when it is not good; `fault` then tells why, and what could
    * not be read stays as it was. */
   bool read(const char* name);
+  /* An image of zeros. Null when there is no memory. */
+  uint8_t* add_area(const Area& area);
   /* The same for a name that was typed. Prints what is wrong and returns a status. */
   int open(const char* name);
 
