@@ -23,9 +23,10 @@ enum Option : uint16_t {
   kExec = 64,
   kCount = 128,
   kInPlace = 256,
-  kTimeout = 1024,
-  kStatus = 2048,
-  kOnlyMine = 4096,
+  kDelete = 1024,
+  kTimeout = 2048,
+  kStatus = 4096,
+  kOnlyMine = 8192,
   kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
 };
 constexpr uint16_t kSources = kImage | kArchive;
@@ -94,6 +95,10 @@ int present_areas(Call& call, bool* chosen);
 /* Prints that no area exists. */
 int fail_without_areas();
 
+/* Makes the tables equal to those that are wanted, ids included, and prints what was done. With
+ * --dry-run, prints what would change. A table that is not wanted stays as it is. */
+int replace_tables(Call& call, Snapshot* wanted);
+
 int init_area(Call& call, AreaId id);
 /* Saves the area, then reads the archive back to check it. */
 int save_area(Call& call, AreaId id);
@@ -130,6 +135,9 @@ int run_lease(Call&);
 int run_export(Call&);
 int run_import(Call&);
 int run_diff(Call&);
+int run_checkpoint(Call&);
+int run_checkpoints(Call&);
+int run_rollback(Call&);
 int run_check(Call&);
 int run_repair(Call&);
 int run_locks(Call&);

@@ -1,7 +1,7 @@
 _scctl() {
   local command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]}
   local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help' fields='' words='' ahead=''
-  local commands='tables fields areas list get find dump add set del clear bind unbind batch init save restore remove notify lease export import diff check repair locks watch completion help'
+  local commands='tables fields areas list get find dump add set del clear bind unbind batch init save restore remove notify lease export import diff checkpoint checkpoints rollback check repair locks watch completion help'
   local tables='lan_settings lan_binds ac_binds wan wan_rest product_info misc_1 misc_2 misc_3 misc_4 misc_5 ip_groups time_groups port_forward ip_filter mac_filter url_filter qos aps ap_users ap_templates default_template client_groups clients'
   local areas='Lan Wan ProductInfo Misc VsIpport FwIpport IpGroup TimeGroup FwMac FwUrl Qos ManageApList ApUserList ApTemplateList DefApTemplate Clients_Groups Clients'
   case $command in
@@ -24,6 +24,9 @@ _scctl() {
     notify) options+=' --all' ;;
     export) options+=' --image --archive' ;;
     import) options+=' --dry-run --image --archive --in-place' ;;
+    checkpoint) options+=' --delete' ;;
+    checkpoints) options+=' --json' ;;
+    rollback) options+=' --dry-run' ;;
     check) options+=' --image --archive' ;;
     repair) options+=' --all --dry-run --image --archive --in-place' ;;
     locks) options+=' --json' ;;
@@ -73,7 +76,7 @@ _scctl() {
       diff:2|diff:3) words='live saved' ;;
       fields:2|list:2|get:2|find:2|add:2|set:2|del:2|clear:2) words=$tables ;;
       find:*|add:*|set:*) words=${fields// /= }${fields:+=} ;;
-      dump:*|init:*|save:*|restore:*|remove:*|notify:*|export:*|check:*|repair:*|watch:*) words=$areas ;;
+      dump:*|init:*|save:*|restore:*|remove:*|notify:*|export:*|rollback:*|check:*|repair:*|watch:*) words=$areas ;;
     esac
   fi
   mapfile -t COMPREPLY < <(

@@ -105,9 +105,22 @@ constexpr Command kCommands[] = {
    "- is standard input.\n",
    kDryRun | kChanges | kInput, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
-   "A and B are images, archives, live or saved. Without them, compares saved with\n"
-   "live. Exit status 1 if they differ.\n",
+   "A and B are images, archives, live, saved or checkpoint:NAME. Without them,\n"
+   "compares saved with live. Exit status 1 if they differ.\n",
    0, 0, 2, run_diff},
+  {"checkpoint", "NAME", "keep the present state of all areas under a name",
+   "Copies all areas that can be saved, of one moment: nobody changes a record while\n"
+   "it copies. If records stay locked for a second, it copies area by area, and says\n"
+   "so. NAME has 1 to 31 of A-Z a-z 0-9 . _ - and no dot in front.\n",
+   kDelete, 1, 1, run_checkpoint},
+  {"checkpoints", "", "list the checkpoints",
+   "Prints time, size on flash, who made it, the number of records that differ from\n"
+   "live, and how it was copied, or why it cannot be used.\n",
+   kJson, 0, 0, run_checkpoints},
+  {"rollback", "NAME [AREA...]", "make areas equal to a checkpoint",
+   "Changes all areas of the checkpoint if none is named. Writes only what differs;\n"
+   "ids stay. Refuses a broken checkpoint.\n",
+   kDryRun, 1, -1, run_rollback},
   {"check", "[AREA...]", "look for damage",
    "Checks header, lock and id words, counters, duplicates, archives, and references\n"
    "to groups that do not exist. Prints the remedies. Exit status 1 if there\n"
@@ -180,6 +193,7 @@ constexpr OptionRow kOptions[] = {
   {"image",    kImage,          "FILE",    "use a .cfg image, not the live area"},
   {"archive",  kArchive,        "FILE",    "use a .bin archive, not the live area"},
   {"in-place", kInPlace,        nullptr,   "change that file"},
+  {"delete",   kDelete,         nullptr,   "remove the checkpoint"},
   {"exec",     kExec,           "COMMAND", "run a shell command after each change"},
   {"count",    kCount,          "N",       "end after N changes"},
   {"timeout",  kTimeout,        "SECONDS", "time until it is taken back"},
@@ -216,7 +230,7 @@ void print_help() {
       "usage: scctl COMMAND [ARGUMENT]... [OPTION]...\n\n"
       "Shows and edits the live configuration, a saved image or an archive.\n"
       "TABLE/ID names a record, TABLE/ID.FIELD a field of it.\n\ncommands:");
-  for (const Command& command : kCommands) printf("  %-10s  %s\n", command.name, command.summary);
+  for (const Command& command : kCommands) printf("  %-11s  %s\n", command.name, command.summary);
   puts(
       "\nscctl help COMMAND or scctl COMMAND --help describes a command; scctl --version\n"
       "prints the version. Exit status: 0 done; 1 refused, nothing found, different, or\n"

@@ -72,10 +72,10 @@ struct Tally {
 
 /* Groups are written before the rules that refer to them. Records are deleted last, rules before
  * groups. So no rule ever refers to a group that does not exist. */
-int write_tables(Edit& edit, const Import& import, const Snapshot* now, Tally* tallies) {
+int write_tables(Edit& edit, const Snapshot* all_wanted, const Snapshot* now, Tally* tallies) {
   for (int n = 0; n < kTableCount; ++n) {
     const Table& table = kTables[n];
-    const Snapshot &was = now[n], &wanted = import.wanted[n];
+    const Snapshot &was = now[n], &wanted = all_wanted[n];
     for (uint32_t position = 0; wanted && position < table.capacity; ++position) {
       if (!wanted.used(position)) continue;
       Written written;
@@ -95,7 +95,7 @@ int write_tables(Edit& edit, const Import& import, const Snapshot* now, Tally* t
   for (int n = kTableCount; n-- > 0;) {
     const Snapshot& was = now[n];
     for (uint32_t position = 0; was && position < was.table().capacity; ++position) {
-      if (!was.used(position) || import.wanted[n].used(position)) continue;
+      if (!was.used(position) || all_wanted[n].used(position)) continue;
       const Written written = edit.remove(was.table(), position, was.record(position));
       if (written == Written::kNotUsed) continue;
       if (written != Written::kDone) return fail_written(was.table(), position + 1, written);
@@ -105,10 +105,10 @@ int write_tables(Edit& edit, const Import& import, const Snapshot* now, Tally* t
   return kOk;
 }
 
-uint32_t areas_of(const Import& import) {
+uint32_t areas_of(const Snapshot* wanted) {
   uint32_t areas = 0;
-  for (const Snapshot& wanted : import.wanted) {
-    if (wanted) areas |= bit(wanted.table().area);
+  for (int n = 0; n < kTableCount; ++n) {
+    if (wanted[n]) areas |= bit(kTables[n].area);
   }
   return areas;
 }
@@ -122,30 +122,28 @@ int need_areas(Source& live, uint32_t areas) {
   return kOk;
 }
 
-/* Reads the present contents of the tables that are in the file. */
-void take_tables(Source& live, Import& import, Snapshot* now) {
+/* Reads the present contents of the wanted tables. */
+void take_tables(Source& live, Snapshot* wanted, Snapshot* now) {
   for (int n = 0; n < kTableCount; ++n) {
-    if (!import.wanted[n]) continue;
+    if (!wanted[n]) continue;
     Snapshot taken(kTables[n]);
     taken.take(live);
     taken.swap(now[n]);
-    add_sections(now[n], &import.wanted[n]);
+    add_sections(now[n], &wanted[n]);
   }
 }
 
 }  // namespace
 
-int run_import(Call& call) {
-  Import import;
-  if (const int status = import.read(call); status != kOk) return status;
-  const uint32_t areas = areas_of(import);
+int replace_tables(Call& call, Snapshot* wanted) {
+  const uint32_t areas = areas_of(wanted);
   if (const int status = need_areas(call.source, areas); status != kOk) return status;
   Snapshot now[kTableCount];
   unsigned changed = 0;
   if (call.has(kDryRun)) {
-    take_tables(call.source, import, now);
+    take_tables(call.source, wanted, now);
     for (int n = 0; n < kTableCount; ++n) {
-      if (now[n] && print_changes("", now[n], import.wanted[n])) ++changed;
+      if (now[n] && print_changes("", now[n], wanted[n])) ++changed;
     }
     printf("tables to change: %u\n", changed);
     return kOk;
@@ -155,8 +153,8 @@ int run_import(Call& call) {
   {
     Edit edit(call.source);
     if (status = edit.begin(areas); status != kOk) return status;
-    take_tables(call.source, import, now);
-    status = write_tables(edit, import, now, tallies);
+    take_tables(call.source, wanted, now);
+    status = write_tables(edit, wanted, now, tallies);
   }
   for (int n = 0; n < kTableCount; ++n) {
     const Tally& tally = tallies[n];
@@ -167,6 +165,12 @@ int run_import(Call& call) {
   }
   tell("tables changed: %u%s", changed, status == kOk ? "" : failure_note());
   return status;
+}
+
+int run_import(Call& call) {
+  Import import;
+  if (const int status = import.read(call); status != kOk) return status;
+  return replace_tables(call, import.wanted);
 }
 
 /* ---- diff ---- */
@@ -274,8 +278,8 @@ int run_diff(Call& call) {
     if (!in_a || !in_b) {
       /* A file holds one area, and an area that is never saved has no archive. So one side may lack
        * an area. */
-      const bool expected = (a.is_live() || a.is_saved()) && (b.is_live() || b.is_saved()) &&
-                            area.row().stem[0] != '\0' && (in_a || in_b);
+      const bool expected =
+          a.is_whole() && b.is_whole() && area.row().stem[0] != '\0' && (in_a || in_b);
       if (expected) print_single(area, in_a ? a : b, in_a ? b : a);
       any |= expected;
       continue;

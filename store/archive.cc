@@ -5,15 +5,13 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include "store/gzip.h"
 #include "store/stream.h"
 
 namespace store {
@@ -21,78 +19,9 @@ namespace store {
 namespace {
 
 constexpr char kBadGzip[] = "corrupt or truncated gzip data";
-constexpr int kFirstOther = STDERR_FILENO + 1;
-/* Linux before 5.9 closes descriptors one by one. Those above the usual limit are left to the
- * program that opened them. */
-constexpr int kUsualLimit = 1024;
 constexpr char kNotRead[] = "it could not be read";
 
 /* ---- gzip ---- */
-
-/* Closes all descriptors except standard input, output and error. */
-void close_others() {
-#ifdef SYS_close_range
-  if (syscall(SYS_close_range, kFirstOther, ~0u, 0) == 0) return;
-#endif
-  for (int file = kFirstOther; file < kUsualLimit; ++file) close(file);
-}
-
-[[noreturn]] void become_gzip(int file, int out) {
-  for (int n = 1; n < NSIG; ++n) signal(n, SIG_DFL);
-  const sigset_t none = {};
-  sigprocmask(SIG_SETMASK, &none, nullptr);
-  const bool ready = dup2(file, STDIN_FILENO) >= 0 && dup2(out, STDOUT_FILENO) >= 0;
-  close_others();
-  const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  unsetenv("GZIP"); /* GNU gzip takes options from it, too */
-  if (ready && nothing >= 0 && dup2(nothing, STDERR_FILENO) >= 0) {
-    execlp("gzip", "gzip", "-dc", nullptr);
-  }
-  _exit(127);
-}
-
-class Gzip {
- public:
-  /* With this, waitpid works even when this process was started with SIGCHLD ignored. */
-  Gzip() : former_(signal(SIGCHLD, SIG_DFL)) {}
-  ~Gzip() {
-    if (stream >= 0) close(stream);
-    if (process_ > 0) {
-      kill(process_, SIGKILL);
-      wait(nullptr);
-    }
-    signal(SIGCHLD, former_);
-  }
-  Gzip(const Gzip&) = delete;
-  Gzip& operator=(const Gzip&) = delete;
-
-  bool start(int file, Archive* archive) {
-    int pipe[2];
-    if (pipe2(pipe, O_CLOEXEC) != 0) return archive->cannot(kNoGzip);
-    stream = pipe[0];
-    process_ = fork();
-    if (process_ == 0) become_gzip(file, pipe[1]);
-    if (process_ < 0) archive->cannot(kNoGzip);
-    close(pipe[1]);
-    return process_ > 0;
-  }
-
-  /* Waits for the end of gzip. The status is that of waitpid. */
-  bool wait(int* status) {
-    pid_t ended;
-    do {
-      ended = waitpid(process_, status, 0);
-    } while (ended < 0 && errno == EINTR);
-    process_ = -1;
-    return ended > 0;
-  }
-
-  int stream = -1;
-
- private:
-  pid_t process_ = -1;
-  void (*former_)(int);
-};
 
 /* Reads the rest of the stream. True when it ends within the limit; errno is 0 when every read
  * succeeded. */
@@ -142,7 +71,7 @@ bool judge_status(int status, int file, Archive* archive) {
 
 bool judge_by_gzip(int file, const sc::AreaRow* area, Archive* archive) {
   Gzip gzip;
-  if (!gzip.start(file, archive)) return false;
+  if (!gzip.start(file, Gzip::kUnpacks)) return archive->cannot(kNoGzip);
   const bool good = judge_tar(gzip.stream, area, archive);
   if (archive->state == State::kUnknown) return false;
   /* gzip reports a wrong length or checksum only at the end of its stream. */

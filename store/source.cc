@@ -191,7 +191,29 @@ AreaId Source::held() const {
   return static_cast<AreaId>(area);
 }
 
+void Source::take_checkpoint(Checkpoint* checkpoint) {
+  checkpoint_ = true;
+  for (int n = 0; n < kAreaCount; ++n) {
+    own_[n] = checkpoint->images[n];
+    checkpoint->images[n] = nullptr;
+  }
+}
+
+namespace {
+
+constexpr char kCheckpointPrefix[] = "checkpoint:";
+constexpr size_t kPrefixSize = sizeof kCheckpointPrefix - 1;
+
+}  // namespace
+
 int Source::open_named(const char* name) {
+  if (strncmp(name, kCheckpointPrefix, kPrefixSize) == 0) {
+    name_ = name;
+    Checkpoint checkpoint;
+    if (const int status = checkpoint.open(name + kPrefixSize); status != kOk) return status;
+    take_checkpoint(&checkpoint);
+    return kOk;
+  }
   if (strcmp(name, "live") == 0) {
     open_live();
     return kOk;

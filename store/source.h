@@ -10,6 +10,7 @@
 #include "store/catalogue.h"
 #include "store/say.h"
 #include "store/archive.h"
+#include "store/checkpoint.h"
 
 namespace store {
 
@@ -43,10 +44,12 @@ class Source {
   /* The area of the image or archive. */
   AreaId held() const;
   /* Opens an image or an archive; the first bytes of the file tell which. "live" and "saved" open
-   * the live segments and the archives of saves. */
+   * the live segments and the archives of saves, "checkpoint:NAME" a checkpoint. */
   int open_named(const char* name);
   /* Opens the archives of saves. Each is read when it is needed. */
   void open_saved();
+  /* Takes the images of a checkpoint that was read. */
+  void take_checkpoint(Checkpoint* checkpoint);
 
   /* The area's block, or null. */
   uint8_t* block(AreaId area);
@@ -54,6 +57,8 @@ class Source {
   int need(AreaId area);
   bool is_live() const { return live_; }
   bool is_saved() const { return saved_; }
+  /* Whether it is of all areas that can be saved: an area that it lacks does not exist there. */
+  bool is_whole() const { return live_ || saved_ || checkpoint_; }
   const char* name() const { return name_; }
   void* const* blocks() const { return blocks_; }
 
@@ -62,6 +67,7 @@ class Source {
   void** blocks_ = own_;
   bool live_ = false;
   bool saved_ = false;
+  bool checkpoint_ = false;
   const char* name_ = "";
 };
 

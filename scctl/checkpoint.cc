@@ -1,0 +1,462 @@
+/* Commands for checkpoints: checkpoint, checkpoints, rollback.
+ *
+ * A checkpoint is made in a folder .NAME.new, which is renamed when all of it is on flash. To delete
+ * one, it is first renamed to .NAME.old. So a kill or a power cut leaves all of it or nothing. The
+ * next command that makes or deletes one removes what was left.
+ */
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pwd.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <sysconfig/core.h>
+
+#include "commands.h"
+#include "listing.h"
+#include "store/gzip.h"
+#include "store/value.h"
+
+namespace scctl {
+
+namespace {
+
+constexpr unsigned long kKeptFree = 64 * 1024;
+
+bool can_be_saved(const Area& area) { return area.row().stem[0] != '\0'; }
+
+/* ---- the copy of one moment ---- */
+
+constexpr uint32_t kLongest = 1000; /* milliseconds until a record has to be free */
+constexpr int kUnlockedCopies = 100;
+constexpr timespec kPause = {0, 1000000};
+
+uint32_t milliseconds() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint32_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
+}
+
+/* The lock files of the areas that are copied, for shared locks on all records of an area. Never
+ * waits in the kernel (F_SETLKW): the kernel could then answer another program's wait with EDEADLK,
+ * and the library would write without a lock. No edit of this process is open meanwhile: the end of
+ * these descriptors would drop its locks. */
+class RecordLocks {
+ public:
+  explicit RecordLocks(Source& live) {
+    for (const Area& area : kAreas) {
+      const AreaId id = id_of(area);
+      files_[id] = kNotCopied;
+      if (!can_be_saved(area) || live.block(id) == nullptr) continue;
+      files_[id] = open(lock_path(area).text, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+      if (files_[id] < 0) files_[id] = -errno;
+    }
+  }
+  ~RecordLocks() {
+    for (const int file : files_) {
+      if (file >= 0) close(file);
+    }
+  }
+  RecordLocks(const RecordLocks&) = delete;
+  RecordLocks& operator=(const RecordLocks&) = delete;
+
+  /* Locks the areas from `first` up to `end` all at once, within a second. Holds none of them while
+   * it pauses: a program that holds a record of one area may wait for one of another. */
+  bool hold(int first, int end) {
+    const uint32_t start = milliseconds();
+    while (true) {
+      int n = first;
+      while (n < end && lock(n, F_RDLCK)) ++n;
+      if (n == end) return true;
+      error_ = errno == EACCES && files_[n] >= 0 ? EAGAIN : errno;
+      missing_ = n;
+      release(first, n);
+      if (error_ != EAGAIN || milliseconds() - start >= kLongest) return false;
+      nanosleep(&kPause, nullptr);
+    }
+  }
+  void release(int first, int end) {
+    for (int n = first; n < end; ++n) lock(n, F_UNLCK);
+  }
+  /* Prints why the last hold did not succeed. */
+  void format_failure(Text* to) const {
+    const Area& area = kAreas[missing_];
+    if (error_ == EAGAIN)
+      to->print("records of area %s were locked for a second", area.name);
+    else
+      to->print("%s: %s", lock_path(area).text, strerror(error_));
+  }
+
+ private:
+  static constexpr int kNotCopied = INT_MIN;
+
+  bool lock(int n, short type) {
+    if (files_[n] == kNotCopied) return true;
+    if (files_[n] < 0) {
+      errno = -files_[n];
+      return false;
+    }
+    return sc_lock_reg(files_[n], F_SETLK, type, first_byte(n), SEEK_SET, 0) == 0;
+  }
+  /* The lowest byte that guards a record; 0 means all bytes behind it, too. */
+  static off_t first_byte(int n) {
+    uint32_t first = 2;
+    for (const Table& table : kTables) {
+      if (table.area == n && table.lock_at < 0) first = lock_index_of(table, 0);
+    }
+    return static_cast<off_t>(first);
+  }
+
+  int files_[kAreaCount]; /* or minus the errno of a file that could not be opened */
+  int missing_ = 0;
+  int error_ = 0;
+};
+
+/* Copies all areas. False when there is none. `why_not` stays empty when they are of one moment. */
+bool copy_areas(Source& live, Checkpoint* to, Text* why_not) {
+  bool any = false;
+  for (const Area& area : kAreas) {
+    const AreaId id = id_of(area);
+    if (!can_be_saved(area) || live.block(id) == nullptr) continue;
+    if (to->add_area(area) == nullptr) exit(fail(kRefused, "out of memory"));
+    any = true;
+  }
+  RecordLocks locks(live);
+  const bool one_moment = locks.hold(0, kAreaCount);
+  if (!one_moment) locks.format_failure(why_not);
+  for (int n = 0; n < kAreaCount; ++n) {
+    if (to->images[n] == nullptr) continue;
+    const bool held = one_moment || locks.hold(n, n + 1);
+    if (!held) why_not->print("; %s without its locks", kAreas[n].name);
+    /* Without locks it is copied again while it changes, but not for ever. */
+    for (int times = held ? 1 : kUnlockedCopies; times > 0; --times) {
+      const uint8_t* from = live.block(static_cast<AreaId>(n));
+      if (!copy_pages(to->images[n], from, kAreas[n].row().size)) break;
+    }
+    if (held && !one_moment) locks.release(n, n + 1);
+  }
+  return any;
+}
+
+/* ---- the folder ---- */
+
+/* Calls `act` for each entry of a folder. */
+bool for_entries(int parent, const char* name, void (*act)(int folder, const char* entry)) {
+  const int folder = openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+  DIR* entries = folder >= 0 ? fdopendir(folder) : nullptr;
+  if (entries == nullptr) return false;
+  while (const dirent* entry = readdir(entries)) act(folder, entry->d_name);
+  closedir(entries);
+  return true;
+}
+
+/* Removes a folder of files. */
+bool remove_folder(int parent, const char* name) {
+  return for_entries(parent, name,
+                     [](int folder, const char* entry) { unlinkat(folder, entry, 0); }) &&
+         unlinkat(parent, name, AT_REMOVEDIR) == 0;
+}
+
+int fail_folder() { return fail(kNoArea, "%s: %s", kCheckpoints, strerror(errno)); }
+
+/* Opens the folder of all checkpoints, which nobody else changes meanwhile, and removes what a
+ * killed command left in it. */
+int open_store(Descriptor* store) {
+  if (mkdir(kCheckpoints, 0700) != 0 && errno != EEXIST) return fail_folder();
+  store->number = open(kCheckpoints, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (store->number < 0) return fail_folder();
+  if (flock(store->number, LOCK_EX | LOCK_NB) != 0) {
+    return fail(kRefused, "%s: another checkpoint is being made or deleted", kCheckpoints);
+  }
+  for_entries(store->number, ".", [](int folder, const char* entry) {
+    if (entry[0] == '.' && entry[1] != '\0' && entry[1] != '.') remove_folder(folder, entry);
+  });
+  return kOk;
+}
+
+/* The name of a folder that is not or no longer a checkpoint. */
+struct HiddenName {
+  HiddenName(const char* name, const char* end) { snprintf(text, sizeof text, ".%s%s", name, end); }
+  char text[40];
+};
+
+/* How many bytes are missing from those that have to stay free. ramfs knows no sizes. */
+unsigned long missing_room(int folder) {
+  struct statvfs room;
+  if (fstatvfs(folder, &room) != 0 || room.f_blocks == 0) return 0;
+  if (room.f_bavail > kKeptFree / room.f_frsize) return 0;
+  const unsigned long free = static_cast<unsigned long>(room.f_bavail) * room.f_frsize;
+  return free < kKeptFree ? kKeptFree - free : 0;
+}
+
+/* ---- writing ---- */
+
+bool write_all(int file, const void* bytes, size_t size) {
+  const auto* at = static_cast<const char*>(bytes);
+  ssize_t done;
+  while (size > 0 && (done = write(file, at, size)) > 0) {
+    at += done;
+    size -= static_cast<size_t>(done);
+  }
+  return size == 0;
+}
+
+/* A checkpoint that is being made. It is removed unless it was renamed. */
+class NewCheckpoint {
+ public:
+  NewCheckpoint(int store, const char* name) : store_(store), name_(name), hidden_(name, ".new") {}
+  ~NewCheckpoint() {
+    if (folder_ >= 0) close(folder_);
+    if (hidden_.text[0] != '\0') remove_folder(store_, hidden_.text);
+    signal(SIGPIPE, on_hang_up_);
+  }
+  NewCheckpoint(const NewCheckpoint&) = delete;
+  NewCheckpoint& operator=(const NewCheckpoint&) = delete;
+
+  /* A step that does not succeed is told by fail(). */
+  bool begin() {
+    return missing_room(store_) == 0 && mkdirat(store_, hidden_.text, 0700) == 0 &&
+           (folder_ = openat(store_, hidden_.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) >= 0;
+  }
+  bool write(const Checkpoint& made);
+  bool publish() {
+    lacks_ = "";
+    if (fsync(folder_) != 0 || missing_room(store_) > 0 ||
+        renameat(store_, hidden_.text, store_, name_) != 0) {
+      return false;
+    }
+    hidden_.text[0] = '\0';
+    return fsync(store_) == 0 && syncfs(store_) == 0;
+  }
+
+  int fail() const {
+    const char* why = why_ != nullptr ? why_ : strerror(errno);
+    const unsigned long missing = missing_room(store_);
+    return missing > 0 ? store::fail(kRefused,
+                                     "checkpoint %s is not made: %s%lu bytes are missing: 64 KiB "
+                                     "stay free",
+                                     name_, lacks_, missing)
+                       : store::fail(kNoArea, "checkpoint %s is %s: %s: %s", name_,
+                                     hidden_.text[0] != '\0' ? "not made" : "perhaps not on flash",
+                                     file_, why);
+  }
+
+ private:
+  int create(const char* name) {
+    snprintf(file_, sizeof file_, "%s", name);
+    return openat(folder_, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  }
+  bool pack(const Area& area, const uint8_t* image);
+
+  int store_;
+  int folder_ = -1;
+  const char* name_;
+  HiddenName hidden_;            /* empty when it was renamed */
+  char file_[40] = "the folder"; /* of the last step */
+  const char* why_ = nullptr;    /* it failed; null: errno tells */
+  const char* lacks_ = "at least ";
+  /* A gzip that ends early does not end this program. */
+  void (*on_hang_up_)(int) = signal(SIGPIPE, SIG_IGN);
+};
+
+bool NewCheckpoint::pack(const Area& area, const uint8_t* image) {
+  const ImageName name = image_name(area);
+  const Descriptor file(create(name.text));
+  Gzip gzip;
+  if (file.number < 0 || !gzip.start(file.number, Gzip::kPacks)) return false;
+  const bool written = write_all(gzip.stream, image, area.row().size);
+  int status;
+  if (!gzip.end(&status) || status != 0 || !written) {
+    why_ = "gzip failed";
+    return false;
+  }
+  return fsync(file.number) == 0;
+}
+
+bool NewCheckpoint::write(const Checkpoint& made) {
+  Text manifest;
+  manifest.print(kManifestStart, made.time, made.who, made.copied);
+  for (const Area& area : kAreas) {
+    const uint8_t* image = made.images[id_of(area)];
+    const size_t size = area.row().size;
+    if (image == nullptr) continue;
+    if (!pack(area, image)) return false;
+    manifest.print(kManifestArea, area.row().stem, size, sum_of(image, size));
+  }
+  manifest.print(kManifestEnd, sum_of(manifest.c_str(), manifest.size()));
+  const Descriptor file(create(kManifest));
+  return file.number >= 0 && write_all(file.number, manifest.c_str(), manifest.size()) &&
+         fsync(file.number) == 0;
+}
+
+/* Sets time and maker. */
+void sign(Checkpoint* made) {
+  const time_t now = time(nullptr);
+  strftime(made->time, sizeof made->time, "%Y-%m-%dT%H:%M:%SZ", gmtime(&now));
+  if (const passwd* user = getpwuid(getuid()); user != nullptr)
+    snprintf(made->who, sizeof made->who, "%s", user->pw_name);
+  else
+    snprintf(made->who, sizeof made->who, "uid %u", getuid());
+}
+
+int delete_checkpoint(const char* name) {
+  if (const int status = need_checkpoint(name); status != kOk) return status;
+  Descriptor store(-1);
+  if (const int status = open_store(&store); status != kOk) return status;
+  const HiddenName hidden(name, ".old");
+  if (renameat(store.number, name, store.number, hidden.text) == 0 && fsync(store.number) == 0 &&
+      remove_folder(store.number, hidden.text)) {
+    return kOk;
+  }
+  return fail(kNoArea, "checkpoint %s: %s", name, strerror(errno));
+}
+
+}  // namespace
+
+int run_checkpoint(Call& call) {
+  const char* name = call.words[0];
+  if (call.has(kDelete)) return delete_checkpoint(name);
+  if (!is_checkpoint_name(name)) {
+    return fail(kRefused,
+                "'%s': a checkpoint's name has 1 to 31 of A-Z a-z 0-9 . _ - and no dot in front",
+                name);
+  }
+  Descriptor store(-1);
+  if (const int status = open_store(&store); status != kOk) return status;
+  if (access(checkpoint_path(name).text, F_OK) == 0) {
+    return fail(kRefused, "checkpoint %s exists; scctl checkpoint --delete %s removes it", name,
+                name);
+  }
+  NewCheckpoint checkpoint(store.number, name);
+  if (!checkpoint.begin()) return checkpoint.fail();
+  Checkpoint made;
+  Text why_not;
+  if (!copy_areas(call.source, &made, &why_not)) return fail_without_areas();
+  snprintf(made.copied, sizeof made.copied, "%s", why_not.size() == 0 ? kOneMoment : kOneByOne);
+  sign(&made);
+  if (!checkpoint.write(made) || !checkpoint.publish()) return checkpoint.fail();
+  if (why_not.size() == 0) return kOk;
+  return fail(kOk, "checkpoint %s is copied area by area, not in one moment: %s", name,
+              why_not.c_str());
+}
+
+/* ---- list ---- */
+
+namespace {
+
+bool differs(const Snapshot& one, const Snapshot& other, uint32_t position) {
+  if (one.used(position) != other.used(position)) return true;
+  if (!one.used(position)) return false;
+  for (const Field& field : one.table()) {
+    if (!equal(field, one.record(position), other.record(position))) return true;
+  }
+  return false;
+}
+
+unsigned long count_differences(Source& one, Source& other) {
+  unsigned long count = 0;
+  for (const Table& table : kTables) {
+    if (!can_be_saved(kAreas[table.area])) continue;
+    Snapshot in_one(table), in_other(table);
+    in_one.take(one);
+    in_other.take(other);
+    for (uint32_t n = 0; n < table.capacity; ++n) count += differs(in_one, in_other, n);
+  }
+  return count;
+}
+
+void list_checkpoint(const char* name, Source& live, Listing* listing) {
+  Checkpoint checkpoint;
+  const bool good = checkpoint.read(name);
+  const auto add = [listing](const char* text) {
+    if (text[0] != '\0')
+      listing->add(text);
+    else
+      listing->add("null", "-");
+  };
+  listing->add(name);
+  add(checkpoint.time);
+  listing->add(checkpoint.size);
+  add(checkpoint.who);
+  if (good) {
+    Source source;
+    source.take_checkpoint(&checkpoint);
+    listing->add(count_differences(source, live));
+  } else {
+    listing->add("null", "-");
+  }
+  listing->add(good ? checkpoint.copied : checkpoint.fault);
+}
+
+}  // namespace
+
+int run_checkpoints(Call& call) {
+  static constexpr Column kColumns[] = {{"name", "name", -16},   {"time", "time", -20},
+                                        {"bytes", "bytes", 7},   {"who", "who", -8},
+                                        {"differ", "differ", 6}, {"state", "state", 0}};
+  dirent** names = nullptr;
+  const int count = scandir(kCheckpoints, &names, nullptr, alphasort);
+  if (count < 0 && errno != ENOENT) return fail_folder();
+  Listing listing(call.has(kJson), kColumns);
+  for (int n = 0; n < count; ++n) {
+    if (is_checkpoint_name(names[n]->d_name)) {
+      list_checkpoint(names[n]->d_name, call.source, &listing);
+    }
+    free(names[n]);
+  }
+  free(names);
+  listing.end();
+  return kOk;
+}
+
+/* ---- rollback ---- */
+
+namespace {
+
+/* Reads what the tables of the named areas held, or of all areas in the checkpoint. */
+int read_wanted(const Call& call, Snapshot* wanted) {
+  bool chosen[kAreaCount] = {};
+  for (int n = 1; n < call.word_count; ++n) {
+    AreaId id = kAreaCount;
+    if (const int status = parse_area(call.words[n], &id); status != kOk) return status;
+    chosen[id] = true;
+  }
+  Text name;
+  name.print("checkpoint:%s", call.words[0]);
+  Source source;
+  if (const int status = source.open_named(name.c_str()); status != kOk) return status;
+  for (int n = 0; n < kAreaCount; ++n) {
+    const auto id = static_cast<AreaId>(n);
+    if (call.word_count == 1) {
+      chosen[n] = source.block(id) != nullptr;
+    } else if (chosen[n]) {
+      if (const int status = source.need(id); status != kOk) return status;
+    }
+  }
+  for (int n = 0; n < kTableCount; ++n) {
+    if (!chosen[kTables[n].area]) continue;
+    Snapshot taken(kTables[n]);
+    taken.take(source);
+    taken.swap(wanted[n]);
+  }
+  return kOk;
+}
+
+}  // namespace
+
+int run_rollback(Call& call) {
+  Snapshot wanted[kTableCount];
+  if (const int status = read_wanted(call, wanted); status != kOk) return status;
+  return replace_tables(call, wanted);
+}
+
+}  // namespace scctl
