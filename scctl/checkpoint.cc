@@ -453,10 +453,20 @@ int read_wanted(const Call& call, Snapshot* wanted) {
 
 }  // namespace
 
-int run_rollback(Call& call) {
+namespace {
+
+int roll_back(Call& call) {
   Snapshot wanted[kTableCount];
   if (const int status = read_wanted(call, wanted); status != kOk) return status;
   return replace_tables(call, wanted);
+}
+
+}  // namespace
+
+int run_rollback(Call& call) {
+  if (!call.has(kTimeout)) return roll_back(call);
+  if (call.has(kDryRun)) return fail(kUsage, "--dry-run and --timeout exclude each other");
+  return run_tried(call, roll_back);
 }
 
 }  // namespace scctl

@@ -142,6 +142,10 @@ int run_check(Call&);
 int run_repair(Call&);
 int run_locks(Call&);
 int run_watch(Call&);
+/* Makes a change as a try. */
+int run_tried(Call& call, int (*make)(Call& call));
+/* Opens the live areas that a try concerns, with the values of before it. */
+int open_try(Source* source);
 int run_try(Call&);
 int run_confirm(Call&);
 int run_revert(Call&);

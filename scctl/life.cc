@@ -12,6 +12,7 @@
 #include <sysconfig/core.h>
 
 #include "commands.h"
+#include "store/journal.h"
 
 namespace scctl {
 
@@ -44,6 +45,15 @@ bool is_regular(const Path& path) {
 
 }  // namespace
 
+namespace {
+
+/* Whole areas are changed without a journal of their records. */
+void set_not_undoable() {
+  if (g_journal != nullptr) g_journal->set_not_undoable();
+}
+
+}  // namespace
+
 int init_area(Call&, AreaId id) {
   const Area& area = kAreas[id];
   const Path archive = archive_path(area);
@@ -58,6 +68,7 @@ int init_area(Call&, AreaId id) {
     return fail(kNoArea, "area %s cannot be created: %s: %s", area.name, needed, strerror(errno));
   }
   Source::forget_live(id);
+  set_not_undoable();
   int result;
   {
     Quiet quiet;
@@ -182,6 +193,7 @@ int load_archive(Call& call, AreaId id, bool* loaded) {
     return fail_archive(area, "is not restored", fault);
   }
   {
+    set_not_undoable();
     Quiet quiet;
     area.read(call.source.block(id));
   }
@@ -220,6 +232,7 @@ int remove_area(Call& call, AreaId id) {
                : fail(kNoArea, "area %s: %s", area.name, strerror(errno));
   }
   Source::forget_live(id);
+  set_not_undoable();
   {
     Quiet quiet;
     area.remove();

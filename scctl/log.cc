@@ -170,8 +170,6 @@ Log g_log;
 
 void start_log() { g_log.start(); }
 
-void log_not_undoable() { g_log.set_not_undoable(); }
-
 void log_changes(const Author& author, const char* words, const Changes& changes) {
   Entry entry;
   entry.begin(author, words);

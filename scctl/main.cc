@@ -105,8 +105,9 @@ constexpr Command kCommands[] = {
    "- is standard input.\n",
    kDryRun | kChanges | kInput, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
-   "A and B are images, archives, live, saved or checkpoint:NAME. Without them,\n"
-   "compares saved with live. Exit status 1 if they differ.\n",
+   "A and B are images, archives, live, saved, checkpoint:NAME or try: the areas of a\n"
+   "try as they were before it. Without them, compares saved with live. Exit status 1\n"
+   "if they differ.\n",
    0, 0, 2, run_diff},
   {"checkpoint", "NAME", "keep the present state of all areas under a name",
    "Copies all areas that can be saved, of one moment: nobody changes a record while\n"
@@ -119,8 +120,8 @@ constexpr Command kCommands[] = {
    kJson, 0, 0, run_checkpoints},
   {"rollback", "NAME [AREA...]", "make areas equal to a checkpoint",
    "Changes all areas of the checkpoint if none is named. Writes only what differs;\n"
-   "ids stay. Refuses a broken checkpoint.\n",
-   kDryRun, 1, -1, run_rollback},
+   "ids stay. Refuses a broken checkpoint. With --timeout it is a try.\n",
+   kDryRun | kTimeout, 1, -1, run_rollback},
   {"check", "[AREA...]", "look for damage",
    "Checks header, lock and id words, counters, duplicates, archives, and references\n"
    "to groups that do not exist. Prints the remedies. Exit status 1 if there\n"
@@ -486,7 +487,7 @@ int run_completion(Call&) {
       "      lease:3) words='clients aps' ;;\n"
       "      bind:2|unbind:2) words=ap_templates/ ;;\n"
       "      bind:3) words=aps/ ;;\n"
-      "      diff:2|diff:3) words='live saved' ;;");
+      "      diff:2|diff:3) words='live saved try' ;;");
   print_commands_with("TABLE", '2');
   puts(") words=$tables ;;");
   print_commands_with("FIELD=", '*');

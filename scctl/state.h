@@ -55,8 +55,6 @@ extern Text g_words;
 
 /* The log of scctl's edits. */
 void start_log();
-/* Writes down that this call changed areas in a way that cannot be undone. */
-void log_not_undoable();
 /* Who made an edit, and when. */
 struct Author {
   int64_t time;

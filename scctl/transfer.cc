@@ -259,14 +259,22 @@ void print_single(const Area& area, const Source& there, const Source& other) {
 
 }  // namespace
 
+namespace {
+
+int open_compared(const char* name, Source* source) {
+  return strcmp(name, "try") == 0 ? open_try(source) : source->open_named(name);
+}
+
+}  // namespace
+
 int run_diff(Call& call) {
   if (call.word_count == 1) return fail(kUsage, "usage: scctl diff [A B]");
   Source a, b;
-  if (const int status = a.open_named(call.word_count == 2 ? call.words[0] : "saved");
+  if (const int status = open_compared(call.word_count == 2 ? call.words[0] : "saved", &a);
       status != kOk) {
     return status;
   }
-  if (const int status = b.open_named(call.word_count == 2 ? call.words[1] : "live");
+  if (const int status = open_compared(call.word_count == 2 ? call.words[1] : "live", &b);
       status != kOk) {
     return status;
   }

@@ -205,15 +205,6 @@ int make_by_program(Call& call, Try& running) {
   return kOk;
 }
 
-int make(Call& call, Try& running) {
-  if (call.is_foreign) return make_by_program(call, running);
-  const TryJournal journal(running);
-  g_is_trying = true;
-  const int status = run_words(call.word_count, call.words);
-  g_is_trying = false;
-  return flush_output() == kOk && !is_interrupted() ? status : kRefused;
-}
-
 void set_text(const char* from, char* to, size_t size) {
   snprintf(to, size, "%s", from != nullptr ? from : "");
 }
@@ -248,7 +239,7 @@ int become_actor() {
   return kOk;
 }
 
-int start(const Call& call, uint32_t seconds, Try& running) {
+int start(uint32_t seconds, Try& running) {
   if (const int status = become_actor(); status != kOk) return status;
   TryHeader& header = running.header;
   header.phase = Phase::kMaking;
@@ -257,12 +248,7 @@ int start(const Call& call, uint32_t seconds, Try& running) {
   for (int n = 0; n < 3 && header.terminal[0] == '\0'; ++n) {
     set_text(ttyname(n), header.terminal, sizeof header.terminal);
   }
-  Text words;
-  for (int n = 0; n < call.word_count; ++n) {
-    if (n > 0) words.add(' ');
-    words.add(call.words[n]);
-  }
-  set_text(words.c_str(), header.words, sizeof header.words);
+  set_text(g_words.c_str(), header.words, sizeof header.words);
   if (!running.create()) return fail_state();
   if (start_guards()) return kOk;
   Text report;
@@ -370,6 +356,16 @@ int run_status(Call& call) {
   return kOk;
 }
 
+/* Lays the values of before over a record. */
+void lay_over(const Change& change, uint8_t* record) {
+  for (uint32_t at = 0; at < change.table->stride; ++at) {
+    if (change.mask.data()[at] != 0) record[at] = change.before.data()[at];
+  }
+  if (is_section(*change.table)) return;
+  const int32_t id = change.was_used ? static_cast<int32_t>(change.position + 1) : change.table->free;
+  memcpy(record + change.table->id_at, &id, sizeof id);
+}
+
 /* Takes the actor's role in a try that runs and is made. */
 int join(Try& running, const char* what) {
   if (!open_state(false)) {
@@ -402,15 +398,43 @@ int extend(uint32_t seconds) {
 
 }  // namespace
 
+int open_try(Source* source) {
+  Try running;
+  if (!open_state(false)) return errno == ENOENT ? fail(kNoArea, "no try runs") : fail_state();
+  if (!running.open()) return fail(kNoArea, "no try runs");
+  Source live;
+  live.open_live();
+  Changes changes;
+  running.read_changes(live, &changes);
+  source->open_copy("try", changes.areas());
+  for (const Change* change = changes.first(); change != nullptr; change = change->next) {
+    const Table& table = *change->table;
+    uint8_t* block = source->block(table.area);
+    if (block != nullptr) lay_over(*change, block + table.at + change->position * table.stride);
+  }
+  return kOk;
+}
+
 bool g_is_trying = false;
 
-int run_tried(Call& call, uint32_t seconds, int (*make)(Call& call, Try& running)) {
+int run_tried(Call& call, int (*make)(Call& call)) {
+  if (g_is_trying) return fail(kUsage, "a try in a try");
   Try running;
-  if (const int status = start(call, seconds, running); status != kOk) {
+  const uint32_t seconds = call.has(kTimeout) ? call.timeout : kUsualSeconds;
+  if (const int status = start(seconds, running); status != kOk) {
     leave_role(Role::kActor);
     return status;
   }
-  const int status = make(call, running);
+  int status;
+  if (call.is_foreign) {
+    status = make_by_program(call, running);
+  } else {
+    const TryJournal journal(running);
+    g_is_trying = true;
+    status = make(call);
+    g_is_trying = false;
+    if (flush_output() != kOk || is_interrupted()) status = kRefused;
+  }
   if (status != kOk) return take_back_failed(running, status);
   const bool is_in_time = !running.is_over() && running.set_phase(Phase::kMade);
   if (!is_in_time) return take_back_failed(running, fail(kRefused, "its time is over"));
@@ -420,8 +444,13 @@ int run_tried(Call& call, uint32_t seconds, int (*make)(Call& call, Try& running
   return kOk;
 }
 
+namespace {
+
+int run_inner(Call& call) { return run_words(call.word_count, call.words); }
+
+}  // namespace
+
 int run_try(Call& call) {
-  if (g_is_trying) return fail(kUsage, "a try in a try");
   if (call.has(kStatus)) {
     if (call.word_count != 0 || call.has(kTimeout)) {
       return fail(kUsage, "usage: scctl try --status [--json]");
@@ -429,17 +458,16 @@ int run_try(Call& call) {
     return run_status(call);
   }
   if (call.has(kJson)) return fail(kUsage, "--json needs --status");
-  const uint32_t seconds = call.has(kTimeout) ? call.timeout : kUsualSeconds;
   if (call.word_count == 0) {
     if (!call.has(kTimeout) || call.is_foreign)
       return fail(kUsage, "what is tried? scctl help try");
-    return extend(seconds);
+    return extend(call.timeout);
   }
   if (!call.is_foreign && strcmp(call.words[0], "batch") != 0 &&
       strcmp(call.words[0], "import") != 0) {
     return fail(kUsage, "'%s': expected batch, import or -- COMMAND", call.words[0]);
   }
-  return run_tried(call, seconds, make);
+  return run_tried(call, run_inner);
 }
 
 /* ---- confirm ---- */

@@ -147,6 +147,20 @@ void Source::open_live() {
   name_ = g_file != nullptr ? g_file : "live";
 }
 
+void Source::open_copy(const char* name, uint32_t areas) {
+  name_ = name;
+  Source live;
+  live.open_live();
+  for (const Area& area : kAreas) {
+    const AreaId id = id_of(area);
+    const uint8_t* block = live.block(id);
+    if ((areas & (1u << id)) == 0 || block == nullptr) continue;
+    Buffer copy(area.row().size);
+    memcpy(copy.data(), block, area.row().size);
+    own_[id] = copy.release();
+  }
+}
+
 void Source::open_saved() {
   saved_ = true;
   name_ = "saved";

@@ -46,6 +46,8 @@ class Source {
   /* Opens an image or an archive; the first bytes of the file tell which. "live" and "saved" open
    * the live segments and the archives of saves, "checkpoint:NAME" a checkpoint. */
   int open_named(const char* name);
+  /* Opens a copy of the live areas with these bits, which may be changed. */
+  void open_copy(const char* name, uint32_t areas);
   /* Opens the archives of saves. Each is read when it is needed. */
   void open_saved();
   /* Takes the images of a checkpoint that was read. */
