@@ -1,7 +1,9 @@
 /* Counts instructions in an emulated router. Its clock advances by the same time with each
- * instruction of any program or of the kernel, so the time gives the number of instructions. */
+ * instruction of any program or of the kernel, so the time gives the number of instructions.
+ * The argument is how many sides of each comparison are counted. */
 #include <inttypes.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <time.h>
 
 #include "data.h"
@@ -16,6 +18,7 @@ constexpr int64_t kNsPerInstruction = 4; /* 1 << COUNTING_SHIFT of device/box.py
 constexpr int64_t kInstructions = 20'000'000;
 
 constexpr int kMost = 32;
+constexpr int kSides = sizeof(Comparison::sides) / sizeof(Side);
 Comparison comparisons[kMost];
 int comparison_count;
 
@@ -53,18 +56,23 @@ void add(Comparison comparison) {
   comparisons[comparison_count++] = comparison;
 }
 
-int run_comparisons(int, char**) {
-  static int64_t counts[kMost][2];
+int run_comparisons(int argc, char** argv) {
+  static int64_t counts[kMost][kSides];
+  const int sides = argc > 1 ? atoi(argv[1]) : 0;
+  must(sides > 0 && sides <= kSides, "which sides are to be counted?");
   for (int n = 0; n < comparison_count; ++n) {
-    for (int side = 0; side < 2; ++side) {
+    for (int side = 0; side < sides; ++side) {
       counts[n][side] = tenths(comparisons[n], comparisons[n].sides[side]);
     }
   }
   /* The lines are printed at the end, because the console causes interrupts. */
   for (int n = 0; n < comparison_count; ++n) {
-    const int64_t(&of)[2] = counts[n];
-    printf("cost %" PRId64 ".%d %" PRId64 ".%d %s\n", of[0] / 10, static_cast<int>(of[0] % 10),
-           of[1] / 10, static_cast<int>(of[1] % 10), comparisons[n].name);
+    printf("cost");
+    for (int side = 0; side < sides; ++side) {
+      const int64_t count = counts[n][side];
+      printf(" %" PRId64 ".%d", count / 10, static_cast<int>(count % 10));
+    }
+    printf(" %s\n", comparisons[n].name);
   }
   printf("costs: all counted\n");
   return 0;

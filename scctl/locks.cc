@@ -73,38 +73,56 @@ struct HeldBytes {
   bool operator==(const HeldBytes&) const = default;
 };
 
+/* The kernel returns its table in pieces. A lock that is set or released between two pieces, on any
+ * file of the machine, can cause missing or repeated lines. So the table is read some times, and a
+ * line is a lock when a few of the readings have it, once or more. */
+constexpr int kReadings = 9;
+constexpr int kEnoughReadings = 3;
+
 class LockTable {
  public:
-  void clear() { count_ = 0; }
-  void add(const HeldBytes& line) {
-    if (count_ == room_) {
-      Buffer larger(2 * room_ * sizeof line);
-      memcpy(larger.data(), lines_.data(), count_ * sizeof line);
-      lines_.swap(larger);
-      room_ *= 2;
-    }
-    memcpy(lines_.data() + count_++ * sizeof line, &line, sizeof line);
-  }
-  const HeldBytes* begin() const { return reinterpret_cast<const HeldBytes*>(lines_.data()); }
-  const HeldBytes* end() const { return begin() + count_; }
-  bool operator==(const LockTable& other) const {
-    if (count_ != other.count_) return false;
+  struct Entry {
+    HeldBytes held;
+    int last_reading;
+    int readings;
+  };
+
+  void note(const HeldBytes& held, int reading) {
+    /* Readings have about the same order. */
     for (size_t n = 0; n < count_; ++n) {
-      if (!(begin()[n] == other.begin()[n])) return false;
+      Entry& entry = entries()[next_];
+      next_ = next_ + 1 < count_ ? next_ + 1 : 0;
+      if (!(entry.held == held)) continue;
+      if (entry.last_reading != reading) ++entry.readings;
+      entry.last_reading = reading;
+      return;
     }
-    return true;
+    add({held, reading, 1});
   }
+  const Entry* begin() { return entries(); }
+  const Entry* end() { return entries() + count_; }
 
  private:
+  Entry* entries() { return reinterpret_cast<Entry*>(bytes_.data()); }
+  void add(const Entry& entry) {
+    if (count_ == room_) {
+      Buffer larger(2 * room_ * sizeof entry);
+      memcpy(larger.data(), bytes_.data(), count_ * sizeof entry);
+      bytes_.swap(larger);
+      room_ *= 2;
+    }
+    memcpy(bytes_.data() + count_++ * sizeof entry, &entry, sizeof entry);
+  }
+
   size_t room_ = 64;
-  Buffer lines_{room_ * sizeof(HeldBytes)};
+  Buffer bytes_{room_ * sizeof(Entry)};
   size_t count_ = 0;
+  size_t next_ = 0; /* the entry to compare first */
 };
 
 /* Lines of the kernel: "1: POSIX ADVISORY WRITE PID MAJOR:MINOR:INODE START END". A line of a
  * waiting process has "->" behind its number. Neighbouring bytes of one process are one line. */
-void read_locks(FILE* file, LockTable* table) {
-  table->clear();
+void read_locks(FILE* file, int reading, LockTable* table) {
   char line[160];
   while (fgets(line, sizeof line, file) != nullptr) {
     char mode[8], end[24];
@@ -123,25 +141,19 @@ void read_locks(FILE* file, LockTable* table) {
     unsigned long last = end[0] == 'E' ? ULONG_MAX : strtoul(end, nullptr, 10); /* EOF */
     if (last > most) last = most > first ? most : first;
     const char* state = waits != nullptr ? "waits" : strcmp(mode, "READ") == 0 ? "reads" : "holds";
-    table->add({area, first, last, state, pid});
+    table->note({area, first, last, state, pid}, reading);
   }
 }
 
 }  // namespace
 
-/* The kernel returns its table in pieces. A lock that is set or released between two pieces can
- * cause missing or repeated lines. So the table is read until two readings are equal. */
 int run_locks(Call& call) {
   FILE* file = fopen("/proc/locks", "r");
   if (file == nullptr) return fail(kNoArea, "/proc/locks: %s", strerror(errno));
-  LockTable readings[2];
-  read_locks(file, &readings[0]);
-  int last = 0;
-  for (int reading = 0; reading < 50; ++reading) {
+  LockTable table;
+  for (int reading = 1; reading <= kReadings; ++reading) {
+    read_locks(file, reading, &table);
     rewind(file);
-    last = 1 - last;
-    read_locks(file, &readings[last]);
-    if (readings[0] == readings[1]) break;
   }
   fclose(file);
 
@@ -149,7 +161,8 @@ int run_locks(Call& call) {
                                         {"byte", "byte", 4},   {"state", "state", -5},
                                         {"pid", "pid", 10},    {"program", "program", 0}};
   Listing listing(call.has(kJson), kColumns);
-  for (const HeldBytes& held : readings[last]) {
+  for (const auto& [held, last_reading, readings] : table) {
+    if (readings < kEnoughReadings) continue;
     Text program;
     format_program(held.pid, &program);
     for (unsigned long byte = held.first; byte <= held.last; ++byte) {

@@ -9,6 +9,7 @@ import sys
 
 import programs
 from programs import ROOT, Failed
+from tables import PEERS, table
 
 TARGETS = ROOT / "bench/targets.csv"
 DOCUMENT = ROOT / "docs/PERFORMANCE.md"
@@ -16,7 +17,6 @@ PICTURE = ROOT / "docs/contention.svg"
 PLOT = ROOT / "bench/contention.gp"
 BEGIN, END = "<!-- measured by bench/run --write -->", "<!-- end of what was measured -->"
 
-PEERS = {"lmdb": "LMDB", "lmdb_in_place": "LMDB, no sync, in place", "sqlite": "SQLite, WAL"}
 PROCESSES = (1, 2, 4, 8)
 CONTENTION_SECONDS = 0.3
 
@@ -27,12 +27,6 @@ LONGER = 5  # times as many with --long
 # Enough runs of an operation to tell its cost from that of the start. The counting tools are slow.
 COUNTED_TIMES = 32
 SAVE = "save an area to flash"
-
-
-def table(columns, rows):
-    lines = ["| %s |" % " | ".join(columns), "|---" * len(columns) + "|"]
-    lines += ["| %s |" % " | ".join(row) for row in rows]
-    return "\n".join(lines)
 
 
 def time(ns):

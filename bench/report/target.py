@@ -1,13 +1,18 @@
 """Counts the instructions of each operation in the box, prints them beside their floors and compares the
-ratios with the baseline; with --accept makes them the baseline.
+ratios with the baseline; with --accept makes them the baseline. With --peers counts and prints the
+operations beside other stores.
 
 What moves both sides alike, as another kernel does, leaves a ratio where it is."""
 
 import csv
+import pathlib
 import subprocess
 import sys
+import tempfile
 
-from programs import ROOT, Failed
+import target_peers
+from programs import BUILD, ROOT, Failed
+from tables import PEERS, table
 
 sys.path.insert(0, str(ROOT / "device"))
 
@@ -19,20 +24,38 @@ TOLERANCE = 0.01
 SECONDS = 300
 
 
-def count():
-    """Instructions of floor and library by operation, of those that have a target."""
-    with open(TARGETS, newline="") as file:
-        wanted = [row["operation"] for row in csv.DictReader(file)]
+def count(job, sides, initrds=()):
+    """Instructions of each side by operation, as a job of the box counts them."""
     counts = {}
-    with box.Box("costs", counting=True) as router:
+    with box.Box(job, counting=True, initrds=initrds) as router:
         router.wait_for("^costs: all counted$", SECONDS)
         for line in router.lines:
             if line.startswith("cost "):
-                floor, library, name = line.removeprefix("cost ").split(" ", 2)
-                counts[name] = (float(floor), float(library))
+                *numbers, name = line.removeprefix("cost ").split(" ", sides)
+                counts[name] = tuple(map(float, numbers))
+    return counts
+
+
+def count_costs():
+    """Instructions of floor and library by operation, of those that have a target."""
+    with open(TARGETS, newline="") as file:
+        wanted = [row["operation"] for row in csv.DictReader(file)]
+    counts = count("costs", 2)
     if missing := set(wanted) - counts.keys():
         raise Failed("not counted: %s" % ", ".join(sorted(missing)))
     return {name: counts[name] for name in wanted}
+
+
+def compare_with_peers():
+    """Prints the instructions of the library and, with their ratio to it, those of other stores."""
+    target_peers.build()
+    with tempfile.TemporaryDirectory(prefix="peers.", dir=BUILD) as folder:
+        archive = target_peers.pack(pathlib.Path(folder))
+        counts = count("peers", 1 + len(PEERS), [archive])
+    rows = [(name, "%.0f" % library, *("%.0f, %.2f" % (peer, peer / library) for peer in peers))
+            for name, (library, *peers) in counts.items()]
+    print(table(("instructions of an operation on the target", "library", *PEERS.values()), rows))
+    return 0
 
 
 def read_baseline():
@@ -56,7 +79,9 @@ def ratio(floor, library):
 def main(arguments):
     box.end_on_signals()
     box.build()
-    counts = count()
+    if "--peers" in arguments:
+        return compare_with_peers()
+    counts = count_costs()
     if "--accept" in arguments:
         accept(counts)
     baseline = read_baseline()
