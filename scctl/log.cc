@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -59,12 +60,22 @@ class Entry {
  private:
   void add(Text& chunk) {
     is_closed_ = true;
-    if (!open_state(true) || !take_role(Role::kLogger, kTriesToLog)) return;
+    if (!open_state(true) || !lock_folder()) return;
     if (const int file = open_state_file(kLog, O_RDWR | O_CREAT | O_APPEND); file >= 0) {
       is_closed_ = !append(file, chunk);
       close(file);
     }
-    leave_role(Role::kLogger);
+    flock(state_folder(), LOCK_UN);
+  }
+
+  /* A logger that was stopped is not waited for for ever. */
+  static bool lock_folder() {
+    constexpr timespec kPause = {0, 1000000};
+    for (int n = 0; n < kTriesToLog; ++n) {
+      if (flock(state_folder(), LOCK_EX | LOCK_NB) == 0) return true;
+      nanosleep(&kPause, nullptr);
+    }
+    return false;
   }
 
   bool append(int file, Text& chunk) {

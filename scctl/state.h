@@ -21,8 +21,7 @@ inline constexpr char kStateFolder[] = "/var/systemconfig/scctl";
 enum class Role : uint8_t {
   kGuard, /* and the next byte: the two guards of a try */
   kTwin,
-  kActor, /* makes, confirms or reverts a try */
-  kLogger /* writes to the log */
+  kActor /* makes, confirms or reverts a try */
 };
 
 /* Opens the folder; makes it if `create`. errno tells why not. */
