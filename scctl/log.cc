@@ -185,9 +185,7 @@ void log_changes(const Author& author, const char* words, const Changes& changes
   Entry entry;
   entry.begin(author, words);
   for (const Change* change = changes.first(); change != nullptr; change = change->next) {
-    const bool whole = !change->was_used || !change->is_used;
-    entry.add({*change->table, change->position, change->before.data(), change->after.data(),
-               whole ? nullptr : change->mask.data(), change->was_used, change->is_used});
+    entry.add(change->step());
   }
 }
 

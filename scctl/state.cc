@@ -102,7 +102,7 @@ bool replace_state_file(const char* name, const char* bytes, size_t size) {
 uint64_t boot_ms() {
   timespec now;
   clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
 }
 
 void add_time(int64_t seconds, bool json, Text* to) {

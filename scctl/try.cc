@@ -214,8 +214,8 @@ void set_text(const char* from, char* to, size_t size) {
 int refuse_running(const Try& running) {
   Text user;
   add_user(running.header.author.uid, &user);
-  return fail(kRefused, "a try of %s runs, for %llu s; scctl confirm or scctl revert ends it",
-              user.c_str(), static_cast<unsigned long long>(running.left()));
+  return fail(kRefused, "a try of %s runs, for %u s; scctl confirm or scctl revert ends it",
+              user.c_str(), running.left());
 }
 
 /* Takes the actor's role for a try that is started; the last one's guards have to be gone. */
@@ -330,7 +330,7 @@ int run_status(Call& call) {
     writer.name("phase");
     add_json_text(phase_name(header.phase), &writer.value());
     writer.name("left");
-    writer.value().print("%llu", static_cast<unsigned long long>(running.left()));
+    writer.value().print("%u", running.left());
     writer.name("changes");
     write_changes(changes, &writer);
     writer.name("others");
@@ -344,8 +344,8 @@ int run_status(Call& call) {
   add_user(header.author.uid, &line);
   line.print(" (process %u) since ", header.author.pid);
   add_time(header.author.time, false, &line);
-  line.print(", %s, %llu s left: ", phase_name(header.phase),
-             static_cast<unsigned long long>(running.left()));
+  line.print(", %s, %u s left: ", phase_name(header.phase),
+             running.left());
   line.add_shown(header.words, strlen(header.words));
   puts(line.c_str());
   print_changes("  ", changes);
@@ -439,8 +439,8 @@ int run_tried(Call& call, int (*make)(Call& call)) {
   const bool is_in_time = !running.is_over() && running.set_phase(Phase::kMade);
   if (!is_in_time) return take_back_failed(running, fail(kRefused, "its time is over"));
   leave_role(Role::kActor);
-  tell("scctl confirm keeps the change; it is taken back in %llu s",
-       static_cast<unsigned long long>(running.left()));
+  tell("scctl confirm keeps the change; it is taken back in %u s",
+       running.left());
   return kOk;
 }
 
@@ -623,10 +623,7 @@ int take_back_waiting(Call& call) {
   take_back_live(call.source, changes, &report);
   for (const Change* change = changes.first(); change != nullptr; change = change->next) {
     if (change->fate != Fate::kWaits && change->fate != Fate::kDue) continue;
-    const bool whole = !change->was_used || !change->is_used;
-    pack_step({*change->table, change->position, change->before.data(), change->after.data(),
-               whole ? nullptr : change->mask.data(), change->was_used, change->is_used},
-              0, &rest);
+    pack_step(change->step(), 0, &rest);
   }
   if (rest.size() == 0)
     unlinkat(state_folder(), "waiting", 0);

@@ -54,7 +54,7 @@ class Try {
   void read_changes(Source& live, Changes* changes) const;
   bool is_over() const { return boot_ms() >= header.deadline_ms; }
   /* Seconds up to the deadline. */
-  uint64_t left() const;
+  unsigned left() const;
 
   TryHeader header = {};
 

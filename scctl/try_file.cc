@@ -81,9 +81,10 @@ bool Try::append(const Step& step) const {
   return false;
 }
 
-uint64_t Try::left() const {
+unsigned Try::left() const {
   const uint64_t now = boot_ms();
-  return now >= header.deadline_ms ? 0 : (header.deadline_ms - now + 999) / 1000;
+  if (now >= header.deadline_ms) return 0;
+  return (static_cast<uint32_t>(header.deadline_ms - now) + 999) / 1000; /* a day at most */
 }
 
 namespace {
@@ -130,10 +131,9 @@ struct CopyName {
 /* Pages of zeros become holes. */
 bool write_sparse(int file, const uint8_t* block, size_t size) {
   constexpr size_t kPage = 4096;
-  static constexpr uint8_t kZeros[kPage] = {};
   for (size_t at = 0; at < size; at += kPage) {
     const size_t part = size - at < kPage ? size - at : kPage;
-    if (memcmp(block + at, kZeros, part) == 0) continue;
+    if (block[at] == 0 && memcmp(block + at, block + at + 1, part - 1) == 0) continue;
     if (pwrite(file, block + at, part, static_cast<off_t>(at)) != static_cast<ssize_t>(part)) {
       return false;
     }

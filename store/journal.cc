@@ -114,6 +114,12 @@ Change::Change(const Table& of, uint32_t at)
       mask(of.stride),
       next(nullptr) {}
 
+Step Change::step() const {
+  const bool is_whole = !was_used || !is_used;
+  return {*table, position, before.data(), after.data(), is_whole ? nullptr : mask.data(), was_used,
+          is_used};
+}
+
 bool Change::is_field_changed(const Field& field) const {
   for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
     if (mask.data()[at] != 0 && before.data()[at] != after.data()[at]) return true;

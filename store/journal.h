@@ -70,6 +70,8 @@ struct Change {
   Change* next;
 
   Change(const Table& of, uint32_t at);
+  /* All of it as one step. */
+  Step step() const;
   bool is_field_changed(const Field& field) const;
 };
 
