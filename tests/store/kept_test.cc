@@ -52,9 +52,14 @@ int __wrap_fsync(int file) {
 int __wrap_syncfs(int file) {
   return g_calls.fails("syncfs " + path_of(file)) ? failed() : __real_syncfs(file);
 }
-/* That of a leftover: it may fail, because opening the new file would fail then. */
+/* That of a leftover may fail, because opening the new file would fail then. A call that succeeds may
+ * change errno. */
 int __wrap_unlinkat(int folder, const char* name, int flags) {
-  if (std::string(name).ends_with("new")) return __real_unlinkat(folder, name, flags);
+  if (std::string(name).ends_with("new")) {
+    const int result = __real_unlinkat(folder, name, flags);
+    errno = ENOTTY;
+    return result;
+  }
   return g_calls.fails(std::string("remove ") + name) ? failed()
                                                       : __real_unlinkat(folder, name, flags);
 }
@@ -205,10 +210,10 @@ TEST_F(KeptTest, FileThatIsNoMarker_IsBroken) {
   const std::string head = "sysconfig try 1\n";
   for (const std::string& text :
        Words{std::string("end\n"), "sysconfig try 2\nend\n", head + "lan good\nlan good\nend\n",
-             head + "wan good\nlan good\nend\n", head + "lan\nend\n", head + "lan  good\nend\n",
-             head + "nonsense good\nend\n", head + " good\nend\n", head + "end\nend\n",
-             head + "end\n" + std::string(1, '\0'), head + "end\n" + std::string(600, '\n'),
-             std::string(5000, 'x')}) {
+             head + "wan good\nlan good\nend\n", head + "lan\nend\n", head + "lanwan good\nend\n",
+             head + "lan  good\nend\n", head + "nonsense good\nend\n", head + " good\nend\n",
+             head + "end\nend\n", head + "end\n" + std::string(1, '\0'),
+             head + "end\n" + std::string(600, '\n'), std::string(5000, 'x')}) {
     EXPECT_EQ(found_in(text), kBrokenMarker) << text;
   }
 }
