@@ -344,8 +344,7 @@ int run_status(Call& call) {
   add_user(header.author.uid, &line);
   line.print(" (process %u) since ", header.author.pid);
   add_time(header.author.time, false, &line);
-  line.print(", %s, %u s left: ", phase_name(header.phase),
-             running.left());
+  line.print(", %s, %u s left: ", phase_name(header.phase), running.left());
   line.add_shown(header.words, strlen(header.words));
   puts(line.c_str());
   print_changes("  ", changes);
@@ -362,7 +361,8 @@ void lay_over(const Change& change, uint8_t* record) {
     if (change.mask.data()[at] != 0) record[at] = change.before.data()[at];
   }
   if (is_section(*change.table)) return;
-  const int32_t id = change.was_used ? static_cast<int32_t>(change.position + 1) : change.table->free;
+  const int32_t id =
+      change.was_used ? static_cast<int32_t>(change.position + 1) : change.table->free;
   memcpy(record + change.table->id_at, &id, sizeof id);
 }
 
@@ -439,8 +439,7 @@ int run_tried(Call& call, int (*make)(Call& call)) {
   const bool is_in_time = !running.is_over() && running.set_phase(Phase::kMade);
   if (!is_in_time) return take_back_failed(running, fail(kRefused, "its time is over"));
   leave_role(Role::kActor);
-  tell("scctl confirm keeps the change; it is taken back in %u s",
-       running.left());
+  tell("scctl confirm keeps the change; it is taken back in %u s", running.left());
   return kOk;
 }
 

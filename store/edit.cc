@@ -285,21 +285,24 @@ void mark_changed(const Table& table, const uint8_t* now, const uint8_t* wanted,
 
 Written Edit::add(const Table& table, uint32_t position, const uint8_t* record) {
   const RecordLock lock(*this, table, position);
-  if (!lock) return lock.fault();
+  return lock ? use(table, position, record) : lock.fault();
+}
+
+/* The caller holds the record's byte. */
+Written Edit::use(const Table& table, uint32_t position, const uint8_t* record) {
   uint8_t* to = RecordLock::record_of(*this, table, position);
   uint8_t* id = to + table.id_at;
   if (is_used(table, to)) return Written::kNotFree;
   if (!write_down({table, position, to, record, nullptr, false, true})) return Written::kFailed;
+  changed_ |= bit(table.area);
   if (is_id_table(table)) {
     if (!claim(id, position + 1)) {
       write_down({table, position, record, nullptr, nullptr, true, false}); /* it was not made */
       return Written::kNotFree;
     }
-    changed_ |= bit(table.area);
     fill(table, to, record);
     return Written::kDone;
   }
-  changed_ |= bit(table.area);
   fill(table, to, record);
   __atomic_thread_fence(__ATOMIC_RELEASE);
   store(id, position + 1);
@@ -401,24 +404,7 @@ Written Edit::put_back(const Change& change, Mask* stays) {
   }
   if (change.was_used) {
     if (used) return has_fields(change, live, change.before) ? Written::kDone : Written::kNotFree;
-    if (!write_down({table, change.position, live, before, nullptr, false, true})) {
-      return Written::kFailed;
-    }
-    uint8_t* id = live + table.id_at;
-    if (is_id_table(table)) {
-      if (!claim(id, change.position + 1)) {
-        write_down({table, change.position, before, nullptr, nullptr, true, false});
-        return Written::kNotFree;
-      }
-      fill(table, live, before);
-    } else {
-      fill(table, live, before);
-      __atomic_thread_fence(__ATOMIC_RELEASE);
-      store(id, change.position + 1);
-      count(table, live_.block(table.area), 1);
-    }
-    changed_ |= bit(table.area);
-    return Written::kDone;
+    return use(table, change.position, before);
   }
   if (!used) {
     /* A free record of a list keeps bytes. Those of the others are zeros, and may be claimed. */

@@ -2,7 +2,6 @@
 
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <new>
 
@@ -116,8 +115,8 @@ Change::Change(const Table& of, uint32_t at)
 
 Step Change::step() const {
   const bool is_whole = !was_used || !is_used;
-  return {*table, position, before.data(), after.data(), is_whole ? nullptr : mask.data(), was_used,
-          is_used};
+  return {*table,   position, before.data(), after.data(), is_whole ? nullptr : mask.data(),
+          was_used, is_used};
 }
 
 bool Change::is_field_changed(const Field& field) const {
@@ -200,15 +199,6 @@ uint32_t Changes::areas() const {
     areas |= bit(change->table->area);
   }
   return areas;
-}
-
-bool read_file(int file, Text* to) {
-  char bytes[4096];
-  ssize_t size;
-  for (off_t at = 0; (size = pread(file, bytes, sizeof bytes, at)) > 0; at += size) {
-    to->add(bytes, static_cast<size_t>(size));
-  }
-  return size == 0;
 }
 
 }  // namespace store

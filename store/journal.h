@@ -115,9 +115,6 @@ class Journal {
 };
 extern Journal* g_journal; /* null: nowhere */
 
-/* Reads a whole file; nothing when it cannot be read. */
-bool read_file(int file, Text* to);
-
 }  // namespace store
 
 #endif
