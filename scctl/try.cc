@@ -269,24 +269,16 @@ int take_back_failed(Try& running, int status) {
 
 /* ---- the status ---- */
 
-void print_waiting() {
+/* Reads the records that wait. False when there are none. */
+bool read_waiting(Changes* changes) {
+  const Descriptor file(open_state_file("waiting", O_RDONLY));
   Text bytes;
-  const int file = open_state_file("waiting", O_RDONLY);
-  if (file < 0) return;
-  Changes changes;
-  if (read_file(file, &bytes)) {
-    size_t at = 0;
-    for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr; at += chunk->size) {
-      changes.add(*chunk);
-    }
+  if (!file || !read_file(file.number, &bytes)) return false;
+  size_t at = 0;
+  for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr; at += chunk->size) {
+    changes->add(*chunk);
   }
-  close(file);
-  if (changes.empty()) return;
-  puts("records that wait for scctl revert:");
-  Text lines;
-  for (const Change* change = changes.first(); change != nullptr; change = change->next) {
-    printf("  %s/%u\n", change->table->name, change->position + 1);
-  }
+  return !changes->empty();
 }
 
 int print_no_try(Call& call) {
@@ -297,12 +289,11 @@ int print_no_try(Call& call) {
   puts("no try runs");
   if (!open_state(false)) return kRefused;
   Text ended;
-  const int file = open_state_file("ended", O_RDONLY);
-  if (file >= 0 && read_file(file, &ended)) {
-    printf("the last one: %s", ended.c_str());
-  }
-  if (file >= 0) close(file);
-  print_waiting();
+  const Descriptor file(open_state_file("ended", O_RDONLY));
+  if (file && read_file(file.number, &ended)) printf("the last one: %s", ended.c_str());
+  Changes waiting;
+  if (read_waiting(&waiting)) puts("these wait for scctl revert:");
+  print_changes("  ", waiting);
   return kRefused;
 }
 
@@ -520,6 +511,12 @@ int fail_confirm(Try& running, int status) {
   return status;
 }
 
+/* Without the marker the archives may be those of before already. */
+int refuse_without_marker() {
+  return fail(kRefused, "not confirmed: %s/%s was removed; scctl revert takes the try back",
+              kArchiveFolder, kMarkerName);
+}
+
 /* The removal of the marker is what confirms. */
 int commit(Try& running) {
   for (const Area& area : kAreas) {
@@ -532,6 +529,11 @@ int commit(Try& running) {
                         fail(kRefused, "not confirmed: %s: %s", archive_path(area).text, fault));
   }
   const ArchiveFolder folder;
+  Marker marker;
+  if (folder && running.header.marked != 0 &&
+      read_marker(folder.descriptor(), &marker) != MarkerState::kThere) {
+    return fail_confirm(running, refuse_without_marker());
+  }
   if (folder && remove_marker(folder.descriptor())) return kOk;
   return fail_confirm(running, fail_flash("not confirmed: the marker is not removed"));
 }
@@ -571,8 +573,7 @@ int confirm(Call& call, Try& running) {
     return fail(kRefused, "too late: the try is being taken back");
   }
   if (running.header.marked != 0 && !is_marked()) {
-    return fail(kRefused, "not confirmed: %s/%s was removed; scctl revert takes the try back",
-                kArchiveFolder, kMarkerName);
+    return refuse_without_marker();
   }
   call.source.open_live();
   Changes changes;
@@ -606,17 +607,8 @@ namespace {
 
 /* Tries again for the records that wait. */
 int take_back_waiting(Call& call) {
-  Text bytes;
-  const int file = open_state_file("waiting", O_RDONLY);
-  if (file < 0) return fail(kRefused, "no try runs");
-  const bool is_read = read_file(file, &bytes);
-  close(file);
-  if (!is_read) return fail_state();
   Changes changes;
-  size_t at = 0;
-  for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr; at += chunk->size) {
-    changes.add(*chunk);
-  }
+  if (!read_waiting(&changes)) return fail(kRefused, "no try runs");
   call.source.open_live();
   Text report, rest;
   take_back_live(call.source, changes, &report);

@@ -109,11 +109,16 @@ bool is_unmade(const Chunk& chunk, Source& live) {
 void Try::read_changes(Source& live, Changes* changes) const {
   Text bytes;
   if (!read_file(file_, &bytes)) return;
-  size_t at = sizeof header;
+  size_t end = sizeof header; /* behind the last step that was made */
+  size_t at = end;
   for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr;) {
     at += chunk->size;
-    const bool is_last = chunk_at(bytes, at) == nullptr;
-    if (!is_last || !is_unmade(*chunk, live)) changes->add(*chunk);
+    if (!is_unmade(*chunk, live)) end = at;
+  }
+  at = sizeof header;
+  for (const Chunk* chunk; at < end && (chunk = chunk_at(bytes, at)) != nullptr;
+       at += chunk->size) {
+    changes->add(*chunk);
   }
 }
 

@@ -450,43 +450,60 @@ bool is_same_mac(const uint8_t* one, const uint8_t* other) {
 
 constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
 
-/* A record with some fields changed: the fields are complete before any is written. */
-template <class Record>
+/* A record with some fields changed. The fields are complete before any is written. */
 class Rewrite {
  public:
-  Rewrite(const Table& table, Record& record, const char* const* fields)
+  Rewrite(const Table& table, uint32_t position, uint8_t* block)
       : table_(table),
-        to_(reinterpret_cast<uint8_t*>(&record)),
+        position_(position),
+        to_(block + table.at + position * table.stride),
         wanted_(table.stride),
-        mask_(table) {
-    memcpy(wanted_.data(), to_, table.stride);
-    for (; *fields != nullptr; ++fields) mask_.add(*find_field(table, *fields, strlen(*fields)));
+        mask_(table) {}
+  /* Sets a field to these bytes, or to zeros. */
+  void set(const char* name, const void* bytes) {
+    const Field& field = *find_field(table_, name, strlen(name));
+    mask_.add(field);
+    if (bytes != nullptr) memcpy(wanted_.data() + field.record_at, bytes, field.size);
   }
-  Record& wanted() { return *reinterpret_cast<Record*>(wanted_.data()); }
-  Step step(uint32_t position) const {
-    return {table_, position, to_, wanted_.data(), mask_.bytes(), true, true};
-  }
+  Step step() const { return {table_, position_, to_, wanted_.data(), mask_.bytes(), true, true}; }
   void write() { copy_masked(to_, wanted_.data(), mask_, table_.stride); }
 
  private:
   const Table& table_;
+  uint32_t position_;
   uint8_t* to_;
   Buffer wanted_;
   Mask mask_;
 };
 
-struct ApRewrite : Rewrite<ApInfoRecord> {
-  explicit ApRewrite(ApInfoRecord& ap) : Rewrite(table_named("aps"), ap, kFields) {}
-  static constexpr const char* kFields[] = {"group_id", "group_info", nullptr};
-};
-
-struct TemplateRewrite : Rewrite<ApTemplateRecord> {
-  explicit TemplateRewrite(ApTemplateRecord& record)
-      : Rewrite(table_named("ap_templates"), record, kFields) {}
-  static constexpr const char* kFields[] = {"bound_ap_mac", nullptr};
-};
-
 }  // namespace
+
+/* The caller holds the bytes of both records. An ap_position of -1: there is no access point. */
+Written Edit::write_binding(uint32_t template_id, int32_t ap_position, bool is_bound) {
+  auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
+  const ApTemplateRecord& target = templates->templates[template_id - 1];
+  Rewrite rewrite(table_named("ap_templates"), template_id - 1, live_.block(kApTemplateList));
+  Rewrite ap_rewrite(table_named("aps"), static_cast<uint32_t>(ap_position),
+                     live_.block(kManageApList));
+  if (ap_position >= 0) {
+    const auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
+    rewrite.set("bound_ap_mac", is_bound ? aps->aps[ap_position].ap_mac : nullptr);
+    const auto group = static_cast<uint8_t>(template_id);
+    ap_rewrite.set("group_id", is_bound ? &group : nullptr);
+    ap_rewrite.set("group_info", is_bound ? target.template_name : nullptr);
+    if (!write_down(ap_rewrite.step())) return Written::kFailed;
+  } else {
+    rewrite.set("bound_ap_mac", nullptr);
+  }
+  if (!write_down(rewrite.step())) return Written::kFailed;
+  changed_ |= bit(kApTemplateList);
+  if (ap_position >= 0) {
+    changed_ |= bit(kManageApList);
+    ap_rewrite.write();
+  }
+  rewrite.write();
+  return Written::kDone;
+}
 
 Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
   const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
@@ -495,26 +512,15 @@ Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
   if (!ap_lock) return ap_lock.fault();
   auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
   auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
-  ApTemplateRecord& target = templates->templates[template_id - 1];
-  ApInfoRecord& ap = aps->aps[ap_id - 1];
+  const ApTemplateRecord& target = templates->templates[template_id - 1];
+  const ApInfoRecord& ap = aps->aps[ap_id - 1];
   if (target.template_id == 0 || ap.ap_id == 0 ||
       (ap.group_id != 0 && ap.group_id != template_id) ||
       (!is_same_mac(target.bound_ap_mac, kNobody) &&
        !is_same_mac(target.bound_ap_mac, ap.ap_mac))) {
     return Written::kChanged;
   }
-  ApRewrite ap_rewrite(ap);
-  ap_rewrite.wanted().group_id = static_cast<uint8_t>(template_id);
-  memcpy(ap_rewrite.wanted().group_info, target.template_name, sizeof ap.group_info);
-  TemplateRewrite rewrite(target);
-  memcpy(rewrite.wanted().bound_ap_mac, ap.ap_mac, sizeof target.bound_ap_mac);
-  if (!write_down(ap_rewrite.step(ap_id - 1)) || !write_down(rewrite.step(template_id - 1))) {
-    return Written::kFailed;
-  }
-  changed_ |= bit(kApTemplateList) | bit(kManageApList);
-  ap_rewrite.write();
-  rewrite.write();
-  return Written::kDone;
+  return write_binding(template_id, static_cast<int32_t>(ap_id - 1), true);
 }
 
 Written Edit::unbind(uint32_t template_id) {
@@ -522,31 +528,14 @@ Written Edit::unbind(uint32_t template_id) {
   if (!lock) return lock.fault();
   auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
   auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
-  ApTemplateRecord& target = templates->templates[template_id - 1];
+  const ApTemplateRecord& target = templates->templates[template_id - 1];
   if (is_same_mac(target.bound_ap_mac, kNobody)) return Written::kDone;
-  TemplateRewrite rewrite(target);
-  memset(rewrite.wanted().bound_ap_mac, 0, sizeof target.bound_ap_mac);
-  if (const int32_t position = SC_Get_Ap_Info_By_Mac(aps, target.bound_ap_mac); position >= 0) {
-    const RecordLock ap_lock(*this, table_named("aps"), static_cast<uint32_t>(position));
-    if (!ap_lock) return ap_lock.fault();
-    ApInfoRecord& ap = aps->aps[position];
-    if (!is_same_mac(ap.ap_mac, target.bound_ap_mac)) return Written::kChanged;
-    ApRewrite ap_rewrite(ap);
-    ap_rewrite.wanted().group_id = 0;
-    memset(ap_rewrite.wanted().group_info, 0, sizeof ap.group_info);
-    if (!write_down(ap_rewrite.step(static_cast<uint32_t>(position))) ||
-        !write_down(rewrite.step(template_id - 1))) {
-      return Written::kFailed;
-    }
-    changed_ |= bit(kManageApList);
-    ap_rewrite.write();
-    rewrite.write();
-  } else {
-    if (!write_down(rewrite.step(template_id - 1))) return Written::kFailed;
-    rewrite.write();
-  }
-  changed_ |= bit(kApTemplateList);
-  return Written::kDone;
+  const int32_t position = SC_Get_Ap_Info_By_Mac(aps, target.bound_ap_mac);
+  if (position < 0) return write_binding(template_id, position, false);
+  const RecordLock ap_lock(*this, table_named("aps"), static_cast<uint32_t>(position));
+  if (!ap_lock) return ap_lock.fault();
+  if (!is_same_mac(aps->aps[position].ap_mac, target.bound_ap_mac)) return Written::kChanged;
+  return write_binding(template_id, position, false);
 }
 
 int fail_written(const Table& table, uint32_t id, Written written) {
