@@ -464,44 +464,26 @@ int run_try(Call& call) {
 
 namespace {
 
-/* Prints what others changed in an area and nobody saved. True when there was anything. */
-bool print_unsaved(const Table& table, Source& live, const uint8_t* saved, Changes& own) {
-  Reader reader(live, table);
-  Buffer copy(table.stride), zeros(table.stride);
-  Changes others;
-  for (uint32_t position = 0; position < table.capacity; ++position) {
-    const uint8_t* was =
-        saved == nullptr ? zeros.data() : saved + table.at + position * table.stride;
-    const bool was_used = saved != nullptr && is_used(table, was);
-    const bool used = reader.copy(position, copy.data());
-    if (!was_used && !used) continue;
-    const Change* change = own.find(table, position);
-    Mask differing(table);
-    if (was_used && used) differing.add_differences(was, copy.data());
-    for (uint32_t at = 0; change != nullptr && at < table.stride; ++at) {
-      if (change->mask.data()[at] != 0 && change->after.data()[at] == copy.data()[at]) {
-        differing.bytes()[at] = 0;
-      }
-    }
-    const bool is_own =
-        change != nullptr && change->was_used == was_used && change->is_used == used;
-    if (was_used != used && is_own) continue;
-    if (was_used == used && differing.empty()) continue;
-    others.add({table, position, was, copy.data(), was_used && used ? differing.bytes() : nullptr,
-                was_used, used});
-  }
-  print_changes("  ", others);
-  return !others.empty();
-}
-
-bool list_unsaved(Source& live, Changes& own, uint32_t areas) {
+/* Prints what others changed in these areas and nobody saved: the areas differ in it from their
+ * archives with the try's own changes. True when there was anything. */
+bool list_unsaved(Source& live, const Changes& own, uint32_t areas) {
+  Source saved;
+  saved.open_saved();
   bool any = false;
   for (const Table& table : kTables) {
-    if ((areas & bit(table.area)) == 0 || live.block(table.area) == nullptr) continue;
-    ArchiveImage image;
-    read_own_archive(kAreas[table.area], &image);
-    any |= print_unsaved(table, live, image.bytes, own);
-    free(image.bytes);
+    if ((areas & bit(table.area)) == 0) continue;
+    Snapshot was(table), is(table);
+    was.take(saved);
+    is.take(live);
+    for (const Change* change = own.first(); change != nullptr; change = change->next) {
+      if (change->table != &table) continue;
+      uint8_t* record = was.put(change->position);
+      for (uint32_t at = 0; at < table.stride; ++at) {
+        if (change->mask.data()[at] != 0) record[at] = change->after.data()[at];
+      }
+      if (!change->is_used) was.drop(change->position);
+    }
+    any |= print_changes("  ", was, is);
   }
   return any;
 }
