@@ -4,8 +4,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <new>
-
 #include "store/edit.h"
 #include "store/value.h"
 
@@ -145,7 +143,7 @@ Change* Changes::find(const Table& table, uint32_t position) {
 
 Change& Changes::at(const Table& table, uint32_t position, bool was_used) {
   if (Change* known = find(table, position); known != nullptr) return *known;
-  Buffer room(sizeof(Change)); /* there is no operator new without the C++ library */
+  Buffer room(sizeof(Change));
   auto* change = new (room.release()) Change(table, position);
   change->was_used = was_used;
   *end_ = change;
