@@ -3,8 +3,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <new>
-
 #include "store/edit.h"
 #include "store/value.h"
 
@@ -144,7 +142,7 @@ Change* Changes::find(const Table& table, uint32_t position) {
 
 Change& Changes::at(const Table& table, uint32_t position, bool was_used) {
   if (Change* known = find(table, position); known != nullptr) return *known;
-  Buffer room(sizeof(Change)); /* there is no operator new without the C++ library */
+  Buffer room(sizeof(Change));
   auto* change = new (room.release()) Change(table, position);
   change->was_used = was_used;
   *end_ = change;

@@ -70,6 +70,8 @@ struct Change {
   Change* next;
 
   Change(const Table& of, uint32_t at);
+  /* Without the C++ library there is neither <new> nor an allocator. */
+  static void* operator new(size_t, void* room) noexcept { return room; }
   /* All of it as one step. */
   Step step() const;
   bool is_field_changed(const Field& field) const;
