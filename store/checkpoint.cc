@@ -178,7 +178,7 @@ bool Checkpoint::read(const char* name) {
 
 int Checkpoint::open(const char* name) {
   if (const int status = need_checkpoint(name); status != kOk) return status;
-  return read(name) ? kOk : fail(kNoArea, "checkpoint %s is %s", name, fault);
+  return read(name) ? kOk : fail(kNoArea, "checkpoint %s: %s", name, fault);
 }
 
 }  // namespace store
