@@ -214,10 +214,12 @@ struct Work {
   bool good;
 };
 
+/* After its base is lost an area is restored as ever. Before its base is back the marker stays. */
 enum class Base : uint8_t { kIsBack, kIsLost, kIsNotBack };
 
 Base put_base_back(const AreaFiles& files, bool had_none) {
   if (!are_known(files)) return Base::kIsNotBack;
+  unlinkat(files.folder, files.fresh.text, 0);
   if (had_none) {
     if (files.bin.is(State::kMissing)) return Base::kIsBack;
     const bool gone = unlinkat(files.folder, files.bin.name.text, 0) == 0;
@@ -250,7 +252,7 @@ bool take_back(Work* work) {
   if (state == MarkerState::kBroken) {
     work->good = say_of_marker(kBrokenMarker, "; a change that nobody confirmed may stay");
   }
-  work->areas |= marker.areas;
+  work->areas &= ~marker.areas;
   bool may_be_removed = true;
   char back[256] = "";
   char* end = back;
@@ -258,6 +260,7 @@ bool take_back(Work* work) {
     if (!marker.has(area)) continue;
     const Base base = put_base_back(AreaFiles(area, folder.descriptor()), marker.had_none(area));
     if (base == Base::kIsBack) end = stpcpy(stpcpy(end, " "), area.stem);
+    if (base == Base::kIsLost) work->areas |= Marker::bit(area);
     if (base == Base::kIsNotBack) may_be_removed = false;
     if (base != Base::kIsBack) work->good = false;
   }
