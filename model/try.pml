@@ -17,8 +17,11 @@
 #ifndef OPERATORS
 #define OPERATORS 1 /* who confirm or revert */
 #endif
+#ifndef GUARDS
+#define GUARDS 2
+#endif
 #ifndef OTHERS
-#define OTHERS 1 /* whether other programs save */
+#define OTHERS 2 /* other programs: 0 none, 1 save or keep one area once, 2 any area for ever */
 #endif
 
 #if N == 1
@@ -70,7 +73,7 @@ byte image[N]; /* the file that the library's save hands to tar */
 byte tar[N];   /* 0 none, 1 started, 2 has truncated the archive, 3 has written it */
 byte orphan[N]; /* the same of a tar whose parent was killed */
 bool tar_left; /* an orphan of scctl runs, which keeps the flock of S/saving */
-bool dead[PROCESSES], stopped[PROCESSES];
+bool dead[PROCESSES], stopped[PROCESSES], ended[PROCESSES];
 
 /* ---- flash: as programs see it, and what is surely written ---- */
 byte bin[N], good[N], marker[N];
@@ -253,7 +256,7 @@ inline unlock_all(me) {
 inline mark(a) {
   lock_block(CALLER, a);
   RENEW_AT_START(a);
-  change_marker(a, ((bin[a] == NONE && good[a] == NONE) -> NEVER : KEPT));
+  change_marker(a, (IS_GOOD(good[a]) -> KEPT : NEVER));
   block[a] = NOBODY
 }
 
@@ -296,7 +299,7 @@ inline try() {
 #endif
   d_step { journal = CHANGING; deadline = false; begun = true };
   start_guard(0);
-#ifdef FAULT_ONE_GUARD
+#if GUARDS == 1
   guard[0] == 2;
 #else
   start_guard(1);
@@ -319,7 +322,8 @@ proctype Caller() provided (!stopped[CALLER]) {
     :: skip
     fi
 #endif
-  } unless { dead[CALLER] -> failed = false }
+  } unless { d_step { dead[CALLER] -> dead[CALLER] = false; failed = false } };
+  ended[CALLER] = true
 }
 
 /* ---- a guard ---- */
@@ -360,7 +364,7 @@ inline guard_loop() {
   d_step { guard[g] == 1 -> guard[g] = 2 };
   do
   :: journal == GONE -> A_MOMENT guard[g] = 0; break
-#ifndef FAULT_ONE_GUARD
+#if GUARDS > 1
   :: journal != GONE && guard[1 - g] == 0 -> A_MOMENT start_guard(1 - g)
 #ifndef FAULT_STOPPED_COUNTS
   :: journal != GONE && guard[1 - g] != 0 && stopped[GUARD + 1 - g] -> kill(GUARD + 1 - g)
@@ -481,7 +485,8 @@ proctype Operator(byte o) provided (!stopped[OPERATOR + o]) {
        fi
     :: skip /* no one comes */
     fi
-  } unless { dead[OPERATOR + o] -> bad = false }
+  } unless { d_step { dead[OPERATOR + o] -> dead[OPERATOR + o] = false; bad = false } };
+  ended[OPERATOR + o] = true
 }
 
 /* ---- tar, of whoever saves ---- */
@@ -545,8 +550,30 @@ inline keep(a) {
 }
 #endif
 
+inline one_save(a) {
+  save(OTHER, a);
+  if
+  :: keep(a)
+  :: skip
+  fi
+}
+
 proctype Other() {
-progress_other:
+#if OTHERS == 1
+  if
+  :: one_save(0)
+  :: keep(0)
+#if N > 1
+  :: one_save(1)
+  :: keep(1)
+#endif
+#if N > 2
+  :: one_save(2)
+  :: keep(2)
+#endif
+  :: skip
+  fi
+#else
   do
   :: break
   :: save(OTHER, 0)
@@ -560,32 +587,27 @@ progress_other:
   :: keep(2)
 #endif
   od
+#endif
 }
 
 /* ---- kills and stops ---- */
-inline continue_one(p) {
-  d_step { stopped[p] -> stopped[p] = false }
-}
 
+/* Each happens at some step. A process that is stopped and continues is only slow, so here a stop
+ * lasts until somebody kills the process. */
 proctype Killer() {
   byte n;
   begun;
   do
-  :: atomic { n < KILLS -> n++; kill(CALLER) }
+  :: atomic { n < KILLS && !ended[CALLER] -> n++; kill(CALLER) }
   :: atomic { n < KILLS && guard[0] != 0 -> n++; kill(GUARD) }
   :: atomic { n < KILLS && guard[1] != 0 -> n++; kill(GUARD + 1) }
-  :: atomic { n < KILLS -> n++; kill(OPERATOR) }
-  :: atomic { n < KILLS -> n++; stopped[CALLER] = true }
+  :: atomic { n < KILLS && !ended[OPERATOR] -> n++; kill(OPERATOR) }
+  :: atomic { n < KILLS && !ended[CALLER] -> n++; stopped[CALLER] = true }
   :: atomic { n < KILLS && guard[0] != 0 -> n++; stopped[GUARD] = true }
   :: atomic { n < KILLS && guard[1] != 0 -> n++; stopped[GUARD + 1] = true }
-  :: atomic { n < KILLS -> n++; stopped[OPERATOR] = true }
-  :: continue_one(CALLER)
-  :: continue_one(GUARD)
-  :: continue_one(GUARD + 1)
-  :: continue_one(OPERATOR)
-  :: break
-  od;
-  n = 0
+  :: atomic { n < KILLS && !ended[OPERATOR] -> n++; stopped[OPERATOR] = true }
+  :: atomic { n == KILLS -> n = 0; break }
+  od
 }
 
 /* ---- the deadline, and how everything ends ---- */
@@ -593,9 +615,12 @@ proctype Killer() {
 /* The next call of scctl starts the guards of a try that nobody guards. After one kill there is such
  * a try only if nothing was changed yet. */
 inline next_call() {
-  d_step {
-    assert(guard[0] == 0 && guard[1] == 0);
+  atomic {
+    assert(guard[0] == 0 || stopped[GUARD]);
+    assert(guard[1] == 0 || stopped[GUARD + 1]);
     assert(KILLS > 1 || (!changed && !MARKED));
+    if :: stopped[GUARD] -> kill(GUARD) :: else fi;
+    if :: stopped[GUARD + 1] -> kill(GUARD + 1) :: else fi;
     guard[0] = 1;
     guard[1] = 1
   }
@@ -614,25 +639,23 @@ inline check_end(a) {
   }
 }
 
-/* The deadline comes at any moment, or late: when nothing else can happen any more. */
+/* The deadline comes at any moment. LATE: when nothing else can happen any more. */
 proctype Clock() {
   bool called;
   begun;
+#ifdef LATE
   if
-  :: deadline = true
-#ifndef POWER
-  :: skip ->
+  :: timeout && journal == GONE
+  :: timeout && journal != GONE ->
      if
-     :: timeout && journal == GONE
-     :: timeout && journal != GONE ->
-        if
-        :: guard[0] == 2 && guard[1] == 2
-        :: else -> next_call()
-        fi;
-        deadline = true
-     fi
-#endif
+     :: guard[0] == 2 && guard[1] == 2
+     :: else -> next_call()
+     fi;
+     deadline = true
   fi;
+#else
+  deadline = true;
+#endif
 #ifndef POWER
   do
   :: timeout && journal != GONE && !called -> next_call(); called = true
@@ -651,6 +674,35 @@ proctype Clock() {
 #define CUTS 1 /* how often scguard restore is cut in its turn, at any step */
 #endif
 
+/* Whether a cut was not tried yet with this flash: its outcomes depend on nothing else. */
+c_code {
+  static int is_new;
+  static int is_new_flash(void) {
+    enum { kPlaces = 1 << 22 };
+    static unsigned long long seen[kPlaces];
+    static int count;
+    unsigned long long key = 1;
+    for (int a = 0; a < N; ++a) {
+      const int writing = now.tar[a] > 1 || now.orphan[a] > 1;
+      key = key * 5 + now.bin[a];
+      key = key * 5 + now.good[a];
+      key = key * 3 + now.marker[a];
+      key = key * 5 + now.sure_bin[a];
+      key = key * 5 + now.sure_good[a];
+      key = key * 3 + now.sure_marker[a];
+      key = key * 2 + writing;
+    }
+    key = key * 8 + now.committed * 4 + now.confirmed * 2 + now.no_room;
+    unsigned place = (unsigned)(key * 0x9E3779B97F4A7C15ull >> 42);
+    for (; seen[place] != 0; place = (place + 1) % kPlaces) {
+      if (seen[place] == key) return 0;
+    }
+    if (++count > kPlaces / 2) abort();
+    seen[place] = key;
+    return 1;
+  }
+}
+
 inline read_marker() {
   do :: a < N -> r[a] = m[a]; a++ :: else -> break od;
   a = 0
@@ -668,8 +720,14 @@ proctype Power() {
   byte a, cuts, m[N], r[N], b[N], g[N];
   bool has_before, has_trial;
   begun;
+again:
   do
   :: atomic {
+       c_code { is_new = is_new_flash(); };
+       if
+       :: c_expr { !is_new } -> goto again
+       :: c_expr { is_new }
+       fi;
        if
        :: true -> do :: a < N -> m[a] = sure_marker[a]; a++ :: else -> break od
        :: true -> do :: a < N -> m[a] = marker[a]; a++ :: else -> break od
@@ -714,7 +772,7 @@ proctype Power() {
           :: r[a] == 0 && !IS_GOOD(b[a]) -> b[a] = g[a] /* as at any boot */
           :: else
           fi;
-          assert(r[a] != KEPT || b[a] == BEFORE);
+          assert(r[a] != KEPT || b[a] == BEFORE || (b[a] == OLD && no_room));
           assert(r[a] != NEVER || b[a] == NONE);
           if
           :: b[a] == TRIAL -> has_trial = true
@@ -762,7 +820,9 @@ init {
     EACH(begin_with);
     run Caller();
     run Guard(0);
+#if GUARDS > 1
     run Guard(1);
+#endif
     run Operator(0);
 #if OPERATORS > 1
     run Operator(1);
