@@ -408,6 +408,25 @@ int open_try(Source* source) {
 
 bool g_is_trying = false;
 
+namespace {
+
+bool has_changes(Call& call, const Try& running) {
+  Changes changes;
+  call.source.open_live();
+  running.read_changes(call.source, &changes);
+  return !changes.empty();
+}
+
+int end_unchanged(Try& running) {
+  Text report;
+  revert(running, "it changed nothing", &report);
+  leave_role(Role::kActor);
+  tell("nothing was changed; no try runs");
+  return kOk;
+}
+
+}  // namespace
+
 int run_tried(Call& call, int (*make)(Call& call)) {
   if (g_is_trying) return fail(kUsage, "a try in a try");
   Try running;
@@ -427,6 +446,7 @@ int run_tried(Call& call, int (*make)(Call& call)) {
     if (flush_output() != kOk || is_interrupted()) status = kRefused;
   }
   if (status != kOk) return take_back_failed(running, status);
+  if (!has_changes(call, running)) return end_unchanged(running);
   const bool is_in_time = !running.is_over() && running.set_phase(Phase::kMade);
   if (!is_in_time) return take_back_failed(running, fail(kRefused, "its time is over"));
   leave_role(Role::kActor);
