@@ -345,11 +345,8 @@ namespace {
 
 bool differs(const Snapshot& one, const Snapshot& other, uint32_t position) {
   if (one.used(position) != other.used(position)) return true;
-  if (!one.used(position)) return false;
-  for (const Field& field : one.table()) {
-    if (!equal(field, one.record(position), other.record(position))) return true;
-  }
-  return false;
+  return one.used(position) &&
+         !has_equal_fields(one.table(), one.record(position), other.record(position));
 }
 
 unsigned long count_differences(Source& one, Source& other) {

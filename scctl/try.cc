@@ -21,12 +21,17 @@ namespace scctl {
 
 namespace {
 
+constexpr char kNoTry[] = "no try runs";
 constexpr uint32_t kUsualSeconds = 90;
 constexpr int kActorTries = 3000;
 constexpr uint64_t kFreeFlash = 64 * 1024;
 constexpr uint64_t kMarkerBytes = 4096;
 
 int fail_state() { return fail(kNoArea, "%s: %s", kStateFolder, strerror(errno)); }
+
+int fail_saving(const Area& area) {
+  return fail(kRefused, "area %s is being saved by another program", area.name);
+}
 
 int fail_flash(const char* what) {
   return fail(kNoArea, "%s: %s: %s", kArchiveFolder, what, strerror(errno));
@@ -52,14 +57,15 @@ class Bases {
     for (const Area& area : kAreas) {
       if (!has(area)) continue;
       CopyReport found;
-      if (const int status = look(area, &found); status != kOk) return status;
+      if (const int status = look(area, false, &found); status != kOk) return status;
       if (found.state == CopyState::kStale) stale += found.archive_bytes;
       if (found.state == CopyState::kNone) never_saved_ |= bit(id_of(area));
     }
     if (const int status = need_room(stale); status != kOk) return status;
     for (const Area& area : kAreas) {
       if (!has(area)) continue;
-      if (const int status = renew(area); status != kOk) return status;
+      CopyReport found;
+      if (const int status = look(area, true, &found); status != kOk) return status;
     }
     return kOk;
   }
@@ -68,14 +74,20 @@ class Bases {
  private:
   bool has(const Area& area) const { return (areas_ & bit(id_of(area))) != 0; }
 
-  static int look(const Area& area, CopyReport* found) {
+  /* Judges the archive and its copy while nobody saves, and renews a copy that is stale. */
+  static int look(const Area& area, bool is_renewed, CopyReport* found) {
     const NoSaves no_saves(area);
-    if (!no_saves) return fail(kRefused, "area %s is being saved by another program", area.name);
+    if (!no_saves) return fail_saving(area);
     const ArchiveFolder folder;
     if (!folder) return fail_flash("it cannot be locked");
     look_at_copy(area.row(), folder.descriptor(), found);
-    if (found->state != CopyState::kUnknown && found->state != CopyState::kBroken) return kOk;
-    return fail(kRefused, "%s: %s; nothing is tried", archive_path(area).text, found->reason);
+    if (found->state == CopyState::kUnknown || found->state == CopyState::kBroken) {
+      return fail(kRefused, "%s: %s; nothing is tried", archive_path(area).text, found->reason);
+    }
+    if (!is_renewed || found->state != CopyState::kStale) return kOk;
+    return renew_copy(area.row(), folder.descriptor())
+               ? kOk
+               : fail_flash("a kept copy cannot be renewed");
   }
 
   static int need_room(uint64_t bytes) {
@@ -89,21 +101,6 @@ class Bases {
                 kArchiveFolder, static_cast<unsigned long long>(needed - free),
                 static_cast<unsigned long long>(bytes + kMarkerBytes),
                 static_cast<unsigned>(kFreeFlash));
-  }
-
-  /* Somebody may have saved since it was looked at. */
-  static int renew(const Area& area) {
-    const NoSaves no_saves(area);
-    if (!no_saves) return fail(kRefused, "area %s is being saved by another program", area.name);
-    const ArchiveFolder folder;
-    CopyReport found;
-    if (!folder || !look_at_copy(area.row(), folder.descriptor(), &found)) {
-      return fail_flash("a kept copy cannot be renewed");
-    }
-    if (found.state != CopyState::kStale) return kOk;
-    return renew_copy(area.row(), folder.descriptor())
-               ? kOk
-               : fail_flash("a kept copy cannot be renewed");
   }
 
   uint32_t areas_;
@@ -274,20 +271,18 @@ bool read_waiting(Changes* changes) {
   const Descriptor file(open_state_file("waiting", O_RDONLY));
   Text bytes;
   if (!file || !read_file(file.number, &bytes)) return false;
-  size_t at = 0;
-  for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr; at += chunk->size) {
-    changes->add(*chunk);
-  }
+  changes->add(bytes, 0, bytes.size(), 0);
   return !changes->empty();
 }
 
 int print_no_try(Call& call) {
+  if (!open_state(false) && errno != ENOENT) return fail_state();
   if (call.has(kJson)) {
     puts("null");
     return kRefused;
   }
-  puts("no try runs");
-  if (!open_state(false)) return kRefused;
+  puts(kNoTry);
+  if (state_folder() < 0) return kRefused;
   Text ended;
   const Descriptor file(open_state_file("ended", O_RDONLY));
   if (file && read_file(file.number, &ended)) printf("the last one: %s", ended.c_str());
@@ -304,8 +299,7 @@ const char* phase_name(Phase phase) {
 
 int run_status(Call& call) {
   Try running;
-  if (!open_state(false)) return errno == ENOENT ? print_no_try(call) : fail_state();
-  if (!running.open()) return print_no_try(call);
+  if (!open_state(false) || !running.open()) return print_no_try(call);
   call.source.open_live();
   Changes changes, later;
   running.read_changes(call.source, &changes);
@@ -348,26 +342,27 @@ int run_status(Call& call) {
 
 /* Lays the values of before over a record. */
 void lay_over(const Change& change, uint8_t* record) {
-  for (uint32_t at = 0; at < change.table->stride; ++at) {
-    if (change.mask.data()[at] != 0) record[at] = change.before.data()[at];
-  }
+  change.put(change.before, record);
   if (is_section(*change.table)) return;
   const int32_t id =
       change.was_used ? static_cast<int32_t>(change.position + 1) : change.table->free;
   memcpy(record + change.table->id_at, &id, sizeof id);
 }
 
+/* Opens the try that runs. If there is none, prints an error and returns a status. */
+int need_try(Try& running) {
+  if (!open_state(false) && errno != ENOENT) return fail_state();
+  return state_folder() >= 0 && running.open() ? kOk : fail(kRefused, kNoTry);
+}
+
 /* Takes the actor's role in a try that runs and is made. */
 int join(Try& running, const char* what) {
-  if (!open_state(false)) {
-    return errno == ENOENT ? fail(kRefused, "no try runs") : fail_state();
-  }
-  if (!running.open()) return fail(kRefused, "no try runs");
+  if (const int status = need_try(running); status != kOk) return status;
   if (!take_role(Role::kActor, kActorTries)) {
     return fail(kRefused, "%s: process %d still makes or ends the try", what,
                 static_cast<int>(holder_of(Role::kActor)));
   }
-  if (!running.open()) return fail(kRefused, "no try runs: it has ended");
+  if (!running.open()) return fail(kRefused, kNoTry);
   const Phase phase = running.header.phase;
   if (phase == Phase::kMaking) return fail(kRefused, "%s: the try was not made", what);
   return kOk;
@@ -391,8 +386,7 @@ int extend(uint32_t seconds) {
 
 int open_try(Source* source) {
   Try running;
-  if (!open_state(false)) return errno == ENOENT ? fail(kNoArea, "no try runs") : fail_state();
-  if (!running.open()) return fail(kNoArea, "no try runs");
+  if (const int status = need_try(running); status != kOk) return status;
   Source live;
   live.open_live();
   Changes changes;
@@ -497,10 +491,7 @@ bool list_unsaved(Source& live, const Changes& own, uint32_t areas) {
     is.take(live);
     for (const Change* change = own.first(); change != nullptr; change = change->next) {
       if (change->table != &table) continue;
-      uint8_t* record = was.put(change->position);
-      for (uint32_t at = 0; at < table.stride; ++at) {
-        if (change->mask.data()[at] != 0) record[at] = change->after.data()[at];
-      }
+      change->put(change->after, was.put(change->position));
       if (!change->is_used) was.drop(change->position);
     }
     any |= print_changes("  ", was, is);
@@ -546,10 +537,7 @@ int commit_without_saves(Try& running, int n) {
   if (n == kAreaCount) return commit(running);
   const NoSaves no_saves(kAreas[n]);
   if (no_saves) return commit_without_saves(running, n + 1);
-  return fail_confirm(running, fail(kRefused,
-                                    "not confirmed: area %s is being saved by another "
-                                    "program",
-                                    kAreas[n].name));
+  return fail_confirm(running, fail_saving(kAreas[n]));
 }
 
 int save_and_commit(Call& call, Try& running, uint32_t areas) {
@@ -608,9 +596,7 @@ int run_confirm(Call& call) {
 namespace {
 
 /* Tries again for the records that wait. */
-int take_back_waiting(Call& call) {
-  Changes changes;
-  if (!read_waiting(&changes)) return fail(kRefused, "no try runs");
+int take_back_waiting(Call& call, Changes& changes) {
   call.source.open_live();
   Text report, rest;
   take_back_live(call.source, changes, &report);
@@ -630,11 +616,11 @@ int take_back_waiting(Call& call) {
 }  // namespace
 
 int run_revert(Call& call) {
-  if (!open_state(false)) {
-    return errno == ENOENT ? fail(kRefused, "no try runs") : fail_state();
-  }
   Try running;
-  if (!running.open()) return take_back_waiting(call);
+  Changes waiting;
+  if (open_state(false) && !running.open() && read_waiting(&waiting)) {
+    return take_back_waiting(call, waiting);
+  }
   if (const int status = join(running, "not taken back"); status != kOk) return status;
   if (running.header.phase == Phase::kConfirming && !is_marked()) {
     finish_confirmed(running);

@@ -115,11 +115,7 @@ void Try::read_changes(Source& live, Changes* changes) const {
     at += chunk->size;
     if (!is_unmade(*chunk, live)) end = at;
   }
-  at = sizeof header;
-  for (const Chunk* chunk; at < end && (chunk = chunk_at(bytes, at)) != nullptr;
-       at += chunk->size) {
-    changes->add(*chunk);
-  }
+  changes->add(bytes, sizeof header, end, 0);
 }
 
 /* ---- areas before a program ---- */

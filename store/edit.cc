@@ -334,9 +334,7 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
   if (!lock) return lock.fault();
   uint8_t* record = RecordLock::record_of(*this, table, position);
   if (!is_used(table, record)) return Written::kNotUsed;
-  for (const Field& field : table) {
-    if (expected != nullptr && !equal(field, record, expected)) return Written::kChanged;
-  }
+  if (expected != nullptr && !has_equal_fields(table, record, expected)) return Written::kChanged;
   if (!write_down({table, position, record, nullptr, nullptr, true, false})) {
     return Written::kFailed;
   }
@@ -374,14 +372,6 @@ void choose_fields(const Change& change, const uint8_t* now, Mask* back, Mask* s
   }
 }
 
-/* Whether the record has the values of the change in all fields. */
-bool has_fields(const Change& change, const uint8_t* now, const Buffer& values) {
-  for (const Field& field : *change.table) {
-    if (!equal(field, now, values.data())) return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 /* The caller holds the record's byte. */
@@ -403,7 +393,7 @@ Written Edit::put_back(const Change& change, Mask* stays) {
     return Written::kDone;
   }
   if (change.was_used) {
-    if (used) return has_fields(change, live, change.before) ? Written::kDone : Written::kNotFree;
+    if (used) return has_equal_fields(table, live, before) ? Written::kDone : Written::kNotFree;
     return use(table, change.position, before);
   }
   if (!used) {
@@ -412,7 +402,7 @@ Written Edit::put_back(const Change& change, Mask* stays) {
     return Written::kDone;
   }
   if (!change.is_used) return Written::kDone; /* the record is another one */
-  if (!has_fields(change, live, change.after)) return Written::kChanged;
+  if (!has_equal_fields(table, live, change.after.data())) return Written::kChanged;
   if (!write_down({table, change.position, live, nullptr, nullptr, true, false})) {
     return Written::kFailed;
   }

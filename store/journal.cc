@@ -117,6 +117,12 @@ Step Change::step() const {
           was_used, is_used};
 }
 
+void Change::put(const Buffer& values, uint8_t* record) const {
+  for (uint32_t at = 0; at < table->stride; ++at) {
+    if (mask.data()[at] != 0) record[at] = values.data()[at];
+  }
+}
+
 bool Change::is_field_changed(const Field& field) const {
   for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
     if (mask.data()[at] != 0 && before.data()[at] != after.data()[at]) return true;
@@ -189,6 +195,13 @@ void Changes::add(const Chunk& chunk) {
   const bool whole = chunk.was_used == 0 || chunk.is_used == 0;
   add({table, chunk.position, before.data(), after.data(), whole ? nullptr : mask.data(),
        chunk.was_used != 0, chunk.is_used != 0});
+}
+
+void Changes::add(const Text& journal, size_t from, size_t end, uint32_t entry) {
+  for (const Chunk* chunk; from < end && (chunk = chunk_at(journal, from)) != nullptr;
+       from += chunk->size) {
+    if (chunk->entry == entry) add(*chunk);
+  }
 }
 
 uint32_t Changes::areas() const {
