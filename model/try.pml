@@ -234,9 +234,16 @@ inline unlock_all(me) {
   }
 }
 
+#ifdef FAULT_FINISH_NOT_SYNCED
+#define SYNC_FIRST skip
+#else
+#define SYNC_FIRST sync_marker()
+#endif
+
 /* Whoever comes after a commit whose maker was killed. */
 #define finish(me)                                                            \
   !tar_left;                                                                  \
+  SYNC_FIRST;                                                                 \
   LOCK_ALL(me);                                                               \
   EACH(renew_copy);                                                           \
   unlock_all(me);                                                             \
