@@ -234,9 +234,16 @@ inline unlock_all(me) {
   }
 }
 
+#ifdef FAULT_FINISH_NOT_SYNCED
+#define SYNC_FIRST skip
+#else
+#define SYNC_FIRST sync_marker()
+#endif
+
 /* Whoever comes after a commit whose maker was killed. */
 #define finish(me)                                                            \
   !tar_left;                                                                  \
+  SYNC_FIRST;                                                                 \
   LOCK_ALL(me);                                                               \
   EACH(renew_copy);                                                           \
   unlock_all(me);                                                             \
@@ -297,7 +304,7 @@ inline try() {
 #if TRIES > 1 && !defined(FAULT_OLD_GUARDS)
   guard[0] != 2 && guard[1] != 2;
 #endif
-  d_step { journal = CHANGING; deadline = false; begun = true };
+  d_step { journal = CHANGING; deadline = false; begun = true; changed = false };
   start_guard(0);
 #if GUARDS == 1
   guard[0] == 2;
@@ -354,7 +361,7 @@ inline act() {
 #else
   :: IS_COMMITTED -> finish(GUARD + g)
 #endif
-  :: IS_REVERT -> revert(GUARD + g)
+  :: IS_REVERT -> assert(journal != MADE || deadline); revert(GUARD + g)
   :: d_step { journal == CONFIRMING && MARKED && !deadline -> journal = MADE }; actor = NOBODY
   :: d_step { journal == GONE || (journal == MADE && !deadline) -> actor = NOBODY }
   fi
@@ -375,6 +382,13 @@ inline guard_loop() {
      :: d_step { actor == NOBODY -> actor = GUARD + g }; act()
      :: actor != NOBODY
      fi
+#ifdef SLOW_LOOK /* it reads the journal, and then looks at byte 2 */
+  :: journal == CHANGING && actor == CALLER && !stopped[CALLER] ->
+     if
+     :: d_step { actor == NOBODY -> actor = GUARD + g }; act()
+     :: actor != NOBODY
+     fi
+#endif
 #ifndef FAULT_STOPPED_COUNTS
   :: IS_REASON && stopped[actor] ->
      d_step { if :: actor != NOBODY && actor != GUARD + g -> victim = actor :: else fi };
