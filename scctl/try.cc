@@ -228,7 +228,7 @@ int become_actor() {
   Try running;
   if (running.open()) return refuse_running(running);
   if (is_marked()) {
-    return fail(kRefused, "%s/%s: a try of before the boot left it; scguard restore ends that",
+    return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
   constexpr timespec kPause = {0, 1000000};
@@ -581,9 +581,9 @@ int confirm(Call& call, Try& running) {
   const uint32_t areas = changes.areas() & saved_areas();
   if (list_unsaved(call.source, changes, areas)) {
     if (call.has(kOnlyMine)) {
-      return fail(kRefused, "not confirmed: what others changed would be saved, too");
+      return fail(kRefused, "not confirmed: these changes are not part of the try");
     }
-    tell("what others changed in these areas is saved, too");
+    tell("these changes are not part of the try, and are saved, too");
   }
   if (!running.set_phase(Phase::kConfirming)) return fail_state();
   if (const int status = save_and_commit(call, running, areas); status != kOk) return status;
