@@ -105,9 +105,9 @@ constexpr Command kCommands[] = {
    "- is standard input.\n",
    kDryRun | kChanges | kInput, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
-   "A and B are images, archives, live, saved, checkpoint:NAME or try: the areas of a\n"
-   "try as they were before it. Without them, compares saved with live. Exit status 1\n"
-   "if they differ.\n",
+   "A and B are images, archives, live, saved, checkpoint:NAME or try: the areas of\n"
+   "a try as they were before it. Without them, compares saved with live. Exit\n"
+   "status 1 if they differ.\n",
    0, 0, 2, run_diff},
   {"checkpoint", "NAME", "keep the present state of all areas under a name",
    "Copies all areas that can be saved, of one moment: nobody changes a record while\n"
@@ -152,8 +152,8 @@ constexpr Command kCommands[] = {
    kTimeout | kStatus | kJson, 0, -1, run_try},
   {"confirm", "", "keep the change of a try",
    "Saves the areas that it changed, all of them or none. Lists other changes in\n"
-   "these areas that nobody saved: they are saved, too. Exit status 1 if no try runs,\n"
-   "or it is too late.\n",
+   "these areas that nobody saved: they are saved, too. Exit status 1 if no try\n"
+   "runs, or it is too late.\n",
    kOnlyMine, 0, 0, run_confirm},
   {"revert", "", "take back the change of a try now",
    "Prints what stays because others changed it since, and which deleted records\n"
@@ -161,8 +161,8 @@ constexpr Command kCommands[] = {
    "status 1 if there is nothing to take back, or other programs prevent it.\n",
    0, 0, 0, run_revert},
   {"log", "", "list the edits by scctl since the boot, newest first",
-   "The log is in memory and has 64 KB: the oldest edits make room. An edit that does\n"
-   "not fit, and one of whole areas, cannot be undone.\n",
+   "The log is in memory and has 64 KB: the oldest edits make room. An edit that\n"
+   "does not fit, and one of whole areas, cannot be undone.\n",
    kJson, 0, 0, run_log},
   {"undo", "[N]", "take back the last edit, or the last N",
    "Takes back field by field what is still as the edit left it, and prints the\n"
