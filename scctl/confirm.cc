@@ -107,9 +107,9 @@ int confirm(Call& call, Try& running) {
   const uint32_t areas = changes.areas() & saved_areas();
   if (list_unsaved(call.source, changes, areas)) {
     if (call.has(kOnlyMine)) {
-      return fail(kRefused, "not confirmed: what others changed would be saved, too");
+      return fail(kRefused, "not confirmed: these changes are not part of the try");
     }
-    tell("what others changed in these areas is saved, too");
+    tell("these changes are not part of the try, and are saved, too");
   }
   if (!running.set_phase(Phase::kConfirming)) return fail_state();
   if (const int status = save_and_commit(call, running, areas); status != kOk) return status;

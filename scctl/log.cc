@@ -308,7 +308,7 @@ int undo(Call& call, const Text& log, const Logged& entry) {
   }
   Text words;
   words.add_shown(entry.words, strlen(entry.words));
-  tell("taken back: %u of %u record%s of %u: %s", count(changes, Fate::kBack), count(changes),
+  tell("taken back: %u of %u record%s of edit %u: %s", count(changes, Fate::kBack), count(changes),
        count(changes) == 1 ? "" : "s", entry.chunk->entry, words.c_str());
   fputs(report.c_str(), stdout);
   return count(changes, Fate::kBack) == count(changes) ? kOk : kRefused;

@@ -206,7 +206,7 @@ int become_actor() {
   Try running;
   if (running.open()) return refuse_running(running);
   if (is_marked()) {
-    return fail(kRefused, "%s/%s: a try of before the boot left it; scguard restore ends that",
+    return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
   constexpr timespec kPause = {0, 1000000};
