@@ -81,8 +81,8 @@ del clients/1
 # "tries say" prints "now" and its word. The sums before the try are those of the areas as booted, and
 # the second ones those with the change.
 TRY = "tries sums; tries say trying; scctl try --timeout 3600 batch /tmp/batch && tries sums; "
-TRY_COMMAND = ("tries sums; tries say trying; "
-               "scctl try --timeout 3600 -- router add 02:00:5e:00:00:01 10.6.0.1 x && tries sums; ")
+TRY_COMMAND = ("tries sums; tries say trying; scctl try --timeout 3600 -- router delete 7 && "
+               "tries sums; ")
 CONFIRM = "tries say confirming; scctl confirm && tries say confirmed; sleep 1"
 REVERT = "scctl revert && tries say reverted; sleep 1"
 SAVE_LAN = "router save && scguard keep lan; "
