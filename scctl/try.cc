@@ -482,7 +482,7 @@ bool print_unsaved(const Table& table, Source& live, const uint8_t* saved, Chang
   for (uint32_t position = 0; position < table.capacity; ++position) {
     const uint8_t* was =
         saved == nullptr ? zeros.data() : saved + table.at + position * table.stride;
-    const bool was_used = saved != nullptr && is_used(table, was);
+    const bool was_used = is_section(table) || (saved != nullptr && is_used(table, was));
     const bool used = reader.copy(position, copy.data());
     if (!was_used && !used) continue;
     const Change* change = own.find(table, position);
