@@ -94,7 +94,7 @@ void lay_over(const Change& change, uint8_t* record) {
 
 int open_try(Source* source) {
   Try running;
-  if (const int status = need_try(running); status != kOk) return status;
+  if (need_try(running) != kOk) return kNoArea; /* 1 means that two sources differ */
   Source live;
   live.open_live();
   Changes changes;
