@@ -92,4 +92,4 @@ void save_area(const struct Area* area, uint32_t address) {
   fclose(file);
 }
 
-void cut_power(void) { type("scctl remove --all; rm -f /var/lock_store/* /var/systemconfig/*"); }
+void cut_power(void) { type("scctl remove --all; rm -rf /var/lock_store/* /var/systemconfig/*"); }
