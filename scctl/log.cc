@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -59,12 +60,22 @@ class Entry {
  private:
   void add(Text& chunk) {
     is_closed_ = true;
-    if (!open_state(true) || !take_role(Role::kLogger, kTriesToLog)) return;
+    if (!open_state(true) || !lock_folder()) return;
     if (const int file = open_state_file(kLog, O_RDWR | O_CREAT | O_APPEND); file >= 0) {
       is_closed_ = !append(file, chunk);
       close(file);
     }
-    leave_role(Role::kLogger);
+    flock(state_folder(), LOCK_UN);
+  }
+
+  /* A logger that was stopped is not waited for for ever. */
+  static bool lock_folder() {
+    constexpr timespec kPause = {0, 1000000};
+    for (int n = 0; n < kTriesToLog; ++n) {
+      if (flock(state_folder(), LOCK_EX | LOCK_NB) == 0) return true;
+      nanosleep(&kPause, nullptr);
+    }
+    return false;
   }
 
   bool append(int file, Text& chunk) {
@@ -174,9 +185,7 @@ void log_changes(const Author& author, const char* words, const Changes& changes
   Entry entry;
   entry.begin(author, words);
   for (const Change* change = changes.first(); change != nullptr; change = change->next) {
-    const bool whole = !change->was_used || !change->is_used;
-    entry.add({*change->table, change->position, change->before.data(), change->after.data(),
-               whole ? nullptr : change->mask.data(), change->was_used, change->is_used});
+    entry.add(change->step());
   }
 }
 
@@ -233,13 +242,6 @@ const Chunk* entry_before(const Text& log, uint32_t number) {
   return newest;
 }
 
-void take_changes(const Text& log, uint32_t entry, Changes* changes) {
-  size_t at = 0;
-  for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
-    if (chunk->entry == entry) changes->add(*chunk);
-  }
-}
-
 void print_entry(const Logged& entry, const Changes& changes) {
   Text line;
   line.print("%u  ", entry.chunk->entry);
@@ -279,7 +281,7 @@ int run_log(Call& call) {
        chunk = entry_before(log, chunk->entry)) {
     const Logged entry(log, *chunk);
     Changes changes;
-    take_changes(log, chunk->entry, &changes);
+    changes.add(log, 0, log.size(), chunk->entry);
     if (call.has(kJson))
       write_entry(entry, changes, &writer);
     else
@@ -297,7 +299,7 @@ namespace {
 /* Takes one entry back, as one edit. */
 int undo(Call& call, const Text& log, const Logged& entry) {
   Changes changes;
-  take_changes(log, entry.chunk->entry, &changes);
+  changes.add(log, 0, log.size(), entry.chunk->entry);
   Text report;
   {
     Edit edit(call.source);

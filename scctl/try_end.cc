@@ -184,11 +184,8 @@ void keep_waiting(const Changes& changes) {
   if (file < 0) return;
   for (const Change* change = changes.first(); change != nullptr; change = change->next) {
     if (change->fate != Fate::kWaits) continue;
-    const bool whole = !change->was_used || !change->is_used;
     Text chunk;
-    pack_step({*change->table, change->position, change->before.data(), change->after.data(),
-               whole ? nullptr : change->mask.data(), change->was_used, change->is_used},
-              0, &chunk);
+    pack_step(change->step(), 0, &chunk);
     if (!write_all(file, chunk.c_str(), chunk.size())) break;
   }
   close(file);

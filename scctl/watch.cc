@@ -133,7 +133,7 @@ class Events {
   /* Waits for events, for a signal that ends the program, or until the given time. Marks the areas
    * to compare. */
   void wait(int64_t until, Watched* areas) {
-    const int64_t pause = until - now_ms();
+    const auto pause = static_cast<int32_t>(until - now_ms()); /* no 64-bit division */
     timespec timeout = {};
     if (pause > 0) {
       timeout.tv_sec = static_cast<time_t>(pause / 1000);

@@ -2,9 +2,6 @@
 
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
-
-#include <new>
 
 #include "store/edit.h"
 #include "store/value.h"
@@ -114,6 +111,18 @@ Change::Change(const Table& of, uint32_t at)
       mask(of.stride),
       next(nullptr) {}
 
+Step Change::step() const {
+  const bool is_whole = !was_used || !is_used;
+  return {*table,   position, before.data(), after.data(), is_whole ? nullptr : mask.data(),
+          was_used, is_used};
+}
+
+void Change::put(const Buffer& values, uint8_t* record) const {
+  for (uint32_t at = 0; at < table->stride; ++at) {
+    if (mask.data()[at] != 0) record[at] = values.data()[at];
+  }
+}
+
 bool Change::is_field_changed(const Field& field) const {
   for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
     if (mask.data()[at] != 0 && before.data()[at] != after.data()[at]) return true;
@@ -139,7 +148,7 @@ Change* Changes::find(const Table& table, uint32_t position) {
 
 Change& Changes::at(const Table& table, uint32_t position, bool was_used) {
   if (Change* known = find(table, position); known != nullptr) return *known;
-  Buffer room(sizeof(Change)); /* there is no operator new without the C++ library */
+  Buffer room(sizeof(Change));
   auto* change = new (room.release()) Change(table, position);
   change->was_used = was_used;
   *end_ = change;
@@ -188,21 +197,19 @@ void Changes::add(const Chunk& chunk) {
        chunk.was_used != 0, chunk.is_used != 0});
 }
 
+void Changes::add(const Text& journal, size_t from, size_t end, uint32_t entry) {
+  for (const Chunk* chunk; from < end && (chunk = chunk_at(journal, from)) != nullptr;
+       from += chunk->size) {
+    if (chunk->entry == entry) add(*chunk);
+  }
+}
+
 uint32_t Changes::areas() const {
   uint32_t areas = 0;
   for (const Change* change = first_; change != nullptr; change = change->next) {
     areas |= bit(change->table->area);
   }
   return areas;
-}
-
-bool read_file(int file, Text* to) {
-  char bytes[4096];
-  ssize_t size;
-  for (off_t at = 0; (size = pread(file, bytes, sizeof bytes, at)) > 0; at += size) {
-    to->add(bytes, static_cast<size_t>(size));
-  }
-  return size == 0;
 }
 
 }  // namespace store

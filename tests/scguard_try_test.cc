@@ -85,6 +85,7 @@ TEST_F(ScguardTryTest, AreasThatNobodySaved_AreNotWritten) {
   try_again(kMiscHadNone);
   fs::remove(kMiscArchive);
   write_file(kArchive, copy_);
+  write_file(kNew, "half"); /* of a keep that was cut */
   struct stat before, after;
   ASSERT_EQ(stat(kArchive, &before), 0);
   EXPECT_EQ(guard({"restore"}), (Guarded{0, lines({kTakenBack + "lan misc"})}));
@@ -347,6 +348,19 @@ TEST_F(ScguardTryTest, AreaThatIsMarkedMeanwhile_IsTakenBackToo) {
   write_file(kMarker, kBothGood);
   EXPECT_EQ(restore.go_on().status, 0);
   expect_the_bases_alone(kBothGood);
+}
+
+/* Its copy is the base of a try that has just begun. */
+TEST_F(ScguardTryTest, AreaThatIsMarkedAfterNoMarkerWasSeen_StaysAsItIs) {
+  try_again(kBothGood);
+  fs::remove(kMarker);
+  LockHolder lan(kLock, 1);
+  Program restore(scguard({"restore", "lan"}));
+  ASSERT_TRUE(becomes_blocked(restore.pid(), kLock, 1));
+  write_file(kMarker, kBothGood);
+  lan.release();
+  EXPECT_EQ(restore.wait(), (Outcome{0, "", ""}));
+  expect_nothing_changed(kBothGood);
 }
 
 /* Nobody who waits for one of its locks while he holds another is told EDEADLK. */

@@ -488,7 +488,10 @@ TEST_F(InPlaceTest, AnEdit_LeavesTheLiveAreaItsLocksAndItsArchive) {
   EXPECT_EQ(run(scctl({"export", "Lan"})).out, exported);
   EXPECT_TRUE(read_file("/var/dataconfig/config_lan.bin") == saved);
   EXPECT_EQ(status_of("/var/lock_store/lan_conf_lock").st_ctim.tv_nsec, lock.st_ctim.tv_nsec);
-  EXPECT_TRUE(names_in("/var/systemconfig").empty());
+  EXPECT_EQ(names_in("/var/systemconfig"), std::set<std::string>{"scctl"});
+  const std::string log = run(scctl({"log"})).out;
+  EXPECT_NE(log.find("add lan_binds"), std::string::npos);
+  EXPECT_EQ(log.find("--in-place"), std::string::npos); /* it is about the machine's areas */
 }
 
 }  // namespace

@@ -1,8 +1,13 @@
 """Runs every suite of checks, those of the host alone (--quick), or one check (--only NAME), and sums
 them up."""
 
+import os
 import signal
 import sys
+import threading
+import time
+import traceback
+from functools import partial
 
 import abi
 import binaries
@@ -37,15 +42,17 @@ def fetch_musl(suite):
 
 
 # What CTest runs, too, each on its own (ctest -L NAME): checks of the tree and of what was built.
-CHECKS = {
+SOURCE_CHECKS = {
     "format": sources.check_format,
     "arrows": sources.check_arrows,
-    "analysis": sources.check_analysis,
+}
+CHECKS = {
     "headers": lambda suite: sources.check_headers(suite, library_targets()),
     "library": lambda suite: binaries.check_library(suite, library_targets()),
     "manual": manual.check_manual,
     "commands": manual.check_commands,
     "abi": abi.check_abi,
+    "model": lambda suite: suite.run([ROOT / "model/check"], check="model of a try"),
 }
 SLOW_CHECKS = {
     "sizes": sizes.check_sizes,
@@ -53,6 +60,8 @@ SLOW_CHECKS = {
     "package": tests.check_package,
     "small": tests.check_small,
     "demo": tests.check_demo,
+}
+ROUTER_CHECKS = {
     "device": tests.check_device,
     "costs": tests.check_costs,
 }
@@ -63,29 +72,72 @@ def library_targets():
     return [target for target in LIBRARY_TARGETS if (BUILD / target / "libsysconfig.so").exists()]
 
 
+class Lane(threading.Thread):
+    """Suites one after another, beside another lane. The programs of a lane that gives way get the
+    time that the other lane leaves."""
+
+    def __init__(self, suites, gives_way):
+        super().__init__(daemon=True)
+        self._suites = suites
+        self._gives_way = gives_way
+
+    def run(self):
+        if self._gives_way:
+            os.nice(10)  # on Linux: this thread and the programs that it starts
+        try:
+            for suite in self._suites:
+                suite()
+        except Exception:
+            traceback.print_exc()
+            os._exit(1)  # other lanes would wait for this one
+
+
 def run_all(quick):
-    test_targets = ("host",) if quick else TEST_TARGETS
-    if not quick:
-        run("fetch-musl", fetch_musl)
-    run("build", tests.build, test_targets if quick else TEST_TARGETS + ("mipsel-small",))
-    for name, check in CHECKS.items():
-        if quick and name == "analysis":
-            run(name, sources.check_analysis, True)
-        else:
-            run(name, check)
-    results = {target: run("tests-" + target, tests.run_tests, target) or tests.Results()
-               for target in test_targets}
-    if not quick:
-        results["box"] = run("tests-box", tests.run_box) or tests.Results()
+    """Two lanes side by side. The first one has the tests and what else watches the clock: nothing runs
+    beside that but what gives way, in the second one, which has what the tests wait for, and the checks."""
+    targets = ("host",) if quick else TEST_TARGETS + ("mipsel-small",)
+    built = {target: threading.Event() for target in targets}
+    results = {target: tests.Results() for target in (("host",) if quick else (*TEST_TARGETS, "box"))}
+
+    def build(target):
+        run("build-" + target, tests.build, target)
+        built[target].set()
+
+    def test(target):
+        built[target].wait()
+        results[target] = run("tests-" + target, tests.run_tests, target) or results[target]
+
+    def test_box():
+        built["mipsel-small"].wait()
+        results["box"] = run("tests-box", tests.run_box) or results["box"]
+
+    def suites(checks):
+        return [partial(run, name, check) for name, check in checks.items()]
+
+    analysis = sources.check_analysis
+    first = [partial(build, "host"), *(partial(test, target) for target in results if target != "box")]
+    if quick:
+        lanes = [Lane(first, False),
+                 Lane([*suites(SOURCE_CHECKS), built["host"].wait,
+                       partial(run, "analysis", analysis, True), *suites(CHECKS)], True)]
+    else:
+        lanes = [Lane([*first, test_box, *suites(ROUTER_CHECKS)], False),
+                 Lane([partial(run, "fetch-musl", fetch_musl),
+                       *(partial(build, target) for target in targets if target != "host"),
+                       built["host"].wait, *suites(SOURCE_CHECKS), partial(run, "analysis", analysis),
+                       *suites({**CHECKS, **SLOW_CHECKS})], True)]
+    for lane in lanes:
+        lane.start()
+    for lane in lanes:
+        lane.join()
     run("counts", tests.check_counts, results)
-    if not quick:
-        for name, check in SLOW_CHECKS.items():
-            run(name, check)
 
 
 def main(words):
+    started = time.monotonic()
     LOGS.mkdir(parents=True, exist_ok=True)
-    checks = {**CHECKS, **SLOW_CHECKS}
+    checks = {**SOURCE_CHECKS, "analysis": sources.check_analysis, **CHECKS, **SLOW_CHECKS,
+              **ROUTER_CHECKS}
     if words[:1] == ["--only"]:
         run(words[1], checks[words[1]])
     else:
@@ -96,7 +148,7 @@ def main(words):
         print(suite.summary())
     failed = sum(suite.failed for suite in done)
     print("%d passed, %d failed, %d s, %d MB in build" % (
-        sum(suite.passed for suite in done), failed, sum(suite.seconds for suite in done),
+        sum(suite.passed for suite in done), failed, time.monotonic() - started,
         int(output(["du", "-sm", BUILD]).split()[0])))
     return 1 if failed else 0
 

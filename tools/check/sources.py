@@ -1,12 +1,14 @@
 """Checks that read the sources: format, static analysis, public headers."""
 
+import functools
+import hashlib
 import json
 import re
 import shlex
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
 
-from suite import BUILD, ROOT, files
+from suite import BUILD, LOGS, ROOT, files, output
 
 C_FAMILY = ("**/*.h", "**/*.c", "**/*.cc")
 
@@ -30,42 +32,81 @@ def check_format(suite):
         suite.run(["clang-format", "--dry-run", "-Werror", path], check="format of %s" % path)
 
 
+# An analysis that passed leaves a file here. Its name is the checksum of everything that was read.
+PASSED = LOGS / "analysed"
+
+
 def check_analysis(suite, is_quick=False):
-    """Of all sources, or of those but scctl's, which take most of the time."""
+    """Of all sources, or of those but scctl's, which take most of the time. What has passed is not
+    analysed again until the tool, its options, the source, a header or .clang-tidy has other bytes."""
     entries = json.loads((BUILD / "host/compile_commands.json").read_text())
-    compiled = {entry["file"]: entry["command"] for entry in entries
+    compiled = {entry["file"]: shlex.split(entry["command"].split(" -o ")[0]) for entry in entries
                 if any(" %s" % folder in entry["command"] for folder in ANALYSED
                        if not (is_quick and "scctl" in folder))}
     sources = list(compiled)
     for part in ("core", "store", "scguard") + (() if is_quick else ("scctl",)):
         suite.verdict(any("/%s/" % part in path for path in sources), "sources of %s" % part)
-    commands = {
-        "clang-tidy %s" % path[len(str(ROOT)) + 1:]:
-            ["clang-tidy", "--quiet", "-p", "build/host", "--warnings-as-errors=*",
-             "--extra-arg=-Wno-unknown-warning-option", path]
-        for path in sources
-    }
-    # gcc 12 means it for C. It follows C++ that has no exceptions, as here, within one source: streams
-    # left open are found, descriptors are not watched yet. It sees most without optimisation.
-    for path, command in compiled.items():
-        commands["gcc -fanalyzer %s" % path[len(str(ROOT)) + 1:]] = [
-            *shlex.split(command.split(" -o ")[0]), "-O0", "-fanalyzer", "-Werror",
-            "-o", "/dev/null", "-c", path]
-    commands["cppcheck"] = [
-        "cppcheck", "--quiet", "--std=c++20", "--enable=warning,performance,portability",
-        "--inline-suppr", "--error-exitcode=1", "-Iinclude", "-I.", *sources]
-    commands["tools/mutate --self-test"] = [ROOT / "tools/mutate", "--self-test"]
-    commands["pyflakes3"] = ["pyflakes3", *python_scripts()]
-    commands["shellcheck"] = ["shellcheck", "-x", *shell_scripts()]
-
-    def run(command):
-        return subprocess.run([str(word) for word in command], cwd=ROOT, text=True,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-
+    PASSED.mkdir(exist_ok=True)
     with ThreadPoolExecutor(2) as pool:
-        for what, result in zip(commands, pool.map(run, commands.values())):
-            suite.note(result.stdout)
-            suite.verdict(result.returncode == 0, what)
+        read = dict(zip(sources, pool.map(files_read, sources, compiled.values())))
+        tasks = []
+        for path, command in compiled.items():
+            name = path[len(str(ROOT)) + 1:]
+            tasks.append((
+                "clang-tidy " + name,
+                ["clang-tidy", "--quiet", "-p", "build/host", "--warnings-as-errors=*",
+                 "--extra-arg=-Wno-unknown-warning-option", path],
+                (version("clang-tidy"), command, read[path], checksum(ROOT / ".clang-tidy"))))
+            # gcc 12 means it for C. It follows C++ that has no exceptions, as here, within one source:
+            # streams left open are found, descriptors are not watched yet. It sees most without
+            # optimisation.
+            tasks.append((
+                "gcc -fanalyzer " + name,
+                [*command, "-O0", "-fanalyzer", "-Werror", "-o", "/dev/null", "-c", path],
+                (version(command[0]), read[path])))
+            tasks.append((
+                "cppcheck " + name,
+                ["cppcheck", "--quiet", "--std=c++20", "--enable=warning,performance,portability",
+                 "--inline-suppr", "--error-exitcode=1", "-Iinclude", "-I.", path],
+                (version("cppcheck"), read[path])))
+        tasks.append(("tools/mutate --self-test", [ROOT / "tools/mutate", "--self-test"], None))
+        tasks.append(("pyflakes3", ["pyflakes3", *python_scripts()], None))
+        tasks.append(("shellcheck", ["shellcheck", "-x", *shell_scripts()], None))
+        for (what, *_), (good, said) in zip(tasks, pool.map(analysed, tasks)):
+            suite.note(said)
+            suite.verdict(good, what)
+
+
+def analysed(task):
+    """Whether the command of a task passes, and what it says. `depends`: all that its verdict depends on
+    besides the command; None for what runs each time."""
+    _, command, depends = task
+    command = [str(word) for word in command]
+    passed = depends and PASSED / hashlib.sha256(repr((command, depends)).encode()).hexdigest()
+    if passed and passed.exists():
+        return True, "passed before, with the same bytes: " + " ".join(command)
+    ended = subprocess.run(command, cwd=ROOT, text=True, stdout=subprocess.PIPE,
+                           stderr=subprocess.STDOUT)
+    if passed and ended.returncode == 0:
+        passed.touch()
+    return ended.returncode == 0, ended.stdout
+
+
+def files_read(source, command):
+    """Path and checksum of each file that a compilation reads: the source and all headers."""
+    rule = output([*command, "-M", source])
+    return [(path, checksum(path)) for path in rule.partition(":")[2].split() if path != "\\"]
+
+
+@functools.cache
+def checksum(path):
+    with open(path, "rb") as file:
+        return hashlib.sha256(file.read()).hexdigest()
+
+
+@functools.cache
+def version(tool):
+    return output([tool, "--version"])
 
 
 def shell_scripts():
