@@ -192,7 +192,7 @@ void set_text(const char* from, char* to, size_t size) {
 int refuse_running(const Try& running) {
   Text user;
   add_user(running.header.author.uid, &user);
-  return fail(kRefused, "a try of %s runs for another %u s; scctl confirm or scctl revert ends it",
+  return fail(kRefused, "a try of %s runs, for %u s; scctl confirm or scctl revert ends it",
               user.c_str(), running.left());
 }
 
