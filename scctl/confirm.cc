@@ -24,6 +24,9 @@ bool list_unsaved(Source& live, const Changes& own, uint32_t areas) {
     if ((areas & bit(table.area)) == 0) continue;
     Snapshot was(table), is(table);
     was.take(saved);
+    for (uint32_t n = 0; is_section(table) && n < table.capacity; ++n) {
+      if (!was.used(n)) was.put(n); /* never saved: zeros */
+    }
     is.take(live);
     for (const Change* change = own.first(); change != nullptr; change = change->next) {
       if (change->table != &table) continue;
