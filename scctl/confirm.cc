@@ -147,7 +147,8 @@ int take_back_waiting(Call& call, Changes& changes) {
     unlinkat(state_folder(), "waiting", 0);
   else if (!replace_state_file("waiting", rest.c_str(), rest.size()))
     return fail_state();
-  tell("taken back: %u of %u records that waited", count(changes, Fate::kBack), count(changes));
+  tell("taken back: %u of %u record%s that waited", count(changes, Fate::kBack), count(changes),
+       count(changes) == 1 ? "" : "s");
   fputs(report.c_str(), stdout);
   return rest.size() == 0 ? kOk : kRefused;
 }

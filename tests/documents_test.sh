@@ -85,7 +85,7 @@ try_page() {
   sed -n 's/^    //p' docs/TRY.md >"$script"
   checked=$((checked + 1))
   diff -u -L docs/TRY.md -L said <(alike <"$script") \
-    <(examples/private_world tests/scctl_test.sh --inside "$script" "$build" 2>&1 | alike) ||
+    <(timeout 120 examples/private_world tests/scctl_test.sh --inside "$script" "$build" 2>&1 | alike) ||
     complain "docs/TRY.md: its commands print something else"
   rm "$script"
 }
