@@ -26,12 +26,9 @@ void add_value(const Field& field, const uint8_t* record, bool is_there, Text* t
 
 void write_change(const Change& change, JsonWriter* writer) {
   writer->open('{', JsonWriter::kInline);
-  writer->name("table");
-  add_json_text(change.table->name, &writer->value());
-  writer->name("id");
-  writer->value().print("%u", change.position + 1);
-  writer->name("what");
-  add_json_text(!change.was_used ? "add" : !change.is_used ? "delete" : "change", &writer->value());
+  writer->member("table", change.table->name);
+  writer->member("id", change.position + 1);
+  writer->member("what", !change.was_used ? "add" : !change.is_used ? "delete" : "change");
   writer->name("fields");
   writer->open('{', JsonWriter::kInline);
   const bool whole = change.was_used != change.is_used;
@@ -64,18 +61,15 @@ void write_changes(const Changes& changes, JsonWriter* writer) {
 }
 
 void write_author(const Author& author, JsonWriter* writer) {
-  writer->name("time");
   Text text;
   add_time(author.time, true, &text);
-  add_json_text(text.c_str(), &writer->value());
-  writer->name("user");
+  writer->member("time", text.c_str());
   text.clear();
   add_user(author.uid, &text);
+  writer->name("user");
   add_json_text(text.c_str(), &writer->value());
-  writer->name("uid");
-  writer->value().print("%u", author.uid);
-  writer->name("pid");
-  writer->value().print("%u", author.pid);
+  writer->member("uid", author.uid);
+  writer->member("pid", author.pid);
 }
 
 void find_later_changes(Source& live, const Changes& changes, Changes* later) {

@@ -15,6 +15,7 @@
 
 #include "commands.h"
 #include "core/bytes.h"
+#include "store/clock.h"
 #include "store/edit.h"
 #include "store/value.h"
 
@@ -67,10 +68,7 @@ int64_t count_used(Source& source, const Table& table) {
 }
 
 /* The library changes the counter after it has released the record. */
-void pause_for_counts() {
-  constexpr timespec kPause = {0, 10'000'000};
-  nanosleep(&kPause, nullptr);
-}
+void pause_for_counts() { pause_ms(10); }
 
 bool has_wrong_counter(Source& source, const Table& table, Damage* damage) {
   for (int look = 0; look < 2; ++look) {
@@ -327,10 +325,9 @@ class Gathered {
   void want(int64_t first, uint32_t count) { ranges_[count_++] = {first, count}; }
 
   bool gather() {
-    constexpr timespec kPause = {0, 1'000'000};
     constexpr int kTries = 1000;
     for (int n = 0; n < kTries && !is_interrupted(); ++n) {
-      if (n > 0) nanosleep(&kPause, nullptr);
+      if (n > 0) pause_ms(1);
       if (take_all()) return true;
       release();
     }

@@ -14,7 +14,6 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -30,22 +29,12 @@ namespace scctl {
 
 namespace {
 
-constexpr unsigned long kKeptFree = 64 * 1024;
-
 bool can_be_saved(const Area& area) { return area.row().stem[0] != '\0'; }
 
 /* ---- the copy of one moment ---- */
 
 constexpr uint32_t kLongest = 1000; /* milliseconds until a record has to be free */
 constexpr int kUnlockedCopies = 100;
-constexpr timespec kPause = {0, 1000000};
-
-uint32_t milliseconds() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint32_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
-}
-
 /* The lock files of the areas that are copied, for shared locks on all records of an area. Never
  * waits in the kernel (F_SETLKW): the kernel could then answer another program's wait with EDEADLK,
  * and the library would write without a lock. No edit of this process is open meanwhile: the end of
@@ -72,7 +61,7 @@ class RecordLocks {
   /* Locks the areas from `first` up to `end` all at once, within a second. Holds none of them while
    * it pauses: a program that holds a record of one area may wait for one of another. */
   bool hold(int first, int end) {
-    const uint32_t start = milliseconds();
+    const uint64_t start = boot_ms();
     while (true) {
       int n = first;
       while (n < end && lock(n, F_RDLCK)) ++n;
@@ -80,8 +69,8 @@ class RecordLocks {
       error_ = errno == EACCES && files_[n] >= 0 ? EAGAIN : errno;
       missing_ = n;
       release(first, n);
-      if (error_ != EAGAIN || milliseconds() - start >= kLongest) return false;
-      nanosleep(&kPause, nullptr);
+      if (error_ != EAGAIN || boot_ms() - start >= kLongest) return false;
+      pause_ms(1);
     }
   }
   void release(int first, int end) {
@@ -189,15 +178,6 @@ struct HiddenName {
   char text[40];
 };
 
-/* How many bytes are missing from those that have to stay free. ramfs knows no sizes. */
-unsigned long missing_room(int folder) {
-  struct statvfs room;
-  if (fstatvfs(folder, &room) != 0 || room.f_blocks == 0) return 0;
-  if (room.f_bavail > kKeptFree / room.f_frsize) return 0;
-  const unsigned long free = static_cast<unsigned long>(room.f_bavail) * room.f_frsize;
-  return free < kKeptFree ? kKeptFree - free : 0;
-}
-
 /* ---- writing ---- */
 
 /* A checkpoint that is being made. It is removed unless it was renamed. */
@@ -214,13 +194,13 @@ class NewCheckpoint {
 
   /* A step that does not succeed is told by fail(). */
   bool begin() {
-    return missing_room(store_) == 0 && mkdirat(store_, hidden_.text, 0700) == 0 &&
+    return missing_room(kCheckpoints, 0) == 0 && mkdirat(store_, hidden_.text, 0700) == 0 &&
            (folder_ = openat(store_, hidden_.text, O_RDONLY | O_DIRECTORY | O_CLOEXEC)) >= 0;
   }
   bool write(const Checkpoint& made);
   bool publish() {
     lacks_ = "";
-    if (fsync(folder_) != 0 || missing_room(store_) > 0 ||
+    if (fsync(folder_) != 0 || missing_room(kCheckpoints, 0) > 0 ||
         renameat(store_, hidden_.text, store_, name_) != 0) {
       return false;
     }
@@ -230,9 +210,9 @@ class NewCheckpoint {
 
   int fail() const {
     const char* why = why_ != nullptr ? why_ : strerror(errno);
-    const unsigned long missing = missing_room(store_);
+    const uint32_t missing = missing_room(kCheckpoints, 0);
     return missing > 0 ? store::fail(kRefused,
-                                     "checkpoint %s is not made: %s%lu bytes are missing: 64 KiB "
+                                     "checkpoint %s is not made: %s%u bytes are missing: 64 KiB "
                                      "stay free",
                                      name_, lacks_, missing)
                        : store::fail(kNoArea, "checkpoint %s is %s: %s: %s", name_,

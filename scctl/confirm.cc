@@ -172,6 +172,7 @@ int run_revert(Call& call) {
   leave_role(Role::kActor);
   fputs(report.c_str(), stdout);
   if (ended == Ended::kYes) return kOk;
+  if (ended == Ended::kWaiting) return fail(kRefused, "records wait: scctl revert tries again");
   return fail(kRefused, "its guards go on: other programs hold records or save areas");
 }
 

@@ -18,15 +18,10 @@ namespace scctl {
 
 namespace {
 
-constexpr uint64_t kStepMs = 200;
-constexpr uint64_t kBusyStepMs = 50;    /* while a try is being ended */
-constexpr uint64_t kCallersEndMs = 600; /* for a caller that still makes the change */
+constexpr uint32_t kStepMs = 200;
+constexpr uint32_t kBusyStepMs = 50;    /* while a try is being ended */
+constexpr uint32_t kCallersEndMs = 600; /* for a caller that still makes the change */
 constexpr int kStartTries = 3000;
-
-void pause_ms(uint64_t ms) {
-  const timespec pause = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1000000)};
-  nanosleep(&pause, nullptr);
-}
 
 Role twin_of(Role role) { return role == Role::kGuard ? Role::kTwin : Role::kGuard; }
 
@@ -89,7 +84,7 @@ bool act(Try& running) {
         finish_confirmed(now);
         is_over = true;
         break;
-      case Duty::kRevert: is_over = revert(now, "it was not confirmed", &report) == Ended::kYes;
+      case Duty::kRevert: is_over = revert(now, "it was not confirmed", &report) != Ended::kNotYet;
     }
   }
   leave_role(Role::kActor);
@@ -120,7 +115,7 @@ void watch(Role twin) {
   Try first;
   if (!open_state(false) || !take_role(role, 1) || !first.open()) _exit(0);
   /* The caller starts both: the twin may be on its way. */
-  for (uint64_t n = 0; n < kStepMs && holder_of(twin_of(role)) == 0; ++n) pause_ms(1);
+  for (uint32_t n = 0; n < kStepMs && holder_of(twin_of(role)) == 0; ++n) pause_ms(1);
   while (true) {
     Try running;
     if (!running.open() || !running.is_same(first)) _exit(0);
@@ -130,7 +125,7 @@ void watch(Role twin) {
     if (act(running)) _exit(0);
     const bool is_busy = running.is_over() || running.header.phase == Phase::kReverting;
     const uint64_t left = running.header.deadline_ms - boot_ms();
-    pause_ms(is_busy ? kBusyStepMs : left < kStepMs ? left + 1 : kStepMs);
+    pause_ms(is_busy ? kBusyStepMs : left < kStepMs ? static_cast<uint32_t>(left) + 1 : kStepMs);
   }
 }
 

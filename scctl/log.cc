@@ -70,10 +70,9 @@ class Entry {
 
   /* A logger that was stopped is not waited for for ever. */
   static bool lock_folder() {
-    constexpr timespec kPause = {0, 1000000};
     for (int n = 0; n < kTriesToLog; ++n) {
       if (flock(state_folder(), LOCK_EX | LOCK_NB) == 0) return true;
-      nanosleep(&kPause, nullptr);
+      pause_ms(1);
     }
     return false;
   }
@@ -257,11 +256,9 @@ void print_entry(const Logged& entry, const Changes& changes) {
 
 void write_entry(const Logged& entry, const Changes& changes, JsonWriter* writer) {
   writer->open('{', JsonWriter::kInline);
-  writer->name("entry");
-  writer->value().print("%u", entry.chunk->entry);
+  writer->member("entry", entry.chunk->entry);
   write_author(entry.author, writer);
-  writer->name("command");
-  add_json_text(entry.words, &writer->value());
+  writer->member("command", entry.words);
   writer->name("undoable");
   writer->value().add(entry.is_undoable ? "true" : "false");
   writer->name("changes");

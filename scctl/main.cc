@@ -342,9 +342,9 @@ int open_input(Call* call) {
 
 /* Whole areas change without a journal, and a confirm saves. */
 bool can_be_tried(const Command& command) {
-  static constexpr int (*kRefused[])(Call&) = {run_init,   run_save,    run_restore, run_remove,
-                                               run_notify, run_repair,  run_lease,   run_try,
-                                               run_undo,   run_confirm, run_revert};
+  static constexpr int (*kRefused[])(Call&) = {
+      run_init,  run_save, run_restore, run_remove,  run_notify, run_repair,
+      run_lease, run_try,  run_undo,    run_confirm, run_revert, run_checkpoint};
   for (int (*run)(Call&) : kRefused) {
     if (command.run == run) return false;
   }

@@ -233,8 +233,7 @@ uint32_t print_records(Call& call, const Choice& choice) {
 void write_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
                        JsonWriter* writer) {
   writer->open('{', JsonWriter::kInline);
-  writer->name("id");
-  writer->value().print("%u", id);
+  writer->member("id", id);
   for (const Field& field : table) {
     writer->name(field.name);
     format_json(field, record, whole, &writer->value());

@@ -45,10 +45,9 @@ void forget_state() {
 int state_folder() { return g_folder; }
 
 bool take_role(Role role, int tries) {
-  constexpr timespec kPause = {0, 1000000};
   while (sc_lock_reg(g_locks, F_SETLK, F_WRLCK, static_cast<off_t>(role), SEEK_SET, 1) != 0) {
     if (--tries <= 0) return false;
-    nanosleep(&kPause, nullptr);
+    pause_ms(1);
   }
   return true;
 }
@@ -84,22 +83,6 @@ bool replace_state_file(const char* name, const char* bytes, size_t size) {
   unlinkat(g_folder, fresh.c_str(), 0);
   errno = why;
   return false;
-}
-
-uint64_t boot_ms() {
-  timespec now;
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint32_t>(now.tv_nsec) / 1000000;
-}
-
-void add_time(int64_t seconds, bool json, Text* to) {
-  const auto time = static_cast<time_t>(seconds);
-  tm parts;
-  char text[32];
-  const size_t size =
-      json ? strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&time, &parts))
-           : strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", localtime_r(&time, &parts));
-  to->add(text, size);
 }
 
 void add_user(uint32_t uid, Text* to) {

@@ -10,6 +10,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "store/clock.h"
 #include "store/files.h"
 #include "store/journal.h"
 
@@ -42,10 +43,6 @@ int open_state_file(const char* name, int flags);
 /* Replaces a file of the folder as a whole. */
 bool replace_state_file(const char* name, const char* bytes, size_t size);
 
-/* Milliseconds since boot, suspended time included. Setting the clock has no effect. */
-uint64_t boot_ms();
-/* "2026-01-02 03:04:05", or ISO 8601 in UTC. */
-void add_time(int64_t seconds, bool json, Text* to);
 /* The user's name, or the number. */
 void add_user(uint32_t uid, Text* to);
 

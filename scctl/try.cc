@@ -8,7 +8,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/prctl.h>
-#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -23,8 +22,7 @@ namespace {
 
 constexpr uint32_t kUsualSeconds = 90;
 constexpr int kActorTries = 3000;
-constexpr uint64_t kFreeFlash = 64 * 1024;
-constexpr uint64_t kMarkerBytes = 4096;
+constexpr uint32_t kMarkerBytes = 4096;
 
 /* ---- the marker ---- */
 
@@ -34,12 +32,12 @@ class Bases {
   explicit Bases(uint32_t areas) : areas_(areas) {}
 
   int prepare() {
-    uint64_t stale = 0;
+    uint32_t stale = 0;
     for (const Area& area : kAreas) {
       if (!has(area)) continue;
       CopyReport found;
       if (const int status = look(area, false, &found); status != kOk) return status;
-      if (found.state == CopyState::kStale) stale += found.archive_bytes;
+      if (found.state == CopyState::kStale) stale += static_cast<uint32_t>(found.archive_bytes);
       if (found.state == CopyState::kNone) never_saved_ |= bit(id_of(area));
     }
     if (const int status = need_room(stale); status != kOk) return status;
@@ -71,17 +69,11 @@ class Bases {
                : fail_flash("a kept copy cannot be renewed");
   }
 
-  static int need_room(uint64_t bytes) {
-    struct statvfs room;
-    if (statvfs(kArchiveFolder, &room) != 0) return fail_flash("its room is not known");
-    if (room.f_blocks == 0) return kOk; /* ramfs knows no sizes */
-    const uint64_t free = uint64_t{room.f_bavail} * room.f_frsize;
-    const uint64_t needed = bytes + kMarkerBytes + kFreeFlash;
-    if (free >= needed) return kOk;
-    return fail(kRefused, "%s: %llu bytes are missing: the kept copies need %llu, and %u stay free",
-                kArchiveFolder, static_cast<unsigned long long>(needed - free),
-                static_cast<unsigned long long>(bytes + kMarkerBytes),
-                static_cast<unsigned>(kFreeFlash));
+  static int need_room(uint32_t bytes) {
+    const uint32_t missing = missing_room(kArchiveFolder, bytes + kMarkerBytes);
+    if (missing == 0) return kOk;
+    return fail(kRefused, "%s: %u bytes are missing: the kept copies need %u, and %u stay free",
+                kArchiveFolder, missing, bytes + kMarkerBytes, kKeptFree);
   }
 
   uint32_t areas_;
@@ -209,10 +201,9 @@ int become_actor() {
     return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
-  constexpr timespec kPause = {0, 1000000};
   for (int n = 0; holder_of(Role::kGuard) != 0 || holder_of(Role::kTwin) != 0; ++n) {
     if (n == kActorTries) return fail(kRefused, "the guards of the last try do not end");
-    nanosleep(&kPause, nullptr);
+    pause_ms(1);
   }
   return kOk;
 }
@@ -240,7 +231,7 @@ int take_back_failed(Try& running, int status) {
   const Ended ended = revert(running, "it failed", &report);
   leave_role(Role::kActor);
   fail(status, "the try failed, and is taken back%s",
-       ended == Ended::kYes ? "" : " by its guards: another program holds a record");
+       ended != Ended::kNotYet ? "" : " by its guards: another program holds a record");
   fputs(report.c_str(), stderr);
   return status;
 }

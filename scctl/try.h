@@ -107,7 +107,8 @@ class OwnSaves {
 /* The actor's acts. */
 enum class Ended : uint8_t {
   kYes,
-  kNotYet, /* another program holds a record or an area: to be repeated */
+  kWaiting, /* but records wait for their ids */
+  kNotYet /* another program holds a record or an area: to be repeated */
 };
 /* Takes the try back, in memory and on the flash. Tells how it ended. */
 Ended revert(Try& running, const char* why, Text* report);

@@ -95,7 +95,6 @@ class Alarms {
 /* ---- saves ---- */
 
 OwnSaves::OwnSaves() {
-  constexpr timespec kPause = {0, 10000000};
   constexpr int kTries = 1000;
   file_ = openat(state_folder(), "saves", O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
   for (int n = 0; file_ >= 0 && flock(file_, LOCK_EX | LOCK_NB) != 0; ++n) {
@@ -104,7 +103,7 @@ OwnSaves::OwnSaves() {
       file_ = -1;
       return;
     }
-    nanosleep(&kPause, nullptr);
+    pause_ms(10);
   }
 }
 
@@ -234,11 +233,12 @@ Ended revert(Try& running, const char* why, Text* report) {
   }
   if (take_back_live(live, changes, report) == Ended::kNotYet) return Ended::kNotYet;
   if (clear_flash(running, report) == Ended::kNotYet) return Ended::kNotYet;
-  if (count(changes, Fate::kWaits) != 0) keep_waiting(changes);
+  const bool is_waiting = count(changes, Fate::kWaits) != 0;
+  if (is_waiting) keep_waiting(changes);
   Text how;
   how.print("is taken back (%s)", why);
   close_try(running, how.c_str(), *report);
-  return Ended::kYes;
+  return is_waiting ? Ended::kWaiting : Ended::kYes;
 }
 
 void finish_confirmed(Try& running) {
@@ -276,6 +276,8 @@ void look_after_try() {
     if (holder_of(Role::kActor) == 0) unlinkat(state_folder(), "try", 0); /* of another boot */
     return;
   }
+  /* What other programs change while a try of any program is made is part of the try. */
+  if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
   if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
   if (!take_role(Role::kActor, 1)) return; /* it is being made or ended */
   Text report;
@@ -286,7 +288,7 @@ void look_after_try() {
     fail(kOk, "the guards of the try were killed; it was confirmed before");
   } else if (is_there &&
              (running.is_over() || phase == Phase::kMaking || phase == Phase::kReverting)) {
-    const bool ended = revert(running, "its guards were killed", &report) == Ended::kYes;
+    const bool ended = revert(running, "its guards were killed", &report) != Ended::kNotYet;
     fail(kOk, "the guards of the try were killed; it is taken back%s", ended ? "" : " by new ones");
     if (!ended) start_guards();
   } else if (is_there) {

@@ -49,12 +49,9 @@ int run_status(Call& call) {
     JsonWriter writer(&text);
     writer.open('{', JsonWriter::kLines);
     write_author(header.author, &writer);
-    writer.name("command");
-    add_json_text(header.words, &writer.value());
-    writer.name("phase");
-    add_json_text(phase_name(header.phase), &writer.value());
-    writer.name("left");
-    writer.value().print("%u", running.left());
+    writer.member("command", header.words);
+    writer.member("phase", phase_name(header.phase));
+    writer.member("left", running.left());
     writer.name("changes");
     write_changes(changes, &writer);
     writer.name("others");

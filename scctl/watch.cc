@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "store/clock.h"
 
 namespace scctl {
 
@@ -33,7 +34,7 @@ constexpr int64_t kNever = INT64_MAX;
 constexpr int64_t kPauseMs = 5000;
 /* Time from an event to the comparison: changes that follow each other closely are compared
  * together. */
-constexpr timespec kSettle = {0, 2000000};
+constexpr uint32_t kSettleMs = 2;
 /* Init writes its lock file. Read follows it without opening the file, so it causes no event. */
 constexpr int64_t kMakingMs = 1000;
 /* How long a record may be incomplete before it is printed as it is. */
@@ -44,11 +45,7 @@ constexpr int64_t kRefillMs = 12;
 constexpr int64_t kLongestStepMs = 50; /* between two looks at an incomplete record */
 constexpr int kCopies = 100;
 
-int64_t now_ms() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
+int64_t now_ms() { return static_cast<int64_t>(boot_ms()); }
 
 /* ---- signals ---- */
 
@@ -147,7 +144,7 @@ class Events {
     const bool any = g_ended == 0 && ppoll(&events, 1, &timeout, &before) > 0;
     sigprocmask(SIG_SETMASK, &before, nullptr);
     if (!any) return;
-    nanosleep(&kSettle, nullptr);
+    pause_ms(kSettleMs);
     alignas(inotify_event) char bytes[4096];
     const int64_t now = now_ms();
     for (ssize_t size; (size = read(inotify_, bytes, sizeof bytes)) > 0;) {

@@ -13,6 +13,7 @@
 #include <sysconfig/core.h>
 
 #include "core/bytes.h"
+#include "store/clock.h"
 #include "store/value.h"
 
 namespace store {
@@ -46,7 +47,6 @@ namespace {
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
 constexpr int kTriesOfOneSecond = 1000;
-constexpr timespec kPause = {0, 1000000};
 
 volatile sig_atomic_t g_interrupted; /* the signal; 0: none */
 
@@ -102,7 +102,7 @@ bool Edit::lock(int file, uint32_t byte) {
     if (errno == EACCES && tries_ >= 0) errno = EAGAIN; /* POSIX allows both for a held byte */
     if (errno != EDEADLK && errno != EINTR && errno != EAGAIN) return false;
     if (errno == EAGAIN && (tries_ == 0 || --tries_ == 0)) return false;
-    if (errno != EINTR) nanosleep(&kPause, nullptr);
+    if (errno != EINTR) pause_ms(1);
   }
   errno = EINTR;
   return false;

@@ -1,6 +1,7 @@
 #include "store/files.h"
 
 #include <errno.h>
+#include <sys/statvfs.h>
 
 namespace store {
 
@@ -23,6 +24,14 @@ bool read_file(int file, Text* to) {
     to->add(bytes, static_cast<size_t>(size));
   }
   return size == 0;
+}
+
+uint32_t missing_room(const char* folder, uint32_t needed) {
+  struct statvfs room;
+  if (statvfs(folder, &room) != 0 || room.f_blocks == 0) return 0;
+  const uint64_t free = uint64_t{room.f_bavail} * room.f_frsize;
+  const uint64_t wanted = uint64_t{needed} + kKeptFree;
+  return free < wanted ? static_cast<uint32_t>(wanted - free) : 0;
 }
 
 }  // namespace store

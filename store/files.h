@@ -27,6 +27,12 @@ bool write_all(int file, const void* bytes, size_t size);
 /* Adds a whole file. errno tells why not. */
 bool read_file(int file, Text* to);
 
+/* This much of the flash stays free, so that the areas can be saved. */
+constexpr uint32_t kKeptFree = 64 * 1024;
+/* How many bytes are missing in a folder from those that are needed and those that stay free. A
+ * file system that knows no sizes has room. */
+uint32_t missing_room(const char* folder, uint32_t needed);
+
 }  // namespace store
 
 #endif

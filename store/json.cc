@@ -216,4 +216,14 @@ void JsonWriter::close() {
   to_->add(level.closing);
 }
 
+void JsonWriter::member(const char* name, const char* text) {
+  this->name(name);
+  add_json_text(text, &value());
+}
+
+void JsonWriter::member(const char* name, uint32_t number) {
+  this->name(name);
+  value().print("%u", number);
+}
+
 }  // namespace store

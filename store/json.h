@@ -62,6 +62,9 @@ class JsonWriter {
   void close();
   /* The name of the member that follows. */
   void name(const char* name);
+  /* A member whose value is a text or a number. */
+  void member(const char* name, const char* text);
+  void member(const char* name, uint32_t number);
   /* The caller adds the next element's or member's value to this text. */
   Text& value();
 

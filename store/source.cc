@@ -14,6 +14,7 @@
 #include <sysconfig/core.h>
 
 #include "core/registry.h"
+#include "store/clock.h"
 #include "store/value.h"
 
 namespace store {
@@ -62,13 +63,12 @@ constexpr int kLockTries = 1000; /* a millisecond apart */
 constexpr int kSaveTries = 5000; /* a save takes longer: it packs, writes and syncs */
 constexpr int kReadTries = 1000;
 constexpr int32_t kAreaByte = 1; /* the byte that a save holds */
-constexpr timespec kPause = {0, 1000000};
 
 bool lock_shared(int file, int32_t lock_index, int tries) {
   while (sc_lock_reg(file, F_SETLK, F_RDLCK, lock_index, SEEK_SET, 1) != 0) {
     if (errno == EACCES) errno = EAGAIN; /* POSIX allows both for a lock of another process */
     if (--tries <= 0 || errno != EAGAIN) return false;
-    nanosleep(&kPause, nullptr);
+    pause_ms(1);
   }
   return true;
 }
