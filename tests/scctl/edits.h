@@ -125,13 +125,19 @@ class EditTest : public World {
  protected:
   void SetUp() override {
     World::SetUp();
-    start_areas();
+    start_areas(area_names());
   }
 
-  void start_areas() {
-    for (const AreaCalls& calls : all_areas()) ASSERT_EQ(calls.init(1), 0) << calls.name;
+  void start_areas(const std::vector<std::string>& names) {
+    for (const std::string& name : names) ASSERT_EQ(area(name).init(1), 0) << name;
     /* Each area once: attached for good. */
-    for (const AreaCalls& calls : all_areas()) blocks_[calls.name] = block_at(calls.get());
+    blocks_.clear();
+    for (const std::string& name : names) blocks_[name] = block_at(area(name).get());
+  }
+  std::vector<std::string> started_areas() const {
+    std::vector<std::string> names;
+    for (const auto& [name, block] : blocks_) names.push_back(name);
+    return names;
   }
 
   uint8_t* block(const std::string& area_name) { return blocks_.at(area_name); }
