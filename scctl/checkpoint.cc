@@ -8,7 +8,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <pwd.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -23,6 +22,7 @@
 
 #include "commands.h"
 #include "listing.h"
+#include "state.h"
 #include "store/gzip.h"
 #include "store/value.h"
 
@@ -200,16 +200,6 @@ unsigned long missing_room(int folder) {
 
 /* ---- writing ---- */
 
-bool write_all(int file, const void* bytes, size_t size) {
-  const auto* at = static_cast<const char*>(bytes);
-  ssize_t done;
-  while (size > 0 && (done = write(file, at, size)) > 0) {
-    at += done;
-    size -= static_cast<size_t>(done);
-  }
-  return size == 0;
-}
-
 /* A checkpoint that is being made. It is removed unless it was renamed. */
 class NewCheckpoint {
  public:
@@ -300,12 +290,12 @@ bool NewCheckpoint::write(const Checkpoint& made) {
 
 /* Sets time and maker. */
 void sign(Checkpoint* made) {
-  const time_t now = time(nullptr);
-  strftime(made->time, sizeof made->time, "%Y-%m-%dT%H:%M:%SZ", gmtime(&now));
-  if (const passwd* user = getpwuid(getuid()); user != nullptr)
-    snprintf(made->who, sizeof made->who, "%s", user->pw_name);
-  else
-    snprintf(made->who, sizeof made->who, "uid %u", getuid());
+  Text text;
+  add_time(time(nullptr), true, &text);
+  snprintf(made->time, sizeof made->time, "%s", text.c_str());
+  text.clear();
+  add_user(getuid(), &text);
+  snprintf(made->who, sizeof made->who, "%s", text.c_str());
 }
 
 int delete_checkpoint(const char* name) {
@@ -355,11 +345,8 @@ namespace {
 
 bool differs(const Snapshot& one, const Snapshot& other, uint32_t position) {
   if (one.used(position) != other.used(position)) return true;
-  if (!one.used(position)) return false;
-  for (const Field& field : one.table()) {
-    if (!equal(field, one.record(position), other.record(position))) return true;
-  }
-  return false;
+  return one.used(position) &&
+         !has_equal_fields(one.table(), one.record(position), other.record(position));
 }
 
 unsigned long count_differences(Source& one, Source& other) {

@@ -42,7 +42,7 @@ struct Call {
   uint32_t count;
   uint32_t timeout; /* in seconds */
   bool is_foreign;  /* the words stand behind a -- */
-  int word_count; /* without the command's name */
+  int word_count;   /* without the command's name */
   char** words;
   FILE* input; /* of a command with kInput */
   const char* input_name;

@@ -2,17 +2,16 @@
  * several times a second. It starts its twin again when that is dead, kills it when it is stopped,
  * and ends the try when it is time. A dead process holds no byte, even if nobody reaps it.
  */
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include "commands.h"
+#include "store/gzip.h"
 #include "try.h"
 
 namespace scctl {
@@ -35,18 +34,9 @@ Role twin_of(Role role) { return role == Role::kGuard ? Role::kTwin : Role::kGua
 void close_all() {
   forget_state();
   for (int& file : g_lock_files) file = 0;
-  if (DIR* folder = opendir("/proc/self/fd"); folder != nullptr) {
-    const int own = dirfd(folder);
-    while (const dirent* entry = readdir(folder)) {
-      const int file = atoi(entry->d_name);
-      if (entry->d_name[0] != '.' && file != own) close(file);
-    }
-    closedir(folder);
-  } else {
-    constexpr int kMost = 1024;
-    for (int file = 0; file < kMost; ++file) close(file);
-  }
-  for (int n = 0; n < 3; ++n) open("/dev/null", O_RDWR);
+  close_others();
+  const int nowhere = open("/dev/null", O_RDWR);
+  for (int n = 0; n <= STDERR_FILENO; ++n) dup2(nowhere, n);
 }
 
 /* What may be done for the try now. */

@@ -242,13 +242,6 @@ const Chunk* entry_before(const Text& log, uint32_t number) {
   return newest;
 }
 
-void take_changes(const Text& log, uint32_t entry, Changes* changes) {
-  size_t at = 0;
-  for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
-    if (chunk->entry == entry) changes->add(*chunk);
-  }
-}
-
 void print_entry(const Logged& entry, const Changes& changes) {
   Text line;
   line.print("%u  ", entry.chunk->entry);
@@ -288,7 +281,7 @@ int run_log(Call& call) {
        chunk = entry_before(log, chunk->entry)) {
     const Logged entry(log, *chunk);
     Changes changes;
-    take_changes(log, chunk->entry, &changes);
+    changes.add(log, 0, log.size(), chunk->entry);
     if (call.has(kJson))
       write_entry(entry, changes, &writer);
     else
@@ -306,7 +299,7 @@ namespace {
 /* Takes one entry back, as one edit. */
 int undo(Call& call, const Text& log, const Logged& entry) {
   Changes changes;
-  take_changes(log, entry.chunk->entry, &changes);
+  changes.add(log, 0, log.size(), entry.chunk->entry);
   Text report;
   {
     Edit edit(call.source);
@@ -315,7 +308,7 @@ int undo(Call& call, const Text& log, const Logged& entry) {
   }
   Text words;
   words.add_shown(entry.words, strlen(entry.words));
-  tell("taken back: %u of %u record%s of %u: %s", count(changes, Fate::kBack), count(changes),
+  tell("taken back: %u of %u record%s of edit %u: %s", count(changes, Fate::kBack), count(changes),
        count(changes) == 1 ? "" : "s", entry.chunk->entry, words.c_str());
   fputs(report.c_str(), stdout);
   return count(changes, Fate::kBack) == count(changes) ? kOk : kRefused;

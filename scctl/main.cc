@@ -105,9 +105,9 @@ constexpr Command kCommands[] = {
    "- is standard input.\n",
    kDryRun | kChanges | kInput, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
-   "A and B are images, archives, live, saved, checkpoint:NAME or try: the areas of a\n"
-   "try as they were before it. Without them, compares saved with live. Exit status 1\n"
-   "if they differ.\n",
+   "A and B are images, archives, live, saved, checkpoint:NAME or try: the areas of\n"
+   "a try as they were before it. Without them, compares saved with live. Exit\n"
+   "status 1 if they differ.\n",
    0, 0, 2, run_diff},
   {"checkpoint", "NAME", "keep the present state of all areas under a name",
    "Copies all areas that can be saved, of one moment: nobody changes a record while\n"
@@ -144,28 +144,30 @@ constexpr Command kCommands[] = {
    kExec | kCount, 0, -1, run_watch},
   {"try", "[--timeout SECONDS] batch FILE|import FILE|-- COMMAND...",
    "make a change that is taken back unless it is confirmed",
-   "The change is taken back after 90 seconds or the given time, 1 to 86400, field by\n"
-   "field: what others changed since stays. If it fails, it is taken back at once. A\n"
-   "power cut takes it back, too. try --timeout SECONDS alone gives a running try that\n"
-   "much time from now; --status describes it, exit status 1 if none runs.\n",
+   "Takes the change back after 90 seconds or the given time, 1 to 86400, field by\n"
+   "field: what others changed since stays. If it fails, takes it back at once and\n"
+   "ends with its status. A power cut takes it back, too. try --timeout SECONDS\n"
+   "alone gives the running try that much time from now. --status describes it; exit\n"
+   "status 1 if none runs.\n",
    kTimeout | kStatus | kJson, 0, -1, run_try},
   {"confirm", "", "keep the change of a try",
-   "Saves all areas that it changed, all or none. Lists what others changed in them\n"
-   "and nobody saved, which is saved, too. Exit status 1 if no try runs, or too late.\n",
+   "Saves the areas that it changed, all of them or none. Lists other changes in\n"
+   "these areas that nobody saved: they are saved, too. Exit status 1 if no try\n"
+   "runs, or it is too late.\n",
    kOnlyMine, 0, 0, run_confirm},
   {"revert", "", "take back the change of a try now",
-   "Prints what stays because others changed it since, and the records that wait for\n"
-   "their ids. Without a try, tries again for these. Exit status 1 if there is nothing\n"
-   "to take back, or something is left.\n",
+   "Prints what stays because others changed it since, and which deleted records\n"
+   "wait because their ids are used. When no try runs, tries again for these. Exit\n"
+   "status 1 if there is nothing to take back, or other programs prevent it.\n",
    0, 0, 0, run_revert},
-  {"log", "", "list the edits by scctl in this boot, newest first",
-   "The log is kept in memory, 64 KB in all. An edit that does not fit, and one of\n"
-   "whole areas, cannot be undone.\n",
+  {"log", "", "list the edits by scctl since the boot, newest first",
+   "The log is in memory and has 64 KB: the oldest edits make room. An edit that\n"
+   "does not fit, and one of whole areas, cannot be undone.\n",
    kJson, 0, 0, run_log},
   {"undo", "[N]", "take back the last edit, or the last N",
-   "Takes back field by field what is still as the edit left it, and prints what is\n"
-   "not. It is an edit itself: a second undo takes back the first. Exit status 1 if\n"
-   "something stays.\n",
+   "Takes back field by field what is still as the edit left it, and prints the\n"
+   "rest, which stays. It is an edit itself: a second undo takes back the first.\n"
+   "Exit status 1 if something stays.\n",
    0, 0, 1, run_undo},
   {"completion", "", "print the completion for bash",
    "",
@@ -199,7 +201,7 @@ constexpr OptionRow kOptions[] = {
   {"count",    kCount,          "N",       "end after N changes"},
   {"timeout",  kTimeout,        "SECONDS", "time until it is taken back"},
   {"status",   kStatus,         nullptr,   "print who tries what, and what others changed"},
-  {"only-mine", kOnlyMine,      nullptr,   "refuse if changes by others would be saved"},
+  {"only-mine", kOnlyMine,      nullptr,   "refuse if other changes would be saved"},
 };
 // clang-format on
 constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
@@ -222,7 +224,7 @@ void print_command_help(const Command& command) {
     Text name;
     name.print("--%s%s%s", row.name, row.value != nullptr ? " " : "",
                row.value != nullptr ? row.value : "");
-    printf("  %-14s  %s\n", name.c_str(), row.help);
+    printf("  %-17s  %s\n", name.c_str(), row.help);
   }
 }
 
@@ -340,8 +342,8 @@ int open_input(Call* call) {
 
 /* Whole areas change without a journal, and a confirm saves. */
 bool can_be_tried(const Command& command) {
-  static constexpr int (*kRefused[])(Call&) = {run_init,   run_save,   run_restore, run_remove,
-                                               run_notify, run_repair, run_lease,   run_try,
+  static constexpr int (*kRefused[])(Call&) = {run_init,   run_save,    run_restore, run_remove,
+                                               run_notify, run_repair,  run_lease,   run_try,
                                                run_undo,   run_confirm, run_revert};
   for (int (*run)(Call&) : kRefused) {
     if (command.run == run) return false;
@@ -474,7 +476,8 @@ int run_completion(Call&) {
   puts(
       "  if [[ $COMP_CWORD == 1 ]]; then\n"
       "    words=\"$commands --help --version\"\n"
-      "  elif [[ $before == = || $word == = || $before =~ ^--(image|archive|exec|count)$ ]]; then\n"
+      "  elif [[ $before == = || $word == = ||\n"
+      "    $before =~ ^--(image|archive|exec|count|timeout)$ ]]; then\n"
       "    return\n"
       "  elif [[ $word == -* ]]; then\n"
       "    words=$options\n"
@@ -487,7 +490,9 @@ int run_completion(Call&) {
       "      lease:3) words='clients aps' ;;\n"
       "      bind:2|unbind:2) words=ap_templates/ ;;\n"
       "      bind:3) words=aps/ ;;\n"
-      "      diff:2|diff:3) words='live saved try' ;;");
+      "      diff:2|diff:3) words='live saved try' ;;\n"
+      "      try:2|try:4) words='batch import --' ;;\n"
+      "      rollback:2) ;;");
   print_commands_with("TABLE", '2');
   puts(") words=$tables ;;");
   print_commands_with("FIELD=", '*');

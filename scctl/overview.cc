@@ -57,16 +57,16 @@ namespace {
 void format_age(const char* path, Text* to) {
   struct stat file;
   if (stat(path, &file) != 0) return;
-  const long long age = static_cast<long long>(time(nullptr)) - file.st_mtime;
-  const long long seconds = age > 0 ? age : 0;
+  const time_t now = time(nullptr);
+  const auto seconds = now > file.st_mtime ? static_cast<uint32_t>(now - file.st_mtime) : 0;
   struct Unit {
-    long long seconds;
+    uint32_t seconds;
     const char* name;
   };
   static constexpr Unit kUnits[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {0, "s"}};
   const Unit* unit = kUnits;
   while (seconds < unit->seconds) ++unit;
-  to->print("%lld %s", unit->seconds > 0 ? seconds / unit->seconds : seconds, unit->name);
+  to->print("%u %s", unit->seconds > 0 ? seconds / unit->seconds : seconds, unit->name);
 }
 
 void format_archive(const Area& area, Text* to) {

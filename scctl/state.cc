@@ -71,31 +71,18 @@ int open_state_file(const char* name, int flags) {
   return openat(g_folder, name, flags | O_NOFOLLOW | O_CLOEXEC, 0600);
 }
 
-bool write_all(int file, const void* bytes, size_t size) {
-  const auto* at = static_cast<const char*>(bytes);
-  while (size > 0) {
-    const ssize_t done = write(file, at, size);
-    if (done < 0 && errno == EINTR) continue;
-    if (done < 0) return false;
-    at += done;
-    size -= static_cast<size_t>(done);
-  }
-  return true;
-}
-
 bool replace_state_file(const char* name, const char* bytes, size_t size) {
   Text fresh;
   fresh.print("%s.new", name);
-  const int file = open_state_file(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
-  if (file < 0) return false;
-  const bool written = write_all(file, bytes, size);
+  const Descriptor file(open_state_file(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC));
+  if (!file) return false;
+  if (write_all(file.number, bytes, size) &&
+      renameat(g_folder, fresh.c_str(), g_folder, name) == 0) {
+    return true;
+  }
   const int why = errno;
-  close(file);
-  if (written && renameat(g_folder, fresh.c_str(), g_folder, name) == 0) return true;
-  if (!written) errno = why;
-  const int fault = errno;
   unlinkat(g_folder, fresh.c_str(), 0);
-  errno = fault;
+  errno = why;
   return false;
 }
 

@@ -10,6 +10,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include "store/files.h"
 #include "store/journal.h"
 
 namespace scctl {
@@ -40,7 +41,6 @@ pid_t holder_of(Role role);
 int open_state_file(const char* name, int flags);
 /* Replaces a file of the folder as a whole. */
 bool replace_state_file(const char* name, const char* bytes, size_t size);
-bool write_all(int file, const void* bytes, size_t size);
 
 /* Milliseconds since boot, suspended time included. Setting the clock has no effect. */
 uint64_t boot_ms();

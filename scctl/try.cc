@@ -26,20 +26,6 @@ constexpr int kActorTries = 3000;
 constexpr uint64_t kFreeFlash = 64 * 1024;
 constexpr uint64_t kMarkerBytes = 4096;
 
-int fail_state() { return fail(kNoArea, "%s: %s", kStateFolder, strerror(errno)); }
-
-int fail_flash(const char* what) {
-  return fail(kNoArea, "%s: %s: %s", kArchiveFolder, what, strerror(errno));
-}
-
-uint32_t saved_areas() {
-  uint32_t areas = 0;
-  for (const Area& area : kAreas) {
-    if (area.save != nullptr) areas |= bit(id_of(area));
-  }
-  return areas;
-}
-
 /* ---- the marker ---- */
 
 /* Judges archives and copies while nobody saves the areas, and renews the copies. */
@@ -52,14 +38,15 @@ class Bases {
     for (const Area& area : kAreas) {
       if (!has(area)) continue;
       CopyReport found;
-      if (const int status = look(area, &found); status != kOk) return status;
+      if (const int status = look(area, false, &found); status != kOk) return status;
       if (found.state == CopyState::kStale) stale += found.archive_bytes;
       if (found.state == CopyState::kNone) never_saved_ |= bit(id_of(area));
     }
     if (const int status = need_room(stale); status != kOk) return status;
     for (const Area& area : kAreas) {
       if (!has(area)) continue;
-      if (const int status = renew(area); status != kOk) return status;
+      CopyReport found;
+      if (const int status = look(area, true, &found); status != kOk) return status;
     }
     return kOk;
   }
@@ -68,14 +55,20 @@ class Bases {
  private:
   bool has(const Area& area) const { return (areas_ & bit(id_of(area))) != 0; }
 
-  static int look(const Area& area, CopyReport* found) {
+  /* Judges the archive and its copy while nobody saves, and renews a copy that is stale. */
+  static int look(const Area& area, bool is_renewed, CopyReport* found) {
     const NoSaves no_saves(area);
-    if (!no_saves) return fail(kRefused, "area %s is being saved by another program", area.name);
+    if (!no_saves) return fail_saving(area);
     const ArchiveFolder folder;
     if (!folder) return fail_flash("it cannot be locked");
     look_at_copy(area.row(), folder.descriptor(), found);
-    if (found->state != CopyState::kUnknown && found->state != CopyState::kBroken) return kOk;
-    return fail(kRefused, "%s: %s; nothing is tried", archive_path(area).text, found->reason);
+    if (found->state == CopyState::kUnknown || found->state == CopyState::kBroken) {
+      return fail(kRefused, "%s: %s; nothing is tried", archive_path(area).text, found->reason);
+    }
+    if (!is_renewed || found->state != CopyState::kStale) return kOk;
+    return renew_copy(area.row(), folder.descriptor())
+               ? kOk
+               : fail_flash("a kept copy cannot be renewed");
   }
 
   static int need_room(uint64_t bytes) {
@@ -89,21 +82,6 @@ class Bases {
                 kArchiveFolder, static_cast<unsigned long long>(needed - free),
                 static_cast<unsigned long long>(bytes + kMarkerBytes),
                 static_cast<unsigned>(kFreeFlash));
-  }
-
-  /* Somebody may have saved since it was looked at. */
-  static int renew(const Area& area) {
-    const NoSaves no_saves(area);
-    if (!no_saves) return fail(kRefused, "area %s is being saved by another program", area.name);
-    const ArchiveFolder folder;
-    CopyReport found;
-    if (!folder || !look_at_copy(area.row(), folder.descriptor(), &found)) {
-      return fail_flash("a kept copy cannot be renewed");
-    }
-    if (found.state != CopyState::kStale) return kOk;
-    return renew_copy(area.row(), folder.descriptor())
-               ? kOk
-               : fail_flash("a kept copy cannot be renewed");
   }
 
   uint32_t areas_;
@@ -228,7 +206,7 @@ int become_actor() {
   Try running;
   if (running.open()) return refuse_running(running);
   if (is_marked()) {
-    return fail(kRefused, "%s/%s: a try of before the boot left it; scguard restore ends that",
+    return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
   constexpr timespec kPause = {0, 1000000};
@@ -267,121 +245,6 @@ int take_back_failed(Try& running, int status) {
   return status;
 }
 
-/* ---- the status ---- */
-
-void print_waiting() {
-  Text bytes;
-  const int file = open_state_file("waiting", O_RDONLY);
-  if (file < 0) return;
-  Changes changes;
-  if (read_file(file, &bytes)) {
-    size_t at = 0;
-    for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr; at += chunk->size) {
-      changes.add(*chunk);
-    }
-  }
-  close(file);
-  if (changes.empty()) return;
-  puts("records that wait for scctl revert:");
-  Text lines;
-  for (const Change* change = changes.first(); change != nullptr; change = change->next) {
-    printf("  %s/%u\n", change->table->name, change->position + 1);
-  }
-}
-
-int print_no_try(Call& call) {
-  if (call.has(kJson)) {
-    puts("null");
-    return kRefused;
-  }
-  puts("no try runs");
-  if (!open_state(false)) return kRefused;
-  Text ended;
-  const int file = open_state_file("ended", O_RDONLY);
-  if (file >= 0 && read_file(file, &ended)) {
-    printf("the last one: %s", ended.c_str());
-  }
-  if (file >= 0) close(file);
-  print_waiting();
-  return kRefused;
-}
-
-const char* phase_name(Phase phase) {
-  static constexpr const char* kNames[] = {"making", "made", "confirming", "reverting"};
-  return kNames[static_cast<uint32_t>(phase) & 3];
-}
-
-int run_status(Call& call) {
-  Try running;
-  if (!open_state(false)) return errno == ENOENT ? print_no_try(call) : fail_state();
-  if (!running.open()) return print_no_try(call);
-  call.source.open_live();
-  Changes changes, later;
-  running.read_changes(call.source, &changes);
-  find_later_changes(call.source, changes, &later);
-  const TryHeader& header = running.header;
-  if (call.has(kJson)) {
-    Text text;
-    JsonWriter writer(&text);
-    writer.open('{', JsonWriter::kLines);
-    write_author(header.author, &writer);
-    writer.name("command");
-    add_json_text(header.words, &writer.value());
-    writer.name("phase");
-    add_json_text(phase_name(header.phase), &writer.value());
-    writer.name("left");
-    writer.value().print("%u", running.left());
-    writer.name("changes");
-    write_changes(changes, &writer);
-    writer.name("others");
-    write_changes(later, &writer);
-    writer.close();
-    puts(text.c_str());
-    return kOk;
-  }
-  Text line;
-  line.add("a try of ");
-  add_user(header.author.uid, &line);
-  line.print(" (process %u) since ", header.author.pid);
-  add_time(header.author.time, false, &line);
-  line.print(", %s, %u s left: ", phase_name(header.phase),
-             running.left());
-  line.add_shown(header.words, strlen(header.words));
-  puts(line.c_str());
-  print_changes("  ", changes);
-  if (!later.empty()) {
-    puts("what others changed in these records since:");
-    print_changes("  ", later);
-  }
-  return kOk;
-}
-
-/* Lays the values of before over a record. */
-void lay_over(const Change& change, uint8_t* record) {
-  for (uint32_t at = 0; at < change.table->stride; ++at) {
-    if (change.mask.data()[at] != 0) record[at] = change.before.data()[at];
-  }
-  if (is_section(*change.table)) return;
-  const int32_t id = change.was_used ? static_cast<int32_t>(change.position + 1) : change.table->free;
-  memcpy(record + change.table->id_at, &id, sizeof id);
-}
-
-/* Takes the actor's role in a try that runs and is made. */
-int join(Try& running, const char* what) {
-  if (!open_state(false)) {
-    return errno == ENOENT ? fail(kRefused, "no try runs") : fail_state();
-  }
-  if (!running.open()) return fail(kRefused, "no try runs");
-  if (!take_role(Role::kActor, kActorTries)) {
-    return fail(kRefused, "%s: process %d still makes or ends the try", what,
-                static_cast<int>(holder_of(Role::kActor)));
-  }
-  if (!running.open()) return fail(kRefused, "no try runs: it has ended");
-  const Phase phase = running.header.phase;
-  if (phase == Phase::kMaking) return fail(kRefused, "%s: the try was not made", what);
-  return kOk;
-}
-
 int extend(uint32_t seconds) {
   Try running;
   if (const int status = join(running, "not extended"); status != kOk) return status;
@@ -398,24 +261,26 @@ int extend(uint32_t seconds) {
 
 }  // namespace
 
-int open_try(Source* source) {
-  Try running;
-  if (!open_state(false)) return errno == ENOENT ? fail(kNoArea, "no try runs") : fail_state();
-  if (!running.open()) return fail(kNoArea, "no try runs");
-  Source live;
-  live.open_live();
+bool g_is_trying = false;
+
+namespace {
+
+bool has_changes(Call& call, const Try& running) {
   Changes changes;
-  running.read_changes(live, &changes);
-  source->open_copy("try", changes.areas());
-  for (const Change* change = changes.first(); change != nullptr; change = change->next) {
-    const Table& table = *change->table;
-    uint8_t* block = source->block(table.area);
-    if (block != nullptr) lay_over(*change, block + table.at + change->position * table.stride);
-  }
+  call.source.open_live();
+  running.read_changes(call.source, &changes);
+  return !changes.empty();
+}
+
+int end_unchanged(Try& running) {
+  Text report;
+  revert(running, "it changed nothing", &report);
+  leave_role(Role::kActor);
+  tell("nothing was changed; no try runs");
   return kOk;
 }
 
-bool g_is_trying = false;
+}  // namespace
 
 int run_tried(Call& call, int (*make)(Call& call)) {
   if (g_is_trying) return fail(kUsage, "a try in a try");
@@ -436,11 +301,11 @@ int run_tried(Call& call, int (*make)(Call& call)) {
     if (flush_output() != kOk || is_interrupted()) status = kRefused;
   }
   if (status != kOk) return take_back_failed(running, status);
+  if (!has_changes(call, running)) return end_unchanged(running);
   const bool is_in_time = !running.is_over() && running.set_phase(Phase::kMade);
   if (!is_in_time) return take_back_failed(running, fail(kRefused, "its time is over"));
   leave_role(Role::kActor);
-  tell("scctl confirm keeps the change; it is taken back in %u s",
-       running.left());
+  tell("scctl confirm keeps the change; it is taken back in %u s", running.left());
   return kOk;
 }
 
@@ -468,192 +333,6 @@ int run_try(Call& call) {
     return fail(kUsage, "'%s': expected batch, import or -- COMMAND", call.words[0]);
   }
   return run_tried(call, run_inner);
-}
-
-/* ---- confirm ---- */
-
-namespace {
-
-/* Prints what others changed in an area and nobody saved. True when there was anything. */
-bool print_unsaved(const Table& table, Source& live, const uint8_t* saved, Changes& own) {
-  Reader reader(live, table);
-  Buffer copy(table.stride), zeros(table.stride);
-  Changes others;
-  for (uint32_t position = 0; position < table.capacity; ++position) {
-    const uint8_t* was =
-        saved == nullptr ? zeros.data() : saved + table.at + position * table.stride;
-    const bool was_used = saved != nullptr && is_used(table, was);
-    const bool used = reader.copy(position, copy.data());
-    if (!was_used && !used) continue;
-    const Change* change = own.find(table, position);
-    Mask differing(table);
-    if (was_used && used) differing.add_differences(was, copy.data());
-    for (uint32_t at = 0; change != nullptr && at < table.stride; ++at) {
-      if (change->mask.data()[at] != 0 && change->after.data()[at] == copy.data()[at]) {
-        differing.bytes()[at] = 0;
-      }
-    }
-    const bool is_own =
-        change != nullptr && change->was_used == was_used && change->is_used == used;
-    if (was_used != used && is_own) continue;
-    if (was_used == used && differing.empty()) continue;
-    others.add({table, position, was, copy.data(), was_used && used ? differing.bytes() : nullptr,
-                was_used, used});
-  }
-  print_changes("  ", others);
-  return !others.empty();
-}
-
-bool list_unsaved(Source& live, Changes& own, uint32_t areas) {
-  bool any = false;
-  for (const Table& table : kTables) {
-    if ((areas & bit(table.area)) == 0 || live.block(table.area) == nullptr) continue;
-    ArchiveImage image;
-    read_own_archive(kAreas[table.area], &image);
-    any |= print_unsaved(table, live, image.bytes, own);
-    free(image.bytes);
-  }
-  return any;
-}
-
-int fail_confirm(Try& running, int status) {
-  running.set_phase(Phase::kMade);
-  return status;
-}
-
-/* The removal of the marker is what confirms. */
-int commit(Try& running) {
-  for (const Area& area : kAreas) {
-    if ((running.header.marked & bit(id_of(area))) == 0) continue;
-    ArchiveImage image;
-    const char* fault = read_own_archive(area, &image);
-    free(image.bytes);
-    if (fault == nullptr || image.verdict.state == State::kMissing) continue;
-    return fail_confirm(running,
-                        fail(kRefused, "not confirmed: %s: %s", archive_path(area).text, fault));
-  }
-  const ArchiveFolder folder;
-  if (folder && remove_marker(folder.descriptor())) return kOk;
-  return fail_confirm(running, fail_flash("not confirmed: the marker is not removed"));
-}
-
-/* Keeps others from saving the areas from n on, and commits. */
-int commit_without_saves(Try& running, int n) {
-  while (n < kAreaCount && (running.header.marked & bit(static_cast<AreaId>(n))) == 0) ++n;
-  if (n == kAreaCount) return commit(running);
-  const NoSaves no_saves(kAreas[n]);
-  if (no_saves) return commit_without_saves(running, n + 1);
-  return fail_confirm(running, fail(kRefused,
-                                    "not confirmed: area %s is being saved by another "
-                                    "program",
-                                    kAreas[n].name));
-}
-
-int save_and_commit(Call& call, Try& running, uint32_t areas) {
-  {
-    const OwnSaves own;
-    if (!own) return fail_confirm(running, fail(kRefused, "not confirmed: a save does not end"));
-    for (const Area& area : kAreas) {
-      if ((areas & bit(id_of(area))) == 0) continue;
-      if (const int status = save_area(call, id_of(area)); status != kOk) {
-        return fail_confirm(running, status);
-      }
-    }
-  }
-  return commit_without_saves(running, 0);
-}
-
-int confirm(Call& call, Try& running) {
-  if (running.header.phase == Phase::kConfirming && !is_marked()) {
-    finish_confirmed(running); /* another confirm was killed behind its last step */
-    return kOk;
-  }
-  if (running.header.phase == Phase::kReverting || running.is_over()) {
-    return fail(kRefused, "too late: the try is being taken back");
-  }
-  if (running.header.marked != 0 && !is_marked()) {
-    return fail(kRefused, "not confirmed: %s/%s was removed; scctl revert takes the try back",
-                kArchiveFolder, kMarkerName);
-  }
-  call.source.open_live();
-  Changes changes;
-  running.read_changes(call.source, &changes);
-  const uint32_t areas = changes.areas() & saved_areas();
-  if (list_unsaved(call.source, changes, areas)) {
-    if (call.has(kOnlyMine)) {
-      return fail(kRefused, "not confirmed: what others changed would be saved, too");
-    }
-    tell("what others changed in these areas is saved, too");
-  }
-  if (!running.set_phase(Phase::kConfirming)) return fail_state();
-  if (const int status = save_and_commit(call, running, areas); status != kOk) return status;
-  finish_confirmed(running);
-  return kOk;
-}
-
-}  // namespace
-
-int run_confirm(Call& call) {
-  Try running;
-  int status = join(running, "not confirmed");
-  if (status == kOk) status = confirm(call, running);
-  leave_role(Role::kActor);
-  return status;
-}
-
-/* ---- revert ---- */
-
-namespace {
-
-/* Tries again for the records that wait. */
-int take_back_waiting(Call& call) {
-  Text bytes;
-  const int file = open_state_file("waiting", O_RDONLY);
-  if (file < 0) return fail(kRefused, "no try runs");
-  const bool is_read = read_file(file, &bytes);
-  close(file);
-  if (!is_read) return fail_state();
-  Changes changes;
-  size_t at = 0;
-  for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr; at += chunk->size) {
-    changes.add(*chunk);
-  }
-  call.source.open_live();
-  Text report, rest;
-  take_back_live(call.source, changes, &report);
-  for (const Change* change = changes.first(); change != nullptr; change = change->next) {
-    if (change->fate != Fate::kWaits && change->fate != Fate::kDue) continue;
-    pack_step(change->step(), 0, &rest);
-  }
-  if (rest.size() == 0)
-    unlinkat(state_folder(), "waiting", 0);
-  else if (!replace_state_file("waiting", rest.c_str(), rest.size()))
-    return fail_state();
-  tell("taken back: %u of %u records that waited", count(changes, Fate::kBack), count(changes));
-  fputs(report.c_str(), stdout);
-  return rest.size() == 0 ? kOk : kRefused;
-}
-
-}  // namespace
-
-int run_revert(Call& call) {
-  if (!open_state(false)) {
-    return errno == ENOENT ? fail(kRefused, "no try runs") : fail_state();
-  }
-  Try running;
-  if (!running.open()) return take_back_waiting(call);
-  if (const int status = join(running, "not taken back"); status != kOk) return status;
-  if (running.header.phase == Phase::kConfirming && !is_marked()) {
-    finish_confirmed(running);
-    leave_role(Role::kActor);
-    return fail(kRefused, "too late: the try was confirmed");
-  }
-  Text report;
-  const Ended ended = revert(running, "by scctl revert", &report);
-  leave_role(Role::kActor);
-  fputs(report.c_str(), stdout);
-  if (ended == Ended::kYes) return kOk;
-  return fail(kRefused, "its guards go on: other programs hold records or save areas");
 }
 
 }  // namespace scctl

@@ -13,6 +13,8 @@
 
 namespace scctl {
 
+struct Call;
+
 enum class Phase : uint32_t {
   kMaking,     /* the caller makes the change */
   kMade,       /* it waits to be confirmed */
@@ -50,7 +52,7 @@ class Try {
   bool write() const;
   bool set_phase(Phase phase);
   bool append(const Step& step) const;
-  /* Reads the steps. A last step that a kill has kept from being made is left out. */
+  /* Reads the steps. Last ones that a kill has kept from being made are left out. */
   void read_changes(Source& live, Changes* changes) const;
   bool is_over() const { return boot_ms() >= header.deadline_ms; }
   /* Seconds up to the deadline. */
@@ -61,6 +63,24 @@ class Try {
  private:
   int file_ = -1;
 };
+
+inline constexpr char kNoTry[] = "no try runs";
+
+/* Opens the try that runs. If there is none, prints an error and returns a status. */
+int need_try(Try& running);
+/* The same, and takes the actor's role in it. Refuses a try that is not made; `what` is not done. */
+int join(Try& running, const char* what);
+/* Reads the records that wait for their ids. False when there are none. */
+bool read_waiting(Changes* changes);
+/* The areas that can be saved, as bits. */
+uint32_t saved_areas();
+/* Print what does not work, and return a status. The first and the third add errno. */
+int fail_state();
+int fail_saving(const Area& area);
+int fail_flash(const char* what);
+
+/* try --status. */
+int run_status(Call& call);
 
 /* The program that holds a role has been stopped. */
 bool is_stopped(pid_t pid);

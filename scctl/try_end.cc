@@ -242,6 +242,11 @@ Ended revert(Try& running, const char* why, Text* report) {
 }
 
 void finish_confirmed(Try& running) {
+  {
+    /* A confirm that was killed may not have flushed the folder. */
+    const ArchiveFolder folder;
+    if (folder) remove_marker(folder.descriptor());
+  }
   renew_copies(running.header.marked);
   Source live;
   live.open_live();
@@ -253,6 +258,17 @@ void finish_confirmed(Try& running) {
 
 /* ---- when the guards are gone ---- */
 
+namespace {
+
+/* A guard that was stopped guards nothing. */
+bool is_guarded(Role role) {
+  const pid_t guard = holder_of(role);
+  if (guard > 0 && is_stopped(guard)) kill(guard, SIGKILL);
+  return guard != 0 && !is_stopped(guard);
+}
+
+}  // namespace
+
 void look_after_try() {
   if (access("/var/systemconfig/scctl/try", R_OK | W_OK) != 0 || !open_state(false)) return;
   Try running;
@@ -260,7 +276,7 @@ void look_after_try() {
     if (holder_of(Role::kActor) == 0) unlinkat(state_folder(), "try", 0); /* of another boot */
     return;
   }
-  if (holder_of(Role::kGuard) != 0 || holder_of(Role::kTwin) != 0) return;
+  if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
   if (!take_role(Role::kActor, 1)) return; /* it is being made or ended */
   Text report;
   const bool is_there = running.open();

@@ -9,12 +9,14 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "store/kept.h"
 #include "try.h"
 
 namespace scctl {
 
 namespace {
 
+constexpr int kActorTries = 3000;
 constexpr char kTry[] = "try";
 constexpr char kKind[8] = "try 1";
 
@@ -109,12 +111,58 @@ bool is_unmade(const Chunk& chunk, Source& live) {
 void Try::read_changes(Source& live, Changes* changes) const {
   Text bytes;
   if (!read_file(file_, &bytes)) return;
-  size_t at = sizeof header;
+  size_t end = sizeof header; /* behind the last step that was made */
+  size_t at = end;
   for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr;) {
     at += chunk->size;
-    const bool is_last = chunk_at(bytes, at) == nullptr;
-    if (!is_last || !is_unmade(*chunk, live)) changes->add(*chunk);
+    if (!is_unmade(*chunk, live)) end = at;
   }
+  changes->add(bytes, sizeof header, end, 0);
+}
+
+/* ---- for all commands ---- */
+
+int fail_state() { return fail(kNoArea, "%s: %s", kStateFolder, strerror(errno)); }
+
+int fail_saving(const Area& area) {
+  return fail(kRefused, "area %s is being saved by another program", area.name);
+}
+
+int fail_flash(const char* what) {
+  return fail(kNoArea, "%s: %s: %s", kArchiveFolder, what, strerror(errno));
+}
+
+uint32_t saved_areas() {
+  uint32_t areas = 0;
+  for (const Area& area : kAreas) {
+    if (area.save != nullptr) areas |= bit(id_of(area));
+  }
+  return areas;
+}
+
+int need_try(Try& running) {
+  if (!open_state(false) && errno != ENOENT) return fail_state();
+  return state_folder() >= 0 && running.open() ? kOk : fail(kRefused, kNoTry);
+}
+
+int join(Try& running, const char* what) {
+  if (const int status = need_try(running); status != kOk) return status;
+  if (!take_role(Role::kActor, kActorTries)) {
+    return fail(kRefused, "%s: process %d still makes or ends the try", what,
+                static_cast<int>(holder_of(Role::kActor)));
+  }
+  if (!running.open()) return fail(kRefused, kNoTry);
+  const Phase phase = running.header.phase;
+  if (phase == Phase::kMaking) return fail(kRefused, "%s: the try was not made", what);
+  return kOk;
+}
+
+bool read_waiting(Changes* changes) {
+  const Descriptor file(open_state_file("waiting", O_RDONLY));
+  Text bytes;
+  if (!file || !read_file(file.number, &bytes)) return false;
+  changes->add(bytes, 0, bytes.size(), 0);
+  return !changes->empty();
 }
 
 /* ---- areas before a program ---- */

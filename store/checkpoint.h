@@ -10,9 +10,9 @@
 
 #include <stddef.h>
 #include <stdint.h>
-#include <unistd.h>
 
 #include "store/catalogue.h"
+#include "store/files.h"
 
 namespace store {
 
@@ -48,16 +48,6 @@ unsigned long long sum_of(const void* bytes, size_t size);
 /* Copies the pages that differ, so that pages of zeros which were never written take no memory. True
  * when any differed. */
 bool copy_pages(uint8_t* to, const uint8_t* from, size_t size);
-
-struct Descriptor {
-  explicit Descriptor(int opened) : number(opened) {}
-  ~Descriptor() {
-    if (number >= 0) close(number);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number;
-};
 
 class Checkpoint {
  public:

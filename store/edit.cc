@@ -285,21 +285,24 @@ void mark_changed(const Table& table, const uint8_t* now, const uint8_t* wanted,
 
 Written Edit::add(const Table& table, uint32_t position, const uint8_t* record) {
   const RecordLock lock(*this, table, position);
-  if (!lock) return lock.fault();
+  return lock ? use(table, position, record) : lock.fault();
+}
+
+/* The caller holds the record's byte. */
+Written Edit::use(const Table& table, uint32_t position, const uint8_t* record) {
   uint8_t* to = RecordLock::record_of(*this, table, position);
   uint8_t* id = to + table.id_at;
   if (is_used(table, to)) return Written::kNotFree;
   if (!write_down({table, position, to, record, nullptr, false, true})) return Written::kFailed;
+  changed_ |= bit(table.area);
   if (is_id_table(table)) {
     if (!claim(id, position + 1)) {
       write_down({table, position, record, nullptr, nullptr, true, false}); /* it was not made */
       return Written::kNotFree;
     }
-    changed_ |= bit(table.area);
     fill(table, to, record);
     return Written::kDone;
   }
-  changed_ |= bit(table.area);
   fill(table, to, record);
   __atomic_thread_fence(__ATOMIC_RELEASE);
   store(id, position + 1);
@@ -331,9 +334,7 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
   if (!lock) return lock.fault();
   uint8_t* record = RecordLock::record_of(*this, table, position);
   if (!is_used(table, record)) return Written::kNotUsed;
-  for (const Field& field : table) {
-    if (expected != nullptr && !equal(field, record, expected)) return Written::kChanged;
-  }
+  if (expected != nullptr && !has_equal_fields(table, record, expected)) return Written::kChanged;
   if (!write_down({table, position, record, nullptr, nullptr, true, false})) {
     return Written::kFailed;
   }
@@ -371,14 +372,6 @@ void choose_fields(const Change& change, const uint8_t* now, Mask* back, Mask* s
   }
 }
 
-/* Whether the record has the values of the change in all fields. */
-bool has_fields(const Change& change, const uint8_t* now, const Buffer& values) {
-  for (const Field& field : *change.table) {
-    if (!equal(field, now, values.data())) return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 /* The caller holds the record's byte. */
@@ -400,25 +393,8 @@ Written Edit::put_back(const Change& change, Mask* stays) {
     return Written::kDone;
   }
   if (change.was_used) {
-    if (used) return has_fields(change, live, change.before) ? Written::kDone : Written::kNotFree;
-    if (!write_down({table, change.position, live, before, nullptr, false, true})) {
-      return Written::kFailed;
-    }
-    uint8_t* id = live + table.id_at;
-    if (is_id_table(table)) {
-      if (!claim(id, change.position + 1)) {
-        write_down({table, change.position, before, nullptr, nullptr, true, false});
-        return Written::kNotFree;
-      }
-      fill(table, live, before);
-    } else {
-      fill(table, live, before);
-      __atomic_thread_fence(__ATOMIC_RELEASE);
-      store(id, change.position + 1);
-      count(table, live_.block(table.area), 1);
-    }
-    changed_ |= bit(table.area);
-    return Written::kDone;
+    if (used) return has_equal_fields(table, live, before) ? Written::kDone : Written::kNotFree;
+    return use(table, change.position, before);
   }
   if (!used) {
     /* A free record of a list keeps bytes. Those of the others are zeros, and may be claimed. */
@@ -426,7 +402,7 @@ Written Edit::put_back(const Change& change, Mask* stays) {
     return Written::kDone;
   }
   if (!change.is_used) return Written::kDone; /* the record is another one */
-  if (!has_fields(change, live, change.after)) return Written::kChanged;
+  if (!has_equal_fields(table, live, change.after.data())) return Written::kChanged;
   if (!write_down({table, change.position, live, nullptr, nullptr, true, false})) {
     return Written::kFailed;
   }
@@ -464,43 +440,60 @@ bool is_same_mac(const uint8_t* one, const uint8_t* other) {
 
 constexpr uint8_t kNobody[SC_MAC_BYTES] = {};
 
-/* A record with some fields changed: the fields are complete before any is written. */
-template <class Record>
+/* A record with some fields changed. The fields are complete before any is written. */
 class Rewrite {
  public:
-  Rewrite(const Table& table, Record& record, const char* const* fields)
+  Rewrite(const Table& table, uint32_t position, uint8_t* block)
       : table_(table),
-        to_(reinterpret_cast<uint8_t*>(&record)),
+        position_(position),
+        to_(block + table.at + position * table.stride),
         wanted_(table.stride),
-        mask_(table) {
-    memcpy(wanted_.data(), to_, table.stride);
-    for (; *fields != nullptr; ++fields) mask_.add(*find_field(table, *fields, strlen(*fields)));
+        mask_(table) {}
+  /* Sets a field to these bytes, or to zeros. */
+  void set(const char* name, const void* bytes) {
+    const Field& field = *find_field(table_, name, strlen(name));
+    mask_.add(field);
+    if (bytes != nullptr) memcpy(wanted_.data() + field.record_at, bytes, field.size);
   }
-  Record& wanted() { return *reinterpret_cast<Record*>(wanted_.data()); }
-  Step step(uint32_t position) const {
-    return {table_, position, to_, wanted_.data(), mask_.bytes(), true, true};
-  }
+  Step step() const { return {table_, position_, to_, wanted_.data(), mask_.bytes(), true, true}; }
   void write() { copy_masked(to_, wanted_.data(), mask_, table_.stride); }
 
  private:
   const Table& table_;
+  uint32_t position_;
   uint8_t* to_;
   Buffer wanted_;
   Mask mask_;
 };
 
-struct ApRewrite : Rewrite<ApInfoRecord> {
-  explicit ApRewrite(ApInfoRecord& ap) : Rewrite(table_named("aps"), ap, kFields) {}
-  static constexpr const char* kFields[] = {"group_id", "group_info", nullptr};
-};
-
-struct TemplateRewrite : Rewrite<ApTemplateRecord> {
-  explicit TemplateRewrite(ApTemplateRecord& record)
-      : Rewrite(table_named("ap_templates"), record, kFields) {}
-  static constexpr const char* kFields[] = {"bound_ap_mac", nullptr};
-};
-
 }  // namespace
+
+/* The caller holds the bytes of both records. An ap_position of -1: there is no access point. */
+Written Edit::write_binding(uint32_t template_id, int32_t ap_position, bool is_bound) {
+  auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
+  const ApTemplateRecord& target = templates->templates[template_id - 1];
+  Rewrite rewrite(table_named("ap_templates"), template_id - 1, live_.block(kApTemplateList));
+  Rewrite ap_rewrite(table_named("aps"), static_cast<uint32_t>(ap_position),
+                     live_.block(kManageApList));
+  if (ap_position >= 0) {
+    const auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
+    rewrite.set("bound_ap_mac", is_bound ? aps->aps[ap_position].ap_mac : nullptr);
+    const auto group = static_cast<uint8_t>(template_id);
+    ap_rewrite.set("group_id", is_bound ? &group : nullptr);
+    ap_rewrite.set("group_info", is_bound ? target.template_name : nullptr);
+    if (!write_down(ap_rewrite.step())) return Written::kFailed;
+  } else {
+    rewrite.set("bound_ap_mac", nullptr);
+  }
+  if (!write_down(rewrite.step())) return Written::kFailed;
+  changed_ |= bit(kApTemplateList);
+  if (ap_position >= 0) {
+    changed_ |= bit(kManageApList);
+    ap_rewrite.write();
+  }
+  rewrite.write();
+  return Written::kDone;
+}
 
 Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
   const RecordLock lock(*this, table_named("ap_templates"), template_id - 1);
@@ -509,26 +502,15 @@ Written Edit::bind(uint32_t template_id, uint32_t ap_id) {
   if (!ap_lock) return ap_lock.fault();
   auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
   auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
-  ApTemplateRecord& target = templates->templates[template_id - 1];
-  ApInfoRecord& ap = aps->aps[ap_id - 1];
+  const ApTemplateRecord& target = templates->templates[template_id - 1];
+  const ApInfoRecord& ap = aps->aps[ap_id - 1];
   if (target.template_id == 0 || ap.ap_id == 0 ||
       (ap.group_id != 0 && ap.group_id != template_id) ||
       (!is_same_mac(target.bound_ap_mac, kNobody) &&
        !is_same_mac(target.bound_ap_mac, ap.ap_mac))) {
     return Written::kChanged;
   }
-  ApRewrite ap_rewrite(ap);
-  ap_rewrite.wanted().group_id = static_cast<uint8_t>(template_id);
-  memcpy(ap_rewrite.wanted().group_info, target.template_name, sizeof ap.group_info);
-  TemplateRewrite rewrite(target);
-  memcpy(rewrite.wanted().bound_ap_mac, ap.ap_mac, sizeof target.bound_ap_mac);
-  if (!write_down(ap_rewrite.step(ap_id - 1)) || !write_down(rewrite.step(template_id - 1))) {
-    return Written::kFailed;
-  }
-  changed_ |= bit(kApTemplateList) | bit(kManageApList);
-  ap_rewrite.write();
-  rewrite.write();
-  return Written::kDone;
+  return write_binding(template_id, static_cast<int32_t>(ap_id - 1), true);
 }
 
 Written Edit::unbind(uint32_t template_id) {
@@ -536,31 +518,14 @@ Written Edit::unbind(uint32_t template_id) {
   if (!lock) return lock.fault();
   auto* templates = reinterpret_cast<ApTemplateListBlock*>(live_.block(kApTemplateList));
   auto* aps = reinterpret_cast<ManageApListBlock*>(live_.block(kManageApList));
-  ApTemplateRecord& target = templates->templates[template_id - 1];
+  const ApTemplateRecord& target = templates->templates[template_id - 1];
   if (is_same_mac(target.bound_ap_mac, kNobody)) return Written::kDone;
-  TemplateRewrite rewrite(target);
-  memset(rewrite.wanted().bound_ap_mac, 0, sizeof target.bound_ap_mac);
-  if (const int32_t position = SC_Get_Ap_Info_By_Mac(aps, target.bound_ap_mac); position >= 0) {
-    const RecordLock ap_lock(*this, table_named("aps"), static_cast<uint32_t>(position));
-    if (!ap_lock) return ap_lock.fault();
-    ApInfoRecord& ap = aps->aps[position];
-    if (!is_same_mac(ap.ap_mac, target.bound_ap_mac)) return Written::kChanged;
-    ApRewrite ap_rewrite(ap);
-    ap_rewrite.wanted().group_id = 0;
-    memset(ap_rewrite.wanted().group_info, 0, sizeof ap.group_info);
-    if (!write_down(ap_rewrite.step(static_cast<uint32_t>(position))) ||
-        !write_down(rewrite.step(template_id - 1))) {
-      return Written::kFailed;
-    }
-    changed_ |= bit(kManageApList);
-    ap_rewrite.write();
-    rewrite.write();
-  } else {
-    if (!write_down(rewrite.step(template_id - 1))) return Written::kFailed;
-    rewrite.write();
-  }
-  changed_ |= bit(kApTemplateList);
-  return Written::kDone;
+  const int32_t position = SC_Get_Ap_Info_By_Mac(aps, target.bound_ap_mac);
+  if (position < 0) return write_binding(template_id, position, false);
+  const RecordLock ap_lock(*this, table_named("aps"), static_cast<uint32_t>(position));
+  if (!ap_lock) return ap_lock.fault();
+  if (!is_same_mac(aps->aps[position].ap_mac, target.bound_ap_mac)) return Written::kChanged;
+  return write_binding(template_id, position, false);
 }
 
 int fail_written(const Table& table, uint32_t id, Written written) {

@@ -102,6 +102,8 @@ class Edit {
   int hold(AreaId area);
   bool lock(int file, uint32_t byte);
   bool write_down(const Step& step);
+  Written write_binding(uint32_t template_id, int32_t ap_position, bool is_bound);
+  Written use(const Table& table, uint32_t position, const uint8_t* record);
   Written put_back(const Change& change, Mask* stays);
 
   Source& live_;

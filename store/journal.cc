@@ -2,7 +2,6 @@
 
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include "store/edit.h"
 #include "store/value.h"
@@ -114,8 +113,14 @@ Change::Change(const Table& of, uint32_t at)
 
 Step Change::step() const {
   const bool is_whole = !was_used || !is_used;
-  return {*table, position, before.data(), after.data(), is_whole ? nullptr : mask.data(), was_used,
-          is_used};
+  return {*table,   position, before.data(), after.data(), is_whole ? nullptr : mask.data(),
+          was_used, is_used};
+}
+
+void Change::put(const Buffer& values, uint8_t* record) const {
+  for (uint32_t at = 0; at < table->stride; ++at) {
+    if (mask.data()[at] != 0) record[at] = values.data()[at];
+  }
 }
 
 bool Change::is_field_changed(const Field& field) const {
@@ -192,21 +197,19 @@ void Changes::add(const Chunk& chunk) {
        chunk.was_used != 0, chunk.is_used != 0});
 }
 
+void Changes::add(const Text& journal, size_t from, size_t end, uint32_t entry) {
+  for (const Chunk* chunk; from < end && (chunk = chunk_at(journal, from)) != nullptr;
+       from += chunk->size) {
+    if (chunk->entry == entry) add(*chunk);
+  }
+}
+
 uint32_t Changes::areas() const {
   uint32_t areas = 0;
   for (const Change* change = first_; change != nullptr; change = change->next) {
     areas |= bit(change->table->area);
   }
   return areas;
-}
-
-bool read_file(int file, Text* to) {
-  char bytes[4096];
-  ssize_t size;
-  for (off_t at = 0; (size = pread(file, bytes, sizeof bytes, at)) > 0; at += size) {
-    to->add(bytes, static_cast<size_t>(size));
-  }
-  return size == 0;
 }
 
 }  // namespace store

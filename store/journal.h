@@ -74,6 +74,8 @@ struct Change {
   static void* operator new(size_t, void* room) noexcept { return room; }
   /* All of it as one step. */
   Step step() const;
+  /* Puts the changed bytes of before or after into a record. */
+  void put(const Buffer& values, uint8_t* record) const;
   bool is_field_changed(const Field& field) const;
 };
 
@@ -88,6 +90,8 @@ class Changes {
   /* Adds the step of a chunk. A chunk that is not one of this program's is ignored. */
   void add(const Chunk& chunk);
   void add(const Step& step);
+  /* Adds the steps of an entry in these bytes of a journal. */
+  void add(const Text& journal, size_t from, size_t end, uint32_t entry);
   Change* find(const Table& table, uint32_t position);
   Change* first() { return first_; }
   const Change* first() const { return first_; }
@@ -116,9 +120,6 @@ class Journal {
   ~Journal() = default;
 };
 extern Journal* g_journal; /* null: nowhere */
-
-/* Reads a whole file; nothing when it cannot be read. */
-bool read_file(int file, Text* to);
 
 }  // namespace store
 

@@ -10,20 +10,11 @@
 #include <unistd.h>
 
 #include "core/registry.h"
+#include "store/files.h"
 
 namespace store {
 
 namespace {
-
-bool write_all(int to, const char* bytes, size_t size) {
-  while (size > 0) {
-    const ssize_t done = write(to, bytes, size);
-    if (done < 0) return false;
-    bytes += done;
-    size -= static_cast<size_t>(done);
-  }
-  return true;
-}
 
 bool copy_bytes(int from, int to) {
   char bytes[4096];

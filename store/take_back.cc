@@ -107,7 +107,7 @@ class TakingBack {
       }
     } else if (change.was_used && !used) {
       memcpy(future.put(position), change.before.data(), table.stride);
-    } else if (!change.was_used && change.is_used && used && is_as_left(change)) {
+    } else if (!change.was_used && change.is_used && used && is_now(change, change.after)) {
       future.drop(position);
     }
   }
@@ -115,15 +115,6 @@ class TakingBack {
   bool goes_back(const Change& change, const Field& field) {
     return change.is_field_changed(field) &&
            equal(field, now(*change.table).record(change.position), change.after.data());
-  }
-
-  bool is_as_left(const Change& change) {
-    for (const Field& field : *change.table) {
-      if (!equal(field, now(*change.table).record(change.position), change.after.data())) {
-        return false;
-      }
-    }
-    return true;
   }
 
   static void copy(const Field& field, uint8_t* to, const uint8_t* from) {
@@ -142,7 +133,7 @@ class TakingBack {
     const Table& table = *change.table;
     if (!now(table)) return true;
     const bool used = now(table).used(change.position);
-    if (change.was_used && !change.is_used && used && !is_as_before(change)) {
+    if (change.was_used && !change.is_used && used && !is_now(change, change.before)) {
       return wait(change, "its id is used by another record");
     }
     if (!change.was_used && change.is_used && !then(table).used(change.position)) {
@@ -152,13 +143,9 @@ class TakingBack {
     return has_its_groups(change) && has_its_keys(change);
   }
 
-  bool is_as_before(const Change& change) {
-    for (const Field& field : *change.table) {
-      if (!equal(field, now(*change.table).record(change.position), change.before.data())) {
-        return false;
-      }
-    }
-    return true;
+  bool is_now(const Change& change, const Buffer& values) {
+    return has_equal_fields(*change.table, now(*change.table).record(change.position),
+                            values.data());
   }
 
   bool has_its_keys(Change& change) {

@@ -121,6 +121,13 @@ size_t size_without_trailing_zeros(const Field& field, const uint8_t* record) {
   return size;
 }
 
+bool has_equal_fields(const Table& table, const uint8_t* one, const uint8_t* other) {
+  for (const Field& field : table) {
+    if (!equal(field, one, other)) return false;
+  }
+  return true;
+}
+
 int parse(const Table& table, const Field& field, const char* text, size_t size, Origin origin,
           uint8_t* record) {
   uint8_t* to = record + field.record_at;

@@ -57,6 +57,8 @@ inline bool equal(const Field& field, const uint8_t* one, const uint8_t* other) 
   return __builtin_memcmp(one + field.record_at, other + field.record_at, field.size) == 0;
 }
 
+bool has_equal_fields(const Table& table, const uint8_t* one, const uint8_t* other);
+
 /* A number of 1 to 4 bytes at any address. */
 int64_t load_number(const uint8_t* at, size_t width, bool is_signed);
 inline int32_t load_word(const uint8_t* at) {

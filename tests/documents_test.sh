@@ -4,8 +4,8 @@
 # is, as it stands, a part of that file; with "all of" before PATH it is the whole file.
 # The links of the documents to files of this repository lead somewhere.
 # usage: tests/documents_test.sh [BUILD]
-# With the folder of a build whose programs run here, the README's command for its first program is run,
-# too, and prints what the README says.
+# With the folder of a build whose programs run here, the README's command for its first program and all
+# commands of docs/TRY.md are run, too, and print what the documents say.
 set -euo pipefail
 build=${1:+$(readlink -f "$1")}
 cd "$(dirname "$0")/.."
@@ -74,11 +74,28 @@ first_program() {
     complain "README.md: the first program prints '$said', not '$promised'"
 }
 
+# Process numbers, dates and seconds differ from run to run.
+alike() {
+  sed -E 's/process [0-9]+/process N/; s/[0-9-]{10} [0-9:]{8}/DATE/; s/[0-9]+ s( left)?(:|$)/N s\1\2/'
+}
+
+try_page() {
+  local script
+  script=$(mktemp)
+  sed -n 's/^    //p' docs/TRY.md >"$script"
+  checked=$((checked + 1))
+  diff -u -L docs/TRY.md -L said <(alike <"$script") \
+    <(timeout 120 examples/private_world tests/scctl_test.sh --inside "$script" "$build" 2>&1 | alike) ||
+    complain "docs/TRY.md: its commands print something else"
+  rm "$script"
+}
+
 for document in *.md */README.md docs/*.md; do
   code_blocks <"$document"
   links <"$document"
 done
 [[ -z $build ]] || first_program
+[[ -z $build ]] || try_page
 [[ $checked -gt 0 ]] || complain "nothing was checked"
 echo "$checked blocks and links checked"
 exit "$failed"

@@ -162,7 +162,7 @@ TEST_P(TraceScguardTryTest, RestoreWithACallThatFails_SaysSoAndLosesNoBase) {
   EXPECT_GT(failed, 60u);
 }
 
-INSTANTIATE_TEST_SUITE_P(EachKindOfBase, TraceScguardTryTest,
+INSTANTIATE_TEST_SUITE_P(TraceEachBase, TraceScguardTryTest,
                          testing::Values(kBothGood, kMiscHadNone),
                          [](const testing::TestParamInfo<const char*>& marker) {
                            return std::string(marker.param) == kMiscHadNone ? "None" : "Good";

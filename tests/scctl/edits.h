@@ -125,6 +125,10 @@ class EditTest : public World {
  protected:
   void SetUp() override {
     World::SetUp();
+    start_areas();
+  }
+
+  void start_areas() {
     for (const AreaCalls& calls : all_areas()) ASSERT_EQ(calls.init(1), 0) << calls.name;
     /* Each area once: attached for good. */
     for (const AreaCalls& calls : all_areas()) blocks_[calls.name] = block_at(calls.get());

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <map>
+#include <set>
 #include <stdexcept>
 
 namespace sc_test {
@@ -62,7 +63,38 @@ class Tracer {
     }
   }
 
+  /* Takes up programs that run and looks at them until all have ended or are left. They may be of
+   * any process group, so one after the other is asked whether it has stopped. */
+  void take_up(const std::vector<pid_t>& programs) {
+    started_ = true;
+    watched_.insert(programs.begin(), programs.end());
+    constexpr long kOptions = PTRACE_O_TRACESYSGOOD;
+    for (const pid_t process : programs) {
+      if (ptrace(PTRACE_SEIZE, process, nullptr, kOptions) != 0) give_up("PTRACE_SEIZE");
+      ptrace(PTRACE_INTERRUPT, process, nullptr, nullptr);
+    }
+    while (!watched_.empty()) {
+      bool idle = true;
+      for (const pid_t process : std::set<pid_t>(watched_)) {
+        int stopped;
+        const pid_t found = waitpid(process, &stopped, __WALL | WNOHANG);
+        if (found == 0) continue;
+        idle = false;
+        if (found == process && WIFSTOPPED(stopped))
+          handle(process, stopped);
+        else
+          watched_.erase(process);
+      }
+      if (idle) usleep(20);
+    }
+  }
+
  private:
+  void leave(pid_t process) {
+    ptrace(PTRACE_DETACH, process, nullptr, nullptr);
+    watched_.erase(process);
+  }
+
   static void go_on(pid_t process, int signal) {
     ptrace(PTRACE_SYSCALL, process, nullptr, static_cast<long>(signal));
   }
@@ -106,6 +138,11 @@ class Tracer {
         kill(process, SIGKILL);
         return;
       }
+      if (fate.kind == Fate::kStops || fate.kind == Fate::kLeaves) {
+        if (fate.kind == Fate::kStops) kill(process, SIGSTOP);
+        leave(process);
+        return;
+      }
       if (fate.kind == Fate::kFails) {
         change_registers(process, -1, 0);
         failing_[process] = fate.error;
@@ -126,6 +163,7 @@ class Tracer {
   const std::function<Fate(const SystemCall&)>& look_;
   std::map<pid_t, SystemCall> calls_;
   std::map<pid_t, int> failing_;
+  std::set<pid_t> watched_; /* programs that were taken up */
   size_t count_ = 0;
   bool started_ = false;
 };
@@ -171,6 +209,11 @@ Outcome trace(const Words& command, const std::function<Fate(const SystemCall&)>
   Program program(command, input, Program::kTracer);
   program.set_ended(Tracer(program.pid(), look).run());
   return program.wait();
+}
+
+void trace_running(const std::vector<pid_t>& programs,
+                   const std::function<Fate(const SystemCall&)>& look) {
+  Tracer(0, look).take_up(programs);
 }
 
 size_t kill_at_every_call(const Words& command, const std::function<void()>& prepare,

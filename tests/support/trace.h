@@ -9,6 +9,7 @@
 #include <stdint.h>
 
 #include <functional>
+#include <vector>
 
 #include "support/program.h"
 
@@ -33,7 +34,13 @@ struct SystemCall {
 
 /* What happens to a call that will be made. */
 struct Fate {
-  enum Kind { kMade, kKills, kFails } kind = kMade;
+  enum Kind {
+    kMade,
+    kKills,
+    kFails,
+    kStops, /* the process is stopped when the call is done, and no longer looked at */
+    kLeaves /* the process goes on and is no longer looked at */
+  } kind = kMade;
   int error = 0; /* errno of a call that fails; the call is not made */
 };
 
@@ -42,6 +49,11 @@ struct Fate {
  * starts are not. kKills sends SIGKILL to the process that makes the call. */
 Outcome trace(const Words& command, const std::function<Fate(const SystemCall&)>& look,
               const std::string& input = "");
+
+/* Looks at the calls of running programs that are not children, until all have ended or are left.
+ * The programs that they fork are not looked at. */
+void trace_running(const std::vector<pid_t>& programs,
+                   const std::function<Fate(const SystemCall&)>& look);
 
 /* Runs the command repeatedly, each time from the state that `prepare` makes. The first run is
  * killed at its first system call, the second at its second, and so on, until a run ends by itself.

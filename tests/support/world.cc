@@ -82,10 +82,11 @@ void replace_var() {
   close(old_var);
 }
 
-/* sync is one of the stand-ins: no test needs the host's disks to be flushed again and again. */
+/* sync is one of the stand-ins: no test needs the host's disks to be flushed again and again. logger
+ * is another: no test writes to the host's log. */
 void put_stand_ins_first_in_path() {
   fs::create_directory(kStandIns);
-  for (const char* name : {"change_event", "send_event", "sync"}) {
+  for (const char* name : {"change_event", "send_event", "sync", "logger"}) {
     const fs::path script = kStandIns / name;
     std::ofstream(script) << "#!/bin/sh\necho \"" << name << "${*:+ }$*\" >>"
                           << kCommandsRun.native() << "\n";
@@ -95,11 +96,19 @@ void put_stand_ins_first_in_path() {
   setenv("PATH", (kStandIns.native() + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
 }
 
+/* No test writes to the terminals of the user who runs it. */
+void replace_terminals() {
+  if (access("/dev/pts", F_OK) != 0) return;
+  must(mount("devpts", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666") == 0,
+       "mount devpts over /dev/pts");
+}
+
 }  // namespace
 
 void enter_private_world() {
   enter_namespaces();
   replace_var();
+  replace_terminals();
   put_stand_ins_first_in_path();
 }
 

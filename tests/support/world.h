@@ -1,8 +1,9 @@
 /* The private world of a test process, and the fixture that makes it new for every test.
  *
  * main() first enters its own mount and IPC namespaces (and a user namespace when not root). Then
- * it mounts a tmpfs over /var and puts stand-ins for the device's commands first in PATH. If this
- * is refused, the run ends with one line. It never touches the host's keys or files.
+ * it mounts a tmpfs over /var and new terminals over /dev/pts, and puts stand-ins for the device's
+ * commands first in PATH. If this is refused, the run ends with one line. It never touches the
+ * host's keys, files or terminals.
  */
 #ifndef SUPPORT_WORLD_H
 #define SUPPORT_WORLD_H
@@ -28,7 +29,8 @@ class World : public ::testing::Test {
   void TearDown() override;
 };
 
-/* The command lines with which the stand-ins for change_event, send_event and sync were run. */
+/* The command lines with which the stand-ins for change_event, send_event, sync and logger were
+ * run. */
 std::vector<std::string> commands_run();
 
 /* Whole files. write_file creates or truncates. read_file fails the test when the file does not

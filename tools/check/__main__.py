@@ -52,6 +52,7 @@ CHECKS = {
     "manual": manual.check_manual,
     "commands": manual.check_commands,
     "abi": abi.check_abi,
+    "model": lambda suite: suite.run([ROOT / "model/check"], check="model of a try"),
 }
 SLOW_CHECKS = {
     "sizes": sizes.check_sizes,

@@ -1,0 +1,1 @@
+#include "scctl/tries.h"
