@@ -112,7 +112,8 @@ PLANS = (
          "reverted"),
     Plan("one area whose kept copy is old, confirmed", ONE, 1, TRY + CONFIRM, "confirmed",
          prologue="scctl set lan_binds/1 name=old && router save; "),
-    Plan("one area, never saved before, confirmed", FIRST_SAVE, 1, TRY + CONFIRM, "confirmed"),
+    Plan("one area, never saved before, confirmed", FIRST_SAVE, 1, TRY + CONFIRM, "confirmed",
+         whole=True),
     Plan("three areas, confirmed", THREE, 3, TRY + CONFIRM, "confirmed"),
     Plan("three areas, taken back", THREE, 3, TRY + REVERT, "reverted"),
     Plan("all areas, confirmed", ALL, len(AREAS), TRY + CONFIRM, "confirmed", short=True),
@@ -323,12 +324,13 @@ def chosen_cuts(plans, recordings, cuts, every, seed, short):
     moments = {plan.name: recordings[plan.name].cuts(every) for plan in plans}
     whole = [plan.name for plan in plans if plan.whole and not short]
     sampled = [plan.name for plan in plans if plan.name not in whole]
+    sampled.sort(key=lambda name: len(moments[name]))  # what one cannot use is left to the longer ones
     left = max(cuts - sum(len(moments[name]) for name in whole), 0)
     for n, name in enumerate(sampled):
-        share = left * (n + 1) // len(sampled) - left * n // len(sampled)
         first, *rest, end = moments[name]
         random.Random("%s, %s" % (seed, name)).shuffle(rest)
-        moments[name] = [end, first, *rest][:share]
+        moments[name] = [end, first, *rest][:left // (len(sampled) - n)]
+        left -= len(moments[name])
     return moments
 
 

@@ -1,5 +1,5 @@
 #!/bin/bash
-# The box from its first boot to its second, two of them at a time, which do not meet; and runs that
+# The box from its first boot to its fourth, two of them at a time, which do not meet; and runs that
 # are ended from outside, which leave no emulator and no half image. tools/check runs it.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -80,4 +80,17 @@ done
 # What the console shows as typed can be typed again.
 grep -qF "router# scctl set lan_binds/2 'name=garden camera'" "$work/one.log" ||
   complain "a word with a blank is shown without quotes"
+
+# A change that cut its maker off comes back, one that was tried when the power went is gone, and a
+# confirmed one is there.
+for run in one two; do
+  [[ $(grep -E 'firewall: |session# scctl|^now cut|taken back: |  192\.168\.1\.99 ' "$work/$run.log") == \
+    'session# scctl try --timeout 5 batch /tmp/rules
+firewall: 192.168.1.20 is blocked, its session ends
+firewall: 192.168.1.20 is not blocked
+now cut
+boot: scguard: a change that nobody confirmed is taken back: lan
+now cut
+ 1  00:11:22:33:44:55  192.168.1.99     printer' ]] || complain "$run: the tries did not end as they should"
+done
 exit $failed
