@@ -69,8 +69,8 @@ IpGroupItem group_of(uint32_t writer, uint32_t n) {
 TEST_F(TryOthersTest, SixWriters_LoseNoChangeToTriesThatAreTakenBack) {
   auto* lan = block_as<LanBlock>("Lan");
   auto* groups = block_as<IpGroupBlock>("IpGroup");
-  auto* shared = static_cast<Writing*>(mmap(nullptr, sizeof(Writing), PROT_READ | PROT_WRITE,
-                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  auto* shared = static_cast<Writing*>(
+      mmap(nullptr, sizeof(Writing), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   new (shared) Writing();
   for (uint32_t me = 0; me < kWriters; ++me) {
     const DhcpStaticItem binding = binding_of(me, 0);
@@ -80,12 +80,13 @@ TEST_F(TryOthersTest, SixWriters_LoseNoChangeToTriesThatAreTakenBack) {
   }
   done({"add", "clients/300", "client_mac=02:00:00:00:00:01"});
   const Image clients = image("Clients");
-  write_file(kBatch,
-             "set lan_binds/1 name=tried ip=10.9.9.1\nset ip_groups/1 trailing_text=tried\n"
-             "set lan_binds/2 flag=7\nset ip_groups/2 trailing_text=tried leading_text=mine\n"
-             "set lan_binds/3 name=tried\nset ip_groups/3 leading_text=yours\n"
-             "add lan_binds/20 mac=00:11:22:33:55:55 ip=10.9.9.20\nadd ip_groups/16 leading_text=x\n"
-             "del clients/300\nset lan_binds/1 name=again\n");
+  write_file(
+      kBatch,
+      "set lan_binds/1 name=tried ip=10.9.9.1\nset ip_groups/1 trailing_text=tried\n"
+      "set lan_binds/2 flag=7\nset ip_groups/2 trailing_text=tried leading_text=mine\n"
+      "set lan_binds/3 name=tried\nset ip_groups/3 leading_text=yours\n"
+      "add lan_binds/20 mac=00:11:22:33:55:55 ip=10.9.9.20\nadd ip_groups/16 leading_text=x\n"
+      "del clients/300\nset lan_binds/1 name=again\n");
   std::vector<std::unique_ptr<Child>> writers;
   for (uint32_t me = 0; me < kWriters; ++me) {
     writers.push_back(std::make_unique<Child>([=] {
@@ -161,6 +162,17 @@ TEST_F(TryOthersTest, AGroupWhosePlaceIsTaken_WaitsWithItsRulesForTheNextRevert)
   done({"revert"});
   expect_live(before);
   EXPECT_EQ(refusal({"revert"}), "scctl: no try runs\n");
+}
+
+TEST_F(TryOthersTest, AnAddedGroupThatAnotherProgramsRuleRefersTo_Stays) {
+  make_store();
+  start_try_of("add ip_groups/9 leading_text=new\nset lan_binds/1 name=tried\n");
+  done({"add", "ip_filter/20", "ip_mode=1", "ip_group_id=9"});
+  EXPECT_EQ(revert(), "ip_groups/9: it stays: ip_filter/20 refers to it\n");
+  EXPECT_NE(done({"list", "ip_groups", "--commands"}).find("ip_groups/9 leading_text=new\n"),
+            std::string::npos);
+  EXPECT_NE(done({"list", "ip_filter", "--commands"}).find("ip_filter/20 "), std::string::npos);
+  EXPECT_STREQ(block_as<LanBlock>("Lan")->lan_binds[0].bind_name, "one");
 }
 
 TEST_F(TryOthersTest, AFullTable_KeepsTheDeletedRecordWaiting) {
@@ -260,8 +272,7 @@ TEST_F(TryOthersTest, RevertByHandOfAHeldRecord_LeavesTheRestToTheGuards) {
   const Outcome outcome = run_scctl({"revert"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.out, "lan_binds/1: another program holds it\n");
-  EXPECT_EQ(outcome.err,
-            "scctl: its guards go on: other programs hold records or save areas\n");
+  EXPECT_EQ(outcome.err, "scctl: its guards go on: other programs hold records or save areas\n");
   EXPECT_NE(refusal({"confirm"}).find("too late"), std::string::npos);
   foreign.release();
   EXPECT_TRUE(becomes(is_over, 3000));
@@ -349,8 +360,9 @@ TEST_F(TryOthersTest, AnAreaThatAnotherProgramSavedMeanwhile_IsSavedAgain) {
   revert();
   EXPECT_EQ(run_scctl({"diff", "saved", "live"}), (Outcome{0, "", ""}));
   EXPECT_EQ(run_scctl({"diff", "/var/dataconfig/config_lan.good", "live"}), (Outcome{0, "", ""}));
-  EXPECT_EQ(run_scctl({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.bin"}).out,
-            "one\n");
+  EXPECT_EQ(
+      run_scctl({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.bin"}).out,
+      "one\n");
   EXPECT_TRUE(flash()["config_clients.bin"] == clients);
   EXPECT_FALSE(exists(kMarkerFile));
 }
@@ -365,8 +377,9 @@ TEST_F(TryOthersTest, TwoConfirmsAtOnce_AreOneThatWorksAndOneThatIsTold) {
   EXPECT_EQ(loser.err.find("scctl: no try runs"), 0u) << loser;
   EXPECT_TRUE(is_over());
   EXPECT_STREQ(block_as<LanBlock>("Lan")->lan_binds[0].bind_name, "tried");
-  EXPECT_EQ(run_scctl({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.bin"}).out,
-            "tried\n");
+  EXPECT_EQ(
+      run_scctl({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.bin"}).out,
+      "tried\n");
 }
 
 TEST_F(TryOthersTest, WithoutItsMarker_ItIsNotConfirmed) {
@@ -394,8 +407,7 @@ TEST_F(TryOthersTest, OnlyMine_RefusesToSaveWhatOthersChanged) {
   const Outcome refused = run_scctl({"confirm", "--only-mine"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.out, "  lan_binds/2.name: two -> foreign\n");
-  EXPECT_EQ(refused.err,
-            "scctl: not confirmed: what others changed would be saved, too\n");
+  EXPECT_EQ(refused.err, "scctl: not confirmed: what others changed would be saved, too\n");
   EXPECT_TRUE(flash()["config_lan.bin"] == before.at("config_lan.bin"));
   EXPECT_TRUE(exists(kTryFile));
   const Outcome confirmed = run_scctl({"confirm"});
@@ -435,8 +447,8 @@ TEST_F(TryOthersTest, WhatIsWrittenByHandWithoutALock_GoesBackToo) {
   const Images before = live();
   Program trying(scctl({"try", "--timeout", "30", "--", "sh", "-c", "touch /var/runs; sleep 1"}));
   ASSERT_TRUE(becomes([] { return exists("/var/runs"); }));
-  memcpy(block("Wan") + 400, "by hand", 7);               /* settings of a section */
-  memcpy(block("Lan") + 1508 + 48, "by hand", 8);         /* a used record's name */
+  memcpy(block("Wan") + 400, "by hand", 7);       /* settings of a section */
+  memcpy(block("Lan") + 1508 + 48, "by hand", 8); /* a used record's name */
   EXPECT_EQ(trying.wait().status, 0);
   const std::string status = done({"try", "--status"});
   EXPECT_NE(status.find("lan_binds/1.name: one -> 'by hand'\n"), std::string::npos) << status;
