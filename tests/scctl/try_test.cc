@@ -276,8 +276,8 @@ TEST_F(TryTest, AMarkerOfBeforeTheBoot_KeepsATryFromStarting) {
   write_file(kMarkerFile, marker);
   const Images before = live();
   EXPECT_EQ(refusal({"try", "batch", kBatch}),
-            "scctl: /var/dataconfig/try: a try of before the boot left it; scguard restore ends "
-            "that\n");
+            "scctl: /var/dataconfig/try is of a try before the last boot; scguard restore ends "
+            "it\n");
   expect_live(before);
   EXPECT_EQ(read_file(kMarkerFile), marker);
 }
