@@ -378,7 +378,7 @@ def in_two(tasks, folder):
             os._exit(1)
 
 
-def table(plans, results, moments):
+def table(plans, results, moments, short):
     lines = ["| the try | cut at | cuts | after confirm had returned | %s |" % " | ".join(OUTCOMES),
              "|---|---|---:|---:|" + "---:|" * len(OUTCOMES)]
     wrong = []
@@ -397,7 +397,7 @@ def table(plans, results, moments):
         writes = len(recording.writes)
         lines.append("| %s | %s | %d | %d | %s |" % (
             plan.name,
-            "every write (%d writes)" % writes if plan.whole else "a sample of %d writes" % writes,
+            ("a sample of %d writes" if short or not plan.whole else "every write (%d writes)") % writes,
             len(moments[plan.name]), counts["late"],
             " | ".join(str(counts[outcome]) for outcome in OUTCOMES)))
         total += counts
@@ -427,7 +427,7 @@ def run(options, folder):
                 todo.put((results.recordings[plan.name], moment))
     in_two([lambda: classify(recorder, todo, results)] * 2, folder)
 
-    lines, wrong, total = table(plans, results, moments)
+    lines, wrong, total = table(plans, results, moments, options.short)
     print("\n".join(lines))
     cuts = sum(len(moments[plan.name]) for plan in plans)
     print("%d cuts, %d of them in this call, in %.0f s"

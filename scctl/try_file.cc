@@ -91,6 +91,9 @@ unsigned Try::left() const {
 
 namespace {
 
+/* So many steps are written down before they are made: those of a template and its access point. */
+constexpr unsigned kMostAhead = 2;
+
 /* A step that was written down but not made. */
 bool is_unmade(const Chunk& chunk, Source& live) {
   Changes one;
@@ -100,8 +103,10 @@ bool is_unmade(const Chunk& chunk, Source& live) {
   const Table& table = *step->table;
   const uint8_t* now = live.block(table.area) + table.at + step->position * table.stride;
   if (is_used(table, now) != step->was_used) return false;
-  for (uint32_t at = 0; at < table.stride; ++at) {
-    if (step->mask.data()[at] != 0 && step->before.data()[at] != now[at]) return false;
+  const uint8_t* mask = step->mask.data();
+  for (Run run = next_run(mask, 0, table.stride); run.size != 0;
+       run = next_run(mask, run.end(), table.stride)) {
+    if (memcmp(step->before.data() + run.at, now + run.at, run.size) != 0) return false;
   }
   return true;
 }
@@ -111,11 +116,15 @@ bool is_unmade(const Chunk& chunk, Source& live) {
 void Try::read_changes(Source& live, Changes* changes) const {
   Text bytes;
   if (!read_file(file_, &bytes)) return;
+  size_t at = sizeof header;
+  unsigned left = 0;
+  for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr; at += chunk->size) ++left;
   size_t end = sizeof header; /* behind the last step that was made */
-  size_t at = end;
-  for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr;) {
+  at = end;
+  while (left-- > 0) {
+    const Chunk* chunk = chunk_at(bytes, at);
     at += chunk->size;
-    if (!is_unmade(*chunk, live)) end = at;
+    if (left >= kMostAhead || !is_unmade(*chunk, live)) end = at;
   }
   changes->add(bytes, sizeof header, end, 0);
 }

@@ -220,11 +220,8 @@ namespace {
 /* Copies runs of bytes at once, as the library copies fields. */
 void copy_masked(uint8_t* to, const uint8_t* from, const Mask& mask, uint32_t size) {
   const uint8_t* bytes = mask.bytes();
-  for (uint32_t at = 0; at < size;) {
-    uint32_t end = at;
-    while (end < size && bytes[end] != 0) ++end;
-    memcpy(to + at, from + at, end - at);
-    at = end + 1;
+  for (Run run = next_run(bytes, 0, size); run.size != 0; run = next_run(bytes, run.end(), size)) {
+    memcpy(to + run.at, from + run.at, run.size);
   }
 }
 
@@ -361,10 +358,12 @@ namespace {
 void choose_fields(const Change& change, const uint8_t* now, Mask* back, Mask* stays) {
   const uint8_t* before = change.before.data();
   const uint8_t* after = change.after.data();
+  const uint8_t* mask = change.mask.data();
   for (const Field& field : *change.table) {
     const uint32_t unit = field.kind == Kind::kBytes ? 1 : field.size;
-    for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; at += unit) {
-      if (change.mask.data()[at] == 0 || memcmp(before + at, after + at, unit) == 0) continue;
+    const uint32_t end = field.record_at + uint32_t{field.size};
+    for (uint32_t at = field.record_at; (at = next_run(mask, at, end).at) < end; at += unit) {
+      if (memcmp(before + at, after + at, unit) == 0) continue;
       if (memcmp(now + at, before + at, unit) == 0) continue;
       Mask* to = memcmp(now + at, after + at, unit) == 0 ? back : stays;
       memset(to->bytes() + at, 1, unit);

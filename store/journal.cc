@@ -14,18 +14,6 @@ namespace {
 
 constexpr uint16_t kMark = 0x5c6a;
 
-struct Run {
-  uint32_t at, size;
-};
-
-/* The first run of marked bytes at or behind an offset; its size is 0 when there is none. */
-Run next_run(const uint8_t* mask, uint32_t at, uint32_t end) {
-  while (at < end && mask[at] == 0) ++at;
-  uint32_t to = at;
-  while (to < end && mask[to] != 0) ++to;
-  return {at, to - at};
-}
-
 void add_bytes(const void* bytes, size_t size, Text* to) {
   to->add(static_cast<const char*>(bytes), size);
 }
@@ -39,6 +27,15 @@ void end_chunk(Chunk chunk, size_t start, Text* to) {
 }
 
 }  // namespace
+
+Run next_run(const uint8_t* mask, uint32_t at, uint32_t end) {
+  const void* first = memchr(mask + at, 1, end - at);
+  if (first == nullptr) return {end, 0};
+  const auto begin = static_cast<uint32_t>(static_cast<const uint8_t*>(first) - mask);
+  const void* behind = memchr(mask + begin, 0, end - begin);
+  const uint8_t* to = behind != nullptr ? static_cast<const uint8_t*>(behind) : mask + end;
+  return {begin, static_cast<uint32_t>(to - mask) - begin};
+}
 
 void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to) {
   const size_t start = to->size();
@@ -81,7 +78,7 @@ void pack_step(const Step& step, uint32_t entry, Text* to) {
   chunk.is_used = step.is_used;
   add_bytes(&chunk, sizeof chunk, to);
   for (Run run = next_run(mask, 0, table.stride); run.size != 0;
-       run = next_run(mask, run.at + run.size, table.stride)) {
+       run = next_run(mask, run.end(), table.stride)) {
     add_bytes(&run, sizeof run, to);
     add_bytes(before + run.at, run.size, to);
     if (step.is_used) add_bytes(step.after + run.at, run.size, to);
@@ -159,13 +156,17 @@ Change& Changes::at(const Table& table, uint32_t position, bool was_used) {
 void Changes::add(const Step& step) {
   Change& change = at(step.table, step.position, step.was_used);
   Mask whole(step.table);
-  for (const Field& field : step.table) whole.add(field);
+  if (step.mask == nullptr) {
+    for (const Field& field : step.table) whole.add(field);
+  }
   const uint8_t* mask = step.mask != nullptr ? step.mask : whole.bytes();
-  for (uint32_t at = 0; at < step.table.stride; ++at) {
-    if (mask[at] == 0) continue;
-    if (change.mask.data()[at] == 0) change.before.data()[at] = step.before[at];
-    change.mask.data()[at] = 1;
-    change.after.data()[at] = step.is_used ? step.after[at] : 0;
+  const uint32_t end = step.table.stride;
+  for (Run run = next_run(mask, 0, end); run.size != 0; run = next_run(mask, run.end(), end)) {
+    for (uint32_t at = run.at; at < run.end(); ++at) {
+      if (change.mask.data()[at] == 0) change.before.data()[at] = step.before[at];
+      change.mask.data()[at] = 1;
+      change.after.data()[at] = step.is_used ? step.after[at] : 0;
+    }
   }
   change.is_used = step.is_used;
 }

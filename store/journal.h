@@ -24,6 +24,14 @@ struct Step {
   bool was_used, is_used;
 };
 
+/* Bytes that follow each other. */
+struct Run {
+  uint32_t at, size;
+  uint32_t end() const { return at + size; }
+};
+/* The first run of ones in a mask at or behind an offset; its size is 0 when there is none. */
+Run next_run(const uint8_t* mask, uint32_t at, uint32_t end);
+
 enum class ChunkKind : uint8_t {
   kBegin, /* of an entry of the log: who, when and what */
   kStep,
