@@ -186,6 +186,24 @@ TEST_F(TraceTryTest, ConfirmKilledAtAnyCall_HasKeptAllOrNothing) {
   });
 }
 
+TEST_F(TraceTryTest, ConfirmKilledWhileItSaves_CanBeRepeated) {
+  start_try(60);
+  bool is_killed = false;
+  trace(scctl({"confirm"}), [&](const SystemCall& call) {
+    const bool forks = call.call == SYS_clone || call.call == SYS_clone3 || call.call == SYS_vfork;
+    if (call.is_done || !forks || is_killed) return Fate{};
+    is_killed = true;
+    return Fate{Fate::kKills};
+  });
+  EXPECT_TRUE(is_killed);
+  EXPECT_TRUE(exists(kMarkerFile));
+  /* The guards give the try back as one that is made. */
+  EXPECT_TRUE(becomes([&] { return run_scctl({"try", "--timeout", "30"}).status == 0; }, 1500));
+  EXPECT_EQ(run_scctl({"confirm"}).status, 0);
+  expect_live(after_);
+  expect_saved(0);
+}
+
 /* ---- guards ---- */
 
 class TraceGuardTest : public TraceTryTest {

@@ -347,6 +347,46 @@ TEST_F(TryOthersTest, ManyBigRecords_GoBackInTime) {
   expect_live(before);
 }
 
+/* ---- a program that is tried ---- */
+
+class TriedProgramTest : public TryTest {
+ protected:
+  /* It changes a record, and then runs on, whatever signal that can be ignored it gets. */
+  Words try_of_a_long_program(int seconds) {
+    std::string command = "trap '' TERM HUP INT; ";
+    for (const std::string& word : scctl({"set", "lan_binds/1", "name=tried"}))
+      command += word + " ";
+    command += "; touch /var/runs; while :; do sleep 0.1; done";
+    return scctl({"try", "--timeout", std::to_string(seconds), "--", "sh", "-c", command});
+  }
+  const char* name() { return block_as<LanBlock>("Lan")->lan_binds[0].bind_name; }
+};
+
+TEST_F(TriedProgramTest, WhenItsCallerIsKilled_EndsAndIsTakenBack) {
+  make_store();
+  const Images before = live();
+  Program caller(try_of_a_long_program(60));
+  ASSERT_TRUE(becomes([] { return exists("/var/runs"); }));
+  EXPECT_STREQ(name(), "tried");
+  kill(caller.pid(), SIGKILL);
+  EXPECT_TRUE(becomes(is_over, 2500));
+  expect_live(before);
+  EXPECT_FALSE(exists(kMarkerFile));
+}
+
+TEST_F(TriedProgramTest, WhenItRunsBeyondTheDeadline_IsEndedAndTakenBack) {
+  make_store();
+  const Images before = live();
+  const auto begin = Clock::now();
+  const Outcome outcome = run(try_of_a_long_program(2));
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_NE(outcome.err.find("scctl: sh did not end in time\n"), std::string::npos) << outcome;
+  EXPECT_TRUE(becomes(is_over));
+  EXPECT_GE(ms_since(begin), 2000);
+  EXPECT_LE(ms_since(begin), 4500);
+  expect_live(before);
+}
+
 /* ---- saves ---- */
 
 TEST_F(TryOthersTest, AnAreaThatAnotherProgramSavedMeanwhile_IsSavedAgain) {
