@@ -92,12 +92,7 @@ bool act(Try& running) {
 }
 
 void watch(Role twin) {
-  const pid_t pid = holder_of(twin);
-  if (pid == 0) {
-    start_guard(twin);
-  } else if (pid > 0 && is_stopped(pid)) {
-    kill(pid, SIGKILL);
-  }
+  if (!is_guarded(twin) && holder_of(twin) == 0) start_guard(twin);
 }
 
 [[noreturn]] void run_guard(Role role) {
@@ -142,6 +137,12 @@ bool is_stopped(pid_t pid) {
   text[size] = '\0';
   const char* state = strrchr(text, ')'); /* the program's name may hold anything */
   return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
+}
+
+bool is_guarded(Role role) {
+  const pid_t guard = holder_of(role);
+  if (guard > 0 && is_stopped(guard)) kill(guard, SIGKILL);
+  return guard != 0 && !is_stopped(guard);
 }
 
 void start_guard(Role role) {

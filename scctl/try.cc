@@ -168,7 +168,7 @@ int make_by_program(Call& call, Try& running) {
   Source now;
   now.open_live();
   Changes changes;
-  add_differences(now, running, &changes);
+  if (!add_differences(now, running, &changes)) return fail_state();
   running.header.is_command = 0;
   if (!running.write()) return fail_state();
   remove_copies();
@@ -201,7 +201,7 @@ int become_actor() {
     return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
-  for (int n = 0; holder_of(Role::kGuard) != 0 || holder_of(Role::kTwin) != 0; ++n) {
+  for (int n = 0; is_guarded(Role::kGuard) || is_guarded(Role::kTwin); ++n) {
     if (n == kActorTries) return fail(kRefused, "the guards of the last try do not end");
     pause_ms(1);
   }
