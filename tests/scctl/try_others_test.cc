@@ -148,7 +148,7 @@ TEST_F(TryOthersTest, AGroupWhosePlaceIsTaken_WaitsWithItsRulesForTheNextRevert)
   const Images before = live();
   start_try_of("del ip_groups/2\n");
   done({"add", "ip_groups/2", "leading_text=foreign"});
-  const std::string report = revert();
+  const std::string report = revert_in_part();
   EXPECT_EQ(report,
             "ip_groups/2: it waits: its id is used by another record\n"
             "ip_filter/1: it waits: it refers to ip_groups/2, which waits\n"
@@ -156,7 +156,7 @@ TEST_F(TryOthersTest, AGroupWhosePlaceIsTaken_WaitsWithItsRulesForTheNextRevert)
   EXPECT_TRUE(is_over());
   EXPECT_EQ(done({"list", "ip_groups", "--commands"}).find("office"), std::string::npos);
   const Outcome status = run_scctl({"try", "--status"});
-  EXPECT_NE(status.out.find("records that wait for scctl revert:\n"), std::string::npos) << status;
+  EXPECT_NE(status.out.find("these wait for scctl revert:\n"), std::string::npos) << status;
   EXPECT_EQ(run_scctl({"revert"}).status, 1); /* the place is still taken */
   done({"del", "ip_groups/2"});
   done({"revert"});
@@ -186,7 +186,7 @@ TEST_F(TryOthersTest, AFullTable_KeepsTheDeletedRecordWaiting) {
                 " ip=10.1.0." + number + "\n";
   }
   done({"batch", "-"}, commands);
-  EXPECT_EQ(revert(), "lan_binds/2: it waits: its id is used by another record\n");
+  EXPECT_EQ(revert_in_part(), "lan_binds/2: it waits: its id is used by another record\n");
   EXPECT_EQ(block_as<LanBlock>("Lan")->lan_bind_count, 32u);
   Words others = {"del"};
   for (int n = 2; n <= 32; ++n) others.push_back("lan_binds/" + std::to_string(n));
@@ -203,7 +203,7 @@ TEST_F(TryOthersTest, AKeyThatAnotherRecordHasNow_IsNotGivenTwice) {
   start_try_of("del lan_binds/2\nset lan_binds/1 mac=00:11:22:33:44:99 name=tried\n");
   done({"add", "lan_binds/9", "mac=00:11:22:33:44:02", "ip=10.0.0.77"});
   done({"add", "lan_binds/8", "mac=00:11:22:33:44:01", "ip=10.0.0.78"});
-  const std::string report = revert();
+  const std::string report = revert_in_part();
   EXPECT_NE(report.find("lan_binds/2: it waits: its mac is used by lan_binds/9\n"),
             std::string::npos)
       << report;
@@ -447,7 +447,7 @@ TEST_F(TryOthersTest, OnlyMine_RefusesToSaveWhatOthersChanged) {
   const Outcome refused = run_scctl({"confirm", "--only-mine"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.out, "  lan_binds/2.name: two -> foreign\n");
-  EXPECT_EQ(refused.err, "scctl: not confirmed: what others changed would be saved, too\n");
+  EXPECT_EQ(refused.err, "scctl: not confirmed: these changes are not part of the try\n");
   EXPECT_TRUE(flash()["config_lan.bin"] == before.at("config_lan.bin"));
   EXPECT_TRUE(exists(kTryFile));
   const Outcome confirmed = run_scctl({"confirm"});
