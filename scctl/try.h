@@ -50,7 +50,7 @@ class Try {
   bool write() const;
   bool set_phase(Phase phase);
   bool append(const Step& step) const;
-  /* Reads the steps. A last step that a kill has kept from being made is left out. */
+  /* Reads the steps. While the change is made, a last step that is not made is left out. */
   void read_changes(Source& live, Changes* changes) const;
   bool is_over() const { return boot_ms() >= header.deadline_ms; }
   /* Seconds up to the deadline. */

@@ -223,12 +223,12 @@ Ended take_back_live(Source& live, Changes& changes, Text* report) {
 }
 
 Ended revert(Try& running, const char* why, Text* report) {
-  running.set_phase(Phase::kReverting);
   for (int n = 0; n < kAreaCount; ++n) Source::forget_live(static_cast<AreaId>(n));
   Source live;
   live.open_live();
   Changes changes;
   running.read_changes(live, &changes);
+  running.set_phase(Phase::kReverting);
   if (running.header.is_command != 0) {
     add_differences(live, running, &changes);
     running.header.is_command = 0;

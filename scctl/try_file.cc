@@ -111,8 +111,8 @@ void Try::read_changes(Source& live, Changes* changes) const {
   size_t at = sizeof header;
   for (const Chunk* chunk; (chunk = chunk_at(bytes, at)) != nullptr;) {
     at += chunk->size;
-    const bool is_last = chunk_at(bytes, at) == nullptr;
-    if (!is_last || !is_unmade(*chunk, live)) changes->add(*chunk);
+    const bool may_be_unmade = header.phase == Phase::kMaking && chunk_at(bytes, at) == nullptr;
+    if (!may_be_unmade || !is_unmade(*chunk, live)) changes->add(*chunk);
   }
 }
 
