@@ -52,7 +52,7 @@ class Try {
   bool write() const;
   bool set_phase(Phase phase);
   bool append(const Step& step) const;
-  /* Reads the steps. Last ones that a kill has kept from being made are left out. */
+  /* Reads the steps. While the change is made, last ones that are not made are left out. */
   void read_changes(Source& live, Changes* changes) const;
   bool is_over() const { return boot_ms() >= header.deadline_ms; }
   /* Seconds up to the deadline. */

@@ -215,12 +215,12 @@ Ended take_back_live(Source& live, Changes& changes, Text* report) {
 }
 
 Ended revert(Try& running, const char* why, Text* report) {
-  running.set_phase(Phase::kReverting);
   for (int n = 0; n < kAreaCount; ++n) Source::forget_live(static_cast<AreaId>(n));
   Source live;
   live.open_live();
   Changes changes;
   running.read_changes(live, &changes);
+  running.set_phase(Phase::kReverting);
   if (running.header.is_command != 0) {
     /* The copies are kept if the journal has no room: they are compared again then. */
     const bool is_written = add_differences(live, running, &changes);

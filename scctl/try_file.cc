@@ -124,7 +124,7 @@ void Try::read_changes(Source& live, Changes* changes) const {
   while (left-- > 0) {
     const Chunk* chunk = chunk_at(bytes, at);
     at += chunk->size;
-    if (left >= kMostAhead || !is_unmade(*chunk, live)) end = at;
+    if (header.phase != Phase::kMaking || left >= kMostAhead || !is_unmade(*chunk, live)) end = at;
   }
   changes->add(bytes, sizeof header, end, 0);
 }

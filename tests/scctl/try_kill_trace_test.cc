@@ -84,6 +84,7 @@ class TraceTryTest : public TrySeries {
     if (!becomes([&] { return is_taken_back(); }, ms)) {
       EXPECT_TRUE(is_over()) << n;
       EXPECT_FALSE(exists(kMarkerFile)) << n;
+      EXPECT_FALSE(exists("/var/systemconfig/scctl/waiting")) << n;
       expect_live(before_, std::to_string(n));
     }
   }
@@ -250,6 +251,24 @@ TEST_F(TraceGuardTest, AGuardStoppedAtAnyCallWhileItTakesBack_IsReplaced) {
     EXPECT_EQ(end_guard_at(n, Fate::kStops), n);
     expect_taken_back(n, kLateMs);
   });
+}
+
+TEST_F(TraceGuardTest, AGuardKilledBeforeItAnnounces_LeavesNoAreaUntold) {
+  Listener listener;
+  start_try(2);
+  listener.codes();
+  bool is_killed = false;
+  trace_running({holder(kGuardByte), holder(kTwinByte)}, [&](const SystemCall& call) {
+    if (is_killed) return Fate{Fate::kLeaves};
+    if (!call.is_done && call.call == SYS_kill) return Fate{Fate::kFails, EPERM};
+    is_killed = !call.is_done && call.call == SYS_connect && is_live(before_);
+    return Fate{is_killed ? Fate::kKills : Fate::kMade};
+  });
+  EXPECT_TRUE(is_killed);
+  expect_taken_back(0, kLateMs);
+  std::vector<int32_t> codes = listener.codes();
+  std::sort(codes.begin(), codes.end());
+  EXPECT_EQ(codes, (std::vector<int32_t>{1, 18}));
 }
 
 TEST_F(TraceGuardTest, WhatAGuardDoes_NeverWaitsInTheKernelForALock) {

@@ -201,6 +201,19 @@ TEST_F(UndoTest, LoggersAtTheSameTime_LoseNoEntryAndMixNone) {
   expect_live(before);
 }
 
+TEST_F(UndoTest, WhileAnotherProgramWritesTheLog_AnEditWaits) {
+  done({"add", "lan_binds/1", "mac=00:11:22:33:44:01"});
+  constexpr off_t kLoggerByte = 3;
+  LockHolder writer(kStateLocks, kLoggerByte);
+  Program edit(scctl({"set", "lan_binds/1", "name=late"}));
+  pause_ms(300);
+  EXPECT_FALSE(edit.ended());
+  EXPECT_EQ(commands().size(), 1u);
+  writer.release();
+  EXPECT_EQ(edit.wait().status, 0);
+  EXPECT_EQ(commands().size(), 2u);
+}
+
 /* A kill between the log and the record: the log has a change that was never made. */
 TEST_F(UndoTest, AChangeThatWasLoggedAndNotMade_IsNotUndone) {
   done({"add", "lan_binds/1", "mac=00:11:22:33:44:01", "name=one"});
