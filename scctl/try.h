@@ -29,9 +29,9 @@ struct TryHeader {
   Author author;
   uint64_t deadline_ms; /* since boot */
   uint32_t marked;      /* areas in the marker, as bits */
-  uint32_t spare;
-  char boot[40];     /* the boot's id: areas and journal do not survive a boot */
-  char terminal[32]; /* of the caller; empty: none */
+  uint32_t counts_all;  /* what anybody changed while it was made counts as the try's */
+  char boot[40];        /* the boot's id: areas and journal do not survive a boot */
+  char terminal[32];    /* of the caller; empty: none */
   char words[256];
 };
 static_assert(sizeof(TryHeader) % alignof(Chunk) == 0);

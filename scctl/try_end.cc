@@ -50,12 +50,15 @@ void announce_end(const TryHeader& header, const char* text) {
   _exit(127);
 }
 
-/* Ends the try's journal, after all else. */
-void close_try(const Try& running, const char* how, const Text& report) {
+/* Ends the try's journal, after all else. It is taken back for a reason, or confirmed (null). */
+void close_try(const Try& running, const char* why, const Text& report) {
   Text text;
   text.add("the try of ");
   add_user(running.header.author.uid, &text);
-  text.print(" %s: ", how);
+  if (why != nullptr)
+    text.print(" is taken back (%s): ", why);
+  else
+    text.add(" is confirmed: ");
   text.add_shown(running.header.words, strnlen(running.header.words, sizeof running.header.words));
   announce_end(running.header, text.c_str());
   Text ended;
@@ -231,9 +234,7 @@ Ended revert(Try& running, const char* why, Text* report) {
   if (clear_flash(running, report) == Ended::kNotYet) return Ended::kNotYet;
   const bool is_waiting = count(changes, Fate::kWaits) != 0;
   if (is_waiting) keep_waiting(changes);
-  Text how;
-  how.print("is taken back (%s)", why);
-  close_try(running, how.c_str(), *report);
+  close_try(running, why, *report);
   return is_waiting ? Ended::kWaiting : Ended::kYes;
 }
 
@@ -249,36 +250,7 @@ void finish_confirmed(Try& running) {
   Changes changes;
   running.read_changes(live, &changes);
   log_changes(running.header.author, running.header.words, changes);
-  close_try(running, "is confirmed", Text());
-}
-
-/* ---- when the guards are gone ---- */
-
-void look_after_try() {
-  if (access("/var/systemconfig/scctl/try", R_OK | W_OK) != 0 || !open_state(false)) return;
-  Try running;
-  if (!running.open()) return;
-  /* What other programs change while a try of any program is made is part of the try. */
-  if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
-  if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
-  if (!take_role(Role::kActor, 1)) return; /* it is being made or ended */
-  Text report;
-  const bool is_there = running.open();
-  const Phase phase = running.header.phase;
-  if (is_there && phase == Phase::kConfirming && !is_marked()) {
-    finish_confirmed(running);
-    fail(kOk, "the guards of the try were killed; it was confirmed before");
-  } else if (is_there &&
-             (running.is_over() || phase == Phase::kMaking || phase == Phase::kReverting)) {
-    const bool ended = revert(running, "its guards were killed", &report) != Ended::kNotYet;
-    fail(kOk, "the guards of the try were killed; it is taken back%s", ended ? "" : " by new ones");
-    if (!ended) start_guards();
-  } else if (is_there) {
-    running.set_phase(Phase::kMade);
-    start_guards();
-    fail(kOk, "the guards of the try were killed; they are started again");
-  }
-  leave_role(Role::kActor);
+  close_try(running, nullptr, Text());
 }
 
 }  // namespace scctl

@@ -329,7 +329,9 @@ TEST_F(TraceGuardTest, BothKilledAndTheDeadlineOver_TheNextCallTakesBack) {
   expect_live(after_);
   const Outcome outcome = run_scctl({"tables"});
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.err, "scctl: the guards of the try were killed; it is taken back\n");
+  EXPECT_EQ(
+      outcome.err,
+      "scctl: the guards of the try were killed; it is ended now, scctl try --status tells how\n");
   expect_taken_back(0, 0);
 }
 
