@@ -1,4 +1,7 @@
 /* The log of scctl's edits, and what undo takes back. */
+#include <fcntl.h>
+#include <sys/file.h>
+
 #include <sysconfig/lan.h>
 
 #include <algorithm>
@@ -203,13 +206,13 @@ TEST_F(UndoTest, LoggersAtTheSameTime_LoseNoEntryAndMixNone) {
 
 TEST_F(UndoTest, WhileAnotherProgramWritesTheLog_AnEditWaits) {
   done({"add", "lan_binds/1", "mac=00:11:22:33:44:01"});
-  constexpr off_t kLoggerByte = 3;
-  LockHolder writer(kStateLocks, kLoggerByte);
+  const int writer = open("/var/systemconfig/scctl", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(writer, LOCK_EX), 0);
   Program edit(scctl({"set", "lan_binds/1", "name=late"}));
   pause_ms(300);
   EXPECT_FALSE(edit.ended());
   EXPECT_EQ(commands().size(), 1u);
-  writer.release();
+  close(writer);
   EXPECT_EQ(edit.wait().status, 0);
   EXPECT_EQ(commands().size(), 2u);
 }
