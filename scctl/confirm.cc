@@ -60,14 +60,20 @@ int commit(Try& running) {
     return fail_confirm(running,
                         fail(kRefused, "not confirmed: %s: %s", archive_path(area).text, fault));
   }
-  const ArchiveFolder folder;
-  Marker marker;
-  if (folder && running.header.marked != 0 &&
-      read_marker(folder.descriptor(), &marker) != MarkerState::kThere) {
-    return fail_confirm(running, refuse_without_marker());
+  {
+    const ArchiveFolder folder;
+    Marker marker;
+    if (folder && running.header.marked != 0 &&
+        read_marker(folder.descriptor(), &marker) != MarkerState::kThere) {
+      return fail_confirm(running, refuse_without_marker());
+    }
+    if (!folder || !remove_marker(folder.descriptor())) {
+      return fail_confirm(running, fail_flash("not confirmed: the marker is not removed"));
+    }
   }
-  if (folder && remove_marker(folder.descriptor())) return kOk;
-  return fail_confirm(running, fail_flash("not confirmed: the marker is not removed"));
+  /* Still without saves: a cut of a save would bring an old copy back. */
+  finish_confirmed(running);
+  return kOk;
 }
 
 /* Keeps others from saving the areas from n on, and commits. */
@@ -82,7 +88,6 @@ int commit_without_saves(Try& running, int n) {
 int save_and_commit(Call& call, Try& running, uint32_t areas) {
   {
     const OwnSaves own;
-    if (!own) return fail_confirm(running, fail(kRefused, "not confirmed: a save does not end"));
     for (const Area& area : kAreas) {
       if ((areas & bit(id_of(area))) == 0) continue;
       if (const int status = save_area(call, id_of(area)); status != kOk) {
@@ -115,9 +120,7 @@ int confirm(Call& call, Try& running) {
     tell("these changes are not part of the try, and are saved, too");
   }
   if (!running.set_phase(Phase::kConfirming)) return fail_state();
-  if (const int status = save_and_commit(call, running, areas); status != kOk) return status;
-  finish_confirmed(running);
-  return kOk;
+  return save_and_commit(call, running, areas);
 }
 
 }  // namespace

@@ -63,6 +63,18 @@ void clear_way(const Try& running, pid_t actor) {
   }
 }
 
+/* Does what is due, as the actor. True when the try is over. */
+bool do_duty(Try& running, const char* why) {
+  Text report;
+  switch (duty(running, true)) {
+    case Duty::kNothing: return false;
+    case Duty::kGiveBack: running.set_phase(Phase::kMade); return false;
+    case Duty::kFinish: finish_confirmed(running); return true;
+    case Duty::kRevert: return revert(running, why, &report) != Ended::kNotYet;
+  }
+  return false;
+}
+
 /* True when the try is over. */
 bool act(Try& running) {
   const pid_t actor = holder_of(Role::kActor);
@@ -71,33 +83,14 @@ bool act(Try& running) {
     return false;
   }
   if (duty(running, true) == Duty::kNothing || !take_role(Role::kActor, 1)) return false;
-  bool is_over = false;
   Try now; /* what was read before may be out of date */
-  if (!now.open() || !now.is_same(running)) {
-    is_over = true;
-  } else {
-    Text report;
-    switch (duty(now, true)) {
-      case Duty::kNothing: break;
-      case Duty::kGiveBack: now.set_phase(Phase::kMade); break;
-      case Duty::kFinish:
-        finish_confirmed(now);
-        is_over = true;
-        break;
-      case Duty::kRevert: is_over = revert(now, "it was not confirmed", &report) != Ended::kNotYet;
-    }
-  }
+  const bool is_over = !now.open() || !now.is_same(running) || do_duty(now, "it was not confirmed");
   leave_role(Role::kActor);
   return is_over;
 }
 
 void watch(Role twin) {
-  const pid_t pid = holder_of(twin);
-  if (pid == 0) {
-    start_guard(twin);
-  } else if (pid > 0 && is_stopped(pid)) {
-    kill(pid, SIGKILL);
-  }
+  if (!is_guarded(twin) && holder_of(twin) == 0) start_guard(twin);
 }
 
 [[noreturn]] void run_guard(Role role) {
@@ -144,6 +137,12 @@ bool is_stopped(pid_t pid) {
   return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
 }
 
+bool is_guarded(Role role) {
+  const pid_t guard = holder_of(role);
+  if (guard > 0 && is_stopped(guard)) kill(guard, SIGKILL);
+  return guard != 0 && !is_stopped(guard);
+}
+
 void start_guard(Role role) {
   fflush(stdout);
   if (fork() == 0) run_guard(role);
@@ -157,6 +156,23 @@ bool start_guards() {
     pause_ms(1);
   }
   return false;
+}
+
+void look_after_try() {
+  if (access("/var/systemconfig/scctl/try", R_OK | W_OK) != 0 || !open_state(false)) return;
+  Try running;
+  if (!running.open()) return;
+  /* What other programs change while a try of any program is made is part of the try. */
+  if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
+  if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
+  if (!take_role(Role::kActor, 1)) return; /* it is being made or ended */
+  if (running.open()) {
+    const bool is_over = do_duty(running, "its guards were killed");
+    if (!is_over) start_guards();
+    fail(kOk, "the guards of the try were killed; %s",
+         is_over ? "it is ended now, scctl try --status tells how" : "they are started again");
+  }
+  leave_role(Role::kActor);
 }
 
 }  // namespace scctl

@@ -161,14 +161,14 @@ int make_by_program(Call& call, Try& running) {
   if (const int status = mark(running, saved_areas()); status != kOk) return status;
   call.source.open_live();
   if (!copy_areas(call.source)) return fail_state();
-  running.header.is_command = 1;
+  running.header.is_command = running.header.counts_all = 1;
   if (!running.write()) return fail_state();
   if (const int status = run_program(call.words); status != kOk) return status;
   for (int n = 0; n < kAreaCount; ++n) Source::forget_live(static_cast<AreaId>(n));
   Source now;
   now.open_live();
   Changes changes;
-  add_differences(now, running, &changes);
+  if (!add_differences(now, running, &changes)) return fail_state();
   running.header.is_command = 0;
   if (!running.write()) return fail_state();
   remove_copies();
@@ -201,7 +201,7 @@ int become_actor() {
     return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
-  for (int n = 0; holder_of(Role::kGuard) != 0 || holder_of(Role::kTwin) != 0; ++n) {
+  for (int n = 0; is_guarded(Role::kGuard) || is_guarded(Role::kTwin); ++n) {
     if (n == kActorTries) return fail(kRefused, "the guards of the last try do not end");
     pause_ms(1);
   }

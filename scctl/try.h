@@ -29,9 +29,9 @@ struct TryHeader {
   Author author;
   uint64_t deadline_ms; /* since boot */
   uint32_t marked;      /* areas in the marker, as bits */
-  uint32_t spare;
-  char boot[40];     /* the boot's id: areas and journal do not survive a boot */
-  char terminal[32]; /* of the caller; empty: none */
+  uint32_t counts_all;  /* what anybody changed while it was made counts as the try's */
+  char boot[40];        /* the boot's id: areas and journal do not survive a boot */
+  char terminal[32];    /* of the caller; empty: none */
   char words[256];
 };
 static_assert(sizeof(TryHeader) % alignof(Chunk) == 0);
@@ -52,7 +52,7 @@ class Try {
   bool write() const;
   bool set_phase(Phase phase);
   bool append(const Step& step) const;
-  /* Reads the steps. Last ones that a kill has kept from being made are left out. */
+  /* Reads the steps. While the change is made, last ones that are not made are left out. */
   void read_changes(Source& live, Changes* changes) const;
   bool is_over() const { return boot_ms() >= header.deadline_ms; }
   /* Seconds up to the deadline. */
@@ -85,20 +85,21 @@ int run_status(Call& call);
 /* The program that holds a role has been stopped. */
 bool is_stopped(pid_t pid);
 
+/* Whether a guard works. One that was stopped guards nothing, and is killed. */
+bool is_guarded(Role role);
 /* Starts a guard of the try that runs, as a process of its own. */
 void start_guard(Role role);
 /* Starts both and waits until they are there. */
 bool start_guards();
 
 /* While it lives, no program of a killed actor's save goes on writing. Programs that the library's
- * save starts inherit its lock. */
+ * save starts inherit its lock; after ten seconds they are not waited for any more. */
 class OwnSaves {
  public:
   OwnSaves();
   ~OwnSaves();
   OwnSaves(const OwnSaves&) = delete;
   OwnSaves& operator=(const OwnSaves&) = delete;
-  explicit operator bool() const { return file_ >= 0; }
 
  private:
   int file_;
@@ -108,7 +109,7 @@ class OwnSaves {
 enum class Ended : uint8_t {
   kYes,
   kWaiting, /* but records wait for their ids */
-  kNotYet /* another program holds a record or an area: to be repeated */
+  kNotYet   /* another program holds a record or an area: to be repeated */
 };
 /* Takes the try back, in memory and on the flash. Tells how it ended. */
 Ended revert(Try& running, const char* why, Text* report);
@@ -126,7 +127,7 @@ void look_after_try();
 /* Saves the areas as they are before a program changes them; adds to the try what it changed. */
 bool copy_areas(Source& live);
 void remove_copies();
-void add_differences(Source& live, const Try& running, Changes* changes);
+bool add_differences(Source& live, const Try& running, Changes* changes);
 
 }  // namespace scctl
 

@@ -50,18 +50,22 @@ void announce_end(const TryHeader& header, const char* text) {
   _exit(127);
 }
 
-/* Ends the try's journal, after all else. */
-void close_try(const Try& running, const char* how, const Text& report) {
+/* Ends the try's journal, after all else. It is taken back for a reason, or confirmed (null). */
+void close_try(const Try& running, const char* why, const Text& report) {
   Text text;
   text.add("the try of ");
   add_user(running.header.author.uid, &text);
-  text.print(" %s: ", how);
+  if (why != nullptr)
+    text.print(" is taken back (%s): ", why);
+  else
+    text.add(" is confirmed: ");
   text.add_shown(running.header.words, strnlen(running.header.words, sizeof running.header.words));
   announce_end(running.header, text.c_str());
   Text ended;
   add_time(time(nullptr), false, &ended);
   ended.print("  %s\n%s", text.c_str(), report.c_str());
   replace_state_file("ended", ended.c_str(), ended.size());
+  remove_copies();
   unlinkat(state_folder(), "try", 0);
 }
 
@@ -95,20 +99,16 @@ class Alarms {
 /* ---- saves ---- */
 
 OwnSaves::OwnSaves() {
-  constexpr int kTries = 1000;
+  constexpr uint64_t kMostMs = 10000;
   file_ = openat(state_folder(), "saves", O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
-  for (int n = 0; file_ >= 0 && flock(file_, LOCK_EX | LOCK_NB) != 0; ++n) {
-    if (n == kTries) {
-      close(file_);
-      file_ = -1;
-      return;
-    }
-    pause_ms(10);
-  }
+  const uint64_t begin = boot_ms();
+  while (flock(file_, LOCK_EX | LOCK_NB) != 0 && boot_ms() - begin < kMostMs) pause_ms(10);
 }
 
+/* Unlocks it for all who inherited it: an event command may have started a daemon. */
 OwnSaves::~OwnSaves() {
-  if (file_ >= 0) close(file_);
+  flock(file_, LOCK_UN);
+  close(file_);
 }
 
 bool is_marked() {
@@ -138,7 +138,6 @@ Ended save_again(const Area& area, uint32_t* saved, bool* failed) {
   if (look_at_flash(area, &found) == Ended::kNotYet) return Ended::kNotYet;
   if (found.state == CopyState::kCurrent || found.state == CopyState::kNone) return Ended::kYes;
   const OwnSaves own;
-  if (!own) return Ended::kNotYet;
   Call call = {};
   call.source.open_live();
   if (found.state == CopyState::kUnknown || save_area(call, id_of(area)) != kOk) *failed = true;
@@ -166,7 +165,7 @@ Ended clear_flash(const Try& running, Text* report) {
     if ((running.header.marked & bit(id_of(area))) == 0) continue;
     if (save_again(area, &saved, &failed) == Ended::kNotYet) return Ended::kNotYet;
   }
-  if (!failed) {
+  if (!failed && is_marked()) {
     const ArchiveFolder folder;
     failed = !folder || !remove_marker(folder.descriptor());
   }
@@ -219,25 +218,23 @@ Ended take_back_live(Source& live, Changes& changes, Text* report) {
 }
 
 Ended revert(Try& running, const char* why, Text* report) {
-  running.set_phase(Phase::kReverting);
   for (int n = 0; n < kAreaCount; ++n) Source::forget_live(static_cast<AreaId>(n));
   Source live;
   live.open_live();
   Changes changes;
   running.read_changes(live, &changes);
+  running.set_phase(Phase::kReverting);
   if (running.header.is_command != 0) {
-    add_differences(live, running, &changes);
-    running.header.is_command = 0;
+    /* The copies are kept if the journal has no room: they are compared again then. */
+    const bool is_written = add_differences(live, running, &changes);
+    running.header.is_command = is_written ? 0 : 1;
     running.write();
-    remove_copies();
   }
   if (take_back_live(live, changes, report) == Ended::kNotYet) return Ended::kNotYet;
   if (clear_flash(running, report) == Ended::kNotYet) return Ended::kNotYet;
   const bool is_waiting = count(changes, Fate::kWaits) != 0;
   if (is_waiting) keep_waiting(changes);
-  Text how;
-  how.print("is taken back (%s)", why);
-  close_try(running, how.c_str(), *report);
+  close_try(running, why, *report);
   return is_waiting ? Ended::kWaiting : Ended::kYes;
 }
 
@@ -253,50 +250,7 @@ void finish_confirmed(Try& running) {
   Changes changes;
   running.read_changes(live, &changes);
   log_changes(running.header.author, running.header.words, changes);
-  close_try(running, "is confirmed", Text());
-}
-
-/* ---- when the guards are gone ---- */
-
-namespace {
-
-/* A guard that was stopped guards nothing. */
-bool is_guarded(Role role) {
-  const pid_t guard = holder_of(role);
-  if (guard > 0 && is_stopped(guard)) kill(guard, SIGKILL);
-  return guard != 0 && !is_stopped(guard);
-}
-
-}  // namespace
-
-void look_after_try() {
-  if (access("/var/systemconfig/scctl/try", R_OK | W_OK) != 0 || !open_state(false)) return;
-  Try running;
-  if (!running.open()) {
-    if (holder_of(Role::kActor) == 0) unlinkat(state_folder(), "try", 0); /* of another boot */
-    return;
-  }
-  /* What other programs change while a try of any program is made is part of the try. */
-  if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
-  if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
-  if (!take_role(Role::kActor, 1)) return; /* it is being made or ended */
-  Text report;
-  const bool is_there = running.open();
-  const Phase phase = running.header.phase;
-  if (is_there && phase == Phase::kConfirming && !is_marked()) {
-    finish_confirmed(running);
-    fail(kOk, "the guards of the try were killed; it was confirmed before");
-  } else if (is_there &&
-             (running.is_over() || phase == Phase::kMaking || phase == Phase::kReverting)) {
-    const bool ended = revert(running, "its guards were killed", &report) != Ended::kNotYet;
-    fail(kOk, "the guards of the try were killed; it is taken back%s", ended ? "" : " by new ones");
-    if (!ended) start_guards();
-  } else if (is_there) {
-    running.set_phase(Phase::kMade);
-    start_guards();
-    fail(kOk, "the guards of the try were killed; they are started again");
-  }
-  leave_role(Role::kActor);
+  close_try(running, nullptr, Text());
 }
 
 }  // namespace scctl

@@ -124,7 +124,7 @@ void Try::read_changes(Source& live, Changes* changes) const {
   while (left-- > 0) {
     const Chunk* chunk = chunk_at(bytes, at);
     at += chunk->size;
-    if (left >= kMostAhead || !is_unmade(*chunk, live)) end = at;
+    if (header.phase != Phase::kMaking || left >= kMostAhead || !is_unmade(*chunk, live)) end = at;
   }
   changes->add(bytes, sizeof header, end, 0);
 }
@@ -221,8 +221,9 @@ void remove_copies() {
 
 namespace {
 
-void add_differences(const Table& table, Source& live, const uint8_t* before, const Try& running,
+bool add_differences(const Table& table, Source& live, const uint8_t* before, const Try& running,
                      Changes* changes) {
+  bool is_written = true;
   Reader reader(live, table);
   Buffer copy(table.stride);
   const uint8_t* block = live.block(table.area);
@@ -237,14 +238,16 @@ void add_differences(const Table& table, Source& live, const uint8_t* before, co
     if (was_used == used && differing.empty()) continue;
     const Step step = {table,    position, was, now, was_used && used ? differing.bytes() : nullptr,
                        was_used, used};
-    running.append(step);
+    if (is_written) is_written = running.append(step);
     changes->add(step);
   }
+  return is_written;
 }
 
 }  // namespace
 
-void add_differences(Source& live, const Try& running, Changes* changes) {
+bool add_differences(Source& live, const Try& running, Changes* changes) {
+  bool is_written = true;
   for (const Area& area : kAreas) {
     const AreaId id = id_of(area);
     Source before;
@@ -254,10 +257,11 @@ void add_differences(Source& live, const Try& running, Changes* changes) {
     close(file);
     for (const Table& table : kTables) {
       if (is_read && table.area == id) {
-        add_differences(table, live, before.block(id), running, changes);
+        is_written &= add_differences(table, live, before.block(id), running, changes);
       }
     }
   }
+  return is_written;
 }
 
 }  // namespace scctl

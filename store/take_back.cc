@@ -25,9 +25,16 @@ bool refers_to(const Reference& reference, const Table& rules, const uint8_t* ru
          load_number(rule + group.record_at, group.size, true) == id;
 }
 
-bool has_keys(const Table& table) {
+/* Whether other records decide if one of this table may go back, or it decides for others: the table
+ * has keys, or is one of groups or of rules. */
+bool has_conditions(const Table& table) {
   for (const Field& field : table) {
     if (field.clash != Clash::kNone) return true;
+  }
+  for (const Reference& reference : kReferences) {
+    if (&table_named(reference.table) == &table || &table_named(reference.groups) == &table) {
+      return true;
+    }
   }
   return false;
 }
@@ -50,7 +57,7 @@ class TakingBack {
    * more. */
   void plan() {
     for (const Table& table : kTables) {
-      if (has_keys(table) && is_concerned(table)) predict(table);
+      if (has_conditions(table) && is_concerned(table)) predict(table);
     }
     bool again = true;
     while (again) {

@@ -164,6 +164,13 @@ class TryTest : public EditTest {
     start_try(seconds);
   }
   std::string revert() { return done({"revert"}); }
+  /* A revert after which records wait. */
+  std::string revert_in_part() {
+    const Outcome outcome = run_scctl({"revert"});
+    EXPECT_EQ(outcome.status, 1) << outcome;
+    EXPECT_EQ(outcome.err, "scctl: records wait: scctl revert tries again\n");
+    return outcome.out;
+  }
 
   static bool is_over() { return !exists(kTryFile); }
 };

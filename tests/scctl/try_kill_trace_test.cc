@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 
 #include <set>
@@ -83,6 +84,7 @@ class TraceTryTest : public TrySeries {
     if (!becomes([&] { return is_taken_back(); }, ms)) {
       EXPECT_TRUE(is_over()) << n;
       EXPECT_FALSE(exists(kMarkerFile)) << n;
+      EXPECT_FALSE(exists("/var/systemconfig/scctl/waiting")) << n;
       expect_live(before_, std::to_string(n));
     }
   }
@@ -185,6 +187,24 @@ TEST_F(TraceTryTest, ConfirmKilledAtAnyCall_HasKeptAllOrNothing) {
   });
 }
 
+TEST_F(TraceTryTest, ConfirmKilledWhileItSaves_CanBeRepeated) {
+  start_try(60);
+  bool is_killed = false;
+  trace(scctl({"confirm"}), [&](const SystemCall& call) {
+    const bool forks = call.call == SYS_clone || call.call == SYS_clone3 || call.call == SYS_vfork;
+    if (call.is_done || !forks || is_killed) return Fate{};
+    is_killed = true;
+    return Fate{Fate::kKills};
+  });
+  EXPECT_TRUE(is_killed);
+  EXPECT_TRUE(exists(kMarkerFile));
+  /* The guards give the try back as one that is made. */
+  EXPECT_TRUE(becomes([&] { return run_scctl({"try", "--timeout", "30"}).status == 0; }, 1500));
+  EXPECT_EQ(run_scctl({"confirm"}).status, 0);
+  expect_live(after_);
+  expect_saved(0);
+}
+
 /* ---- guards ---- */
 
 class TraceGuardTest : public TraceTryTest {
@@ -231,6 +251,24 @@ TEST_F(TraceGuardTest, AGuardStoppedAtAnyCallWhileItTakesBack_IsReplaced) {
     EXPECT_EQ(end_guard_at(n, Fate::kStops), n);
     expect_taken_back(n, kLateMs);
   });
+}
+
+TEST_F(TraceGuardTest, AGuardKilledBeforeItAnnounces_LeavesNoAreaUntold) {
+  Listener listener;
+  start_try(2);
+  listener.codes();
+  bool is_killed = false;
+  trace_running({holder(kGuardByte), holder(kTwinByte)}, [&](const SystemCall& call) {
+    if (is_killed) return Fate{Fate::kLeaves};
+    if (!call.is_done && call.call == SYS_kill) return Fate{Fate::kFails, EPERM};
+    is_killed = !call.is_done && call.call == SYS_connect && is_live(before_);
+    return Fate{is_killed ? Fate::kKills : Fate::kMade};
+  });
+  EXPECT_TRUE(is_killed);
+  expect_taken_back(0, kLateMs);
+  std::vector<int32_t> codes = listener.codes();
+  std::sort(codes.begin(), codes.end());
+  EXPECT_EQ(codes, (std::vector<int32_t>{1, 18}));
 }
 
 TEST_F(TraceGuardTest, WhatAGuardDoes_NeverWaitsInTheKernelForALock) {
@@ -291,24 +329,67 @@ TEST_F(TraceGuardTest, BothKilledAndTheDeadlineOver_TheNextCallTakesBack) {
   expect_live(after_);
   const Outcome outcome = run_scctl({"tables"});
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.err, "scctl: the guards of the try were killed; it is taken back\n");
+  EXPECT_EQ(
+      outcome.err,
+      "scctl: the guards of the try were killed; it is ended now, scctl try --status tells how\n");
   expect_taken_back(0, 0);
 }
 
 TEST_F(TraceGuardTest, AGuardThatIsAZombie_CountsAsDead) {
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); /* the guards become children of this process */
   start_try(3);
   const pid_t guard = holder(kGuardByte), twin = holder(kTwinByte);
-  /* Its parent, which is the twin's or init, cannot reap it while this process traces it. */
-  bool is_killed = false;
-  trace_running({guard}, [&](const SystemCall&) {
-    is_killed = true;
-    return Fate{Fate::kKills};
-  });
-  EXPECT_TRUE(is_killed);
+  kill(guard, SIGKILL);
   EXPECT_TRUE(becomes([&] { return holder(kGuardByte) != 0 && holder(kGuardByte) != guard; }));
+  EXPECT_NE(read_file("/proc/" + std::to_string(guard) + "/stat").find(") Z "), std::string::npos);
   EXPECT_EQ(holder(kTwinByte), twin);
   EXPECT_TRUE(becomes(is_over));
   expect_live(before_);
+  EXPECT_TRUE(becomes([] { return !has_guards(); }));
+  while (waitpid(-1, nullptr, WNOHANG) > 0) {
+  }
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+}
+
+/* ---- what a revert locks, and what an edit logs ---- */
+
+using TraceRevertTest = TryTest;
+
+/* As the library takes them: a template's byte first, then, while it is held, the access point's. */
+TEST_F(TraceRevertTest, ABinding_GoesBackUnderBothBytesInTheirOrder) {
+  make_store();
+  start_try_of("unbind ap_templates/2\nbind ap_templates/2 aps/2\n");
+  std::vector<std::string> steps;
+  trace(scctl({"revert"}), [&](const SystemCall& call) {
+    const LockCall lock = lock_call(call);
+    if (call.is_done || !lock.is_lock || lock.first < 2) return Fate{};
+    const bool is_template = call.file(0) == lock_file("ApTemplateList");
+    if (!is_template && call.file(0) != lock_file("ManageApList")) return Fate{};
+    const std::string whose = is_template ? "template" : "ap " + std::to_string(lock.first - 1);
+    if (lock.type == F_WRLCK) steps.push_back(whose + (lock.waits ? " waits" : ""));
+    if (lock.type == F_UNLCK) steps.push_back(whose + " free");
+    return Fate{};
+  });
+  /* Before, access points are read; behind it, they have nothing left to go back. */
+  steps.erase(steps.begin(), std::find(steps.begin(), steps.end(), "template"));
+  ASSERT_GE(steps.size(), 8u);
+  steps.resize(8);
+  EXPECT_EQ(steps, (std::vector<std::string>{"template", "ap 2", "ap 2 free", "template free",
+                                             "template", "ap 1", "ap 1 free", "template free"}));
+}
+
+TEST_F(TraceTryTest, AnEditKilledAtAnyCall_IsInTheLogIfItWasMade) {
+  const Words edit = scctl({"set", "lan_binds/1", "name=edited"});
+  const size_t calls = counted([&] { return calls_of(edit); });
+  for_each(calls, 4, [&](size_t n) {
+    make_again();
+    end_at(edit, n, Fate::kKills);
+    const bool is_made = !is_live(before_);
+    const bool is_logged = done({"log"}).find("set lan_binds/1 'name=edited'") != std::string::npos;
+    EXPECT_TRUE(is_logged || !is_made) << n;
+    if (is_logged) run_scctl({"undo"});
+    expect_live(before_, std::to_string(n));
+  });
 }
 
 }  // namespace

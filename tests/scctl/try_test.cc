@@ -256,6 +256,19 @@ TEST_F(TryTest, ConfirmBehindTheDeadline_IsTooLate) {
   EXPECT_TRUE(exists(kTryFile));
 }
 
+TEST_F(TryTest, ConfirmBehindTheDeadline_IsTooLateThoughTheGuardsWereStopped) {
+  const Images before = live();
+  start_try_of("add lan_binds/3 mac=00:11:22:33:44:55\n", 2);
+  const pid_t guards[] = {holder(kGuardByte), holder(kTwinByte)};
+  for (const pid_t guard : guards) kill(guard, SIGSTOP);
+  pause_ms(2100);
+  EXPECT_EQ(refusal({"confirm"}), "scctl: too late: the try is being taken back\n");
+  EXPECT_TRUE(exists(kTryFile));
+  for (const pid_t guard : guards) kill(guard, SIGCONT);
+  EXPECT_TRUE(becomes(is_over));
+  expect_live(before);
+}
+
 TEST_F(TryTest, Extended_ItLastsLonger) {
   const Images before = live();
   start_try_of("add lan_binds/3 mac=00:11:22:33:44:55\n", 2);
@@ -276,8 +289,8 @@ TEST_F(TryTest, AMarkerOfBeforeTheBoot_KeepsATryFromStarting) {
   write_file(kMarkerFile, marker);
   const Images before = live();
   EXPECT_EQ(refusal({"try", "batch", kBatch}),
-            "scctl: /var/dataconfig/try: a try of before the boot left it; scguard restore ends "
-            "that\n");
+            "scctl: /var/dataconfig/try is of a try before the last boot; scguard restore ends "
+            "it\n");
   expect_live(before);
   EXPECT_EQ(read_file(kMarkerFile), marker);
 }
