@@ -104,7 +104,7 @@ static int measure(int key, int seconds, int years, char** words) {
   set_clock(years);
   double begins = 0, is_back = 0;
   while (now() < deadline - 0.2) nanosleep(&(struct timespec){0, 100000000}, NULL);
-  while (now() < deadline + 30 && access("/var/systemconfig/scctl/try", F_OK) == 0) {
+  while (now() < deadline + 5 && access("/var/systemconfig/scctl/try", F_OK) == 0) {
     if (begins == 0 && memcmp(area.bytes, tried, area.size) != 0) begins = now();
     if (begins != 0 && is_back == 0 && memcmp(area.bytes, before, area.size) == 0) is_back = now();
     nanosleep(&pause, NULL);
