@@ -272,10 +272,7 @@ bool is_guarded(Role role) {
 void look_after_try() {
   if (access("/var/systemconfig/scctl/try", R_OK | W_OK) != 0 || !open_state(false)) return;
   Try running;
-  if (!running.open()) {
-    if (holder_of(Role::kActor) == 0) unlinkat(state_folder(), "try", 0); /* of another boot */
-    return;
-  }
+  if (!running.open()) return;
   /* What other programs change while a try of any program is made is part of the try. */
   if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
   if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;

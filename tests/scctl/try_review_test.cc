@@ -1,0 +1,84 @@
+/* A try beside programs that an event starts, a full memory, stopped processes, and a flash that
+ * takes nothing; and the log of a device that has run for long.
+ */
+#include <string.h>
+#include <sys/syscall.h>
+
+#include <set>
+#include <sstream>
+
+#include "scctl/lock_calls.h"
+#include "scctl/tries.h"
+#include "support/trace.h"
+
+namespace sc_test {
+namespace {
+
+constexpr char kState[] = "/var/systemconfig/scctl";
+
+class TraceTryEdgeTest : public TryTest {
+ protected:
+  void SetUp() override {
+    TryTest::SetUp();
+    make_store();
+    done({"save", "--all"});
+  }
+  static Words with_path(const std::string& folder, const Words& words) {
+    return joined(Words{"sh", "-c", "PATH=" + folder + ":$PATH; exec \"$@\"", "sh"}, scctl(words));
+  }
+  /* A try of a program: scctl with a batch, then something else. */
+  static Words try_program(const std::string& then) {
+    std::string line;
+    for (const std::string& word : scctl({"batch", kBatch})) line += word + " ";
+    return scctl({"try", "--timeout", "60", "--", "sh", "-c", line + "&& { " + then + "; }"});
+  }
+  /* The names in the folder of the state. */
+  static std::string state_files() {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(kState)) {
+      names.insert(entry.path().filename());
+    }
+    std::string text;
+    for (const std::string& name : names) text += name + " ";
+    return text;
+  }
+};
+
+/* A file system over a folder. */
+class MountedOver {
+ public:
+  MountedOver(const char* folder, const char* options, unsigned long flags = 0) : folder_(folder) {
+    EXPECT_EQ(mount("tmpfs", folder, "tmpfs", flags, options), 0);
+  }
+  ~MountedOver() { EXPECT_EQ(umount2(folder_, MNT_DETACH), 0); }
+  MountedOver(const MountedOver&) = delete;
+  MountedOver& operator=(const MountedOver&) = delete;
+
+ private:
+  const char* folder_;
+};
+
+/* The last try has ended when a call looks for it, and the next one has begun when it looks again. */
+TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
+  start_try_of("set lan_binds/1 name=tried\n");
+  const pid_t guards[] = {holder(kGuardByte), holder(kTwinByte)};
+  size_t hidden = 0;
+  trace(scctl({"tables"}), [&](const SystemCall& call) {
+    if (call.call != SYS_openat || call.text(1) != "try") return Fate{};
+    if (!call.is_done) {
+      ++hidden;
+      for (const pid_t guard : guards) kill(guard, SIGSTOP);
+      EXPECT_EQ(rename(kTryFile, "/var/hidden"), 0);
+    } else {
+      EXPECT_EQ(rename("/var/hidden", kTryFile), 0);
+      for (const pid_t guard : guards) kill(guard, SIGCONT);
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(hidden, 1u);
+  EXPECT_FALSE(is_over());
+  EXPECT_EQ(run_scctl({"try", "--status"}).status, 0);
+}
+
+}  // namespace
+}  // namespace sc_test
