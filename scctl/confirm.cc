@@ -80,14 +80,12 @@ int commit_without_saves(Try& running, int n) {
 }
 
 int save_and_commit(Call& call, Try& running, uint32_t areas) {
-  {
+  for (const Area& area : kAreas) {
+    if ((areas & bit(id_of(area))) == 0) continue;
     const OwnSaves own;
     if (!own) return fail_confirm(running, fail(kRefused, "not confirmed: a save does not end"));
-    for (const Area& area : kAreas) {
-      if ((areas & bit(id_of(area))) == 0) continue;
-      if (const int status = save_area(call, id_of(area)); status != kOk) {
-        return fail_confirm(running, status);
-      }
+    if (const int status = save_area(call, id_of(area)); status != kOk) {
+      return fail_confirm(running, status);
     }
   }
   return commit_without_saves(running, 0);

@@ -107,8 +107,11 @@ OwnSaves::OwnSaves() {
   }
 }
 
+/* A program that an event command has started may have inherited the descriptor, and go on. */
 OwnSaves::~OwnSaves() {
-  if (file_ >= 0) close(file_);
+  if (file_ < 0) return;
+  flock(file_, LOCK_UN);
+  close(file_);
 }
 
 bool is_marked() {

@@ -58,6 +58,25 @@ class MountedOver {
   const char* folder_;
 };
 
+/* ---- programs that go on ---- */
+
+TEST_F(TraceTryEdgeTest, AProgramThatAnEventLeavesRunning_HoldsUpNoConfirm) {
+  std::filesystem::create_directory("/var/own");
+  write_file("/var/own/change_event",
+             "#!/bin/sh\nsleep 60 </dev/null >/dev/null 2>&1 &\necho $! >>/var/left\n");
+  std::filesystem::permissions("/var/own/change_event", std::filesystem::perms::owner_all);
+  for (const char* name : {"tried", "again"}) {
+    start_try_of(std::string("set lan_binds/1 name=") + name + "\n");
+    const auto begin = Clock::now();
+    const Outcome outcome = run(with_path("/var/own", {"confirm"}));
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    EXPECT_LT(ms_since(begin), 8000);
+  }
+  std::istringstream left(read_file("/var/left"));
+  for (pid_t pid; left >> pid;) EXPECT_EQ(kill(pid, SIGKILL), 0);
+  std::filesystem::remove_all("/var/own");
+}
+
 /* The last try has ended when a call looks for it, and the next one has begun when it looks again. */
 TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   start_try_of("set lan_binds/1 name=tried\n");
