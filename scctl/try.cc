@@ -168,7 +168,7 @@ int make_by_program(Call& call, Try& running) {
   Source now;
   now.open_live();
   Changes changes;
-  add_differences(now, running, &changes);
+  if (!add_differences(now, running, &changes)) return fail_state();
   running.header.is_command = 0;
   if (!running.write()) return fail_state();
   remove_copies();

@@ -123,10 +123,11 @@ bool is_marked();
  * so. */
 void look_after_try();
 
-/* Saves the areas as they are before a program changes them; adds to the try what it changed. */
+/* Saves the areas as they are before a program changes them; adds to the try what it changed. False
+ * when not all of it was written. */
 bool copy_areas(Source& live);
 void remove_copies();
-void add_differences(Source& live, const Try& running, Changes* changes);
+bool add_differences(Source& live, const Try& running, Changes* changes);
 
 }  // namespace scctl
 

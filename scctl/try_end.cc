@@ -62,6 +62,7 @@ void close_try(const Try& running, const char* how, const Text& report) {
   add_time(time(nullptr), false, &ended);
   ended.print("  %s\n%s", text.c_str(), report.c_str());
   replace_state_file("ended", ended.c_str(), ended.size());
+  remove_copies();
   unlinkat(state_folder(), "try", 0);
 }
 
@@ -228,11 +229,10 @@ Ended revert(Try& running, const char* why, Text* report) {
   live.open_live();
   Changes changes;
   running.read_changes(live, &changes);
-  if (running.header.is_command != 0) {
-    add_differences(live, running, &changes);
+  /* Without room in the journal, the copies serve until the end. */
+  if (running.header.is_command != 0 && add_differences(live, running, &changes)) {
     running.header.is_command = 0;
     running.write();
-    remove_copies();
   }
   if (take_back_live(live, changes, report) == Ended::kNotYet) return Ended::kNotYet;
   if (clear_flash(running, report) == Ended::kNotYet) return Ended::kNotYet;

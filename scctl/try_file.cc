@@ -212,8 +212,9 @@ void remove_copies() {
 
 namespace {
 
-void add_differences(const Table& table, Source& live, const uint8_t* before, const Try& running,
+bool add_differences(const Table& table, Source& live, const uint8_t* before, const Try& running,
                      Changes* changes) {
+  bool written = true;
   Reader reader(live, table);
   Buffer copy(table.stride);
   const uint8_t* block = live.block(table.area);
@@ -228,14 +229,16 @@ void add_differences(const Table& table, Source& live, const uint8_t* before, co
     if (was_used == used && differing.empty()) continue;
     const Step step = {table,    position, was, now, was_used && used ? differing.bytes() : nullptr,
                        was_used, used};
-    running.append(step);
+    written = running.append(step) && written;
     changes->add(step);
   }
+  return written;
 }
 
 }  // namespace
 
-void add_differences(Source& live, const Try& running, Changes* changes) {
+bool add_differences(Source& live, const Try& running, Changes* changes) {
+  bool written = true;
   for (const Area& area : kAreas) {
     const AreaId id = id_of(area);
     Source before;
@@ -245,10 +248,11 @@ void add_differences(Source& live, const Try& running, Changes* changes) {
     close(file);
     for (const Table& table : kTables) {
       if (is_read && table.area == id) {
-        add_differences(table, live, before.block(id), running, changes);
+        written = add_differences(table, live, before.block(id), running, changes) && written;
       }
     }
   }
+  return written;
 }
 
 }  // namespace scctl

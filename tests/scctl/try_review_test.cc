@@ -77,6 +77,45 @@ TEST_F(TraceTryEdgeTest, AProgramThatAnEventLeavesRunning_HoldsUpNoConfirm) {
   std::filesystem::remove_all("/var/own");
 }
 
+/* ---- a full memory ---- */
+
+TEST_F(TraceTryEdgeTest, ChangesOfAProgramWithoutRoomForThem_AreTakenBack) {
+  std::string commands;
+  for (int n = 3; n < 30; ++n) {
+    const std::string id = std::to_string(n), mac = std::to_string(n + 10);
+    commands += "add lan_binds/" + id + " mac=00:11:22:33:44:" + mac + " ip=10.0.1." + id +
+                " name=the_name_of_number_" + id + "\n";
+    commands +=
+        "add ip_filter/" + std::to_string(n + 3) + " leading_text=the_text_of_number_" + id + "\n";
+  }
+  write_file(kBatch, commands);
+  const Images before = live();
+  {
+    const MountedOver small("/var/systemconfig", "size=8m");
+    const Outcome outcome =
+        run(try_program("cat /dev/zero >/var/systemconfig/filler 2>/var/no_room; true"));
+    EXPECT_EQ(outcome.status, 3) << outcome;
+    EXPECT_NE(outcome.err.find("scctl: /var/systemconfig/scctl: No space left on device\n"
+                               "scctl: the try failed, and is taken back\n"),
+              std::string::npos)
+        << outcome;
+    EXPECT_NE(read_file("/var/no_room").find("No space left"), std::string::npos);
+    expect_live(before);
+    EXPECT_TRUE(is_over());
+    EXPECT_FALSE(exists(kMarkerFile));
+    EXPECT_TRUE(becomes([] { return !has_guards(); }));
+  }
+}
+
+TEST_F(TraceTryEdgeTest, CopiesOfAreasThatDoNotFit_AreRemoved) {
+  const MountedOver small("/var/systemconfig", "size=48k");
+  const Outcome outcome = run(scctl({"try", "--", "true"}));
+  EXPECT_EQ(outcome.status, 3) << outcome;
+  EXPECT_NE(outcome.err.find("No space left on device"), std::string::npos) << outcome;
+  EXPECT_EQ(state_files().find("before_"), std::string::npos) << state_files();
+  EXPECT_TRUE(becomes([] { return !has_guards(); }));
+}
+
 /* The last try has ended when a call looks for it, and the next one has begun when it looks again. */
 TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   start_try_of("set lan_binds/1 name=tried\n");
