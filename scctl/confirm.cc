@@ -49,7 +49,8 @@ int refuse_without_marker() {
               kArchiveFolder, kMarkerName);
 }
 
-/* The removal of the marker is what confirms. */
+/* The removal of the marker is what confirms. Nobody may save before the copies are renewed: a save
+ * that is cut off would bring an old copy back. */
 int commit(Try& running) {
   for (const Area& area : kAreas) {
     if ((running.header.marked & bit(id_of(area))) == 0) continue;
@@ -60,14 +61,19 @@ int commit(Try& running) {
     return fail_confirm(running,
                         fail(kRefused, "not confirmed: %s: %s", archive_path(area).text, fault));
   }
-  const ArchiveFolder folder;
-  Marker marker;
-  if (folder && running.header.marked != 0 &&
-      read_marker(folder.descriptor(), &marker) != MarkerState::kThere) {
-    return fail_confirm(running, refuse_without_marker());
+  {
+    const ArchiveFolder folder;
+    Marker marker;
+    if (folder && running.header.marked != 0 &&
+        read_marker(folder.descriptor(), &marker) != MarkerState::kThere) {
+      return fail_confirm(running, refuse_without_marker());
+    }
+    if (!folder || !remove_marker(folder.descriptor())) {
+      return fail_confirm(running, fail_flash("not confirmed: the marker is not removed"));
+    }
   }
-  if (folder && remove_marker(folder.descriptor())) return kOk;
-  return fail_confirm(running, fail_flash("not confirmed: the marker is not removed"));
+  finish_confirmed(running);
+  return kOk;
 }
 
 /* Keeps others from saving the areas from n on, and commits. */
@@ -113,9 +119,7 @@ int confirm(Call& call, Try& running) {
     tell("these changes are not part of the try, and are saved, too");
   }
   if (!running.set_phase(Phase::kConfirming)) return fail_state();
-  if (const int status = save_and_commit(call, running, areas); status != kOk) return status;
-  finish_confirmed(running);
-  return kOk;
+  return save_and_commit(call, running, areas);
 }
 
 }  // namespace

@@ -116,6 +116,28 @@ TEST_F(TraceTryEdgeTest, CopiesOfAreasThatDoNotFit_AreRemoved) {
   EXPECT_TRUE(becomes([] { return !has_guards(); }));
 }
 
+/* ---- the commit ---- */
+
+TEST_F(TraceTryEdgeTest, UntilTheCopiesAreRenewed_NobodyCanSave) {
+  write_batch();
+  start_try();
+  size_t renewed = 0;
+  trace(scctl({"confirm"}), [&](const SystemCall& call) {
+    const bool renews = !call.is_done && call.call == SYS_renameat &&
+                        call.text(3).find(".good") != std::string::npos;
+    if (!renews) return Fate{};
+    ++renewed;
+    EXPECT_FALSE(exists(kMarkerFile));
+    for (const std::string& name : tried_areas()) {
+      if (name == "ApUserList") continue; /* is never saved */
+      EXPECT_TRUE(is_locked(lock_file(name), 1)) << name << " at " << call.text(3);
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(renewed, tried_areas().size() - 1);
+  EXPECT_TRUE(is_over());
+}
+
 /* The last try has ended when a call looks for it, and the next one has begun when it looks again. */
 TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   start_try_of("set lan_binds/1 name=tried\n");
