@@ -201,7 +201,7 @@ int become_actor() {
     return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
-  for (int n = 0; holder_of(Role::kGuard) != 0 || holder_of(Role::kTwin) != 0; ++n) {
+  for (int n = 0; guard_of(Role::kGuard) != 0 || guard_of(Role::kTwin) != 0; ++n) {
     if (n == kActorTries) return fail(kRefused, "the guards of the last try do not end");
     pause_ms(1);
   }

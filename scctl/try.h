@@ -82,9 +82,8 @@ int fail_flash(const char* what);
 /* try --status. */
 int run_status(Call& call);
 
-/* The program that holds a role has been stopped. */
-bool is_stopped(pid_t pid);
-
+/* The guard that holds a role; 0: none. One that was stopped guards nothing: it is killed. */
+pid_t guard_of(Role role);
 /* Starts a guard of the try that runs, as a process of its own. */
 void start_guard(Role role);
 /* Starts both and waits until they are there. */

@@ -261,24 +261,13 @@ void finish_confirmed(Try& running) {
 
 /* ---- when the guards are gone ---- */
 
-namespace {
-
-/* A guard that was stopped guards nothing. */
-bool is_guarded(Role role) {
-  const pid_t guard = holder_of(role);
-  if (guard > 0 && is_stopped(guard)) kill(guard, SIGKILL);
-  return guard != 0 && !is_stopped(guard);
-}
-
-}  // namespace
-
 void look_after_try() {
   if (access("/var/systemconfig/scctl/try", R_OK | W_OK) != 0 || !open_state(false)) return;
   Try running;
   if (!running.open()) return;
   /* What other programs change while a try of any program is made is part of the try. */
   if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
-  if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
+  if (guard_of(Role::kGuard) != 0 || guard_of(Role::kTwin) != 0) return;
   if (!take_role(Role::kActor, 1)) return; /* it is being made or ended */
   Text report;
   const bool is_there = running.open();

@@ -138,6 +138,30 @@ TEST_F(TraceTryEdgeTest, UntilTheCopiesAreRenewed_NobodyCanSave) {
   EXPECT_TRUE(is_over());
 }
 
+/* ---- guards ---- */
+
+TEST_F(TraceTryEdgeTest, AGuardOfTheLastTryThatWasStopped_DoesNotKeepTheNextOneFromStarting) {
+  start_try_of("set lan_binds/1 name=tried\n");
+  revert();
+  ASSERT_TRUE(becomes([] { return !has_guards(); }));
+  Child stopped([] {
+    const int file = open(kStateLocks, O_RDWR | O_CLOEXEC);
+    struct flock byte = {};
+    byte.l_type = F_WRLCK;
+    byte.l_whence = SEEK_SET;
+    byte.l_start = kTwinByte;
+    byte.l_len = 1;
+    if (fcntl(file, F_SETLK, &byte) != 0) _exit(1);
+    raise(SIGSTOP);
+    _exit(2);
+  });
+  ASSERT_TRUE(becomes([&] { return holder(kTwinByte) == stopped.pid(); }));
+  pause_ms(100);
+  start_try_of("set lan_binds/1 name=tried\n");
+  EXPECT_TRUE(becomes([&] { return stopped.ended(); }));
+  EXPECT_TRUE(becomes([] { return holder(kGuardByte) != 0 && holder(kTwinByte) != 0; }));
+}
+
 /* The last try has ended when a call looks for it, and the next one has begun when it looks again. */
 TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   start_try_of("set lan_binds/1 name=tried\n");
