@@ -134,7 +134,7 @@ class Entry {
     for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
       if (is_kept(*chunk)) size += chunk->size;
     }
-    uint32_t oldest = 1; /* that is kept */
+    uint32_t oldest = chunk_at(log, 0)->entry; /* that is kept */
     for (; size > kMostLog && oldest < number_; ++oldest) size -= size_of_entry(log, oldest);
     Text kept;
     at = 0;

@@ -184,5 +184,37 @@ TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   EXPECT_EQ(run_scctl({"try", "--status"}).status, 0);
 }
 
+/* ---- the log ---- */
+
+TEST_F(TraceTryEdgeTest, AfterMillionsOfEdits_TheNextOneIsLoggedAsFast) {
+  constexpr uint32_t kEdits = 40'000'000;
+  constexpr size_t kMostLog = 64 * 1024, kSizeAt = 4, kEntryAt = 8;
+  const std::string file = std::string(kState) + "/log";
+  unlink(file.c_str());
+  done({"set", "lan_binds/1", "name=edited"});
+  const std::string entry = read_file(file);
+  std::string log;
+  for (uint32_t number = kEdits; log.size() + entry.size() <= kMostLog; ++number) {
+    const size_t start = log.size();
+    log += entry;
+    for (size_t at = start; at < log.size();) {
+      uint32_t size;
+      memcpy(&size, log.data() + at + kSizeAt, sizeof size);
+      memcpy(log.data() + at + kEntryAt, &number, sizeof number);
+      at += size;
+    }
+  }
+  const uint32_t last = kEdits + static_cast<uint32_t>(log.size() / entry.size()) - 1;
+  write_file(file, log);
+  const auto begin = Clock::now();
+  done({"set", "lan_binds/1", "name=again"});
+  EXPECT_LT(ms_since(begin), 5000);
+  const std::string shown = done({"log"});
+  EXPECT_EQ(shown.find(std::to_string(last + 1) + "  "), 0u) << shown.substr(0, 200);
+  EXPECT_LE(read_file(file).size(), kMostLog);
+  EXPECT_GT(read_file(file).size(), kMostLog - 2 * entry.size());
+  EXPECT_EQ(shown.find("\n" + std::to_string(kEdits) + "  "), std::string::npos);
+}
+
 }  // namespace
 }  // namespace sc_test
