@@ -184,6 +184,17 @@ TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   EXPECT_EQ(run_scctl({"try", "--status"}).status, 0);
 }
 
+/* ---- messages ---- */
+
+TEST_F(TraceTryEdgeTest, WithoutAMarker_NoArchiveIsSaidToHoldWhatWasTried) {
+  const MountedOver read_only("/var/dataconfig", "", MS_RDONLY);
+  write_file(kBatch, "set lan_binds/1 name=tried\n");
+  const Outcome outcome = run(scctl({"try", "batch", kBatch}));
+  EXPECT_EQ(outcome.status, 3) << outcome;
+  EXPECT_NE(outcome.err.find("the try failed, and is taken back\n"), std::string::npos) << outcome;
+  EXPECT_EQ(outcome.err.find("an archive holds"), std::string::npos) << outcome;
+}
+
 /* ---- the log ---- */
 
 TEST_F(TraceTryEdgeTest, AfterMillionsOfEdits_TheNextOneIsLoggedAsFast) {
