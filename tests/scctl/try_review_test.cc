@@ -195,6 +195,25 @@ TEST_F(TraceTryEdgeTest, WithoutAMarker_NoArchiveIsSaidToHoldWhatWasTried) {
   EXPECT_EQ(outcome.err.find("an archive holds"), std::string::npos) << outcome;
 }
 
+TEST_F(TraceTryEdgeTest, WhileAProgramRuns_StatusSaysThatAllOfItCounts) {
+  constexpr char kSays[] = "\nwhatever changes while the program runs is part of it\n";
+  write_file(kBatch, "set lan_binds/1 name=tried\n");
+  const Child caller([] {
+    const Words words = try_program("touch /var/runs; while [ -e /var/runs ]; do sleep 0.1; done");
+    std::vector<char*> arguments;
+    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+  });
+  ASSERT_TRUE(becomes([] { return exists("/var/runs"); }));
+  EXPECT_NE(done({"try", "--status"}).find(kSays), std::string::npos);
+  unlink("/var/runs");
+  EXPECT_TRUE(becomes([] { return holder(kActorByte) == 0; }));
+  const std::string made = done({"try", "--status"});
+  EXPECT_EQ(made.find(kSays), std::string::npos) << made;
+  EXPECT_NE(made.find("lan_binds/1.name: one -> tried\n"), std::string::npos) << made;
+}
+
 /* ---- the log ---- */
 
 TEST_F(TraceTryEdgeTest, AfterMillionsOfEdits_TheNextOneIsLoggedAsFast) {
