@@ -34,6 +34,20 @@ void close_all() {
   for (int n = 0; n <= STDERR_FILENO; ++n) dup2(nowhere, n);
 }
 
+/* The process has been stopped. */
+bool is_stopped(pid_t pid) {
+  char path[32], text[256];
+  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  const ssize_t size = read(file, text, sizeof text - 1);
+  close(file);
+  if (size <= 0) return false;
+  text[size] = '\0';
+  const char* state = strrchr(text, ')'); /* the program's name may hold anything */
+  return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
+}
+
 /* What may be done for the try now. */
 enum class Duty : uint8_t { kNothing, kGiveBack, kFinish, kRevert };
 
@@ -106,7 +120,8 @@ void watch(Role twin) {
   g_journal = nullptr;
   g_where = nullptr;
   Try first;
-  if (!open_state(false) || !take_role(role, 1) || !first.open()) _exit(0);
+  /* One that was killed may still hold the byte. */
+  if (!open_state(false) || !take_role(role, kStepMs) || !first.open()) _exit(0);
   /* The caller starts both: the twin may be on its way. */
   for (uint32_t n = 0; n < kStepMs && holder_of(twin_of(role)) == 0; ++n) pause_ms(1);
   while (true) {
@@ -114,7 +129,7 @@ void watch(Role twin) {
     if (!running.open() || !running.is_same(first)) _exit(0);
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
-    watch(twin_of(role));
+    if (guard_of(twin_of(role)) == 0) start_guard(twin_of(role));
     if (act(running)) _exit(0);
     const bool is_busy = running.is_over() || running.header.phase == Phase::kReverting;
     const uint64_t left = running.header.deadline_ms - boot_ms();
@@ -124,17 +139,9 @@ void watch(Role twin) {
 
 }  // namespace
 
-bool is_stopped(pid_t pid) {
-  char path[32], text[256];
-  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-  const int file = open(path, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return false;
-  const ssize_t size = read(file, text, sizeof text - 1);
-  close(file);
-  if (size <= 0) return false;
-  text[size] = '\0';
-  const char* state = strrchr(text, ')'); /* the program's name may hold anything */
-  return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
+pid_t guard_of(Role role) {
+  const pid_t guard = holder_of(role);
+  return guard > 0 && is_stopped(guard) && kill(guard, SIGKILL) == 0 ? 0 : guard;
 }
 
 bool is_guarded(Role role) {

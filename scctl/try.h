@@ -124,7 +124,8 @@ bool is_marked();
  * so. */
 void look_after_try();
 
-/* Saves the areas as they are before a program changes them; adds to the try what it changed. */
+/* Saves the areas as they are before a program changes them; adds to the try what it changed. False
+ * when not all of it was written. */
 bool copy_areas(Source& live);
 void remove_copies();
 bool add_differences(Source& live, const Try& running, Changes* changes);

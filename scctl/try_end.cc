@@ -167,7 +167,7 @@ Ended clear_flash(const Try& running, Text* report) {
   }
   if (!failed && is_marked()) {
     const ArchiveFolder folder;
-    failed = !folder || !remove_marker(folder.descriptor());
+    failed = (!folder || !remove_marker(folder.descriptor())) && is_marked();
   }
   if (failed) {
     report->add("an archive holds what was tried; scguard restore puts back what it held\n");

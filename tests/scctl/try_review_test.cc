@@ -1,0 +1,250 @@
+/* A try beside programs that an event starts, a full memory, stopped processes, and a flash that
+ * takes nothing; and the log of a device that has run for long.
+ */
+#include <string.h>
+#include <sys/syscall.h>
+
+#include <set>
+#include <sstream>
+
+#include "scctl/lock_calls.h"
+#include "scctl/tries.h"
+#include "support/trace.h"
+
+namespace sc_test {
+namespace {
+
+constexpr char kState[] = "/var/systemconfig/scctl";
+
+class TraceTryEdgeTest : public TryTest {
+ protected:
+  void SetUp() override {
+    TryTest::SetUp();
+    make_store();
+    done({"save", "--all"});
+  }
+  static Words with_path(const std::string& folder, const Words& words) {
+    return joined(Words{"sh", "-c", "PATH=" + folder + ":$PATH; exec \"$@\"", "sh"}, scctl(words));
+  }
+  /* A try of a program: scctl with a batch, then something else. */
+  static Words try_program(const std::string& then) {
+    std::string line;
+    for (const std::string& word : scctl({"batch", kBatch})) line += word + " ";
+    return scctl({"try", "--timeout", "60", "--", "sh", "-c", line + "&& { " + then + "; }"});
+  }
+  /* The names in the folder of the state. */
+  static std::string state_files() {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(kState)) {
+      names.insert(entry.path().filename());
+    }
+    std::string text;
+    for (const std::string& name : names) text += name + " ";
+    return text;
+  }
+};
+
+/* A file system over a folder. */
+class MountedOver {
+ public:
+  MountedOver(const char* folder, const char* options, unsigned long flags = 0) : folder_(folder) {
+    EXPECT_EQ(mount("tmpfs", folder, "tmpfs", flags, options), 0);
+  }
+  ~MountedOver() { EXPECT_EQ(umount2(folder_, MNT_DETACH), 0); }
+  MountedOver(const MountedOver&) = delete;
+  MountedOver& operator=(const MountedOver&) = delete;
+
+ private:
+  const char* folder_;
+};
+
+/* ---- programs that go on ---- */
+
+TEST_F(TraceTryEdgeTest, AProgramThatAnEventLeavesRunning_HoldsUpNoConfirm) {
+  std::filesystem::create_directory("/var/own");
+  write_file("/var/own/change_event",
+             "#!/bin/sh\nsleep 60 </dev/null >/dev/null 2>&1 &\necho $! >>/var/left\n");
+  std::filesystem::permissions("/var/own/change_event", std::filesystem::perms::owner_all);
+  for (const char* name : {"tried", "again"}) {
+    start_try_of(std::string("set lan_binds/1 name=") + name + "\n");
+    const auto begin = Clock::now();
+    const Outcome outcome = run(with_path("/var/own", {"confirm"}));
+    EXPECT_EQ(outcome.status, 0) << outcome;
+    EXPECT_LT(ms_since(begin), 8000);
+  }
+  std::istringstream left(read_file("/var/left"));
+  for (pid_t pid; left >> pid;) EXPECT_EQ(kill(pid, SIGKILL), 0);
+  std::filesystem::remove_all("/var/own");
+}
+
+/* ---- a full memory ---- */
+
+TEST_F(TraceTryEdgeTest, ChangesOfAProgramWithoutRoomForThem_AreTakenBack) {
+  std::string commands;
+  for (int n = 3; n < 30; ++n) {
+    const std::string id = std::to_string(n), mac = std::to_string(n + 10);
+    commands += "add lan_binds/" + id + " mac=00:11:22:33:44:" + mac + " ip=10.0.1." + id +
+                " name=the_name_of_number_" + id + "\n";
+    commands +=
+        "add ip_filter/" + std::to_string(n + 3) + " leading_text=the_text_of_number_" + id + "\n";
+  }
+  write_file(kBatch, commands);
+  const Images before = live();
+  {
+    const MountedOver small("/var/systemconfig", "size=8m");
+    const Outcome outcome =
+        run(try_program("cat /dev/zero >/var/systemconfig/filler 2>/var/no_room; true"));
+    EXPECT_EQ(outcome.status, 3) << outcome;
+    EXPECT_NE(outcome.err.find("scctl: /var/systemconfig/scctl: No space left on device\n"
+                               "scctl: the try failed, and is taken back\n"),
+              std::string::npos)
+        << outcome;
+    EXPECT_NE(read_file("/var/no_room").find("No space left"), std::string::npos);
+    expect_live(before);
+    EXPECT_TRUE(is_over());
+    EXPECT_FALSE(exists(kMarkerFile));
+    EXPECT_TRUE(becomes([] { return !has_guards(); }));
+  }
+}
+
+TEST_F(TraceTryEdgeTest, CopiesOfAreasThatDoNotFit_AreRemoved) {
+  const MountedOver small("/var/systemconfig", "size=48k");
+  const Outcome outcome = run(scctl({"try", "--", "true"}));
+  EXPECT_EQ(outcome.status, 3) << outcome;
+  EXPECT_NE(outcome.err.find("No space left on device"), std::string::npos) << outcome;
+  EXPECT_EQ(state_files().find("before_"), std::string::npos) << state_files();
+  EXPECT_TRUE(becomes([] { return !has_guards(); }));
+}
+
+/* ---- the commit ---- */
+
+TEST_F(TraceTryEdgeTest, UntilTheCopiesAreRenewed_NobodyCanSave) {
+  write_batch();
+  start_try();
+  size_t renewed = 0;
+  trace(scctl({"confirm"}), [&](const SystemCall& call) {
+    const bool renews = !call.is_done && call.call == SYS_renameat &&
+                        call.text(3).find(".good") != std::string::npos;
+    if (!renews) return Fate{};
+    ++renewed;
+    EXPECT_FALSE(exists(kMarkerFile));
+    for (const std::string& name : tried_areas()) {
+      if (name == "ApUserList") continue; /* is never saved */
+      EXPECT_TRUE(is_locked(lock_file(name), 1)) << name << " at " << call.text(3);
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(renewed, tried_areas().size() - 1);
+  EXPECT_TRUE(is_over());
+}
+
+/* ---- guards ---- */
+
+TEST_F(TraceTryEdgeTest, AGuardOfTheLastTryThatWasStopped_DoesNotKeepTheNextOneFromStarting) {
+  start_try_of("set lan_binds/1 name=tried\n");
+  revert();
+  ASSERT_TRUE(becomes([] { return !has_guards(); }));
+  Child stopped([] {
+    const int file = open(kStateLocks, O_RDWR | O_CLOEXEC);
+    struct flock byte = {};
+    byte.l_type = F_WRLCK;
+    byte.l_whence = SEEK_SET;
+    byte.l_start = kTwinByte;
+    byte.l_len = 1;
+    if (fcntl(file, F_SETLK, &byte) != 0) _exit(1);
+    raise(SIGSTOP);
+    _exit(2);
+  });
+  ASSERT_TRUE(becomes([&] { return holder(kTwinByte) == stopped.pid(); }));
+  pause_ms(100);
+  start_try_of("set lan_binds/1 name=tried\n");
+  EXPECT_TRUE(becomes([&] { return stopped.ended(); }));
+  EXPECT_TRUE(becomes([] { return holder(kGuardByte) != 0 && holder(kTwinByte) != 0; }));
+}
+
+/* The last try has ended when a call looks for it, and the next one has begun when it looks again. */
+TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
+  start_try_of("set lan_binds/1 name=tried\n");
+  const pid_t guards[] = {holder(kGuardByte), holder(kTwinByte)};
+  size_t hidden = 0;
+  trace(scctl({"tables"}), [&](const SystemCall& call) {
+    if (call.call != SYS_openat || call.text(1) != "try") return Fate{};
+    if (!call.is_done) {
+      ++hidden;
+      for (const pid_t guard : guards) kill(guard, SIGSTOP);
+      EXPECT_EQ(rename(kTryFile, "/var/hidden"), 0);
+    } else {
+      EXPECT_EQ(rename("/var/hidden", kTryFile), 0);
+      for (const pid_t guard : guards) kill(guard, SIGCONT);
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(hidden, 1u);
+  EXPECT_FALSE(is_over());
+  EXPECT_EQ(run_scctl({"try", "--status"}).status, 0);
+}
+
+/* ---- messages ---- */
+
+TEST_F(TraceTryEdgeTest, WithoutAMarker_NoArchiveIsSaidToHoldWhatWasTried) {
+  const MountedOver read_only("/var/dataconfig", "", MS_RDONLY);
+  write_file(kBatch, "set lan_binds/1 name=tried\n");
+  const Outcome outcome = run(scctl({"try", "batch", kBatch}));
+  EXPECT_EQ(outcome.status, 3) << outcome;
+  EXPECT_NE(outcome.err.find("the try failed, and is taken back\n"), std::string::npos) << outcome;
+  EXPECT_EQ(outcome.err.find("an archive holds"), std::string::npos) << outcome;
+}
+
+TEST_F(TraceTryEdgeTest, WhileAProgramRuns_StatusSaysThatAllOfItCounts) {
+  constexpr char kSays[] = "\nwhatever changes while the program runs is part of it\n";
+  write_file(kBatch, "set lan_binds/1 name=tried\n");
+  const Child caller([] {
+    const Words words = try_program("touch /var/runs; while [ -e /var/runs ]; do sleep 0.1; done");
+    std::vector<char*> arguments;
+    for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+  });
+  ASSERT_TRUE(becomes([] { return exists("/var/runs"); }));
+  EXPECT_NE(done({"try", "--status"}).find(kSays), std::string::npos);
+  unlink("/var/runs");
+  EXPECT_TRUE(becomes([] { return holder(kActorByte) == 0; }));
+  const std::string made = done({"try", "--status"});
+  EXPECT_EQ(made.find(kSays), std::string::npos) << made;
+  EXPECT_NE(made.find("lan_binds/1.name: one -> tried\n"), std::string::npos) << made;
+}
+
+/* ---- the log ---- */
+
+TEST_F(TraceTryEdgeTest, AfterMillionsOfEdits_TheNextOneIsLoggedAsFast) {
+  constexpr uint32_t kEdits = 40'000'000;
+  constexpr size_t kMostLog = 64 * 1024, kSizeAt = 4, kEntryAt = 8;
+  const std::string file = std::string(kState) + "/log";
+  unlink(file.c_str());
+  done({"set", "lan_binds/1", "name=edited"});
+  const std::string entry = read_file(file);
+  std::string log;
+  for (uint32_t number = kEdits; log.size() + entry.size() <= kMostLog; ++number) {
+    const size_t start = log.size();
+    log += entry;
+    for (size_t at = start; at < log.size();) {
+      uint32_t size;
+      memcpy(&size, log.data() + at + kSizeAt, sizeof size);
+      memcpy(log.data() + at + kEntryAt, &number, sizeof number);
+      at += size;
+    }
+  }
+  const uint32_t last = kEdits + static_cast<uint32_t>(log.size() / entry.size()) - 1;
+  write_file(file, log);
+  const auto begin = Clock::now();
+  done({"set", "lan_binds/1", "name=again"});
+  EXPECT_LT(ms_since(begin), 5000);
+  const std::string shown = done({"log"});
+  EXPECT_EQ(shown.find(std::to_string(last + 1) + "  "), 0u) << shown.substr(0, 200);
+  EXPECT_LE(read_file(file).size(), kMostLog);
+  EXPECT_GT(read_file(file).size(), kMostLog - 2 * entry.size());
+  EXPECT_EQ(shown.find("\n" + std::to_string(kEdits) + "  "), std::string::npos);
+}
+
+}  // namespace
+}  // namespace sc_test
