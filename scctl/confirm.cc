@@ -49,8 +49,7 @@ int refuse_without_marker() {
               kArchiveFolder, kMarkerName);
 }
 
-/* The removal of the marker is what confirms. Nobody may save before the copies are renewed: a save
- * that is cut off would bring an old copy back. */
+/* The removal of the marker is what confirms. */
 int commit(Try& running) {
   for (const Area& area : kAreas) {
     if ((running.header.marked & bit(id_of(area))) == 0) continue;
@@ -87,8 +86,7 @@ int commit_without_saves(Try& running, int n) {
 }
 
 int save_and_commit(Call& call, Try& running, uint32_t areas) {
-  for (const Area& area : kAreas) {
-    if ((areas & bit(id_of(area))) == 0) continue;
+  {
     const OwnSaves own;
     for (const Area& area : kAreas) {
       if ((areas & bit(id_of(area))) == 0) continue;

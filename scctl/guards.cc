@@ -34,20 +34,6 @@ void close_all() {
   for (int n = 0; n <= STDERR_FILENO; ++n) dup2(nowhere, n);
 }
 
-/* The process has been stopped. */
-bool is_stopped(pid_t pid) {
-  char path[32], text[256];
-  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-  const int file = open(path, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return false;
-  const ssize_t size = read(file, text, sizeof text - 1);
-  close(file);
-  if (size <= 0) return false;
-  text[size] = '\0';
-  const char* state = strrchr(text, ')'); /* the program's name may hold anything */
-  return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
-}
-
 /* What may be done for the try now. */
 enum class Duty : uint8_t { kNothing, kGiveBack, kFinish, kRevert };
 
@@ -104,7 +90,7 @@ bool act(Try& running) {
 }
 
 void watch(Role twin) {
-  if (!is_guarded(twin) && holder_of(twin) == 0) start_guard(twin);
+  if (!is_guarded(twin)) start_guard(twin);
 }
 
 [[noreturn]] void run_guard(Role role) {
@@ -129,7 +115,7 @@ void watch(Role twin) {
     if (!running.open() || !running.is_same(first)) _exit(0);
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
-    if (guard_of(twin_of(role)) == 0) start_guard(twin_of(role));
+    watch(twin_of(role));
     if (act(running)) _exit(0);
     const bool is_busy = running.is_over() || running.header.phase == Phase::kReverting;
     const uint64_t left = running.header.deadline_ms - boot_ms();
@@ -139,15 +125,24 @@ void watch(Role twin) {
 
 }  // namespace
 
-pid_t guard_of(Role role) {
-  const pid_t guard = holder_of(role);
-  return guard > 0 && is_stopped(guard) && kill(guard, SIGKILL) == 0 ? 0 : guard;
+bool is_stopped(pid_t pid) {
+  char path[32], text[256];
+  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  const ssize_t size = read(file, text, sizeof text - 1);
+  close(file);
+  if (size <= 0) return false;
+  text[size] = '\0';
+  const char* state = strrchr(text, ')'); /* the program's name may hold anything */
+  return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
 }
 
 bool is_guarded(Role role) {
   const pid_t guard = holder_of(role);
-  if (guard > 0 && is_stopped(guard)) kill(guard, SIGKILL);
-  return guard != 0 && !is_stopped(guard);
+  if (guard <= 0 || !is_stopped(guard)) return guard != 0;
+  kill(guard, SIGKILL);
+  return false;
 }
 
 void start_guard(Role role) {

@@ -161,7 +161,7 @@ int make_by_program(Call& call, Try& running) {
   if (const int status = mark(running, saved_areas()); status != kOk) return status;
   call.source.open_live();
   if (!copy_areas(call.source)) return fail_state();
-  running.header.is_command = running.header.counts_all = 1;
+  running.header.is_command = 1;
   if (!running.write()) return fail_state();
   if (const int status = run_program(call.words); status != kOk) return status;
   for (int n = 0; n < kAreaCount; ++n) Source::forget_live(static_cast<AreaId>(n));

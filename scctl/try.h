@@ -29,9 +29,9 @@ struct TryHeader {
   Author author;
   uint64_t deadline_ms; /* since boot */
   uint32_t marked;      /* areas in the marker, as bits */
-  uint32_t counts_all;  /* what anybody changed while it was made counts as the try's */
-  char boot[40];        /* the boot's id: areas and journal do not survive a boot */
-  char terminal[32];    /* of the caller; empty: none */
+  uint32_t spare;
+  char boot[40];     /* the boot's id: areas and journal do not survive a boot */
+  char terminal[32]; /* of the caller; empty: none */
   char words[256];
 };
 static_assert(sizeof(TryHeader) % alignof(Chunk) == 0);
@@ -124,8 +124,7 @@ bool is_marked();
  * so. */
 void look_after_try();
 
-/* Saves the areas as they are before a program changes them; adds to the try what it changed. False
- * when not all of it was written. */
+/* Saves the areas as they are before a program changes them; adds to the try what it changed. */
 bool copy_areas(Source& live);
 void remove_copies();
 bool add_differences(Source& live, const Try& running, Changes* changes);
