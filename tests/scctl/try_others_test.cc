@@ -31,7 +31,7 @@ constexpr uint32_t kWriters = 6;
 
 /* What the writers share with the test. */
 struct Writing {
-  std::atomic<uint64_t> changes;
+  std::atomic<uint32_t> changes;
   std::atomic<bool> stop;
   std::atomic<uint32_t> failed;
   std::atomic<uint32_t> last[kWriters];
