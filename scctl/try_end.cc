@@ -134,10 +134,10 @@ Ended look_at_flash(const Area& area, CopyReport* found) {
 /* Saves an area that somebody saved in the meantime, or whose save was cut off. The area is as
  * before. A save that began before that has ended when its byte is free. */
 Ended save_again(const Area& area, uint32_t* saved, bool* failed) {
+  const OwnSaves own; /* the tar of a confirm that was killed has ended */
   CopyReport found;
   if (look_at_flash(area, &found) == Ended::kNotYet) return Ended::kNotYet;
   if (found.state == CopyState::kCurrent || found.state == CopyState::kNone) return Ended::kYes;
-  const OwnSaves own;
   Call call = {};
   call.source.open_live();
   if (found.state == CopyState::kUnknown || save_area(call, id_of(area)) != kOk) *failed = true;

@@ -77,6 +77,29 @@ TEST_F(TraceTryEdgeTest, AProgramThatAnEventLeavesRunning_HoldsUpNoConfirm) {
   std::filesystem::remove_all("/var/own");
 }
 
+/* The tar of a confirm that was killed writes the archive without any lock of the area. */
+TEST_F(TraceTryEdgeTest, TheTarOfAKilledConfirm_IsWaitedForBeforeArchivesAreCompared) {
+  std::filesystem::create_directory("/var/own");
+  write_file("/var/own/tar",
+             "#!/bin/sh\nPATH=${PATH#/var/own:}\ncase $1 in\n"
+             "  -zcf) [ -e /var/tar_runs ] || { touch /var/tar_runs; sleep 1; } ;;\nesac\n"
+             "tar \"$@\"\nstatus=$?\ntouch /var/tar_ended\nexit $status\n");
+  std::filesystem::permissions("/var/own/tar", std::filesystem::perms::owner_all);
+  start_try_of("set lan_binds/1 name=tried\n");
+  Program confirm(with_path("/var/own", {"confirm"}));
+  ASSERT_TRUE(becomes([] { return exists("/var/tar_runs"); }));
+  kill(confirm.pid(), SIGKILL);
+  confirm.wait();
+  EXPECT_FALSE(exists("/var/tar_ended"));
+  const Outcome outcome = run(scctl({"revert"}));
+  EXPECT_EQ(outcome.status, 0) << outcome;
+  EXPECT_TRUE(exists("/var/tar_ended"));
+  EXPECT_FALSE(exists(kMarkerFile));
+  EXPECT_EQ(done({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.bin"}),
+            "one\n");
+  std::filesystem::remove_all("/var/own");
+}
+
 /* ---- a full memory ---- */
 
 TEST_F(TraceTryEdgeTest, ChangesOfAProgramWithoutRoomForThem_AreTakenBack) {
