@@ -114,8 +114,9 @@ OwnSaves::~OwnSaves() {
 bool is_marked() {
   const int folder = open(kArchiveFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   Marker marker;
-  const bool marked = folder >= 0 && read_marker(folder, &marker) != MarkerState::kMissing;
-  if (folder >= 0) close(folder);
+  if (folder < 0) return errno != ENOENT;
+  const bool marked = read_marker(folder, &marker) != MarkerState::kMissing;
+  close(folder);
   return marked;
 }
 

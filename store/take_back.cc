@@ -112,7 +112,7 @@ class TakingBack {
       for (const Field& field : table) {
         if (goes_back(change, field)) copy(field, record, change.before.data());
       }
-    } else if (change.was_used && !used) {
+    } else if (change.was_used && !change.is_used && !used) {
       memcpy(future.put(position), change.before.data(), table.stride);
     } else if (!change.was_used && change.is_used && used && is_now(change, change.after)) {
       future.drop(position);

@@ -216,6 +216,15 @@ TEST_F(TryOthersTest, AKeyThatAnotherRecordHasNow_IsNotGivenTwice) {
   EXPECT_EQ(lan.lan_bind_count, 3u);
 }
 
+TEST_F(TryOthersTest, AChangedRecordThatAnotherProgramDeleted_DoesNotWaitForItsOldKey) {
+  make_store();
+  start_try_of("set lan_binds/1 mac=00:11:22:33:44:99\n");
+  done({"del", "lan_binds/1"});
+  done({"add", "lan_binds/9", "mac=00:11:22:33:44:01", "ip=10.0.0.77"});
+  EXPECT_EQ(revert(), "lan_binds/1: it was deleted since\n");
+  EXPECT_EQ(refusal({"revert"}), "scctl: no try runs\n");
+}
+
 TEST_F(TryOthersTest, AnAddedRecordThatAnotherProgramChanged_StaysWholeAndIsListed) {
   make_store();
   start_try_of("add lan_binds/7 mac=00:11:22:33:44:07 ip=10.0.0.7\nset lan_binds/1 name=tried\n");
