@@ -477,8 +477,6 @@ inline commit() {
 
 #ifdef FAULT_CONFIRM_UNMADE
 #define CAN_CONFIRM (!deadline && journal != GONE && journal != REVERTING && !IS_COMMITTED)
-#elif defined(FAULT_CONFIRM_AGAIN)
-#define CAN_CONFIRM (!deadline && (journal == MADE || journal == CONFIRMING))
 #else
 #define CAN_CONFIRM (!deadline && (journal == MADE || (journal == CONFIRMING && MARKED)))
 #endif
@@ -492,9 +490,7 @@ proctype Operator(byte o) provided (!stopped[OPERATOR + o]) {
        if
        :: CAN_CONFIRM -> confirm(OPERATOR + o)
        :: !IS_COMMITTED && journal != GONE -> revert(OPERATOR + o)
-#ifndef FAULT_CONFIRM_AGAIN
        :: IS_COMMITTED -> finish(OPERATOR + o)
-#endif
        :: journal == GONE || !CAN_CONFIRM -> actor = NOBODY
        fi
     :: skip /* no one comes */
