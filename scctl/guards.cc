@@ -112,7 +112,10 @@ void watch(Role twin) {
   for (uint32_t n = 0; n < kStepMs && holder_of(twin_of(role)) == 0; ++n) pause_ms(1);
   while (true) {
     Try running;
-    if (!running.open() || !running.is_same(first)) _exit(0);
+    if (!running.open() || !running.is_same(first)) {
+      is_guarded(twin_of(role)); /* a twin that was stopped behind the end goes, too */
+      _exit(0);
+    }
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     watch(twin_of(role));
@@ -167,7 +170,8 @@ void look_after_try() {
   /* What other programs change while a try of any program is made is part of the try. */
   if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
   if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
-  if (!take_role(Role::kActor, 1)) return; /* it is being made or ended */
+  clear_way(running, holder_of(Role::kActor));
+  if (!take_role(Role::kActor, kStepMs)) return; /* it is being made or ended */
   if (running.open()) {
     const bool is_over = do_duty(running, "its guards were killed");
     if (!is_over) start_guards();

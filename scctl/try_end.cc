@@ -141,7 +141,12 @@ Ended save_again(const Area& area, uint32_t* saved, bool* failed) {
   if (found.state == CopyState::kCurrent || found.state == CopyState::kNone) return Ended::kYes;
   Call call = {};
   call.source.open_live();
-  if (found.state == CopyState::kUnknown || save_area(call, id_of(area)) != kOk) *failed = true;
+  /* It is repeated when another program has changed the area while it was saved. */
+  static int tries = 20;
+  if (found.state == CopyState::kUnknown || save_area(call, id_of(area)) != kOk) {
+    if (--tries > 0) return Ended::kNotYet;
+    *failed = true;
+  }
   *saved |= bit(id_of(area));
   return Ended::kYes;
 }
@@ -202,12 +207,12 @@ Ended take_back_live(Source& live, Changes& changes, Text* report) {
     Edit edit(live, Patience::kOneSecond);
     edit.begin_in_time(changes.areas());
     take_back(edit, changes, report);
-    const bool is_done = count(changes, Fate::kDue) == 0;
-    for (const Area& area : kAreas) {
-      const AreaId id = id_of(area);
-      if (is_done && (changes.areas() & bit(id)) != 0 && live.block(id) != nullptr) {
-        edit.announce(id);
-      }
+    /* A guard that was killed may have announced nothing. One that comes back for the flash does
+     * not announce again. */
+    static bool is_told;
+    if (count(changes, Fate::kDue) == 0 && !is_told) {
+      edit.announce();
+      is_told = true;
     }
   }
   g_journal = journal;

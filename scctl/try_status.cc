@@ -68,7 +68,7 @@ int run_status(Call& call) {
   line.print(", %s, %u s left: ", phase_name(header.phase), running.left());
   line.add_shown(header.words, strlen(header.words));
   puts(line.c_str());
-  if (header.is_command != 0) puts("whatever changes while the program runs is part of it");
+  if (header.is_command != 0) puts("whatever changes meanwhile is part of it");
   print_changes("  ", changes);
   if (!later.empty()) {
     puts("what others changed in these records since:");

@@ -88,8 +88,8 @@ class Edit {
    * was added, and is kept because it was changed since; kNotFree: it was deleted, and its id is
    * used. If a partner is given, it is taken back first, under the bytes of both records. */
   Written take_back(const Change& change, Mask* stays, const Change* partner = nullptr);
-  /* The area is announced, although nothing may have been changed now. */
-  void announce(AreaId area) { changed_ |= bit(area); }
+  /* All areas of the edit are announced, although nothing may have been changed now. */
+  void announce() { changed_ |= held_; }
   /* The area was changed in another way. */
   void set_changed(AreaId area);
 
