@@ -90,7 +90,6 @@ static int run_command(char** words) {
  * seconds since the deadline. The deadline is counted from the begin of the command, which is before
  * scctl counts it. */
 static int measure(int key, int seconds, int years, char** words) {
-  const struct timespec pause = {0, 5000000};
   const struct Area area = attach(key);
   const void* before = copy_of(area);
   const double deadline = now() + seconds;
@@ -102,12 +101,13 @@ static int measure(int key, int seconds, int years, char** words) {
   }
   const double made = now();
   set_clock(years);
+  /* Looks without a pause, in time that no other process wants. A router that counts its time by
+   * instructions takes long for pauses. */
+  if (nice(19) == -1) perror("tries: nice");
   double begins = 0, is_back = 0;
-  while (now() < deadline - 0.2) nanosleep(&(struct timespec){0, 100000000}, NULL);
   while (now() < deadline + 5 && access("/var/systemconfig/scctl/try", F_OK) == 0) {
     if (begins == 0 && memcmp(area.bytes, tried, area.size) != 0) begins = now();
     if (begins != 0 && is_back == 0 && memcmp(area.bytes, before, area.size) == 0) is_back = now();
-    nanosleep(&pause, NULL);
   }
   const double over = now();
   if (is_back == 0 && memcmp(area.bytes, before, area.size) == 0) is_back = over;
