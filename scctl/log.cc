@@ -85,7 +85,7 @@ class Entry {
     if (!is_known && !read_log(file, &log)) return false;
     if (number_ == 0) begin(&fresh);
     Chunk head;
-    memcpy(&head, chunk.c_str(), sizeof head);
+    memcpy(&head, chunk.data(), sizeof head);
     head.entry = number_;
     memcpy(chunk.data(), &head, sizeof head);
     fresh.add(chunk.c_str(), chunk.size());

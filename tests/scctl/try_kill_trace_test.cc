@@ -119,9 +119,9 @@ class TraceTryTest : public TrySeries {
 
 TEST_F(TraceTryTest, TheCallerKilledAtAnyCall_IsTakenBackInTime) {
   const size_t calls = counted([] { return calls_of(try_batch(60)); });
-  for_each(calls, 4, [&](size_t n) {
+  for_each(calls, 12, [&](size_t n) {
     make_again();
-    end_at(try_batch(1), n, Fate::kKills);
+    end_at(try_batch(3), n, Fate::kKills);
     /* Before its guards are there, it has changed nothing. The next call removes its file. */
     if (!is_over() && !has_guards()) {
       expect_live(before_, std::to_string(n));
@@ -164,7 +164,7 @@ TEST_F(TraceTryTest, RevertKilledAtAnyCall_IsGoneOnWith) {
   });
   for_each(calls, 12, [&](size_t n) {
     make_again();
-    start_try(1);
+    start_try(3);
     end_at(scctl({"revert"}), n, Fate::kKills);
     expect_taken_back(n, 1000 + kLateMs);
   });
@@ -387,7 +387,7 @@ TEST_F(TraceRevertTest, ABinding_GoesBackUnderBothBytesInTheirOrder) {
 TEST_F(TraceTryTest, AnEditKilledAtAnyCall_IsInTheLogIfItWasMade) {
   const Words edit = scctl({"set", "lan_binds/1", "name=edited"});
   const size_t calls = counted([&] { return calls_of(edit); });
-  for_each(calls, 4, [&](size_t n) {
+  for_each(calls, 12, [&](size_t n) {
     make_again();
     end_at(edit, n, Fate::kKills);
     const bool is_made = !is_live(before_);
