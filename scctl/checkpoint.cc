@@ -148,11 +148,16 @@ bool for_entries(int parent, const char* name, void (*act)(int folder, const cha
   return true;
 }
 
+void remove_file(int folder, const char* name) { unlinkat(folder, name, 0); }
+
 /* Removes a folder of files. */
 bool remove_folder(int parent, const char* name) {
-  return for_entries(parent, name,
-                     [](int folder, const char* entry) { unlinkat(folder, entry, 0); }) &&
-         unlinkat(parent, name, AT_REMOVEDIR) == 0;
+  return for_entries(parent, name, remove_file) && unlinkat(parent, name, AT_REMOVEDIR) == 0;
+}
+
+/* What a killed command left. */
+void remove_unfinished(int folder, const char* name) {
+  if (name[0] == '.' && name[1] != '\0' && name[1] != '.') remove_folder(folder, name);
 }
 
 int fail_folder() { return fail(kNoArea, "%s: %s", kCheckpoints, strerror(errno)); }
@@ -166,9 +171,7 @@ int open_store(Descriptor* store) {
   if (flock(store->number, LOCK_EX | LOCK_NB) != 0) {
     return fail(kRefused, "%s: another checkpoint is being made or deleted", kCheckpoints);
   }
-  for_entries(store->number, ".", [](int folder, const char* entry) {
-    if (entry[0] == '.' && entry[1] != '\0' && entry[1] != '.') remove_folder(folder, entry);
-  });
+  for_entries(store->number, ".", remove_unfinished);
   return kOk;
 }
 

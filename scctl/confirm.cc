@@ -77,9 +77,10 @@ int commit(Try& running) {
 }
 
 /* Keeps others from saving the areas from n on, and commits. */
+// NOLINTNEXTLINE(misc-no-recursion): a lock for each area, at most sixteen deep
 int commit_without_saves(Try& running, int n) {
   while (n < kAreaCount && (running.header.marked & bit(static_cast<AreaId>(n))) == 0) ++n;
-  if (n == kAreaCount) return commit(running);
+  if (n >= kAreaCount) return commit(running);
   const NoSaves no_saves(kAreas[n]);
   if (no_saves) return commit_without_saves(running, n + 1);
   return fail_confirm(running, fail_saving(kAreas[n]));

@@ -134,7 +134,8 @@ class Entry {
     for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
       if (is_kept(*chunk)) size += chunk->size;
     }
-    uint32_t oldest = chunk_at(log, 0)->entry; /* that is kept */
+    const Chunk* first = chunk_at(log, 0);
+    uint32_t oldest = first != nullptr ? first->entry : number_; /* that is kept */
     for (; size > kMostLog && oldest < number_; ++oldest) size -= size_of_entry(log, oldest);
     Text kept;
     at = 0;
@@ -341,6 +342,7 @@ int run_undo(Call& call) {
   before = UINT32_MAX;
   for (uint32_t n = 0; n < wanted && !is_interrupted(); ++n) {
     const Chunk* chunk = entry_before(log, before);
+    if (chunk == nullptr) break;
     const int undone = undo(call, log, Logged(log, *chunk));
     if (undone != kOk) status = undone;
     before = chunk->entry;

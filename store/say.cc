@@ -124,7 +124,7 @@ void Text::reserve(size_t more) {
 
 void Text::add(const char* bytes, size_t size) {
   reserve(size);
-  memcpy(data_ + size_, bytes, size);
+  if (size > 0) memcpy(data_ + size_, bytes, size); /* bytes may be null */
   size_ += size;
   data_[size_] = '\0';
 }
