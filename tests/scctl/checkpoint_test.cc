@@ -70,9 +70,9 @@ class PairWriter {
                          open(golden_area("Lan").lock_path.c_str(), O_RDWR)};
     for (uint32_t value = 1;; ++value) {
       for (const int file : files) sc_lock_reg(file, F_SETLKW, F_WRLCK, 2, SEEK_SET, 1);
-      *one = value;
+      memcpy(one, &value, sizeof value); /* at any address */
       usleep(2000);
-      *other = value;
+      memcpy(other, &value, sizeof value);
       for (const int file : files) sc_lock_reg(file, F_SETLKW, F_UNLCK, 2, SEEK_SET, 1);
       usleep(2000);
     }
