@@ -47,9 +47,11 @@ int need_checkpoint(const char* name) {
   for (int n = 0; n < count; ++n) {
     if (is_checkpoint_name(names[n]->d_name)) nearest.offer(names[n]->d_name);
   }
-  /* The names are not freed: the hint has one of them, and the command ends. */
-  return fail(kNoArea, "unknown checkpoint '%s'; %s", name,
-              nearest.hint("scctl checkpoints lists them"));
+  const int status = fail(kNoArea, "unknown checkpoint '%s'; %s", name,
+                          nearest.hint("scctl checkpoints lists them"));
+  for (int n = 0; n < count; ++n) free(names[n]); /* the hint had one of them */
+  if (count >= 0) free(names);
+  return status;
 }
 
 ImageName image_name(const Area& area) {
