@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -207,8 +206,11 @@ TEST_F(ScguardTryTest, LinkToNowhereInPlaceOfTheMarker_IsNotTakenForNone) {
   try_again("");
   fs::remove(kMarker);
   fs::create_symlink("/var/nowhere", kMarker);
-  EXPECT_EQ(guard({"restore"}),
-            (Guarded{1, lines({kTry + ": " + strerror(ELOOP) + kNothingIsChanged})}));
+  /* The words between are those of the guard's own C library. */
+  const Guarded guarded = guard({"restore"});
+  EXPECT_EQ(guarded.status, 1);
+  EXPECT_TRUE(guarded.said.starts_with("scguard: " + kTry + ": ")) << guarded.said;
+  EXPECT_TRUE(guarded.said.ends_with(kNothingIsChanged + "\n")) << guarded.said;
   expect_unchanged();
 }
 
