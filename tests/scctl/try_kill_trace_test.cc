@@ -128,7 +128,7 @@ TEST_F(TraceTryTest, TheCallerKilledAtAnyCall_IsTakenBackInTime) {
       EXPECT_FALSE(exists(kMarkerFile)) << n;
       run_scctl({"tables"});
     }
-    expect_taken_back(n, 1000 + kLateMs);
+    expect_taken_back(n, 3000 + kLateMs);
   });
 }
 
@@ -166,7 +166,7 @@ TEST_F(TraceTryTest, RevertKilledAtAnyCall_IsGoneOnWith) {
     make_again();
     start_try(3);
     end_at(scctl({"revert"}), n, Fate::kKills);
-    expect_taken_back(n, 1000 + kLateMs);
+    expect_taken_back(n, 3000 + kLateMs);
   });
 }
 
