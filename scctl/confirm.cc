@@ -49,14 +49,16 @@ int refuse_without_marker() {
               kArchiveFolder, kMarkerName);
 }
 
-/* The removal of the marker is what confirms. */
-int commit(Try& running) {
+/* The removal of the marker is what confirms. The areas that were saved have archives; another one
+ * that is marked may never have been saved. */
+int commit(Try& running, uint32_t saved) {
   for (const Area& area : kAreas) {
     if ((running.header.marked & bit(id_of(area))) == 0) continue;
     ArchiveImage image;
     const char* fault = read_own_archive(area, &image);
     free(image.bytes);
-    if (fault == nullptr || image.verdict.state == State::kMissing) continue;
+    const bool may_be_missing = (saved & bit(id_of(area))) == 0;
+    if (fault == nullptr || (may_be_missing && image.verdict.state == State::kMissing)) continue;
     return fail_confirm(running,
                         fail(kRefused, "not confirmed: %s: %s", archive_path(area).text, fault));
   }
@@ -78,11 +80,11 @@ int commit(Try& running) {
 
 /* Keeps others from saving the areas from n on, and commits. */
 // NOLINTNEXTLINE(misc-no-recursion): a lock for each area, at most sixteen deep
-int commit_without_saves(Try& running, int n) {
+int commit_without_saves(Try& running, uint32_t saved, int n) {
   while (n < kAreaCount && (running.header.marked & bit(static_cast<AreaId>(n))) == 0) ++n;
-  if (n >= kAreaCount) return commit(running);
+  if (n >= kAreaCount) return commit(running, saved);
   const NoSaves no_saves(kAreas[n]);
-  if (no_saves) return commit_without_saves(running, n + 1);
+  if (no_saves) return commit_without_saves(running, saved, n + 1);
   return fail_confirm(running, fail_saving(kAreas[n]));
 }
 
@@ -96,7 +98,7 @@ int save_and_commit(Call& call, Try& running, uint32_t areas) {
       }
     }
   }
-  return commit_without_saves(running, 0);
+  return commit_without_saves(running, areas, 0);
 }
 
 int confirm(Call& call, Try& running) {

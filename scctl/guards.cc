@@ -7,7 +7,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "commands.h"
@@ -34,17 +33,31 @@ void close_all() {
   for (int n = 0; n <= STDERR_FILENO; ++n) dup2(nowhere, n);
 }
 
-/* What may be done for the try now. */
+/* The process has been stopped. */
+bool is_stopped(pid_t pid) {
+  char path[32], text[256];
+  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  const ssize_t size = read(file, text, sizeof text - 1);
+  close(file);
+  if (size <= 0) return false;
+  text[size] = '\0';
+  const char* state = strrchr(text, ')'); /* the program's name may hold anything */
+  return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
+}
+
+/* What is due for the try now. kGiveBack: it may be confirmed again. */
 enum class Duty : uint8_t { kNothing, kGiveBack, kFinish, kRevert };
 
-Duty duty(const Try& running, bool actor_is_gone) {
+/* Nobody else is the actor: one that was making, confirming or reverting the try has died. */
+Duty duty(const Try& running) {
   switch (running.header.phase) {
+    case Phase::kMaking:
     case Phase::kReverting: return Duty::kRevert;
     case Phase::kConfirming:
-      if (actor_is_gone && !is_marked()) return Duty::kFinish;
-      if (running.is_over()) return Duty::kRevert;
-      return actor_is_gone ? Duty::kGiveBack : Duty::kNothing;
-    case Phase::kMaking: return actor_is_gone || running.is_over() ? Duty::kRevert : Duty::kNothing;
+      if (!is_marked()) return Duty::kFinish;
+      return running.is_over() ? Duty::kRevert : Duty::kGiveBack;
     case Phase::kMade: return running.is_over() ? Duty::kRevert : Duty::kNothing;
   }
   return Duty::kNothing;
@@ -66,7 +79,7 @@ void clear_way(const Try& running, pid_t actor) {
 /* Does what is due, as the actor. True when the try is over. */
 bool do_duty(Try& running, const char* why) {
   Text report;
-  switch (duty(running, true)) {
+  switch (duty(running)) {
     case Duty::kNothing: return false;
     case Duty::kGiveBack: running.set_phase(Phase::kMade); return false;
     case Duty::kFinish: finish_confirmed(running); return true;
@@ -82,7 +95,7 @@ bool act(Try& running) {
     clear_way(running, actor);
     return false;
   }
-  if (duty(running, true) == Duty::kNothing || !take_role(Role::kActor, 1)) return false;
+  if (duty(running) == Duty::kNothing || !take_role(Role::kActor, 1)) return false;
   Try now; /* what was read before may be out of date */
   const bool is_over = !now.open() || !now.is_same(running) || do_duty(now, "it was not confirmed");
   leave_role(Role::kActor);
@@ -91,10 +104,6 @@ bool act(Try& running) {
 
 /* Each guard may start another: that is another process. */
 // NOLINTBEGIN(misc-no-recursion)
-void watch(Role twin) {
-  if (!is_guarded(twin)) start_guard(twin);
-}
-
 [[noreturn]] void run_guard(Role role) {
   setsid();
   constexpr int kIgnored[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU};
@@ -120,7 +129,7 @@ void watch(Role twin) {
     }
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
-    watch(twin_of(role));
+    if (!is_guarded(twin_of(role))) start_guard(twin_of(role));
     if (act(running)) _exit(0);
     const bool is_busy = running.is_over() || running.header.phase == Phase::kReverting;
     const uint64_t left = running.header.deadline_ms - boot_ms();
@@ -129,19 +138,6 @@ void watch(Role twin) {
 }
 
 }  // namespace
-
-bool is_stopped(pid_t pid) {
-  char path[32], text[256];
-  snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
-  const int file = open(path, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return false;
-  const ssize_t size = read(file, text, sizeof text - 1);
-  close(file);
-  if (size <= 0) return false;
-  text[size] = '\0';
-  const char* state = strrchr(text, ')'); /* the program's name may hold anything */
-  return state != nullptr && (strncmp(state, ") T", 3) == 0 || strncmp(state, ") t", 3) == 0);
-}
 
 bool is_guarded(Role role) {
   const pid_t guard = holder_of(role);

@@ -21,7 +21,7 @@ namespace scctl {
 namespace {
 
 constexpr uint32_t kUsualSeconds = 90;
-constexpr int kActorTries = 3000;
+constexpr int kGuardsEndTries = 3000; /* a millisecond apart */
 constexpr uint32_t kMarkerBytes = 4096;
 
 /* ---- the marker ---- */
@@ -202,7 +202,7 @@ int become_actor() {
                 kArchiveFolder, kMarkerName);
   }
   for (int n = 0; is_guarded(Role::kGuard) || is_guarded(Role::kTwin); ++n) {
-    if (n == kActorTries) return fail(kRefused, "the guards of the last try do not end");
+    if (n == kGuardsEndTries) return fail(kRefused, "the guards of the last try do not end");
     pause_ms(1);
   }
   return kOk;

@@ -82,9 +82,6 @@ int fail_flash(const char* what);
 /* try --status. */
 int run_status(Call& call);
 
-/* The program that holds a role has been stopped. */
-bool is_stopped(pid_t pid);
-
 /* Whether a guard works. One that was stopped guards nothing, and is killed. */
 bool is_guarded(Role role);
 /* Starts a guard of the try that runs, as a process of its own. */

@@ -102,7 +102,9 @@ OwnSaves::OwnSaves() {
   constexpr uint64_t kMostMs = 10000;
   file_ = openat(state_folder(), "saves", O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
   const uint64_t begin = boot_ms();
-  while (flock(file_, LOCK_EX | LOCK_NB) != 0 && boot_ms() - begin < kMostMs) pause_ms(10);
+  while (file_ >= 0 && flock(file_, LOCK_EX | LOCK_NB) != 0 && boot_ms() - begin < kMostMs) {
+    pause_ms(10);
+  }
 }
 
 /* Unlocks it for all who inherited it: an event command may have started a daemon. */

@@ -132,6 +132,37 @@ TEST_F(TraceTryEdgeTest, TheTarOfAKilledConfirm_IsWaitedForBeforeArchivesAreComp
   std::filesystem::remove_all("/var/own");
 }
 
+/* An archive that is lost or broken after it was saved, before all are read back. */
+TEST_F(TraceTryEdgeTest, AnArchiveThatIsLostWhileOthersAreSaved_KeepsTheTryFromBeingConfirmed) {
+  std::filesystem::create_directory("/var/own");
+  for (const char* loss : {"rm", "truncate -s 100"}) {
+    /* The access points are saved behind Lan. */
+    write_file("/var/own/change_event", "#!/bin/sh\n[ $1 != ap ] || " + std::string(loss) +
+                                            " /var/dataconfig/config_lan.bin\n");
+    std::filesystem::permissions("/var/own/change_event", std::filesystem::perms::owner_all);
+    start_try_of("set lan_binds/1 name=tried\nset aps/1 run_state=5\n");
+    const Outcome outcome = run(with_path("/var/own", {"confirm"}));
+    EXPECT_EQ(outcome.status, 1) << loss << outcome;
+    EXPECT_NE(outcome.err.find("not confirmed: /var/dataconfig/config_lan.bin"), std::string::npos)
+        << outcome;
+    EXPECT_TRUE(exists(kMarkerFile)) << loss;
+    done({"revert"});
+    EXPECT_EQ(done({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.bin"}),
+              "one\n");
+  }
+  std::filesystem::remove_all("/var/own");
+}
+
+/* A copy that is older than its archive would bring an old state back after a power cut. */
+TEST_F(TraceTryEdgeTest, AnOldCopy_IsRenewedBeforeTheFirstChange) {
+  done({"set", "lan_binds/1", "name=newer"});
+  done({"save", "Lan"});
+  start_try_of("set lan_binds/1 name=tried\n");
+  EXPECT_EQ(done({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.good"}),
+            "newer\n");
+  done({"revert"});
+}
+
 /* ---- a full memory ---- */
 
 TEST_F(TraceTryEdgeTest, ChangesOfAProgramWithoutRoomForThem_AreTakenBack) {
