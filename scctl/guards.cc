@@ -163,7 +163,7 @@ bool start_guards() {
 }
 
 void look_after_try() {
-  if (access("/var/systemconfig/scctl/try", R_OK | W_OK) != 0 || !open_state(false)) return;
+  if (access(kTryPath, R_OK | W_OK) != 0 || !open_state(false)) return;
   Try running;
   if (!running.open()) return;
   /* What other programs change while a try of any program is made is part of the try. */

@@ -19,6 +19,9 @@ namespace scctl {
 using namespace store;
 
 inline constexpr char kStateFolder[] = "/var/systemconfig/scctl";
+/* A file in it: the journal of a try. */
+inline constexpr char kTryName[] = "try";
+inline constexpr char kTryPath[] = "/var/systemconfig/scctl/try";
 
 enum class Role : uint8_t {
   kGuard, /* and the next byte: the two guards of a try */

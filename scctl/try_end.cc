@@ -66,7 +66,7 @@ void close_try(const Try& running, const char* why, const Text& report) {
   ended.print("  %s\n%s", text.c_str(), report.c_str());
   replace_state_file("ended", ended.c_str(), ended.size());
   remove_copies();
-  unlinkat(state_folder(), "try", 0);
+  unlinkat(state_folder(), kTryName, 0);
 }
 
 /* While it lives, a call that waits is interrupted every second: a daemon that hangs does not stop

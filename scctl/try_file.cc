@@ -17,7 +17,6 @@ namespace scctl {
 namespace {
 
 constexpr int kActorTries = 3000;
-constexpr char kTry[] = "try";
 constexpr char kKind[8] = "try 1";
 
 void read_boot_id(char (&id)[sizeof TryHeader::boot]) {
@@ -37,15 +36,15 @@ Try::~Try() {
 bool Try::create() {
   memcpy(header.kind, kKind, sizeof kKind);
   read_boot_id(header.boot);
-  if (!replace_state_file(kTry, reinterpret_cast<const char*>(&header), sizeof header))
+  if (!replace_state_file(kTryName, reinterpret_cast<const char*>(&header), sizeof header))
     return false;
-  file_ = open_state_file(kTry, O_RDWR);
+  file_ = open_state_file(kTryName, O_RDWR);
   return file_ >= 0;
 }
 
 bool Try::open() {
   if (file_ >= 0) close(file_);
-  file_ = open_state_file(kTry, O_RDWR);
+  file_ = open_state_file(kTryName, O_RDWR);
   if (file_ < 0) return false;
   char boot[sizeof header.boot];
   read_boot_id(boot);
