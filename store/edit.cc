@@ -396,8 +396,14 @@ Written Edit::put_back(const Change& change, Mask* stays) {
     return use(table, change.position, before);
   }
   if (!used) {
-    /* A free record of a list keeps bytes. Those of the others are zeros, and may be claimed. */
-    if (!change.is_used && !is_id_table(table)) fill(table, live, before);
+    /* Added and deleted: the free record has its bytes of before. It is claimed for that where
+     * others claim without a lock. */
+    if (change.is_used || has_equal_fields(table, live, before)) return Written::kDone;
+    if (!is_id_table(table)) {
+      fill(table, live, before);
+    } else if (claim(live + table.id_at, change.position + 1)) {
+      free_by_id(table, live, before);
+    }
     return Written::kDone;
   }
   if (!change.is_used) return Written::kDone; /* the record is another one */

@@ -475,6 +475,44 @@ TEST_F(TryOthersTest, OnlyMineOfAnAreaThatWasNeverSaved_IsConfirmedWhenAllIsItsO
 
 /* ---- what nobody saves, and what nobody locks ---- */
 
+/* A record of each table, its last one. */
+TEST_F(TryOthersTest, TheLastRecordOfEachTable_IsAsBeforeAfterEachKindOfChange) {
+  make_store();
+  /* Bytes that stay in free records of the tables that are free at an id of 0. */
+  block_as<ManageApListBlock>("ManageApList")->aps[299].opaque_399[7] = 0x5a;
+  block_as<ApUserListBlock>("ApUserList")->users[299].opaque_14[9] = 0x5a;
+  block_as<ApTemplateListBlock>("ApTemplateList")->templates[14].opaque_8[3] = 0x5a;
+  const Words records[] = {{"lan_binds/32", " mac=02:00:00:00:00:32 ip=10.9.9.32", " name=other"},
+                           {"ac_binds/32", " mac=02:00:00:00:00:33 ip=10.9.9.33", " name=other"},
+                           {"ip_groups/16", " leading_text=last", " leading_text=other"},
+                           {"ip_filter/32", " leading_text=last", " leading_text=other"},
+                           {"qos/32", " leading_text=last", " leading_text=other"},
+                           {"aps/300", " ap_mac=02:00:00:00:00:34", " run_state=7"},
+                           {"ap_users/300", " user_mac=02:00:00:00:00:35", " opaque_14=ff"},
+                           {"ap_templates/15", " template_name=last", " template_name=other"},
+                           {"clients/300", " client_mac=02:00:00:00:00:36", " text_52=other"}};
+  std::string add, set, del;
+  for (const Words& record : records) {
+    add += "add " + record[0] + record[1] + "\n";
+    set += "set " + record[0] + record[2] + "\n";
+    del += "del " + record[0] + "\n";
+  }
+  const auto expect_back = [&](const std::string& commands) {
+    const Images before = live();
+    start_try_of(commands);
+    EXPECT_FALSE(is_live(before));
+    EXPECT_EQ(revert(), "");
+    expect_live(before, commands);
+  };
+  expect_back(add);
+  expect_back(add + set);
+  expect_back(add + del);
+  done({"batch", "-"}, add);
+  expect_back(set);
+  expect_back(del);
+  expect_back(del + add + set);
+}
+
 TEST_F(TryOthersTest, UsersOfAccessPoints_AreTriedWithoutAMarker) {
   make_store();
   const Images before = live();
