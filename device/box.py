@@ -57,14 +57,16 @@ class Box:
     """One run from power on to power off. Use as a context: leaving it cuts the power.
 
     The clock of a box that counts advances by a fixed time with each instruction and by nothing else,
-    so such a box does the same each time, as far as its console lets it.
+    so such a box does the same each time. It never waits for the host: while it has nothing to do, its
+    clock runs as fast as the host can, and what is typed then may never reach it. So its job gets all
+    that it has to know in words.
 
     A box that is to boot many times can be frozen once, with freeze(), before it mounts its flash,
     and later be started as a copy of that moment (frozen=) with any other flash.
     """
 
     def __init__(self, job, flash=EMPTY_FLASH, guard=False, initrds=(), console=None,
-                 terminal=False, frozen=None, counting=False):
+                 terminal=False, frozen=None, counting=False, words=""):
         if len(flash) != FLASH_SIZE:
             raise BoxError("a flash image has %d bytes, this one %d" % (FLASH_SIZE, len(flash)))
         self._terminal = terminal
@@ -95,6 +97,7 @@ class Box:
             "console=ttyS0 quiet", "mem=%dM@0" % (FLASH_AT // MIB),
             "mem=%dM@%dM" % ((MEMORY - end) // MIB, end // MIB),
             *(["nokaslr"] if counting else []), "job=" + job, "guard=%d" % guard,
+            *(['words="%s"' % words] if words else []),
             "flash=flash,%d,%d,%d" % (FLASH_AT, FLASH_SIZE, ERASE_BLOCK),
             "spare=spare,%d,%d,%d" % (SPARE_AT, SPARE_SIZE, ERASE_BLOCK)])
         self._control, control_end = socket.socketpair()
