@@ -175,8 +175,10 @@ int run_revert(Call& call) {
   }
   Text report;
   const Ended ended = revert(running, "by scctl revert", &report);
+  const bool is_left = ended != Ended::kNotYet && running.header.marked != 0 && is_marked();
   leave_role(Role::kActor);
   fputs(report.c_str(), stdout);
+  if (is_left) return fail(kRefused, "%s/%s is not removed", kArchiveFolder, kMarkerName);
   if (ended == Ended::kYes) return kOk;
   if (ended == Ended::kWaiting) return fail(kRefused, "records wait: scctl revert tries again");
   return fail(kRefused, "its guards go on: other programs hold records or save areas");

@@ -447,6 +447,24 @@ TEST_F(TryOthersTest, WithoutItsMarker_ItIsNotConfirmed) {
   expect_live(before);
 }
 
+/* A revert that only prints what is left on the flash. */
+TEST_F(TryOthersTest, AMarkerThatCannotBeRemoved_IsNoSuccess) {
+  make_store();
+  done({"save", "--all"});
+  const Images before = live();
+  start_try_of("set lan_binds/1 name=tried\n");
+  std::filesystem::remove(kMarkerFile);
+  std::filesystem::create_directory(kMarkerFile);
+  const Outcome outcome = run(scctl({"revert"}));
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_EQ(outcome.out,
+            "an archive holds what was tried; scguard restore puts back what it held\n");
+  EXPECT_EQ(outcome.err, "scctl: /var/dataconfig/try is not removed\n");
+  expect_live(before);
+  EXPECT_FALSE(exists(kTryFile));
+  std::filesystem::remove(kMarkerFile);
+}
+
 TEST_F(TryOthersTest, OnlyMine_RefusesToSaveWhatOthersChanged) {
   make_store();
   done({"save", "--all"});

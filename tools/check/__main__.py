@@ -7,7 +7,6 @@ import sys
 import threading
 import time
 import traceback
-from functools import partial
 
 import abi
 import binaries
@@ -62,6 +61,7 @@ SLOW_CHECKS = {
     "demo": tests.check_demo,
 }
 ROUTER_CHECKS = {
+    "powercuts": tests.check_powercuts,
     "device": tests.check_device,
     "costs": tests.check_costs,
 }
@@ -72,64 +72,90 @@ def library_targets():
     return [target for target in LIBRARY_TARGETS if (BUILD / target / "libsysconfig.so").exists()]
 
 
-class Lane(threading.Thread):
-    """Suites one after another, beside another lane. The programs of a lane that gives way get the
-    time that the other lane leaves."""
+class Job:
+    """A suite that waits for others. One that watches the clock has tests with deadlines: of those one
+    runs at a time, and beside it nothing but what gives way."""
 
-    def __init__(self, suites, gives_way):
-        super().__init__(daemon=True)
-        self._suites = suites
-        self._gives_way = gives_way
+    def __init__(self, name, needs, check, *arguments, watches_clock=False, record=None):
+        self.name, self.needs, self.watches_clock = name, needs, watches_clock
+        self._check, self._arguments, self._record = check, arguments, record
 
-    def run(self):
-        if self._gives_way:
+    def __call__(self):
+        result = run(self.name, self._check, *self._arguments)
+        if self._record is not None and result is not None:
+            self._record[self.name.split("-", 1)[1]] = result
+
+
+class Lanes:
+    """Two lanes side by side. The second one gives way: its programs get the time that the first one
+    leaves. Each takes the first job that has what it needs; those that watch the clock are the first
+    lane's, and it takes others while none of these is ready."""
+
+    def __init__(self, jobs):
+        self._waiting = list(jobs)
+        self._names = {job.name for job in jobs}
+        self._ended = set()
+        self._changed = threading.Condition()
+
+    def _next(self, gives_way):
+        with self._changed:
+            while self._waiting:
+                ready = [job for job in self._waiting if job.needs & self._names <= self._ended
+                         and not (gives_way and job.watches_clock)]
+                if ready:
+                    job = max(ready, key=lambda job: job.watches_clock)  # the first of these
+                    self._waiting.remove(job)
+                    return job
+                self._changed.wait()
+        return None
+
+    def _work(self, gives_way):
+        if gives_way:
             os.nice(10)  # on Linux: this thread and the programs that it starts
         try:
-            for suite in self._suites:
-                suite()
+            while (job := self._next(gives_way)) is not None:
+                job()
+                with self._changed:
+                    self._ended.add(job.name)
+                    self._changed.notify_all()
         except Exception:
             traceback.print_exc()
-            os._exit(1)  # other lanes would wait for this one
+            os._exit(1)  # the other lane would wait for this one
+
+    def run(self):
+        lanes = [threading.Thread(target=self._work, args=(gives_way,), daemon=True)
+                 for gives_way in (False, True)]
+        for lane in lanes:
+            lane.start()
+        for lane in lanes:
+            lane.join()
 
 
 def run_all(quick):
-    """Two lanes side by side. The first one has the tests and what else watches the clock: nothing runs
-    beside that but what gives way, in the second one, which has what the tests wait for, and the checks."""
     targets = ("host",) if quick else TEST_TARGETS + ("mipsel-small",)
-    built = {target: threading.Event() for target in targets}
+    every_build = {"build-" + target for target in targets}
     results = {target: tests.Results() for target in (("host",) if quick else (*TEST_TARGETS, "box"))}
 
-    def build(target):
-        run("build-" + target, tests.build, target)
-        built[target].set()
+    def suites(checks, needs=frozenset()):
+        return [Job(name, needs, check) for name, check in checks.items()]
 
-    def test(target):
-        built[target].wait()
-        results[target] = run("tests-" + target, tests.run_tests, target) or results[target]
+    def builds(*names):
+        return [Job("build-" + name, {"fetch-musl"} if name == "mipsel-small" else set(), tests.build, name)
+                for name in names]
 
-    def test_box():
-        built["mipsel-small"].wait()
-        results["box"] = run("tests-box", tests.run_box) or results["box"]
-
-    def suites(checks):
-        return [partial(run, name, check) for name, check in checks.items()]
-
-    analysis = sources.check_analysis
-    first = [partial(build, "host"), *(partial(test, target) for target in results if target != "box")]
+    jobs = [*builds("host"),
+            *(Job("tests-" + target, {"build-" + target}, tests.run_tests, target, watches_clock=True,
+                  record=results) for target in results if target != "box")]
     if quick:
-        lanes = [Lane(first, False),
-                 Lane([*suites(SOURCE_CHECKS), built["host"].wait,
-                       partial(run, "analysis", analysis, True), *suites(CHECKS)], True)]
+        jobs += [*suites(SOURCE_CHECKS), Job("analysis", every_build, sources.check_analysis, True),
+                 *suites(CHECKS, every_build)]
     else:
-        lanes = [Lane([*first, test_box, *suites(ROUTER_CHECKS)], False),
-                 Lane([partial(run, "fetch-musl", fetch_musl),
-                       *(partial(build, target) for target in targets if target != "host"),
-                       built["host"].wait, *suites(SOURCE_CHECKS), partial(run, "analysis", analysis),
-                       *suites({**CHECKS, **SLOW_CHECKS})], True)]
-    for lane in lanes:
-        lane.start()
-    for lane in lanes:
-        lane.join()
+        jobs += [Job("fetch-musl", set(), fetch_musl), *builds(*targets[1:]),
+                 Job("tests-box", {"build-mipsel", "build-mipsel-small"}, tests.run_box, record=results),
+                 *suites(ROUTER_CHECKS, every_build),
+                 Job("analysis", {"build-host"}, sources.check_analysis), *suites(SOURCE_CHECKS),
+                 *suites({**CHECKS, **SLOW_CHECKS}, every_build)]
+    Lanes(jobs).run()
     run("counts", tests.check_counts, results)
 
 
