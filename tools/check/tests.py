@@ -183,6 +183,13 @@ def check_counts(suite, results):
                       (target, len(result.ran), len(listed), len(every)))
 
 
+def check_overlays(suite):
+    """What the importer makes of objects, case by case, and beside three compilers."""
+    importer = BUILD / "host/scctl/scctl-overlay-import"
+    for test in ("importer_test", "compiler_test"):
+        suite.run([ROOT / "tests/overlay" / test, importer], check=test)
+
+
 def check_package(suite):
     """The plain build, its installation, and a program that uses it by either way of finding it,
     run once from boot to power cut."""
