@@ -183,9 +183,19 @@ def check_counts(suite, results):
                       (target, len(result.ran), len(listed), len(every)))
 
 
+VENDOR_PLACES = ("Wan.sections.settings=wan_section", "ManageApList.aps.opaque_11800=ap_vendor",
+                 "ProductInfo.settings=product_info")
+
+
 def check_overlays(suite):
-    """What the importer makes of objects, case by case, and beside three compilers."""
+    """What the importer makes of objects, case by case, and beside three compilers. The example's overlay
+    is what it makes of the example's object, of each target."""
     importer = BUILD / "host/scctl/scctl-overlay-import"
+    vendor = ROOT / "examples/vendor"
+    places = [word for place in VENDOR_PLACES for word in ("--at", place)]
+    for target in ("host", "i386", "mipsel"):
+        made = output([importer, BUILD / target / "examples/CMakeFiles/vendor.dir/vendor/vendor.c.o", *places])
+        suite.verdict(made == (vendor / "vendor.layout").read_text(), "vendor.layout, of " + target)
     for test in ("importer_test", "compiler_test"):
         suite.run([ROOT / "tests/overlay" / test, importer], check=test)
 
