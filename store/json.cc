@@ -25,6 +25,21 @@ bool JsonReader::take(char c) {
   return true;
 }
 
+bool JsonReader::is_next(char c) {
+  skip_blanks();
+  return fault_ == nullptr && at_ < end_ && *at_ == c;
+}
+
+bool JsonReader::word(const char* word) {
+  const size_t length = strlen(word);
+  if (!is_next(*word) || static_cast<size_t>(end_ - at_) < length ||
+      memcmp(at_, word, length) != 0) {
+    return false;
+  }
+  at_ += length;
+  return true;
+}
+
 bool JsonReader::open(char bracket) {
   return take(bracket) ||
          fail(bracket == '{' ? "no { where an object begins" : "no [ where a list begins");
