@@ -325,7 +325,7 @@ class OverlayReader {
     return each_member([&](const char* name) {
       if (!is_name(name)) return refuse("'%s' is no name", name);
       const uint32_t hash = hash_of(name);
-      Member* member = type->members;
+      Member* member = type->seen.add(hash) ? type->members : nullptr;
       while (member != nullptr && (member->hash != hash || strcmp(member->name, name) != 0)) {
         member = member->next;
       }

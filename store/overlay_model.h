@@ -30,12 +30,25 @@ struct Enum {
 /* More dimensions than any array has. */
 constexpr uint32_t kMostDimensions = 4;
 
+/* Says that a hash is new, mostly without a search. */
+struct SeenHashes {
+  uint8_t bits[1024];
+
+  bool add(uint32_t hash) {
+    uint8_t& byte = bits[hash / 8 % sizeof bits];
+    const auto bit = static_cast<uint8_t>(1 << hash % 8);
+    const bool is_seen = (byte & bit) != 0;
+    byte |= bit;
+    return is_seen;
+  }
+};
+
 struct Member {
   const char* name;
   uint32_t hash;
   Member* next;
   unsigned reading; /* the number of the file that named it last */
-  bool has_at, has_kind, is_signed, is_bit, is_enum, is_checked;
+  bool has_at, has_kind, is_signed, is_bit, is_enum;
   Kind kind;
   uint32_t at, size, bit;
   uint32_t dimensions;
@@ -52,9 +65,10 @@ struct Type {
   const char* name;
   Type* next;
   uint32_t size;
-  bool has_size, is_union, is_checked;
+  bool has_size, is_union;
   const Condition* conditions;
   Member* members;
+  SeenHashes seen;
 };
 
 /* A line of "at". */
@@ -115,7 +129,7 @@ struct Attachment {
   Guard** guards_end;
   uint16_t guard_count;
   uint16_t root; /* the guard of the type itself; 0: it always holds */
-  bool has_secret;
+  SeenHashes seen;
   Attachment* next;
 
   bool is_of(const Table& of, int position) const {

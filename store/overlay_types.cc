@@ -239,7 +239,7 @@ class Flattener {
         return true;
       }
     }
-    return find_node(to_, name, hash) != nullptr;
+    return to_.seen.add(hash) && find_node(to_, name, hash) != nullptr;
   }
 
   static Node* find_node(const Attachment& in, const char* name, uint32_t hash) {
@@ -273,7 +273,6 @@ class Flattener {
     node->guard = guard;
     node->index = index;
     node->is_counted = is_counted;
-    to_.has_secret |= member.extra.is_secret;
     *to_.end = node;
     to_.end = &node->next;
     return true;
