@@ -196,8 +196,9 @@ def check_overlays(suite):
     for target in ("host", "i386", "mipsel"):
         made = output([importer, BUILD / target / "examples/CMakeFiles/vendor.dir/vendor/vendor.c.o", *places])
         suite.verdict(made == (vendor / "vendor.layout").read_text(), "vendor.layout, of " + target)
-    for test in ("importer_test", "compiler_test"):
-        suite.run([ROOT / "tests/overlay" / test, importer], check=test)
+    scctl = BUILD / "host/scctl/scctl"
+    for test, *words in (("importer_test",), ("compiler_test", "--scctl", scctl), ("vendor_test", scctl)):
+        suite.run([ROOT / "tests/overlay" / test, importer, *words], check=test)
 
 
 def check_package(suite):
