@@ -6,7 +6,9 @@
 #include <sysconfig/ap.h>
 
 #include "commands.h"
+#include "members.h"
 #include "store/edit.h"
+#include "store/overlay.h"
 #include "store/value.h"
 
 namespace scctl {
@@ -28,6 +30,21 @@ int parse_assignments(const Call& call, const Table& table, uint8_t* record, Mas
   return kOk;
 }
 
+/* The same for a record whose members depend on its contents. */
+int parse_members(const Call& call, const Target& target, bool is_new, uint8_t* record, Mask* mask,
+                  Spelling* spelling) {
+  Values values;
+  for (int n = 1; n < call.word_count; ++n) {
+    Assignment given;
+    if (const int status = split_assignment(call.words[n], &given); status != kOk) return status;
+    if (given.is_hex) *spelling = Spelling::kAsLibrary;
+    values.add(given.name, given.length, given.value, strlen(given.value),
+               given.is_hex ? Values::From::kWordInHex : Values::From::kWord, JsonKind::kText, 0);
+  }
+  const uint32_t position = target.id != 0 ? target.id - 1 : 0;
+  return values.write(*target.table, position, is_new, record, mask, nullptr, nullptr);
+}
+
 }  // namespace
 
 int run_add(Call& call) {
@@ -39,9 +56,11 @@ int run_add(Call& call) {
   Buffer record(table.stride);
   Mask mask(table);
   Spelling spelling = Spelling::kAsMac;
-  if (const int status = parse_assignments(call, table, record.data(), &mask, &spelling);
-      status != kOk) {
-    return status;
+  if (const int parsed = is_covered(table)
+                             ? parse_members(call, target, true, record.data(), &mask, &spelling)
+                             : parse_assignments(call, table, record.data(), &mask, &spelling);
+      parsed != kOk) {
+    return parsed;
   }
   const int status = add_record(call.source, table, record.data(), spelling, &target.id);
   if (status == kOk) tell("added %s/%u", table.name, target.id);
@@ -57,8 +76,17 @@ int run_set(Call& call) {
   Buffer record(table.stride);
   Mask mask(table);
   Spelling spelling = Spelling::kAsMac;
-  if (const int status = parse_assignments(call, table, record.data(), &mask, &spelling);
-      status != kOk) {
+  if (is_covered(table)) {
+    if (const int status = call.source.need(table.area); status != kOk) return status;
+    if (!Reader(call.source, table).copy(target.id - 1, record.data())) {
+      return refuse_free(table, target.id);
+    }
+    if (const int status = parse_members(call, target, false, record.data(), &mask, &spelling);
+        status != kOk) {
+      return status;
+    }
+  } else if (const int status = parse_assignments(call, table, record.data(), &mask, &spelling);
+             status != kOk) {
     return status;
   }
   return set_record(call.source, table, target.id, record.data(), mask, spelling);

@@ -3,14 +3,16 @@
 #include <string.h>
 
 #include "commands.h"
+#include "store/overlay.h"
 #include "store/value.h"
 
 namespace scctl {
 
 void print_changes(const char* prefix, const Changes& changes) {
   for (const Change* change = changes.first(); change != nullptr; change = change->next) {
-    print_changes(prefix, *change->table, change->position + 1,
-                  change->was_used ? change->before.data() : nullptr,
+    const Table& names = names_of(*change->table, static_cast<int>(change->position));
+    print_changes(prefix, change->position + 1, names,
+                  change->was_used ? change->before.data() : nullptr, names,
                   change->is_used ? change->after.data() : nullptr);
   }
 }
@@ -32,7 +34,7 @@ void write_change(const Change& change, JsonWriter* writer) {
   writer->name("fields");
   writer->open('{', JsonWriter::kInline);
   const bool whole = change.was_used != change.is_used;
-  for (const Field& field : *change.table) {
+  for (const Field& field : names_of(*change.table, static_cast<int>(change.position))) {
     const uint8_t* contents = (change.was_used ? change.before : change.after).data();
     if (whole ? size_without_trailing_zeros(field, contents) == 0
               : !change.is_field_changed(field)) {

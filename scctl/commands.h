@@ -27,18 +27,22 @@ enum Option : uint16_t {
   kTimeout = 2048,
   kStatus = 4096,
   kOnlyMine = 8192,
+  kRename = 16384,
   kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
 };
 constexpr uint16_t kSources = kImage | kArchive;
 
-/* The most bytes that are read of an input. */
+/* The most bytes that are read of an input; of an import with overlays, which say more. */
 constexpr size_t kMostInput = 48u << 20;
+constexpr size_t kMostImport = 256u << 20;
 
 struct Call {
   uint16_t options; /* those that are given */
   const char* image;
   const char* archive;
   const char* exec;
+  const char* rename;
+  int overlay_count; /* their files stand behind the words */
   uint32_t count;
   uint32_t timeout; /* in seconds */
   bool is_foreign;  /* the words stand behind a -- */
@@ -76,10 +80,18 @@ int run_words(int word_count, char** words);
 struct Target {
   const Table* table;
   uint32_t id;
-  const Field* field;
+  const char* field; /* its name, which some record of the table may have */
 };
 enum Parts : uint8_t { kTableAlone, kWithId, kMayHaveId, kMayHaveField };
 int parse_target(const char* text, Parts parts, Target* target);
+/* Splits FIELD=VALUE or FIELD:hex=HEX. */
+struct Assignment {
+  const char* name;
+  size_t length;
+  const char* value;
+  bool is_hex;
+};
+int split_assignment(const char* text, Assignment* assignment);
 /* Writes FIELD=VALUE or FIELD:hex=HEX into the record. After the latter, the record is compared
  * with other records as the library compares them. */
 int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field,
@@ -97,18 +109,27 @@ int fail_without_areas();
 
 /* Makes the tables equal to those that are wanted, ids included, and prints what was done. With
  * --dry-run, prints what would change. A table that is not wanted stays as it is. */
-int replace_tables(Call& call, Snapshot* wanted);
+class KeptSecrets;
+int replace_tables(Call& call, Snapshot* wanted, const KeptSecrets* kept = nullptr);
+
+/* Replaces the values of secrets in words of a command by the token. */
+void hide_secrets(Text* words);
 
 int init_area(Call& call, AreaId id);
 /* Saves the area, then reads the archive back to check it. */
 int save_area(Call& call, AreaId id);
 
-void write_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
+/* The table is the record's view. */
+void write_json_record(const Table& view, uint32_t id, const uint8_t* record, bool whole,
                        JsonWriter* writer);
 /* Prints the fields in which two records differ, each on a line after the prefix, or one line for a
  * record that was added or deleted, where the other one is null. True when anything was printed. */
 bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,
                    const uint8_t* is);
+/* The same with the views of both records. If these are of different overlays, the values of equal
+ * names are compared. */
+bool print_changes(const char* prefix, uint32_t id, const Table& was_view, const uint8_t* was,
+                   const Table& is_view, const uint8_t* is, bool by_name = false);
 /* The same for all records of a table. */
 bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is);
 
@@ -151,6 +172,8 @@ int run_confirm(Call&);
 int run_revert(Call&);
 int run_log(Call&);
 int run_undo(Call&);
+int run_overlay(Call&);
+int run_schema(Call&);
 int run_completion(Call&);
 int run_help(Call&);
 

@@ -1,7 +1,7 @@
 _scctl() {
   local command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]}
   local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help' fields='' words='' ahead=''
-  local commands='tables fields areas list get find dump add set del clear bind unbind batch init save restore remove notify lease export import diff checkpoint checkpoints rollback check repair locks watch try confirm revert log undo completion help'
+  local commands='tables fields areas list get find dump add set del clear bind unbind batch init save restore remove notify lease export import diff checkpoint checkpoints rollback check repair locks watch try confirm revert log undo overlay schema completion help'
   local tables='lan_settings lan_binds ac_binds wan wan_rest product_info misc_1 misc_2 misc_3 misc_4 misc_5 ip_groups time_groups port_forward ip_filter mac_filter url_filter qos aps ap_users ap_templates default_template client_groups clients'
   local areas='Lan Wan ProductInfo Misc VsIpport FwIpport IpGroup TimeGroup FwMac FwUrl Qos ManageApList ApUserList ApTemplateList DefApTemplate Clients_Groups Clients'
   case $command in
@@ -23,7 +23,7 @@ _scctl() {
     remove) options+=' --all' ;;
     notify) options+=' --all' ;;
     export) options+=' --image --archive' ;;
-    import) options+=' --dry-run --image --archive --in-place' ;;
+    import) options+=' --dry-run --image --archive --in-place --rename' ;;
     checkpoint) options+=' --delete' ;;
     checkpoints) options+=' --json' ;;
     rollback) options+=' --dry-run --timeout' ;;
@@ -34,6 +34,7 @@ _scctl() {
     try) options+=' --json --timeout --status' ;;
     confirm) options+=' --only-mine' ;;
     log) options+=' --json' ;;
+    overlay) options+=' --image --archive' ;;
   esac
   case ${COMP_WORDS[2]%%/*} in
     lan_settings) fields='settings' ;;
@@ -82,7 +83,7 @@ _scctl() {
       rollback:2) ;;
       fields:2|list:2|get:2|find:2|add:2|set:2|del:2|clear:2) words=$tables ;;
       find:*|add:*|set:*) words=${fields// /= }${fields:+=} ;;
-      dump:*|init:*|save:*|restore:*|remove:*|notify:*|export:*|rollback:*|check:*|repair:*|watch:*) words=$areas ;;
+      dump:*|init:*|save:*|restore:*|remove:*|notify:*|export:*|rollback:*|check:*|repair:*|watch:*|overlay:*) words=$areas ;;
     esac
   fi
   mapfile -t COMPREPLY < <(

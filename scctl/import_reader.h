@@ -2,7 +2,7 @@
 #ifndef SCCTL_IMPORT_READER_H
 #define SCCTL_IMPORT_READER_H
 
-#include "commands.h"
+#include "members.h"
 
 namespace scctl {
 
@@ -11,6 +11,7 @@ using namespace store;
 /* The wanted contents of the tables in a file. A table that is not in the file has none. */
 struct Import {
   Snapshot wanted[kTableCount];
+  KeptSecrets kept;
 
   /* Reads and checks the whole input of the command. On an error it prints a message and returns a
    * status. */

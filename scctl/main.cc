@@ -13,11 +13,13 @@
 #include "in_place.h"
 #include "try.h"
 #include "store/streams.h"
+#include "store/overlay.h"
 #include "store/value.h"
 
 namespace scctl {
 
 constexpr uint16_t kChanges = kSources | kInPlace;
+constexpr char kOverlayFolder[] = "/etc/sysconfig/overlays";
 
 /* In the order of the help text. */
 // clang-format off
@@ -102,12 +104,13 @@ constexpr Command kCommands[] = {
   {"import", "FILE", "replace tables by those of an export",
    "Each table of the file gets exactly the records in it, ids included. Other\n"
    "tables do not change. The whole file is checked before anything is written.\n"
-   "- is standard input.\n",
-   kDryRun | kChanges | kInput, 1, 1, run_import},
+   "- is standard input. null leaves a secret as it is.\n",
+   kDryRun | kChanges | kInput | kRename, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
    "A and B are images, archives, live, saved, checkpoint:NAME or try: the areas of\n"
-   "a try as they were before it. Without them, compares saved with live. Exit\n"
-   "status 1 if they differ.\n",
+   "a try as they were before it. Without them, compares saved with live. With\n"
+   "A@OVERLAY and B@OVERLAY, compares by the names of each. Exit status 1 if they\n"
+   "differ.\n",
    0, 0, 2, run_diff},
   {"checkpoint", "NAME", "keep the present state of all areas under a name",
    "Copies all areas that can be saved, of one moment: nobody changes a record while\n"
@@ -169,6 +172,15 @@ constexpr Command kCommands[] = {
    "rest, which stays. It is an edit itself: a second undo takes back the first.\n"
    "Exit status 1 if something stays.\n",
    0, 0, 1, run_undo},
+  {"overlay", "import OBJECT --at PLACE=STRUCT...|cover [AREA...]",
+   "name the members of opaque bytes",
+   "import reads the debug information of an object file, and prints an overlay: the\n"
+   "names of a struct's members for AREA.MEMBER[/ID].FIELD. cover lists the bytes\n"
+   "that are not zero and have no name; exit status 1 if there are any.\n",
+   kSources, 1, -1, run_overlay},
+  {"schema", "", "print the JSON Schema of an export",
+   "Of draft 7, with the members of the overlays.\n",
+   0, 0, 0, run_schema},
   {"completion", "", "print the completion for bash",
    "",
    0, 0, 0, run_completion},
@@ -201,12 +213,17 @@ constexpr OptionRow kOptions[] = {
   {"count",    kCount,          "N",       "end after N changes"},
   {"timeout",  kTimeout,        "SECONDS", "time until it is taken back"},
   {"status",   kStatus,         nullptr,   "print who tries what, and what others changed"},
+  {"rename",   kRename,         "FILE",    "take names of the file for others: {\"wan.old\": \"wan.new\"}"},
   {"only-mine", kOnlyMine,      nullptr,   "refuse if other changes would be saved"},
 };
 // clang-format on
 constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
 
+constexpr int kOption = 256; /* plus its place in kOptions */
 constexpr int8_t kAny = -1;
+
+/* Every command takes these. */
+constexpr int kOverlayOption = kOption - 1, kSecretsOption = kOption - 2;
 
 int usage(const Command& command) {
   const bool blank = command.arguments[0] != '\0';
@@ -235,6 +252,9 @@ void print_help() {
       "TABLE/ID names a record, TABLE/ID.FIELD a field of it.\n\ncommands:");
   for (const Command& command : kCommands) printf("  %-11s  %s\n", command.name, command.summary);
   puts(
+      "\nEvery command takes --overlay FILE, several times, which names members of opaque\n"
+      "bytes, and --secrets, which shows what it marks as secret. Files in\n"
+      "/etc/sysconfig/overlays are taken besides.\n"
       "\nscctl help COMMAND or scctl COMMAND --help describes a command; scctl --version\n"
       "prints the version. Exit status: 0 done; 1 refused, nothing found, different, or\n"
       "findings; 2 wrong usage; 3 no area, no file or no permission.");
@@ -253,8 +273,6 @@ int fail_unknown_command(const char* name) {
   return fail(kUsage, "unknown command '%s'; %s", name, nearest.hint("scctl --help lists them"));
 }
 
-constexpr int kOption = 256; /* plus its place in kOptions */
-
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 int take_option(const OptionRow& row, char* value, Call* call) {
@@ -263,6 +281,7 @@ int take_option(const OptionRow& row, char* value, Call* call) {
     case kImage: call->image = value; break;
     case kArchive: call->archive = value; break;
     case kExec: call->exec = value; break;
+    case kRename: call->rename = value; break;
     case kCount:
     case kTimeout: {
       constexpr unsigned long kDay = 86400;
@@ -285,8 +304,10 @@ int take_option(const OptionRow& row, char* value, Call* call) {
  * first. */
 int parse_options(const Command& command, int count, char** words, Call* call, bool* help) {
   constexpr int kHelp = 'h', kWord = 1;
-  option known[kOptionCount + 2] = {{"help", no_argument, nullptr, kHelp}};
-  int known_count = 1;
+  option known[kOptionCount + 4] = {{"help", no_argument, nullptr, kHelp},
+                                    {"overlay", required_argument, nullptr, kOverlayOption},
+                                    {"secrets", no_argument, nullptr, kSecretsOption}};
+  int known_count = 3;
   for (int n = 0; n < kOptionCount; ++n) {
     if ((command.options & kOptions[n].option) == 0) continue;
     const int has_value = kOptions[n].value != nullptr ? required_argument : no_argument;
@@ -306,16 +327,21 @@ int parse_options(const Command& command, int count, char** words, Call* call, b
       call->words[call->word_count++] = words[optind++];
     } else if (found == kWord) {
       call->words[call->word_count++] = optarg;
-      if (command.run == run_try) break; /* the rest is another command */
+      const bool is_import = command.run == run_overlay && strcmp(optarg, "import") == 0;
+      if (command.run == run_try || is_import) break; /* the rest is another command */
     } else if (found == kHelp) {
       *help = true;
       return kOk;
+    } else if (found == kOverlayOption) {
+      call->words[count - ++call->overlay_count] = optarg;
+    } else if (found == kSecretsOption) {
+      g_shows_secrets = true;
     } else if (found == ':') {
       return fail(kUsage, "%s needs a value", words[optind - 1]);
     } else if (found == '?' && optopt >= kOption) {
       return fail(kUsage, "--%s takes no value", kOptions[optopt - kOption].name);
-    } else if (found == '?' && optopt == kHelp) {
-      return fail(kUsage, "--help takes no value");
+    } else if (found == '?' && (optopt == kHelp || optopt == kSecretsOption)) {
+      return fail(kUsage, "--%s takes no value", optopt == kHelp ? "help" : "secrets");
     } else if (found == '?' && optopt != 0) {
       return fail(kUsage, "%s has no option -%c; scctl %s --help tells more", command.name, optopt,
                   command.name);
@@ -388,6 +414,72 @@ int open_source(const Command& command, Call* call) {
 
 }  // namespace
 
+namespace {
+
+/* The words of this call, as people may read them. */
+int g_count;
+char** g_given;
+void compose_words() {
+  g_words.clear();
+  for (int n = 1; n < g_count; ++n) {
+    Text word;
+    word.add(g_given[n]);
+    hide_secrets(&word);
+    if (n > 1) g_words.add(' ');
+    add_word(word.c_str(), word.size(), &g_words);
+  }
+  start_log();
+}
+
+/* While it lives, a command's own overlays are in use if there are any, else those of the batch
+ * around it. */
+class OverlaysInUse {
+ public:
+  OverlaysInUse() : outer_(g_overlays), shows_secrets_(g_shows_secrets) {}
+  ~OverlaysInUse() {
+    g_overlays = outer_;
+    g_shows_secrets = shows_secrets_;
+  }
+  OverlaysInUse(const OverlaysInUse&) = delete;
+  OverlaysInUse& operator=(const OverlaysInUse&) = delete;
+
+  /* Reads those that the command names, which stand behind its words, and those of the folder. */
+  int begin(const Call& call, int word_count) {
+    static bool is_first = true;
+    for (int n = 1; n <= call.overlay_count; ++n) {
+      if (const int status = own_.load(call.words[word_count - n]); status != kOk) return status;
+    }
+    if (is_first || call.overlay_count > 0) own_.load_folder(kOverlayFolder);
+    if (!own_.empty()) g_overlays = &own_;
+    if (is_first && g_overlays != nullptr) compose_words();
+    is_first = false;
+    return kOk;
+  }
+
+ private:
+  Overlays own_;
+  Overlays* const outer_;
+  const bool shows_secrets_;
+};
+
+}  // namespace
+
+void hide_secrets(Text* word) {
+  static constexpr char kNameLetters[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.[]";
+  const char* text = word->c_str();
+  for (const char* at = text; g_overlays != nullptr && *at != '\0'; ++at) {
+    const size_t length = strspn(at, kNameLetters);
+    at += length;
+    if (*at == '\0') return;
+    if ((*at == '=' || *at == ':') && g_overlays->is_secret(at - length, length)) {
+      word->cut(static_cast<size_t>(at - text));
+      word->print("=%s", kSecret);
+      return;
+    }
+  }
+}
+
 int run_words(int word_count, char** words) {
   const Command* command = find_command(words[0]);
   if (command == nullptr) return fail_unknown_command(words[0]);
@@ -395,6 +487,7 @@ int run_words(int word_count, char** words) {
   Buffer kept(static_cast<size_t>(word_count) * sizeof(char*));
   call.words = reinterpret_cast<char**>(kept.data());
   bool help = false;
+  OverlaysInUse overlays;
   if (const int status = parse_options(*command, word_count, words, &call, &help); status != kOk) {
     return status;
   }
@@ -402,6 +495,7 @@ int run_words(int word_count, char** words) {
     print_command_help(*command);
     return kOk;
   }
+  if (const int status = overlays.begin(call, word_count); status != kOk) return status;
   if (call.word_count < command->least ||
       (command->most != kAny && call.word_count > command->most)) {
     return usage(*command);
@@ -449,7 +543,7 @@ void print_completion_words() {
   puts("  esac\n  case ${COMP_WORDS[2]%%/*} in");
   for (const Table& table : kTables) {
     Text fields;
-    for (const Field& field : table) fields.print(" %s", field.name);
+    for (const Field& field : names_of(table)) fields.print(" %s", field.name);
     printf("    %s) fields='%s' ;;\n", table.name, fields.c_str() + 1);
   }
   puts("  esac");
@@ -554,24 +648,35 @@ int parse_target(const char* text, Parts parts, Target* target) {
   target->id = static_cast<uint32_t>(id);
   if (*rest == '\0') return kOk;
   if (parts != kMayHaveField) return fail(kUsage, "'%s': expected TABLE/ID without a field", text);
-  target->field = find_field(table, rest + 1, strlen(rest + 1));
-  return target->field != nullptr ? kOk : unknown_field(table, rest + 1, strlen(rest + 1));
+  target->field = rest + 1;
+  const Table& names = names_of(table, static_cast<int>(id) - 1);
+  if (is_covered(table) || find_field(names, rest + 1, strlen(rest + 1)) != nullptr) return kOk;
+  return unknown_field(table, rest + 1, strlen(rest + 1));
+}
+
+int split_assignment(const char* text, Assignment* assignment) {
+  static constexpr char kHex[] = ":hex=";
+  const size_t length = strcspn(text, ":=");
+  const bool is_hex = strncmp(text + length, kHex, strlen(kHex)) == 0;
+  *assignment = {text, length, text + length + (is_hex ? strlen(kHex) : 1), is_hex};
+  if (is_hex || text[length] == '=') return kOk;
+  Text shown;
+  shown.add(text);
+  hide_secrets(&shown);
+  return fail(kUsage, "'%s': expected FIELD=VALUE", shown.c_str());
 }
 
 int parse_assignment(const Table& table, const char* text, uint8_t* record, const Field** field,
                      Spelling* spelling) {
-  static constexpr char kHex[] = ":hex=";
-  const size_t length = strcspn(text, ":=");
-  const bool hex = strncmp(text + length, kHex, strlen(kHex)) == 0;
-  if (!hex && text[length] != '=') return fail(kUsage, "'%s': expected FIELD=VALUE", text);
-  *field = find_field(table, text, length);
-  if (*field == nullptr) return unknown_field(table, text, length);
-  if (hex) {
+  Assignment given;
+  if (const int status = split_assignment(text, &given); status != kOk) return status;
+  *field = find_field(table, given.name, given.length);
+  if (*field == nullptr) return unknown_field(table, given.name, given.length);
+  if (given.is_hex) {
     if (spelling != nullptr) *spelling = Spelling::kAsLibrary;
-    return parse_text_bytes(table, **field, text + length + strlen(kHex), record);
+    return parse_text_bytes(table, **field, given.value, record);
   }
-  const char* value = text + length + 1;
-  return parse(table, **field, value, strlen(value), Origin::kTyped, record);
+  return parse(table, **field, given.value, strlen(given.value), Origin::kTyped, record);
 }
 
 int parse_area(const char* name, AreaId* id) {
@@ -627,11 +732,9 @@ int main(int argc, char** argv) {
   } else if (strcmp(argv[1], "--version") == 0) {
     puts("scctl " SCCTL_VERSION);
   } else {
-    for (int n = 1; n < argc; ++n) {
-      if (n > 1) g_words.add(' ');
-      add_word(argv[n], strlen(argv[n]), &g_words);
-    }
-    start_log();
+    g_count = argc;
+    g_given = argv;
+    compose_words();
     look_after_try();
     status = run_words(argc - 1, argv + 1);
   }

@@ -1,6 +1,7 @@
 /* Commands that show what exists: tables, fields, areas. */
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 
 #include "commands.h"
 #include "listing.h"
+#include "store/overlay.h"
 
 namespace scctl {
 
@@ -27,6 +29,31 @@ int run_tables(Call& call) {
   return kOk;
 }
 
+namespace {
+
+/* What an overlay says of a member: "576 to 1500 bytes, default 1500, secret". */
+void add_notes(const Field& field, Text* to) {
+  const Extra* extra = field.extra;
+  if (extra == nullptr) return;
+  const bool is_signed = field.kind == Kind::kSigned;
+  if (extra->has_range) {
+    to->print(is_signed ? "%lld to %lld" : "%llu to %llu", static_cast<long long>(extra->least),
+              static_cast<long long>(extra->most));
+  }
+  const auto add = [to](const char* what, const char* text) {
+    if (text == nullptr) return;
+    if (to->size() > 0) to->add(*what == '\0' ? " " : ", ");
+    to->add(what);
+    to->add_shown(text, strlen(text));
+  };
+  add("", extra->unit);
+  add("default ", extra->fallback);
+  add("matches ", extra->pattern);
+  if (field.is_secret) add("", "secret");
+}
+
+}  // namespace
+
 int run_fields(Call& call) {
   static constexpr Column kColumns[] = {{"field", "field", -15},   {"kind", "kind", -9},
                                         {"bytes", "bytes", 5},     {"at", "record", 6},
@@ -36,12 +63,16 @@ int run_fields(Call& call) {
     return status;
   }
   Listing listing(call.has(kJson), kColumns);
-  for (const Field& field : *target.table) {
+  for (const Field& field : names_of(*target.table)) {
     listing.add(field.name);
-    listing.add(kind_name(field.kind));
+    listing.add(kind_name(field));
     listing.add(field.size);
     listing.add(field.record_at);
-    listing.add(field.member);
+    Text notes;
+    add_notes(field, &notes);
+    Text member;
+    add_json_text(field.member, &member);
+    listing.add(member.c_str(), notes.size() > 0 ? notes.c_str() : field.member);
     if (field.item_at == kNoItem)
       listing.add("-");
     else

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "members.h"
 #include "store/letters.h"
+#include "store/overlay.h"
 #include "store/value.h"
 
 namespace scctl {
@@ -39,7 +41,7 @@ void add_cut(const char* text, size_t size, Text* to) {
 
 /* Adds a value, cut to the width of a cell. */
 void format_cell(const Field& field, const uint8_t* record, Text* to) {
-  if (field.kind == Kind::kBytes) {
+  if (field.kind == Kind::kBytes && !is_hidden(field)) {
     to->print("%zu/%u bytes", size_without_trailing_zeros(field, record), field.size);
     return;
   }
@@ -62,20 +64,56 @@ void end_line(Text* to) {
 
 void print(const Text& text) { fwrite(text.c_str(), 1, text.size(), stdout); }
 
-/* Chooses the records with a given value in a field, or all records when there is no field. */
-struct Choice {
-  const Table& table;
-  const Field* field = nullptr;
-  const uint8_t* wanted = nullptr;
-  Spelling spelling = Spelling::kAsMac; /* kAsLibrary: all bytes are compared */
+/* Chooses the records with a given value in a field, or all records when there is no word. */
+class Choice {
+ public:
+  explicit Choice(const Table& of) : table(of) {}
+  Choice(const Table& of, const char* word) : table(of), word_(word), wanted_(of.stride) {}
 
-  bool has(const uint8_t* record) const {
-    if (field == nullptr) return true;
-    if (!is_text(*field) || spelling == Spelling::kAsLibrary) return equal(*field, record, wanted);
-    if (field->kind == Kind::kMacText) return is_same_mac_text(*field, record, wanted);
-    return strncmp(reinterpret_cast<const char*>(record) + field->record_at,
-                   reinterpret_cast<const char*>(wanted) + field->record_at, field->size) == 0;
+  /* An error in the word. Whether the field exists may depend on the records. */
+  int check() {
+    if (const int status = split_assignment(word_, &given_); status != kOk) return status;
+    const Table& names = names_of(table);
+    if (find_field(names, given_.name, given_.length) == nullptr) {
+      return unknown_field(names, given_.name, given_.length);
+    }
+    return is_covered(table) ? kOk : parse_in(table);
   }
+  bool is_of_all() const { return word_ == nullptr; }
+  int status() const { return status_; }
+
+  bool has(const Table& view, const uint8_t* record) {
+    if (word_ == nullptr) return true;
+    if (status_ != kOk || (parsed_ != &view && parse_in(view) != kOk) || field_ == nullptr) {
+      return false;
+    }
+    const uint8_t* wanted = wanted_.data();
+    if (!is_text(*field_) || spelling_ == Spelling::kAsLibrary) {
+      return equal(*field_, record, wanted);
+    }
+    if (field_->kind == Kind::kMacText) return is_same_mac_text(*field_, record, wanted);
+    return strncmp(reinterpret_cast<const char*>(record) + field_->record_at,
+                   reinterpret_cast<const char*>(wanted) + field_->record_at, field_->size) == 0;
+  }
+
+  const Table& table;
+
+ private:
+  int parse_in(const Table& view) {
+    parsed_ = &view;
+    field_ = find_field(view, given_.name, given_.length);
+    if (field_ == nullptr) return kOk;
+    status_ = parse_assignment(view, word_, wanted_.data(), &field_, &spelling_);
+    return status_;
+  }
+
+  const char* word_ = nullptr;
+  Assignment given_ = {};
+  Buffer wanted_;
+  const Table* parsed_ = nullptr; /* the view in which the word was read */
+  const Field* field_ = nullptr;
+  Spelling spelling_ = Spelling::kAsMac; /* kAsLibrary: all bytes are compared */
+  int status_ = kOk;
 };
 
 /* The columns of a printed table: as many of the first fields as fit. Large fields are left out: to
@@ -83,12 +121,20 @@ struct Choice {
  * nobody has written makes them use memory. */
 class Columns {
  public:
-  explicit Columns(const Table& table) {
-    for (const Field& field : table) {
-      if (field.size > kLargest && !is_section(table)) break;
+  explicit Columns(const Table& view) {
+    for (const Field& field : view) {
+      if ((field.size > kLargest && !is_section(view)) || shown_ == kMostFields) break;
+      names_[shown_] = field.name;
       widths_[shown_++] = strlen(field.name);
     }
     drop();
+  }
+  const char* name(int column) const { return names_[column]; }
+  /* Members have other places where conditions hold otherwise. */
+  const Field* find(const Table& table, const Table& view, int column) const {
+    if (&view == &table && !is_covered(table)) return &table.fields[column];
+    const Field* field = find_field(view, names_[column], strlen(names_[column]));
+    return field != nullptr && field < view.end() ? field : nullptr;
   }
   int shown() const { return shown_; }
   size_t width(int column) const { return widths_[column]; }
@@ -110,41 +156,49 @@ class Columns {
 
   static constexpr int kMostFields = 32;
   static constexpr int kLargest = 1024;
+  const char* names_[kMostFields];
   size_t widths_[kMostFields];
   int shown_ = 0;
 };
 
 /* Prints a table in one pass. Cells are made before the widths are known, but only of columns that
  * may still fit. Returns the number of records. If no record has the value, nothing is printed. */
-uint32_t print_table(Source& source, const Choice& choice) {
+uint32_t print_table(Source& source, Choice& choice) {
   const Table& table = choice.table;
-  Columns columns(table);
-  Reader reader(source, table, choice.field != nullptr ? Reader::kWhole : columns.shown());
+  const bool is_whole = !choice.is_of_all() || is_covered(table);
   Buffer record(table.stride);
+  uint32_t first = 0;
+  const bool any = is_covered(table) && Reader(source, table).copy_next(&first, record.data());
+  const Table& first_view = any ? view_of(table, first, record.data()) : names_of(table);
+  Columns columns(first_view);
+  const int field_count = first_view.field_count;
+  Reader reader(source, table, is_whole ? Reader::kWhole : columns.shown());
   Buffer cell_counts(table.capacity);
   Text cells; /* the id and the values of each record, each terminated by NUL */
   Text cell;
   uint32_t count = 0;
   for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
-    if (!choice.has(record.data())) continue;
+    const Table& view = view_of(table, position, record.data());
+    if (!choice.has(view, record.data())) continue;
     cells.print("%u", position + 1);
     cells.add('\0');
     int made = 0;
     for (; made < columns.shown(); ++made) {
       cell.clear();
-      format_cell(table.fields[made], record.data(), &cell);
+      const Field* field = columns.find(table, view, made);
+      if (field != nullptr) format_cell(*field, record.data(), &cell);
       columns.widen(made, columns_of(cell.c_str()));
       cells.add(cell.c_str(), cell.size() + 1);
     }
     cell_counts.data()[count++] = static_cast<uint8_t>(made);
-    if (choice.field == nullptr) reader.read_fields(columns.shown());
+    if (!is_whole) reader.read_fields(columns.shown());
   }
-  if (count == 0 && choice.field != nullptr) return 0;
+  if (count == 0 && !choice.is_of_all()) return 0;
 
   Text text;
   add_cell("id", kIdWidth, &text);
   for (int n = 0; n < columns.shown(); ++n) {
-    add_cell(table.fields[n].name, columns.width(n), &text);
+    add_cell(columns.name(n), columns.width(n), &text);
   }
   end_line(&text);
   const char* next = cells.c_str();
@@ -158,7 +212,7 @@ uint32_t print_table(Source& source, const Choice& choice) {
     end_line(&text);
   }
   text.print("(%u of %u records", count, table.capacity);
-  const int more = table.field_count - columns.shown();
+  const int more = field_count - columns.shown();
   if (more > 0) text.print("; %d more field%s: scctl get", more, more == 1 ? "" : "s");
   text.add(")\n");
   print(text);
@@ -183,8 +237,9 @@ class Commands {
     memcpy(made_.put(id - 1), record, table_.stride);
     to->print("scctl %s %s/%u", is_section(table_) ? "set" : "add", table_.name, id);
     bool any = false;
-    for (const Field& member : table_) {
-      if (size_without_trailing_zeros(member, record) == 0 && (any || &member + 1 < table_.end()))
+    const Table& view = view_of(table_, id - 1, record);
+    for (const Field& member : view) {
+      if (size_without_trailing_zeros(member, record) == 0 && (any || &member + 1 < view.end()))
         continue;
       format_assignment(member, record, checked || &member != field, to);
       any = true;
@@ -198,7 +253,7 @@ class Commands {
 };
 
 /* Returns the number of records. */
-uint32_t print_records(Call& call, const Choice& choice) {
+uint32_t print_records(Call& call, Choice& choice) {
   if (!call.has(kJson) && !call.has(kCommandsOption)) return print_table(call.source, choice);
   const Table& table = choice.table;
   const bool json = !call.has(kCommandsOption);
@@ -210,9 +265,10 @@ uint32_t print_records(Call& call, const Choice& choice) {
   JsonWriter writer(&text);
   if (json) writer.open('[', JsonWriter::kLines);
   for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
-    if (!choice.has(record.data())) continue;
+    const Table& view = view_of(table, position, record.data());
+    if (!choice.has(view, record.data())) continue;
     if (json) {
-      write_json_record(table, position + 1, record.data(), false, &writer);
+      write_json_record(view, position + 1, record.data(), false, &writer);
     } else {
       commands.add(position + 1, record.data(), &text);
     }
@@ -230,11 +286,11 @@ uint32_t print_records(Call& call, const Choice& choice) {
 
 }  // namespace
 
-void write_json_record(const Table& table, uint32_t id, const uint8_t* record, bool whole,
+void write_json_record(const Table& view, uint32_t id, const uint8_t* record, bool whole,
                        JsonWriter* writer) {
   writer->open('{', JsonWriter::kInline);
   writer->member("id", id);
-  for (const Field& field : table) {
+  for (const Field& field : view) {
     writer->name(field.name);
     format_json(field, record, whole, &writer->value());
   }
@@ -243,13 +299,37 @@ void write_json_record(const Table& table, uint32_t id, const uint8_t* record, b
 
 /* ---- records ---- */
 
+namespace {
+
+void print_fields(const Table& view, const uint8_t* record, Text* to) {
+  size_t width = 14;
+  for (const Field& field : view) {
+    if (strlen(field.name) > width && strlen(field.name) < kColumns / 2) width = strlen(field.name);
+  }
+  for (const Field& field : view) {
+    to->print("%-*s  ", static_cast<int>(width), field.name);
+    if (field.kind == Kind::kBytes)
+      format_cell(field, record, to);
+    else
+      format_shown(field, record, to);
+    if (field.extra != nullptr && field.extra->unit != nullptr) {
+      to->add(' ');
+      to->add_shown(field.extra->unit, strlen(field.extra->unit));
+    }
+    end_line(to);
+  }
+}
+
+}  // namespace
+
 int run_list(Call& call) {
   Target target;
   if (const int status = parse_target(call.words[0], kTableAlone, &target); status != kOk) {
     return status;
   }
   if (const int status = call.source.need(target.table->area); status != kOk) return status;
-  print_records(call, {*target.table});
+  Choice all(*target.table);
+  print_records(call, all);
   return kOk;
 }
 
@@ -259,17 +339,17 @@ int run_find(Call& call) {
     return status;
   }
   const Table& table = *target.table;
-  Buffer wanted(table.stride);
-  Choice choice = {table, nullptr, wanted.data()};
-  if (const int status =
-          parse_assignment(table, call.words[1], wanted.data(), &choice.field, &choice.spelling);
-      status != kOk) {
-    return status;
-  }
+  Choice choice(table, call.words[1]);
+  if (const int status = choice.check(); status != kOk) return status;
   if (const int status = call.source.need(table.area); status != kOk) return status;
-  if (print_records(call, choice) > 0) return kOk;
+  const uint32_t found = print_records(call, choice);
+  if (choice.status() != kOk) return choice.status();
+  if (found > 0) return kOk;
   if (call.has(kJson)) return kRefused;
-  return fail(kRefused, "no record of %s has %s", table.name, call.words[1]);
+  Text word;
+  word.add(call.words[1]);
+  hide_secrets(&word);
+  return fail(kRefused, "no record of %s has %s", table.name, word.c_str());
 }
 
 int run_get(Call& call) {
@@ -283,29 +363,31 @@ int run_get(Call& call) {
   if (!Reader(call.source, table).copy(target.id - 1, record.data())) {
     return fail(kRefused, "%s/%u is free", table.name, target.id);
   }
+  const Table& view = view_of(table, target.id - 1, record.data());
   Text text;
   if (call.has(kCommandsOption)) {
     Commands(table).add(target.id, record.data(), &text);
   } else if (target.field != nullptr) {
+    const Field* field = find_field(view, target.field, strlen(target.field));
+    if (field == nullptr) {
+      return unknown_member(table, target.id - 1, record.data(), target.field,
+                            strlen(target.field));
+    }
     if (call.has(kJson))
-      format_json(*target.field, record.data(), false, &text);
+      format_json(*field, record.data(), false, &text);
     else if (isatty(STDOUT_FILENO) != 0)
-      format_shown(*target.field, record.data(), &text);
+      format_shown(*field, record.data(), &text);
     else
-      format(*target.field, record.data(), &text);
+      format(*field, record.data(), &text);
     text.add('\n');
   } else if (call.has(kJson)) {
     JsonWriter writer(&text);
-    write_json_record(table, target.id, record.data(), false, &writer);
+    write_json_record(view, target.id, record.data(), false, &writer);
     text.add('\n');
   } else {
-    for (const Field& field : table) {
-      text.print("%-14s  ", field.name);
-      if (field.kind == Kind::kBytes)
-        format_cell(field, record.data(), &text);
-      else
-        format_shown(field, record.data(), &text);
-      end_line(&text);
+    print_fields(view, record.data(), &text);
+    if (g_overlays != nullptr) {
+      g_overlays->add_reasons(table, target.id - 1, record.data(), &text);
     }
   }
   print(text);
@@ -318,7 +400,8 @@ namespace {
 
 /* Prints sixteen bytes a line, and the name behind the first line. Lines of zeros are only
  * counted. */
-void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* name) {
+void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* name,
+                const uint8_t* secret = nullptr) {
   constexpr uint32_t kLine = 16;
   const uint32_t end = at + size;
   uint32_t zeros = 0;
@@ -339,14 +422,22 @@ void dump_bytes(const uint8_t* bytes, uint32_t at, uint32_t size, const char* na
   for (; at < end; at += kLine, bytes += kLine) {
     const uint32_t count = end - at < kLine ? end - at : kLine;
     bool zero = true;
-    for (uint32_t n = 0; n < count; ++n) zero = zero && bytes[n] == 0;
+    const uint8_t* hides = secret != nullptr ? secret + (size - (end - at)) : nullptr;
+    for (uint32_t n = 0; n < count; ++n) {
+      zero = zero && bytes[n] == 0 && (hides == nullptr || hides[n] == 0);
+    }
     if (zero) {
       zeros += count;
       continue;
     }
     tell_zeros(at);
     line.print("%8u ", at);
-    for (uint32_t n = 0; n < count; ++n) line.print(" %02x", bytes[n]);
+    for (uint32_t n = 0; n < count; ++n) {
+      if (hides != nullptr && hides[n] != 0)
+        line.add(" **");
+      else
+        line.print(" %02x", bytes[n]);
+    }
     finish();
   }
   tell_zeros(end);
@@ -359,26 +450,31 @@ void dump_spare(const uint8_t* bytes, uint32_t start, uint32_t at, uint32_t size
   dump_bytes(bytes + at, start + at, size, name.c_str());
 }
 
-/* Prints a record in the order of its bytes: fields, the lock word, the id and spare bytes. */
-void dump_record(const Table& table, const uint8_t* record, uint32_t start) {
-  for (uint32_t at = 0; at < table.stride;) {
-    const char* name = nullptr;
-    uint32_t size = table.stride - at;
+/* Prints a record in the order of its bytes: fields, the lock word, the id and spare bytes. Members
+ * that begin at one byte share its line. */
+void dump_record(const Table& view, const uint8_t* record, uint32_t start) {
+  Buffer secret(view.stride);
+  for (const Field& field : view) {
+    if (is_hidden(field)) memset(secret.data() + field.record_at, 1, field.size);
+  }
+  for (uint32_t at = 0; at < view.stride;) {
+    Text name;
+    uint32_t size = 0, next = view.stride;
     const auto consider = [&](int place, uint32_t own_size, const char* own_name) {
       if (place == static_cast<int>(at)) {
-        name = own_name;
-        size = own_size;
-      } else if (place > static_cast<int>(at) && place - at < size) {
-        size = place - at; /* another part begins there */
+        if (name.size() > 0) name.add(' ');
+        name.add(own_name);
+        if (own_size > size) size = own_size;
+      } else if (place > static_cast<int>(at) && place < static_cast<int>(next)) {
+        next = static_cast<uint32_t>(place); /* another part begins there */
       }
     };
-    for (const Field& field : table) consider(field.record_at, field.size, field.member);
-    consider(table.lock_at, 4, "lock_index");
-    consider(table.id_at, 4, "id");
-    if (name == nullptr)
-      dump_spare(record, start, at, size);
-    else
-      dump_bytes(record + at, start + at, size, name);
+    for (const Field& field : view) consider(field.record_at, field.size, field.member);
+    consider(view.lock_at, 4, "lock_index");
+    consider(view.id_at, 4, "id");
+    if (size == 0 || at + size > next) size = next - at;
+    if (name.size() == 0) name.print("spare_%u", at);
+    dump_bytes(record + at, start + at, size, name.c_str(), secret.data() + at);
     at += size;
   }
 }
@@ -415,7 +511,8 @@ int run_dump(Call& call) {
       --free;
       printf("%s/%u: byte %u of the lock file\n", table.name, position + 1,
              lock_index_of(table, position));
-      dump_record(table, record.data(), table.at + position * table.stride);
+      dump_record(view_of(table, position, record.data()), record.data(),
+                  table.at + position * table.stride);
     }
     if (free > 0) printf("%s: %u free record%s\n", table.name, free, free == 1 ? "" : "s");
   }

@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "store/edit.h"
 #include "import_reader.h"
+#include "store/overlay.h"
 #include "store/value.h"
 
 namespace scctl {
@@ -39,7 +40,8 @@ int run_export(Call& call) {
     Reader reader(call.source, table);
     Buffer record(table.stride);
     for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
-      write_json_record(table, position + 1, record.data(), true, &writer);
+      write_json_record(view_of(table, position, record.data()), position + 1, record.data(), true,
+                        &writer);
       fputs(text.c_str(), stdout);
       text.clear();
     }
@@ -84,7 +86,8 @@ int write_tables(Edit& edit, const Snapshot* all_wanted, const Snapshot* now, Ta
         tallies[n].added += written == Written::kDone;
       } else {
         Mask mask(table);
-        mask.add_differences(was.record(position), wanted.record(position));
+        mask.add_differences(view_of(table, position, wanted.record(position)),
+                             was.record(position), wanted.record(position));
         if (mask.empty()) continue;
         written = edit.change(table, position, wanted.record(position), mask);
         tallies[n].changed += written == Written::kDone;
@@ -122,26 +125,37 @@ int need_areas(Source& live, uint32_t areas) {
   return kOk;
 }
 
-/* Reads the present contents of the wanted tables. */
-void take_tables(Source& live, Snapshot* wanted, Snapshot* now) {
+/* Reads the present contents of the wanted tables. Secrets of these stay that the file leaves out;
+ * what it replaces has to be replaced by values that are allowed. */
+int take_tables(Source& live, const KeptSecrets* kept, Snapshot* wanted, Snapshot* now) {
   for (int n = 0; n < kTableCount; ++n) {
     if (!wanted[n]) continue;
     Snapshot taken(kTables[n]);
     taken.take(live);
     taken.swap(now[n]);
     add_sections(now[n], &wanted[n]);
+    if (kept == nullptr) continue;
+    if (const int status = kept->take(now[n], &wanted[n]); status != kOk) return status;
+    for (uint32_t position = 0; position < kTables[n].capacity; ++position) {
+      if (!now[n].used(position) || !wanted[n].used(position)) continue;
+      const int status =
+          check_replaced(kTables[n], position, now[n].record(position), wanted[n].record(position));
+      if (status != kOk) return status;
+    }
   }
+  return kOk;
 }
 
 }  // namespace
 
-int replace_tables(Call& call, Snapshot* wanted) {
+int replace_tables(Call& call, Snapshot* wanted, const KeptSecrets* kept) {
   const uint32_t areas = areas_of(wanted);
   if (const int status = need_areas(call.source, areas); status != kOk) return status;
   Snapshot now[kTableCount];
   unsigned changed = 0;
   if (call.has(kDryRun)) {
-    take_tables(call.source, wanted, now);
+    const int status = take_tables(call.source, kept, wanted, now);
+    if (status != kOk) return status;
     for (int n = 0; n < kTableCount; ++n) {
       if (now[n] && print_changes("", now[n], wanted[n])) ++changed;
     }
@@ -153,7 +167,7 @@ int replace_tables(Call& call, Snapshot* wanted) {
   {
     Edit edit(call.source);
     if (status = edit.begin(areas); status != kOk) return status;
-    take_tables(call.source, wanted, now);
+    if (status = take_tables(call.source, kept, wanted, now); status != kOk) return status;
     status = write_tables(edit, wanted, now, tallies);
   }
   for (int n = 0; n < kTableCount; ++n) {
@@ -170,66 +184,138 @@ int replace_tables(Call& call, Snapshot* wanted) {
 int run_import(Call& call) {
   Import import;
   if (const int status = import.read(call); status != kOk) return status;
-  return replace_tables(call, import.wanted);
+  return replace_tables(call, import.wanted, g_overlays != nullptr ? &import.kept : nullptr);
 }
 
 /* ---- diff ---- */
 
 namespace {
 
-void print_presence(const char* prefix, const Table& table, uint32_t id, const char* what,
+/* Adds the value in a line of changes. */
+void add_value(const Field* field, const uint8_t* record, bool whole, Text* to) {
+  if (field == nullptr) {
+    to->add("(none)");
+  } else if (field->kind != Kind::kBytes || is_hidden(*field)) {
+    format_part(*field, record, whole, to);
+  } else {
+    const size_t size = size_without_trailing_zeros(*field, record);
+    to->print("(%zu byte%s)", size, size == 1 ? "" : "s");
+  }
+}
+
+void print_presence(const char* prefix, const Table& view, uint32_t id, const char* what,
                     const uint8_t* record) {
   Text line;
-  for (const Field& field : table) {
+  for (const Field& field : view) {
     if (size_without_trailing_zeros(field, record) == 0) continue;
     line.print(" %s=", field.name);
-    if (field.kind == Kind::kBytes)
-      line.print("(%zu byte%s)", size_without_trailing_zeros(field, record),
-                 size_without_trailing_zeros(field, record) == 1 ? "" : "s");
-    else
-      format_part(field, record, false, &line);
+    add_value(&field, record, false, &line);
   }
-  printf("%s%s/%u: %s%s\n", prefix, table.name, id, what, line.c_str());
+  printf("%s%s/%u: %s%s\n", prefix, view.name, id, what, line.c_str());
+}
+
+void print_values(const char* prefix, const Table& view, uint32_t id, const char* name,
+                  const char* was, const char* is) {
+  printf("%s%s/%u.%s: %s -> %s\n", prefix, view.name, id, name, was, is);
+}
+
+void print_differing_bytes(const char* prefix, const Table& view, uint32_t id, const Field& field,
+                           const uint8_t* was, const uint8_t* is) {
+  unsigned differing = 0, first = 0;
+  for (unsigned n = field.size; n-- > 0;) {
+    if (((was[field.record_at + n] ^ is[field.record_at + n]) & mask_at(field, n)) == 0) continue;
+    ++differing;
+    first = n;
+  }
+  printf("%s%s/%u.%s: %u byte%s at %u\n", prefix, view.name, id, field.name, differing,
+         differing == 1 ? " differs," : "s differ, the first", first);
+}
+
+/* A field that the view shows. */
+const Field* find_shown(const Table& view, const char* name) {
+  const Field* field = find_field(view, name, strlen(name));
+  return field != nullptr && field < view.end() ? field : nullptr;
+}
+
+/* Whether values of two overlays differ. */
+bool differ(const Field& was_field, const uint8_t* was, const Field& is_field, const uint8_t* is) {
+  Text before, after;
+  const bool shows = g_shows_secrets;
+  g_shows_secrets = true;
+  format_json(was_field, was, true, &before);
+  format_json(is_field, is, true, &after);
+  g_shows_secrets = shows;
+  return before.size() != after.size() || memcmp(before.c_str(), after.c_str(), before.size()) != 0;
+}
+
+/* Prints a field that both have. */
+void print_change(const char* prefix, const Table& view, uint32_t id, const Field& was_field,
+                  const uint8_t* was, const Field& is_field, const uint8_t* is) {
+  const bool is_bytes = is_field.kind == Kind::kBytes && !is_hidden(is_field);
+  if (is_bytes && was_field.kind == Kind::kBytes && was_field.record_at == is_field.record_at &&
+      was_field.size == is_field.size) {
+    print_differing_bytes(prefix, view, id, is_field, was, is);
+    return;
+  }
+  /* What follows a text's NUL is printed only when the texts before it are equal. */
+  Text before, after;
+  add_value(&was_field, was, false, &before);
+  add_value(&is_field, is, false, &after);
+  if (strcmp(before.c_str(), after.c_str()) == 0) {
+    before.clear();
+    after.clear();
+    add_value(&was_field, was, true, &before);
+    add_value(&is_field, is, true, &after);
+  }
+  print_values(prefix, view, id, is_field.name, before.c_str(), after.c_str());
 }
 
 }  // namespace
 
-bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,
-                   const uint8_t* is) {
+bool print_changes(const char* prefix, uint32_t id, const Table& was_view, const uint8_t* was,
+                   const Table& is_view, const uint8_t* is, bool by_name) {
   if (was == nullptr || is == nullptr) {
-    if (was != nullptr) print_presence(prefix, table, id, "deleted", was);
-    if (is != nullptr) print_presence(prefix, table, id, "added", is);
+    if (was != nullptr) print_presence(prefix, was_view, id, "deleted", was);
+    if (is != nullptr) print_presence(prefix, is_view, id, "added", is);
     return was != is;
   }
+  const auto is_same = [&](const Field& field, const uint8_t* own) {
+    return by_name ? size_without_trailing_zeros(field, own) == 0 : equal(field, was, is);
+  };
   bool any = false;
-  for (const Field& field : table) {
-    if (equal(field, was, is)) continue;
-    any = true;
-    if (field.kind == Kind::kBytes) {
-      unsigned differing = 0, first = 0;
-      for (unsigned n = field.size; n-- > 0;) {
-        if (was[field.record_at + n] == is[field.record_at + n]) continue;
-        ++differing;
-        first = n;
-      }
-      printf("%s%s/%u.%s: %u byte%s at %u\n", prefix, table.name, id, field.name, differing,
-             differing == 1 ? " differs," : "s differ, the first", first);
+  for (const Field& field : is_view) {
+    const Field* other = &was_view == &is_view ? &field : find_shown(was_view, field.name);
+    if (other != nullptr ? (by_name ? !differ(*other, was, field, is) : equal(field, was, is))
+                         : is_same(field, is)) {
       continue;
     }
-    /* What follows a text's NUL is printed only when the texts before it are equal. */
-    Text before, after;
-    format_part(field, was, false, &before);
-    format_part(field, is, false, &after);
-    if (strcmp(before.c_str(), after.c_str()) == 0) {
-      before.clear();
-      after.clear();
-      format_part(field, was, true, &before);
-      format_part(field, is, true, &after);
+    any = true;
+    if (other != nullptr) {
+      print_change(prefix, is_view, id, *other, was, field, is);
+      continue;
     }
-    printf("%s%s/%u.%s: %s -> %s\n", prefix, table.name, id, field.name, before.c_str(),
-           after.c_str());
+    Text value;
+    add_value(&field, is, false, &value);
+    print_values(prefix, is_view, id, field.name, "(none)", value.c_str());
+  }
+  for (const Field& field : was_view) {
+    if (&was_view == &is_view || is_same(field, was) ||
+        find_shown(is_view, field.name) != nullptr) {
+      continue;
+    }
+    any = true;
+    Text value;
+    add_value(&field, was, false, &value);
+    print_values(prefix, is_view, id, field.name, value.c_str(), "(none)");
   }
   return any;
+}
+
+bool print_changes(const char* prefix, const Table& table, uint32_t id, const uint8_t* was,
+                   const uint8_t* is) {
+  const Table& was_view = was != nullptr ? view_of(table, id - 1, was) : table;
+  const Table& is_view = is != nullptr ? view_of(table, id - 1, is) : table;
+  return print_changes(prefix, id, was_view, was, is_view, is);
 }
 
 bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) {
@@ -257,25 +343,52 @@ void print_single(const Area& area, const Source& there, const Source& other) {
   putchar('\n');
 }
 
-}  // namespace
+/* A source that is compared, and the overlay behind its @. */
+struct Compared {
+  Source source;
+  Overlays own;
+  Overlays* overlays = g_overlays;
+  Text name;
 
-namespace {
+  int open(const char* word) {
+    name.add(word);
+    const char* at = strrchr(word, '@');
+    if (at != nullptr && access(word, F_OK) != 0) {
+      name.cut(static_cast<size_t>(at - word));
+      if (const int status = own.load(at + 1); status != kOk) return status;
+      overlays = &own;
+    }
+    const bool is_try = strcmp(name.c_str(), "try") == 0;
+    return is_try ? open_try(&source) : source.open_named(name.c_str());
+  }
+  const Table& view(const Table& table, uint32_t position, const uint8_t* record) const {
+    return overlays != nullptr && record != nullptr ? overlays->view(table, position, record)
+                                                    : table;
+  }
+};
 
-int open_compared(const char* name, Source* source) {
-  return strcmp(name, "try") == 0 ? open_try(source) : source->open_named(name);
+bool print_compared(const Compared& a, const Snapshot& was, const Compared& b, const Snapshot& is) {
+  const Table& table = was.table();
+  bool any = false;
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    const uint8_t* before = was.used(position) ? was.record(position) : nullptr;
+    const uint8_t* after = is.used(position) ? is.record(position) : nullptr;
+    any |= print_changes("", position + 1, a.view(table, position, before), before,
+                         b.view(table, position, after), after, a.overlays != b.overlays);
+  }
+  return any;
 }
 
 }  // namespace
 
 int run_diff(Call& call) {
   if (call.word_count == 1) return fail(kUsage, "usage: scctl diff [A B]");
-  Source a, b;
-  if (const int status = open_compared(call.word_count == 2 ? call.words[0] : "saved", &a);
-      status != kOk) {
+  Compared one, other;
+  Source &a = one.source, &b = other.source;
+  if (const int status = one.open(call.word_count == 2 ? call.words[0] : "saved"); status != kOk) {
     return status;
   }
-  if (const int status = open_compared(call.word_count == 2 ? call.words[1] : "live", &b);
-      status != kOk) {
+  if (const int status = other.open(call.word_count == 2 ? call.words[1] : "live"); status != kOk) {
     return status;
   }
   bool any = false;
@@ -298,7 +411,7 @@ int run_diff(Call& call) {
       Snapshot was(table), is(table);
       was.take(a);
       is.take(b);
-      any |= print_changes("", was, is);
+      any |= print_compared(one, was, other, is);
     }
   }
   if (!any && compared == 0)

@@ -160,10 +160,11 @@ constexpr auto kFieldsOf = fields_of(kMembers, table_of(kRow));
 #define FIELDS(members, row) kFieldsOf<sc::members, sc::row>
 
 template <size_t kFieldCount>
-consteval Table id_table(const char* name, AreaId area, const sc::IdTableRow& row,
-                         const Field (&fields)[kFieldCount]) {
+consteval Table id_table(const char* name, const char* member, AreaId area,
+                         const sc::IdTableRow& row, const Field (&fields)[kFieldCount]) {
   Table t = {};
   t.name = name;
+  t.member = member;
   t.area = area;
   t.at = row.at;
   t.stride = row.stride;
@@ -176,10 +177,12 @@ consteval Table id_table(const char* name, AreaId area, const sc::IdTableRow& ro
 }
 
 template <class Bytes, size_t kAhead>
-consteval Table settings(const char* name, AreaId area, size_t at, uint16_t count = 1) {
+consteval Table settings(const char* name, const char* member, AreaId area, size_t at,
+                         uint16_t count = 1) {
   static_assert(kAhead == 0 || kAhead == sizeof(int32_t), "a lock word or nothing stands ahead");
   Table t = {};
   t.name = name;
+  t.member = member;
   t.area = area;
   t.at = static_cast<uint32_t>(at);
   t.stride = kAhead + sizeof(Bytes);
@@ -191,10 +194,10 @@ consteval Table settings(const char* name, AreaId area, size_t at, uint16_t coun
   return t;
 }
 #define SETTINGS(name, area, Block, bytes) \
-  settings<decltype(Block::bytes), 0>(name, area, offsetof(Block, bytes))
+  settings<decltype(Block::bytes), 0>(name, #bytes, area, offsetof(Block, bytes))
 #define SECTION(name, area, Block, lock, bytes)                                     \
   settings<decltype(Block::bytes), offsetof(Block, bytes) - offsetof(Block, lock)>( \
-      name, area, offsetof(Block, lock))
+      name, #bytes, area, offsetof(Block, lock))
 
 template <size_t kCount>
 consteval const char* name_at(const sc::Member (&members)[kCount], size_t record_at) {
@@ -272,7 +275,7 @@ constexpr Table kTables[kTableCount] = {
   list_table("ac_binds", FIELDS(kBindMembers, kLanBinds), sc::kAcBinds.list,
              COUNTER(LanBlock, ac_bind_count)),
   settings<decltype(WanSection::settings), offsetof(WanSection, settings)>(
-      "wan", kWan, offsetof(WanBlock, sections), 4),
+      "wan", "sections", kWan, offsetof(WanBlock, sections), 4),
   SETTINGS("wan_rest", kWan, WanBlock, spare_3976),
   SETTINGS("product_info", kProductInfo, ProductInfoBlock, settings),
   SECTION("misc_1", kMisc, MiscBlock, lock_index_136, settings_140),
@@ -294,9 +297,9 @@ constexpr Table kTables[kTableCount] = {
              COUNTER(FwUrlBlock, rule_count)),
   list_table("qos", FIELDS(kQosMembers, kQosRules), sc::kQosRules.list,
              COUNTER(QosBlock, rule_count)),
-  id_table("aps", kManageApList, sc::kAps, ap::kFields),
-  id_table("ap_users", kApUserList, sc::kApUsers, ap_user::kFields),
-  id_table("ap_templates", kApTemplateList, sc::kApTemplates, ap_template::kFields),
+  id_table("aps", "aps", kManageApList, sc::kAps, ap::kFields),
+  id_table("ap_users", "users", kApUserList, sc::kApUsers, ap_user::kFields),
+  id_table("ap_templates", "templates", kApTemplateList, sc::kApTemplates, ap_template::kFields),
   SETTINGS("default_template", kDefApTemplate, DefApTemplateBlock, settings),
   list_table("client_groups", FIELDS(kClientGroupMembers, kClientGroupList), sc::kClientGroupList),
   list_table("clients", FIELDS(kClientMembers, kClientList), sc::kClientList),
@@ -312,10 +315,13 @@ constexpr Reference kReferences[kReferenceCount] = {
 };
 // clang-format on
 
-const char* kind_name(Kind kind) {
+const char* kind_name(const Field& field) {
+  const Extra* extra = field.extra;
+  if (extra != nullptr && extra->names != nullptr) return "enum";
+  if (extra != nullptr && extra->bits != 0) return "bit";
   static constexpr const char* kNames[] = {"text",  "mac text", "address", "mac",
                                            "bytes", "signed",   "unsigned"};
-  return kNames[static_cast<int>(kind)];
+  return kNames[static_cast<int>(field.kind)];
 }
 
 namespace {
@@ -344,8 +350,8 @@ const Table* find_table(const char* name, size_t length) {
 }
 
 const Field* find_field(const Table& table, const char* name, size_t length) {
-  for (const Field& field : table) {
-    if (is_named(field.name, name, length)) return &field;
+  for (const Field* field = table.begin(); field < table.end() + table.hidden_count; ++field) {
+    if (is_named(field->name, name, length)) return field;
   }
   return nullptr;
 }

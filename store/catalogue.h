@@ -2,6 +2,9 @@
  * data. They are derived from the library's own rows; the catalogue adds the names. Commands, JSON,
  * completion and help all use these rows.
  *
+ * A view is a table as overlays show one of its records: with the record's own fields. Without them
+ * the view is the table.
+ *
  * A table is a list, one of the access-point tables, or the settings of a section. The record of a
  * section has no free mark and always exists.
  */
@@ -52,6 +55,28 @@ enum class Clash : uint8_t {
 
 constexpr uint16_t kNoItem = UINT16_MAX;
 
+struct EnumName {
+  const char* name;
+  int64_t number;
+  const EnumName* next;
+};
+
+/* What only an overlay says of a member. */
+struct Extra {
+  const char* unit;     /* null: none; so are those that follow */
+  const char* pattern;  /* a POSIX extended regular expression */
+  const char* fallback; /* the value that programs take by default */
+  const EnumName* names;
+  int64_t least, most; /* the bits of a number of the member's own sign */
+  const uint8_t* mask; /* of the member's own bits in each byte; null: all */
+  uint8_t bit, bits;   /* of a bit-field: the first of its bits and their number; 0: whole bytes */
+  bool is_big;         /* the first byte, or bit, is the most significant */
+  bool has_range;
+  bool is_secret;
+  bool is_list;    /* several numbers, even if there is one now */
+  bool is_counted; /* there are as many as another member says */
+};
+
 struct Field {
   const char* name;   /* scctl's name for it: the item's member, where there is an item */
   const char* member; /* the record's member */
@@ -62,10 +87,13 @@ struct Field {
   uint8_t width; /* of one number */
   Clash clash;
   bool add_only; /* modify does not change it */
+  bool is_secret = false;
+  const Extra* extra = nullptr; /* of an overlay's member; null: the catalogue's own field */
 };
 
 struct Table {
   const char* name;
+  const char* member; /* of the area's block; null: none of its fields takes an overlay */
   AreaId area;
   uint32_t at;
   uint32_t stride;
@@ -78,6 +106,8 @@ struct Table {
   const char* counter; /* null: none */
   const Field* fields;
   uint16_t field_count;
+  uint16_t hidden_count; /* in a view: fields behind the others, in whose places members stand */
+  const Table* base;     /* in a view: the table that it is of; null in a table */
 
   const Field* begin() const { return fields; }
   const Field* end() const { return fields + field_count; }
@@ -85,6 +115,11 @@ struct Table {
 
 constexpr int kTableCount = 24;
 extern const Table kTables[kTableCount];
+
+/* The place of a table, or of that of a view, in kTables. */
+inline size_t number_of(const Table& table) {
+  return static_cast<size_t>((table.base != nullptr ? table.base : &table) - kTables);
+}
 
 /* A rule's reference to a group. It is valid when the mode is 1; for time groups also when it is 2.
  * The deletion of a group deletes the rules of mode last_mode. */
@@ -98,9 +133,10 @@ struct Reference {
 constexpr int kReferenceCount = 6;
 extern const Reference kReferences[kReferenceCount];
 
-const char* kind_name(Kind kind);
+const char* kind_name(const Field& field);
 
-/* Search by name; an area is also found by the stem of its files. Null when it does not exist. */
+/* Search by name; an area is also found by the stem of its files, and a hidden field by its own
+ * name. Null when it does not exist. */
 const Area* find_area(const char* name);
 const Table* find_table(const char* name, size_t length);
 const Field* find_field(const Table& table, const char* name, size_t length);

@@ -14,6 +14,7 @@
 
 #include "core/bytes.h"
 #include "store/clock.h"
+#include "store/overlay.h"
 #include "store/value.h"
 
 namespace store {
@@ -23,22 +24,42 @@ using sc::store;
 
 /* ---- masks ---- */
 
-void Mask::add(const Field& field) { memset(bytes_.data() + field.record_at, 1, field.size); }
+void Mask::add(const Field& field) {
+  for (size_t n = 0; n < field.size; ++n) bytes_.data()[field.record_at + n] |= mask_at(field, n);
+}
 
-void Mask::add_differences(const uint8_t* one, const uint8_t* other) {
-  for (const Field& field : table_) {
+void Mask::add_differences(const Table& view, const uint8_t* one, const uint8_t* other) {
+  for (const Field& field : view) {
     if (equal(field, one, other)) continue;
-    if (field.kind != Kind::kBytes) {
+    if (field.kind != Kind::kBytes || field.extra != nullptr) {
       add(field);
       continue;
     }
     for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
-      if (one[at] != other[at]) bytes_.data()[at] = 1;
+      if (one[at] != other[at]) bytes_.data()[at] = 0xff;
     }
   }
 }
 
-bool Mask::empty() const { return memchr(bytes_.data(), 1, table_.stride) == nullptr; }
+bool Mask::has(const Field& field) const {
+  return (bytes_.data()[field.record_at] & mask_at(field, 0)) != 0;
+}
+
+void Mask::merge(uint8_t* to, const uint8_t* from) const {
+  for (uint32_t at = 0; at < table_.stride; ++at) {
+    const uint8_t own = bytes_.data()[at];
+    to[at] = static_cast<uint8_t>((to[at] & ~own) | (from[at] & own));
+  }
+}
+
+bool Mask::is_partial() const {
+  for (uint32_t at = 0; at < table_.stride; ++at) {
+    if (bytes_.data()[at] != 0 && bytes_.data()[at] != 0xff) return true;
+  }
+  return false;
+}
+
+bool Mask::empty() const { return next_run(bytes_.data(), 0, table_.stride).size == 0; }
 
 /* ---- locks ---- */
 
@@ -272,9 +293,9 @@ void free_by_id(const Table& table, uint8_t* record, const uint8_t* left) {
 }
 
 /* The bytes of the mask that change: those of opaque fields one by one, other fields whole. */
-void mark_changed(const Table& table, const uint8_t* now, const uint8_t* wanted, const Mask& mask,
-                  Mask* changed) {
-  changed->add_differences(now, wanted);
+void mark_changed(const Table& table, uint32_t position, const uint8_t* now, const uint8_t* wanted,
+                  const Mask& mask, Mask* changed) {
+  changed->add_differences(view_of(table, position, wanted), now, wanted);
   for (uint32_t at = 0; at < table.stride; ++at) changed->bytes()[at] &= mask.bytes()[at];
 }
 
@@ -313,9 +334,17 @@ Written Edit::change(const Table& table, uint32_t position, const uint8_t* recor
   if (!lock) return lock.fault();
   uint8_t* to = RecordLock::record_of(*this, table, position);
   if (!is_used(table, to)) return Written::kNotUsed;
+  Buffer merged;
+  if (mask.is_partial()) {
+    /* The other bits of a byte are those of now, under the lock. */
+    Buffer(table.stride).swap(merged);
+    memcpy(merged.data(), to, table.stride);
+    mask.merge(merged.data(), record);
+    record = merged.data();
+  }
   if (g_journal != nullptr) {
     Mask changed(table);
-    mark_changed(table, to, record, mask, &changed);
+    mark_changed(table, position, to, record, mask, &changed);
     if (!changed.empty() &&
         !write_down({table, position, to, record, changed.bytes(), true, true})) {
       return Written::kFailed;
@@ -353,21 +382,37 @@ Written Edit::remove(const Table& table, uint32_t position, const uint8_t* expec
 
 namespace {
 
-/* Copies the fields that still have the value after the change. Bytes of opaque fields count one by
- * one. */
+/* Chooses what goes back of the bytes that a change has written: if all of them still have the
+ * values after the change. They are written or stay together. */
+void choose_bytes(const Change& change, const uint8_t* now, uint32_t at, uint32_t end, Mask* back,
+                  Mask* stays) {
+  bool is_changed = false, is_back = true, is_left = true;
+  for (uint32_t n = at; n < end; ++n) {
+    if (change.mask.data()[n] == 0) continue;
+    const uint8_t before = change.before.data()[n], after = change.after.data()[n];
+    is_changed |= before != after;
+    is_back &= now[n] == before;
+    is_left &= now[n] == after;
+  }
+  if (!is_changed || is_back) return;
+  for (uint32_t n = at; n < end; ++n) {
+    if (change.mask.data()[n] != 0) (is_left ? back : stays)->bytes()[n] = 0xff;
+  }
+}
+
+/* Chooses field by field, and in opaque fields byte by byte. A byte of two members stays for
+ * both. */
 void choose_fields(const Change& change, const uint8_t* now, Mask* back, Mask* stays) {
-  const uint8_t* before = change.before.data();
-  const uint8_t* after = change.after.data();
-  const uint8_t* mask = change.mask.data();
-  for (const Field& field : *change.table) {
-    const uint32_t unit = field.kind == Kind::kBytes ? 1 : field.size;
+  for (const Field& field : view_of(*change.table, change.position, now)) {
     const uint32_t end = field.record_at + uint32_t{field.size};
-    for (uint32_t at = field.record_at; (at = next_run(mask, at, end).at) < end; at += unit) {
-      if (memcmp(before + at, after + at, unit) == 0) continue;
-      if (memcmp(now + at, before + at, unit) == 0) continue;
-      Mask* to = memcmp(now + at, after + at, unit) == 0 ? back : stays;
-      memset(to->bytes() + at, 1, unit);
+    const bool is_opaque = field.kind == Kind::kBytes;
+    const uint32_t unit = is_opaque ? 1 : field.size;
+    for (uint32_t at = field.record_at; at < end; at += unit) {
+      choose_bytes(change, now, at, at + unit, back, stays);
     }
+  }
+  for (uint32_t at = 0; at < change.table->stride; ++at) {
+    if (stays->bytes()[at] != 0) back->bytes()[at] = 0;
   }
 }
 
@@ -564,12 +609,12 @@ int refuse_section(const Table& table) {
   return fail(kRefused, "%s always exists; scctl set changes it", table.name);
 }
 
+}  // namespace
+
 int refuse_free(const Table& table, uint32_t id) {
   return fail(kRefused, "%s/%u is free; scctl add %s/%u creates it", table.name, id, table.name,
               id);
 }
-
-}  // namespace
 
 int add_record(Source& live, const Table& table, const uint8_t* record, Spelling spelling,
                uint32_t* id) {
@@ -613,7 +658,11 @@ int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* rec
       return fail(kRefused, "%s.%s is written by add alone; delete %s/%u and add it", table.name,
                   field.name, table.name, id);
     }
-    memcpy(wanted.data() + field.record_at, record + field.record_at, field.size);
+  }
+  mask.merge(wanted.data(), record);
+  /* What was written under its names has them still. */
+  if (&view_of(table, id - 1, record) != &view_of(table, id - 1, wanted.data())) {
+    return fail_written(table, id, Written::kChanged);
   }
   if (has_key) {
     if (const int status = refuse_clash(now, wanted.data(), static_cast<int>(id - 1), spelling);

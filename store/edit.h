@@ -17,14 +17,22 @@ namespace store {
 
 constexpr uint32_t bit(AreaId area) { return 1u << area; }
 
-/* The bytes of a record that are written: 1 for each of them. */
+/* What of a record is written: the bits of each byte. */
 class Mask {
  public:
   explicit Mask(const Table& table) : table_(table), bytes_(table.stride) {}
   void add(const Field& field);
   /* Adds the bytes that differ: bytes of opaque fields one by one, other fields whole. */
-  void add_differences(const uint8_t* one, const uint8_t* other);
-  bool has(const Field& field) const { return bytes_.data()[field.record_at] != 0; }
+  void add_differences(const uint8_t* one, const uint8_t* other) {
+    add_differences(table_, one, other);
+  }
+  /* The same with the fields of a view. */
+  void add_differences(const Table& view, const uint8_t* one, const uint8_t* other);
+  bool has(const Field& field) const;
+  /* Whether only some bits of a byte are written. */
+  bool is_partial() const;
+  /* Takes the masked bits of another record into one. */
+  void merge(uint8_t* to, const uint8_t* from) const;
   bool empty() const;
   const uint8_t* bytes() const { return bytes_.data(); }
   uint8_t* bytes() { return bytes_.data(); }
@@ -122,6 +130,9 @@ void clear_interrupt();
 
 /* Prints that another program was faster; for kFailed prints nothing. Returns kRefused. */
 int fail_written(const Table& table, uint32_t id, Written written);
+
+/* Prints that the record is free. */
+int refuse_free(const Table& table, uint32_t id);
 
 /* Adds a record with this id. An id of 0 means the lowest free record; the id is then set. Refuses
  * a record that clashes. */

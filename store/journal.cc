@@ -29,12 +29,10 @@ void end_chunk(Chunk chunk, size_t start, Text* to) {
 }  // namespace
 
 Run next_run(const uint8_t* mask, uint32_t at, uint32_t end) {
-  const void* first = memchr(mask + at, 1, end - at);
-  if (first == nullptr) return {end, 0};
-  const auto begin = static_cast<uint32_t>(static_cast<const uint8_t*>(first) - mask);
-  const void* behind = memchr(mask + begin, 0, end - begin);
-  const uint8_t* to = behind != nullptr ? static_cast<const uint8_t*>(behind) : mask + end;
-  return {begin, static_cast<uint32_t>(to - mask) - begin};
+  while (at < end && mask[at] == 0) ++at;
+  uint32_t behind = at;
+  while (behind < end && mask[behind] != 0) ++behind;
+  return {at, behind - at};
 }
 
 void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to) {
@@ -71,7 +69,7 @@ void pack_step(const Step& step, uint32_t entry, Text* to) {
   const size_t start = to->size();
   Chunk chunk = {};
   chunk.kind = ChunkKind::kStep;
-  chunk.table = static_cast<uint8_t>(&table - kTables);
+  chunk.table = static_cast<uint8_t>(number_of(table));
   chunk.entry = entry;
   chunk.position = step.position;
   chunk.was_used = step.was_used;
@@ -122,7 +120,8 @@ void Change::put(const Buffer& values, uint8_t* record) const {
 
 bool Change::is_field_changed(const Field& field) const {
   for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
-    if (mask.data()[at] != 0 && before.data()[at] != after.data()[at]) return true;
+    const uint8_t own = mask.data()[at] & mask_at(field, at - field.record_at);
+    if (((before.data()[at] ^ after.data()[at]) & own) != 0) return true;
   }
   return false;
 }
@@ -164,7 +163,7 @@ void Changes::add(const Step& step) {
   for (Run run = next_run(mask, 0, end); run.size != 0; run = next_run(mask, run.end(), end)) {
     for (uint32_t at = run.at; at < run.end(); ++at) {
       if (change.mask.data()[at] == 0) change.before.data()[at] = step.before[at];
-      change.mask.data()[at] = 1;
+      change.mask.data()[at] = 0xff;
       change.after.data()[at] = step.is_used ? step.after[at] : 0;
     }
   }
@@ -186,7 +185,7 @@ void Changes::add(const Chunk& chunk) {
         static_cast<size_t>(end - at) < (chunk.is_used != 0 ? 2 : 1) * size_t{run.size}) {
       return;
     }
-    memset(mask.data() + run.at, 1, run.size);
+    memset(mask.data() + run.at, 0xff, run.size);
     memcpy(before.data() + run.at, at, run.size);
     at += run.size;
     if (chunk.is_used == 0) continue;

@@ -12,7 +12,7 @@
 
 namespace store {
 
-/* A change of a record as it is made. The mask has a byte for each byte of the record, 1 for those
+/* A change of a record as it is made. The mask has a byte for each byte of the record, not 0 for those
  * that are written. For a deleted record `after` is null; for one that is deleted or added the mask
  * is null, and all its fields count. */
 struct Step {
@@ -29,7 +29,7 @@ struct Run {
   uint32_t at, size;
   uint32_t end() const { return at + size; }
 };
-/* The first run of ones in a mask at or behind an offset; its size is 0 when there is none. */
+/* The first run of bytes other than 0 in a mask at or behind an offset; its size is 0 when there is none. */
 Run next_run(const uint8_t* mask, uint32_t at, uint32_t end);
 
 enum class ChunkKind : uint8_t {

@@ -13,7 +13,7 @@ bool JsonReader::fail(const char* fault) {
 }
 
 void JsonReader::skip_blanks() {
-  for (; at_ < end_ && strchr(" \t\r\n", *at_) != nullptr && *at_ != '\0'; ++at_) {
+  for (; at_ < end_ && (*at_ == ' ' || *at_ == '\n' || *at_ == '\r' || *at_ == '\t'); ++at_) {
     line_ += *at_ == '\n';
   }
 }
@@ -22,6 +22,21 @@ bool JsonReader::take(char c) {
   skip_blanks();
   if (fault_ != nullptr || at_ == end_ || *at_ != c) return false;
   ++at_;
+  return true;
+}
+
+bool JsonReader::is_next(char c) {
+  skip_blanks();
+  return fault_ == nullptr && at_ < end_ && *at_ == c;
+}
+
+bool JsonReader::word(const char* word) {
+  const size_t length = strlen(word);
+  if (!is_next(*word) || static_cast<size_t>(end_ - at_) < length ||
+      memcmp(at_, word, length) != 0) {
+    return false;
+  }
+  at_ += length;
   return true;
 }
 
@@ -147,10 +162,12 @@ bool JsonReader::string(Text* to) {
   if (at_ == end_ || *at_ != '"') return fail("expected a string");
   for (++at_; at_ < end_ && *at_ != '"';) {
     if (static_cast<unsigned char>(*at_) < ' ') return fail("control character in a string");
-    if (*at_ != '\\') {
-      to->add(*at_++);
-      continue;
+    const char* from = at_;
+    while (at_ < end_ && *at_ != '"' && *at_ != '\\' && static_cast<unsigned char>(*at_) >= ' ') {
+      ++at_;
     }
+    to->add(from, static_cast<size_t>(at_ - from));
+    if (at_ == end_ || *at_ != '\\') continue;
     ++at_;
     if (!escape(to)) return false;
   }

@@ -6,7 +6,7 @@
 
 namespace store {
 
-enum class JsonKind : uint8_t { kText, kNumber, kNumbers };
+enum class JsonKind : uint8_t { kText, kNumber, kNumbers, kNull };
 
 /* Reads JSON as far as an import needs it. The first fault is kept with its line. After it all
  * reads fail. */
@@ -23,6 +23,10 @@ class JsonReader {
   /* A value as it is typed on the command line: a string without quotes, a number, or the numbers
    * of an array with commas between them. */
   bool value(Text* value, JsonKind* kind);
+  /* Takes a word, such as true, if it is next. */
+  bool word(const char* word);
+  /* Whether this letter is next. */
+  bool is_next(char c);
   /* Only blanks are left. */
   bool end();
 
@@ -40,7 +44,7 @@ class JsonReader {
   bool escape(Text* to);
 
   const char* at_;
-  const char* end_;
+  const char* const end_;
   const char* fault_ = nullptr;
   unsigned line_ = 1;
 };
@@ -69,7 +73,7 @@ class JsonWriter {
   Text& value();
 
  private:
-  static constexpr int kDeepest = 6;
+  static constexpr int kDeepest = 12;
   struct Level {
     char closing;
     Layout layout;

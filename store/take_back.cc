@@ -4,6 +4,7 @@
 
 #include <sysconfig/ap.h>
 
+#include "store/overlay.h"
 #include "store/value.h"
 
 namespace store {
@@ -83,8 +84,8 @@ class TakingBack {
     return false;
   }
 
-  Snapshot& now(const Table& table) { return now_[&table - kTables]; }
-  Snapshot& then(const Table& table) { return then_[&table - kTables]; }
+  Snapshot& now(const Table& table) { return now_[number_of(table)]; }
+  Snapshot& then(const Table& table) { return then_[number_of(table)]; }
 
   /* Makes the table as it will be when all changes have gone back. */
   void predict(const Table& table) {
@@ -282,8 +283,9 @@ class TakingBack {
         break;
     }
     if (what != nullptr) say(change, nullptr, what);
-    for (const Field& field : *change.table) {
-      if (memchr(stays.bytes() + field.record_at, 1, field.size) == nullptr) continue;
+    for (const Field& field : names_of(*change.table, static_cast<int>(change.position))) {
+      const uint32_t end = field.record_at + uint32_t{field.size};
+      if (next_run(stays.bytes(), field.record_at, end).size == 0) continue;
       say(change, &field, "it was changed since; it stays");
     }
   }

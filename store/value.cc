@@ -3,6 +3,8 @@
 
 #include <arpa/inet.h>
 #include <ctype.h>
+#include <errno.h>
+#include <regex.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -50,69 +52,195 @@ bool parse_hex(const char* text, size_t size, uint8_t* bytes) {
   return size % 2 == 0;
 }
 
-void store_number(uint8_t* at, size_t width, int64_t value) {
-  for (size_t n = 0; n < width; ++n) at[n] = static_cast<uint8_t>(value >> (8 * n));
+void store_value(const Field& field, uint8_t* at, uint64_t value) {
+  const Extra* extra = field.extra;
+  if (extra == nullptr || extra->bits == 0) {
+    const bool is_big = extra != nullptr && extra->is_big;
+    for (size_t n = 0; n < field.width; ++n, value >>= 8) {
+      at[is_big ? field.width - 1 - n : n] = static_cast<uint8_t>(value);
+    }
+    return;
+  }
+  for (unsigned n = 0; n < extra->bits; ++n, value >>= 1) {
+    const unsigned place = extra->bit + (extra->is_big ? extra->bits - 1u - n : n);
+    const auto bit = static_cast<uint8_t>(extra->is_big ? 0x80 >> place % 8 : 1 << place % 8);
+    at[place / 8] = static_cast<uint8_t>((at[place / 8] & ~bit) | ((value & 1) != 0 ? bit : 0));
+  }
 }
 
-/* Reads one number, or several with commas between them. */
+int bits_of(const Field& field) {
+  return field.extra != nullptr && field.extra->bits != 0 ? field.extra->bits : 8 * field.width;
+}
+
+void add_number(const Field& field, int64_t number, Text* to) {
+  to->print(field.kind == Kind::kSigned ? "%lld" : "%llu", static_cast<long long>(number));
+}
+
+/* The value in an error message. */
+const char* shown_value(const Field& field, const char* text) {
+  return is_hidden(field) ? kSecret : text;
+}
+
+/* Reads one number or name, or several with commas between them. */
 int parse_numbers(const Table& table, const Field& field, const char* text, size_t size,
                   uint8_t* to) {
   const bool is_signed = field.kind == Kind::kSigned;
-  const int bits = 8 * field.width;
-  const long long least = is_signed ? -(1LL << (bits - 1)) : 0;
-  const long long most = (1LL << (is_signed ? bits - 1 : bits)) - 1;
+  const int bits = bits_of(field);
   const size_t count = field.size / field.width;
   const char* const end = text + size;
   const char* at = text;
+  for (const EnumName* name = field.extra != nullptr ? field.extra->names : nullptr;
+       name != nullptr; name = name->next) {
+    if (strcmp(name->name, text) != 0) continue;
+    store_value(field, to, static_cast<uint64_t>(name->number));
+    return kOk;
+  }
   for (size_t n = 0; n < count; ++n, ++at) {
-    char* rest = const_cast<char*>(at);
-    const char* digits = at + (*at == '-');
-    const int base = digits[0] == '0' && (digits[1] | ' ') == 'x' ? 16 : 10;
-    const long long value =
-        isdigit(static_cast<unsigned char>(*digits)) ? strtoll(at, &rest, base) : 0;
+    char* rest;
+    int64_t value;
+    const bool fits = read_number(at, &rest, is_signed, bits, &value);
     const char expected = n + 1 < count ? ',' : '\0';
     if (rest == at || rest > end || (rest == end ? '\0' : *rest) != expected) {
-      return count == 1
-                 ? fail(kRefused, "%s.%s: '%s' is not a number", table.name, field.name, text)
-                 : fail(kRefused, "%s.%s: '%s' is not %zu numbers with commas between them",
-                        table.name, field.name, text, count);
+      return count == 1 ? fail(kRefused, "%s.%s: '%s' is not a number", table.name, field.name,
+                               shown_value(field, text))
+                        : fail(kRefused, "%s.%s: '%s' is not %zu numbers with commas between them",
+                               table.name, field.name, shown_value(field, text), count);
     }
-    if (value < least || value > most) {
-      return fail(kRefused, "%s.%s: %.*s is not within %lld to %lld", table.name, field.name,
-                  static_cast<int>(rest - at), at, least, most);
+    if (!fits) {
+      const uint64_t high = 1ULL << (bits - 1);
+      Text least;
+      if (is_signed) least.print("-%llu", static_cast<unsigned long long>(high));
+      return fail(kRefused, "%s.%s: %.*s is not within %s to %llu", table.name, field.name,
+                  static_cast<int>(rest - at), at, is_signed ? least.c_str() : "0",
+                  static_cast<unsigned long long>(is_signed ? high - 1 : high - 1 + high));
     }
-    store_number(to + n * field.width, field.width, value);
+    store_value(field, to + n * field.width, static_cast<uint64_t>(value));
     at = rest;
   }
   return kOk;
+}
+
+/* Writes all of the field's bits; zeros behind the digits. False when a digit is wrong, or names a
+ * bit of another member. */
+bool store_hex(const Field& field, const char* digits, size_t size, uint8_t* to) {
+  Buffer bytes(field.size);
+  if (!parse_hex(digits, size, bytes.data())) return false;
+  for (size_t n = 0; n < field.size; ++n) {
+    if ((bytes.data()[n] & ~mask_at(field, n)) != 0) return false;
+  }
+  for (size_t n = 0; n < field.size; ++n) {
+    to[n] = static_cast<uint8_t>((to[n] & ~mask_at(field, n)) | bytes.data()[n]);
+  }
+  return true;
 }
 
 size_t text_size(const Field& field, const uint8_t* record) {
   return strnlen(reinterpret_cast<const char*>(record) + field.record_at, field.size);
 }
 
-void add_hex(const uint8_t* bytes, size_t size, Text* to) {
+void add_hex(const Field& field, const uint8_t* record, Text* to) {
   static constexpr char kDigits[] = "0123456789abcdef";
+  const size_t size = size_without_trailing_zeros(field, record);
   for (size_t n = 0; n < size; ++n) {
-    to->add(kDigits[bytes[n] >> 4]);
-    to->add(kDigits[bytes[n] & 0xf]);
+    const uint8_t byte = record[field.record_at + n] & mask_at(field, n);
+    to->add(kDigits[byte >> 4]);
+    to->add(kDigits[byte & 0xf]);
   }
 }
 
 }  // namespace
 
-int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
-  if (width == 0 || width > sizeof(uint64_t)) __builtin_unreachable();
-  uint64_t value = 0;
-  for (size_t n = 0; n < width; ++n) value |= static_cast<uint64_t>(at[n]) << (8 * n);
-  const uint64_t sign = 1ULL << (8 * width - 1);
+bool g_shows_secrets;
+
+bool is_token(const Field& field, const char* text, size_t size) {
+  return field.is_secret && size == strlen(kSecret) && memcmp(text, kSecret, size) == 0;
+}
+
+static int64_t extend(uint64_t value, int bits, bool is_signed) {
+  const uint64_t sign = 1ULL << (bits - 1);
   if (is_signed && (value & sign) != 0) value |= ~(sign - 1);
   return static_cast<int64_t>(value);
+}
+
+int64_t load_number(const uint8_t* at, size_t width, bool is_signed) {
+  uint64_t value = 0;
+  for (size_t n = 0; n < width; ++n) value |= static_cast<uint64_t>(at[n]) << (8 * n);
+  return extend(value, static_cast<int>(8 * width), is_signed);
+}
+
+int64_t load_value(const Field& field, const uint8_t* at) {
+  const Extra* extra = field.extra;
+  const bool is_signed = field.kind == Kind::kSigned;
+  if (extra == nullptr || (extra->bits == 0 && !extra->is_big)) {
+    return load_number(at, field.width, is_signed);
+  }
+  const unsigned first = extra->bit;
+  const int bits = bits_of(field);
+  uint64_t value = 0;
+  for (unsigned n = 0; n < static_cast<unsigned>(bits); ++n) {
+    const unsigned place = first + n;
+    if (extra->is_big)
+      value = value << 1 | (at[place / 8] >> (7 - place % 8) & 1);
+    else
+      value |= static_cast<uint64_t>(at[place / 8] >> place % 8 & 1) << n;
+  }
+  return extend(value, bits, is_signed);
+}
+
+const char* name_of(const Field& field, int64_t number) {
+  const EnumName* name = field.extra != nullptr ? field.extra->names : nullptr;
+  while (name != nullptr && name->number != number) name = name->next;
+  return name != nullptr ? name->name : nullptr;
+}
+
+bool read_number(const char* text, char** end, bool is_signed, int bits, int64_t* number) {
+  *end = const_cast<char*>(text);
+  const bool is_negative = *text == '-';
+  const char* digits = text + is_negative;
+  if (isdigit(static_cast<unsigned char>(*digits)) == 0) return false;
+  errno = 0;
+  const uint64_t size =
+      strtoull(digits, end, digits[0] == '0' && (digits[1] | ' ') == 'x' ? 16 : 10);
+  *number = static_cast<int64_t>(is_negative ? -size : size);
+  const uint64_t high = 1ULL << (bits - 1);
+  const uint64_t most = is_signed ? high - !is_negative : is_negative ? 0 : high - 1 + high;
+  return errno == 0 && size <= most;
+}
+
+bool equal(const Field& field, const uint8_t* one, const uint8_t* other) {
+  one += field.record_at;
+  other += field.record_at;
+  if (field.extra == nullptr || field.extra->mask == nullptr) {
+    return memcmp(one, other, field.size) == 0;
+  }
+  for (size_t n = 0; n < field.size; ++n) {
+    if (((one[n] ^ other[n]) & mask_at(field, n)) != 0) return false;
+  }
+  return true;
+}
+
+void copy_field(const Field& field, uint8_t* to, const uint8_t* from) {
+  to += field.record_at;
+  from += field.record_at;
+  for (size_t n = 0; n < field.size; ++n) {
+    const uint8_t own = mask_at(field, n);
+    to[n] = static_cast<uint8_t>((to[n] & ~own) | (from[n] & own));
+  }
+}
+
+size_t list_size(const Field& field) {
+  const bool number = field.kind == Kind::kSigned || field.kind == Kind::kUnsigned;
+  const bool is_list = field.size > field.width || (field.extra != nullptr && field.extra->is_list);
+  return number && is_list ? field.size / field.width : 0;
 }
 
 size_t size_without_trailing_zeros(const Field& field, const uint8_t* record) {
   size_t size = field.size;
   const uint8_t* at = record + field.record_at;
+  if (field.extra != nullptr && field.extra->mask != nullptr) {
+    while (size > 0 && (at[size - 1] & field.extra->mask[size - 1]) == 0) --size;
+    return size;
+  }
   static constexpr uint8_t kZeros[256] = {};
   while (size >= sizeof kZeros && memcmp(at + size - sizeof kZeros, kZeros, sizeof kZeros) == 0) {
     size -= sizeof kZeros;
@@ -132,7 +260,8 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
           uint8_t* record) {
   uint8_t* to = record + field.record_at;
   const auto refuse = [&](const char* what) {
-    return fail(kRefused, "%s.%s: '%s' is not a valid %s", table.name, field.name, text, what);
+    return fail(kRefused, "%s.%s: '%s' is not a valid %s", table.name, field.name,
+                shown_value(field, text), what);
   };
   const size_t limit = field.kind == Kind::kBytes ? 2 * field.size : field.size;
   const bool limited = is_text(field) || field.kind == Kind::kBytes;
@@ -146,7 +275,10 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
         return refuse("MAC address, such as 00:11:22:33:44:55");
       }
       [[fallthrough]];
-    case Kind::kText: memcpy(to, text, size); return kOk;
+    case Kind::kText:
+      memset(to, 0, field.size);
+      memcpy(to, text, size);
+      return kOk;
     case Kind::kAddress: {
       in_addr address;
       if (strlen(text) != size || inet_pton(AF_INET, text, &address) != 1) {
@@ -162,7 +294,8 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
       return kOk;
     }
     case Kind::kBytes:
-      return parse_hex(text, size, to) ? kOk : refuse("row of hex digits, two for each byte");
+      return store_hex(field, text, size, to) ? kOk
+                                              : refuse("row of hex digits, two for each byte");
     case Kind::kSigned:
     case Kind::kUnsigned: break;
   }
@@ -170,7 +303,7 @@ int parse(const Table& table, const Field& field, const char* text, size_t size,
 }
 
 int parse_text_bytes(const Table& table, const Field& field, const char* hex, uint8_t* record) {
-  if (!is_text(field)) {
+  if (!is_text(field) && field.extra == nullptr) {
     return fail(kUsage, "%s.%s is not a text; :hex is for texts only", table.name, field.name);
   }
   const size_t digits = strlen(hex);
@@ -178,9 +311,9 @@ int parse_text_bytes(const Table& table, const Field& field, const char* hex, ui
     return fail(kRefused, "%s.%s: %zu digits, at most %u fit", table.name, field.name, digits,
                 2u * field.size);
   }
-  if (parse_hex(hex, digits, record + field.record_at)) return kOk;
+  if (store_hex(field, hex, digits, record + field.record_at)) return kOk;
   return fail(kRefused, "%s.%s: '%s' is not a valid row of hex digits, two for each byte",
-              table.name, field.name, hex);
+              table.name, field.name, shown_value(field, hex));
 }
 
 bool is_same_text(const Field& field, const uint8_t* one, const uint8_t* other) {
@@ -200,6 +333,10 @@ bool is_same_mac_text(const Field& field, const uint8_t* one, const uint8_t* oth
 
 void format(const Field& field, const uint8_t* record, Text* to) {
   const uint8_t* at = record + field.record_at;
+  if (is_hidden(field)) {
+    to->add(kSecret);
+    return;
+  }
   switch (field.kind) {
     case Kind::kText:
     case Kind::kMacText:
@@ -209,18 +346,22 @@ void format(const Field& field, const uint8_t* record, Text* to) {
     case Kind::kMac:
       to->print("%02x:%02x:%02x:%02x:%02x:%02x", at[0], at[1], at[2], at[3], at[4], at[5]);
       return;
-    case Kind::kBytes: add_hex(at, size_without_trailing_zeros(field, record), to); return;
+    case Kind::kBytes: add_hex(field, record, to); return;
     case Kind::kSigned:
     case Kind::kUnsigned: break;
   }
   for (size_t n = 0; n < field.size; n += field.width) {
-    to->print(n == 0 ? "%lld" : ",%lld", static_cast<long long>(load_number(
-                                             at + n, field.width, field.kind == Kind::kSigned)));
+    if (n > 0) to->add(',');
+    const int64_t number = load_value(field, at + n);
+    if (const char* name = name_of(field, number); name != nullptr)
+      to->add(name);
+    else
+      add_number(field, number, to);
   }
 }
 
 void format_shown(const Field& field, const uint8_t* record, Text* to) {
-  if (!is_text(field)) {
+  if (!is_text(field) || is_hidden(field)) {
     format(field, record, to);
     return;
   }
@@ -264,7 +405,7 @@ bool is_all_harmless(const char* text, size_t size) {
 }  // namespace
 
 void format_part(const Field& field, const uint8_t* record, bool whole, Text* to) {
-  if (!is_text(field)) {
+  if (!is_text(field) || is_hidden(field)) {
     format(field, record, to);
     return;
   }
@@ -283,36 +424,80 @@ void add_word(const char* text, size_t size, Text* to) {
 }
 
 void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to) {
+  const char* quote = strchr(field.name, '[') != nullptr ? "'" : "";
+  to->print(" %s%s%s", quote, field.name, quote);
   const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
   const size_t size = size_without_trailing_zeros(field, record);
-  if (!is_text(field)) {
-    to->print(" %s=", field.name);
+  if (is_hidden(field)) {
+    to->print("='%s'", kSecret);
+    return;
+  }
+  const bool is_refused = find_fault(field, record) != nullptr;
+  if (!is_text(field) && !is_refused) {
+    to->add('=');
     format(field, record, to);
     return;
   }
   uint8_t mac[SC_MAC_BYTES];
-  const bool typed = checked && (field.kind == Kind::kText || parse_mac(text, size, mac));
+  const bool typed = checked && !is_refused && !is_token(field, text, size) &&
+                     (field.kind == Kind::kText || parse_mac(text, size, mac));
   if (!typed || !is_all_harmless(text, size)) {
-    to->print(" %s:hex=", field.name);
-    add_hex(record + field.record_at, size, to);
+    to->add(":hex=");
+    add_hex(field, record, to);
     return;
   }
-  to->print(" %s=", field.name);
+  to->add('=');
   if (size > 0 && !is_bare(text, size))
     add_quoted(text, size, to);
   else
     to->add(text, size);
 }
 
+const char* find_fault(const Field& field, const uint8_t* record) {
+  const Extra* extra = field.extra;
+  if (extra == nullptr) return nullptr;
+  const uint8_t* at = record + field.record_at;
+  if (extra->pattern != nullptr && field.kind == Kind::kText) {
+    Text text;
+    text.add(reinterpret_cast<const char*>(at), text_size(field, record));
+    regex_t pattern;
+    if (regcomp(&pattern, extra->pattern, REG_EXTENDED | REG_NOSUB) != 0) {
+      return "the overlay's pattern is not valid";
+    }
+    const bool matches = regexec(&pattern, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&pattern);
+    return matches ? nullptr : "it does not match the pattern";
+  }
+  if (extra->names == nullptr && !extra->has_range) return nullptr;
+  for (size_t n = 0; n < field.size; n += field.width) {
+    const int64_t number = load_value(field, at + n);
+    if (extra->names != nullptr && name_of(field, number) == nullptr) return "it has no name";
+    if (!extra->has_range) continue;
+    const bool is_within =
+        field.kind == Kind::kSigned
+            ? number >= extra->least && number <= extra->most
+            : static_cast<uint64_t>(number) >= static_cast<uint64_t>(extra->least) &&
+                  static_cast<uint64_t>(number) <= static_cast<uint64_t>(extra->most);
+    if (!is_within) return "it is out of range";
+  }
+  return nullptr;
+}
+
 void format_json(const Field& field, const uint8_t* record, bool whole, Text* to) {
+  if (is_hidden(field)) {
+    to->add("null");
+    return;
+  }
   if (is_text(field)) {
     add_json_text(record + field.record_at,
                   whole ? size_without_trailing_zeros(field, record) : text_size(field, record),
                   to);
     return;
   }
-  const bool numbers = field.kind == Kind::kSigned || field.kind == Kind::kUnsigned;
-  const char* marks = !numbers ? "\"\"" : field.size > field.width ? "[]" : nullptr;
+  const bool number = field.kind == Kind::kSigned || field.kind == Kind::kUnsigned;
+  const bool is_named =
+      number && name_of(field, load_value(field, record + field.record_at)) != nullptr;
+  const char* marks = !number || is_named ? "\"\"" : list_size(field) != 0 ? "[]" : nullptr;
   if (marks != nullptr) to->add(marks[0]);
   format(field, record, to);
   if (marks != nullptr) to->add(marks[1]);

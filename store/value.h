@@ -11,12 +11,22 @@ namespace store {
 /* Typed by a person, or copied from a store. Copied texts are accepted as they are. */
 enum class Origin : uint8_t { kTyped, kCopied };
 
-/* Writes the value into the record, where the field is still zero. If the value is invalid, prints
- * an error message and returns kRefused. The text is terminated. */
+/* Whether secrets are shown. Otherwise a token stands for each. */
+extern bool g_shows_secrets;
+inline constexpr char kSecret[] = "<secret>";
+inline bool is_hidden(const Field& field) { return field.is_secret && !g_shows_secrets; }
+/* Whether a value is the token: it leaves a secret as it is. */
+bool is_token(const Field& field, const char* text, size_t size);
+
+/* Writes the value into the record. If the value is invalid, prints an error message and returns
+ * kRefused. The text is terminated. */
 int parse(const Table& table, const Field& field, const char* text, size_t size, Origin origin,
           uint8_t* record);
 
-/* FIELD:hex=HEX: writes the bytes of a text, without a check. */
+/* What range, names and pattern say against the value; null: nothing. */
+const char* find_fault(const Field& field, const uint8_t* record);
+
+/* FIELD:hex=HEX: writes the bytes of a text or of an overlay's member, without a check. */
 int parse_text_bytes(const Table& table, const Field& field, const char* hex, uint8_t* record);
 
 inline bool is_text(const Field& field) {
@@ -53,13 +63,27 @@ void format_json(const Field& field, const uint8_t* record, bool whole, Text* to
 /* The size of the field without the zeros at its end. */
 size_t size_without_trailing_zeros(const Field& field, const uint8_t* record);
 
-inline bool equal(const Field& field, const uint8_t* one, const uint8_t* other) {
-  return __builtin_memcmp(one + field.record_at, other + field.record_at, field.size) == 0;
+/* The field's own bits in one of its bytes. */
+inline uint8_t mask_at(const Field& field, size_t at) {
+  return field.extra == nullptr || field.extra->mask == nullptr ? 0xff : field.extra->mask[at];
 }
+
+bool equal(const Field& field, const uint8_t* one, const uint8_t* other);
+/* Copies the field from a record to another one. */
+void copy_field(const Field& field, uint8_t* to, const uint8_t* from);
+/* The size of the field in a JSON list; 0: it is no list. */
+size_t list_size(const Field& field);
 
 bool has_equal_fields(const Table& table, const uint8_t* one, const uint8_t* other);
 
-/* A number of 1 to 4 bytes at any address. */
+/* A number of the field; `at` is the first of its bytes. */
+int64_t load_value(const Field& field, const uint8_t* at);
+/* The name that the field gives to a number; null: none. */
+const char* name_of(const Field& field, int64_t number);
+/* Reads a number of 1 to 8 bytes with a sign or without one. False if it does not fit. */
+bool read_number(const char* text, char** end, bool is_signed, int bits, int64_t* number);
+
+/* A number of 1 to 8 bytes at any address. */
 int64_t load_number(const uint8_t* at, size_t width, bool is_signed);
 inline int32_t load_word(const uint8_t* at) {
   return static_cast<int32_t>(load_number(at, 4, true));

@@ -14,6 +14,7 @@ mkdir "$work/bin"
 printf '#!/bin/sh\nexec %s "$@"\n' "${emulator[*]@Q} '$build/scctl/scctl'" >"$work/bin/scctl"
 chmod +x "$work/bin/scctl"
 export PATH=$work/bin:$PATH
+cd "$root"
 failed=0
 
 complain() {
@@ -70,6 +71,9 @@ says '$ scctl areas' bindings.txt
 says 'bind_mac' bindings.txt
 says '50888 bytes compared, 0 differ.' bindings.txt
 says ' var/systemconfig/config_lan.cfg' bindings.txt
+[[ $(grep -A 1 '^\$ scctl get wan/1.mtu' "$work/out" | tail -1) == 1492 ]] ||
+  complain 'bindings.txt: no MTU before it is set'
+says 'mtu                   1400 bytes' bindings.txt
 says '  6 FwIpport, 9 Qos, 10 IpGroup' bindings.txt
 says '  6 FwIpport, 8 FwUrl, 7 FwMac, 9 Qos, 11 TimeGroup' bindings.txt
 says 'Sixteen images are back, 0 bytes differ.' bindings.txt

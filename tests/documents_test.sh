@@ -5,7 +5,7 @@
 # The links of the documents to files of this repository lead somewhere.
 # usage: tests/documents_test.sh [BUILD]
 # With the folder of a build whose programs run here, the README's command for its first program and all
-# commands of docs/TRY.md are run, too, and print what the documents say.
+# commands of docs/TRY.md and docs/OVERLAYS.md are run, too, and print what the documents say.
 set -euo pipefail
 build=${1:+$(readlink -f "$1")}
 cd "$(dirname "$0")/.."
@@ -79,14 +79,18 @@ alike() {
   sed -E 's/process [0-9]+/process N/; s/[0-9-]{10} [0-9:]{8}/DATE/; s/[0-9]+ s( left)?(:|$)/N s\1\2/'
 }
 
-try_page() {
+# page DOCUMENT COMMAND: what stands before the first command of the document.
+page() {
   local script
   script=$(mktemp)
-  sed -n 's/^    //p' docs/TRY.md >"$script"
+  {
+    printf '$ %s\n' "$2"
+    sed -n 's/^    //p' "$1"
+  } >"$script"
   checked=$((checked + 1))
-  diff -u -L docs/TRY.md -L said <(alike <"$script") \
+  diff -u -L "$1" -L said <(alike <"$script") \
     <(timeout 120 examples/private_world tests/scctl_test.sh --inside "$script" "$build" 2>&1 | alike) ||
-    complain "docs/TRY.md: its commands print something else"
+    complain "$1: its commands print something else"
   rm "$script"
 }
 
@@ -95,7 +99,9 @@ for document in *.md */README.md docs/*.md; do
   links <"$document"
 done
 [[ -z $build ]] || first_program
-[[ -z $build ]] || try_page
+[[ -z $build ]] || page docs/TRY.md :
+# shellcheck disable=SC2016  # scctl_test.sh has the variable
+[[ -z $build ]] || page docs/OVERLAYS.md 'cp "$root"/examples/vendor/vendor.[chj]* .; scctl init --all'
 [[ $checked -gt 0 ]] || complain "nothing was checked"
 echo "$checked blocks and links checked"
 exit "$failed"

@@ -12,6 +12,7 @@
 #include <sysconfig/filter.h>
 #include <sysconfig/rules.h>
 
+#include "../vendor/vendor.h"
 #include "areas.h"
 #include "listener.h"
 #include "page.h"
@@ -229,15 +230,28 @@ static void set_wan(void) {
   heading("Settings without a table");
   puts(
       "Wan, Misc, the product information and the default template hold settings of\n"
-      "other programs, which write a section under its lock byte and tell the daemon.\n");
+      "other programs, which write a section under its lock byte and tell the daemon.\n"
+      "One of them is a made-up vendor's, with a struct of its own for the section.\n");
+  const struct wan_section settings = {.magic = WAN_MAGIC,
+                                       .mtu = 1492,
+                                       .enabled = 1,
+                                       .mode = WAN_PPPOE,
+                                       .pppoe = {.user = "demo", .password = "uplink of the demo"}};
   struct WanSection* section = &wan->sections[0];
+  _Static_assert(sizeof settings <= sizeof section->settings, "the vendor's struct fits");
   int file = lock(wan->header.lock_path, section->lock_index);
-  strcpy((char*)section->settings, "uplink of the demo");
+  memcpy(section->settings, &settings, sizeof settings);
   unlock(file, section->lock_index);
   SC_Save_System_Wan_Config();
   row("  Wan section 1, under lock byte %d: written", (int)section->lock_index);
   heard();
-  type("scctl list wan");
+  type("scctl get wan/1.settings | cut -c 1-72");
+  puts("\nAn overlay, made of the debug information of the vendor's object, has names:\n");
+  type("scctl get wan/1.mtu --overlay examples/vendor/vendor.json");
+  type("scctl set wan/1 mtu=1400 --overlay examples/vendor/vendor.json");
+  row("  written under the same lock byte");
+  heard();
+  type("scctl get wan/1 --overlay examples/vendor/vendor.json | head -12");
 }
 
 /* ---- access points ---- */

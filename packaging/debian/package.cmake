@@ -32,10 +32,10 @@ to flash archives.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libsysconfig-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libsysconfig1 (= ${version}), libc6-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libsysconfig1 (= ${version}), libc6-dev, python3:any, python3-pyelftools")
 set(CPACK_DEBIAN_DEV_DESCRIPTION "live configuration of a router in shared memory (development)
-Headers, the static library, files for pkg-config and CMake, and a manual
-page for each function.")
+Headers, the static library, files for pkg-config and CMake, a manual page for
+each function, and the program that makes overlays from debug information.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME sysconfig-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)

@@ -17,3 +17,5 @@ EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_DISABLE_FIND_PACKAGE_Pyth
 
 PACKAGES =+ "${PN}-tools"
 FILES:${PN}-tools = "${bindir}/scctl ${sbindir}/scguard ${datadir}/bash-completion"
+# Made where Python is found alone; a developer's, never a router's.
+FILES:${PN}-dev =+ "${bindir}/scctl-overlay-import ${datadir}/sysconfig"

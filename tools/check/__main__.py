@@ -56,6 +56,7 @@ CHECKS = {
 SLOW_CHECKS = {
     "sizes": sizes.check_sizes,
     "layout": sources.check_layout,
+    "overlays": tests.check_overlays,
     "package": tests.check_package,
     "small": tests.check_small,
     "demo": tests.check_demo,

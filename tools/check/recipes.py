@@ -14,6 +14,8 @@ from suite import LOGS, ROOT, output
 PACKAGING = ROOT / "packaging"
 LIBRARY = {"usr/lib/libsysconfig.so.1", "usr/lib/libsysconfig.so.1.0.0"}
 PROGRAMS = {"usr/bin/scctl", "usr/sbin/scguard"}
+# It needs Python, which no router has.
+IMPORTER = {"usr/bin/scctl-overlay-import", "usr/share/sysconfig/layout.json"}
 
 FEED_RULES = """
 INSTALL_DIR := install -d -m0755
@@ -148,7 +150,8 @@ def check_layer(suite, prefix, version):
                    "CMakeLists.txt").exists(), "the .bb names this checkout")
 
     takes = {package: values["FILES:" + package].split() for package in values["PACKAGES"].split()}
-    takes.update(DEFAULT_FILES)
+    takes.update({package: values.get("FILES:" + package, "").split() + patterns
+                  for package, patterns in DEFAULT_FILES.items()})
     taken = {package: set() for package in takes}
     for name in files_of(prefix):
         for package, patterns in takes.items():
@@ -162,6 +165,7 @@ def check_layer(suite, prefix, version):
     suite.verdict(taken["${PN}-tools"] == PROGRAMS | {
         "usr/share/bash-completion/completions/scctl"}, "the .bb's tools",
         " ".join(taken["${PN}-tools"]))
+    suite.verdict(IMPORTER <= taken["${PN}-dev"], "the .bb's importer", " ".join(taken["${PN}-dev"]))
 
 
 def as_path(pattern):

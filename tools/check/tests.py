@@ -187,6 +187,24 @@ def check_counts(suite, results):
                       (target, len(result.ran), len(listed), len(every)))
 
 
+VENDOR_PLACES = ("Wan.sections.settings=wan_section", "ManageApList.aps.opaque_11800=ap_vendor",
+                 "ProductInfo.settings=product_info")
+
+
+def check_overlays(suite):
+    """What the importer makes of objects, case by case, and beside three compilers. The example's overlay
+    is what it makes of the example's object, of each target."""
+    importer = BUILD / "host/scctl/scctl-overlay-import"
+    vendor = ROOT / "examples/vendor"
+    places = [word for place in VENDOR_PLACES for word in ("--at", place)]
+    for target in ("host", "i386", "mipsel"):
+        made = output([importer, BUILD / target / "examples/CMakeFiles/vendor.dir/vendor/vendor.c.o", *places])
+        suite.verdict(made == (vendor / "vendor.layout").read_text(), "vendor.layout, of " + target)
+    scctl = BUILD / "host/scctl/scctl"
+    for test, *words in (("importer_test",), ("compiler_test", "--scctl", scctl), ("vendor_test", scctl)):
+        suite.run([ROOT / "tests/overlay" / test, importer, *words], check=test)
+
+
 def check_package(suite):
     """The plain build, its installation, and a program that uses it by either way of finding it,
     run once from boot to power cut."""
