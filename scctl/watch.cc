@@ -258,7 +258,6 @@ class Watch {
       slow_ = now + kPauseMs;
       for (Watched& area : areas_) area.look_at(now);
     }
-    if (printing_ && events_.has_lost()) stream_.lose("queue");
     Printer printer;
     for (int n = 0; n < kAreaCount; ++n) {
       Watched& area = areas_[n];
@@ -273,6 +272,7 @@ class Watch {
       area.closes = 0;
       area.is_made = area.is_loaded = false;
     }
+    if (printing_ && events_.has_lost()) stream_.lose("queue");
   }
 
   /* Writes what the reader takes at once. False when it is gone. */
