@@ -35,7 +35,8 @@ Run next_run(const uint8_t* mask, uint32_t at, uint32_t end);
 enum class ChunkKind : uint8_t {
   kBegin, /* of an entry of the log: who, when and what */
   kStep,
-  kNotUndoable /* an entry of the log did more than its steps say */
+  kNotUndoable, /* an entry of the log did more than its steps say */
+  kSeen         /* as kBegin, of an entry about another program */
 };
 
 /* The head of a chunk. In a kStep runs of bytes follow: offset, size, the bytes before and, unless
@@ -48,13 +49,14 @@ struct Chunk {
   uint32_t entry;
   uint32_t position;
   uint8_t was_used, is_used;
-  uint16_t spare;
+  uint16_t program; /* a sum of the name of the program; 0: scctl itself */
 };
 static_assert(sizeof(Chunk) == 20);
 
 /* Makes the chunk of a step. */
-void pack_step(const Step& step, uint32_t entry, Text* to);
-void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to);
+void pack_step(const Step& step, uint32_t entry, Text* to, uint16_t program = 0);
+void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to,
+          uint16_t program = 0);
 
 /* The chunk at an offset of a journal's bytes; null at their end, and where a chunk is cut off. */
 const Chunk* chunk_at(const Text& bytes, size_t at);
