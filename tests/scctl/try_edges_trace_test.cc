@@ -224,6 +224,23 @@ TEST_F(TraceTryEdgeTest, UntilTheCopiesAreRenewed_NobodyCanSave) {
   EXPECT_TRUE(is_over());
 }
 
+/* A confirm that goes on, although a boot would take the areas back. */
+TEST_F(TraceTryEdgeTest, WhileTheMarkerCannotBeRemoved_NothingIsConfirmed) {
+  start_try_of("set lan_binds/1 name=tried\n");
+  const Outcome outcome = trace(scctl({"confirm"}), [](const SystemCall& call) {
+    const bool removes = !call.is_done && call.call == SYS_unlinkat && call.text(1) == "try";
+    return removes ? Fate{Fate::kFails, EIO} : Fate{};
+  });
+  EXPECT_EQ(outcome.status, 3) << outcome;
+  EXPECT_EQ(
+      outcome.err,
+      "scctl: /var/dataconfig: not confirmed: the marker is not removed: Input/output error\n");
+  EXPECT_TRUE(exists(kMarkerFile));
+  EXPECT_TRUE(exists(kTryFile));
+  done({"confirm"});
+  EXPECT_FALSE(exists(kMarkerFile));
+}
+
 /* ---- guards ---- */
 
 TEST_F(TraceTryEdgeTest, AGuardOfTheLastTryThatWasStopped_DoesNotKeepTheNextOneFromStarting) {

@@ -168,6 +168,8 @@ TEST_F(TryTest, AChangeThatFails_IsTakenBackAtOnceWithItsStatus) {
       {{"import", "/var/text"}, 1},
       {{"import", "/var/missing"}, 3},
       {{"--", "sh", "-c", program + "; exit 7"}, 7},
+      /* What a terminal sends to all in the foreground is the program's. */
+      {{"--", "sh", "-c", program + "; kill -INT $PPID; kill -QUIT $PPID; exit 8"}, 8},
       {{"--", "sh", "-c", program + "; kill -9 $$"}, 128 + SIGKILL},
       {{"--", "/var/missing"}, 127},
       {{"--", "/var/text"}, 126},
@@ -179,6 +181,8 @@ TEST_F(TryTest, AChangeThatFails_IsTakenBackAtOnceWithItsStatus) {
         << outcome;
     expect_live(before, failing.words.back());
     EXPECT_TRUE(is_over());
+    EXPECT_NE(read_file("/var/systemconfig/scctl/ended").find(" is taken back (it failed): try "),
+              std::string::npos);
     EXPECT_FALSE(exists(kMarkerFile));
     EXPECT_EQ(run_scctl({"try", "--status"}).status, 1);
   }
