@@ -40,7 +40,7 @@ TEST_F(OverlaySecretsTest, NoCommand_ShowsAPlantedSecret) {
   done({"checkpoint", "before"});
   const std::string archive = golden_area("Wan").archive_path;
   write_file("/var/image", std::string(reinterpret_cast<char*>(block("Wan")), 4476));
-  EXPECT_NE(hidden({"get", "wan/1"}).out.find("psk                  <secret>"), std::string::npos);
+  EXPECT_NE(hidden({"get", "wan/1"}).out.find("\npsk             <secret>\n"), std::string::npos);
   EXPECT_EQ(hidden({"get", "wan/1.psk"}).out, "<secret>\n");
   EXPECT_EQ(hidden({"get", "wan/1.psk", "--json"}).out, "null\n");
   EXPECT_EQ(hidden({"get", "wan/1.token"}).out, "<secret>\n");

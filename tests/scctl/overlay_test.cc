@@ -96,12 +96,12 @@ TEST_F(OverlayTest, AList_HasTheColumnsOfTheFirstRecord) {
   shown({"set", "wan/1", "mtu=1400"});
   done({"set", "wan/3", "settings=454e41570006"});
   EXPECT_EQ(shown({"list", "wan"}),
-            "id   magic       mtu   bits.a  bits.b  bits.c  mode  port_count  level  temperature\n"
-            "1    1463897669  1400  0       0       0       off   0           0      0\n"
+            "id   magic       mtu   bits.a  bits.b  bits.c  mode  port_count  level\n"
+            "1    1463897669  1400  0       0       0       off   0           0\n"
             "2\n"
-            "3    1463897669  1536  0       0       0       off   0           0      0\n"
+            "3    1463897669  1536  0       0       0       off   0           0\n"
             "4\n"
-            "(4 of 4 records; 32 more fields: scctl get)\n");
+            "(4 of 4 records; 23 more fields: scctl get)\n");
 }
 
 TEST_F(OverlayTest, AFind_ComparesMembersOfTheRecordsThatHaveThem) {
@@ -204,7 +204,7 @@ TEST_F(OverlayTest, Cover_CountsTheBytesWithoutANameAndEndsWithTheirNumber) {
   block("Wan")[kWan + 6] = 0x30; /* two bits that no member has */
   EXPECT_EQ(outcome({"overlay", "cover", "Wan"}), (Outcome{1,
                                                            "wan/1.spare_10: 1 of 1 byte\n"
-                                                           "wan/1.spare_268: 2 of 692 bytes\n"
+                                                           "wan/1.spare_252: 2 of 708 bytes\n"
                                                            "bytes without a name: 3\n",
                                                            ""}));
   EXPECT_EQ(run(scctl({"overlay", "cover", "Wan"})).out,
