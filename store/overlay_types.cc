@@ -136,8 +136,12 @@ class Flattener {
 
   bool run() {
     if (!expand(*to_.type, 0, 0, 0, 0)) return false;
+    to_.numbered = static_cast<const Guard**>(
+        arena_.take((to_.guard_count + 1u) * sizeof(const Guard*)));
+    uint16_t number = 0;
     for (Guard* guard = to_.guards; guard != nullptr; guard = guard->next) {
       if (!find_operand(*guard)) return false;
+      to_.numbered[++number] = guard;
     }
     return true;
   }
