@@ -576,13 +576,13 @@ int run_completion(Call&) {
   puts(
       "_scctl() {\n"
       "  local command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]}\n"
-      "  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help' fields='' words='' ahead=''");
+      "  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help --overlay --secrets' fields='' words='' ahead=''");
   print_completion_words();
   puts(
       "  if [[ $COMP_CWORD == 1 ]]; then\n"
       "    words=\"$commands --help --version\"\n"
       "  elif [[ $before == = || $word == = ||\n"
-      "    $before =~ ^--(image|archive|exec|count|timeout|note|entry)$ ]]; then\n"
+      "    $before =~ ^--(image|archive|exec|count|timeout|note|entry|overlay|rename)$ ]]; then\n"
       "    return\n"
       "  elif [[ $word == -* ]]; then\n"
       "    words=$options\n"
@@ -592,6 +592,7 @@ int run_completion(Call&) {
       "    case $command:$COMP_CWORD in\n"
       "      help:2) words=$commands ;;\n"
       "      lease:2) words='save restore' ;;\n"
+      "      overlay:2) words='import cover' ;;\n"
       "      lease:3) words='clients aps' ;;\n"
       "      bind:2|unbind:2) words=ap_templates/ ;;\n"
       "      bind:3) words=aps/ ;;\n"

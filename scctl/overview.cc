@@ -49,7 +49,7 @@ void add_notes(const Field& field, Text* to) {
   add("", extra->unit);
   add("default ", extra->fallback);
   add("matches ", extra->pattern);
-  if (field.is_secret) add("", "secret");
+  if (field.is_secret) to->add(to->size() > 0 ? ", secret" : "secret");
 }
 
 }  // namespace

@@ -170,10 +170,6 @@ class OverlayReader {
     return true;
   }
 
-  bool name(const char** to) {
-    return text(to) && (is_name(*to) || refuse("'%s' is no name", *to));
-  }
-
   bool number(uint32_t most, uint32_t* to) {
     *to = 0;
     Text value;
@@ -254,7 +250,7 @@ class OverlayReader {
 
   bool read_place(const char* path) {
     const char* type = "";
-    if (!name(&type)) return false;
+    if (!text(&type)) return false;
     for (Place* place = model_.places; place != nullptr; place = place->next) {
       if (strcmp(place->path, path) == 0) {
         place->type = type;
@@ -269,7 +265,6 @@ class OverlayReader {
   }
 
   bool read_enum(const char* name) {
-    if (!is_name(name)) return refuse("'%s' is no name", name);
     Enum* made = find_named(model_.enums, name);
     if (made == nullptr) {
       made = arena_.make<Enum>();
@@ -303,7 +298,6 @@ class OverlayReader {
   }
 
   bool read_type(const char* name) {
-    if (!is_name(name)) return refuse("'%s' is no name", name);
     Type* type = find_named(model_.types, name);
     if (type == nullptr) {
       type = arena_.make<Type>();
@@ -379,10 +373,10 @@ class OverlayReader {
       case kAt: return member->has_at = number(kMostNumber, &member->at);
       case kKind: member->type = nullptr; return kind(member);
       case kSize: return number(kMostNumber, &member->size);
-      case kType: member->has_kind = false; return name(&member->type);
+      case kType: member->has_kind = false; return text(&member->type);
       case kCount: return counts(member);
       case kUsed: return text(&member->used);
-      case kNames: return name(&member->names);
+      case kNames: return text(&member->names);
       case kBit: return number(8 * kMostNumber, &member->bit);
       case kWidth:
         if (!number(64, &small)) return false;

@@ -127,6 +127,7 @@ struct Attachment {
   Node** end;
   Guard* guards;
   Guard** guards_end;
+  const Guard** numbered; /* the guards, the first at 1 */
   uint16_t guard_count;
   uint16_t root; /* the guard of the type itself; 0: it always holds */
   SeenHashes seen;

@@ -12,6 +12,7 @@ namespace store {
 namespace {
 
 constexpr uint32_t kMostNodes = 16384;
+constexpr char kTooMany[] = "more than 16384 members and types in all";
 constexpr int kDeepest = 16;
 constexpr uint32_t kMacTextSize = 17;
 
@@ -135,8 +136,12 @@ class Flattener {
 
   bool run() {
     if (!expand(*to_.type, 0, 0, 0, 0)) return false;
+    to_.numbered = static_cast<const Guard**>(
+        arena_.take((to_.guard_count + 1u) * sizeof(const Guard*)));
+    uint16_t number = 0;
     for (Guard* guard = to_.guards; guard != nullptr; guard = guard->next) {
       if (!find_operand(*guard)) return false;
+      to_.numbered[++number] = guard;
     }
     return true;
   }
@@ -174,6 +179,7 @@ class Flattener {
 
   bool expand(const Type& type, uint32_t at, uint16_t guard, uint16_t index, int depth) {
     if (depth > kDeepest) return refuse(type.name, "its types are nested too deeply");
+    if (++count_ > kMostNodes) return refuse(type.name, kTooMany);
     add_guards(type.conditions, type.name, &guard, &index);
     if (depth == 0) to_.root = guard;
     const size_t length = prefix_.size();
@@ -191,6 +197,7 @@ class Flattener {
     uint32_t size = member.size, elements = 1;
     for (uint32_t n = 0; n < member.dimensions; ++n) {
       (n < named ? elements : size) *= member.counts[n];
+      if (elements > kMostNodes) return refuse(member.name, kTooMany);
     }
     uint16_t used = 0;
     if (member.used != nullptr && member.dimensions > 0) {
@@ -252,7 +259,7 @@ class Flattener {
 
   bool add_node(const Member& member, uint32_t at, uint32_t size, uint16_t guard, uint16_t index,
                 bool is_counted) {
-    if (++count_ > kMostNodes) return refuse(member.name, "more than 16384 members");
+    if (++count_ > kMostNodes) return refuse(member.name, kTooMany);
     const char* name = prefix_.c_str();
     auto* node = arena_.make<Node>();
     Text whole;

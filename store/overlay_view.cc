@@ -100,22 +100,66 @@ Overlays::~Overlays() {
   }
 }
 
+namespace {
+
+/* Finds the values of an attachment's guards. A guard whose member does not hold is 0; a member that
+ * stands under the guard itself, as a magic does, is taken to hold. */
+class Evaluation {
+ public:
+  Evaluation(const Attachment& attachment, const uint8_t* record, uint16_t* values)
+      : attachment_(attachment),
+        record_(record),
+        values_(values),
+        states_(attachment.guard_count + 1u) {
+    states_.data()[0] = kKnown;
+    values_[0] = 1;
+  }
+
+  uint16_t value_of(uint16_t number) {
+    uint8_t& state = states_.data()[number];
+    if (state == kUnknown) {
+      state = kBusy;
+      values_[number] = find(*attachment_.numbered[number]);
+      state = kKnown;
+    }
+    return values_[number];
+  }
+
+ private:
+  enum : uint8_t { kUnknown, kBusy, kKnown };
+
+  bool holds(uint16_t guard, uint16_t index) {
+    return states_.data()[guard] == kBusy || value_of(guard) > index;
+  }
+
+  uint16_t find(const Guard& guard) {
+    const Node& operand = *guard.operand;
+    if (!holds(guard.outer, guard.outer_index) || !holds(operand.guard, operand.index)) return 0;
+    return guard.values == nullptr ? count_used(guard, record_)
+                                   : is_one_of(operand.field, record_, guard.values);
+  }
+
+  const Attachment& attachment_;
+  const uint8_t* record_;
+  uint16_t* values_;
+  Buffer states_;
+};
+
+}  // namespace
+
 /* The values of all guards, the first at 1. Without a record all of them hold. */
 void Overlays::evaluate(const Attachment& attachment, const uint8_t* record,
                         uint16_t* values) const {
-  uint32_t n = 0;
-  values[0] = 1;
-  for (const Guard* guard = attachment.guards; guard != nullptr; guard = guard->next) {
-    uint16_t value = 0;
-    if (record == nullptr)
-      value = static_cast<uint16_t>(guard->count);
-    else if (values[guard->outer] <= guard->outer_index)
-      value = 0;
-    else if (guard->values == nullptr)
-      value = count_used(*guard, record);
-    else
-      value = is_one_of(guard->operand->field, record, guard->values);
-    values[++n] = value;
+  if (record == nullptr) {
+    values[0] = 1;
+    for (uint32_t n = 1; n <= attachment.guard_count; ++n) {
+      values[n] = static_cast<uint16_t>(attachment.numbered[n]->count);
+    }
+    return;
+  }
+  Evaluation evaluation(attachment, record, values);
+  for (uint32_t n = 1; n <= attachment.guard_count; ++n) {
+    evaluation.value_of(static_cast<uint16_t>(n));
   }
 }
 
@@ -291,9 +335,10 @@ void Overlays::add_reasons(const Table& table, uint32_t position, const uint8_t*
     Buffer room((a->guard_count + 1u) * sizeof(uint16_t));
     auto* values = reinterpret_cast<uint16_t*>(room.data());
     evaluate(*a, record, values);
-    const Guard* guard = a->guards;
-    for (uint16_t n = 1; n < a->root && values[n] != 0; ++n) guard = guard->next;
     if (values[a->root] != 0) continue;
+    uint16_t n = 1;
+    while (values[n] != 0) ++n;
+    const Guard* guard = a->numbered[n];
     to->print("%s: %s is ", a->field->name, guard->name);
     format_part(guard->operand->field, record, false, to);
     to->print(", %s needs ", a->type->name);

@@ -13,7 +13,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
     "  * Packed by cpack. What changed is in changelog.gz.\n\n"
     " -- ${CPACK_DEBIAN_PACKAGE_MAINTAINER}  ${date}\n")
   if(component STREQUAL dev)
-    foreach(file LAYOUT.md layout.json)
+    foreach(file LAYOUT.md OVERLAYS.md layout.json)
       configure_file(${CPACK_SYSCONFIG_SOURCE}/docs/${file} ${documents}/${file} COPYONLY)
     endforeach()
   endif()

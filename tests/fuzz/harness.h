@@ -151,6 +151,7 @@ void run_index_list(Source& source);
 void run_archive(Source& source);
 void run_scctl_block(Source& source);
 void run_scctl_import(Source& source);
+void run_scctl_overlay(Source& source);
 void run_scctl_batch(Source& source);
 void run_scctl_value(Source& source);
 void run_store_tar(Source& source);
@@ -162,6 +163,7 @@ inline constexpr Harness kHarnesses[] = {
     {"archive", run_archive},
     {"scctl_block", run_scctl_block},
     {"scctl_import", run_scctl_import},
+    {"scctl_overlay", run_scctl_overlay},
     {"scctl_batch", run_scctl_batch},
     {"scctl_value", run_scctl_value},
     {"store_tar", run_store_tar},

@@ -9,6 +9,7 @@
 
 #include "fuzz/harness.h"
 #include "scctl/commands.h"
+#include "store/overlay.h"
 #include "store/value.h"
 #include "scctl/words.h"
 #include "support/areas.h"
@@ -150,6 +151,57 @@ void run_scctl_import(Source& source) {
     if (memcmp(live(area), bytes.data(), bytes.size()) != 0)
       found("a second import changed %s", area.c_str());
   }
+}
+
+/* An overlay, and contents of WAN sections, which come back from what is shown of them. */
+void run_scctl_overlay(Source& source) {
+  start_all();
+  const Bytes contents = source.bytes(source.half() % 1024);
+  const Bytes text = source.rest();
+  write_file(kImage, text.data(), text.size());
+  const store::Table& table = *store::find_table("wan", 3);
+  uint8_t* wan = live("Wan");
+  for (size_t n = 0; n < contents.size(); ++n) wan[140 + n % 956 + 960 * (n / 956)] = contents[n];
+  const Bytes expected(wan, wan + 4476);
+  std::string file = "{\"Wan\": {\"wan\": [";
+  {
+    store::Overlays overlays;
+    if (overlays.load(kImage) != store::kOk) {
+      if (run_command({"get", "wan/1", "--overlay", kImage}) != store::kRefused) {
+        found("a bad overlay is used");
+      }
+      return;
+    }
+    store::g_overlays = overlays.empty() ? nullptr : &overlays;
+    store::g_shows_secrets = true;
+    for (uint32_t position = 0; position < table.capacity; ++position) {
+      const uint8_t* record = wan + table.at + position * table.stride;
+      store::Text json;
+      store::JsonWriter writer(&json);
+      scctl::write_json_record(store::view_of(table, position, record), position + 1, record, true,
+                               &writer);
+      file += (position > 0 ? "," : "") + std::string(json.c_str());
+    }
+    store::g_overlays = nullptr;
+    store::g_shows_secrets = false;
+  }
+  file += "]}}";
+  write_file(kInput, file.data(), file.size());
+  for (const Words& words : {Words{"list", "wan"},
+                             {"get", "wan/1"},
+                             {"dump", "Wan"},
+                             {"schema"},
+                             {"fields", "wan"},
+                             {"overlay", "cover", "Wan"},
+                             {"list", "wan", "--commands"}}) {
+    Words with = words;
+    with.insert(with.end(), {"--overlay", kImage});
+    run_command(with);
+  }
+  memcpy(wan, started("Wan").data(), expected.size());
+  /* Conditions that depend on each other in a circle may be refused. */
+  if (run_command({"import", kInput, "--overlay", kImage}) != store::kOk) return;
+  if (memcmp(wan, expected.data(), expected.size()) != 0) found("an import lost bytes");
 }
 
 void run_scctl_batch(Source& source) {

@@ -1,0 +1,214 @@
+/* Secrets of overlays: shown nowhere unless --secrets is given, and kept by whoever gives the token
+ * back. */
+#include <filesystem>
+
+#include "scctl/overlay_case.h"
+
+namespace sc_test {
+namespace {
+
+constexpr char kPlanted[] = "plAnted-Secret";
+constexpr char kHex[] = "706c416e7465642d536563726574";
+
+class OverlaySecretsTest : public OverlayTest {
+ protected:
+  void SetUp() override {
+    OverlayTest::SetUp();
+    make_section();
+    memcpy(block("Wan") + kWan + 96, kPlanted, strlen(kPlanted));
+    const uint8_t token[] = {0xde, 0xad, 0xbe, 0xef, 0xfe, 0xed, 0xfa, 0xce};
+    memcpy(block("Wan") + kWan + 168, token, sizeof token);
+  }
+
+  static void expect_hidden(const std::string& text, const std::string& of) {
+    for (const std::string planted : {kPlanted, kHex, "deadbeef", "de ad be ef", "70 6c 41 6e"}) {
+      EXPECT_EQ(text.find(planted), std::string::npos) << of << ":\n" << text;
+    }
+  }
+  Outcome hidden(const Words& words, const std::string& input = "") {
+    const Outcome result = outcome(words, input);
+    std::string all;
+    for (const std::string& word : words) all += word + " ";
+    expect_hidden(result.out, all);
+    expect_hidden(result.err, all);
+    return result;
+  }
+};
+
+TEST_F(OverlaySecretsTest, NoCommand_ShowsAPlantedSecret) {
+  done({"save", "Wan"});
+  done({"checkpoint", "before"});
+  const std::string archive = golden_area("Wan").archive_path;
+  write_file("/var/image", std::string(reinterpret_cast<char*>(block("Wan")), 4476));
+  EXPECT_NE(hidden({"get", "wan/1"}).out.find("\npsk             <secret>\n"), std::string::npos);
+  EXPECT_EQ(hidden({"get", "wan/1.psk"}).out, "<secret>\n");
+  EXPECT_EQ(hidden({"get", "wan/1.psk", "--json"}).out, "null\n");
+  EXPECT_EQ(hidden({"get", "wan/1.token"}).out, "<secret>\n");
+  EXPECT_EQ(hidden({"get", "wan/1.settings"}).out, "<secret>\n");
+  EXPECT_EQ(hidden({"get", "wan/1.settings", "--json"}).out, "null\n");
+  hidden({"get", "wan/1", "--json"});
+  hidden({"get", "wan/1", "--commands"});
+  hidden({"list", "wan"});
+  hidden({"list", "wan", "--json"});
+  hidden({"list", "wan", "--commands"});
+  hidden({"list", "wan", "--json", "--image", "/var/image"});
+  hidden({"list", "wan", "--commands", "--archive", archive});
+  EXPECT_EQ(hidden({"find", "wan", "mtu=0"}).status, 0);
+  EXPECT_EQ(hidden({"find", "wan", "mtu=0", "--json"}).status, 0);
+  hidden({"export", "Wan"});
+  hidden({"export", "--image", "/var/image"});
+  EXPECT_NE(hidden({"dump", "Wan"}).out.find(" ** ** ** **"), std::string::npos);
+  hidden({"dump", "Wan", "--archive", archive});
+  hidden({"fields", "wan", "--json"});
+  hidden({"schema"});
+  hidden({"completion"});
+  hidden({"overlay", "cover"});
+  hidden({"areas"});
+  hidden({"tables"});
+  hidden({"check", "Wan"});
+  hidden({"locks"});
+
+  /* Changes of the secret, told by each command that tells changes. */
+  Program watch(scctl(with_overlay({"watch", "Wan", "--count", "2"})));
+  while (watch.out().find("watching") == std::string::npos) usleep(1000);
+  hidden({"set", "wan/1", "psk=another one", "token=0102"});
+  EXPECT_NE(hidden({"diff"}).out.find("wan/1.psk: <secret> -> <secret>\n"), std::string::npos);
+  hidden({"diff", "checkpoint:before", "live"});
+  hidden({"diff", "/var/image", "live"});
+  const std::string at = std::string("@") + kFile;
+  expect_hidden(run(scctl({"diff", "saved" + at, "live" + at})).out, "diff @");
+  EXPECT_NE(hidden({"log"}).out.find("wan/1.psk: <secret> -> <secret>\n"), std::string::npos);
+  hidden({"log", "--json"});
+  hidden({"rollback", "before", "Wan", "--dry-run"});
+  write_file("/var/change", std::string("set wan/1 psk=") + kPlanted + " token=deadbeef\n");
+  hidden({"try", "--timeout", "600", "batch", "/var/change"});
+  hidden({"try", "--status"});
+  hidden({"try", "--status", "--json"});
+  hidden({"diff", "try", "live"});
+  hidden({"confirm"});
+  hidden({"log"});
+  hidden({"undo"});
+  hidden({"rollback", "before"});
+  const Outcome watched = watch.wait();
+  expect_hidden(watched.out, "watch");
+  EXPECT_NE(watched.out.find("psk: <secret> -> <secret>"), std::string::npos) << watched.out;
+
+  /* Commands and files that give it. */
+  const std::string value = std::string("psk=") + kPlanted;
+  hidden({"set", "wan/1", value});
+  hidden({"set", "wan/1", "psk:hex=" + std::string(kHex)});
+  hidden({"set", "wan/1", "psk:hex=" + std::string(kHex) + "x"});
+  hidden({"set", "wan/1", "psk:hax=" + std::string(kHex)});
+  hidden({"set", "wan/1", "settings=" + std::string(kHex) + "x"});
+  hidden({"set", "wan/1", value + std::string(80, 'x')});
+  hidden({"set", "wan/1", value + "\x01"});
+  hidden({"set", "wan/1", "token=" + std::string("deadbeefx")});
+  hidden({"find", "wan", value + "x"});
+  EXPECT_EQ(hidden({"find", "wan", value + "x"}).err, "scctl: no record of wan has psk=<secret>\n");
+  const std::string file = run(scctl(with_overlay({"export", "Wan", "--secrets"}))).out;
+  EXPECT_NE(file.find(kPlanted), std::string::npos);
+  std::string broken = file;
+  broken.replace(broken.find(kPlanted), strlen(kPlanted),
+                 std::string(kPlanted) + std::string(70, 'x'));
+  EXPECT_EQ(hidden({"import", "-"}, broken).status, 1);
+  hidden({"import", "-"}, file);
+  EXPECT_NE(hidden({"log"}).out.find("psk=<secret>"), std::string::npos);
+  hidden({"log", "--json"});
+  hidden({"undo"});
+
+  /* What a person reads of the files that scctl keeps: all but the bytes of changes. */
+  for (const auto& entry : std::filesystem::directory_iterator("/var/systemconfig/scctl")) {
+    if (!entry.is_regular_file()) continue;
+    const std::string name = entry.path().filename();
+    const std::string bytes = read_file(entry.path());
+    if (name != "log" && name != "try" && name != "waiting") expect_hidden(bytes, name);
+    EXPECT_EQ(bytes.find(value), std::string::npos) << name; /* words */
+  }
+}
+
+TEST_F(OverlaySecretsTest, WithSecrets_TheyAreShown) {
+  EXPECT_EQ(shown({"get", "wan/1.psk", "--secrets"}), std::string(kPlanted) + "\n");
+  EXPECT_EQ(shown({"get", "wan/1.token", "--secrets"}), "deadbeeffeedface\n");
+  EXPECT_NE(shown({"dump", "Wan", "--secrets"}).find(" 70 6c 41 6e"), std::string::npos);
+  EXPECT_NE(shown({"get", "wan/1.settings", "--secrets"}).find(kHex), std::string::npos);
+  EXPECT_EQ(shown({"batch"}, "get wan/1.psk --secrets\nget wan/1.psk\n"),
+            std::string(kPlanted) + "\n<secret>\ncommands done: 2\n");
+}
+
+TEST_F(OverlaySecretsTest, ATokenOfAnImport_LeavesTheSecretAsItIs) {
+  const std::string file = shown({"export", "Wan"});
+  EXPECT_NE(file.find("\"psk\": null"), std::string::npos);
+  std::string changed = file;
+  changed.replace(changed.find("\"mtu\": 0"), 8, "\"mtu\": 1400");
+  Image expected = image("Wan");
+  expected.put16(kWan + 4, 1400);
+  EXPECT_EQ(shown({"import", "-"}, changed),
+            "wan: 0 added, 1 changed, 0 deleted\ntables changed: 1\n");
+  EXPECT_TRUE(expected.matches(block("Wan")));
+}
+
+/* What the secret is is decided when nobody else edits, not when the file was read. */
+TEST_F(OverlaySecretsTest, ATokenOfAnImportThatHasToWait_KeepsTheSecretOfThen) {
+  std::string changed = shown({"export", "Wan"});
+  changed.replace(changed.find("\"mtu\": 0"), 8, "\"mtu\": 1400");
+  std::string left;
+  {
+    LockHolder editor(lock_file("Wan"), 0);
+    Program import(scctl(with_overlay({"import", "-"})), changed);
+    ASSERT_TRUE(becomes_blocked(import.pid(), lock_file("Wan"), 0));
+    memcpy(block("Wan") + kWan + 96, "of-now", 7);
+    editor.release();
+    EXPECT_EQ(import.wait().status, 0);
+  }
+  EXPECT_EQ(shown({"get", "wan/1.psk", "--secrets"}), "of-now\n");
+  EXPECT_EQ(shown({"get", "wan/1.mtu"}), "1400\n");
+}
+
+TEST_F(OverlaySecretsTest, ATypedToken_LeavesTheSecretAsItIs) {
+  Image expected = image("Wan");
+  expected.put16(kWan + 4, 1400);
+  shown({"set", "wan/1", "psk=<secret>", "token=<secret>", "mtu=1400"});
+  EXPECT_TRUE(expected.matches(block("Wan")));
+  shown({"set", "wan/1", "settings=<secret>"});
+  EXPECT_TRUE(expected.matches(block("Wan")));
+}
+
+TEST_F(OverlaySecretsTest, ANewRecord_HasNoSecretThatCouldStay) {
+  const std::string overlay = use(
+      R"({"overlay": 1, "types": {"t": {"size": 504, "members": {
+          "psk": {"at": 0, "kind": "text", "size": 32, "secret": true}}}},
+          "at": {"ManageApList.aps.opaque_11800": "t"}})");
+  const auto with = [&](const Words& words) { return scctl(with_overlay(words, overlay)); };
+  EXPECT_EQ(run(with({"add", "aps/3", "ap_mac=02:00:00:00:00:03", "psk=<secret>"})).err,
+            "scctl: aps.psk: a new record has no secret that could stay\n");
+  EXPECT_EQ(run(with({"add", "aps/3", "ap_mac=02:00:00:00:00:03", "psk=geheim"})).status, 0);
+  const std::string file = run(with({"export", "ManageApList"})).out;
+  EXPECT_EQ(run(with({"import", "-"}), file).out, "tables changed: 0\n");
+  done({"clear", "aps"});
+  EXPECT_EQ(run(with({"import", "-"}), file).err,
+            "scctl: aps/3.psk: a new record has no secret that could stay\n");
+  EXPECT_EQ(run(with({"import", "-", "--dry-run"}), file).status, 1);
+  EXPECT_EQ(done({"list", "aps", "--json"}), "[]\n");
+}
+
+TEST_F(OverlaySecretsTest, AMemberThatSharesBytesWithASecret_IsOneToo) {
+  const std::string overlay = use(
+      R"({"overlay": 1, "types": {"t": {"size": 16, "union": true, "members": {
+          "psk": {"at": 0, "kind": "text", "size": 8, "secret": true},
+          "raw": {"at": 0, "kind": "bytes", "size": 16},
+          "other": {"at": 8, "kind": "unsigned", "size": 4}}}},
+          "at": {"Wan.sections/1.settings": "t"}})");
+  const Words words = scctl(with_overlay({"get", "wan/1", "--json"}, overlay));
+  EXPECT_NE(run(words).out.find("\"psk\": null, \"raw\": null, \"other\": 0"), std::string::npos);
+}
+
+TEST_F(OverlaySecretsTest, AnotherFile_TakesAMarkBack) {
+  write_file("/var/second.json", R"({"overlay": 1, "completes": "vendor.json", "types": {
+      "wan_section": {"members": {"psk": {"secret": false}}}}})");
+  EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.psk"}, "/var/second.json"))).out,
+            std::string(kPlanted) + "\n");
+  EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.token"}, "/var/second.json"))).out, "<secret>\n");
+}
+
+}  // namespace
+}  // namespace sc_test
