@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "core/registry.h"
@@ -27,7 +28,8 @@ namespace {
 constexpr char kLockFolder[] = "/var/lock_store/";
 constexpr size_t kFolderLength = sizeof kLockFolder - 1;
 
-enum Happened : uint8_t { kOpened = 1, kClosed = 2, kClosedWritten = 4, kAnswer = 8, kLost = 16 };
+/* Bits of a note that are none of the events that are asked for. */
+constexpr uint8_t kAnswer = FAN_ACCESS, kLost = FAN_MODIFY;
 
 /* How long an answer of the child is waited for. */
 constexpr int kAnswerMs = 100;
@@ -44,9 +46,9 @@ struct ProcPath {
 };
 
 /* The area of a lock file that a link of /proc leads to; also of one that is removed. */
-int area_of_link(int folder, const char* name) {
+int area_of_link(const char* link) {
   char path[128];
-  const ssize_t size = readlinkat(folder, name, path, sizeof path - 1);
+  const ssize_t size = readlink(link, path, sizeof path - 1);
   if (size < 0) return kAreaCount;
   path[size] = '\0';
   return strncmp(path, kLockFolder, kFolderLength) == 0 ? area_of_lock(path + kFolderLength)
@@ -87,7 +89,7 @@ bool read_program(Program* program) {
   if (name == nullptr || at == nullptr) return false;
   set_name(name + 1, static_cast<size_t>(at - name - 1), program);
   for (int blanks = 20; blanks > 0 && *at != '\0'; ++at) blanks -= *at == ' ';
-  program->start = static_cast<uint32_t>(strtoull(at, nullptr, 10));
+  program->start = static_cast<uint32_t>(strtoul(at, nullptr, 10));
   program->uid = status.st_uid;
   program->is_known = true;
   return true;
@@ -143,12 +145,13 @@ int area_of_lock(const char* name) {
 }
 
 void Authors::run_child(int events, int in, int out) {
-  const sched_param priority = {.sched_priority = 1};
-  sched_setscheduler(0, SCHED_FIFO, &priority);
+  sched_param priority = {};
+  priority.sched_priority = 1;
+  syscall(SYS_sched_setscheduler, 0, SCHED_FIFO, &priority); /* musl has no function for it */
   const pid_t watch = getppid(); /* it opens lock files, to ask who holds a record */
   for (;;) {
     pollfd ready[] = {{events, POLLIN, 0}, {in, POLLIN, 0}};
-    poll(ready, 2, -1);
+    ppoll(ready, 2, nullptr, nullptr);
     char asked = 0;
     if (ready[1].revents != 0 && read(in, &asked, 1) <= 0) _exit(0);
     if (asked == 'f') mark(events);
@@ -168,12 +171,9 @@ void Authors::run_child(int events, int in, int out) {
         if ((event->mask & FAN_OPEN_EXEC) != 0) {
           take_exec(*event, link, &note.program);
         } else if (event->pid != watch) {
-          note.area = static_cast<uint8_t>(area_of_link(AT_FDCWD, link));
+          note.area = static_cast<uint8_t>(area_of_link(link));
           identify(&note.program);
-          note.events =
-              static_cast<uint8_t>(((event->mask & FAN_OPEN) != 0 ? kOpened : 0) |
-                                   ((event->mask & FAN_CLOSE) != 0 ? kClosed : 0) |
-                                   ((event->mask & FAN_CLOSE_WRITE) != 0 ? kClosedWritten : 0));
+          note.events = static_cast<uint8_t>(event->mask);
           if (note.area < kAreaCount) {
             is_lost |= event->pid <= 0 || write(out, &note, sizeof note) < 0;
           }
@@ -234,7 +234,8 @@ void Authors::follow() { ask('f'); }
 void Authors::take(int timeout) {
   Note note;
   pollfd ready = {notes_, POLLIN, 0};
-  while (poll(&ready, 1, timeout) > 0 && read(notes_, &note, sizeof note) > 0) {
+  const timespec wait = {0, timeout * 1000000};
+  while (ppoll(&ready, 1, &wait, nullptr) > 0 && read(notes_, &note, sizeof note) > 0) {
     if ((note.events & kLost) != 0) lost_areas_ = UINT32_MAX;
     if ((note.events & kAnswer) != 0 && --due_answers_ == 0) return;
     if ((note.events & (kLost | kAnswer)) == 0) take(note);
@@ -248,7 +249,9 @@ bool has_open(const Program& program, int area) {
   if (folder == nullptr) return false;
   bool has = false;
   while (const dirent* entry = readdir(folder)) {
-    has |= area_of_link(dirfd(folder), entry->d_name) == area;
+    char link[sizeof entry->d_name + 24];
+    snprintf(link, sizeof link, "/proc/%u/fd/%s", program.pid, entry->d_name);
+    has |= area_of_link(link) == area;
   }
   closedir(folder);
   return has;
@@ -273,12 +276,12 @@ void Authors::take(const Note& note) {
     return;
   }
   if (found->area == kAreaCount) *found = {note.program, note.area, false, false, false, false};
-  const bool is_closed = (note.events & kClosed) != 0;
+  const bool is_closed = (note.events & FAN_CLOSE) != 0;
   found->is_fresh = true;
-  found->has_written |= (note.events & kClosedWritten) != 0;
+  found->has_written |= (note.events & FAN_CLOSE_WRITE) != 0;
   found->is_open = !is_closed;
   /* Of an open and a close that are reported together, either may be the last. */
-  found->may_be_open = is_closed && (note.events & kOpened) != 0;
+  found->may_be_open = is_closed && (note.events & FAN_OPEN) != 0;
   if (!found->has_written && is_closed) settle(found);
 }
 

@@ -139,6 +139,17 @@ TEST_F(WatchTest, Json_AnAreaThatIsRemovedAndMadeAnew_IsWatchedOn) {
             std::string::npos);
 }
 
+TEST_F(WatchTest, Json_AnAreaThatIsMadeLater_IsToldOf) {
+  ASSERT_EQ(SC_Uninit_System_Lan_Config(), 0);
+  JsonWatch watch({}); /* there is no area at all */
+  lan = started<LanBlock>("Lan");
+  EXPECT_EQ(watch.rest(kSlowMs), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"look\"");
+  pause_ms(1100);
+  rename("one");
+  add(1, "two");
+  EXPECT_NE(watch.rest().find("\"what\":\"add\""), std::string::npos);
+}
+
 /* ---- what does not keep up ---- */
 
 /* The state as it is sent anew: from the area to the last record of it. */
