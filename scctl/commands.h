@@ -13,7 +13,7 @@ namespace scctl {
 
 using namespace store;
 
-enum Option : uint16_t {
+enum Option : uint32_t {
   kJson = 1,
   kCommandsOption = 2,
   kAll = 4,
@@ -27,18 +27,22 @@ enum Option : uint16_t {
   kTimeout = 2048,
   kStatus = 4096,
   kOnlyMine = 8192,
+  kChanged = 1 << 20,
+  kFactory = 1 << 21,
+  kFields = 1 << 22,
   kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
 };
-constexpr uint16_t kSources = kImage | kArchive;
+constexpr uint32_t kSources = kImage | kArchive;
 
 /* The most bytes that are read of an input. */
 constexpr size_t kMostInput = 48u << 20;
 
 struct Call {
-  uint16_t options; /* those that are given */
+  uint32_t options; /* those that are given */
   const char* image;
   const char* archive;
   const char* exec;
+  const char* factory;
   uint32_t count;
   uint32_t timeout; /* in seconds */
   bool is_foreign;  /* the words stand behind a -- */
@@ -60,11 +64,33 @@ struct Command {
   const char* arguments;
   const char* summary;
   const char* details; /* lines for --help */
-  uint16_t options;
+  uint32_t options;
   int8_t least; /* number of words */
   int8_t most;  /* -1: any */
   int (*run)(Call& call);
 };
+
+struct OptionRow {
+  const char* name; /* without its hyphens */
+  Option option;
+  const char* value; /* the name of its value; null: the option has no value */
+  const char* help;
+};
+
+/* All commands and options. */
+template <class Row>
+struct Rows {
+  const Row* first;
+  size_t count;
+
+  const Row* begin() const { return first; }
+  const Row* end() const { return first + count; }
+};
+extern const Rows<Command> kAllCommands;
+extern const Rows<OptionRow> kAllOptions;
+
+/* Null when there is no such command. */
+const Command* find_command(const char* name);
 
 /* The command that runs is part of a try: only changes that can be taken back are allowed. */
 extern bool g_is_trying;
@@ -99,6 +125,16 @@ int fail_without_areas();
  * --dry-run, prints what would change. A table that is not wanted stays as it is. */
 int replace_tables(Call& call, Snapshot* wanted);
 
+/* Prints commands that turn the areas that both have from the first into the second. True when
+ * anything was printed. */
+bool print_commands(Source& from, Source& into);
+
+/* The number of records of these areas that differ. */
+unsigned long count_differences(Source& one, Source& other, uint32_t areas);
+
+/* The number of processes that hold, and wait for, records of each area. */
+int count_lockers(long* holders, long* waiters);
+
 int init_area(Call& call, AreaId id);
 /* Saves the area, then reads the archive back to check it. */
 int save_area(Call& call, AreaId id);
@@ -123,6 +159,8 @@ int run_add(Call&);
 int run_set(Call&);
 int run_del(Call&);
 int run_clear(Call&);
+int run_edit(Call&);
+int run_reset(Call&);
 int run_bind(Call&);
 int run_unbind(Call&);
 int run_batch(Call&);
@@ -141,6 +179,7 @@ int run_rollback(Call&);
 int run_check(Call&);
 int run_repair(Call&);
 int run_locks(Call&);
+int run_metrics(Call&);
 int run_watch(Call&);
 /* Makes a change as a try. */
 int run_tried(Call& call, int (*make)(Call& call));

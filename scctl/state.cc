@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -83,6 +84,33 @@ bool replace_state_file(const char* name, const char* bytes, size_t size) {
   unlinkat(g_folder, fresh.c_str(), 0);
   errno = why;
   return false;
+}
+
+/* ---- saves ---- */
+
+namespace {
+
+constexpr char kCounts[] = "saved"; /* a word for each area */
+constexpr size_t kCountsSize = kAreaCount * sizeof(uint32_t);
+
+}  // namespace
+
+void count_save(AreaId area) {
+  if (!open_state(true)) return;
+  const Descriptor file(open_state_file(kCounts, O_RDWR | O_CREAT));
+  if (!file || ftruncate(file.number, kCountsSize) != 0) return;
+  void* counts = mmap(nullptr, kCountsSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.number, 0);
+  if (counts == MAP_FAILED) return;
+  __atomic_fetch_add(static_cast<uint32_t*>(counts) + area, 1, __ATOMIC_RELAXED);
+  munmap(counts, kCountsSize);
+}
+
+bool read_saves(uint32_t* counts) {
+  memset(counts, 0, kCountsSize);
+  if (!open_state(false)) return errno == ENOENT;
+  const Descriptor file(open_state_file(kCounts, O_RDONLY));
+  if (!file) return errno == ENOENT;
+  return read(file.number, counts, kCountsSize) == static_cast<ssize_t>(kCountsSize);
 }
 
 void add_user(uint32_t uid, Text* to) {

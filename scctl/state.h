@@ -52,6 +52,11 @@ void add_user(uint32_t uid, Text* to);
 /* The words of this call. */
 extern Text g_words;
 
+/* Counts a save of the area. */
+void count_save(AreaId area);
+/* The number of saves of each area since the boot. False when it is not known. */
+bool read_saves(uint32_t* counts);
+
 /* The log of scctl's edits. */
 void start_log();
 /* Who made an edit, and when. */

@@ -19,9 +19,35 @@ namespace scctl {
 
 /* ---- export ---- */
 
+namespace {
+
+/* Prints a line for each record and for each field in it that is not zero. */
+void print_fields(Source& source, const bool* chosen) {
+  for (const Table& table : kTables) {
+    if (!chosen[table.area]) continue;
+    Reader reader(source, table);
+    Buffer record(table.stride);
+    for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
+      printf("%s/%u\n", table.name, position + 1);
+      for (const Field& field : table) {
+        if (size_without_trailing_zeros(field, record.data()) == 0) continue;
+        Text value;
+        format_part(field, record.data(), true, &value);
+        printf("%s/%u.%s: %s\n", table.name, position + 1, field.name, value.c_str());
+      }
+    }
+  }
+}
+
+}  // namespace
+
 int run_export(Call& call) {
   bool chosen[kAreaCount];
   if (const int status = present_areas(call, chosen); status != kOk) return status;
+  if (call.has(kFields)) {
+    print_fields(call.source, chosen);
+    return kOk;
+  }
   Text text;
   JsonWriter writer(&text);
   writer.open('{', JsonWriter::kLines);
@@ -246,14 +272,13 @@ bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) 
 namespace {
 
 /* Prints an area that only one of two sources has. An archive that is not good holds no area. */
-void print_single(const Area& area, const Source& there, const Source& other) {
-  const Path archive = archive_path(area);
+void print_single(const char* prefix, const Area& area, const Source& there, const Source& other) {
   ArchiveImage image;
-  const char* fault = nullptr;
-  if (other.is_saved() && access(archive.text, F_OK) == 0) fault = read_own_archive(area, &image);
+  Text path;
+  const char* fault = other.read_area(area, &path, &image);
   free(image.bytes);
-  printf("%s: only in %s", area.name, there.name());
-  if (fault != nullptr) printf("; %s: %s", archive.text, fault);
+  printf("%s%s: only in %s", prefix, area.name, there.name());
+  if (access(path.c_str(), F_OK) == 0) printf("; %s: %s", path.c_str(), fault);
   putchar('\n');
 }
 
@@ -261,8 +286,11 @@ void print_single(const Area& area, const Source& there, const Source& other) {
 
 namespace {
 
-int open_compared(const char* name, Source* source) {
-  return strcmp(name, "try") == 0 ? open_try(source) : source->open_named(name);
+int open_compared(const Call& call, const char* name, Source* source) {
+  if (strcmp(name, "try") == 0) return open_try(source);
+  if (strcmp(name, "factory") != 0) return source->open_named(name);
+  source->open_factory(call.factory);
+  return kOk;
 }
 
 }  // namespace
@@ -270,14 +298,15 @@ int open_compared(const char* name, Source* source) {
 int run_diff(Call& call) {
   if (call.word_count == 1) return fail(kUsage, "usage: scctl diff [A B]");
   Source a, b;
-  if (const int status = open_compared(call.word_count == 2 ? call.words[0] : "saved", &a);
+  if (const int status = open_compared(call, call.word_count == 2 ? call.words[0] : "saved", &a);
       status != kOk) {
     return status;
   }
-  if (const int status = open_compared(call.word_count == 2 ? call.words[1] : "live", &b);
+  if (const int status = open_compared(call, call.word_count == 2 ? call.words[1] : "live", &b);
       status != kOk) {
     return status;
   }
+  const bool commands = call.has(kCommandsOption);
   bool any = false;
   unsigned compared = 0;
   for (const Area& area : kAreas) {
@@ -288,19 +317,20 @@ int run_diff(Call& call) {
        * an area. */
       const bool expected =
           a.is_whole() && b.is_whole() && area.row().stem[0] != '\0' && (in_a || in_b);
-      if (expected) print_single(area, in_a ? a : b, in_a ? b : a);
+      if (expected) print_single(commands ? "# " : "", area, in_a ? a : b, in_a ? b : a);
       any |= expected;
       continue;
     }
     ++compared;
     for (const Table& table : kTables) {
-      if (table.area != id) continue;
+      if (table.area != id || commands) continue;
       Snapshot was(table), is(table);
       was.take(a);
       is.take(b);
       any |= print_changes("", was, is);
     }
   }
+  if (commands) any |= print_commands(a, b);
   if (!any && compared == 0)
     return fail(kNoArea, "%s and %s have no area in common", a.name(), b.name());
   return any ? kRefused : kOk;

@@ -282,7 +282,8 @@ void add_word(const char* text, size_t size, Text* to) {
   add_quoted(shown.c_str(), shown.size(), to);
 }
 
-void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to) {
+void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to,
+                       bool quoted) {
   const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
   const size_t size = size_without_trailing_zeros(field, record);
   if (!is_text(field)) {
@@ -298,7 +299,7 @@ void format_assignment(const Field& field, const uint8_t* record, bool checked, 
     return;
   }
   to->print(" %s=", field.name);
-  if (size > 0 && !is_bare(text, size))
+  if (quoted && size > 0 && !is_bare(text, size))
     add_quoted(text, size, to);
   else
     to->add(text, size);
