@@ -76,10 +76,10 @@ int note_errors(Text* to, Act act) {
     status = act();
   }
   close(ends[1]);
-  Text said;
-  read_file(ends[0], &said);
+  char said[2048]; /* one line, which fail cuts */
+  const ssize_t size = read(ends[0], said, sizeof said);
   close(ends[0]);
-  if (status != kOk) to->print("%s%s", kNote, said.c_str());
+  if (status != kOk) to->print("%s%.*s", kNote, static_cast<int>(size), said);
   return status;
 }
 

@@ -13,7 +13,7 @@ int run_reset(Call& call) {
   }
   const Table& table = *target.table;
   Source factory;
-  factory.open_factory(call.factory);
+  if (const int status = factory.open_factory(call.factory); status != kOk) return status;
   if (const int status = factory.need(table.area); status != kOk) return status;
   if (const int status = call.source.need(table.area); status != kOk) return status;
   Buffer record(table.stride);

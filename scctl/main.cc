@@ -73,7 +73,7 @@ constexpr Command kCommands[] = {
    "Takes the value from the area's archive in /etc/sysconfig/factory. Creates the\n"
    "record if it is free. Refuses a record that the factory does not have: del\n"
    "deletes it.\n",
-   kFactory | kChanges, 1, 1, run_reset},
+   kFactory, 1, 1, run_reset},
   {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
    "",
    0, 2, 2, run_bind},

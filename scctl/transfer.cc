@@ -288,9 +288,8 @@ namespace {
 
 int open_compared(const Call& call, const char* name, Source* source) {
   if (strcmp(name, "try") == 0) return open_try(source);
-  if (strcmp(name, "factory") != 0) return source->open_named(name);
-  source->open_factory(call.factory);
-  return kOk;
+  if (strcmp(name, "factory") == 0) return source->open_factory(call.factory);
+  return source->open_named(name);
 }
 
 }  // namespace

@@ -166,9 +166,10 @@ void Source::open_saved() {
   name_ = "saved";
 }
 
-void Source::open_factory(const char* folder) {
+int Source::open_factory(const char* folder) {
   factory_ = folder != nullptr ? folder : "/etc/sysconfig/factory";
   name_ = "factory";
+  return access(factory_, X_OK) == 0 ? kOk : fail(kNoArea, "%s: %s", factory_, strerror(errno));
 }
 
 const char* Source::read_area(const Area& area, Text* path, ArchiveImage* image) const {

@@ -52,8 +52,9 @@ class Source {
   void open_copy(const char* name, uint32_t areas);
   /* Opens the archives of saves. Each is read when it is needed. */
   void open_saved();
-  /* The same for the factory's archives; null: those in the usual folder. */
-  void open_factory(const char* folder);
+  /* The same for the factory's archives; null: those in the usual folder. On an error it prints a
+   * message and returns a status. */
+  int open_factory(const char* folder);
   /* Reads the area's archive of a source of archives, and sets its path. Returns null when it is
    * good, else what is wrong with it. A source of another kind has no path. */
   const char* read_area(const Area& area, Text* path, ArchiveImage* image) const;
