@@ -419,9 +419,7 @@ int read_wanted(const Call& call, Snapshot* wanted) {
   }
   for (int n = 0; n < kTableCount; ++n) {
     if (!chosen[kTables[n].area]) continue;
-    Snapshot taken(kTables[n]);
-    taken.take(source);
-    taken.swap(wanted[n]);
+    wanted[n].take(kTables[n], source);
   }
   return kOk;
 }

@@ -1,9 +1,12 @@
 _scctl() {
-  mapfile -t COMPREPLY < <(
+  local word typed=${COMP_WORDS[COMP_CWORD]}
+  COMPREPLY=()
+  while IFS=$'\t' read -r word _; do
+    [[ $word != "$typed"* ]] || COMPREPLY+=("$word")
+  done < <(
     scctl completion words -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null
-    [[ ${COMP_WORDS[1]} != diff ]] || compgen -f -- "${COMP_WORDS[COMP_CWORD]}"
+    [[ ${COMP_WORDS[1]} != diff ]] || compgen -f -- "$typed"
   )
-  COMPREPLY=("${COMPREPLY[@]%%$'\t'*}")
   [[ ${COMPREPLY[0]} != *[=/] ]] || compopt -o nospace 2>/dev/null
 }
 complete -o default -F _scctl scctl

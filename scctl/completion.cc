@@ -12,41 +12,17 @@ namespace {
 
 /* ---- words ---- */
 
-/* Prints a word if it continues what is typed, with its description behind a tab. */
-struct Offer {
-  const char* typed;
-
-  void operator()(const char* word, const char* description = nullptr, const char* ahead = "",
-                  const char* behind = "") const {
-    Text whole;
-    whole.print("%s%s%s", ahead, word, behind);
-    if (strncmp(whole.c_str(), typed, strlen(typed)) != 0) return;
-    if (description != nullptr) whole.print("\t%s", description);
-    puts(whole.c_str());
-  }
-  /* Each of the words of a text. */
-  void each(const char* words) const {
-    while (*words != '\0') {
-      const size_t size = strcspn(words, " ");
-      Text word;
-      word.add(words, size);
-      (*this)(word.c_str());
-      words += size + (words[size] == ' ');
-    }
-  }
-};
-
-const OptionRow* find_option(const char* word) {
-  if (strncmp(word, "--", 2) != 0) return nullptr;
-  for (const OptionRow& row : kAllOptions) {
-    if (strcmp(row.name, word + 2) == 0) return &row;
-  }
-  return nullptr;
-}
+/* Each word is a line, some with a tab and a description. The shells choose those that continue what
+ * is typed. */
+void offer(const char* word, const char* description) { printf("%s\t%s\n", word, description); }
 
 bool takes_value(const char* word) {
-  const OptionRow* row = find_option(word);
-  return row != nullptr && row->value != nullptr;
+  for (const OptionRow& row : kAllOptions) {
+    if (row.value != nullptr && strncmp(word, "--", 2) == 0 && strcmp(row.name, word + 2) == 0) {
+      return true;
+    }
+  }
+  return false;
 }
 
 /* Words that are not from the rows. */
@@ -55,63 +31,53 @@ struct Fixed {
   uint32_t place; /* of the argument */
   const char* words;
 };
-constexpr Fixed kFixed[] = {{"lease", 1, "save restore"},
-                            {"lease", 2, "clients aps"},
-                            {"bind", 1, "ap_templates/"},
-                            {"bind", 2, "aps/"},
-                            {"unbind", 1, "ap_templates/"},
-                            {"diff", 1, "live saved factory try"},
-                            {"diff", 2, "live saved factory try"},
-                            {"try", 1, "batch import --"},
-                            {"completion", 1, "bash zsh fish"},
+constexpr char kSourceWords[] = "live\nsaved\nfactory\ntry\n";
+constexpr Fixed kFixed[] = {{"lease", 1, "save\nrestore\n"},
+                            {"lease", 2, "clients\naps\n"},
+                            {"bind", 1, "ap_templates/\n"},
+                            {"bind", 2, "aps/\n"},
+                            {"unbind", 1, "ap_templates/\n"},
+                            {"diff", 1, kSourceWords},
+                            {"diff", 2, kSourceWords},
+                            {"try", 1, "batch\nimport\n--\n"},
+                            {"completion", 1, "bash\nzsh\nfish\n"},
                             {"rollback", 1, ""}};
 
-void offer_fields(const Command& command, const char* record, const Offer& offer) {
-  const char* typed = offer.typed;
-  const Table* table = find_table(record, strcspn(record, "/"));
-  if (table == nullptr) return;
-  if (record != typed) {
-    for (const Field& field : *table) offer(field.name, nullptr, "", "=");
-    return;
-  }
-  if (strstr(command.arguments, ".FIELD") == nullptr) return;
-  Text ahead;
-  ahead.add(typed, static_cast<size_t>(strrchr(typed, '.') - typed) + 1);
-  for (const Field& field : *table) offer(field.name, nullptr, ahead.c_str());
+void offer_commands() {
+  for (const Command& command : kAllCommands) offer(command.name, command.summary);
 }
 
 /* The arguments of a command; `first` is the first of them, and `place` counts from 1. */
-void offer_arguments(const Command& command, uint32_t place, const char* first,
-                     const Offer& offer) {
+void offer_arguments(const Command& command, uint32_t place, const char* first) {
   for (const Fixed& fixed : kFixed) {
-    if (fixed.place == place && strcmp(fixed.command, command.name) == 0) {
-      offer.each(fixed.words);
-      return;
-    }
+    if (fixed.place != place || strcmp(fixed.command, command.name) != 0) continue;
+    fputs(fixed.words, stdout);
+    return;
   }
-  if (command.run == run_help && place == 1) {
-    for (const Command& other : kAllCommands) offer(other.name, other.summary);
-  } else if (strstr(command.arguments, "TABLE") != nullptr && place == 1) {
-    const char* id = strchr(first, '/');
-    if (id != nullptr && strchr(id, '.') != nullptr) {
-      offer_fields(command, first, offer);
-      return;
+  if (command.run == run_help && place == 1) offer_commands();
+  const bool has_fields = strstr(command.arguments, "FIELD=") != nullptr && place > 1;
+  const char* dot = strrchr(first, '.');
+  const bool is_field = strstr(command.arguments, ".FIELD") != nullptr && dot != nullptr;
+  if (has_fields || is_field) {
+    const Table* table = find_table(first, strcspn(first, "/"));
+    if (table == nullptr) return;
+    const int ahead = has_fields ? 0 : static_cast<int>(dot + 1 - first);
+    for (const Field& field : *table) {
+      printf("%.*s%s%s\n", ahead, first, field.name, has_fields ? "=" : "");
     }
-    for (const Table& table : kTables) offer(table.name);
-  } else if (strstr(command.arguments, "FIELD=") != nullptr) {
-    offer_fields(command, first, offer);
+  } else if (strstr(command.arguments, "TABLE") != nullptr && place == 1) {
+    for (const Table& table : kTables) puts(table.name);
   } else if (strstr(command.arguments, "AREA") != nullptr) {
-    for (const Area& area : kAreas) offer(area.name);
+    for (const Area& area : kAreas) puts(area.name);
   }
 }
 
 /* The words of a line without the program's name. The last one is completed. */
 void offer_words(char** words, int count) {
   const char* typed = words[count - 1];
-  const Offer offer = {typed};
   if (count == 1) {
-    for (const Command& command : kAllCommands) offer(command.name, command.summary);
-    offer.each("--help --version");
+    offer_commands();
+    puts("--help\n--version");
     return;
   }
   const Command* command = find_command(words[0]);
@@ -122,22 +88,24 @@ void offer_words(char** words, int count) {
     return;
   }
   if (typed[0] == '-') {
-    offer("--help");
+    puts("--help");
     for (const OptionRow& row : kAllOptions) {
-      if ((command->options & row.option) != 0) offer(row.name, row.help, "--");
+      if ((command->options & row.option) == 0) continue;
+      printf("--");
+      offer(row.name, row.help);
     }
     return;
   }
   uint32_t place = 0;
   const char* first = nullptr;
   for (int n = 1; n < count; ++n) {
-    if (words[n][0] == '-' && words[n][1] == '-') {
-      if (takes_value(words[n])) n += strcmp(words[n + 1], "=") == 0 ? 2 : 1;
-      continue;
+    if (words[n][0] != '-') {
+      if (++place == 1) first = words[n];
+    } else if (takes_value(words[n])) {
+      n += strcmp(words[n + 1], "=") == 0 ? 2 : 1;
     }
-    if (++place == 1) first = words[n];
   }
-  if (first != nullptr) offer_arguments(*command, place, first, offer);
+  if (first != nullptr) offer_arguments(*command, place, first);
 }
 
 /* ---- scripts ---- */
@@ -150,11 +118,14 @@ struct Script {
 constexpr Script kScripts[] = {
     {"bash",
      "_scctl() {\n"
-     "  mapfile -t COMPREPLY < <(\n"
+     "  local word typed=${COMP_WORDS[COMP_CWORD]}\n"
+     "  COMPREPLY=()\n"
+     "  while IFS=$'\\t' read -r word _; do\n"
+     "    [[ $word != \"$typed\"* ]] || COMPREPLY+=(\"$word\")\n"
+     "  done < <(\n"
      "    scctl completion words -- \"${COMP_WORDS[@]:1:COMP_CWORD}\" 2>/dev/null\n"
-     "    [[ ${COMP_WORDS[1]} != diff ]] || compgen -f -- \"${COMP_WORDS[COMP_CWORD]}\"\n"
+     "    [[ ${COMP_WORDS[1]} != diff ]] || compgen -f -- \"$typed\"\n"
      "  )\n"
-     "  COMPREPLY=(\"${COMPREPLY[@]%%$'\\t'*}\")\n"
      "  [[ ${COMPREPLY[0]} != *[=/] ]] || compopt -o nospace 2>/dev/null\n"
      "}\n"
      "complete -o default -F _scctl scctl\n"},

@@ -65,50 +65,107 @@ class Draft {
   bool is_there_ = false;
 };
 
-/* What is printed as errors meanwhile is added to a text as notes. */
-template <class Act>
-int note_errors(Text* to, Act act) {
-  int ends[2];
-  if (pipe(ends) != 0) return fail(kRefused, "pipe: %s", strerror(errno));
-  int status;
-  {
-    const Quiet quiet(ends[1]);
-    status = act();
+/* Takes what is printed as an error meanwhile. */
+class Errors {
+ public:
+  Errors() {
+    if (pipe(ends_) != 0) ends_[0] = ends_[1] = -1;
   }
-  close(ends[1]);
-  char said[2048]; /* one line, which fail cuts */
-  const ssize_t size = read(ends[0], said, sizeof said);
-  close(ends[0]);
-  if (status != kOk) to->print("%s%.*s", kNote, static_cast<int>(size), said);
-  return status;
-}
+  ~Errors() {
+    for (const int end : ends_) close(end);
+  }
+  Errors(const Errors&) = delete;
+  Errors& operator=(const Errors&) = delete;
+
+  int writer() const { return ends_[1]; }
+  /* Adds an error as a note. Fewer bytes are printed than the pipe takes. */
+  void note(Text* to) {
+    char said[2048];
+    const ssize_t size = read(ends_[0], said, sizeof said);
+    to->print("%s%.*s", kNote, static_cast<int>(size), said);
+  }
+
+ private:
+  int ends_[2];
+};
+
+/* The lines of a text but for scctl's notes. */
+class Lines {
+ public:
+  explicit Lines(const Text& text) : at_(text.c_str()) {}
+  bool next() {
+    do {
+      if (*at_ == '\0') return false;
+      const size_t size = strcspn(at_, "\n");
+      line_.clear();
+      line_.add(at_, size);
+      at_ += size + (at_[size] == '\n');
+    } while (strncmp(line_.c_str(), kNote, strlen(kNote)) == 0);
+    return true;
+  }
+  const char* line() const { return line_.c_str(); }
+  bool is_field() const { return *line() != '\0' && *line() != '#'; }
+
+ private:
+  const char* at_;
+  Text line_;
+};
+
+/* The values of a text. */
+class Typed {
+ public:
+  explicit Typed(const Table& table)
+      : record(table.stride), changed(table), table_(table), named_(table) {}
+
+  /* Reads a line; `shown` is the record as it was shown. */
+  int take(const char* line, const uint8_t* shown) {
+    const Field* field;
+    Spelling own = Spelling::kAsMac;
+    const int status = parse_assignment(table_, line, record.data(), &field, &own);
+    if (status != kOk) return status;
+    if (named_.has(*field)) return fail(kUsage, "%s stands twice", field->name);
+    named_.add(*field);
+    if (equal(*field, record.data(), shown)) return kOk;
+    changed.add(*field);
+    if (own != Spelling::kAsMac) spelling = own;
+    return kOk;
+  }
+
+  Buffer record;
+  Mask changed;
+  Spelling spelling = Spelling::kAsMac;
+
+ private:
+  const Table& table_;
+  Mask named_;
+};
 
 class Session {
  public:
   Session(Call& call, const Target& target)
-      : call_(call), table_(*target.table), id_(target.id), base_(table_.stride) {}
+      : call_(call), table_(*target.table), id_(target.id), shown_(table_.stride) {}
 
   int run() {
     Draft draft;
     if (const int status = draft.create(); status != kOk) return status;
-    if (!read(base_.data())) return fail(kRefused, "%s/%u is free", table_.name, id_);
-    Text shown;
-    shown.print("# %s/%u: a field without a line keeps its value.\n"
-                "# Empty the file or leave it unchanged to give up.\n",
-                table_.name, id_);
-    for (const Field& field : table_) add_line(field, base_.data(), &shown);
+    if (!read(shown_.data())) return fail(kRefused, "%s/%u is free", table_.name, id_);
+    Text text;
+    text.print(
+        "# %s/%u: a field without a line keeps its value.\n"
+        "# Empty the file or leave it unchanged to give up.\n",
+        table_.name, id_);
+    for (const Field& field : table_) add_line(field, shown_.data(), &text);
     int status = kOk;
-    while (!is_interrupted()) {
+    bool is_written = false;
+    while (!is_written && !is_interrupted()) {
       Text typed;
-      if (const int failed = draft.edit(shown, &typed); failed != kOk) return failed;
-      if (typed.size() == 0 || strcmp(typed.c_str(), shown.c_str()) == 0) break;
-      shown.clear();
-      bool is_changed = false;
-      status = write(typed, &shown, &is_changed);
-      if (status == kOk && is_changed) return kOk;
+      if (const int failed = draft.edit(text, &typed); failed != kOk) return failed;
+      if (typed.size() == 0 || strcmp(typed.c_str(), text.c_str()) == 0) break;
+      text.clear();
+      status = write(typed, &text, &is_written);
       if (status == kOk) break;
     }
-    tell("%s/%u is not changed", table_.name, id_);
+    if (!is_written) tell("%s/%u is not changed", table_.name, id_);
     return status;
   }
 
@@ -121,82 +178,66 @@ class Session {
     to->print("%s\n", line.data() + 1);
   }
 
-  /* Calls act for each line that scctl did not write. */
-  template <class Act>
-  static void each_line(const Text& text, Act act) {
-    for (const char* at = text.c_str(); *at != '\0';) {
-      const size_t size = strcspn(at, "\n");
-      Text line;
-      line.add(at, size);
-      if (strncmp(at, kNote, strlen(kNote)) != 0) act(line.c_str());
-      at += size + (at[size] == '\n');
-    }
-  }
-  static bool is_field(const char* line) { return *line != '\0' && *line != '#'; }
-
-  /* Writes the typed values into the record. If that fails, shown gets the text with the reasons. */
-  int write(const Text& typed, Text* shown, bool* is_changed) {
-    Buffer record(table_.stride);
-    Mask named(table_), changed(table_);
-    Spelling spelling = Spelling::kAsMac;
+  /* Writes the typed values into the record. If that fails, `again` gets the text with the
+   * reasons. */
+  int write(const Text& text, Text* again, bool* is_written) {
+    Typed typed(table_);
+    Errors errors;
     int status = kOk;
-    each_line(typed, [&](const char* line) {
-      if (is_field(line)) {
-        const int refused = note_errors(shown, [&] {
-          const Field* field;
-          Spelling own = Spelling::kAsMac;
-          const int parsed = parse_assignment(table_, line, record.data(), &field, &own);
-          if (parsed != kOk) return parsed;
-          if (named.has(*field)) return fail(kUsage, "%s stands twice", field->name);
-          named.add(*field);
-          if (equal(*field, record.data(), base_.data())) return parsed;
-          changed.add(*field);
-          if (own != Spelling::kAsMac) spelling = own;
-          return parsed;
-        });
-        if (refused != kOk) status = refused;
+    for (Lines lines(text); lines.next();) {
+      if (lines.is_field()) {
+        int taken;
+        {
+          const Quiet quiet(errors.writer());
+          taken = typed.take(lines.line(), shown_.data());
+        }
+        if (taken != kOk) {
+          errors.note(again);
+          status = taken;
+        }
       }
-      shown->print("%s\n", line);
-    });
-    *is_changed = !changed.empty();
-    if (status != kOk || !*is_changed) return status;
-    shown->clear();
-    status = note_errors(shown, [&] {
-      return set_record(call_.source, table_, id_, record.data(), changed, spelling, base_.data());
-    });
-    if (status != kOk) show_again(typed, changed, shown);
+      again->print("%s\n", lines.line());
+    }
+    if (status != kOk || typed.changed.empty()) return status;
+    {
+      const Quiet quiet(errors.writer());
+      status = set_record(call_.source, table_, id_, typed.record.data(), typed.changed,
+                          typed.spelling, shown_.data());
+    }
+    *is_written = status == kOk;
+    if (*is_written) return status;
+    again->clear();
+    errors.note(again);
+    show_again(text, typed.changed, again);
     return status;
   }
 
   /* Shows what was typed. Fields that another program has changed since get its values, or its
    * values stand above those that were typed. */
-  void show_again(const Text& typed, const Mask& changed, Text* shown) {
+  void show_again(const Text& text, const Mask& changed, Text* again) {
     Buffer now(table_.stride);
-    const bool is_there = read(now.data());
-    if (!is_there) memcpy(now.data(), base_.data(), table_.stride);
-    if (!has_equal_fields(table_, now.data(), base_.data())) {
-      shown->print("%sdelete this line to write it all the same\n", kNote);
+    if (!read(now.data())) memcpy(now.data(), shown_.data(), table_.stride);
+    if (!has_equal_fields(table_, now.data(), shown_.data())) {
+      again->print("%sdelete this line to write it all the same\n", kNote);
     }
-    each_line(typed, [&](const char* line) {
-      const Field* field = is_field(line) ? find_field(table_, line, strcspn(line, ":=")) : nullptr;
-      const bool is_other = field != nullptr && !equal(*field, now.data(), base_.data());
-      if (is_other && !changed.has(*field)) {
-        add_line(*field, now.data(), shown);
-        return;
+    for (Lines lines(text); lines.next();) {
+      const char* line = lines.line();
+      const Field* field = find_field(table_, line, strcspn(line, ":="));
+      if (field != nullptr && !equal(*field, now.data(), shown_.data())) {
+        const bool is_typed = changed.has(*field);
+        if (is_typed) again->print("%sit is now ", kNote);
+        add_line(*field, now.data(), again);
+        if (!is_typed) continue;
       }
-      if (is_other) {
-        shown->print("%sit is now ", kNote);
-        add_line(*field, now.data(), shown);
-      }
-      shown->print("%s\n", line);
-    });
-    memcpy(base_.data(), now.data(), table_.stride);
+      again->print("%s\n", line);
+    }
+    shown_.swap(now);
   }
 
   Call& call_;
   const Table& table_;
   const uint32_t id_;
-  Buffer base_; /* the record as it was shown */
+  Buffer shown_; /* the record as it was shown */
 };
 
 }  // namespace

@@ -179,7 +179,8 @@ int save_area(Call& call, AreaId id) {
     return fail_archive(area, known ? "is not saved" : "is perhaps not saved", fault);
   }
   const int status = compare(call, id, "saved", &image);
-  if (status == kOk && g_file == nullptr) count_save(id);
+  uint32_t* counts = g_file == nullptr ? saves(true) : nullptr;
+  if (status == kOk && counts != nullptr) __atomic_fetch_add(counts + id, 1, __ATOMIC_RELAXED);
   return status;
 }
 
@@ -290,9 +291,8 @@ struct {
 int save_changed(Call& call, AreaId id) {
   if (const int status = call.source.need(id); status != kOk) return status;
   ArchiveImage image;
-  const bool is_equal =
-      read_own_archive(kAreas[id], &image) == nullptr &&
-      memcmp(call.source.block(id), image.bytes, kAreas[id].row().size) == 0;
+  const bool is_equal = read_own_archive(kAreas[id], &image) == nullptr &&
+                        memcmp(call.source.block(id), image.bytes, kAreas[id].row().size) == 0;
   free(image.bytes);
   if (is_equal) {
     ++g_archives.equal;

@@ -64,15 +64,12 @@ constexpr Command kCommands[] = {
    "Rules that refer to groups are kept.\n",
    kChanges, 1, 1, run_clear},
   {"edit", "TABLE/ID", "change a record in an editor",
-   "Opens the record as FIELD=VALUE lines in $VISUAL, $EDITOR or vi. A field without\n"
-   "a line keeps its value. Errors come back as comments, and the editor opens again.\n"
-   "Empty the file or leave it unchanged to give up. A record that another program\n"
-   "changed meanwhile is shown again before it is written.\n",
+   "Opens it as FIELD=VALUE lines in $VISUAL, $EDITOR or vi, again after an error, and\n"
+   "when another program changed it. An empty or unchanged file gives up.\n",
    0, 1, 1, run_edit},
   {"reset", "TABLE/ID[.FIELD]", "set a record or a field to its factory value",
-   "Takes the value from the area's archive in /etc/sysconfig/factory. Creates the\n"
-   "record if it is free. Refuses a record that the factory does not have: del\n"
-   "deletes it.\n",
+   "Takes it from the archives in /etc/sysconfig/factory. Creates a free record.\n"
+   "Refuses a record that the factory does not have: del deletes it.\n",
    kFactory, 1, 1, run_reset},
   {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
    "",
@@ -91,8 +88,8 @@ constexpr Command kCommands[] = {
    "an archive is not good.\n",
    kAll, 0, -1, run_init},
   {"save", "AREA...", "save areas to their archives",
-   "Reads the archive back to verify it. With --changed, an archive that is good and\n"
-   "equal is not written; prints how many were written and how many were equal.\n",
+   "Reads the archive back to verify it. With --changed, leaves equal archives as\n"
+   "they are, and prints how many were written.\n",
    kAll | kChanged, 0, -1, run_save},
   {"restore", "AREA...", "load areas from their archives and announce them",
    "Refuses a broken archive. Takes no lock of a record: concurrent changes are\n"
@@ -110,7 +107,7 @@ constexpr Command kCommands[] = {
   {"export", "[AREA...]", "print areas as JSON",
    "Prints all existing areas if none is named. Bytes are hex without trailing\n"
    "zeros; bytes of texts that are invalid UTF-8 are \\udc80 to \\udcff. With\n"
-   "--fields, prints TABLE/ID.FIELD: VALUE for each field that is not zero.\n",
+   "--fields, prints a line for each field that is not zero.\n",
    kSources | kFields, 0, -1, run_export},
   {"import", "FILE", "replace tables by those of an export",
    "Each table of the file gets exactly the records in it, ids included. Other\n"
@@ -120,8 +117,8 @@ constexpr Command kCommands[] = {
   {"diff", "[A B]", "compare two sources field by field",
    "A and B are images, archives, live, saved, factory, checkpoint:NAME or try: the\n"
    "areas of a try as they were before it. Without them, compares saved with live.\n"
-   "factory is the archives in /etc/sysconfig/factory. --commands prints commands\n"
-   "that turn A into B. Exit status 1 if they differ.\n",
+   "With --commands, prints commands that turn A into B. Exit status 1 if they\n"
+   "differ.\n",
    kCommandsOption | kFactory, 0, 2, run_diff},
   {"checkpoint", "NAME", "keep the present state of all areas under a name",
    "Copies all areas that can be saved, of one moment: nobody changes a record while\n"
@@ -151,9 +148,7 @@ constexpr Command kCommands[] = {
    "program.\n",
    kJson, 0, 0, run_locks},
   {"metrics", "", "print figures for Prometheus",
-   "Prints used records and capacity of each table, and of each area the records that\n"
-   "are not saved, health and age of the archive, processes that hold or wait for\n"
-   "records, and saves by scctl.\n",
+   "Tables, unsaved records, archives, lock holders, and saves by scctl.\n",
    0, 0, 0, run_metrics},
   {"watch", "[AREA...]", "print each change as it happens",
    "Prints a change at once if the writer used the area's lock file, as programs do;\n"
@@ -189,8 +184,7 @@ constexpr Command kCommands[] = {
    "Exit status 1 if something stays.\n",
    0, 0, 1, run_undo},
   {"completion", "[bash|zsh|fish]", "print the completion for a shell",
-   "Prints that of bash if no shell is named. completion words -- WORD... prints what\n"
-   "can stand in place of the last word of a command line.\n",
+   "",
    0, 0, -1, run_completion},
   {"help", "[COMMAND]", "list the commands, or describe one",
    "",
@@ -215,8 +209,8 @@ constexpr OptionRow kOptions[] = {
   {"timeout",  kTimeout,        "SECONDS", "time until it is taken back"},
   {"status",   kStatus,         nullptr,   "print who tries what, and what others changed"},
   {"only-mine", kOnlyMine,      nullptr,   "refuse if other changes would be saved"},
-  {"changed",  kChanged,        nullptr,   "leave out areas whose archive is equal"},
-  {"factory",  kFactory,        "DIR",     "take the factory's archives from this folder"},
+  {"changed",  kChanged,        nullptr,   "not those whose archive is equal"},
+  {"factory",  kFactory,        "DIR",     "folder of the factory's archives"},
   {"fields",   kFields,         nullptr,   "print a line for each field"},
 };
 // clang-format on

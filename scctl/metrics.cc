@@ -1,7 +1,7 @@
 /* metrics: figures in the text format of Prometheus. */
+#include <errno.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <sys/shm.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -50,11 +50,7 @@ constexpr long kUnknown = -1; /* there is no such figure */
 struct Figures {
   long of[kMetricCount][kTableCount];
 
-  Figures() {
-    for (auto& family : of) {
-      for (long& figure : family) figure = kUnknown;
-    }
-  }
+  Figures() { memset(of, kUnknown, sizeof of); }
 };
 
 void look_at_archive(Source& live, AreaId id, Figures* figures) {
@@ -90,13 +86,16 @@ void look(Source& live, Figures* figures) {
     figures->of[kRecords][n] = used;
     figures->of[kCapacity][n] = table.capacity;
   }
-  uint32_t saves[kAreaCount];
-  const bool has_saves = read_saves(saves);
+  errno = 0;
+  const uint32_t* counts = saves(false);
+  const bool has_counts = counts != nullptr || errno == ENOENT; /* nothing was saved yet */
   count_lockers(figures->of[kHolders], figures->of[kWaiters]);
   for (const Area& area : kAreas) {
     const AreaId id = id_of(area);
     figures->of[kPresent][id] = live.block(id) != nullptr;
-    if (has_saves && area.save != nullptr) figures->of[kSaves][id] = static_cast<long>(saves[id]);
+    if (has_counts && area.save != nullptr) {
+      figures->of[kSaves][id] = counts != nullptr ? static_cast<long>(counts[id]) : 0;
+    }
     look_at_archive(live, id, figures);
   }
 }

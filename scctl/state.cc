@@ -86,31 +86,15 @@ bool replace_state_file(const char* name, const char* bytes, size_t size) {
   return false;
 }
 
-/* ---- saves ---- */
-
-namespace {
-
-constexpr char kCounts[] = "saved"; /* a word for each area */
-constexpr size_t kCountsSize = kAreaCount * sizeof(uint32_t);
-
-}  // namespace
-
-void count_save(AreaId area) {
-  if (!open_state(true)) return;
-  const Descriptor file(open_state_file(kCounts, O_RDWR | O_CREAT));
-  if (!file || ftruncate(file.number, kCountsSize) != 0) return;
-  void* counts = mmap(nullptr, kCountsSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.number, 0);
-  if (counts == MAP_FAILED) return;
-  __atomic_fetch_add(static_cast<uint32_t*>(counts) + area, 1, __ATOMIC_RELAXED);
-  munmap(counts, kCountsSize);
-}
-
-bool read_saves(uint32_t* counts) {
-  memset(counts, 0, kCountsSize);
-  if (!open_state(false)) return errno == ENOENT;
-  const Descriptor file(open_state_file(kCounts, O_RDONLY));
-  if (!file) return errno == ENOENT;
-  return read(file.number, counts, kCountsSize) == static_cast<ssize_t>(kCountsSize);
+uint32_t* saves(bool create) {
+  static uint32_t* counts;
+  constexpr size_t kSize = kAreaCount * sizeof *counts;
+  if (counts != nullptr || !open_state(create)) return counts;
+  const Descriptor file(open_state_file("saved", O_RDWR | O_CREAT));
+  if (!file || ftruncate(file.number, kSize) != 0) return nullptr;
+  void* mapped = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.number, 0);
+  if (mapped != MAP_FAILED) counts = static_cast<uint32_t*>(mapped);
+  return counts;
 }
 
 void add_user(uint32_t uid, Text* to) {

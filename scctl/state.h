@@ -52,10 +52,8 @@ void add_user(uint32_t uid, Text* to);
 /* The words of this call. */
 extern Text g_words;
 
-/* Counts a save of the area. */
-void count_save(AreaId area);
-/* The number of saves of each area since the boot. False when it is not known. */
-bool read_saves(uint32_t* counts);
+/* The number of saves of each area since the boot, which all processes share; null with errno. */
+uint32_t* saves(bool create);
 
 /* The log of scctl's edits. */
 void start_log();

@@ -152,9 +152,7 @@ int need_areas(Source& live, uint32_t areas) {
 void take_tables(Source& live, Snapshot* wanted, Snapshot* now) {
   for (int n = 0; n < kTableCount; ++n) {
     if (!wanted[n]) continue;
-    Snapshot taken(kTables[n]);
-    taken.take(live);
-    taken.swap(now[n]);
+    now[n].take(kTables[n], live);
     add_sections(now[n], &wanted[n]);
   }
 }

@@ -384,6 +384,12 @@ void Snapshot::take(Source& source) {
   }
 }
 
+void Snapshot::take(const Table& table, Source& source) {
+  Snapshot taken(table);
+  taken.take(source);
+  taken.swap(*this);
+}
+
 void Snapshot::take(Source& source, uint32_t position) {
   Reader reader(source, *table_);
   used_.data()[position] = reader.copy(position, put(position));

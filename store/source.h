@@ -156,6 +156,8 @@ class Snapshot {
   Snapshot() = default;
   explicit Snapshot(const Table& table);
   void take(Source& source);
+  /* The same for a snapshot of no table yet. */
+  void take(const Table& table, Source& source);
   /* Copies one record only. */
   void take(Source& source, uint32_t position);
 
