@@ -160,7 +160,7 @@ class Session {
     while (!is_written && !is_interrupted()) {
       Text typed;
       if (const int failed = draft.edit(text, &typed); failed != kOk) return failed;
-      if (typed.size() == 0 || strcmp(typed.c_str(), text.c_str()) == 0) break;
+      if (strcmp(typed.c_str(), text.c_str()) == 0) break;
       text.clear();
       status = write(typed, &text, &is_written);
       if (status == kOk) break;

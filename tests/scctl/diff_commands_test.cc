@@ -30,8 +30,8 @@ class DiffCommandsTest : public EditTest {
     EXPECT_EQ(("\n" + commands.out).find("\n# "), std::string::npos) << commands;
     EXPECT_EQ(commands.status, commands.out.empty() ? 0 : 1);
     const ShellScctl in_path;
-    const Outcome pasted = by_shell ? run({"sh", "-e"}, commands.out)
-                                    : run(scctl({"batch", "-"}), commands.out);
+    const Outcome pasted =
+        by_shell ? run({"sh", "-e"}, commands.out) : run(scctl({"batch", "-"}), commands.out);
     EXPECT_EQ(pasted.status, 0) << pasted << commands.out;
     EXPECT_EQ(run(scctl({"diff", "live", other})), (Outcome{0, "", ""})) << commands.out;
     EXPECT_EQ(run(scctl({"diff", "live", other, "--commands"})), (Outcome{0, "", ""}));
@@ -67,12 +67,13 @@ TEST_F(DiffCommandsTest, ARuleIsAddedAfterItsGroupAndDeletedBeforeIt) {
 }
 
 TEST_F(DiffCommandsTest, KeysThatMoveBetweenRecords_AreFreedFirst) {
-  turns("add lan_binds/1 mac=00:11:22:33:44:01 ip=10.0.0.1\n"
-        "add lan_binds/2 mac=00:11:22:33:44:02 ip=10.0.0.2\n"
-        "add lan_binds/3 mac=00:11:22:33:44:03 ip=10.0.0.3\n",
-        "add lan_binds/1 mac=00-11-22-33-44-02 ip=10.0.0.1 name=one\n"
-        "add lan_binds/2 mac=00:11:22:33:44:01 ip=10.0.0.3\n"
-        "add lan_binds/4 mac=00:11:22:33:44:03 ip=10.0.0.2\n");
+  turns(
+      "add lan_binds/1 mac=00:11:22:33:44:01 ip=10.0.0.1\n"
+      "add lan_binds/2 mac=00:11:22:33:44:02 ip=10.0.0.2\n"
+      "add lan_binds/3 mac=00:11:22:33:44:03 ip=10.0.0.3\n",
+      "add lan_binds/1 mac=00-11-22-33-44-02 ip=10.0.0.1 name=one\n"
+      "add lan_binds/2 mac=00:11:22:33:44:01 ip=10.0.0.3\n"
+      "add lan_binds/4 mac=00:11:22:33:44:03 ip=10.0.0.2\n");
 }
 
 TEST_F(DiffCommandsTest, AFieldThatSetCannotWrite_IsAddedAnew) {
@@ -81,15 +82,17 @@ TEST_F(DiffCommandsTest, AFieldThatSetCannotWrite_IsAddedAnew) {
 }
 
 TEST_F(DiffCommandsTest, ARuleThatOutlivesItsGroup_IsThereAgain) {
-  turns("add ip_groups/2 leading_text=office\nadd time_groups/1 leading_text=night\n"
-        "add qos/1 leading_text=q ip_mode=1 ip_group_id=2 time_mode=2 time_group_id=1\n",
-        "add qos/1 leading_text=q ip_mode=1 ip_group_id=2 time_mode=2 time_group_id=1\n");
+  turns(
+      "add ip_groups/2 leading_text=office\nadd time_groups/1 leading_text=night\n"
+      "add qos/1 leading_text=q ip_mode=1 ip_group_id=2 time_mode=2 time_group_id=1\n",
+      "add qos/1 leading_text=q ip_mode=1 ip_group_id=2 time_mode=2 time_group_id=1\n");
 }
 
 TEST_F(DiffCommandsTest, AnAccessPointKeepsItsGroupWhenTheTemplateGoes) {
-  turns("add aps/1 ap_mac=02:61:62:63:64:65\nadd ap_templates/2 template_name=lobby\n"
-        "bind ap_templates/2 aps/1\n",
-        "add aps/1 ap_mac=02:61:62:63:64:65 group_id=2 group_info=lobby\n");
+  turns(
+      "add aps/1 ap_mac=02:61:62:63:64:65\nadd ap_templates/2 template_name=lobby\n"
+      "bind ap_templates/2 aps/1\n",
+      "add aps/1 ap_mac=02:61:62:63:64:65 group_id=2 group_info=lobby\n");
 }
 
 TEST_F(DiffCommandsTest, MacTextsThatOnlyTheLibraryTellsApart_AreWrittenInHex) {
@@ -119,8 +122,8 @@ TEST_F(DiffCommandsTest, AnAreaOfOneSideAlone_IsAComment) {
 
 TEST_F(DiffCommandsTest, UsersOfAccessPoints_ComeFromAnImage) {
   make("add ap_users/7 user_mac=02:00:00:00:00:07 opaque_14=00736574\n");
-  write_file("/var/users.cfg",
-             std::string(reinterpret_cast<char*>(block("ApUserList")), golden_area("ApUserList").size));
+  write_file("/var/users.cfg", std::string(reinterpret_cast<char*>(block("ApUserList")),
+                                           golden_area("ApUserList").size));
   done({"clear", "ap_users"});
   const Outcome outcome = run(scctl({"diff", "live", "/var/users.cfg", "--commands"}));
   EXPECT_EQ(outcome, (Outcome{1,
@@ -136,24 +139,23 @@ class RandomStore {
     for (const char* table : {"ip_groups", "time_groups"}) {
       rows(table, "", [&] { return " leading_text=" + text(); });
     }
-    rows("lan_binds", "mac=00:11:22:33:44:0", [&] {
-      return " ip=10.0.0." + std::to_string(++address_) + " name=" + text();
-    });
+    rows("lan_binds", "mac=00:11:22:33:44:0",
+         [&] { return " ip=10.0.0." + std::to_string(++address_) + " name=" + text(); });
     rows("mac_filter", "mac=00:11:22:33:44:0", [&] { return rule(false); });
     rows("url_filter", "url=example", [&] { return rule(false); });
     rows("ip_filter", "", [&] { return rule(true); });
     rows("qos", "", [&] { return rule(true); });
     rows("clients", "client_mac=02:00:00:00:00:0", [&] { return " text_52=" + text(); });
     rows("client_groups", "group_name=g", [&] { return std::string(); });
-    rows("aps", "ap_mac=02:61:62:63:64:0", [&] {
-      return random_.one_in(3) ? " group_id=" + number(4) : std::string();
-    });
+    rows("aps", "ap_mac=02:61:62:63:64:0",
+         [&] { return random_.one_in(3) ? " group_id=" + number(4) : std::string(); });
     rows("ap_templates", "", [&] {
       return " template_name=" + text() +
              (random_.one_in(2) ? " bound_ap_mac=02:61:62:63:64:0" + number(8) : "");
     });
     for (const char* id : {"1", "2", "4"}) {
-      if (random_.one_in(2)) commands_ << "set wan/" << id << " settings=" << number(90) << "00ff\n";
+      if (random_.one_in(2))
+        commands_ << "set wan/" << id << " settings=" << number(90) << "00ff\n";
     }
   }
   std::string commands() const { return commands_.str(); }
@@ -182,8 +184,8 @@ class RandomStore {
   }
   std::string rule(bool has_ip_group) {
     const auto digit = [&](uint32_t limit) { return std::to_string(random_.below(limit)); };
-    std::string fields = " leading_text=" + text() + " time_mode=" + digit(3) +
-                         " time_group_id=" + digit(7);
+    std::string fields =
+        " leading_text=" + text() + " time_mode=" + digit(3) + " time_group_id=" + digit(7);
     if (has_ip_group) fields += " ip_mode=" + digit(3) + " ip_group_id=" + digit(7);
     return fields;
   }

@@ -31,8 +31,9 @@ class EditRecordTest : public EditTest {
   /* What the editor does at its first look, its second, ... with the file $1; then it fails. Each
    * look is kept. */
   static void looks(const std::vector<std::string>& scripts) {
-    std::string text = "n=$(cat /var/looks 2>/dev/null || echo 1); echo $((n + 1)) >/var/looks\n"
-                       "cp \"$1\" /var/look$n\ncase $n in\n";
+    std::string text =
+        "n=$(cat /var/looks 2>/dev/null || echo 1); echo $((n + 1)) >/var/looks\n"
+        "cp \"$1\" /var/look$n\ncase $n in\n";
     for (size_t n = 0; n < scripts.size(); ++n) {
       text += std::to_string(n + 1) + ") " + scripts[n] + " ;;\n";
     }
@@ -116,6 +117,25 @@ TEST_F(EditRecordTest, ErrorsAreComments_AndWhatWasTypedIsKept) {
   EXPECT_EQ(bind().bind_ip, 0x0900000au);
 }
 
+TEST_F(EditRecordTest, CommentsOfBefore_AreNotKept) {
+  const ShellScctl in_path;
+  looks({"sed -i 's/^flag=.*/flag=x/' \"$1\"", "sed -i 's/^flag=.*/flag=y/' \"$1\"",
+         "scctl set lan_binds/2 ip=10.0.0.7; sed -i 's/^flag=.*/flag=1/' \"$1\"", ":"});
+  EXPECT_EQ(edit().status, 1);
+  EXPECT_EQ(look(3), kHeader_ +
+                         "mac=00:11:22:33:44:02\nip=10.0.0.2\n"
+                         "#! scctl: lan_binds.flag: 'y' is not a number\nflag=y\nname=two words\n");
+  EXPECT_EQ(look(4).find("number"), std::string::npos) << look(4);
+}
+
+TEST_F(EditRecordTest, FieldsThatAreNotTyped_AreNotWritten) {
+  block_as<LanBlock>("Lan")->lan_binds[4] = bind(); /* as other programs may leave them */
+  block_as<LanBlock>("Lan")->lan_binds[4].slot_id = 5;
+  looks({"sed -i s/two/three/ \"$1\""});
+  EXPECT_EQ(edit(), (Outcome{0, "", ""})); /* the key of another record is not looked at */
+  EXPECT_STREQ(bind().bind_name, "three words");
+}
+
 TEST_F(EditRecordTest, AnErrorThatIsLeft_GivesUpWithItsStatus) {
   done({"add", "lan_binds/5", "mac=00:11:22:33:44:05", "ip=10.0.0.5"});
   looks({"sed -i 's/^ip=.*/ip=10.0.0.5/' \"$1\"", ":"});
@@ -175,7 +195,9 @@ TEST_F(EditRecordTest, TextsThatAreNotPlain_StayAsTheyAreWhenAnotherFieldChanges
   EXPECT_EQ(edit(), (Outcome{0, "", ""}));
   EXPECT_NE(look(1).find("mac:hex=6e6f206d6163\n"), std::string::npos) << look(1);
   EXPECT_NE(look(1).find("\n" + hex + "\n"), std::string::npos) << look(1);
-  EXPECT_EQ(std::string(bind().bind_name, 6), std::string("ab\0\n\xff" "c", 6));
+  EXPECT_EQ(std::string(bind().bind_name, 6), std::string("ab\0\n\xff"
+                                                          "c",
+                                                          6));
   EXPECT_EQ(bind().bind_flag, 1);
 }
 

@@ -5,11 +5,12 @@
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <regex>
 #include <set>
 #include <sstream>
 
-#include "scctl/edits.h"
+#include "scctl/shell.h"
 
 namespace sc_test {
 namespace {
@@ -118,6 +119,16 @@ TEST_F(MetricsTest, HoldersAndWaiters_AreProcesses) {
   EXPECT_EQ(waiter.wait().status, 0);
 }
 
+TEST_F(MetricsTest, AProcessThatHoldsTwoRecords_IsOneHolder) {
+  Child child([] {
+    const int file = open(lock_file("Lan").c_str(), O_RDWR);
+    for (const off_t byte : {5, 9}) sc_lock_reg(file, F_SETLK, F_WRLCK, byte, SEEK_SET, 1);
+    pause();
+  });
+  while (!is_locked(lock_file("Lan"), 9)) usleep(1000);
+  EXPECT_EQ(read().at(of("lock_holders", "Lan")), 1);
+}
+
 TEST_F(MetricsTest, Saves_AreCountedExactlyAlsoAtOnce) {
   EXPECT_EQ(read().at(of("saves_total", "Lan")), 0);
   std::vector<std::unique_ptr<Program>> saves;
@@ -138,14 +149,18 @@ TEST_F(MetricsTest, AnEditOfAFile_IsNoSave) {
   done({"save", "Lan"});
   const std::string archive = golden_area("Lan").archive_path;
   write_file("/var/copy.bin", read_file(archive));
+  done({"try", "batch", "-"}, "set wan/1 settings=01\n"); /* its folder is open in the edit, too */
   done({"add", "lan_binds", "name=x", "--archive", "/var/copy.bin", "--in-place"});
   EXPECT_EQ(read().at(of("saves_total", "Lan")), 1);
+  done({"revert"});
 }
 
-TEST_F(MetricsTest, ASaveThatFails_IsNotCounted) {
-  chmod("/var/dataconfig", 0755);
-  mkdir(golden_area("Lan").archive_path.c_str(), 0755);
-  EXPECT_EQ(run(scctl({"save", "Lan"})).status, 3);
+TEST_F(MetricsTest, ASaveThatIsNotVerified_IsNotCounted) {
+  done({"add", "lan_binds/1", "name=x"});
+  const ShellScctl in_path;
+  write_script("/var/shell/tar", "scctl set lan_binds/1 name=y; PATH=${PATH#*:} exec tar \"$@\"\n");
+  EXPECT_EQ(run(scctl({"save", "Lan"})).status, 1);
+  unlink("/var/shell/tar");
   EXPECT_EQ(read().at(of("saves_total", "Lan")), 0);
 }
 
