@@ -21,8 +21,7 @@ int run_reset(Call& call) {
     return fail(kRefused, "the factory has no %s/%u; scctl del %s/%u deletes it", table.name,
                 target.id, table.name, target.id);
   }
-  const uint8_t* live =
-      call.source.block(table.area) + table.at + (target.id - 1) * table.stride;
+  const uint8_t* live = call.source.block(table.area) + table.at + (target.id - 1) * table.stride;
   if (target.field == nullptr && !is_used(table, live)) {
     return add_record(call.source, table, record.data(), Spelling::kAsLibrary, &target.id);
   }
