@@ -90,7 +90,7 @@ uint32_t* saves(bool create) {
   static uint32_t* counts;
   constexpr size_t kSize = kAreaCount * sizeof *counts;
   if (counts != nullptr || !open_state(create)) return counts;
-  const Descriptor file(open_state_file("saved", O_RDWR | O_CREAT));
+  const Descriptor file(open_state_file("counts", O_RDWR | O_CREAT));
   if (!file || ftruncate(file.number, kSize) != 0) return nullptr;
   void* mapped = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, file.number, 0);
   if (mapped != MAP_FAILED) counts = static_cast<uint32_t*>(mapped);
