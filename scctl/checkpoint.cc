@@ -21,7 +21,8 @@
 
 #include "commands.h"
 #include "listing.h"
-#include "state.h"
+#include "try.h"
+#include "store/edit.h"
 #include "store/gzip.h"
 #include "store/value.h"
 
@@ -332,10 +333,12 @@ bool differs(const Snapshot& one, const Snapshot& other, uint32_t position) {
          !has_equal_fields(one.table(), one.record(position), other.record(position));
 }
 
-unsigned long count_differences(Source& one, Source& other) {
+}  // namespace
+
+unsigned long count_differences(Source& one, Source& other, uint32_t areas) {
   unsigned long count = 0;
   for (const Table& table : kTables) {
-    if (!can_be_saved(kAreas[table.area])) continue;
+    if ((areas & bit(table.area)) == 0) continue;
     Snapshot in_one(table), in_other(table);
     in_one.take(one);
     in_other.take(other);
@@ -343,6 +346,8 @@ unsigned long count_differences(Source& one, Source& other) {
   }
   return count;
 }
+
+namespace {
 
 void list_checkpoint(const char* name, Source& live, Listing* listing) {
   Checkpoint checkpoint;
@@ -360,7 +365,7 @@ void list_checkpoint(const char* name, Source& live, Listing* listing) {
   if (good) {
     Source source;
     source.take_checkpoint(&checkpoint);
-    listing->add(count_differences(source, live));
+    listing->add(count_differences(source, live, saved_areas()));
   } else {
     listing->add("null", "-");
   }
@@ -414,9 +419,7 @@ int read_wanted(const Call& call, Snapshot* wanted) {
   }
   for (int n = 0; n < kTableCount; ++n) {
     if (!chosen[kTables[n].area]) continue;
-    Snapshot taken(kTables[n]);
-    taken.take(source);
-    taken.swap(wanted[n]);
+    wanted[n].take(kTables[n], source);
   }
   return kOk;
 }

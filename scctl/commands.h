@@ -31,6 +31,9 @@ enum Option : uint32_t {
   kJournalOption = 32768,
   kEntry = 65536,
   kRename = 1u << 17,
+  kChanged = 1 << 20,
+  kFactory = 1 << 21,
+  kFields = 1 << 22,
   kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
 };
 constexpr uint32_t kSources = kImage | kArchive;
@@ -46,6 +49,7 @@ struct Call {
   const char* exec;
   const char* rename;
   int overlay_count; /* their files stand behind the words */
+  const char* factory;
   uint32_t count;
   uint32_t timeout; /* in seconds */
   uint32_t entry;   /* of the log */
@@ -73,6 +77,28 @@ struct Command {
   int8_t most;  /* -1: any */
   int (*run)(Call& call);
 };
+
+struct OptionRow {
+  const char* name; /* without its hyphens */
+  Option option;
+  const char* value; /* the name of its value; null: the option has no value */
+  const char* help;
+};
+
+/* All commands and options. */
+template <class Row>
+struct Rows {
+  const Row* first;
+  size_t count;
+
+  const Row* begin() const { return first; }
+  const Row* end() const { return first + count; }
+};
+extern const Rows<Command> kAllCommands;
+extern const Rows<OptionRow> kAllOptions;
+
+/* Null when there is no such command. */
+const Command* find_command(const char* name);
 
 /* The command that runs is part of a try: only changes that can be taken back are allowed. */
 extern bool g_is_trying;
@@ -119,6 +145,16 @@ int replace_tables(Call& call, Snapshot* wanted, const KeptSecrets* kept = nullp
 /* Replaces the values of secrets in words of a command by the token. */
 void hide_secrets(Text* words);
 
+/* Prints commands that turn the areas that both have from the first into the second. True when
+ * anything was printed. */
+bool print_commands(Source& from, Source& into);
+
+/* The number of records of these areas that differ. */
+unsigned long count_differences(Source& one, Source& other, uint32_t areas);
+
+/* The number of processes that hold, and wait for, records of each area. */
+int count_lockers(long* holders, long* waiters);
+
 int init_area(Call& call, AreaId id);
 /* Saves the area, then reads the archive back to check it. */
 int save_area(Call& call, AreaId id);
@@ -148,6 +184,8 @@ int run_add(Call&);
 int run_set(Call&);
 int run_del(Call&);
 int run_clear(Call&);
+int run_edit(Call&);
+int run_reset(Call&);
 int run_bind(Call&);
 int run_unbind(Call&);
 int run_batch(Call&);
@@ -166,6 +204,7 @@ int run_rollback(Call&);
 int run_check(Call&);
 int run_repair(Call&);
 int run_locks(Call&);
+int run_metrics(Call&);
 int run_watch(Call&);
 /* Makes a change as a try. */
 int run_tried(Call& call, int (*make)(Call& call));

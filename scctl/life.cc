@@ -12,7 +12,7 @@
 #include <sysconfig/core.h>
 
 #include "commands.h"
-#include "store/journal.h"
+#include "state.h"
 
 namespace scctl {
 
@@ -178,7 +178,10 @@ int save_area(Call& call, AreaId id) {
     const bool known = image.verdict.state != store::State::kUnknown;
     return fail_archive(area, known ? "is not saved" : "is perhaps not saved", fault);
   }
-  return compare(call, id, "saved", &image);
+  const int status = compare(call, id, "saved", &image);
+  uint32_t* counts = g_file == nullptr ? saves(true) : nullptr;
+  if (status == kOk && counts != nullptr) __atomic_fetch_add(counts + id, 1, __ATOMIC_RELAXED);
+  return status;
 }
 
 namespace {
@@ -277,7 +280,39 @@ int run_init(Call& call) {
   }
   return worst;
 }
-int run_save(Call& call) { return for_areas(call, true, save_area); }
+
+namespace {
+
+/* Archives of one save. */
+struct {
+  unsigned written, equal;
+} g_archives;
+
+int save_changed(Call& call, AreaId id) {
+  if (const int status = call.source.need(id); status != kOk) return status;
+  ArchiveImage image;
+  const bool is_equal = read_own_archive(kAreas[id], &image) == nullptr &&
+                        memcmp(call.source.block(id), image.bytes, kAreas[id].row().size) == 0;
+  free(image.bytes);
+  if (is_equal) {
+    ++g_archives.equal;
+    return kOk;
+  }
+  const int status = save_area(call, id);
+  if (status == kOk) ++g_archives.written;
+  return status;
+}
+
+}  // namespace
+
+int run_save(Call& call) {
+  if (!call.has(kChanged)) return for_areas(call, true, save_area);
+  g_archives = {};
+  const int status = for_areas(call, true, save_changed);
+  tell("archives written: %u, equal: %u%s", g_archives.written, g_archives.equal,
+       status == kOk ? "" : failure_note());
+  return status;
+}
 int run_restore(Call& call) { return for_areas(call, true, restore_area); }
 int run_remove(Call& call) { return for_areas(call, false, remove_area); }
 int run_notify(Call& call) { return for_areas(call, true, notify_area); }

@@ -147,15 +147,42 @@ void read_locks(FILE* file, int reading, LockTable* table) {
 
 }  // namespace
 
-int run_locks(Call& call) {
+namespace {
+
+int read_table(LockTable* table) {
   FILE* file = fopen("/proc/locks", "r");
   if (file == nullptr) return fail(kNoArea, "/proc/locks: %s", strerror(errno));
-  LockTable table;
   for (int reading = 1; reading <= kReadings; ++reading) {
-    read_locks(file, reading, &table);
+    read_locks(file, reading, table);
     rewind(file);
   }
   fclose(file);
+  return kOk;
+}
+
+}  // namespace
+
+int count_lockers(long* holders, long* waiters) {
+  LockTable table;
+  if (const int status = read_table(&table); status != kOk) return status;
+  for (int n = 0; n < kAreaCount; ++n) holders[n] = waiters[n] = 0;
+  const auto is_same = [](const HeldBytes& one, const HeldBytes& other) {
+    return one.area == other.area && one.pid == other.pid &&
+           (one.state[0] == 'w') == (other.state[0] == 'w');
+  };
+  for (const auto& entry : table) {
+    if (entry.readings < kEnoughReadings) continue;
+    const LockTable::Entry* first = table.begin(); /* of this process */
+    while (first->readings < kEnoughReadings || !is_same(first->held, entry.held)) ++first;
+    if (first != &entry) continue;
+    ++(entry.held.state[0] == 'w' ? waiters : holders)[id_of(*entry.held.area)];
+  }
+  return kOk;
+}
+
+int run_locks(Call& call) {
+  LockTable table;
+  if (const int status = read_table(&table); status != kOk) return status;
 
   static constexpr Column kColumns[] = {{"area", "area", -14}, {"record", "record", -16},
                                         {"byte", "byte", 4},   {"state", "state", -5},

@@ -65,6 +65,14 @@ constexpr Command kCommands[] = {
   {"clear", "TABLE", "delete all records of a table",
    "Rules that refer to groups are kept.\n",
    kChanges, 1, 1, run_clear},
+  {"edit", "TABLE/ID", "change a record in an editor",
+   "Opens it as FIELD=VALUE lines in $VISUAL, $EDITOR or vi, again after an error, and\n"
+   "when another program changed it. An empty or unchanged file gives up.\n",
+   0, 1, 1, run_edit},
+  {"reset", "TABLE/ID[.FIELD]", "set a record or a field to its factory value",
+   "Takes it from the archives in /etc/sysconfig/factory. Creates a free record.\n"
+   "Refuses a record that the factory does not have: del deletes it.\n",
+   kFactory, 1, 1, run_reset},
   {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
    "",
    kNote, 2, 2, run_bind},
@@ -82,8 +90,9 @@ constexpr Command kCommands[] = {
    "an archive is not good.\n",
    kAll, 0, -1, run_init},
   {"save", "AREA...", "save areas to their archives",
-   "Reads the archive back to verify it.\n",
-   kAll, 0, -1, run_save},
+   "Reads the archive back to verify it. With --changed, leaves equal archives as\n"
+   "they are, and prints how many were written.\n",
+   kAll | kChanged, 0, -1, run_save},
   {"restore", "AREA...", "load areas from their archives and announce them",
    "Refuses a broken archive. Takes no lock of a record: concurrent changes are\n"
    "lost.\n",
@@ -99,19 +108,20 @@ constexpr Command kCommands[] = {
    0, 1, 2, run_lease},
   {"export", "[AREA...]", "print areas as JSON",
    "Prints all existing areas if none is named. Bytes are hex without trailing\n"
-   "zeros; bytes of texts that are invalid UTF-8 are \\udc80 to \\udcff.\n",
-   kSources, 0, -1, run_export},
+   "zeros; bytes of texts that are invalid UTF-8 are \\udc80 to \\udcff. With\n"
+   "--fields, prints a line for each field that is not zero.\n",
+   kSources | kFields, 0, -1, run_export},
   {"import", "FILE", "replace tables by those of an export",
    "Each table of the file gets exactly the records in it, ids included. Other\n"
    "tables do not change. The whole file is checked before anything is written.\n"
    "- is standard input. null leaves a secret as it is.\n",
    kDryRun | kChanges | kInput | kRename, 1, 1, run_import},
   {"diff", "[A B]", "compare two sources field by field",
-   "A and B are images, archives, live, saved, checkpoint:NAME or try: the areas of\n"
-   "a try as they were before it. Without them, compares saved with live. With\n"
-   "A@OVERLAY and B@OVERLAY, compares by the names of each. Exit status 1 if they\n"
-   "differ.\n",
-   0, 0, 2, run_diff},
+   "A and B are images, archives, live, saved, factory, checkpoint:NAME or try: the\n"
+   "areas of a try as they were before it. Without them, compares saved with live.\n"
+   "With A@OVERLAY and B@OVERLAY, compares by the names of each. With --commands,\n"
+   "prints commands that turn A into B. Exit status 1 if they differ.\n",
+   kCommandsOption | kFactory, 0, 2, run_diff},
   {"checkpoint", "NAME", "keep the present state of all areas under a name",
    "Copies all areas that can be saved, of one moment: nobody changes a record while\n"
    "it copies. If records stay locked for a second, it copies area by area, and says\n"
@@ -139,6 +149,9 @@ constexpr Command kCommands[] = {
    "Reads the kernel's table. Prints a state (holds, waits or reads), process and\n"
    "program.\n",
    kJson, 0, 0, run_locks},
+  {"metrics", "", "print figures for Prometheus",
+   "Tables, unsaved records, archives, lock holders, and saves by scctl.\n",
+   0, 0, 0, run_metrics},
   {"watch", "[AREA...]", "print each change as it happens",
    "Prints a change at once if the writer used the area's lock file, as programs do;\n"
    "other changes, and areas that are loaded, within 5 s. Takes no lock, so no\n"
@@ -184,9 +197,9 @@ constexpr Command kCommands[] = {
   {"schema", "", "print the JSON Schema of an export",
    "Of draft 7, with the members of the overlays.\n",
    0, 0, 0, run_schema},
-  {"completion", "", "print the completion for bash",
+  {"completion", "[bash|zsh|fish]", "print the completion for a shell",
    "",
-   0, 0, 0, run_completion},
+   0, 0, -1, run_completion},
   {"help", "[COMMAND]", "list the commands, or describe one",
    "",
    0, 0, 1, run_help},
@@ -195,17 +208,10 @@ constexpr Command kCommands[] = {
 
 namespace {
 
-struct OptionRow {
-  const char* name; /* without its hyphens */
-  Option option;
-  const char* value; /* the name of its value; null: the option has no value */
-  const char* help;
-};
-
 // clang-format off
 constexpr OptionRow kOptions[] = {
   {"json",     kJson,           nullptr,   "print JSON"},
-  {"commands", kCommandsOption, nullptr,   "print commands that create the same records"},
+  {"commands", kCommandsOption, nullptr,   "print commands to paste"},
   {"all",      kAll,            nullptr,   "all areas"},
   {"dry-run",  kDryRun,         nullptr,   "print what would change, but change nothing"},
   {"image",    kImage,          "FILE",    "use a .cfg image, not the live area"},
@@ -221,6 +227,9 @@ constexpr OptionRow kOptions[] = {
   {"note",     kNote,           "TEXT",    "log it with the edit, and show it in watch --json"},
   {"journal",  kJournalOption,  nullptr,   "log what other programs change"},
   {"entry",    kEntry,          "SEQ",     "take back this entry of the log"},
+  {"changed",  kChanged,        nullptr,   "not those whose archive is equal"},
+  {"factory",  kFactory,        "DIR",     "folder of the factory's archives"},
+  {"fields",   kFields,         nullptr,   "print a line for each field"},
 };
 // clang-format on
 constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
@@ -266,13 +275,6 @@ void print_help() {
       "findings; 2 wrong usage; 3 no area, no file or no permission.");
 }
 
-const Command* find_command(const char* name) {
-  for (const Command& command : kCommands) {
-    if (strcmp(command.name, name) == 0) return &command;
-  }
-  return nullptr;
-}
-
 int fail_unknown_command(const char* name) {
   Nearest nearest(name, strlen(name));
   for (const Command& known : kCommands) nearest.offer(known.name);
@@ -289,6 +291,7 @@ int take_option(const OptionRow& row, char* value, Call* call) {
     case kExec: call->exec = value; break;
     case kRename: call->rename = value; break;
     case kNote: g_note = value; break;
+    case kFactory: call->factory = value; break;
     case kCount:
     case kEntry:
     case kTimeout: {
@@ -490,6 +493,16 @@ void hide_secrets(Text* word) {
   }
 }
 
+const Rows<Command> kAllCommands = {kCommands, sizeof kCommands / sizeof *kCommands};
+const Rows<OptionRow> kAllOptions = {kOptions, kOptionCount};
+
+const Command* find_command(const char* name) {
+  for (const Command& command : kCommands) {
+    if (strcmp(command.name, name) == 0) return &command;
+  }
+  return nullptr;
+}
+
 int run_words(int word_count, char** words) {
   const Command* command = find_command(words[0]);
   if (command == nullptr) return fail_unknown_command(words[0]);
@@ -527,93 +540,6 @@ int run_help(Call& call) {
   const Command* command = find_command(call.words[0]);
   if (command == nullptr) return fail_unknown_command(call.words[0]);
   print_command_help(*command);
-  return kOk;
-}
-
-/* ---- completion ---- */
-
-namespace {
-
-/* Prints the words of the rows as variables of the completion function. */
-void print_completion_words() {
-  Text commands, tables, areas;
-  for (const Command& command : kCommands) commands.print(" %s", command.name);
-  for (const Table& table : kTables) tables.print(" %s", table.name);
-  for (const Area& area : kAreas) areas.print(" %s", area.name);
-  printf("  local commands='%s'\n  local tables='%s'\n  local areas='%s'\n", commands.c_str() + 1,
-         tables.c_str() + 1, areas.c_str() + 1);
-  puts("  case $command in");
-  for (const Command& command : kCommands) {
-    Text options;
-    for (const OptionRow& row : kOptions) {
-      if ((command.options & row.option) != 0) options.print(" --%s", row.name);
-    }
-    if (options.size() > 0) printf("    %s) options+='%s' ;;\n", command.name, options.c_str());
-  }
-  puts("  esac\n  case ${COMP_WORDS[2]%%/*} in");
-  for (const Table& table : kTables) {
-    Text fields;
-    for (const Field& field : names_of(table)) fields.print(" %s", field.name);
-    printf("    %s) fields='%s' ;;\n", table.name, fields.c_str() + 1);
-  }
-  puts("  esac");
-}
-
-/* "A:N|B:N": the commands whose arguments have this text, at a place. */
-void print_commands_with(const char* text, char place) {
-  const char* before = "      ";
-  for (const Command& command : kCommands) {
-    if (strstr(command.arguments, text) == nullptr) continue;
-    printf("%s%s:%c", before, command.name, place);
-    before = "|";
-  }
-}
-
-}  // namespace
-
-int run_completion(Call&) {
-  puts(
-      "_scctl() {\n"
-      "  local command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]}\n"
-      "  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help --overlay --secrets' fields='' words='' ahead=''");
-  print_completion_words();
-  puts(
-      "  if [[ $COMP_CWORD == 1 ]]; then\n"
-      "    words=\"$commands --help --version\"\n"
-      "  elif [[ $before == = || $word == = ||\n"
-      "    $before =~ ^--(image|archive|exec|count|timeout|note|entry|overlay|rename)$ ]]; then\n"
-      "    return\n"
-      "  elif [[ $word == -* ]]; then\n"
-      "    words=$options\n"
-      "  elif [[ $command == get && $word == */*.* ]]; then\n"
-      "    words=$fields ahead=${word%.*}. word=${word##*.}\n"
-      "  else\n"
-      "    case $command:$COMP_CWORD in\n"
-      "      help:2) words=$commands ;;\n"
-      "      lease:2) words='save restore' ;;\n"
-      "      overlay:2) words='import cover' ;;\n"
-      "      lease:3) words='clients aps' ;;\n"
-      "      bind:2|unbind:2) words=ap_templates/ ;;\n"
-      "      bind:3) words=aps/ ;;\n"
-      "      diff:2|diff:3) words='live saved try' ;;\n"
-      "      try:2|try:4) words='batch import --' ;;\n"
-      "      rollback:2) ;;");
-  print_commands_with("TABLE", '2');
-  puts(") words=$tables ;;");
-  print_commands_with("FIELD=", '*');
-  puts(") words=${fields// /= }${fields:+=} ;;");
-  print_commands_with("AREA", '*');
-  puts(
-      ") words=$areas ;;\n"
-      "    esac\n"
-      "  fi\n"
-      "  mapfile -t COMPREPLY < <(\n"
-      "    compgen -P \"$ahead\" -W \"$words\" -- \"$word\"\n"
-      "    [[ $command != diff ]] || compgen -f -- \"$word\"\n"
-      "  )\n"
-      "  [[ ${COMPREPLY[0]} != *[=/] ]] || compopt -o nospace 2>/dev/null\n"
-      "}\n"
-      "complete -o default -F _scctl scctl");
   return kOk;
 }
 
@@ -746,7 +672,7 @@ int main(int argc, char** argv) {
     g_count = argc;
     g_given = argv;
     compose_words();
-    look_after_try();
+    if (strcmp(argv[1], "completion") != 0) look_after_try();
     status = run_words(argc - 1, argv + 1);
   }
   const int flushed = flush_output();

@@ -54,6 +54,9 @@ void add_user(uint32_t uid, Text* to);
 extern Text g_words;
 extern const char* g_note;
 
+/* The number of saves of each area since the boot, which all processes share; null with errno. */
+uint32_t* saves(bool create);
+
 /* The log of scctl's edits. */
 void start_log();
 /* Who made an edit, and when. */

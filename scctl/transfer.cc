@@ -20,9 +20,35 @@ namespace scctl {
 
 /* ---- export ---- */
 
+namespace {
+
+/* Prints a line for each record and for each field in it that is not zero. */
+void print_fields(Source& source, const bool* chosen) {
+  for (const Table& table : kTables) {
+    if (!chosen[table.area]) continue;
+    Reader reader(source, table);
+    Buffer record(table.stride);
+    for (uint32_t position = 0; reader.copy_next(&position, record.data()); ++position) {
+      printf("%s/%u\n", table.name, position + 1);
+      for (const Field& field : view_of(table, position, record.data())) {
+        if (size_without_trailing_zeros(field, record.data()) == 0) continue;
+        Text value;
+        format_part(field, record.data(), true, &value);
+        printf("%s/%u.%s: %s\n", table.name, position + 1, field.name, value.c_str());
+      }
+    }
+  }
+}
+
+}  // namespace
+
 int run_export(Call& call) {
   bool chosen[kAreaCount];
   if (const int status = present_areas(call, chosen); status != kOk) return status;
+  if (call.has(kFields)) {
+    print_fields(call.source, chosen);
+    return kOk;
+  }
   Text text;
   JsonWriter writer(&text);
   writer.open('{', JsonWriter::kLines);
@@ -130,9 +156,7 @@ int need_areas(Source& live, uint32_t areas) {
 int take_tables(Source& live, const KeptSecrets* kept, Snapshot* wanted, Snapshot* now) {
   for (int n = 0; n < kTableCount; ++n) {
     if (!wanted[n]) continue;
-    Snapshot taken(kTables[n]);
-    taken.take(live);
-    taken.swap(now[n]);
+    now[n].take(kTables[n], live);
     add_sections(now[n], &wanted[n]);
     if (kept == nullptr) continue;
     if (const int status = kept->take(now[n], &wanted[n]); status != kOk) return status;
@@ -332,14 +356,13 @@ bool print_changes(const char* prefix, const Snapshot& was, const Snapshot& is) 
 namespace {
 
 /* Prints an area that only one of two sources has. An archive that is not good holds no area. */
-void print_single(const Area& area, const Source& there, const Source& other) {
-  const Path archive = archive_path(area);
+void print_single(const char* prefix, const Area& area, const Source& there, const Source& other) {
   ArchiveImage image;
-  const char* fault = nullptr;
-  if (other.is_saved() && access(archive.text, F_OK) == 0) fault = read_own_archive(area, &image);
+  Text path;
+  const char* fault = other.read_area(area, &path, &image);
   free(image.bytes);
-  printf("%s: only in %s", area.name, there.name());
-  if (fault != nullptr) printf("; %s: %s", archive.text, fault);
+  printf("%s%s: only in %s", prefix, area.name, there.name());
+  if (access(path.c_str(), F_OK) == 0) printf("; %s: %s", path.c_str(), fault);
   putchar('\n');
 }
 
@@ -350,7 +373,7 @@ struct Compared {
   Overlays* overlays = g_overlays;
   Text name;
 
-  int open(const char* word) {
+  int open(const Call& call, const char* word) {
     name.add(word);
     const char* at = strrchr(word, '@');
     if (at != nullptr && access(word, F_OK) != 0) {
@@ -358,8 +381,9 @@ struct Compared {
       if (const int status = own.load(at + 1); status != kOk) return status;
       overlays = &own;
     }
-    const bool is_try = strcmp(name.c_str(), "try") == 0;
-    return is_try ? open_try(&source) : source.open_named(name.c_str());
+    if (strcmp(name.c_str(), "try") == 0) return open_try(&source);
+    if (strcmp(name.c_str(), "factory") == 0) return source.open_factory(call.factory);
+    return source.open_named(name.c_str());
   }
   const Table& view(const Table& table, uint32_t position, const uint8_t* record) const {
     return overlays != nullptr && record != nullptr ? overlays->view(table, position, record)
@@ -385,12 +409,15 @@ int run_diff(Call& call) {
   if (call.word_count == 1) return fail(kUsage, "usage: scctl diff [A B]");
   Compared one, other;
   Source &a = one.source, &b = other.source;
-  if (const int status = one.open(call.word_count == 2 ? call.words[0] : "saved"); status != kOk) {
+  if (const int status = one.open(call, call.word_count == 2 ? call.words[0] : "saved");
+      status != kOk) {
     return status;
   }
-  if (const int status = other.open(call.word_count == 2 ? call.words[1] : "live"); status != kOk) {
+  if (const int status = other.open(call, call.word_count == 2 ? call.words[1] : "live");
+      status != kOk) {
     return status;
   }
+  const bool commands = call.has(kCommandsOption);
   bool any = false;
   unsigned compared = 0;
   for (const Area& area : kAreas) {
@@ -401,19 +428,20 @@ int run_diff(Call& call) {
        * an area. */
       const bool expected =
           a.is_whole() && b.is_whole() && area.row().stem[0] != '\0' && (in_a || in_b);
-      if (expected) print_single(area, in_a ? a : b, in_a ? b : a);
+      if (expected) print_single(commands ? "# " : "", area, in_a ? a : b, in_a ? b : a);
       any |= expected;
       continue;
     }
     ++compared;
     for (const Table& table : kTables) {
-      if (table.area != id) continue;
+      if (table.area != id || commands) continue;
       Snapshot was(table), is(table);
       was.take(a);
       is.take(b);
       any |= print_compared(one, was, other, is);
     }
   }
+  if (commands) any |= print_commands(a, b);
   if (!any && compared == 0)
     return fail(kNoArea, "%s and %s have no area in common", a.name(), b.name());
   return any ? kRefused : kOk;

@@ -328,12 +328,13 @@ Written Edit::use(const Table& table, uint32_t position, const uint8_t* record) 
   return Written::kDone;
 }
 
-Written Edit::change(const Table& table, uint32_t position, const uint8_t* record,
-                     const Mask& mask) {
+Written Edit::change(const Table& table, uint32_t position, const uint8_t* record, const Mask& mask,
+                     const uint8_t* expected) {
   const RecordLock lock(*this, table, position);
   if (!lock) return lock.fault();
   uint8_t* to = RecordLock::record_of(*this, table, position);
   if (!is_used(table, to)) return Written::kNotUsed;
+  if (expected != nullptr && !has_equal_fields(table, to, expected)) return Written::kChanged;
   Buffer merged;
   if (mask.is_partial()) {
     /* The other bits of a byte are those of now, under the lock. */
@@ -639,7 +640,7 @@ int add_record(Source& live, const Table& table, const uint8_t* record, Spelling
 }
 
 int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* record,
-               const Mask& mask, Spelling spelling) {
+               const Mask& mask, Spelling spelling, const uint8_t* expected) {
   Edit edit(live);
   if (const int status = edit.begin(bit(table.area)); status != kOk) return status;
   bool has_key = false;
@@ -670,7 +671,7 @@ int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* rec
       return status;
     }
   }
-  const Written written = edit.change(table, id - 1, record, mask);
+  const Written written = edit.change(table, id - 1, record, mask, expected);
   return written == Written::kDone ? kOk : fail_written(table, id, written);
 }
 
@@ -702,23 +703,38 @@ int need_reached(Source& live, const Table& table) {
   return kOk;
 }
 
+const Table& rules_of(const Reference& reference) {
+  return *find_table(reference.table, strlen(reference.table));
+}
+
+int64_t number_in(const Table& table, const char* name, const uint8_t* record) {
+  const Field& field = *find_field(table, name, strlen(name));
+  return load_number(record + field.record_at, field.size, true);
+}
+
+}  // namespace
+
+bool is_deleted_with(const Reference& reference, const uint8_t* rule, uint32_t group_id) {
+  const Table& rules = rules_of(reference);
+  return number_in(rules, reference.mode, rule) == reference.last_mode &&
+         number_in(rules, reference.id, rule) == group_id;
+}
+
+namespace {
+
 /* Deletes the rules that refer to the group, as the library does. A rule that another program
  * changes before it is deleted is read again: it may no longer refer to the group. */
 int remove_referring(Edit& edit, const Table& groups, uint32_t group_id) {
   for (const Reference& reference : kReferences) {
     if (strcmp(reference.groups, groups.name) != 0) continue;
-    const Table& rules = *find_table(reference.table, strlen(reference.table));
-    const Field& mode = *find_field(rules, reference.mode, strlen(reference.mode));
-    const Field& id = *find_field(rules, reference.id, strlen(reference.id));
+    const Table& rules = rules_of(reference);
     const uint8_t* record = edit.live().block(rules.area) + rules.at;
     Buffer rule(rules.stride);
     for (uint32_t position = 0; position < rules.capacity; ++position, record += rules.stride) {
       Written written;
       do {
         memcpy(rule.data(), record, rules.stride);
-        if (!is_used(rules, rule.data()) ||
-            load_number(rule.data() + mode.record_at, mode.size, true) != reference.last_mode ||
-            load_number(rule.data() + id.record_at, id.size, true) != group_id) {
+        if (!is_used(rules, rule.data()) || !is_deleted_with(reference, rule.data(), group_id)) {
           break;
         }
         written = edit.remove(rules, position, rule.data());

@@ -81,8 +81,10 @@ class Edit {
 
   /* Makes the record of a free position used. */
   Written add(const Table& table, uint32_t position, const uint8_t* record);
-  /* Writes bytes of a used record. Records of sections are always used. */
-  Written change(const Table& table, uint32_t position, const uint8_t* record, const Mask& mask);
+  /* Writes bytes of a used record. Records of sections are always used. If `expected` is given, the
+   * record is written only when its fields still have these values. */
+  Written change(const Table& table, uint32_t position, const uint8_t* record, const Mask& mask,
+                 const uint8_t* expected = nullptr);
   /* Frees a used record. If `expected` is given, the record is freed only when its fields still
    * have these values. */
   Written remove(const Table& table, uint32_t position, const uint8_t* expected = nullptr);
@@ -138,9 +140,13 @@ int refuse_free(const Table& table, uint32_t id);
  * a record that clashes. */
 int add_record(Source& live, const Table& table, const uint8_t* record, Spelling spelling,
                uint32_t* id);
-/* Writes the bytes of the mask. */
+/* Writes the bytes of the mask; if `expected` is given, only when the record's fields still have
+ * these values. */
 int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* record,
-               const Mask& mask, Spelling spelling);
+               const Mask& mask, Spelling spelling, const uint8_t* expected = nullptr);
+
+/* Whether the rule, a record of the reference's table, is deleted with the group. */
+bool is_deleted_with(const Reference& reference, const uint8_t* rule, uint32_t group_id);
 
 /* A record to be deleted. */
 struct Doomed {

@@ -166,6 +166,28 @@ void Source::open_saved() {
   name_ = "saved";
 }
 
+int Source::open_factory(const char* folder) {
+  factory_ = folder != nullptr ? folder : "/etc/sysconfig/factory";
+  name_ = "factory";
+  return access(factory_, X_OK) == 0 ? kOk : fail(kNoArea, "%s: %s", factory_, strerror(errno));
+}
+
+const char* Source::read_area(const Area& area, Text* path, ArchiveImage* image) const {
+  const char* stem = area.row().stem;
+  if (stem[0] == '\0' || (factory_ == nullptr && !saved_)) return "";
+  if (factory_ == nullptr) {
+    path->add(archive_path(area).text);
+    return read_own_archive(area, image);
+  }
+  path->print("%s/config_%s.bin", factory_, stem);
+  const char* fault = read_archive(path->c_str(), -1, &area.row(), image);
+  if (fault != nullptr) {
+    free(image->bytes);
+    image->bytes = nullptr;
+  }
+  return fault;
+}
+
 int Source::open_image(const char* path, int opened) {
   name_ = path;
   FILE* file = opened >= 0 ? fdopen(dup(opened), "r") : fopen(path, "r");
@@ -249,9 +271,10 @@ uint8_t* Source::block(AreaId id) {
   if (blocks_[id] == nullptr && live_) {
     blocks_[id] = reinterpret_cast<void*>(static_cast<uintptr_t>(area.attach()));
   }
-  if (blocks_[id] == nullptr && saved_ && area.row().stem[0] != '\0') {
+  if (blocks_[id] == nullptr && !live_) {
     ArchiveImage image;
-    read_own_archive(area, &image);
+    Text path;
+    read_area(area, &path, &image);
     blocks_[id] = image.bytes;
   }
   return static_cast<uint8_t*>(blocks_[id]);
@@ -261,6 +284,12 @@ int Source::need(AreaId id) {
   errno = 0;
   if (block(id) != nullptr) return kOk;
   const char* area = kAreas[id].name;
+  if (factory_ != nullptr) {
+    ArchiveImage image;
+    Text path;
+    const char* fault = read_area(kAreas[id], &path, &image);
+    if (path.size() > 0) return fail(kNoArea, "%s: %s", path.c_str(), fault);
+  }
   if (!live_ || g_file != nullptr) {
     return fail(kNoArea, "%s does not hold area %s", name_, area);
   }
@@ -353,6 +382,12 @@ void Snapshot::take(Source& source) {
   for (uint32_t position = 0; position < table_->capacity; ++position) {
     used_.data()[position] = reader.copy(position, put(position));
   }
+}
+
+void Snapshot::take(const Table& table, Source& source) {
+  Snapshot taken(table);
+  taken.take(source);
+  taken.swap(*this);
 }
 
 void Snapshot::take(Source& source, uint32_t position) {

@@ -23,6 +23,8 @@ inline const char* failure_note() {
  * none. */
 extern int g_lock_files[kAreaCount];
 
+struct ArchiveImage;
+
 class Source {
  public:
   Source() = default;
@@ -50,6 +52,12 @@ class Source {
   void open_copy(const char* name, uint32_t areas);
   /* Opens the archives of saves. Each is read when it is needed. */
   void open_saved();
+  /* The same for the factory's archives; null: those in the usual folder. On an error it prints a
+   * message and returns a status. */
+  int open_factory(const char* folder);
+  /* Reads the area's archive of a source of archives, and sets its path. Returns null when it is
+   * good, else what is wrong with it. A source of another kind has no path. */
+  const char* read_area(const Area& area, Text* path, ArchiveImage* image) const;
   /* Takes the images of a checkpoint that was read. */
   void take_checkpoint(Checkpoint* checkpoint);
 
@@ -58,9 +66,8 @@ class Source {
   /* The same, with an error message when there is none. Returns kOk or kNoArea. */
   int need(AreaId area);
   bool is_live() const { return live_; }
-  bool is_saved() const { return saved_; }
   /* Whether it is of all areas that can be saved: an area that it lacks does not exist there. */
-  bool is_whole() const { return live_ || saved_ || checkpoint_; }
+  bool is_whole() const { return live_ || saved_ || factory_ != nullptr || checkpoint_; }
   const char* name() const { return name_; }
   void* const* blocks() const { return blocks_; }
 
@@ -69,6 +76,7 @@ class Source {
   void** blocks_ = own_;
   bool live_ = false;
   bool saved_ = false;
+  const char* factory_ = nullptr; /* the folder */
   bool checkpoint_ = false;
   const char* name_ = "";
 };
@@ -148,6 +156,8 @@ class Snapshot {
   Snapshot() = default;
   explicit Snapshot(const Table& table);
   void take(Source& source);
+  /* The same for a snapshot of no table yet. */
+  void take(const Table& table, Source& source);
   /* Copies one record only. */
   void take(Source& source, uint32_t position);
 

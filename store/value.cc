@@ -423,13 +423,14 @@ void add_word(const char* text, size_t size, Text* to) {
   add_quoted(shown.c_str(), shown.size(), to);
 }
 
-void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to) {
-  const char* quote = strchr(field.name, '[') != nullptr ? "'" : "";
+void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to,
+                       bool quoted) {
+  const char* quote = quoted && strchr(field.name, '[') != nullptr ? "'" : "";
   to->print(" %s%s%s", quote, field.name, quote);
   const auto* text = reinterpret_cast<const char*>(record) + field.record_at;
   const size_t size = size_without_trailing_zeros(field, record);
   if (is_hidden(field)) {
-    to->print("='%s'", kSecret);
+    to->print(quoted ? "='%s'" : "=%s", kSecret);
     return;
   }
   const bool is_refused = find_fault(field, record) != nullptr;
@@ -447,7 +448,7 @@ void format_assignment(const Field& field, const uint8_t* record, bool checked, 
     return;
   }
   to->add('=');
-  if (size > 0 && !is_bare(text, size))
+  if (quoted && size > 0 && !is_bare(text, size))
     add_quoted(text, size, to);
   else
     to->add(text, size);

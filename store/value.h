@@ -51,8 +51,9 @@ void format_shown(const Field& field, const uint8_t* record, Text* to);
 void format_part(const Field& field, const uint8_t* record, bool whole, Text* to);
 
 /* Adds " FIELD=VALUE", or " FIELD:hex=HEX" for a value that cannot be written so or must not be
- * checked. batch and every POSIX shell read these words alike. */
-void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to);
+ * checked. batch and every POSIX shell read these words alike, if they are quoted. */
+void format_assignment(const Field& field, const uint8_t* record, bool checked, Text* to,
+                       bool quoted = true);
 
 /* Adds text as a word of a command line, in quotes where it needs them. */
 void add_word(const char* text, size_t size, Text* to);

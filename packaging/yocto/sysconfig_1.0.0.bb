@@ -16,6 +16,6 @@ GLIBC_64BIT_TIME_FLAGS = ""
 EXTRA_OECMAKE = "-DCMAKE_BUILD_TYPE=MinSizeRel -DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON"
 
 PACKAGES =+ "${PN}-tools"
-FILES:${PN}-tools = "${bindir}/scctl ${sbindir}/scguard ${datadir}/bash-completion"
+FILES:${PN}-tools = "${bindir}/scctl ${sbindir}/scguard ${datadir}/bash-completion ${datadir}/zsh ${datadir}/fish"
 # Made where Python is found alone; a developer's, never a router's.
 FILES:${PN}-dev =+ "${bindir}/scctl-overlay-import ${datadir}/sysconfig"

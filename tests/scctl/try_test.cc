@@ -104,7 +104,9 @@ TEST_P(TryWayTest, WhenItsTimeIsOver_AllIsAsBeforeAndEveryAreaConcernedHearsOfIt
   EXPECT_EQ(told(), 1);
   for (const auto& entry : std::filesystem::directory_iterator("/var/systemconfig/scctl")) {
     const std::string name = entry.path().filename();
-    EXPECT_TRUE(name == "ended" || name == "locks" || name == "log" || name == "saves") << name;
+    EXPECT_TRUE(name == "counts" || name == "ended" || name == "locks" || name == "log" ||
+                name == "saves")
+        << name;
   }
   EXPECT_EQ(refusal({"confirm"}), "scctl: no try runs\n");
 }

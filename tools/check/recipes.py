@@ -163,7 +163,9 @@ def check_layer(suite, prefix, version):
             suite.fail("no package of the .bb takes " + name)
     suite.verdict(taken["${PN}"] == LIBRARY, "the .bb's library", " ".join(taken["${PN}"]))
     suite.verdict(taken["${PN}-tools"] == PROGRAMS | {
-        "usr/share/bash-completion/completions/scctl"}, "the .bb's tools",
+        "usr/share/bash-completion/completions/scctl",
+        "usr/share/fish/vendor_completions.d/scctl.fish",
+        "usr/share/zsh/site-functions/_scctl"}, "the .bb's tools",
         " ".join(taken["${PN}-tools"]))
     suite.verdict(IMPORTER <= taken["${PN}-dev"], "the .bb's importer", " ".join(taken["${PN}-dev"]))
 

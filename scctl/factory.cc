@@ -1,0 +1,43 @@
+/* reset: a record or a field gets its factory value. */
+#include <stdio.h>
+#include <string.h>
+
+#include "commands.h"
+#include "store/edit.h"
+#include "store/overlay.h"
+
+namespace scctl {
+
+int run_reset(Call& call) {
+  Target target;
+  if (const int status = parse_target(call.words[0], kMayHaveField, &target); status != kOk) {
+    return status;
+  }
+  const Table& table = *target.table;
+  Source factory;
+  if (const int status = factory.open_factory(call.factory); status != kOk) return status;
+  if (const int status = factory.need(table.area); status != kOk) return status;
+  if (const int status = call.source.need(table.area); status != kOk) return status;
+  Buffer record(table.stride);
+  if (!Reader(factory, table).copy(target.id - 1, record.data())) {
+    return fail(kRefused, "the factory has no %s/%u; scctl del %s/%u deletes it", table.name,
+                target.id, table.name, target.id);
+  }
+  const uint8_t* live = call.source.block(table.area) + table.at + (target.id - 1) * table.stride;
+  if (target.field == nullptr && !is_used(table, live)) {
+    return add_record(call.source, table, record.data(), Spelling::kAsLibrary, &target.id);
+  }
+  Mask mask(table);
+  if (target.field != nullptr) {
+    const Table& view = view_of(table, target.id - 1, record.data());
+    const size_t length = strlen(target.field);
+    const Field* field = find_field(view, target.field, length);
+    if (field == nullptr) return unknown_field(view, target.field, length);
+    mask.add(*field);
+  } else {
+    for (const Field& field : table) mask.add(field);
+  }
+  return set_record(call.source, table, target.id, record.data(), mask, Spelling::kAsLibrary);
+}
+
+}  // namespace scctl
