@@ -68,12 +68,12 @@ int run_fields(Call& call) {
     listing.add(kind_name(field));
     listing.add(field.size);
     listing.add(field.record_at);
+    listing.add(field.member);
     Text notes;
     add_notes(field, &notes);
-    Text member;
-    add_json_text(field.member, &member);
-    listing.add(member.c_str(), notes.size() > 0 ? notes.c_str() : field.member);
-    if (field.item_at == kNoItem)
+    if (field.extra != nullptr)
+      listing.add("", notes.size() > 0 ? notes.c_str() : "-");
+    else if (field.item_at == kNoItem)
       listing.add("-");
     else
       listing.add(field.item_at);

@@ -73,7 +73,7 @@ class JsonWriter {
   Text& value();
 
  private:
-  static constexpr int kDeepest = 12;
+  static constexpr int kDeepest = 16;
   struct Level {
     char closing;
     Layout layout;
