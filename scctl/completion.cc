@@ -59,7 +59,7 @@ void offer_arguments(const Command& command, uint32_t place, const char* first) 
   }
   if (command.run == run_help && place == 1) offer_commands();
   const bool has_fields = strstr(command.arguments, "FIELD=") != nullptr && place > 1;
-  const char* dot = strrchr(first, '.');
+  const char* dot = strchr(first, '.');
   const bool is_field = strstr(command.arguments, ".FIELD") != nullptr && dot != nullptr;
   if (has_fields || is_field) {
     const Table* table = find_table(first, strcspn(first, "/"));

@@ -235,8 +235,12 @@ TEST_F(OverlayTest, ABatch_HasTheOverlaysOfItsCallAndALineItsOwn) {
 }
 
 TEST_F(OverlayTest, Completion_HasTheMembers) {
-  const std::string words = shown({"completion", "words", "--", "get", "wan/1."});
-  EXPECT_TRUE(words.starts_with("wan/1.magic\nwan/1.mtu\nwan/1.bits.a\n")) << words;
+  const Words typed[] = {{"get", "wan/1."}, {"get", "wan/1.bits."}};
+  for (const Words& words : typed) {
+    const std::string offered =
+        done(joined({"completion", "words", "--overlay", kFile, "--"}, words));
+    EXPECT_TRUE(offered.starts_with("wan/1.magic\nwan/1.mtu\nwan/1.bits.a\n")) << offered;
+  }
 }
 
 TEST_F(OverlayTest, WithoutAHelper_AnImportSaysWhereItShouldBe) {
