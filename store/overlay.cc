@@ -101,6 +101,7 @@ class OverlayReader {
   OverlayReader(Arena& arena, Model* model, Text* fault)
       : arena_(arena), model_(*model), fault_(*fault) {}
 
+  // NOLINTBEGIN(misc-no-recursion): files that complete each other, at most kDeepest
   bool read(const char* path, int depth = 0) {
     const Descriptor file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     struct stat status;
@@ -247,6 +248,7 @@ class OverlayReader {
     ++reading_; /* this file goes on, with a number that no other has */
     return good;
   }
+  // NOLINTEND(misc-no-recursion)
 
   bool read_place(const char* path) {
     const char* type = "";

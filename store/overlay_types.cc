@@ -136,8 +136,7 @@ class Flattener {
 
   bool run() {
     if (!expand(*to_.type, 0, 0, 0, 0)) return false;
-    to_.numbered = static_cast<const Guard**>(
-        arena_.take((to_.guard_count + 1u) * sizeof(const Guard*)));
+    to_.numbered = static_cast<const Guard**>(arena_.take((to_.guard_count + 1u) * sizeof(void*)));
     uint16_t number = 0;
     for (Guard* guard = to_.guards; guard != nullptr; guard = guard->next) {
       if (!find_operand(*guard)) return false;
@@ -177,6 +176,7 @@ class Flattener {
     }
   }
 
+  // NOLINTBEGIN(misc-no-recursion): types in types, at most kDeepest
   bool expand(const Type& type, uint32_t at, uint16_t guard, uint16_t index, int depth) {
     if (depth > kDeepest) return refuse(type.name, "its types are nested too deeply");
     if (++count_ > kMostNodes) return refuse(type.name, kTooMany);
@@ -230,6 +230,7 @@ class Flattener {
     }
     return true;
   }
+  // NOLINTEND(misc-no-recursion)
 
   bool is_taken(const char* name) const {
     if (strcmp(name, "id") == 0 || is_spare_name(name)) return true;

@@ -115,6 +115,7 @@ class Evaluation {
     values_[0] = 1;
   }
 
+  // NOLINTBEGIN(misc-no-recursion): each guard is found once
   uint16_t value_of(uint16_t number) {
     uint8_t& state = states_.data()[number];
     if (state == kUnknown) {
@@ -138,6 +139,7 @@ class Evaluation {
     return guard.values == nullptr ? count_used(guard, record_)
                                    : is_one_of(operand.field, record_, guard.values);
   }
+  // NOLINTEND(misc-no-recursion)
 
   const Attachment& attachment_;
   const uint8_t* record_;
@@ -180,7 +182,7 @@ const char* Overlays::spare_name(uint32_t at) {
 /* What no member names: runs of whole bytes, and bytes of which some bits are left. */
 void Overlays::add_spares(View* view, const Field& field, const uint8_t* named) {
   if (spare_masks_ == nullptr) {
-    spare_masks_ = static_cast<const Extra**>(arena_.take(256 * sizeof(Extra*)));
+    spare_masks_ = static_cast<const Extra**>(arena_.take(256 * sizeof(void*)));
   }
   for (uint32_t at = 0, size; at < field.size; at += size) {
     size = 1;

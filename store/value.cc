@@ -157,6 +157,7 @@ bool is_token(const Field& field, const char* text, size_t size) {
 }
 
 static int64_t extend(uint64_t value, int bits, bool is_signed) {
+  if (bits < 1 || bits > 64) __builtin_unreachable();
   const uint64_t sign = 1ULL << (bits - 1);
   if (is_signed && (value & sign) != 0) value |= ~(sign - 1);
   return static_cast<int64_t>(value);

@@ -155,12 +155,12 @@ void run_scctl_import(Source& source) {
 
 /* An overlay, and contents of WAN sections, which come back from what is shown of them. */
 void run_scctl_overlay(Source& source) {
-  start_all();
   const Bytes contents = source.bytes(source.half() % 1024);
   const Bytes text = source.rest();
   write_file(kImage, text.data(), text.size());
   const store::Table& table = *store::find_table("wan", 3);
   uint8_t* wan = live("Wan");
+  memcpy(wan, started("Wan").data(), started("Wan").size());
   for (size_t n = 0; n < contents.size(); ++n) wan[140 + n % 956 + 960 * (n / 956)] = contents[n];
   const Bytes expected(wan, wan + 4476);
   std::string file = "{\"Wan\": {\"wan\": [";

@@ -73,6 +73,7 @@ TEST_F(OverlaySecretsTest, NoCommand_ShowsAPlantedSecret) {
   while (watch.out().find("watching") == std::string::npos) usleep(1000);
   hidden({"set", "wan/1", "psk=another one", "token=0102"});
   EXPECT_NE(hidden({"diff"}).out.find("wan/1.psk: <secret> -> <secret>\n"), std::string::npos);
+  EXPECT_NE(hidden({"diff"}).out.find("wan/1.token: <secret> -> <secret>\n"), std::string::npos);
   hidden({"diff", "checkpoint:before", "live"});
   hidden({"diff", "/var/image", "live"});
   const std::string at = std::string("@") + kFile;
