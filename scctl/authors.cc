@@ -57,7 +57,7 @@ int area_of_link(const char* link) {
 
 /* ---- the child ---- */
 
-/* Processes that were seen alive. */
+/* Processes that were about to run a program. */
 struct Known {
   Program program;
   uint32_t at; /* when, in ms */
@@ -96,10 +96,7 @@ bool read_program(Program* program) {
 }
 
 void identify(Program* program) {
-  if (read_program(program)) {
-    remember(*program);
-    return;
-  }
+  if (read_program(program)) return;
   const auto now = static_cast<uint32_t>(boot_ms());
   for (uint32_t n = 1; n <= kMostKnown; ++n) {
     const Known& known = g_known[(g_next_known - n) % kMostKnown];

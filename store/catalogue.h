@@ -115,6 +115,8 @@ struct Table {
 
 constexpr int kTableCount = 24;
 extern const Table kTables[kTableCount];
+/* No record has more bytes. */
+constexpr uint32_t kLargestRecord = 24 * 1024;
 
 /* The place of a table, or of that of a view, in kTables. */
 inline size_t number_of(const Table& table) {
