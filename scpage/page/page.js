@@ -377,7 +377,7 @@ function tableView(table) {
   const head = el('tr');
   const body = el('tbody');
   const place = el('div', {className: 'wide', role: 'region', tabIndex: 0, 'aria-label': `Records of ${table}`},
-    el('table', {}, el('thead', {}, head), body));
+    el('table', {className: 'records'}, el('thead', {}, head), body));
   const coming = new Map(); /* records as the stream has them, to be shown with the next picture */
   let names = [];
   let opaque = new Set();
