@@ -140,8 +140,9 @@ constexpr Command kCommands[] = {
    "Prints a change at once if the writer used the area's lock file, as programs do;\n"
    "other changes, and areas that are loaded, within 5 s. Takes no lock, so no\n"
    "writer waits for it. Runs the command of --exec with the area's name as $1.\n"
-   "Ends on SIGINT, SIGTERM and SIGHUP.\n",
-   kExec | kCount, 0, -1, run_watch},
+   "With --json prints an object on each line, and drops lines that its reader does\n"
+   "not take. Ends on SIGINT, SIGTERM and SIGHUP.\n",
+   kExec | kCount | kJson, 0, -1, run_watch},
   {"try", "[--timeout SECONDS] batch FILE|import FILE|-- COMMAND...",
    "make a change that is taken back unless it is confirmed",
    "Takes the change back after 90 seconds or the given time, 1 to 86400, field by\n"

@@ -1,12 +1,9 @@
-/* watch: prints each change of the live store, field by field.
+/* watch: prints each change of the live store, field by field, or as a stream of JSON.
  *
  * A program that changes a record opens the area's lock file for writing and closes it after the
  * change. inotify reports this close. Changes without it, above all the loading of an area, are
  * found by comparing everything every 5 s. watch does not lock, send or listen, so no program ever
  * waits for it, even while it is stopped or its output is not read.
- *
- * A record is printed when it is complete: no program holds its byte, and two copies of it are
- * equal. A record that is claimed but not filled yet is waited for. Both waits have a limit.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -21,30 +18,24 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "commands.h"
+#include "core/registry.h"
+#include "shown.h"
 #include "store/clock.h"
+#include "stream.h"
 
 namespace scctl {
 
 namespace {
 
 constexpr char kLockFolder[] = "/var/lock_store/";
+constexpr char kImageFolder[] = "/var/systemconfig/";
 
-constexpr int64_t kNever = INT64_MAX;
 constexpr int64_t kPauseMs = 5000;
 /* Time from an event to the comparison: changes that follow each other closely are compared
  * together. */
 constexpr uint32_t kSettleMs = 2;
 /* Init writes its lock file. Read follows it without opening the file, so it causes no event. */
 constexpr int64_t kMakingMs = 1000;
-/* How long a record may be incomplete before it is printed as it is. */
-constexpr int64_t kPatienceMs = 1000;
-/* The same for a record that may be complete: it has the contents that its place had before a
- * deletion. */
-constexpr int64_t kRefillMs = 12;
-constexpr int64_t kLongestStepMs = 50; /* between two looks at an incomplete record */
-constexpr int kCopies = 100;
-
 int64_t now_ms() { return static_cast<int64_t>(boot_ms()); }
 
 /* ---- signals ---- */
@@ -80,25 +71,12 @@ void handle_signals() {
 
 /* ---- when to look ---- */
 
-/* An area that is watched. */
-struct Watched {
-  bool chosen = false;
-  int segment = -1;
-  int64_t unnumbered_since = 0;
-  int64_t due = kNever;
-  int64_t not_before = 0;
-
-  void look_at(int64_t when) {
-    if (when < not_before) when = not_before;
-    if (when < due) due = when;
-  }
-};
-
 /* Reports closes of lock files. The folder is watched, not the files, so files that are created
- * later are included. */
+ * later are included. For a stream it also reports how often they are closed and the end of a Read,
+ * which removes the image that it has unpacked. */
 class Events {
  public:
-  Events() = default;
+  explicit Events(bool streaming) : streaming_(streaming) {}
   ~Events() {
     if (inotify_ >= 0) close(inotify_);
   }
@@ -108,9 +86,11 @@ class Events {
   /* Begins to watch the folder, or watches the folder that exists now. */
   void follow() {
     if (inotify_ < 0) inotify_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    const int folder =
-        inotify_ < 0 ? -1 : inotify_add_watch(inotify_, kLockFolder, IN_CLOSE_WRITE | IN_MODIFY);
+    /* Closes that follow each other are one event, unless an open is between them. */
+    const uint32_t events = IN_CLOSE_WRITE | IN_MODIFY | (streaming_ ? IN_OPEN : 0);
+    const int folder = inotify_ < 0 ? -1 : inotify_add_watch(inotify_, kLockFolder, events);
     error_ = folder < 0 ? errno : 0;
+    if (streaming_ && inotify_ >= 0) images_ = inotify_add_watch(inotify_, kImageFolder, IN_DELETE);
     if (folder != folder_ && folder_ >= 0) inotify_rm_watch(inotify_, folder_);
     folder_ = folder;
   }
@@ -120,16 +100,17 @@ class Events {
   void tell() {
     if (error_ == told_) return;
     told_ = error_;
+    FILE* to = streaming_ ? stderr : stdout;
     if (error_ == 0)
-      puts("watching");
+      fputs("watching\n", to);
     else
-      printf("looking every %d s: %s: %s\n", static_cast<int>(kPauseMs / 1000),
-             inotify_ < 0 ? "inotify" : kLockFolder, strerror(error_));
+      fprintf(to, "looking every %d s: %s: %s\n", static_cast<int>(kPauseMs / 1000),
+              inotify_ < 0 ? "inotify" : kLockFolder, strerror(error_));
   }
 
-  /* Waits for events, for a signal that ends the program, or until the given time. Marks the areas
-   * to compare. */
-  void wait(int64_t until, Watched* areas) {
+  /* Waits for events, for a signal that ends the program, until output can be written if there is
+   * any, or until the given time. Marks the areas to compare. */
+  void wait(int64_t until, bool has_output, Watched* areas) {
     const auto pause = static_cast<int32_t>(until - now_ms()); /* no 64-bit division */
     timespec timeout = {};
     if (pause > 0) {
@@ -140,10 +121,10 @@ class Events {
     sigemptyset(&ending);
     for (const int number : kEnding) sigaddset(&ending, number);
     sigprocmask(SIG_BLOCK, &ending, &before);
-    pollfd events = {inotify_, POLLIN, 0};
-    const bool any = g_ended == 0 && ppoll(&events, 1, &timeout, &before) > 0;
+    pollfd events[] = {{inotify_, POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}};
+    const bool any = g_ended == 0 && ppoll(events, has_output ? 2 : 1, &timeout, &before) > 0;
     sigprocmask(SIG_SETMASK, &before, nullptr);
-    if (!any) return;
+    if (!any || events[0].revents == 0) return;
     pause_ms(kSettleMs);
     alignas(inotify_event) char bytes[4096];
     const int64_t now = now_ms();
@@ -156,155 +137,57 @@ class Events {
     }
   }
 
- private:
-  /* Whether the event is about the area's lock file. Thousands of events can arrive together: not
-   * making a path for each saves seconds on the router. */
-  static bool is_of(const inotify_event& event, const Area& area) {
-    const auto& facts = area.row();
-    const size_t length = strlen(facts.lock_stem);
-    return event.len != 0 && strncmp(event.name, facts.lock_stem, length) == 0 &&
-           strcmp(event.name + length, "_conf_lock") == 0;
+  /* Whether events were dropped since the last call. */
+  bool has_lost() {
+    const bool lost = lost_;
+    lost_ = false;
+    return lost;
   }
 
-  static void take(const inotify_event& event, int64_t now, Watched* areas) {
+ private:
+  /* Whether the event is about a file of the area. Thousands of events can arrive together: not
+   * making a path for each saves seconds on the router. */
+  static bool is_of(const inotify_event& event, const char* ahead, const char* stem,
+                    const char* behind) {
+    const size_t from = strlen(ahead), length = strlen(stem);
+    return event.len != 0 && strncmp(event.name, ahead, from) == 0 &&
+           strncmp(event.name + from, stem, length) == 0 &&
+           strcmp(event.name + from + length, behind) == 0;
+  }
+
+  bool is_of(const inotify_event& event, const Area& area) const {
+    const auto& facts = area.row();
+    return event.wd == images_ ? is_of(event, "config_", facts.stem, ".cfg")
+                               : is_of(event, "", facts.lock_stem, "_conf_lock");
+  }
+
+  void take(const inotify_event& event, int64_t now, Watched* areas) {
     const bool all = (event.mask & IN_Q_OVERFLOW) != 0;
+    lost_ |= all;
+    if ((event.mask & (IN_OPEN | IN_ISDIR)) != 0) return;
     for (int n = 0; n < kAreaCount; ++n) {
       if (!all && !is_of(event, kAreas[n])) continue;
       Watched& area = areas[n];
-      if ((event.mask & IN_MODIFY) != 0) area.not_before = now + kMakingMs;
+      if ((event.mask & IN_MODIFY) != 0) {
+        area.is_made = true;
+        area.not_before = now + kMakingMs;
+      }
+      if ((event.mask & IN_CLOSE_WRITE) != 0) ++area.closes;
+      if ((event.mask & IN_DELETE) != 0) {
+        area.is_loaded = true;
+        area.not_before = now;
+      }
       area.look_at(now);
     }
   }
 
+  const bool streaming_;
+  bool lost_ = false;
   int inotify_ = -1;
   int folder_ = -1;
+  int images_ = -1;
   int error_ = 0; /* errno of the last try */
   int told_ = -1;
-};
-
-/* ---- what is there ---- */
-
-/* Asks which bytes of an area's lock file are held. Asking takes no lock. */
-class Holders {
- public:
-  explicit Holders(const Area& area) : area_(area) {}
-  ~Holders() {
-    if (file_ >= 0) close(file_);
-  }
-  Holders(const Holders&) = delete;
-  Holders& operator=(const Holders&) = delete;
-
-  /* Whether the byte is held for writing. */
-  bool hold(int32_t byte) {
-    if (!opened_) file_ = open(lock_path(area_).text, O_RDONLY | O_CLOEXEC);
-    opened_ = true;
-    struct flock lock = {};
-    lock.l_type = F_RDLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = byte;
-    lock.l_len = 1;
-    return fcntl(file_, F_GETLK, &lock) == 0 && lock.l_type == F_WRLCK;
-  }
-
- private:
-  const Area& area_;
-  int file_ = -1;
-  bool opened_ = false;
-};
-
-/* The records of a table as they were printed last. For a free record, this is what it contained
- * when it was freed. */
-class Shown {
- public:
-  void begin(const Table& table, const uint8_t* block) {
-    table_ = &table;
-    Buffer(table.capacity * table.stride).swap(records_);
-    Buffer(table.stride).swap(copy_);
-    Buffer(table.capacity).swap(used_);
-    Buffer(table.capacity * sizeof(int64_t)).swap(since_);
-    for (uint32_t position = 0; position < table.capacity; ++position) {
-      const uint8_t* live = block + table.at + position * table.stride;
-      used_.data()[position] = is_used(table, live);
-      if (used_.data()[position] != 0 || leaves_bytes()) memcpy(at(position), live, table.stride);
-    }
-  }
-
-  /* Prints differences of complete records; true when there are any. Incomplete records are looked
-   * at again later. */
-  bool look(const uint8_t* block, const char* prefix, int64_t now, Holders& holders,
-            Watched* area) {
-    bool any = false;
-    for (uint32_t position = 0; position < table_->capacity; ++position) {
-      const uint8_t* live = block + table_->at + position * table_->stride;
-      const bool was = used_.data()[position] != 0;
-      int64_t& since = reinterpret_cast<int64_t*>(since_.data())[position];
-      if (was == is_used(*table_, live) && is_as_shown(position, live, was)) {
-        since = 0;
-        continue;
-      }
-      const int32_t byte = named_lock(*table_, block, position);
-      const int64_t patience =
-          copy_whole(live, byte, holders) ? claim_patience(position) : kPatienceMs;
-      if (since == 0) since = now;
-      const int64_t age = now - since;
-      if (age < patience) {
-        area->look_at(now + (age < 1 ? 1 : age < kLongestStepMs ? age : kLongestStepMs));
-        continue;
-      }
-      since = 0;
-      const bool is = is_used(*table_, copy_.data());
-      any |= print_changes(prefix, *table_, position + 1, was ? at(position) : nullptr,
-                           is ? copy_.data() : nullptr);
-      memcpy(at(position), copy_.data(), table_->stride);
-      used_.data()[position] = is;
-    }
-    return any;
-  }
-
- private:
-  uint8_t* at(uint32_t position) { return records_.data() + position * table_->stride; }
-
-  /* Deleted records of lists keep their bytes. Those of the access points' tables are zeros and are
-   * not read: reading pages that nobody has written makes them use memory. */
-  bool leaves_bytes() const { return table_->free != 0; }
-
-  bool is_as_shown(uint32_t position, const uint8_t* live, bool used) {
-    if (used) return memcmp(at(position), live, table_->stride) == 0;
-    if (leaves_bytes()) memcpy(at(position), live, table_->stride);
-    return true;
-  }
-
-  /* A writer holds the byte. So the copy is complete if the byte was not held after it and the
-   * record is still equal. */
-  bool copy_whole(const uint8_t* live, int32_t byte, Holders& holders) {
-    for (int n = 0; n < kCopies; ++n) {
-      memcpy(copy_.data(), live, table_->stride);
-      __atomic_thread_fence(__ATOMIC_SEQ_CST);
-      if (holders.hold(byte)) return false;
-      if (memcmp(copy_.data(), live, table_->stride) == 0) return true;
-    }
-    return false;
-  }
-
-  /* A record that was free and now has only its id is filled next. */
-  int64_t claim_patience(uint32_t position) {
-    if (used_.data()[position] != 0 || !is_used(*table_, copy_.data())) return 0;
-    const uint8_t* left = at(position);
-    bool zero = true;
-    for (uint32_t n = 0; n < table_->stride; ++n) {
-      const auto is_word = [n](int place) { return n - static_cast<uint32_t>(place) < 4; };
-      if (is_word(table_->lock_at) || is_word(table_->id_at)) continue;
-      if (copy_.data()[n] != left[n]) return 0;
-      zero = zero && left[n] == 0;
-    }
-    return zero ? kPatienceMs : kRefillMs;
-  }
-
-  const Table* table_ = nullptr;
-  Buffer records_;
-  Buffer copy_;
-  Buffer used_;
-  Buffer since_; /* when a record was first seen incomplete; 0: it is complete */
 };
 
 struct Clock {
@@ -316,9 +199,22 @@ struct Clock {
   }
 };
 
+/* Prints differences as text. */
+class Printer final : public Teller {
+ public:
+  bool tell(const Seen& seen) override {
+    return print_changes(clock_.text, seen.table, seen.position + 1, seen.was, seen.is);
+  }
+  const char* prefix() const { return clock_.text; }
+
+ private:
+  const Clock clock_;
+};
+
 class Watch {
  public:
-  explicit Watch(Source& source) : source_(source) {}
+  Watch(Source& source, bool streaming)
+      : source_(source), events_(streaming), streaming_(streaming), objects_(this) {}
 
   /* Reads the present contents, without printing them. */
   void begin(const bool* chosen) {
@@ -328,11 +224,9 @@ class Watch {
     for (const Area& area : kAreas) {
       const AreaId id = id_of(area);
       areas_[id].chosen = chosen[id];
-      if (chosen[id]) areas_[id].segment = shmget(area.row().key, 0, 0);
-    }
-    for (int n = 0; n < kTableCount; ++n) {
-      const AreaId id = kTables[n].area;
-      if (chosen[id]) shown_[n].begin(kTables[n], source_.block(id));
+      if (!chosen[id]) continue;
+      areas_[id].segment = shmget(area.row().key, 0, 0);
+      begin(id);
     }
     events_.tell();
   }
@@ -342,7 +236,7 @@ class Watch {
     for (const Watched& area : areas_) {
       if (area.chosen && area.due < until) until = area.due;
     }
-    events_.wait(until, areas_);
+    events_.wait(until, stream_.has_unsent(), areas_);
   }
 
   /* Compares the areas that are due and prints differences. Sets `changed` for areas that have
@@ -355,27 +249,71 @@ class Watch {
       slow_ = now + kPauseMs;
       for (Watched& area : areas_) area.look_at(now);
     }
-    const Clock clock;
+    if (streaming_ && events_.has_lost()) stream_.lose("queue");
+    Printer printer;
     for (int n = 0; n < kAreaCount; ++n) {
       Watched& area = areas_[n];
       changed[n] = false;
       if (!area.chosen || area.due > now || most == 0) continue;
       area.due = kNever;
-      changed[n] = look_at(static_cast<AreaId>(n), clock.text, now);
+      changed[n] = look_at(static_cast<AreaId>(n), printer, now);
       most -= changed[n];
+      if (area.due != kNever) continue;
+      area.closes = 0;
+      area.is_made = area.is_loaded = false;
     }
   }
 
+  /* Writes what the reader takes at once. False when it is gone. */
+  bool flush() {
+    if (!streaming_) return fflush(stdout) == 0;
+    do {
+      if (stream_.is_losing() && !stream_.has_unsent()) {
+        stream_.tell_lost();
+        anew_ = {0, 0};
+      }
+      while (anew_.table < kTableCount && stream_.has_room()) tell_anew();
+      if (!stream_.flush()) return false;
+    } while (!stream_.has_unsent() && (stream_.is_losing() || anew_.table < kTableCount));
+    return true;
+  }
+
  private:
-  bool look_at(AreaId id, const char* prefix, int64_t now) {
+  /* Prints a difference as an object of the stream. */
+  class Objects final : public Teller {
+   public:
+    explicit Objects(Watch* watch) : watch_(*watch) {}
+    bool tell(const Seen& seen) override {
+      watch_.tell(seen);
+      return true;
+    }
+
+   private:
+    Watch& watch_;
+  };
+
+  /* Keeps the present contents of an area. */
+  void begin(AreaId id) {
+    const uint8_t* block = areas_[id].segment < 0 ? nullptr : source_.block(id);
+    for (int n = 0; n < kTableCount; ++n) {
+      if (kTables[n].area != id) continue;
+      if (block == nullptr) {
+        shown_[n].begin(kTables[n]);
+      } else {
+        shown_[n].begin(kTables[n], !streaming_, Pages(block, kAreas[id].row().size));
+      }
+    }
+  }
+
+  bool look_at(AreaId id, Printer& printer, int64_t now) {
     Watched& area = areas_[id];
     const auto& facts = kAreas[id].row();
     bool any = false;
     if (const int segment = shmget(facts.key, 0, 0); segment != area.segment) {
       Source::forget_live(id);
       any = true;
-      printf("%s%s: %s\n", prefix, kAreas[id].name, segment < 0 ? "removed" : "made anew");
       area.segment = segment;
+      tell_segment(id, printer.prefix());
     }
     const uint8_t* block = area.segment < 0 ? nullptr : source_.block(id);
     if (block == nullptr) return any;
@@ -389,15 +327,81 @@ class Watch {
         return any;
       }
     }
+    const Pages pages(block, facts.size);
+    if (streaming_ && is_load(id, pages)) {
+      stream_.tell_area(id, "load", area.is_made ? "lock" : "image");
+      begin(id);
+      return true;
+    }
     Holders holders(kAreas[id]);
+    Teller* teller = &printer;
+    if (streaming_) teller = &objects_;
     for (int n = 0; n < kTableCount; ++n) {
-      if (kTables[n].area == id) any |= shown_[n].look(block, prefix, now, holders, &area);
+      if (kTables[n].area == id) {
+        any |= shown_[n].look({pages, holders, now, &area, teller});
+      }
     }
     return any;
   }
 
+  void tell_segment(AreaId id, const char* prefix) {
+    const bool removed = areas_[id].segment < 0;
+    if (!streaming_) {
+      printf("%s%s: %s\n", prefix, kAreas[id].name, removed ? "removed" : "made anew");
+      return;
+    }
+    stream_.tell_area(id, removed ? "delete" : "load", "look");
+    begin(id);
+  }
+
+  /* Whether Init or Read has written the area. Read opens no lock file. So with one record more than
+   * closes of the lock file differing, they were not all changed by edits. */
+  bool is_load(AreaId id, const Pages& pages) {
+    const Watched& area = areas_[id];
+    if (!area.is_made && !area.is_loaded) return false;
+    uint32_t differing = 0;
+    for (int n = 0; n < kTableCount; ++n) {
+      if (kTables[n].area == id) differing += shown_[n].differing(pages);
+    }
+    return differing > (area.is_made ? 0 : area.closes);
+  }
+
+  void tell(const Seen& seen) {
+    const Watched& area = areas_[seen.table.area];
+    Text rest;
+    rest.print(",\"seen\":\"%s\"", area.closes > 0 ? "lock" : "look");
+    if (area.closes > 1) rest.print(",\"closes\":%u", area.closes);
+    stream_.tell_record(seen, rest.c_str());
+  }
+
+  /* Sends the next record of the present state. */
+  void tell_anew() {
+    const Shown& shown = shown_[anew_.table];
+    const Table& table = kTables[anew_.table];
+    if (!areas_[table.area].chosen || anew_.position == table.capacity) {
+      anew_ = {anew_.table + 1, 0};
+      return;
+    }
+    if (anew_.position == 0 && (anew_.table == 0 || (&table)[-1].area != table.area)) {
+      stream_.tell_area(table.area, "load", "anew");
+    }
+    const uint32_t position = anew_.position++;
+    if (!shown.is_used(position)) return;
+    Buffer record(table.stride);
+    shown.unpack(position, record.data());
+    stream_.tell_record({table, position, nullptr, record.data(), false}, ",\"seen\":\"anew\"");
+  }
+
   Source& source_;
   Events events_;
+  const bool streaming_;
+  Objects objects_;
+  Stream stream_;
+  /* What of the present state is sent next, after a loss. */
+  struct {
+    int table;
+    uint32_t position;
+  } anew_ = {kTableCount, 0};
   int64_t slow_ = 0; /* the time when everything is compared */
   Watched areas_[kAreaCount];
   Shown shown_[kTableCount];
@@ -416,7 +420,7 @@ int run_watch(Call& call) {
   bool chosen[kAreaCount];
   if (const int status = present_areas(call, chosen); status != kOk) return status;
   handle_signals();
-  Watch watch(call.source);
+  Watch watch(call.source, call.has(kJson));
   watch.begin(chosen);
   fflush(stdout);
   uint32_t left = call.count == 0 ? UINT32_MAX : call.count;
@@ -427,7 +431,7 @@ int run_watch(Call& call) {
     bool changed[kAreaCount];
     g_printing = 1;
     watch.look(changed, left);
-    if (fflush(stdout) != 0) break;
+    if (!watch.flush()) break;
     g_printing = 0;
     for (int n = 0; n < kAreaCount; ++n) {
       if (!changed[n]) continue;

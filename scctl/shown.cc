@@ -1,0 +1,256 @@
+#include "shown.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include "store/value.h"
+
+namespace scctl {
+
+namespace {
+
+/* A claimed record that may be complete: it has the contents that its place had before a
+ * deletion. */
+constexpr int64_t kRefillMs = 12;
+constexpr int kCopies = 100;
+
+/* Room for one record each: one that is seen through absent pages, a copy, and what is kept. */
+struct Room {
+  Buffer seen, copy, kept;
+  void fit(uint32_t size) {
+    if (size <= size_) return;
+    size_ = size;
+    Buffer(size).swap(seen);
+    Buffer(size).swap(copy);
+    Buffer(size).swap(kept);
+  }
+
+ private:
+  uint32_t size_ = 0;
+};
+
+Room g_room;
+
+/* Each step is a bijection, so a change of one word alone always changes the sum. */
+uint32_t add_to_sum(uint32_t sum, const uint8_t* bytes, size_t size) {
+  constexpr uint32_t kFactor = 0x9e3779b1;
+  const auto add = [&sum](uint32_t word) {
+    sum = (sum ^ word) * kFactor;
+    sum ^= sum >> 15;
+  };
+  uint32_t word;
+  for (; size >= sizeof word; size -= sizeof word, bytes += sizeof word) {
+    memcpy(&word, bytes, sizeof word);
+    add(word);
+  }
+  word = 0;
+  memcpy(&word, bytes, size);
+  if (size != 0) add(word);
+  return sum;
+}
+
+bool is_swapping() {
+  shm_info info = {};
+  return shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&info)) >= 0 && info.shm_swp != 0;
+}
+
+}  // namespace
+
+Holders::~Holders() {
+  if (file_ >= 0) close(file_);
+}
+
+bool Holders::hold(int32_t byte) {
+  if (!opened_) file_ = open(lock_path(area_).text, O_RDONLY | O_CLOEXEC);
+  opened_ = true;
+  struct flock lock = {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = byte;
+  lock.l_len = 1;
+  return fcntl(file_, F_GETLK, &lock) == 0 && lock.l_type == F_WRLCK;
+}
+
+/* A page that was swapped out is not in memory either, and holds more than zeros. */
+Pages::Pages(const uint8_t* block, uint32_t size)
+    : block_(block), page_(static_cast<uint32_t>(getpagesize())), present_(size / page_ + 1) {
+  if (is_swapping() || mincore(const_cast<uint8_t*>(block), size, present_.data()) != 0) {
+    memset(present_.data(), 1, size / page_ + 1);
+  }
+}
+
+const uint8_t* Pages::see(uint32_t at, uint32_t size, uint8_t* room) const {
+  const uint32_t first = at / page_, last = (at + size - 1) / page_;
+  uint32_t count = 0;
+  for (uint32_t page = first; page <= last; ++page) count += present_.data()[page] & 1;
+  if (count == last - first + 1) return block_ + at;
+  memset(room, 0, size);
+  for (uint32_t page = first; count > 0 && page <= last; ++page) {
+    if ((present_.data()[page] & 1) == 0) continue;
+    const uint32_t from = page == first ? at : page * page_;
+    const uint32_t end = page == last ? at + size : (page + 1) * page_;
+    memcpy(room + (from - at), block_ + from, end - from);
+  }
+  return room;
+}
+
+void Shown::begin(const Table& table, bool whole, const Pages& pages) {
+  whole_ = whole;
+  begin(table);
+  for (uint32_t position = 0; position < table.capacity; ++position) {
+    const uint8_t* record = see(pages, position);
+    const bool used = store::is_used(table, record);
+    marks()[position].state = used;
+    if (used || leaves_bytes()) keep(position, record, used);
+  }
+}
+
+void Shown::begin(const Table& table) {
+  table_ = &table;
+  size_ = 0;
+  for (const Field& field : table) size_ += is_named(field) ? field.size : 0;
+  if (whole_) size_ = table.stride;
+  Buffer(table.capacity * size_).swap(kept_);
+  Buffer(table.capacity * sizeof(Mark)).swap(marks_);
+  g_room.fit(table.stride);
+}
+
+const uint8_t* Shown::see(const Pages& pages, uint32_t position) const {
+  return pages.see(table_->at + position * table_->stride, table_->stride, g_room.seen.data());
+}
+
+/* Returns the sum of what is not kept. */
+uint32_t Shown::pack(const uint8_t* record, uint8_t* to) const {
+  uint32_t sum = 0;
+  for (const Field& field : *table_) {
+    const uint8_t* bytes = record + field.record_at;
+    if (!is_named(field)) {
+      sum = add_to_sum(sum, bytes, field.size);
+      continue;
+    }
+    memcpy(to, bytes, field.size);
+    to += field.size;
+  }
+  return sum;
+}
+
+void Shown::unpack(uint32_t position, uint8_t* record) const {
+  const uint8_t* from = at(position);
+  if (whole_) {
+    memcpy(record, from, size_);
+    return;
+  }
+  memset(record, 0, table_->stride);
+  for (const Field& field : *table_) {
+    if (!is_named(field)) continue;
+    memcpy(record + field.record_at, from, field.size);
+    from += field.size;
+  }
+}
+
+void Shown::keep(uint32_t position, const uint8_t* record, bool used) {
+  marks()[position].state = used;
+  if (whole_)
+    memcpy(at(position), record, size_);
+  else
+    marks()[position].sum = pack(record, at(position));
+}
+
+bool Shown::is_kept(uint32_t position, const uint8_t* record) const {
+  if (whole_) return memcmp(at(position), record, size_) == 0;
+  uint8_t* packed = g_room.kept.data();
+  return marks()[position].sum == pack(record, packed) && memcmp(at(position), packed, size_) == 0;
+}
+
+/* Deleted records of lists keep their bytes. Those of the access points' tables are zeros. */
+bool Shown::is_as_shown(uint32_t position, const uint8_t* seen) {
+  if (is_used(position)) return is_kept(position, seen);
+  if (leaves_bytes()) keep(position, seen, false);
+  return true;
+}
+
+uint32_t Shown::differing(const Pages& pages) {
+  uint32_t count = 0;
+  for (uint32_t position = 0; position < table_->capacity; ++position) {
+    const uint8_t* seen = see(pages, position);
+    const bool used = store::is_used(*table_, seen);
+    count += used != is_used(position) || (used && !is_kept(position, seen));
+  }
+  return count;
+}
+
+bool Shown::look(const Look& look) {
+  bool any = false;
+  const auto now = static_cast<uint32_t>(look.now) << 1;
+  for (uint32_t position = 0; position < table_->capacity; ++position) {
+    const uint8_t* seen = see(look.pages, position);
+    uint32_t& state = marks()[position].state;
+    if (is_used(position) == store::is_used(*table_, seen) && is_as_shown(position, seen)) {
+      state &= 1;
+      continue;
+    }
+    const int32_t byte = table_->lock_at < 0 ? named_lock(*table_, look.pages.block(), position)
+                                             : load_word(seen + table_->lock_at);
+    const int64_t patience =
+        copy_whole(look, position, byte) ? claim_patience(position) : kPatienceMs;
+    if (state < 2) state |= now != 0 ? now : 2;
+    const int64_t age = (now - (state & ~1u)) >> 1;
+    if (age < patience) {
+      look.area->look_at(look.now + (age < 1 ? 1 : age < kLongestStepMs ? age : kLongestStepMs));
+      continue;
+    }
+    const uint8_t* copy = g_room.copy.data();
+    const bool used = store::is_used(*table_, copy);
+    any |= tell(look, position, used);
+    keep(position, copy, used);
+  }
+  return any;
+}
+
+bool Shown::tell(const Look& look, uint32_t position, bool used) {
+  if (look.teller == nullptr) return true;
+  const bool was = is_used(position);
+  const Buffer zeros(whole_ ? 0 : table_->stride);
+  Buffer before(table_->stride);
+  unpack(position, before.data());
+  bool is_unnamed = false;
+  if (!whole_) {
+    uint8_t* packed = g_room.kept.data();
+    const uint32_t none = pack(zeros.data(), packed);
+    const uint32_t is = used ? pack(g_room.copy.data(), packed) : none;
+    is_unnamed = is != (was ? marks()[position].sum : none);
+  }
+  return look.teller->tell({*table_, position, was ? before.data() : nullptr,
+                            used ? g_room.copy.data() : nullptr, is_unnamed});
+}
+
+/* A writer holds the byte. So the copy is complete if the byte was not held after it and the record
+ * is still equal. */
+bool Shown::copy_whole(const Look& look, uint32_t position, int32_t byte) {
+  uint8_t* copy = g_room.copy.data();
+  for (int n = 0; n < kCopies; ++n) {
+    memcpy(copy, see(look.pages, position), table_->stride);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    if (look.holders.hold(byte)) return false;
+    if (memcmp(copy, see(look.pages, position), table_->stride) == 0) return true;
+  }
+  return false;
+}
+
+/* A record that was free and now has only its id is filled next. */
+int64_t Shown::claim_patience(uint32_t position) const {
+  const uint8_t* copy = g_room.copy.data();
+  if (is_used(position) || !store::is_used(*table_, copy)) return 0;
+  const bool is_left =
+      whole_ ? has_equal_fields(*table_, at(position), copy) : is_kept(position, copy);
+  if (!is_left) return 0;
+  for (const Field& field : *table_) {
+    if (size_without_trailing_zeros(field, copy) != 0) return kRefillMs;
+  }
+  return kPatienceMs;
+}
+
+}  // namespace scctl
