@@ -2,7 +2,6 @@
 
 import collections
 import json
-import subprocess
 import threading
 import time
 
@@ -222,21 +221,27 @@ class Hub:
                 self._stop.wait(pause)
                 continue
             begun = time.monotonic()
-            started = threading.Timer(0.5, self._put, ("stream", {"begun": begun}))
-            started.start()
+            said_last = []
+            reader = threading.Thread(target=self._read_remarks, args=(child, begun, said_last), daemon=True)
+            reader.start()
             for line in child.stdout:
                 self._take(line)
-            started.cancel()
-            try:
-                child.wait(2)
-            except subprocess.TimeoutExpired:
-                pass
-            why = said(child.stderr.read().decode(errors="replace")) or "it ended"
+            reader.join(2)
             self.source.runner.end(child)
+            why = said("".join(said_last)) or "scctl watch has ended"
             self._put("stream", {"fault": why})
             self._asked.set()
             pause = 0.5 if time.monotonic() - begun > 5 else min(pause * 2, 5)
             self._stop.wait(pause)
+
+    def _read_remarks(self, child, begun, said_last):
+        """What watch says beside the stream: first that it watches, last why it ends."""
+        for line in child.stderr:
+            text = line.decode(errors="replace")
+            if text.startswith(("watching", "looking every")):
+                self._put("stream", {"begun": begun, "remark": text.strip()})
+            else:
+                said_last[:] = [text]
 
     def _take(self, line):
         try:

@@ -107,7 +107,8 @@ function take(message) {
   for (const name of Object.keys(state)) if (name in message) state[name] = message[name];
   if (message.stream) {
     setText($('stream-state'), state.stream.fault ?
-      `No stream: ${shown(state.stream.fault)}. Tables are read every 2 s.` : '');
+      `No stream: ${shown(state.stream.fault)}. Tables are read every 2 s.` :
+      shown(state.stream.remark).replace(/^watching$/, ''));
     if (state.stream.begun !== before.begun) refresh();
   }
   if (message.dropped) {

@@ -6,7 +6,6 @@ import os
 import pathlib
 import subprocess
 import sys
-import tempfile
 import time
 import urllib.parse
 
@@ -78,9 +77,8 @@ class Page:
     """A running scpage."""
 
     def __init__(self, *options, environment=None):
-        self.log = tempfile.TemporaryFile()
         self.child = subprocess.Popen(
-            [SCPAGE, *options], stdout=subprocess.PIPE, stderr=self.log, stdin=subprocess.DEVNULL, text=True,
+            [SCPAGE, *options], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL, text=True,
             env={**os.environ, "SCCTL": SCCTL, **(environment or {})})
         self.url = self.child.stdout.readline().strip()
         parts = urllib.parse.urlsplit(self.url)
@@ -100,10 +98,6 @@ class Page:
         status = self.child.wait(15)
         self.child.stdout.close()
         return status
-
-    def said(self):
-        self.log.seek(0)
-        return self.log.read().decode()
 
     def request(self, method, path, body=None, headers=None, without=()):
         """Status, headers and body of a request that has all that the page's own have, but for `without`."""
