@@ -64,6 +64,7 @@ void write_author(const Author& author, JsonWriter* writer) {
   Text text;
   add_time(author.time, true, &text);
   writer->member("time", text.c_str());
+  if (author.uid == kNobody) return;
   text.clear();
   add_user(author.uid, &text);
   writer->name("user");

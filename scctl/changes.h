@@ -15,7 +15,7 @@ void print_changes(const char* prefix, const Changes& changes);
  * as its values before and after; null: there is no record. */
 void write_changes(const Changes& changes, JsonWriter* writer);
 
-/* Writes the members time, user, uid and pid. */
+/* Writes the members time and, of a known author, user, uid and pid. */
 void write_author(const Author& author, JsonWriter* writer);
 
 /* What others changed in the records of these changes since. */

@@ -13,7 +13,7 @@ namespace scctl {
 
 using namespace store;
 
-enum Option : uint16_t {
+enum Option : uint32_t {
   kJson = 1,
   kCommandsOption = 2,
   kAll = 4,
@@ -27,20 +27,24 @@ enum Option : uint16_t {
   kTimeout = 2048,
   kStatus = 4096,
   kOnlyMine = 8192,
+  kNote = 16384,
+  kJournalOption = 32768,
+  kEntry = 65536,
   kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
 };
-constexpr uint16_t kSources = kImage | kArchive;
+constexpr uint32_t kSources = kImage | kArchive;
 
 /* The most bytes that are read of an input. */
 constexpr size_t kMostInput = 48u << 20;
 
 struct Call {
-  uint16_t options; /* those that are given */
+  uint32_t options; /* those that are given */
   const char* image;
   const char* archive;
   const char* exec;
   uint32_t count;
   uint32_t timeout; /* in seconds */
+  uint32_t entry;   /* of the log */
   bool is_foreign;  /* the words stand behind a -- */
   int word_count;   /* without the command's name */
   char** words;
@@ -60,7 +64,7 @@ struct Command {
   const char* arguments;
   const char* summary;
   const char* details; /* lines for --help */
-  uint16_t options;
+  uint32_t options;
   int8_t least; /* number of words */
   int8_t most;  /* -1: any */
   int (*run)(Call& call);

@@ -1,6 +1,9 @@
 /* The log of scctl's own edits in this boot, and undo. A call that changes records is one entry,
  * whose steps are written down before they are made. The log takes 64 KB at most: the oldest
  * entries make room, and an entry that does not fit is kept without its steps.
+ *
+ * A watch --journal adds what other programs changed. The entries of each program then have half of
+ * the log at most, so one that writes all the time drives out no other program's.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -14,8 +17,10 @@
 
 #include "changes.h"
 #include "commands.h"
+#include "shown.h"
 #include "state.h"
 #include "store/take_back.h"
+#include "store/value.h"
 
 namespace scctl {
 
@@ -24,6 +29,41 @@ namespace {
 constexpr size_t kMostLog = 64 * 1024;
 constexpr int kTriesToLog = 1000;
 constexpr char kLog[] = "log";
+
+/* Changes of a record by one program that follow its first within this time are one entry. */
+constexpr uint32_t kTogetherMs = 2000;
+/* How long after an edit the watch looks for it in the log. */
+constexpr time_t kRecently = 10;
+
+/* The head of an entry, in a kBegin or kSeen. The words and the note follow, both terminated. */
+bool begins_entry(const Chunk& chunk) {
+  return (chunk.kind == ChunkKind::kBegin || chunk.kind == ChunkKind::kSeen) &&
+         chunk.size > sizeof chunk + sizeof(Author);
+}
+
+/* The size of the chunks of a program in the log. */
+size_t size_of_program(const Text& log, uint16_t program) {
+  size_t size = 0, at = 0;
+  for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
+    if (chunk->program == program) size += chunk->size;
+  }
+  return size;
+}
+
+/* Removes the chunks of an entry that are not `kept`. */
+template <class IsKept>
+void remove_entry(Text* log, uint32_t entry, IsKept is_kept) {
+  size_t to = 0, at = 0;
+  for (const Chunk* chunk; (chunk = chunk_at(*log, at)) != nullptr;) {
+    const size_t size = chunk->size;
+    if (chunk->entry != entry || is_kept(*chunk)) {
+      memmove(log->data() + to, chunk, size);
+      to += size;
+    }
+    at += size;
+  }
+  log->cut(to);
+}
 
 /* The size of an entry's chunks in the log. */
 size_t size_of_entry(const Text& log, uint32_t entry) {
@@ -37,10 +77,13 @@ size_t size_of_entry(const Text& log, uint32_t entry) {
 /* Writes one entry. An edit that cannot be logged is made all the same. */
 class Entry {
  public:
-  void begin(const Author& author, const char* words) {
+  void begin(const Author& author, const char* words, uint16_t program = 0) {
     author_ = author;
     words_ = words;
+    program_ = program;
   }
+
+  void set_note(const char* note) { note_ = note; }
 
   void add(const Step& step) {
     if (is_closed_) return;
@@ -81,16 +124,25 @@ class Entry {
     struct stat status;
     if (fstat(file, &status) != 0) return false;
     Text log, fresh;
-    const bool is_known = number_ != 0 && status.st_size == end_;
+    const bool is_known = number_ != 0 && !is_shared_ && status.st_size == end_;
     if (!is_known && !read_log(file, &log)) return false;
-    if (number_ == 0) begin(&fresh);
     Chunk head;
     memcpy(&head, chunk.data(), sizeof head);
+    if (number_ == 0 && program_ != 0 && join(log, head, chunk)) return true;
+    if (number_ == 0) begin(&fresh);
     head.entry = number_;
     memcpy(chunk.data(), &head, sizeof head);
     fresh.add(chunk.c_str(), chunk.size());
+    for (size_t at = 0; at < fresh.size(); at += head.size) {
+      memcpy(&head, fresh.data() + at, sizeof head);
+      head.program = program_;
+      memcpy(fresh.data() + at, &head, sizeof head);
+    }
     const size_t size = is_known ? static_cast<size_t>(end_) : log.size();
-    if (size + fresh.size() > kMostLog) return rewrite(file, fresh);
+    const size_t most = is_shared_ ? kMostLog / 2 : kMostLog;
+    const bool has_room =
+        size_of_program(log, program_) + fresh.size() <= most && size_of_program(log, 0) <= most;
+    if (size + fresh.size() > kMostLog || !has_room) return rewrite(file, fresh, most);
     end_ = static_cast<off_t>(size + fresh.size());
     if (write_all(file, fresh.c_str(), fresh.size())) return true;
     ftruncate(file, static_cast<off_t>(size));
@@ -101,56 +153,118 @@ class Entry {
   bool read_log(int file, Text* log) {
     if (!read_file(file, log)) return false;
     size_t at = 0;
+    is_shared_ = program_ != 0;
     for (const Chunk* chunk; (chunk = chunk_at(*log, at)) != nullptr; at += chunk->size) {
       if (chunk->entry > last_) last_ = chunk->entry;
+      is_shared_ |= chunk->program != 0;
     }
     if (at == log->size()) return true;
     log->cut(at);
     return ftruncate(file, static_cast<off_t>(at)) == 0;
   }
 
+  /* Adds the chunk to an entry about the same record and program that has just begun. A chunk that
+   * is as long as the one there replaces it. */
+  bool join(const Text& log, Chunk head, Text& chunk) {
+    uint32_t recent = 0;
+    size_t at = 0;
+    for (const Chunk* known; (known = chunk_at(log, at)) != nullptr; at += known->size) {
+      if (known->program != program_) continue;
+      if (known->kind == ChunkKind::kSeen) {
+        Author author;
+        memcpy(&author, known + 1, sizeof author);
+        recent = author_.boot_ms - author.boot_ms < kTogetherMs ? known->entry : 0;
+      }
+      if (known->entry != recent || known->kind != head.kind || known->table != head.table ||
+          known->position != head.position) {
+        continue;
+      }
+      Changes changes;
+      changes.add(*known);
+      changes.add(*reinterpret_cast<const Chunk*>(chunk.c_str()));
+      Text merged;
+      pack_step(changes.first()->step(), recent, &merged);
+      number_ = recent;
+      if (merged.size() != known->size) return false;
+      memcpy(&head, merged.data(), sizeof head);
+      head.program = program_;
+      memcpy(merged.data(), &head, sizeof head);
+      const Descriptor in_place(open_state_file(kLog, O_WRONLY));
+      return pwrite(in_place.number, merged.c_str(), merged.size(), static_cast<off_t>(at)) ==
+             static_cast<ssize_t>(merged.size());
+    }
+    return false;
+  }
+
   void begin(Text* to) {
     number_ = last_ + 1;
     Text payload;
     payload.add(reinterpret_cast<const char*>(&author_), sizeof author_);
-    payload.add(words_);
-    payload.add('\0');
-    pack(ChunkKind::kBegin, number_, payload.c_str(), payload.size(), to);
+    payload.add(words_, strlen(words_) + 1);
+    payload.add(note_, strlen(note_) + 1);
+    pack(program_ != 0 ? ChunkKind::kSeen : ChunkKind::kBegin, number_, payload.c_str(),
+         payload.size(), to);
   }
 
   /* Writes the log anew with this chunk and without what has no room. */
-  bool rewrite(int file, const Text& fresh) {
+  bool rewrite(int file, const Text& fresh, size_t most) {
     Text log;
     if (!read_file(file, &log)) return false;
     log.add(fresh.c_str(), fresh.size());
-    const size_t own = size_of_entry(log, number_);
-    const bool fits = own <= kMostLog;
-    Text closed;
-    if (!fits) pack(ChunkKind::kNotUndoable, number_, nullptr, 0, &closed);
-    const auto is_kept = [&](const Chunk& chunk) {
-      return fits || chunk.entry != number_ || chunk.kind == ChunkKind::kBegin;
-    };
-    size_t size = closed.size(), at = 0;
-    for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
-      if (is_kept(*chunk)) size += chunk->size;
+    const bool fits = size_of_entry(log, number_) <= most;
+    if (!fits) {
+      remove_entry(&log, number_, begins_entry);
+      pack(ChunkKind::kNotUndoable, number_, nullptr, 0, &log);
     }
-    const Chunk* first = chunk_at(log, 0);
-    uint32_t oldest = first != nullptr ? first->entry : number_; /* that is kept */
-    for (; size > kMostLog && oldest < number_; ++oldest) size -= size_of_entry(log, oldest);
-    Text kept;
-    at = 0;
-    for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
-      if (chunk->entry < oldest || !is_kept(*chunk)) continue;
-      kept.add(reinterpret_cast<const char*>(chunk), chunk->size);
+    make_room(&log, most);
+    end_ = static_cast<off_t>(log.size());
+    return replace_state_file(kLog, log.c_str(), log.size()) && fits;
+  }
+
+  /* Removes the oldest entries: of a program that has more than it may have, then of the one that
+   * has the most. Where the watch writes, some more, so that it does not rewrite the log for each
+   * change. */
+  void make_room(Text* log, size_t most) const {
+    size_t all = kMostLog;
+    for (;;) {
+      size_t largest = 0, at = 0;
+      uint16_t program = 0;
+      for (const Chunk* chunk; (chunk = chunk_at(*log, at)) != nullptr; at += chunk->size) {
+        if (!begins_entry(*chunk)) continue;
+        const size_t size = size_of_program(*log, chunk->program);
+        if (size <= largest) continue;
+        largest = size;
+        program = chunk->program;
+      }
+      if (largest <= most && log->size() <= all) return;
+      if (program_ != 0) {
+        most = kMostLog / 2 - kMostLog / 16;
+        all = kMostLog - kMostLog / 16;
+      }
+      const size_t before = log->size();
+      do {
+        if (!remove_oldest(log, program)) return;
+        largest = size_of_program(*log, program);
+      } while ((largest > most || log->size() > all) && before - log->size() < kMostLog / 32);
     }
-    kept.add(closed.c_str(), closed.size());
-    end_ = static_cast<off_t>(kept.size());
-    return replace_state_file(kLog, kept.c_str(), kept.size()) && fits;
+  }
+
+  bool remove_oldest(Text* log, uint16_t program) const {
+    size_t at = 0;
+    for (const Chunk* chunk; (chunk = chunk_at(*log, at)) != nullptr; at += chunk->size) {
+      if (chunk->program != program || chunk->entry == number_) continue;
+      remove_entry(log, chunk->entry, [](const Chunk&) { return false; });
+      return true;
+    }
+    return false;
   }
 
   Author author_ = {};
   const char* words_ = "";
-  uint32_t number_ = 0; /* 0: nothing is written yet */
+  const char* note_ = "";
+  uint16_t program_ = 0;
+  bool is_shared_ = false; /* the log has entries about other programs */
+  uint32_t number_ = 0;    /* 0: nothing is written yet */
   uint32_t last_ = 0;
   off_t end_ = 0;          /* of the log after the last chunk of this entry */
   bool is_closed_ = false; /* nothing more is written */
@@ -161,6 +275,7 @@ class Log final : public Journal {
  public:
   int begin(uint32_t) override { return kOk; }
   bool append(const Step& step) override {
+    entry_.set_note(g_note);
     entry_.add(step);
     return true;
   }
@@ -189,6 +304,30 @@ void log_changes(const Author& author, const char* words, const Changes& changes
   }
 }
 
+/* ---- what the watch writes ---- */
+
+void log_seen(const Author& author, const char* words, const Seen* seen) {
+  uint32_t program = 0x811c9dc5;
+  for (const char* at = words; *at != '\0' && *at != '['; ++at) {
+    program = (program ^ static_cast<uint8_t>(*at)) * 0x01000193;
+  }
+  Entry entry;
+  entry.begin(author, words, static_cast<uint16_t>(program >> 16 | 1));
+  if (seen == nullptr) return entry.set_not_undoable();
+  const Table& table = seen->table;
+  const bool is_change = seen->was != nullptr && seen->is != nullptr;
+  Mask named(table);
+  for (const Field& field : table) {
+    if (is_named(field) && (!is_change || !equal(field, seen->was, seen->is))) named.add(field);
+  }
+  const Buffer none(table.stride);
+  const bool is_whole = !is_change && !seen->is_unnamed;
+  entry.add({table, seen->position, seen->was != nullptr ? seen->was : none.data(),
+             seen->is != nullptr ? seen->is : none.data(), is_whole ? nullptr : named.bytes(),
+             seen->was != nullptr, seen->is != nullptr});
+  if (seen->is_unnamed) entry.set_not_undoable();
+}
+
 /* ---- the commands ---- */
 
 namespace {
@@ -213,12 +352,14 @@ struct Logged {
   const Chunk* chunk;
   Author author;
   const char* words;
+  const char* note;
   bool is_undoable;
 
   explicit Logged(const Text& log, const Chunk& begin) : chunk(&begin), is_undoable(true) {
     const char* payload = reinterpret_cast<const char*>(&begin + 1);
     memcpy(&author, payload, sizeof author);
     words = payload + sizeof author;
+    note = words + strlen(words) + 1;
     size_t at = 0;
     for (const Chunk* other; (other = chunk_at(log, at)) != nullptr; at += other->size) {
       if (other->entry == begin.entry && other->kind == ChunkKind::kNotUndoable) {
@@ -229,12 +370,11 @@ struct Logged {
 };
 
 /* The newest entry before another one; null when there is none. */
-const Chunk* entry_before(const Text& log, uint32_t number) {
+const Chunk* entry_before(const Text& log, uint32_t number, bool all = false) {
   const Chunk* newest = nullptr;
   size_t at = 0;
   for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
-    if (chunk->kind == ChunkKind::kBegin && chunk->entry < number &&
-        chunk->size > sizeof *chunk + sizeof(Author) &&
+    if (begins_entry(*chunk) && (all || chunk->program == 0) && chunk->entry < number &&
         (newest == nullptr || chunk->entry > newest->entry)) {
       newest = chunk;
     }
@@ -247,7 +387,10 @@ void print_entry(const Logged& entry, const Changes& changes) {
   line.print("%u  ", entry.chunk->entry);
   add_time(entry.author.time, false, &line);
   line.add("  ");
-  add_user(entry.author.uid, &line);
+  if (entry.author.uid == kNobody)
+    line.add('-');
+  else
+    add_user(entry.author.uid, &line);
   line.add("  ");
   line.add_shown(entry.words, strlen(entry.words));
   if (!entry.is_undoable) line.add("  (cannot be undone)");
@@ -259,7 +402,8 @@ void write_entry(const Logged& entry, const Changes& changes, JsonWriter* writer
   writer->open('{', JsonWriter::kInline);
   writer->member("entry", entry.chunk->entry);
   write_author(entry.author, writer);
-  writer->member("command", entry.words);
+  writer->member(entry.chunk->program == 0 ? "command" : "program", entry.words);
+  if (entry.note[0] != '\0') writer->member("note", entry.note);
   writer->name("undoable");
   writer->value().add(entry.is_undoable ? "true" : "false");
   writer->name("changes");
@@ -269,14 +413,46 @@ void write_entry(const Logged& entry, const Changes& changes, JsonWriter* writer
 
 }  // namespace
 
+bool is_logged(const Seen& seen, uint32_t* pid, Text* note) {
+  Text log;
+  struct stat status;
+  if (!open_state(false) || fstatat(state_folder(), kLog, &status, 0) != 0 ||
+      status.st_mtime + kRecently < time(nullptr) || read_log(&log) != kOk) {
+    return false;
+  }
+  const Chunk* last = nullptr;
+  size_t at = 0;
+  for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
+    if (chunk->kind == ChunkKind::kStep && &kTables[chunk->table] == &seen.table &&
+        chunk->position == seen.position) {
+      last = chunk;
+    }
+  }
+  if (last == nullptr || last->program != 0 || (last->is_used != 0) != (seen.is != nullptr)) {
+    return false;
+  }
+  Changes changes;
+  changes.add(*last);
+  const Change* change = changes.first();
+  for (uint32_t n = 0; change != nullptr && seen.is != nullptr && n < seen.table.stride; ++n) {
+    if (change->mask.data()[n] != 0 && change->after.data()[n] != seen.is[n]) return false;
+  }
+  if (const Chunk* begin = entry_before(log, last->entry + 1); begin != nullptr) {
+    const Logged entry(log, *begin);
+    *pid = entry.author.pid;
+    note->add(entry.note);
+  }
+  return true;
+}
+
 int run_log(Call& call) {
   Text log;
   if (const int status = read_log(&log); status != kOk) return status;
   Text text;
   JsonWriter writer(&text);
   if (call.has(kJson)) writer.open('[', JsonWriter::kLines);
-  for (const Chunk* chunk = entry_before(log, UINT32_MAX); chunk != nullptr;
-       chunk = entry_before(log, chunk->entry)) {
+  for (const Chunk* chunk = entry_before(log, UINT32_MAX, call.has(kAll)); chunk != nullptr;
+       chunk = entry_before(log, chunk->entry, call.has(kAll))) {
     const Logged entry(log, *chunk);
     Changes changes;
     changes.add(log, 0, log.size(), chunk->entry);
@@ -315,7 +491,10 @@ int undo(Call& call, const Text& log, const Logged& entry) {
 }  // namespace
 
 int run_undo(Call& call) {
-  uint32_t wanted = 1;
+  uint32_t wanted = 1, before = UINT32_MAX;
+  const bool all = call.has(kEntry);
+  if (all) before = call.entry + 1;
+  if (all && call.word_count > 0) return fail(kUsage, "N and --entry exclude each other");
   if (call.word_count == 1) {
     char* rest = call.words[0];
     const unsigned long number = strtoul(rest, &rest, 10);
@@ -326,9 +505,12 @@ int run_undo(Call& call) {
   }
   Text log;
   if (const int status = read_log(&log); status != kOk) return status;
-  uint32_t before = UINT32_MAX;
+  const uint32_t first = before;
   for (uint32_t n = 0; n < wanted; ++n) {
-    const Chunk* chunk = entry_before(log, before);
+    const Chunk* chunk = entry_before(log, before, all);
+    if (all && (chunk == nullptr || chunk->entry != call.entry)) {
+      return fail(kRefused, "entry %u is not in the log", call.entry);
+    }
     if (chunk == nullptr && n == 0) return fail(kRefused, "no edit is logged");
     if (chunk == nullptr)
       return fail(kRefused, "only %u edit%s logged", n, n == 1 ? " is" : "s are");
@@ -339,9 +521,9 @@ int run_undo(Call& call) {
     before = chunk->entry;
   }
   int status = kOk;
-  before = UINT32_MAX;
+  before = first;
   for (uint32_t n = 0; n < wanted && !is_interrupted(); ++n) {
-    const Chunk* chunk = entry_before(log, before);
+    const Chunk* chunk = entry_before(log, before, all);
     if (chunk == nullptr) break;
     const int undone = undo(call, log, Logged(log, *chunk));
     if (undone != kOk) status = undone;

@@ -17,7 +17,7 @@
 
 namespace scctl {
 
-constexpr uint16_t kChanges = kSources | kInPlace;
+constexpr uint32_t kChanges = kSources | kInPlace | kNote;
 
 /* In the order of the help text. */
 // clang-format off
@@ -65,10 +65,10 @@ constexpr Command kCommands[] = {
    kChanges, 1, 1, run_clear},
   {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
    "",
-   0, 2, 2, run_bind},
+   kNote, 2, 2, run_bind},
   {"unbind", "ap_templates/ID", "undo a binding",
    "",
-   0, 1, 1, run_unbind},
+   kNote, 1, 1, run_unbind},
   {"batch", "[FILE]", "run commands from a file or standard input",
    "Each line is a command, with or without scctl in front, quoted as for a shell.\n"
    "Quote what a shell would expand. # begins a comment. Stops at the first command\n"
@@ -121,7 +121,7 @@ constexpr Command kCommands[] = {
   {"rollback", "NAME [AREA...]", "make areas equal to a checkpoint",
    "Changes all areas of the checkpoint if none is named. Writes only what differs;\n"
    "ids stay. Refuses a broken checkpoint. With --timeout it is a try.\n",
-   kDryRun | kTimeout, 1, -1, run_rollback},
+   kDryRun | kTimeout | kNote, 1, -1, run_rollback},
   {"check", "[AREA...]", "look for damage",
    "Checks header, lock and id words, counters, duplicates, archives, and references\n"
    "to groups that do not exist. Prints the remedies. Exit status 1 if there\n"
@@ -141,8 +141,9 @@ constexpr Command kCommands[] = {
    "other changes, and areas that are loaded, within 5 s. Takes no lock, so no\n"
    "writer waits for it. Runs the command of --exec with the area's name as $1.\n"
    "With --json prints an object on each line, and drops lines that its reader does\n"
-   "not take. Ends on SIGINT, SIGTERM and SIGHUP.\n",
-   kExec | kCount | kJson, 0, -1, run_watch},
+   "not take. With --journal, a service, writes what other programs change into the\n"
+   "log. Ends on SIGINT, SIGTERM and SIGHUP.\n",
+   kExec | kCount | kJson | kJournalOption, 0, -1, run_watch},
   {"try", "[--timeout SECONDS] batch FILE|import FILE|-- COMMAND...",
    "make a change that is taken back unless it is confirmed",
    "Takes the change back after 90 seconds or the given time, 1 to 86400, field by\n"
@@ -163,13 +164,15 @@ constexpr Command kCommands[] = {
    0, 0, 0, run_revert},
   {"log", "", "list the edits by scctl since the boot, newest first",
    "The log is in memory and has 64 KB: the oldest edits make room. An edit that\n"
-   "does not fit, and one of whole areas, cannot be undone.\n",
-   kJson, 0, 0, run_log},
+   "does not fit, and one of whole areas, cannot be undone. With --all lists also\n"
+   "what other programs changed while scctl watch --journal ran.\n",
+   kJson | kAll, 0, 0, run_log},
   {"undo", "[N]", "take back the last edit, or the last N",
    "Takes back field by field what is still as the edit left it, and prints the\n"
    "rest, which stays. It is an edit itself: a second undo takes back the first.\n"
-   "Exit status 1 if something stays.\n",
-   0, 0, 1, run_undo},
+   "--entry takes back one entry of scctl log --all. Exit status 1 if something\n"
+   "stays.\n",
+   kNote | kEntry, 0, 1, run_undo},
   {"completion", "", "print the completion for bash",
    "",
    0, 0, 0, run_completion},
@@ -203,6 +206,9 @@ constexpr OptionRow kOptions[] = {
   {"timeout",  kTimeout,        "SECONDS", "time until it is taken back"},
   {"status",   kStatus,         nullptr,   "print who tries what, and what others changed"},
   {"only-mine", kOnlyMine,      nullptr,   "refuse if other changes would be saved"},
+  {"note",     kNote,           "TEXT",    "log it with the edit, and show it in watch --json"},
+  {"journal",  kJournalOption,  nullptr,   "log what other programs change"},
+  {"entry",    kEntry,          "SEQ",     "take back this entry of the log"},
 };
 // clang-format on
 constexpr int kOptionCount = sizeof kOptions / sizeof *kOptions;
@@ -259,22 +265,26 @@ constexpr int kOption = 256; /* plus its place in kOptions */
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
 int take_option(const OptionRow& row, char* value, Call* call) {
-  call->options = static_cast<uint16_t>(call->options | row.option);
+  call->options |= row.option;
   switch (row.option) {
     case kImage: call->image = value; break;
     case kArchive: call->archive = value; break;
     case kExec: call->exec = value; break;
+    case kNote: g_note = value; break;
     case kCount:
+    case kEntry:
     case kTimeout: {
       constexpr unsigned long kDay = 86400;
-      const unsigned long most = row.option == kCount ? INT32_MAX : kDay;
+      const unsigned long most = row.option == kTimeout ? kDay : INT32_MAX;
       char* rest = value;
       const unsigned long number = is_digit(*value) ? strtoul(value, &rest, 10) : 0;
       if (number == 0 || number > most || *rest != '\0') {
         return fail(kUsage, "--%s: expected a number from 1 to %lu, not '%s'", row.name, most,
                     value);
       }
-      (row.option == kCount ? call->count : call->timeout) = static_cast<uint32_t>(number);
+      (row.option == kCount   ? call->count
+       : row.option == kEntry ? call->entry
+                              : call->timeout) = static_cast<uint32_t>(number);
       break;
     }
     default: break;
@@ -478,7 +488,7 @@ int run_completion(Call&) {
       "  if [[ $COMP_CWORD == 1 ]]; then\n"
       "    words=\"$commands --help --version\"\n"
       "  elif [[ $before == = || $word == = ||\n"
-      "    $before =~ ^--(image|archive|exec|count|timeout)$ ]]; then\n"
+      "    $before =~ ^--(image|archive|exec|count|timeout|note|entry)$ ]]; then\n"
       "    return\n"
       "  elif [[ $word == -* ]]; then\n"
       "    words=$options\n"

@@ -14,6 +14,7 @@
 namespace scctl {
 
 Text g_words;
+const char* g_note = "";
 
 namespace {
 

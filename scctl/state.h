@@ -26,7 +26,8 @@ inline constexpr char kTryPath[] = "/var/systemconfig/scctl/try";
 enum class Role : uint8_t {
   kGuard, /* and the next byte: the two guards of a try */
   kTwin,
-  kActor /* makes, confirms or reverts a try */
+  kActor,  /* makes, confirms or reverts a try */
+  kJournal /* the watch that writes what other programs change into the log */
 };
 
 /* Opens the folder; makes it if `create`. errno tells why not. */
@@ -49,8 +50,9 @@ bool replace_state_file(const char* name, const char* bytes, size_t size);
 /* The user's name, or the number. */
 void add_user(uint32_t uid, Text* to);
 
-/* The words of this call. */
+/* The words of this call, and those of --note. */
 extern Text g_words;
+extern const char* g_note;
 
 /* The log of scctl's edits. */
 void start_log();
@@ -61,6 +63,14 @@ struct Author {
   uint32_t uid;
   uint32_t pid;
 };
+constexpr uint32_t kNobody = UINT32_MAX; /* the uid of an author who is not known */
+struct Seen;
+/* Logs what another program changed. The words begin with its name, and a [ behind it; without a
+ * difference something else has changed an area. */
+void log_seen(const Author& author, const char* words, const Seen* seen);
+/* Whether the difference is the last edit of the record that is logged, by scctl itself: its process
+ * and its note. */
+bool is_logged(const Seen& seen, uint32_t* pid, Text* note);
 /* Logs the changes of a try that was confirmed. */
 void log_changes(const Author& author, const char* words, const Changes& changes);
 

@@ -44,7 +44,7 @@ void add_fields(const Seen& seen, Text* to) {
 
 }  // namespace
 
-void Stream::begin(AreaId area) {
+void ChangeStream::begin(AreaId area) {
   timespec boot, now;
   clock_gettime(CLOCK_BOOTTIME, &boot);
   clock_gettime(CLOCK_REALTIME, &now);
@@ -58,7 +58,7 @@ void Stream::begin(AreaId area) {
 }
 
 /* A line that has no room, and all behind it until the loss is told, are lost. */
-void Stream::end() {
+void ChangeStream::end() {
   line_.add("}\n");
   if (lost_ != 0 || out_.size() + line_.size() > kMostUnsent) {
     lose("reader");
@@ -67,12 +67,12 @@ void Stream::end() {
   }
 }
 
-void Stream::lose(const char* why) {
+void ChangeStream::lose(const char* why) {
   ++lost_;
   why_ = why;
 }
 
-void Stream::tell_lost() {
+void ChangeStream::tell_lost() {
   const uint32_t count = lost_;
   lost_ = 0;
   begin(kAreaCount);
@@ -80,13 +80,13 @@ void Stream::tell_lost() {
   end();
 }
 
-void Stream::tell_area(AreaId area, const char* what, const char* seen) {
+void ChangeStream::tell_area(AreaId area, const char* what, const char* seen) {
   begin(area);
   line_.print(",\"what\":\"%s\",\"seen\":\"%s\"", what, seen);
   end();
 }
 
-void Stream::tell_record(const Seen& seen, const char* rest) {
+void ChangeStream::tell_record(const Seen& seen, const char* rest) {
   begin(seen.table.area);
   line_.print(",\"table\":\"%s\",\"id\":%u,\"what\":\"%s\",\"fields\":", seen.table.name,
               seen.position + 1,
@@ -100,7 +100,7 @@ void Stream::tell_record(const Seen& seen, const char* rest) {
 }
 
 /* So much fits into a pipe that is ready, and is written without a wait. */
-bool Stream::flush() {
+bool ChangeStream::flush() {
   size_t at = 0;
   bool is_there = true;
   while (at < out_.size()) {

@@ -11,7 +11,7 @@
 
 namespace scctl {
 
-class Stream {
+class ChangeStream {
  public:
   /* A line about an area. */
   void tell_area(AreaId area, const char* what, const char* seen);

@@ -18,8 +18,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "authors.h"
 #include "core/registry.h"
 #include "shown.h"
+#include "state.h"
 #include "store/clock.h"
 #include "stream.h"
 
@@ -83,16 +85,18 @@ class Events {
   Events(const Events&) = delete;
   Events& operator=(const Events&) = delete;
 
-  /* Begins to watch the folder, or watches the folder that exists now. */
-  void follow() {
+  /* Begins to watch the folder, or watches the folder that exists now; true when it is another. */
+  bool follow() {
     if (inotify_ < 0) inotify_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     /* Closes that follow each other are one event, unless an open is between them. */
     const uint32_t events = IN_CLOSE_WRITE | IN_MODIFY | (streaming_ ? IN_OPEN : 0);
     const int folder = inotify_ < 0 ? -1 : inotify_add_watch(inotify_, kLockFolder, events);
     error_ = folder < 0 ? errno : 0;
     if (streaming_ && inotify_ >= 0) images_ = inotify_add_watch(inotify_, kImageFolder, IN_DELETE);
-    if (folder != folder_ && folder_ >= 0) inotify_rm_watch(inotify_, folder_);
+    const bool is_other = folder != folder_;
+    if (is_other && folder_ >= 0) inotify_rm_watch(inotify_, folder_);
     folder_ = folder;
+    return is_other;
   }
 
   /* Prints a line when watching begins or becomes impossible. A program that reads this line may
@@ -147,18 +151,15 @@ class Events {
  private:
   /* Whether the event is about a file of the area. Thousands of events can arrive together: not
    * making a path for each saves seconds on the router. */
-  static bool is_of(const inotify_event& event, const char* ahead, const char* stem,
-                    const char* behind) {
-    const size_t from = strlen(ahead), length = strlen(stem);
-    return event.len != 0 && strncmp(event.name, ahead, from) == 0 &&
-           strncmp(event.name + from, stem, length) == 0 &&
-           strcmp(event.name + from + length, behind) == 0;
-  }
-
-  bool is_of(const inotify_event& event, const Area& area) const {
-    const auto& facts = area.row();
-    return event.wd == images_ ? is_of(event, "config_", facts.stem, ".cfg")
-                               : is_of(event, "", facts.lock_stem, "_conf_lock");
+  bool is_of(const inotify_event& event, int area) const {
+    if (event.len == 0) return false;
+    if (event.wd != images_) return area == area_of_lock(event.name);
+    static constexpr char kAhead[] = "config_";
+    const char* stem = kAreas[area].row().stem;
+    const size_t ahead = sizeof kAhead - 1, length = strlen(stem);
+    return strncmp(event.name, kAhead, ahead) == 0 &&
+           strncmp(event.name + ahead, stem, length) == 0 &&
+           strcmp(event.name + ahead + length, ".cfg") == 0;
   }
 
   void take(const inotify_event& event, int64_t now, Watched* areas) {
@@ -166,7 +167,7 @@ class Events {
     lost_ |= all;
     if ((event.mask & (IN_OPEN | IN_ISDIR)) != 0) return;
     for (int n = 0; n < kAreaCount; ++n) {
-      if (!all && !is_of(event, kAreas[n])) continue;
+      if (!all && !is_of(event, n)) continue;
       Watched& area = areas[n];
       if ((event.mask & IN_MODIFY) != 0) {
         area.is_made = true;
@@ -213,11 +214,19 @@ class Printer final : public Teller {
 
 class Watch {
  public:
-  Watch(Source& source, bool streaming)
-      : source_(source), events_(streaming), streaming_(streaming), objects_(this) {}
+  Watch(Source& source, bool streaming, bool journaling)
+      : source_(source),
+        events_(streaming || journaling),
+        streaming_(streaming || journaling),
+        printing_(streaming),
+        journaling_(journaling),
+        objects_(this) {}
 
   /* Reads the present contents, without printing them. */
   void begin(const bool* chosen) {
+    if (streaming_ && !authors_.begin()) {
+      fprintf(stderr, "authors are not known: fanotify: %s\n", strerror(errno));
+    }
     const int64_t now = now_ms();
     events_.follow();
     slow_ = now + kPauseMs;
@@ -244,29 +253,31 @@ class Watch {
   void look(bool* changed, uint32_t most) {
     const int64_t now = now_ms();
     if (now >= slow_) {
-      events_.follow();
+      if (events_.follow()) authors_.follow();
       events_.tell();
       slow_ = now + kPauseMs;
       for (Watched& area : areas_) area.look_at(now);
     }
-    if (streaming_ && events_.has_lost()) stream_.lose("queue");
     Printer printer;
     for (int n = 0; n < kAreaCount; ++n) {
       Watched& area = areas_[n];
       changed[n] = false;
       if (!area.chosen || area.due > now || most == 0) continue;
       area.due = kNever;
+      authors_.begin_look();
       changed[n] = look_at(static_cast<AreaId>(n), printer, now);
       most -= changed[n];
       if (area.due != kNever) continue;
+      authors_.end_look(static_cast<AreaId>(n));
       area.closes = 0;
       area.is_made = area.is_loaded = false;
     }
+    if (printing_ && events_.has_lost()) stream_.lose("queue");
   }
 
   /* Writes what the reader takes at once. False when it is gone. */
   bool flush() {
-    if (!streaming_) return fflush(stdout) == 0;
+    if (!printing_) return fflush(stdout) == 0;
     do {
       if (stream_.is_losing() && !stream_.has_unsent()) {
         stream_.tell_lost();
@@ -329,7 +340,7 @@ class Watch {
     }
     const Pages pages(block, facts.size);
     if (streaming_ && is_load(id, pages)) {
-      stream_.tell_area(id, "load", area.is_made ? "lock" : "image");
+      tell(id, "load", area.is_made ? "lock" : "image");
       begin(id);
       return true;
     }
@@ -350,7 +361,7 @@ class Watch {
       printf("%s%s: %s\n", prefix, kAreas[id].name, removed ? "removed" : "made anew");
       return;
     }
-    stream_.tell_area(id, removed ? "delete" : "load", "look");
+    tell(id, removed ? "delete" : "load", "look");
     begin(id);
   }
 
@@ -366,12 +377,48 @@ class Watch {
     return differing > (area.is_made ? 0 : area.closes);
   }
 
+  /* All of an area is another. */
+  void tell(AreaId id, const char* what, const char* seen) {
+    if (printing_) stream_.tell_area(id, what, seen);
+    if (!journaling_) return;
+    Text words;
+    words.print("%s %s", what, kAreas[id].name);
+    log_seen({time(nullptr), boot_ms(), kNobody, 0}, words.c_str(), nullptr);
+  }
+
   void tell(const Seen& seen) {
     const Watched& area = areas_[seen.table.area];
-    Text rest;
+    authors_.find(seen.table.area);
+    uint32_t pid = 0;
+    Text note;
+    const bool is_own = is_logged(seen, &pid, &note);
+    Text rest, words;
+    Author first = {time(nullptr), boot_ms(), kNobody, 0};
+    bool is_noted = false;
+    for (const Program* one = nullptr; (one = authors_.next(one)) != nullptr;) {
+      if (words.size() == 0) {
+        first.pid = one->pid;
+        if (one->is_known) first.uid = one->uid;
+      }
+      is_noted |= one->pid == pid && note.size() > 0;
+      words.print("%s%s[%u]", words.size() > 0 ? ", " : "", one->name, one->pid);
+      rest.print("%s{\"pid\":%u", rest.size() > 0 ? "," : ",\"author\":[", one->pid);
+      if (one->is_known) {
+        rest.print(",\"uid\":%u,\"program\":", one->uid);
+        add_json_text(one->name, &rest);
+      }
+      rest.add('}');
+    }
+    if (rest.size() > 0) rest.add(']');
     rest.print(",\"seen\":\"%s\"", area.closes > 0 ? "lock" : "look");
     if (area.closes > 1) rest.print(",\"closes\":%u", area.closes);
-    stream_.tell_record(seen, rest.c_str());
+    if (is_noted) {
+      rest.add(",\"note\":");
+      add_json_text(note.c_str(), &rest);
+    }
+    if (printing_) stream_.tell_record(seen, rest.c_str());
+    if (words.size() == 0) words.add("unknown");
+    if (journaling_ && !is_own) log_seen(first, words.c_str(), &seen);
   }
 
   /* Sends the next record of the present state. */
@@ -394,9 +441,12 @@ class Watch {
 
   Source& source_;
   Events events_;
-  const bool streaming_;
+  Authors authors_;
+  const bool streaming_; /* named fields are kept, and authors are asked for */
+  const bool printing_;
+  const bool journaling_;
   Objects objects_;
-  Stream stream_;
+  ChangeStream stream_;
   /* What of the present state is sent next, after a loss. */
   struct {
     int table;
@@ -420,7 +470,12 @@ int run_watch(Call& call) {
   bool chosen[kAreaCount];
   if (const int status = present_areas(call, chosen); status != kOk) return status;
   handle_signals();
-  Watch watch(call.source, call.has(kJson));
+  const bool journaling = call.has(kJournalOption);
+  if (journaling && !(open_state(true) && take_role(Role::kJournal, 1))) {
+    return fail(kNoArea, "the journal is kept by process %d, or %s cannot be used",
+                holder_of(Role::kJournal), kStateFolder);
+  }
+  Watch watch(call.source, call.has(kJson), journaling);
   watch.begin(chosen);
   fflush(stdout);
   uint32_t left = call.count == 0 ? UINT32_MAX : call.count;

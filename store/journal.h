@@ -35,7 +35,8 @@ Run next_run(const uint8_t* mask, uint32_t at, uint32_t end);
 enum class ChunkKind : uint8_t {
   kBegin, /* of an entry of the log: who, when and what */
   kStep,
-  kNotUndoable /* an entry of the log did more than its steps say */
+  kNotUndoable, /* an entry of the log did more than its steps say */
+  kSeen         /* as kBegin, of an entry about another program */
 };
 
 /* The head of a chunk. In a kStep runs of bytes follow: offset, size, the bytes before and, unless
@@ -48,7 +49,7 @@ struct Chunk {
   uint32_t entry;
   uint32_t position;
   uint8_t was_used, is_used;
-  uint16_t spare;
+  uint16_t program; /* a sum of the name of the program; 0: scctl itself */
 };
 static_assert(sizeof(Chunk) == 20);
 

@@ -1,0 +1,347 @@
+/* The objects of scctl watch --json. */
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include <sysconfig/ap.h>
+
+#include "scctl/stream_case.h"
+
+namespace sc_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST_F(WatchTest, Json_AddModifyDelete_AreObjectsWithFieldsBeforeAndAfter) {
+  JsonWatch watch({"Lan"});
+  add(17, "printer");
+  const Object first = watch.object();
+  EXPECT_EQ(first.seq, 1);
+  EXPECT_EQ(first.rest,
+            bind_line(1, "add",
+                      "\"mac\":[null,\"00:11:22:33:44:11\"],\"ip\":[null,\"192.168.1.17\"],"
+                      "\"flag\":[null,17],\"name\":[null,\"printer\"]"));
+  rename("copier");
+  const Object second = watch.object();
+  EXPECT_EQ(second.seq, 2);
+  EXPECT_EQ(second.rest, bind_line(1, "change", "\"name\":[\"printer\",\"copier\"]"));
+  del("1");
+  EXPECT_EQ(watch.rest(),
+            bind_line(1, "delete",
+                      "\"mac\":[\"00:11:22:33:44:11\",null],\"ip\":[\"192.168.1.17\",null],"
+                      "\"flag\":[17,null],\"name\":[\"copier\",null]"));
+  EXPECT_EQ(watch.rest(100), "nothing");
+}
+
+TEST_F(WatchTest, Json_OfUnnamedBytes_OnlyThatTheyDiffer) {
+  auto* aps = started<ManageApListBlock>("ManageApList");
+  ApLimitsRecord limits = {};
+  limits.max_ap_count = 300;
+  ASSERT_EQ(SC_Get_Ap_Info_Blank(aps, &limits), 0);
+  aps->aps[0].group_id = 1;
+  JsonWatch watch({"Lan", "ManageApList"});
+  const auto poke = [&](uint8_t& byte, uint8_t to) {
+    byte = to;
+    Child([] { close(open(lock_file("ManageApList").c_str(), O_WRONLY | O_CLOEXEC)); }).wait();
+    return watch.rest();
+  };
+  const std::string ap =
+      "\"area\":\"ManageApList\",\"table\":\"aps\",\"id\":1,\"what\":\"change\",";
+  EXPECT_EQ(poke(aps->aps[0].opaque_399[11000], 7),
+            ap + "\"fields\":{},\"unnamed\":true,\"seen\":\"lock\"");
+  EXPECT_EQ(poke(aps->aps[0].opaque_399[11000], 0),
+            ap + "\"fields\":{},\"unnamed\":true,\"seen\":\"lock\"");
+  aps->aps[0].opaque_4[132] = 1; /* the last byte of a field that is no multiple of words */
+  EXPECT_EQ(poke(aps->aps[0].group_id, 9),
+            ap + "\"fields\":{\"group_id\":[1,9]},\"unnamed\":true,\"seen\":\"lock\"");
+  EXPECT_EQ(poke(aps->aps[0].group_id, 8),
+            ap + "\"fields\":{\"group_id\":[9,8]},\"seen\":\"lock\"");
+}
+
+TEST_F(WatchTest, Json_TextThatIsNoUtf8_IsEscaped) {
+  add(1, "n");
+  JsonWatch watch({"Lan"});
+  rename("a\xff\"\\\x01\n\xc3\xa9");
+  EXPECT_EQ(watch.rest(),
+            bind_line(1, "change", "\"name\":[\"n\",\"a\\udcff\\\"\\\\\\u0001\\u000a\xc3\xa9\"]"));
+  rename(std::string("a\0left", 6)); /* what is behind a text's end is its, too */
+  EXPECT_EQ(watch.rest(), bind_line(1, "change",
+                                    "\"name\":[\"a\\udcff\\\"\\\\\\u0001\\u000a\xc3\xa9\","
+                                    "\"a\\u0000left\"]"));
+}
+
+/* A value between two looks is not known. */
+TEST_F(WatchTest, Json_ARecordThatMayHaveChangedMoreOften_IsSaidToBeSo) {
+  add(1, "one");
+  JsonWatch watch({"Lan"});
+  kill(watch.program().pid(), SIGSTOP);
+  rename("two");
+  rename("three");
+  kill(watch.program().pid(), SIGCONT);
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"one\",\"three\"]",
+                                    "\"seen\":\"lock\",\"closes\":2"));
+  rename("four");
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"three\",\"four\"]"));
+  /* Changed and back: what still stands is the same. */
+  kill(watch.program().pid(), SIGSTOP);
+  rename("five");
+  rename("four");
+  kill(watch.program().pid(), SIGCONT);
+  EXPECT_EQ(watch.rest(200), "nothing");
+}
+
+TEST_F(WatchTest, Json_InitAndRead_AreOneObjectEach) {
+  for (int n = 1; n <= 32; ++n) add(n, "saved" + std::to_string(n));
+  capture([&] { SC_Save_System_Lan_Config2Flash(lan); });
+  DelAllDhcpStaticItem(lan);
+  JsonWatch watch({"Lan"});
+  capture([&] { EXPECT_EQ(SC_Init_System_Lan_Config(1), 0); });
+  EXPECT_EQ(watch.rest(), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"lock\"");
+  rename("live");
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"saved1\",\"live\"]"));
+  capture([&] { SC_Read_System_Lan_Config(lan); });
+  EXPECT_EQ(watch.rest(), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"image\"");
+  /* Read again: nothing differs. A save writes an image, too. */
+  capture([&] { SC_Read_System_Lan_Config(lan); });
+  rename("live");
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"saved1\",\"live\"]"));
+  capture([&] { SC_Save_System_Lan_Config2Flash(lan); });
+  EXPECT_EQ(watch.rest(200), "nothing");
+}
+
+TEST_F(WatchTest, Json_ALockFileThatIsMadeAnew_IsFollowed) {
+  add(1, "one");
+  JsonWatch watch({"Lan"});
+  unlink(kLanLock);
+  capture([&] { EXPECT_EQ(SC_Init_System_Lan_Config(1), 0); });
+  EXPECT_EQ(watch.rest(), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"lock\"");
+  pause_ms(1100);
+  add(2, "two");
+  const Object added = watch.object();
+  EXPECT_NE(added.rest.find("\"what\":\"add\""), std::string::npos) << added.rest;
+  if (watch.knows_authors()) EXPECT_EQ(added.pids(), (std::set<int>{getpid()}));
+}
+
+TEST_F(WatchTest, Json_AnAreaThatIsRemovedAndMadeAnew_IsWatchedOn) {
+  add(1, "one");
+  JsonWatch watch({"Lan"});
+  ASSERT_EQ(SC_Uninit_System_Lan_Config(), 0);
+  EXPECT_EQ(watch.rest(kSlowMs), "\"area\":\"Lan\",\"what\":\"delete\",\"seen\":\"look\"");
+  lan = started<LanBlock>("Lan");
+  EXPECT_EQ(watch.rest(kSlowMs), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"look\"");
+  pause_ms(1100);
+  add(2, "two");
+  EXPECT_NE(watch.rest().find("\"table\":\"lan_binds\",\"id\":1,\"what\":\"add\""),
+            std::string::npos);
+}
+
+/* ---- what does not keep up ---- */
+
+/* The state as it is sent anew: from the area to the last record of it. */
+std::string state_of_lan(JsonWatch& watch) {
+  EXPECT_EQ(watch.rest(), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"anew\"");
+  std::string said = watch.rest(), all;
+  while (said.find("\"seen\":\"anew\"") != std::string::npos) {
+    all += said + "\n";
+    said = watch.rest(200);
+  }
+  EXPECT_EQ(said, "nothing");
+  return all;
+}
+
+TEST_F(WatchTest, Json_AfterMoreEventsThanTheKernelQueues_TheLossIsSaidAndTheStateFollows) {
+  add(1, "n");
+  add(2, "same");
+  JsonWatch watch({"Lan"});
+  const std::string most = read_file("/proc/sys/fs/inotify/max_queued_events");
+  kill(watch.program().pid(), SIGSTOP);
+  for (int n = 0; n < atoi(most.c_str()) / 2 + 100; ++n) rename("n" + std::to_string(n % 100));
+  rename("last");
+  kill(watch.program().pid(), SIGCONT);
+  Object object = watch.object();
+  EXPECT_NE(object.rest.find("\"name\":[\"n\",\"last\"]"), std::string::npos) << object.rest;
+  EXPECT_EQ(watch.rest(), "\"what\":\"lost\",\"count\":1,\"seen\":\"queue\"");
+  const std::string state = state_of_lan(watch);
+  EXPECT_NE(state.find("\"id\":1,\"what\":\"add\""), std::string::npos) << state;
+  EXPECT_NE(state.find("\"name\":[null,\"last\"]"), std::string::npos) << state;
+  EXPECT_NE(state.find("\"name\":[null,\"same\"]"), std::string::npos) << state;
+}
+
+TEST_F(WatchTest, Json_ForAReaderThatStops_LinesAreDroppedAndCounted_AndTheStateFollows) {
+  add(1, "n");
+  JsonWatch watch({"Lan"});
+  fcntl(watch.pipe(), F_SETPIPE_SZ, 4096);
+  const std::string name(190, 'x');
+  for (int n = 0; n < 150; ++n) {
+    rename(name + std::to_string(n));
+    pause_ms(5);
+  }
+  /* It waits for nobody: it still looks, in no more memory, and a signal ends it. */
+  for (off_t byte = 0; byte < 70; ++byte) EXPECT_FALSE(is_locked(kLanLock, byte)) << byte;
+  long seq = 0;
+  Object object = watch.object();
+  for (; object.rest.find("\"lost\"") == std::string::npos; object = watch.object()) {
+    ASSERT_NE(object.rest, "nothing");
+    EXPECT_EQ(object.seq, ++seq);
+  }
+  const long lost = atol(object.number_behind("count").c_str());
+  EXPECT_EQ(object.rest,
+            "\"what\":\"lost\",\"count\":" + std::to_string(lost) + ",\"seen\":\"reader\"");
+  EXPECT_GT(lost, 10);
+  EXPECT_EQ(object.seq, seq + lost + 1);
+  EXPECT_LT(seq, 120);
+  const std::string state = state_of_lan(watch);
+  EXPECT_NE(state.find("\"name\":[null,\"" + name + "149\"]"), std::string::npos) << state;
+  rename("on");
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"" + name + "149\",\"on\"]"));
+
+  for (int n = 0; n < 100; ++n) {
+    rename(name + std::to_string(n));
+    pause_ms(5);
+  }
+  kill(watch.program().pid(), SIGTERM);
+  for (int ms = 0; ms < kSoonMs && !watch.program().ended(); ++ms) pause_ms(1);
+  EXPECT_TRUE(watch.program().ended());
+}
+
+TEST_F(WatchTest, Json_WhenItsReaderIsGone_TheNextChangeEndsIt) {
+  add(1, "one");
+  Words words = {"sh", "-c", "\"$@\" | head -n 1", "sh"};
+  for (const std::string& word : scctl({"watch", "--json"})) words.push_back(word);
+  Program watch(words);
+  pause_ms(500);
+  for (int n = 0; n < 100 && !watch.ended(); ++n) {
+    rename("n" + std::to_string(n));
+    pause_ms(50);
+  }
+  EXPECT_TRUE(watch.ended());
+}
+
+/* ---- what it costs ---- */
+
+/* The memory that a process has for itself: what it allocated. */
+long allocated_kb(pid_t pid) {
+  std::ifstream smaps("/proc/" + std::to_string(pid) + "/smaps");
+  long all = 0, size = 0;
+  bool is_own = false;
+  for (std::string line; std::getline(smaps, line);) {
+    char path[256] = "";
+    unsigned long inode;
+    if (sscanf(line.c_str(), "%*x-%*x %*s %*x %*s %lu %255s", &inode, path) >= 1) {
+      is_own = path[0] == '\0' || strcmp(path, "[heap]") == 0;
+    } else if (is_own && sscanf(line.c_str(), "Private_Dirty: %ld", &size) == 1) {
+      all += size;
+    }
+  }
+  return all;
+}
+
+/* Records of all tables, and the bytes of their named fields. */
+struct Tables {
+  long records = 0, bytes = 0;
+};
+Tables all_tables() {
+  Tables all;
+  std::istringstream tables(run(scctl({"tables"})).out);
+  std::string line, name, area, capacity;
+  for (std::getline(tables, line); std::getline(tables, line);) {
+    std::istringstream(line) >> name >> area >> capacity;
+    std::istringstream fields(run(scctl({"fields", name})).out);
+    const long count = atol(capacity.c_str());
+    all.records += count;
+    std::string field, kind, size;
+    for (std::getline(fields, line); std::getline(fields, line);) {
+      const bool is_mac_text = line.find(" mac text ") != std::string::npos;
+      std::istringstream words(line);
+      words >> field >> kind;
+      if (is_mac_text) words >> kind;
+      words >> size;
+      if (kind != "bytes") all.bytes += count * atol(size.c_str());
+    }
+  }
+  return all;
+}
+
+/* The memory of a segment, in bytes. */
+long resident_of(const char* name) {
+  std::ifstream segments("/proc/sysvipc/shm");
+  const int wanted = shmget(golden_area(name).key, 0, 0);
+  for (std::string line; std::getline(segments, line);) {
+    long id, resident;
+    if (sscanf(line.c_str(), "%*d %ld %*o %*u %*d %*d %*d %*d %*d %*d %*d %*d %*d %*d %ld", &id,
+               &resident) == 2 &&
+        id == wanted) {
+      return resident;
+    }
+  }
+  return -1;
+}
+
+TEST_F(WatchTest, Json_ItsMemoryIsSmall_AndItsLooksGiveNoneToTheAreas) {
+  for (const char* name : {"ManageApList", "ApUserList", "ApTemplateList", "Clients", "FwUrl",
+                           "Clients_Groups", "ProductInfo"}) {
+    started<LanBlock>(name);
+  }
+  auto* aps = block_at<ManageApListBlock>(SC_Get_ManageApList_System_Config());
+  ApLimitsRecord limits = {};
+  limits.max_ap_count = 300;
+  ASSERT_EQ(SC_Get_Ap_Info_Blank(aps, &limits), 0);
+  aps->aps[0].group_id = 1; /* and there are pages of this record that nobody has written */
+  const char* const kAreas[] = {"ManageApList", "ApUserList", "ApTemplateList", "ProductInfo"};
+  std::vector<long> before;
+  for (const char* name : kAreas) before.push_back(resident_of(name));
+  ASSERT_GT(before[0], 0);
+  JsonWatch small({"ProductInfo"});
+  const long least = allocated_kb(small.program().pid());
+  JsonWatch watch({});
+  aps->aps[0].group_id = 2;
+  Child([] { close(open(lock_file("ManageApList").c_str(), O_WRONLY | O_CLOEXEC)); }).wait();
+  EXPECT_NE(watch.rest(kSlowMs).find("\"aps\""), std::string::npos);
+  add(1, "one");
+  EXPECT_NE(watch.rest(kSlowMs).find("\"lan_binds\""), std::string::npos);
+  for (size_t n = 0; n < before.size(); ++n)
+    EXPECT_EQ(resident_of(kAreas[n]), before[n]) << kAreas[n];
+  const Tables tables = all_tables();
+  const long all = allocated_kb(watch.program().pid());
+  printf("allocated: %ld KB; for the least area %ld KB; %ld records with %ld KB in named fields\n",
+         all, least, tables.records, tables.bytes / 1024);
+  EXPECT_LE(all, 64 + (tables.bytes + 8 * tables.records) / 1024);
+}
+
+long sleeps_of_all(pid_t pid) {
+  long all = 0;
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    std::ifstream status(entry.path() / "status");
+    long parent = 0, own = 0, sleeps = 0;
+    for (std::string line; std::getline(status, line);) {
+      sscanf(line.c_str(), "Pid: %ld", &own);
+      sscanf(line.c_str(), "PPid: %ld", &parent);
+      sscanf(line.c_str(), "voluntary_ctxt_switches: %ld", &sleeps);
+    }
+    if (own == pid || parent == pid) all += sleeps;
+  }
+  return all;
+}
+
+TEST_F(WatchTest, Json_IdleItWakesEachFiveSeconds_AndSeesWhatNoLockFileTellsOf) {
+  add(1, "one");
+  JsonWatch watch({"Lan"});
+  pause_ms(100);
+  const long sleeps = sleeps_of_all(watch.program().pid());
+  const double begun = now_ms();
+  pause_ms(11'000);
+  const long woken = sleeps_of_all(watch.program().pid()) - sleeps;
+  printf("woken in %.1f s without a change: %ld times\n", (now_ms() - begun) / 1000, woken);
+  EXPECT_GE(woken, 1);
+  EXPECT_LE(woken, 3);
+  lan->lan_binds[0].bind_flag = 9;
+  const Object object = watch.object(kSlowMs);
+  EXPECT_EQ(object.rest, bind_line(1, "change", "\"flag\":[1,9]", "\"seen\":\"look\""));
+  EXPECT_EQ(object.author, "");
+}
+
+}  // namespace
+}  // namespace sc_test
