@@ -162,7 +162,7 @@ class Hub:
 
     def _look(self):
         """Locks and the running try. It shows whether the source is there."""
-        deadline = None
+        bounds = None
         while self._wanted.wait() and not self._stop.is_set():
             self._asked.clear()
             begun = self._begun = time.monotonic()
@@ -172,14 +172,14 @@ class Hub:
                 self._found()
                 self._put("locks", locks)
                 if running:
-                    # A whole number of seconds is told, rounded up. What is sent is a time.
-                    upto = begun + running["left"]
-                    if deadline is None or not -1.5 < upto - deadline < 1.5:
-                        deadline = upto
-                    deadline = min(deadline, upto)
-                    running["until"] = round(time.time() + deadline - time.monotonic(), 1)
-                elif deadline is not None:
-                    deadline = None
+                    # The seconds left are told as a whole number, rounded up. Each look bounds the end.
+                    low, high = begun + running["left"] - 1, time.monotonic() + running["left"]
+                    if bounds and max(low, bounds[0]) <= min(high, bounds[1]):
+                        low, high = max(low, bounds[0]), min(high, bounds[1])
+                    bounds = low, high
+                    running["until"] = round(time.time() + (low + high) / 2 - time.monotonic(), 1)
+                elif bounds:
+                    bounds = None
                     self._put("ended", {"text": self.source.last_try(), "at": time.time()})
                 self._put("try", running)
             except Fault as fault:
@@ -201,7 +201,7 @@ class Hub:
                     self._put("diff", {"saved": self._diff("saved"), "factory": self._diff("factory")})
             except Fault:
                 pass  # the look tells it
-            self._stop.wait(max(2.0, 10 * (time.monotonic() - begun)))
+            self._stop.wait(max(TICK, 10 * (time.monotonic() - begun)))
             self._changed.wait(5)
 
     def _diff(self, base):

@@ -284,9 +284,10 @@ def batch_of(source, asked):
 
 def assignment(field, value):
     """FIELD=VALUE as a batch takes it. A text that is no line of valid text is given as hex."""
-    data = value.encode("utf-8", "surrogateescape")
-    if re.search("[\x00-\x1f\x7f\udc80-\udcff]", value) and field["kind"].endswith("text"):
-        return "%s:hex=%s" % (field["field"], data.hex())
-    if re.search("[\x00-\x1f\x7f\ud800-\udfff]", value):
+    if re.search("[\ud800-\udc7f\udd00-\udfff]", value):
         raise Fault("%s: this is no value" % field["field"])
+    if re.search("[\x00-\x1f\x7f\udc80-\udcff]", value):
+        if not field["kind"].endswith("text"):
+            raise Fault("%s: this is no value" % field["field"])
+        return "%s:hex=%s" % (field["field"], value.encode("utf-8", "surrogateescape").hex())
     return "'%s=%s'" % (field["field"], value.replace("'", "'\\''"))

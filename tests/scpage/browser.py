@@ -112,7 +112,7 @@ class Tab:
                 value = self.run(script)
             except RuntimeError:
                 value = None  # the page is being loaded
-            if value:
+            if value or value == {}:  # an element is {}
                 return value
             if time.monotonic() > limit:
                 raise TimeoutError("%s\nthe page: %s" % (script, self.run("document.body.innerText")[:1500]))

@@ -12,7 +12,6 @@ import urllib.parse
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SCPAGE = ROOT / "scpage/scpage"
 SCCTL = os.environ.get("SCCTL") or str(ROOT / "build/host/scctl/scctl")
-sys.path.insert(0, str(ROOT / "scpage"))
 
 
 def is_inside():
