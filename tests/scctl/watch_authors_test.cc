@@ -1,0 +1,300 @@
+/* The authors that scctl watch --json tells: the right one is among them, or none is told. The kernel
+ * names them by fanotify, which the host has. */
+#include <sched.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "scctl/stream_case.h"
+
+namespace sc_test {
+namespace {
+
+/* Whose suite is named Trace: it runs where the host's kernel is asked. */
+class TraceWatchAuthorsTest : public WatchTest {
+ protected:
+  void SetUp() override {
+    WatchTest::SetUp();
+    for (int n = 1; n <= 8; ++n) add(n, "n");
+  }
+
+  /* The process that the name of a binding tells. */
+  static int writer_of(const std::string& rest) {
+    const size_t at = rest.find("\"name\":[\"");
+    const size_t comma = at == std::string::npos ? at : rest.find("\",\"", at);
+    return comma == std::string::npos ? -1 : atoi(rest.c_str() + comma + 3);
+  }
+};
+
+/* Runs a program to its end. */
+pid_t started_writer(const Words& words) {
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  std::vector<char*> arguments;
+  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  execv(arguments[0], arguments.data());
+  _exit(127);
+}
+
+struct Told {
+  int changes = 0, authors = 0, alone = 0, named = 0, wrong = 0;
+};
+
+void count(const Object& object, int writer, Told* told) {
+  ++told->changes;
+  if (object.author.empty()) return;
+  ++told->authors;
+  const std::set<int> pids = object.pids();
+  told->wrong += pids.count(writer) == 0;
+  told->alone += pids.size() == 1;
+  told->named += object.author.find("{\"pid\":" + std::to_string(writer) +
+                                    ",\"uid\":0,\"program\":\"writer\"}") != std::string::npos;
+}
+
+void print(const char* what, const Told& told) {
+  const double all = told.changes / 100.0;
+  printf(
+      "%s: %d changes seen; author told of %.1f %%, alone %.1f %%, with user and program %.1f %%, "
+      "wrong %d\n",
+      what, told.changes, told.authors / all, told.alone / all, told.named / all, told.wrong);
+}
+
+int times(int otherwise) {
+  const char* text = getenv("SC_TEST_CHANGES");
+  return text != nullptr ? atoi(text) : otherwise;
+}
+
+/* SC_TEST_CHANGES=100000: all that are promised. */
+TEST_F(TraceWatchAuthorsTest, ProgramsThatEndAtOnce_AreNamed) {
+  JsonWatch watch({"Lan"});
+  ASSERT_TRUE(watch.knows_authors());
+  Told told;
+  const int changes = times(200);
+  int lost = 0;
+  for (int n = 0; n < changes; ++n) {
+    const double next = now_ms() + 5;
+    const pid_t pid = started_writer({SC_TEST_WRITER, std::to_string(n % 6)});
+    const Object object = watch.object();
+    int status;
+    waitpid(pid, &status, 0);
+    ASSERT_EQ(status, 0);
+    if (writer_of(object.rest) != pid)
+      ++lost;
+    else
+      count(object, pid, &told);
+    while (now_ms() < next) pause_ms(1);
+  }
+  print("programs that end at once", told);
+  EXPECT_EQ(lost, 0);
+  EXPECT_EQ(told.wrong, 0);
+  EXPECT_GE(told.authors, told.changes * (changes > 1000 ? 99 : 50) / 100);
+  EXPECT_GE(told.named, told.changes * (changes > 1000 ? 99 : 50) / 100);
+}
+
+/* Six programs as fast as they can, and then with pauses. */
+TEST_F(TraceWatchAuthorsTest, OfSixProgramsAtATime_NoneIsTakenForAnother) {
+  const int changes = times(3000);
+  for (const int pause : {0, 30'000}) {
+    JsonWatch watch({"Lan"});
+    ASSERT_TRUE(watch.knows_authors());
+    fcntl(watch.pipe(), F_SETPIPE_SZ, 1 << 20);
+    std::vector<pid_t> writers;
+    const int each = pause == 0 ? changes / 6 : std::min(changes / 6, changes > 10'000 ? 2000 : 30);
+    for (int n = 0; n < 6; ++n) {
+      writers.push_back(started_writer(
+          {SC_TEST_WRITER, std::to_string(n), std::to_string(each), std::to_string(pause)}));
+      pause_ms(5);
+    }
+    Told told;
+    size_t ended = 0;
+    for (;;) {
+      const Object object = watch.object(ended < writers.size() ? 20 : 500);
+      if (object.rest == "nothing") {
+        if (ended == writers.size()) break;
+        while (ended < writers.size() && waitpid(writers[ended], nullptr, WNOHANG) > 0) ++ended;
+        continue;
+      }
+      ASSERT_EQ(object.rest.find("\"lost\""), std::string::npos) << object.rest;
+      count(object, writer_of(object.rest), &told);
+    }
+    print(pause == 0 ? "six programs, no pauses" : "six programs, 5 ms apart", told);
+    EXPECT_EQ(told.wrong, 0);
+    EXPECT_GT(told.changes, 20);
+    EXPECT_GE(told.authors, told.changes / 2);
+    if (pause != 0 && changes > 10'000) EXPECT_GE(told.authors, told.changes * 99 / 100);
+  }
+}
+
+/* Both had the file open for writing, and either may have changed the record. */
+TEST_F(TraceWatchAuthorsTest, TwoInOneWindow_AreBothListed_AReaderIsNot) {
+  JsonWatch watch({"Lan"});
+  kill(watch.program().pid(), SIGSTOP);
+  Child one([&] { rename("one"); });
+  one.wait();
+  Child saver([&] { capture([&] { SC_Save_System_Lan_Config2Flash(lan); }); });
+  saver.wait();
+  Child reader([] { close(open(kLanLock, O_RDONLY | O_CLOEXEC)); });
+  reader.wait();
+  kill(watch.program().pid(), SIGCONT);
+  const Object object = watch.object();
+  EXPECT_EQ(object.pids(), (std::set<int>{one.pid(), saver.pid()}));
+  EXPECT_EQ(object.number_behind("closes"), "2");
+  /* The next change has one author. */
+  Child two([&] { rename("two"); });
+  two.wait();
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{two.pid()}));
+}
+
+/* A program that has changed a record, and another's close lets it be seen before its own. */
+TEST_F(TraceWatchAuthorsTest, WhoHasTheFileStillOpen_IsListed) {
+  JsonWatch watch({"Lan"});
+  for (int round = 0; round < 3; ++round) {
+    int ready[2], go[2];
+    ASSERT_EQ(pipe(ready) | pipe(go), 0);
+    Child holder([&] {
+      /* Opened and closed before: both may be reported as one. */
+      close(open(kLanLock, O_RDWR | O_CLOEXEC));
+      const int file = open(kLanLock, O_RDWR | O_CLOEXEC);
+      lan->lan_binds[0].bind_flag += 1;
+      char byte = 0;
+      write(ready[1], &byte, 1);
+      read(go[0], &byte, 1);
+      close(file);
+    });
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    Object object = watch.object();
+    if (object.rest.find("\"flag\"") == std::string::npos) object = watch.object();
+    EXPECT_EQ(object.pids().count(holder.pid()), 1u) << object.rest << object.author;
+    Child other([&] {
+      lan->lan_binds[1].bind_flag += 1;
+      close(open(kLanLock, O_RDWR | O_CLOEXEC));
+    });
+    other.wait();
+    EXPECT_EQ(watch.object().pids(), (std::set<int>{holder.pid(), other.pid()}));
+    ASSERT_EQ(write(go[1], &byte, 1), 1);
+    holder.wait();
+    pause_ms(20);
+    for (const int end : {ready[0], ready[1], go[0], go[1]}) close(end);
+  }
+}
+
+/* The kernel names the process that closes it last; the other one opened it. */
+TEST_F(TraceWatchAuthorsTest, AnInheritedFile_ListsWhoOpenedItAndWhoClosedIt) {
+  JsonWatch watch({"Lan"});
+  const int file = open(kLanLock, O_RDWR | O_CLOEXEC);
+  Child child([&] {
+    pause_ms(50);
+    lan->lan_binds[0].bind_flag = 77;
+    close(file);
+  });
+  close(file);
+  child.wait();
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{child.pid(), getpid()}));
+  Child next([&] { rename("next"); });
+  next.wait();
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
+}
+
+TEST_F(TraceWatchAuthorsTest, AProgramOfAnInnerNamespace_IsNamedFromOutside_AndNobodyFromInside) {
+  JsonWatch watch({"Lan"});
+  const pid_t outer = fork();
+  if (outer == 0) {
+    if (unshare(CLONE_NEWPID) != 0) _exit(1);
+    const pid_t inner = fork();
+    if (inner == 0) {
+      rename("inner");
+      _exit(getpid() == 1 ? 0 : 1);
+    }
+    int status;
+    waitpid(inner, &status, 0);
+    std::ofstream("/var/inner") << inner << '\n';
+    _exit(status);
+  }
+  int status;
+  waitpid(outer, &status, 0);
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{atoi(read_file("/var/inner").c_str())}));
+
+  /* A watch in a namespace of its own, with its own /proc: processes outside have no number there. */
+  JsonWatch inside({"Lan"}, "set -- unshare --pid --fork --mount-proc \"$@\"; ");
+  ASSERT_TRUE(inside.knows_authors());
+  Child([&] { rename("outside"); }).wait();
+  const Object object = inside.object();
+  EXPECT_NE(object.rest.find("\"outside\""), std::string::npos) << object.rest;
+  EXPECT_EQ(object.author, "");
+  /* With the /proc of another namespace the numbers would name other processes. */
+  JsonWatch foreign({"Lan"}, "set -- unshare --pid --fork \"$@\"; ");
+  EXPECT_FALSE(foreign.knows_authors());
+}
+
+/* Another process gets the number of one that was an author. */
+TEST_F(TraceWatchAuthorsTest, AReusedNumber_TellsTheProgramThatHasItNow) {
+  const std::string script =
+      "echo 399 >/proc/sys/kernel/ns_last_pid; " SC_TEST_WRITER
+      " 0; sleep 0.1;"
+      "ln -s " SC_TEST_WRITER
+      " /var/second; echo 399 >/proc/sys/kernel/ns_last_pid; /var/second 1; sleep 0.1";
+  /* All in one namespace, with the watch. */
+  std::ofstream("/var/script") << "\"$@\" & watch=$!\nsleep 0.5\n" << script << "\nkill $watch\n";
+  JsonWatch watch({"Lan"}, "set -- unshare --pid --fork --mount-proc sh /var/script \"$@\"; ");
+  ASSERT_TRUE(watch.knows_authors());
+  EXPECT_EQ(watch.object().author, "{\"pid\":400,\"uid\":0,\"program\":\"writer\"}");
+  EXPECT_EQ(watch.object().author, "{\"pid\":400,\"uid\":0,\"program\":\"second\"}");
+}
+
+TEST_F(TraceWatchAuthorsTest, WithoutTheRight_NoAuthorIsTold_AndChangesAre) {
+  JsonWatch watch({"Lan"},
+                  "set -- setpriv --bounding-set -sys_admin --inh-caps -sys_admin \"$@\"; ");
+  EXPECT_FALSE(watch.knows_authors());
+  rename("two");
+  const Object object = watch.object();
+  EXPECT_EQ(object.rest, bind_line(1, "change", "\"name\":[\"n\",\"two\"]"));
+  EXPECT_EQ(object.author, "");
+}
+
+TEST_F(TraceWatchAuthorsTest, TheNoteOfAnEdit_IsToldWithIt) {
+  JsonWatch watch({"Lan"});
+  EXPECT_EQ(run(scctl({"set", "lan_binds/1", "name=x", "--note", "ticket \"12\""})).status, 0);
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"n\",\"x\"]",
+                                    "\"seen\":\"lock\",\"note\":\"ticket \\\"12\\\"\""));
+  rename("y");
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"x\",\"y\"]"));
+  /* Another program that writes what scctl has written is not scctl. */
+  Child([&] { rename("x"); }).wait();
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"y\",\"x\"]"));
+  EXPECT_NE(run(scctl({"log", "--json"})).out.find("\"note\": \"ticket \\\"12\\\"\""),
+            std::string::npos);
+}
+
+/* Neither the watch nor its child stops a writer, and the child goes with the watch. */
+TEST_F(TraceWatchAuthorsTest, StoppedItStopsNoWriter_KilledItLeavesNobody) {
+  JsonWatch watch({"Lan"});
+  const pid_t pid = watch.program().pid();
+  const std::string children =
+      read_file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
+  const pid_t child = atoi(children.c_str());
+  ASSERT_GT(child, 0);
+  kill(pid, SIGSTOP);
+  kill(child, SIGSTOP);
+  const double begun = now_ms();
+  for (int n = 0; n < 2000; ++n) rename("n" + std::to_string(n));
+  EXPECT_LT(now_ms() - begun, 4000);
+  kill(child, SIGCONT);
+  kill(pid, SIGCONT);
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"n\",\"n1999\"]",
+                                    "\"seen\":\"lock\",\"closes\":2000"));
+  kill(pid, SIGKILL);
+  for (int ms = 0; ms < kSoonMs && kill(child, 0) == 0; ++ms) pause_ms(1);
+  EXPECT_NE(kill(child, 0), 0);
+}
+
+}  // namespace
+}  // namespace sc_test
