@@ -9,6 +9,9 @@ const canEdit = root.dataset.mode === 'edit';
 const hasStream = root.dataset.stream === 'yes';
 const LOG_SIZE = 200;
 const SILENCE_MS = 2200; /* scpage sends at least every second */
+const PICTURE_MS = 70;
+const MARK_MS = 1000;
+const LONGEST_CELL = 60;
 const FIRST_BYTES = 2048; /* of a record that are shown */
 
 const state = {areas: [], tables: [], locks: [], diff: {}, try: null, link: {live: true}, stream: {}};
@@ -20,6 +23,7 @@ let log = [];
 let fresh = 0; /* entries of the log that are not shown yet */
 let dirty = new Set(); /* records of the table in view that are not shown yet */
 let isDue = false;
+const marked = new Map(); /* cells that were changed, oldest first, and when */
 let isPaused = false;
 
 const $ = (id) => document.getElementById(id);
@@ -48,6 +52,12 @@ function shown(value) {
       if (code >= 0xdc80 && code <= 0xdcff) return `\\x${(code & 255).toString(16)}`;
       return code < 256 ? `\\x${code.toString(16).padStart(2, '0')}` : `\\u${code.toString(16).padStart(4, '0')}`;
     });
+}
+
+/* As a cell of a table has it; the record's own view has all. */
+function short(value) {
+  const text = shown(value);
+  return text.length > LONGEST_CELL ? `${text.slice(0, LONGEST_CELL)}…` : text;
 }
 
 const typed = (value) => (Array.isArray(value) ? value.join(',') : String(value ?? ''));
@@ -200,17 +210,34 @@ function showLog() {
   while (list.childElementCount > LOG_SIZE) list.lastElementChild.remove();
 }
 
-/* All that came since the last picture is shown together. A tab in the background has no pictures. */
+/* All that came since the last picture is shown together: pictures cost more than changes do. */
 function schedule() {
   if (isDue) return;
   isDue = true;
-  (document.hidden ? (f) => setTimeout(f, 1000) : requestAnimationFrame)(() => {
+  setTimeout(() => {
     isDue = false;
     showLog();
     const records = dirty;
     dirty = new Set();
     if (view.showRecords && records.size) view.showRecords(records);
-  });
+    unmark();
+  }, document.hidden ? 1000 : PICTURE_MS);
+}
+
+/* A changed cell is marked for a second. */
+function markCell(cell) {
+  cell.classList.add('new');
+  marked.delete(cell);
+  marked.set(cell, performance.now());
+}
+
+function unmark() {
+  for (const [cell, since] of marked) {
+    if (performance.now() - since < MARK_MS) break;
+    cell.classList.remove('new');
+    marked.delete(cell);
+  }
+  if (marked.size) setTimeout(schedule, 200);
 }
 
 /* ---- areas ---- */
@@ -296,6 +323,7 @@ function showLeft() {
 function open(next) {
   view = next;
   dirty = new Set();
+  marked.clear();
   $('main').replaceChildren();
   mark();
 }
@@ -404,18 +432,12 @@ function tableView(table) {
     row.record = record;
     names.forEach((name, n) => {
       const cell = row.cells[n].firstChild;
-      const text = shown(record[name]);
+      const text = short(record[name]);
       if (cell.textContent === text) return;
       cell.textContent = text;
-      if (!isNew) flash(row.cells[n]);
+      if (!isNew) markCell(row.cells[n]);
     });
     choose(row);
-  }
-  /* A changed cell is marked for a second. */
-  function flash(cell) {
-    cell.classList.add('new');
-    clearTimeout(cell.timer);
-    cell.timer = setTimeout(() => cell.classList.remove('new'), 1000);
   }
   function drop(id) {
     rows.get(id)?.tr.remove();
