@@ -12,28 +12,31 @@ _scctl() {
     get) options+=' --json --commands --image --archive' ;;
     find) options+=' --json --commands --image --archive' ;;
     dump) options+=' --image --archive' ;;
-    add) options+=' --image --archive --in-place' ;;
-    set) options+=' --image --archive --in-place' ;;
-    del) options+=' --image --archive --in-place' ;;
-    clear) options+=' --image --archive --in-place' ;;
-    batch) options+=' --image --archive --in-place' ;;
+    add) options+=' --image --archive --in-place --note' ;;
+    set) options+=' --image --archive --in-place --note' ;;
+    del) options+=' --image --archive --in-place --note' ;;
+    clear) options+=' --image --archive --in-place --note' ;;
+    bind) options+=' --note' ;;
+    unbind) options+=' --note' ;;
+    batch) options+=' --image --archive --in-place --note' ;;
     init) options+=' --all' ;;
     save) options+=' --all' ;;
     restore) options+=' --all' ;;
     remove) options+=' --all' ;;
     notify) options+=' --all' ;;
     export) options+=' --image --archive' ;;
-    import) options+=' --dry-run --image --archive --in-place' ;;
+    import) options+=' --dry-run --image --archive --in-place --note' ;;
     checkpoint) options+=' --delete' ;;
     checkpoints) options+=' --json' ;;
-    rollback) options+=' --dry-run --timeout' ;;
+    rollback) options+=' --dry-run --timeout --note' ;;
     check) options+=' --image --archive' ;;
-    repair) options+=' --all --dry-run --image --archive --in-place' ;;
+    repair) options+=' --all --dry-run --image --archive --in-place --note' ;;
     locks) options+=' --json' ;;
-    watch) options+=' --exec --count' ;;
+    watch) options+=' --json --exec --count --journal' ;;
     try) options+=' --json --timeout --status' ;;
     confirm) options+=' --only-mine' ;;
-    log) options+=' --json' ;;
+    log) options+=' --json --all' ;;
+    undo) options+=' --note --entry' ;;
   esac
   case ${COMP_WORDS[2]%%/*} in
     lan_settings) fields='settings' ;;
@@ -64,7 +67,7 @@ _scctl() {
   if [[ $COMP_CWORD == 1 ]]; then
     words="$commands --help --version"
   elif [[ $before == = || $word == = ||
-    $before =~ ^--(image|archive|exec|count|timeout)$ ]]; then
+    $before =~ ^--(image|archive|exec|count|timeout|note|entry)$ ]]; then
     return
   elif [[ $word == -* ]]; then
     words=$options

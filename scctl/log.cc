@@ -88,14 +88,14 @@ class Entry {
   void add(const Step& step) {
     if (is_closed_) return;
     Text chunk;
-    pack_step(step, 0, &chunk);
+    pack_step(step, 0, &chunk, program_);
     add(chunk);
   }
 
   void set_not_undoable() {
     if (is_closed_) return;
     Text chunk;
-    pack(ChunkKind::kNotUndoable, 0, nullptr, 0, &chunk);
+    pack(ChunkKind::kNotUndoable, 0, nullptr, 0, &chunk, program_);
     add(chunk);
     is_closed_ = true;
   }
@@ -128,16 +128,11 @@ class Entry {
     if (!is_known && !read_log(file, &log)) return false;
     Chunk head;
     memcpy(&head, chunk.data(), sizeof head);
-    if (number_ == 0 && program_ != 0 && join(log, head, chunk)) return true;
+    if (number_ == 0 && program_ != 0 && join(log, chunk)) return true;
     if (number_ == 0) begin(&fresh);
     head.entry = number_;
     memcpy(chunk.data(), &head, sizeof head);
     fresh.add(chunk.c_str(), chunk.size());
-    for (size_t at = 0; at < fresh.size(); at += head.size) {
-      memcpy(&head, fresh.data() + at, sizeof head);
-      head.program = program_;
-      memcpy(fresh.data() + at, &head, sizeof head);
-    }
     const size_t size = is_known ? static_cast<size_t>(end_) : log.size();
     const size_t most = is_shared_ ? kMostLog / 2 : kMostLog;
     const bool has_room =
@@ -165,7 +160,8 @@ class Entry {
 
   /* Adds the chunk to an entry about the same record and program that has just begun. A chunk that
    * is as long as the one there replaces it. */
-  bool join(const Text& log, Chunk head, Text& chunk) {
+  bool join(const Text& log, const Text& chunk) {
+    const Chunk& head = *chunk_at(chunk, 0);
     uint32_t recent = 0;
     size_t at = 0;
     for (const Chunk* known; (known = chunk_at(log, at)) != nullptr; at += known->size) {
@@ -181,14 +177,11 @@ class Entry {
       }
       Changes changes;
       changes.add(*known);
-      changes.add(*reinterpret_cast<const Chunk*>(chunk.c_str()));
+      changes.add(head);
       Text merged;
-      pack_step(changes.first()->step(), recent, &merged);
+      pack_step(changes.first()->step(), recent, &merged, program_);
       number_ = recent;
       if (merged.size() != known->size) return false;
-      memcpy(&head, merged.data(), sizeof head);
-      head.program = program_;
-      memcpy(merged.data(), &head, sizeof head);
       const Descriptor in_place(open_state_file(kLog, O_WRONLY));
       return pwrite(in_place.number, merged.c_str(), merged.size(), static_cast<off_t>(at)) ==
              static_cast<ssize_t>(merged.size());
@@ -203,7 +196,7 @@ class Entry {
     payload.add(words_, strlen(words_) + 1);
     payload.add(note_, strlen(note_) + 1);
     pack(program_ != 0 ? ChunkKind::kSeen : ChunkKind::kBegin, number_, payload.c_str(),
-         payload.size(), to);
+         payload.size(), to, program_);
   }
 
   /* Writes the log anew with this chunk and without what has no room. */
@@ -214,7 +207,7 @@ class Entry {
     const bool fits = size_of_entry(log, number_) <= most;
     if (!fits) {
       remove_entry(&log, number_, begins_entry);
-      pack(ChunkKind::kNotUndoable, number_, nullptr, 0, &log);
+      pack(ChunkKind::kNotUndoable, number_, nullptr, 0, &log, program_);
     }
     make_room(&log, most);
     end_ = static_cast<off_t>(log.size());

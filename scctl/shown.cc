@@ -111,8 +111,7 @@ void Shown::begin(const Table& table, bool whole, const Pages& pages) {
 void Shown::begin(const Table& table) {
   table_ = &table;
   size_ = 0;
-  for (const Field& field : table) size_ += is_named(field) ? field.size : 0;
-  if (whole_) size_ = table.stride;
+  for (const Field& field : table) size_ += is_kept(field) ? field.size : 0;
   Buffer(table.capacity * size_).swap(kept_);
   Buffer(table.capacity * sizeof(Mark)).swap(marks_);
   g_room.fit(table.stride);
@@ -127,7 +126,7 @@ uint32_t Shown::pack(const uint8_t* record, uint8_t* to) const {
   uint32_t sum = 0;
   for (const Field& field : *table_) {
     const uint8_t* bytes = record + field.record_at;
-    if (!is_named(field)) {
+    if (!is_kept(field)) {
       sum = add_to_sum(sum, bytes, field.size);
       continue;
     }
@@ -139,57 +138,41 @@ uint32_t Shown::pack(const uint8_t* record, uint8_t* to) const {
 
 void Shown::unpack(uint32_t position, uint8_t* record) const {
   const uint8_t* from = at(position);
-  if (whole_) {
-    memcpy(record, from, size_);
-    return;
-  }
-  memset(record, 0, table_->stride);
   for (const Field& field : *table_) {
-    if (!is_named(field)) continue;
+    if (!is_kept(field)) continue;
     memcpy(record + field.record_at, from, field.size);
     from += field.size;
   }
 }
 
 void Shown::keep(uint32_t position, const uint8_t* record, bool used) {
-  marks()[position].state = used;
-  if (whole_)
-    memcpy(at(position), record, size_);
-  else
-    marks()[position].sum = pack(record, at(position));
+  marks()[position] = {pack(record, at(position)), used};
 }
 
-bool Shown::is_kept(uint32_t position, const uint8_t* record) const {
-  if (whole_) return memcmp(at(position), record, size_) == 0;
+bool Shown::is_same(uint32_t position, const uint8_t* record) const {
   uint8_t* packed = g_room.kept.data();
   return marks()[position].sum == pack(record, packed) && memcmp(at(position), packed, size_) == 0;
 }
 
 /* Deleted records of lists keep their bytes. Those of the access points' tables are zeros. */
 bool Shown::is_as_shown(uint32_t position, const uint8_t* seen) {
-  if (is_used(position)) return is_kept(position, seen);
+  if (is_used(position)) return is_same(position, seen);
   if (leaves_bytes()) keep(position, seen, false);
   return true;
 }
 
-uint32_t Shown::differing(const Pages& pages) {
+uint32_t Shown::look(const Look& look) {
   uint32_t count = 0;
-  for (uint32_t position = 0; position < table_->capacity; ++position) {
-    const uint8_t* seen = see(pages, position);
-    const bool used = store::is_used(*table_, seen);
-    count += used != is_used(position) || (used && !is_kept(position, seen));
-  }
-  return count;
-}
-
-bool Shown::look(const Look& look) {
-  bool any = false;
   const auto now = static_cast<uint32_t>(look.now) << 1;
   for (uint32_t position = 0; position < table_->capacity; ++position) {
     const uint8_t* seen = see(look.pages, position);
     uint32_t& state = marks()[position].state;
     if (is_used(position) == store::is_used(*table_, seen) && is_as_shown(position, seen)) {
       state &= 1;
+      continue;
+    }
+    if (look.teller == nullptr) {
+      ++count;
       continue;
     }
     const int32_t byte = table_->lock_at < 0 ? named_lock(*table_, look.pages.block(), position)
@@ -202,29 +185,23 @@ bool Shown::look(const Look& look) {
       look.area->look_at(look.now + (age < 1 ? 1 : age < kLongestStepMs ? age : kLongestStepMs));
       continue;
     }
-    const uint8_t* copy = g_room.copy.data();
-    const bool used = store::is_used(*table_, copy);
-    any |= tell(look, position, used);
-    keep(position, copy, used);
+    const bool used = store::is_used(*table_, g_room.copy.data());
+    count += tell(*look.teller, position, used);
+    keep(position, g_room.copy.data(), used);
   }
-  return any;
+  return count;
 }
 
-bool Shown::tell(const Look& look, uint32_t position, bool used) {
-  if (look.teller == nullptr) return true;
+bool Shown::tell(Teller& teller, uint32_t position, bool used) const {
   const bool was = is_used(position);
-  const Buffer zeros(whole_ ? 0 : table_->stride);
-  Buffer before(table_->stride);
+  uint8_t* packed = g_room.kept.data();
+  Buffer before(table_->stride); /* zeros now */
+  const uint32_t none = pack(before.data(), packed);
+  const uint32_t is = used ? pack(g_room.copy.data(), packed) : none;
   unpack(position, before.data());
-  bool is_unnamed = false;
-  if (!whole_) {
-    uint8_t* packed = g_room.kept.data();
-    const uint32_t none = pack(zeros.data(), packed);
-    const uint32_t is = used ? pack(g_room.copy.data(), packed) : none;
-    is_unnamed = is != (was ? marks()[position].sum : none);
-  }
-  return look.teller->tell({*table_, position, was ? before.data() : nullptr,
-                            used ? g_room.copy.data() : nullptr, is_unnamed});
+  return teller.tell({*table_, position, was ? before.data() : nullptr,
+                      used ? g_room.copy.data() : nullptr,
+                      is != (was ? marks()[position].sum : none)});
 }
 
 /* A writer holds the byte. So the copy is complete if the byte was not held after it and the record
@@ -244,9 +221,7 @@ bool Shown::copy_whole(const Look& look, uint32_t position, int32_t byte) {
 int64_t Shown::claim_patience(uint32_t position) const {
   const uint8_t* copy = g_room.copy.data();
   if (is_used(position) || !store::is_used(*table_, copy)) return 0;
-  const bool is_left =
-      whole_ ? has_equal_fields(*table_, at(position), copy) : is_kept(position, copy);
-  if (!is_left) return 0;
+  if (!is_same(position, copy)) return 0;
   for (const Field& field : *table_) {
     if (size_without_trailing_zeros(field, copy) != 0) return kRefillMs;
   }

@@ -92,21 +92,19 @@ struct Look {
   Holders& holders;
   int64_t now;
   Watched* area;
-  Teller* teller; /* null: the present is kept, and nobody is told */
+  Teller* teller; /* null: differences are counted, complete or not, and nothing is kept */
 };
 
 /* The records of one table. For a free record, this is what it contained when it was freed. */
 class Shown {
  public:
-  /* Keeps whole records, or named fields and a sum of the other bytes. */
+  /* Keeps all fields, or those that are named and a sum of the others' bytes. */
   void begin(const Table& table, bool whole, const Pages& pages);
   /* The same for an area that does not exist. */
   void begin(const Table& table);
-  /* Tells of differences of complete records; true when there are any. Incomplete records are
-   * looked at again later. */
-  bool look(const Look& look);
-  /* How many records differ, complete or not. */
-  uint32_t differing(const Pages& pages);
+  /* Tells of differences of complete records, and counts them. Incomplete records are looked at
+   * again later. */
+  uint32_t look(const Look& look);
   bool is_used(uint32_t position) const { return (marks()[position].state & 1) != 0; }
   /* Puts what is kept of a record to its places. */
   void unpack(uint32_t position, uint8_t* record) const;
@@ -114,7 +112,7 @@ class Shown {
 
  private:
   struct Mark {
-    uint32_t sum;   /* of the bytes of fields that are not named */
+    uint32_t sum;   /* of the bytes of fields that are not kept */
     uint32_t state; /* bit 0: it was used; the rest: when it was first seen incomplete, or 0 */
   };
 
@@ -123,14 +121,15 @@ class Shown {
   const uint8_t* see(const Pages& pages, uint32_t position) const;
   uint8_t* at(uint32_t position) { return kept_.data() + position * size_; }
   const uint8_t* at(uint32_t position) const { return kept_.data() + position * size_; }
+  bool is_kept(const Field& field) const { return whole_ || is_named(field); }
   uint32_t pack(const uint8_t* record, uint8_t* to) const;
   void keep(uint32_t position, const uint8_t* record, bool used);
-  bool is_kept(uint32_t position, const uint8_t* record) const;
+  bool is_same(uint32_t position, const uint8_t* record) const;
   bool leaves_bytes() const { return table_->free != 0; }
   bool is_as_shown(uint32_t position, const uint8_t* seen);
   bool copy_whole(const Look& look, uint32_t position, int32_t byte);
   int64_t claim_patience(uint32_t position) const;
-  bool tell(const Look& look, uint32_t position, bool used);
+  bool tell(Teller& teller, uint32_t position, bool used) const;
 
   const Table* table_ = nullptr;
   bool whole_ = false;

@@ -200,27 +200,14 @@ struct Clock {
   }
 };
 
-/* Prints differences as text. */
-class Printer final : public Teller {
- public:
-  bool tell(const Seen& seen) override {
-    return print_changes(clock_.text, seen.table, seen.position + 1, seen.was, seen.is);
-  }
-  const char* prefix() const { return clock_.text; }
-
- private:
-  const Clock clock_;
-};
-
-class Watch {
+class Watch final : private Teller {
  public:
   Watch(Source& source, bool streaming, bool journaling)
       : source_(source),
         events_(streaming || journaling),
         streaming_(streaming || journaling),
         printing_(streaming),
-        journaling_(journaling),
-        objects_(this) {}
+        journaling_(journaling) {}
 
   /* Reads the present contents, without printing them. */
   void begin(const bool* chosen) {
@@ -258,14 +245,15 @@ class Watch {
       slow_ = now + kPauseMs;
       for (Watched& area : areas_) area.look_at(now);
     }
-    Printer printer;
+    const Clock clock;
+    clock_ = clock.text;
     for (int n = 0; n < kAreaCount; ++n) {
       Watched& area = areas_[n];
       changed[n] = false;
       if (!area.chosen || area.due > now || most == 0) continue;
       area.due = kNever;
       authors_.begin_look();
-      changed[n] = look_at(static_cast<AreaId>(n), printer, now);
+      changed[n] = look_at(static_cast<AreaId>(n), now);
       most -= changed[n];
       if (area.due != kNever) continue;
       authors_.end_look(static_cast<AreaId>(n));
@@ -290,19 +278,6 @@ class Watch {
   }
 
  private:
-  /* Prints a difference as an object of the stream. */
-  class Objects final : public Teller {
-   public:
-    explicit Objects(Watch* watch) : watch_(*watch) {}
-    bool tell(const Seen& seen) override {
-      watch_.tell(seen);
-      return true;
-    }
-
-   private:
-    Watch& watch_;
-  };
-
   /* Keeps the present contents of an area. */
   void begin(AreaId id) {
     const uint8_t* block = areas_[id].segment < 0 ? nullptr : source_.block(id);
@@ -316,7 +291,7 @@ class Watch {
     }
   }
 
-  bool look_at(AreaId id, Printer& printer, int64_t now) {
+  bool look_at(AreaId id, int64_t now) {
     Watched& area = areas_[id];
     const auto& facts = kAreas[id].row();
     bool any = false;
@@ -324,7 +299,7 @@ class Watch {
       Source::forget_live(id);
       any = true;
       area.segment = segment;
-      tell_segment(id, printer.prefix());
+      tell_segment(id);
     }
     const uint8_t* block = area.segment < 0 ? nullptr : source_.block(id);
     if (block == nullptr) return any;
@@ -339,42 +314,33 @@ class Watch {
       }
     }
     const Pages pages(block, facts.size);
-    if (streaming_ && is_load(id, pages)) {
+    Holders holders(kAreas[id]);
+    const auto look = [&](Teller* teller) {
+      uint32_t count = 0;
+      for (int n = 0; n < kTableCount; ++n) {
+        if (kTables[n].area == id) count += shown_[n].look({pages, holders, now, &area, teller});
+      }
+      return count;
+    };
+    /* Whether Init or Read has written the area. Read opens no lock file. So with one record more
+     * than closes of the lock file differing, they were not all changed by edits. */
+    if (streaming_ && (area.is_made || area.is_loaded) &&
+        look(nullptr) > (area.is_made ? 0 : area.closes)) {
       tell(id, "load", area.is_made ? "lock" : "image");
       begin(id);
       return true;
     }
-    Holders holders(kAreas[id]);
-    Teller* teller = &printer;
-    if (streaming_) teller = &objects_;
-    for (int n = 0; n < kTableCount; ++n) {
-      if (kTables[n].area == id) {
-        any |= shown_[n].look({pages, holders, now, &area, teller});
-      }
-    }
-    return any;
+    return look(this) != 0 || any;
   }
 
-  void tell_segment(AreaId id, const char* prefix) {
+  void tell_segment(AreaId id) {
     const bool removed = areas_[id].segment < 0;
     if (!streaming_) {
-      printf("%s%s: %s\n", prefix, kAreas[id].name, removed ? "removed" : "made anew");
+      printf("%s%s: %s\n", clock_, kAreas[id].name, removed ? "removed" : "made anew");
       return;
     }
     tell(id, removed ? "delete" : "load", "look");
     begin(id);
-  }
-
-  /* Whether Init or Read has written the area. Read opens no lock file. So with one record more than
-   * closes of the lock file differing, they were not all changed by edits. */
-  bool is_load(AreaId id, const Pages& pages) {
-    const Watched& area = areas_[id];
-    if (!area.is_made && !area.is_loaded) return false;
-    uint32_t differing = 0;
-    for (int n = 0; n < kTableCount; ++n) {
-      if (kTables[n].area == id) differing += shown_[n].differing(pages);
-    }
-    return differing > (area.is_made ? 0 : area.closes);
   }
 
   /* All of an area is another. */
@@ -386,7 +352,10 @@ class Watch {
     log_seen({time(nullptr), boot_ms(), kNobody, 0}, words.c_str(), nullptr);
   }
 
-  void tell(const Seen& seen) {
+  bool tell(const Seen& seen) override {
+    if (!streaming_) {
+      return print_changes(clock_, seen.table, seen.position + 1, seen.was, seen.is);
+    }
     const Watched& area = areas_[seen.table.area];
     authors_.find(seen.table.area);
     uint32_t pid = 0;
@@ -419,6 +388,7 @@ class Watch {
     if (printing_) stream_.tell_record(seen, rest.c_str());
     if (words.size() == 0) words.add("unknown");
     if (journaling_ && !is_own) log_seen(first, words.c_str(), &seen);
+    return true;
   }
 
   /* Sends the next record of the present state. */
@@ -445,7 +415,7 @@ class Watch {
   const bool streaming_; /* named fields are kept, and authors are asked for */
   const bool printing_;
   const bool journaling_;
-  Objects objects_;
+  const char* clock_ = nullptr; /* of the look, in front of a line of text */
   ChangeStream stream_;
   /* What of the present state is sent next, after a loss. */
   struct {

@@ -37,11 +37,13 @@ Run next_run(const uint8_t* mask, uint32_t at, uint32_t end) {
   return {begin, static_cast<uint32_t>(to - mask) - begin};
 }
 
-void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to) {
+void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to,
+          uint16_t program) {
   const size_t start = to->size();
   Chunk chunk = {};
   chunk.kind = kind;
   chunk.entry = entry;
+  chunk.program = program;
   add_bytes(&chunk, sizeof chunk, to);
   add_bytes(payload, size, to);
   end_chunk(chunk, start, to);
@@ -61,7 +63,7 @@ void mark_contents(const Table& table, const uint8_t* before, const uint8_t* aft
 
 }  // namespace
 
-void pack_step(const Step& step, uint32_t entry, Text* to) {
+void pack_step(const Step& step, uint32_t entry, Text* to, uint16_t program) {
   const Table& table = step.table;
   const Buffer zeros(table.stride);
   const uint8_t* before = step.before != nullptr ? step.before : zeros.data();
@@ -73,6 +75,7 @@ void pack_step(const Step& step, uint32_t entry, Text* to) {
   chunk.kind = ChunkKind::kStep;
   chunk.table = static_cast<uint8_t>(&table - kTables);
   chunk.entry = entry;
+  chunk.program = program;
   chunk.position = step.position;
   chunk.was_used = step.was_used;
   chunk.is_used = step.is_used;

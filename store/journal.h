@@ -54,8 +54,9 @@ struct Chunk {
 static_assert(sizeof(Chunk) == 20);
 
 /* Makes the chunk of a step. */
-void pack_step(const Step& step, uint32_t entry, Text* to);
-void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to);
+void pack_step(const Step& step, uint32_t entry, Text* to, uint16_t program = 0);
+void pack(ChunkKind kind, uint32_t entry, const void* payload, size_t size, Text* to,
+          uint16_t program = 0);
 
 /* The chunk at an offset of a journal's bytes; null at their end, and where a chunk is cut off. */
 const Chunk* chunk_at(const Text& bytes, size_t at);

@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <optional>
 #include <regex>
 #include <string>
@@ -40,10 +41,26 @@ inline constexpr char kLanLock[] = "/var/lock_store/lan_conf_lock";
 inline constexpr int kSoonMs = 4000;
 /* The look at everything, and a record that is waited for. */
 inline constexpr int kSlowMs = 5000 + 1000 + 2000;
+
+/* From the end of a change to its line. */
+#ifdef __mips__
+inline constexpr double kAtOnceMs = 100;
+#else
+inline constexpr double kAtOnceMs = 20;
+#endif
+
 inline double now_ms() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+}
+
+/* How long a process could run and had no CPU, as others had them; 0 where the kernel does not tell. */
+inline double queued_ms(pid_t pid) {
+  std::ifstream schedstat("/proc/" + std::to_string(pid) + "/schedstat");
+  double run = 0, queued = 0;
+  schedstat >> run >> queued;
+  return queued / 1e6;
 }
 
 inline void pause_ms(int ms) { poll(nullptr, 0, ms); }

@@ -9,12 +9,6 @@
 namespace sc_test {
 namespace {
 
-#ifdef __mips__
-constexpr double kAtOnceMs = 100;
-#else
-constexpr double kAtOnceMs = 20;
-#endif
-
 /* ---- changes by the library ---- */
 
 TEST_F(WatchTest, AddModifyDelete_AreShownByFieldsEachOnce) {
@@ -247,14 +241,6 @@ TEST_F(WatchTest, WhoMakesAnotherArea_DelaysNothing) {
 }
 
 /* ---- how soon ---- */
-
-/* How long a process could run and had no CPU, as others had them; 0 where the kernel does not tell. */
-double queued_ms(pid_t pid) {
-  std::ifstream schedstat("/proc/" + std::to_string(pid) + "/schedstat");
-  double run = 0, queued = 0;
-  schedstat >> run >> queued;
-  return queued / 1e6;
-}
 
 TEST_F(WatchTest, AChange_IsShownAtOnceBesideADaemon) {
   add(1, "n");
