@@ -58,7 +58,7 @@ class InBrowser(unittest.TestCase):
 
     def settle(self, tab):
         """Waits until what is in view is read."""
-        tab.wait("!view.load || (!view.late && view.filled)")
+        tab.wait("view.kind && state.tables.length && (!view.load || (!view.late && view.filled))")
 
     def go(self, tab, view):
         tab.run("location.hash = %s" % json.dumps(view))
@@ -146,8 +146,7 @@ class Shown(InBrowser):
         for tab in tabs:
             tab.call("Page.bringToFront")
             tab.wait("document.querySelector('main tbody').innerText.includes('for all')", 3)
-        self.assertEqual(len([pid for pid in world.children_of(page.child.pid)
-                              if "watch" in world.words_of(pid)]), 1)
+        self.assertEqual(len(world.watchers(page)), 1)
 
 
 class Hostile(InBrowser):

@@ -13,14 +13,10 @@ import unittest
 
 import world
 from stream import Stream
-from world import Page, children_of, fresh_areas, scctl, wait_for, words_of
+from world import Page, children_of, fresh_areas, scctl, wait_for, watchers, words_of
 
 HOSTILE = "<img src=x onerror=alert(1)>'\"&amp; \u202ertl"
 AREAS = [row["area"] for row in json.loads(scctl("areas", "--json"))]
-
-
-def watchers(page):
-    return [pid for pid in children_of(page.child.pid) if words_of(pid)[1:3] == ["watch", "--json"]]
 
 
 class FirstAnswer(unittest.TestCase):

@@ -40,8 +40,8 @@ def fresh_areas():
     scctl("init", "--all")
 
 
-def children_of(pid):
-    """The processes below a process."""
+def children_of(pid, most=8):
+    """The processes below a process, so many generations."""
     parents = {}
     for folder in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -50,9 +50,10 @@ def children_of(pid):
             continue
         if fields[0] != "Z":
             parents.setdefault(int(fields[1]), []).append(int(folder.name))
-    found = list(parents.get(pid, []))
-    for child in found:
-        found += parents.get(child, [])
+    found, generation = [], [pid]
+    for _ in range(most):
+        generation = [child for parent in generation for child in parents.get(parent, [])]
+        found += generation
     return found
 
 
@@ -61,6 +62,11 @@ def words_of(pid):
         return pathlib.Path("/proc/%d/cmdline" % pid).read_bytes().decode().split("\0")[:-1]
     except OSError:
         return []
+
+
+def watchers(page):
+    """The watchers that scpage has started; each may have processes of its own."""
+    return [pid for pid in children_of(page.child.pid, 1) if words_of(pid)[1:3] == ["watch", "--json"]]
 
 
 def wait_for(condition, what, seconds=10):
