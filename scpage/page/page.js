@@ -553,10 +553,10 @@ function recordView(table, id) {
       const first = Math.max(0, Math.min(Math.ceil(used), left));
       left -= first;
       const rest = used > first ? ` … ${used - first} more` : '';
-      const zeros = part.size > used ? ` ${part.size - Math.ceil(used)} × 00` : '';
+      const zeros = part.size - Math.ceil(used);
       return el('div', {className: `part ${part.field ? `t${order.get(part.field)}` : ''}`, 'data-field': part.field || ''},
         el('b', {textContent: `${part.at} ${part.field || part.name} `}),
-        el('code', {textContent: (hex.slice(0, first * 2).match(/../g) || []).join(' ') + rest + zeros}));
+        el('code', {textContent: (hex.slice(0, first * 2).match(/../g) || []).join(' ') + rest + (zeros && used ? ' + ' : '') + (zeros ? `${zeros} × 00` : '')}));
     });
     const text = made.map((one) => one.textContent).join();
     if (text !== bytes.lastText) bytes.replaceChildren(...made);

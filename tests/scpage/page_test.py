@@ -123,7 +123,7 @@ class Shown(InBrowser):
         tab = self.open(page, "#/r/lan_binds/1")
         part = "document.querySelector('.part[data-field=%s]')"
         self.assertEqual(tab.run(part % "ip" + ".innerText"), "36 ip c0 a8 01 14")
-        self.assertEqual(tab.run(part % "name" + ".innerText"), "48 name 70 72 69 6e 74 65 72 193 × 00")
+        self.assertEqual(tab.run(part % "name" + ".innerText"), "48 name 70 72 69 6e 74 65 72 + 193 × 00")
         colour = "getComputedStyle(%s).backgroundColor"
         self.assertEqual(tab.run(colour % (part % "ip")),
                          tab.run(colour % "document.querySelector('tr[data-field=ip] th')"))

@@ -340,6 +340,15 @@ class Sources(unittest.TestCase):
         self.assertEqual((ended.returncode, ended.stdout, ended.stderr), (3, b"", b"scpage: SCCTL=/none is no program\n"))
 
 
+class Manual(unittest.TestCase):
+    def test_the_page_has_each_option_of_the_help(self):
+        told = subprocess.run([world.SCPAGE, "--help"], stdout=subprocess.PIPE, text=True, check=True).stdout
+        options = set(re.findall(r"^  (--\w+)", told, re.M))
+        page = (world.ROOT / "docs/man/scpage.1").read_text().replace("\\-", "-")
+        self.assertEqual(options, set(re.findall(r"^\.BI? (--\w+)", page, re.M)))
+        self.assertEqual(len(options), 5)
+
+
 class Life(unittest.TestCase):
     def test_it_ends_with_all_children_on_each_signal(self):
         fresh_areas()

@@ -61,7 +61,8 @@ SLOW_CHECKS = {
     "small": tests.check_small,
     "demo": tests.check_demo,
 }
-ROUTER_CHECKS = {
+TIMED_CHECKS = {
+    "page": tests.check_page,
     "device": tests.check_device,
     "costs": tests.check_costs,
 }
@@ -121,7 +122,7 @@ def run_all(quick):
                  Lane([*suites(SOURCE_CHECKS), built["host"].wait,
                        partial(run, "analysis", analysis, True), *suites(CHECKS)], True)]
     else:
-        lanes = [Lane([*first, test_box, *suites(ROUTER_CHECKS)], False),
+        lanes = [Lane([*first, test_box, *suites(TIMED_CHECKS)], False),
                  Lane([partial(run, "fetch-musl", fetch_musl),
                        *(partial(build, target) for target in targets if target != "host"),
                        built["host"].wait, *suites(SOURCE_CHECKS), partial(run, "analysis", analysis),
@@ -137,7 +138,7 @@ def main(words):
     started = time.monotonic()
     LOGS.mkdir(parents=True, exist_ok=True)
     checks = {**SOURCE_CHECKS, "analysis": sources.check_analysis, **CHECKS, **SLOW_CHECKS,
-              **ROUTER_CHECKS}
+              **TIMED_CHECKS}
     if words[:1] == ["--only"]:
         run(words[1], checks[words[1]])
     else:
