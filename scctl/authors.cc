@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/fanotify.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "core/registry.h"
@@ -143,8 +144,9 @@ int area_of_lock(const char* name) {
 }
 
 void Authors::run_child(int events, int in, int out) {
-  const sched_param priority = {.sched_priority = 1};
-  sched_setscheduler(0, SCHED_FIFO, &priority);
+  sched_param priority = {};
+  priority.sched_priority = 1;
+  syscall(SYS_sched_setscheduler, 0, SCHED_FIFO, &priority); /* musl has no function for it */
   const pid_t watch = getppid(); /* it opens lock files, to ask who holds a record */
   for (;;) {
     pollfd ready[] = {{events, POLLIN, 0}, {in, POLLIN, 0}};
