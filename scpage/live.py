@@ -248,6 +248,8 @@ class Hub:
             change = json.loads(line)
         except ValueError:
             return  # a line that its end has cut
+        if change.get("seen") == "anew":
+            return  # the state after a loss, which each tab reads for itself
         with self._lock:
             self._recent.append(change)
             for tab in self._tabs:

@@ -176,6 +176,8 @@ function entry(change) {
     return change.what === 'change' ? `${name} ${was || '(empty)'} → ${is || '(empty)'}` :
       `${name}=${change.what === 'delete' ? was : is}`;
   });
+  if (change.unnamed) parts.push('bytes without a name');
+  if (change.closes) parts.push('values between are not known');
   const said = change.what === 'lost' ? `${change.count ?? 'some'} changes were not seen; read anew` :
     `${change.what === 'change' ? '' : `${change.what} `}${parts.join(', ')}`;
   return {time: new Date(change.time), place, table: change.table, id: change.id, said,
@@ -360,7 +362,7 @@ async function refresh() {
     if (mine === view && mine.filled) late.forEach((change) => mine.apply(change));
     if (mine.again) {
       mine.again = false;
-      setTimeout(() => mine === view && refresh(), 100);
+      setTimeout(() => mine === view && refresh(), 200);
     }
   }
 }
@@ -472,7 +474,8 @@ function tableView(table) {
       coming.set(change.id, change.what === 'delete' ? null : record);
       dirty.add(change.id);
       schedule();
-      if (change.what === 'add') refresh(); /* fields that are zero are not in the line */
+      /* Fields that are zero, and bytes without a name, are not in the line. */
+      if (change.what === 'add' || change.unnamed) refresh();
     },
     showRecords(ids) {
       for (const id of ids) {

@@ -5,6 +5,7 @@ import http.server
 import json
 import os
 import signal
+import subprocess
 import threading
 import time
 import unittest
@@ -101,6 +102,24 @@ class Shown(InBrowser):
         with open("/var/dataconfig/config_lan.bin", "r+b") as archive:
             archive.truncate(100)
         tab.wait(text + ".includes('archive: bad')", 15)
+
+    def test_what_differs_from_factory_is_what_scctl_says(self):
+        ended = subprocess.run([world.SCCTL, "diff", "factory", "live"], stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, text=True)
+        told = ended.stdout.splitlines()[0] if ended.stdout else ended.stderr.strip().removeprefix("scctl: ")
+        tab = self.open(self.start())
+        tab.wait("document.querySelector('[data-part=factory]').innerText.includes(%s)" % json.dumps(told))
+
+    def test_changes_that_the_stream_has_lost_are_read(self):
+        tab = self.open(self.start(), "#/t/lan_binds")
+        # The stream is held back; what it says afterwards is that something was lost.
+        tab.run("window.passOn = follow, follow = () => {}, 0")
+        scctl("set", "lan_binds/2", "name=not in the stream")
+        time.sleep(0.5)
+        self.assertNotIn("not in", tab.run("document.getElementById('main').innerText"))
+        tab.run("passOn({what: 'lost', count: 1, time: new Date().toISOString()})")
+        tab.wait("document.getElementById('main').innerText.includes('not in the stream')")
+        tab.wait("document.getElementById('stream').innerText.includes('1 changes were not seen')")
 
     def test_search_and_filter_leave_what_has_the_text(self):
         page = self.start()

@@ -91,6 +91,26 @@ class Queues(unittest.TestCase):
         self.assertIsNone(tab.take())
 
 
+class Streams(unittest.TestCase):
+    def test_the_state_after_a_loss_is_not_passed_on(self):
+        hub = live.Hub(None)
+        tab = hub.open_tab()
+        for line in (b'{"what":"lost","count":7,"seen":"reader"}', b'{"what":"load","area":"Lan","seen":"anew"}',
+                     b'{"what":"add","seen":"anew"}', b'{"what":"cha', b'{"what":"change","seen":"lock"}'):
+            hub._take(line)
+        self.assertEqual([change["what"] for change in tab.take()["changes"]], ["lost", "change"])
+
+    def test_a_new_tab_gets_the_last_changes_and_the_latest_states(self):
+        hub = live.Hub(None)
+        for number in range(live.RECENT + 5):
+            hub._take(b'{"seq":%d}' % number)
+        hub._put("locks", [1])
+        message = hub.open_tab().take()
+        self.assertEqual([change["seq"] for change in message["changes"]], list(range(5, live.RECENT + 5)))
+        self.assertTrue(all(change["old"] for change in message["changes"]))
+        self.assertEqual(message["locks"], [1])
+
+
 class Ssh(unittest.TestCase):
     def test_words_are_quoted_for_the_shell_of_the_host(self):
         command = source.SshRunner("router").command([["get", "a b", "x;y"], ["locks"]])
