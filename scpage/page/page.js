@@ -9,7 +9,7 @@ const canEdit = root.dataset.mode === 'edit';
 const hasStream = root.dataset.stream === 'yes';
 const LOG_SIZE = 200;
 const SILENCE_MS = 2200; /* scpage sends at least every second */
-const PICTURE_MS = 70;
+const PICTURE_MS = 50;
 const MARK_MS = 1000;
 const LONGEST_CELL = 60;
 const FIRST_BYTES = 2048; /* of a record that are shown */
