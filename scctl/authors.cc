@@ -28,7 +28,8 @@ namespace {
 constexpr char kLockFolder[] = "/var/lock_store/";
 constexpr size_t kFolderLength = sizeof kLockFolder - 1;
 
-enum Happened : uint8_t { kOpened = 1, kClosed = 2, kClosedWritten = 4, kAnswer = 8, kLost = 16 };
+/* Bits of a note that are none of the events that are asked for. */
+constexpr uint8_t kAnswer = FAN_ACCESS, kLost = FAN_MODIFY;
 
 /* How long an answer of the child is waited for. */
 constexpr int kAnswerMs = 100;
@@ -172,10 +173,7 @@ void Authors::run_child(int events, int in, int out) {
         } else if (event->pid != watch) {
           note.area = static_cast<uint8_t>(area_of_link(AT_FDCWD, link));
           identify(&note.program);
-          note.events =
-              static_cast<uint8_t>(((event->mask & FAN_OPEN) != 0 ? kOpened : 0) |
-                                   ((event->mask & FAN_CLOSE) != 0 ? kClosed : 0) |
-                                   ((event->mask & FAN_CLOSE_WRITE) != 0 ? kClosedWritten : 0));
+          note.events = static_cast<uint8_t>(event->mask);
           if (note.area < kAreaCount) {
             is_lost |= event->pid <= 0 || write(out, &note, sizeof note) < 0;
           }
@@ -275,12 +273,12 @@ void Authors::take(const Note& note) {
     return;
   }
   if (found->area == kAreaCount) *found = {note.program, note.area, false, false, false, false};
-  const bool is_closed = (note.events & kClosed) != 0;
+  const bool is_closed = (note.events & FAN_CLOSE) != 0;
   found->is_fresh = true;
-  found->has_written |= (note.events & kClosedWritten) != 0;
+  found->has_written |= (note.events & FAN_CLOSE_WRITE) != 0;
   found->is_open = !is_closed;
   /* Of an open and a close that are reported together, either may be the last. */
-  found->may_be_open = is_closed && (note.events & kOpened) != 0;
+  found->may_be_open = is_closed && (note.events & FAN_OPEN) != 0;
   if (!found->has_written && is_closed) settle(found);
 }
 

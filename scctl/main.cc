@@ -140,9 +140,8 @@ constexpr Command kCommands[] = {
    "Prints a change at once if the writer used the area's lock file, as programs do;\n"
    "other changes, and areas that are loaded, within 5 s. Takes no lock, so no\n"
    "writer waits for it. Runs the command of --exec with the area's name as $1.\n"
-   "With --json prints an object on each line, and drops lines that its reader does\n"
-   "not take. With --journal, a service, writes what other programs change into the\n"
-   "log. Ends on SIGINT, SIGTERM and SIGHUP.\n",
+   "--json prints an object on each line; --journal, a service, logs what other\n"
+   "programs change. Ends on SIGINT, SIGTERM and SIGHUP.\n",
    kExec | kCount | kJson | kJournalOption, 0, -1, run_watch},
   {"try", "[--timeout SECONDS] batch FILE|import FILE|-- COMMAND...",
    "make a change that is taken back unless it is confirmed",
@@ -164,8 +163,8 @@ constexpr Command kCommands[] = {
    0, 0, 0, run_revert},
   {"log", "", "list the edits by scctl since the boot, newest first",
    "The log is in memory and has 64 KB: the oldest edits make room. An edit that\n"
-   "does not fit, and one of whole areas, cannot be undone. With --all lists also\n"
-   "what other programs changed while scctl watch --journal ran.\n",
+   "does not fit, and one of whole areas, cannot be undone. --all adds what\n"
+   "other programs changed, from scctl watch --journal.\n",
    kJson | kAll, 0, 0, run_log},
   {"undo", "[N]", "take back the last edit, or the last N",
    "Takes back field by field what is still as the edit left it, and prints the\n"

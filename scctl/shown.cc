@@ -14,7 +14,7 @@ namespace {
 
 /* A claimed record that may be complete: it has the contents that its place had before a
  * deletion. */
-constexpr int64_t kRefillMs = 12;
+constexpr int32_t kRefillMs = 12;
 constexpr int kCopies = 100;
 
 /* Room for one record each: one that is seen through absent pages, a copy, and what is kept. */
@@ -23,9 +23,8 @@ struct Room {
   void fit(uint32_t size) {
     if (size <= size_) return;
     size_ = size;
-    Buffer(size).swap(seen);
-    Buffer(size).swap(copy);
-    Buffer(size).swap(kept);
+    Buffer* const buffers[] = {&seen, &copy, &kept};
+    for (Buffer* buffer : buffers) Buffer(size).swap(*buffer);
   }
 
  private:
@@ -83,16 +82,17 @@ Pages::Pages(const uint8_t* block, uint32_t size)
 }
 
 const uint8_t* Pages::see(uint32_t at, uint32_t size, uint8_t* room) const {
-  const uint32_t first = at / page_, last = (at + size - 1) / page_;
-  uint32_t count = 0;
-  for (uint32_t page = first; page <= last; ++page) count += present_.data()[page] & 1;
-  if (count == last - first + 1) return block_ + at;
-  memset(room, 0, size);
-  for (uint32_t page = first; count > 0 && page <= last; ++page) {
-    if ((present_.data()[page] & 1) == 0) continue;
-    const uint32_t from = page == first ? at : page * page_;
-    const uint32_t end = page == last ? at + size : (page + 1) * page_;
-    memcpy(room + (from - at), block_ + from, end - from);
+  const uint32_t end = at + size;
+  bool is_whole = true;
+  for (uint32_t page = at / page_; page * page_ < end; ++page) is_whole &= is_present(page);
+  if (is_whole) return block_ + at;
+  for (uint8_t* to = room; at < end;) {
+    const uint32_t page = at / page_;
+    const uint32_t behind = (page + 1) * page_ < end ? (page + 1) * page_ : end;
+    memset(to, 0, behind - at);
+    if (is_present(page)) memcpy(to, block_ + at, behind - at);
+    to += behind - at;
+    at = behind;
   }
   return room;
 }
@@ -101,10 +101,9 @@ void Shown::begin(const Table& table, bool whole, const Pages& pages) {
   whole_ = whole;
   begin(table);
   for (uint32_t position = 0; position < table.capacity; ++position) {
+    if (is_empty(pages, position)) continue;
     const uint8_t* record = see(pages, position);
-    const bool used = store::is_used(table, record);
-    marks()[position].state = used;
-    if (used || leaves_bytes()) keep(position, record, used);
+    keep(position, record, store::is_used(table, record));
   }
 }
 
@@ -115,6 +114,15 @@ void Shown::begin(const Table& table) {
   Buffer(table.capacity * size_).swap(kept_);
   Buffer(table.capacity * sizeof(Mark)).swap(marks_);
   g_room.fit(table.stride);
+}
+
+/* Whether the record was free and is, and leaves no bytes: most of the access points' large records
+ * are not looked at. */
+bool Shown::is_empty(const Pages& pages, uint32_t position) const {
+  if (leaves_bytes() || is_section(*table_) || is_used(position)) return false;
+  const auto id_at = static_cast<uint32_t>(table_->id_at);
+  const uint32_t at = table_->at + position * table_->stride + id_at;
+  return load_word(pages.see(at, sizeof(int32_t), g_room.seen.data())) == table_->free;
 }
 
 const uint8_t* Shown::see(const Pages& pages, uint32_t position) const {
@@ -154,10 +162,10 @@ bool Shown::is_same(uint32_t position, const uint8_t* record) const {
   return marks()[position].sum == pack(record, packed) && memcmp(at(position), packed, size_) == 0;
 }
 
-/* Deleted records of lists keep their bytes. Those of the access points' tables are zeros. */
+/* Deleted records of lists keep their bytes. */
 bool Shown::is_as_shown(uint32_t position, const uint8_t* seen) {
   if (is_used(position)) return is_same(position, seen);
-  if (leaves_bytes()) keep(position, seen, false);
+  keep(position, seen, false);
   return true;
 }
 
@@ -165,8 +173,12 @@ uint32_t Shown::look(const Look& look) {
   uint32_t count = 0;
   const auto now = static_cast<uint32_t>(look.now) << 1;
   for (uint32_t position = 0; position < table_->capacity; ++position) {
-    const uint8_t* seen = see(look.pages, position);
     uint32_t& state = marks()[position].state;
+    if (is_empty(look.pages, position)) {
+      state = 0;
+      continue;
+    }
+    const uint8_t* seen = see(look.pages, position);
     if (is_used(position) == store::is_used(*table_, seen) && is_as_shown(position, seen)) {
       state &= 1;
       continue;
@@ -177,10 +189,10 @@ uint32_t Shown::look(const Look& look) {
     }
     const int32_t byte = table_->lock_at < 0 ? named_lock(*table_, look.pages.block(), position)
                                              : load_word(seen + table_->lock_at);
-    const int64_t patience =
+    const int32_t patience =
         copy_whole(look, position, byte) ? claim_patience(position) : kPatienceMs;
     if (state < 2) state |= now != 0 ? now : 2;
-    const int64_t age = (now - (state & ~1u)) >> 1;
+    const auto age = static_cast<int32_t>((now - (state & ~1u)) >> 1);
     if (age < patience) {
       look.area->look_at(look.now + (age < 1 ? 1 : age < kLongestStepMs ? age : kLongestStepMs));
       continue;
@@ -218,7 +230,7 @@ bool Shown::copy_whole(const Look& look, uint32_t position, int32_t byte) {
 }
 
 /* A record that was free and now has only its id is filled next. */
-int64_t Shown::claim_patience(uint32_t position) const {
+int32_t Shown::claim_patience(uint32_t position) const {
   const uint8_t* copy = g_room.copy.data();
   if (is_used(position) || !store::is_used(*table_, copy)) return 0;
   if (!is_same(position, copy)) return 0;

@@ -12,8 +12,8 @@ namespace scctl {
 
 constexpr int64_t kNever = INT64_MAX;
 /* How long a record may be incomplete before it is printed as it is. */
-constexpr int64_t kPatienceMs = 1000;
-constexpr int64_t kLongestStepMs = 50; /* between two looks at an incomplete record */
+constexpr int32_t kPatienceMs = 1000;
+constexpr int32_t kLongestStepMs = 50; /* between two looks at an incomplete record */
 
 /* Bytes of these fields are not kept: only a sum of them. */
 inline bool is_named(const Field& field) { return field.kind != Kind::kBytes; }
@@ -62,6 +62,8 @@ class Pages {
   const uint8_t* block() const { return block_; }
 
  private:
+  bool is_present(uint32_t page) const { return (present_.data()[page] & 1) != 0; }
+
   const uint8_t* block_;
   uint32_t page_;
   Buffer present_; /* a byte for each page; odd: it is in memory */
@@ -125,10 +127,12 @@ class Shown {
   uint32_t pack(const uint8_t* record, uint8_t* to) const;
   void keep(uint32_t position, const uint8_t* record, bool used);
   bool is_same(uint32_t position, const uint8_t* record) const;
+  /* Deleted records of lists do. Those of the access points' tables are zeros. */
   bool leaves_bytes() const { return table_->free != 0; }
+  bool is_empty(const Pages& pages, uint32_t position) const;
   bool is_as_shown(uint32_t position, const uint8_t* seen);
   bool copy_whole(const Look& look, uint32_t position, int32_t byte);
-  int64_t claim_patience(uint32_t position) const;
+  int32_t claim_patience(uint32_t position) const;
   bool tell(Teller& teller, uint32_t position, bool used) const;
 
   const Table* table_ = nullptr;

@@ -1,8 +1,8 @@
 /* A program that changes the store as the tests of watch need it, and ends at once: each of its changes
  * names the process.
  *
- * usage: writer POSITION [COUNT [PAUSE]]   renames a LAN binding, so often, with so many microseconds
- *                                          between
+ * usage: writer POSITION [COUNT [each]]   renames a LAN binding, so often, each time when there is a byte
+ *                                         on standard input
  */
 #include <stdint.h>
 #include <stdio.h>
@@ -20,7 +20,8 @@ int main(int argc, char** argv) {
   if (lan == NULL) return 1;
   record = lan->lan_binds[position];
   for (int n = 0; n < count; ++n) {
-    if (n > 0 && argc > 3) usleep((useconds_t)atoi(argv[3]));
+    char byte;
+    if (argc > 3 && read(STDIN_FILENO, &byte, 1) != 1) return 1;
     snprintf(record.bind_name, sizeof record.bind_name, "%d.%d", (int)getpid(), n);
     if (SC_Operate_System_List_DhcpdBind(lan, LIST_OP_MODIFY, &position, &record) != SC_LIST_OK) return 1;
   }
