@@ -236,12 +236,15 @@ class Hub:
 
     def _read_remarks(self, child, begun, said_last):
         """What watch says beside the stream: first that it watches, last why it ends."""
+        remarks = []
         for line in child.stderr:
-            text = line.decode(errors="replace")
+            text = line.decode(errors="replace").strip()
+            said_last[:] = [text]
+            if text != "watching":
+                remarks.append(said(text))
             if text.startswith(("watching", "looking every")):
-                self._put("stream", {"begun": begun, "remark": text.strip()})
-            else:
-                said_last[:] = [text]
+                said_last.clear()
+                self._put("stream", {"begun": begun, "remark": "; ".join(remarks)})
 
     def _take(self, line):
         try:

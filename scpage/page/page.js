@@ -118,7 +118,7 @@ function take(message) {
   if (message.stream) {
     setText($('stream-state'), state.stream.fault ?
       `No stream: ${shown(state.stream.fault)}. Tables are read every 2 s.` :
-      shown(state.stream.remark).replace(/^watching$/, ''));
+      shown(state.stream.remark));
     if (state.stream.begun !== before.begun) refresh();
   }
   if (message.dropped) {

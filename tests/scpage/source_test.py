@@ -1,6 +1,7 @@
 """Parts of scpage that need no router: the reader of dumps, the lines of a batch, the queue of a tab."""
 
 import sys
+import types
 import unittest
 
 import world
@@ -109,6 +110,15 @@ class Streams(unittest.TestCase):
         self.assertEqual([change["seq"] for change in message["changes"]], list(range(5, live.RECENT + 5)))
         self.assertTrue(all(change["old"] for change in message["changes"]))
         self.assertEqual(message["locks"], [1])
+
+
+class Remarks(unittest.TestCase):
+    def test_what_watch_says_first_is_a_remark_and_last_a_reason(self):
+        hub, reason = live.Hub(None), []
+        child = types.SimpleNamespace(stderr=[b"authors are not known\n", b"watching\n", b"scctl: no memory\n"])
+        hub._read_remarks(child, 5, reason)
+        self.assertEqual(hub.open_tab().take()["stream"], {"begun": 5, "remark": "authors are not known"})
+        self.assertEqual(reason, ["scctl: no memory"])
 
 
 class Ssh(unittest.TestCase):
