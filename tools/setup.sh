@@ -32,6 +32,8 @@ done <"$list"
 missing=()
 for package in "${wanted[@]}"; do
   status=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
+  # A Node.js that is not Debian's has npm in its own package, beside which Debian's cannot be installed.
+  [[ $package != npm ]] || ! command -v npm >/dev/null || status=installed
   [[ $status == installed ]] || missing+=("$package")
 done
 [[ ${#missing[@]} -gt 0 ]] || exit 0

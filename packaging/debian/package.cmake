@@ -1,8 +1,11 @@
-# Debian packages, made by cpack in a build folder: libsysconfig1, libsysconfig-dev and
-# sysconfig-tools.
+# Debian packages, made by cpack in a build folder: libsysconfig1, libsysconfig-dev, sysconfig-tools and, for
+# the machine of whoever looks at a router, sysconfig-page.
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library dev tools)
+if(NOT CMAKE_CROSSCOMPILING)
+  list(APPEND CPACK_COMPONENTS_ALL page)
+endif()
 set(CPACK_PACKAGE_NAME sysconfig)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -44,6 +47,17 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "see, edit and guard the live configuration o
 scctl shows and edits the areas of libsysconfig, moves them between machines,
 compares them with what is saved, looks for damage and shows who holds a
 lock. scguard keeps a last good copy of each flash archive.")
+
+set(CPACK_DEBIAN_PAGE_PACKAGE_NAME sysconfig-page)
+set(CPACK_DEBIAN_PAGE_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PAGE_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PAGE_PACKAGE_DEPENDS "python3 (>= 3.9)")
+set(CPACK_DEBIAN_PAGE_PACKAGE_RECOMMENDS "sysconfig-tools")
+set(CPACK_DEBIAN_PAGE_PACKAGE_SUGGESTS "openssh-client")
+set(CPACK_DEBIAN_PAGE_DESCRIPTION "live configuration of a router in a browser
+scpage serves a page on 127.0.0.1 that shows the areas of libsysconfig, their
+tables, records and bytes, and each change with the program that made it: of
+this machine, of another one by ssh, or of archives.")
 
 # What Debian wants beside the installed files is added when these are in place.
 set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/documents.cmake)

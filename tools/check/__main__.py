@@ -153,6 +153,7 @@ def run_all(quick):
     else:
         jobs += [Job("fetch-musl", set(), fetch_musl), *builds(*targets[1:]),
                  Job("tests-box", {"build-mipsel", "build-mipsel-small"}, tests.run_box, record=results),
+                 Job("page", {"build-host"}, tests.check_page, watches_clock=True),
                  *suites(ROUTER_CHECKS, every_build),
                  Job("analysis", {"build-host"}, sources.check_analysis), *suites(SOURCE_CHECKS),
                  *suites({**CHECKS, **SLOW_CHECKS}, every_build)]

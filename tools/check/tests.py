@@ -217,6 +217,7 @@ def check_package(suite):
     suite.run(["cmake", "-S", ".", "-B", plain, "-DCMAKE_INSTALL_PREFIX=%s" % prefix],
               check="configure for another prefix")
     suite.run(["cmake", "--install", plain], check="install")
+    suite.run([prefix / "bin/scpage", "--help"], check="the installed scpage finds its parts")
 
     suite.run(["cmake", "-S", "tests/consumer", "-B", consumer, "-DCMAKE_PREFIX_PATH=%s" % prefix],
               check="found by CMake")
@@ -257,6 +258,11 @@ def check_versions(suite, prefix, consumer):
         suite.verdict(ended.returncode == 0 if found else ended.returncode != 0 and refused,
                       "version %s is %s" % (wanted, "found" if found else "refused"),
                       "status %d" % ended.returncode)
+
+
+def check_page(suite):
+    """scpage and its page in a browser; the minute of traffic is tests/scpage/run --long."""
+    suite.run([ROOT / "tests/scpage/run"], check="tests of scpage")
 
 
 def check_small(suite):

@@ -1,0 +1,131 @@
+"""Parts of scpage that need no router: the reader of dumps, the lines of a batch, the queue of a tab."""
+
+import sys
+import types
+import unittest
+
+import world
+
+sys.path.insert(0, str(world.ROOT / "scpage"))
+
+import live
+import server
+import source
+
+DUMP = """Lan: 50888 bytes
+       0  2 zero bytes                                    header_reserved
+things/1: byte 2 of the lock file
+    1508  01 00 00 00                                     id
+    1512  30 30 3a 31 31 3a 32 32 3a 33 33 3a 34 34 3a 35 name
+    1528  35 00 00 00
+    1532  1 zero byte                                     flag
+    1533  7 zero bytes                                    spare_25
+things/2: byte 3 of the lock file
+    1540  02 00 00 00                                     id
+    1544  28 zero bytes                                   name
+things: 30 free records
+   25444  500 zero bytes                                  spare_25444
+"""
+
+
+class Fields:
+    @staticmethod
+    def fields(table):
+        if table != "things":
+            raise source.Fault("no table")
+        return [{"field": "name", "kind": "text"}, {"field": "flag", "kind": "signed"}]
+
+
+class Dumps(unittest.TestCase):
+    def test_a_record_has_its_bytes_and_parts(self):
+        data, parts = source.record_bytes(DUMP, "things/1", 32)
+        self.assertEqual(data, b"\1\0\0\0" + b"00:11:22:33:44:55".ljust(20, b"\0") + bytes(8))
+        self.assertEqual(parts, [{"name": "id", "at": 0, "size": 4}, {"name": "name", "at": 4, "size": 20},
+                                 {"name": "flag", "at": 24, "size": 1}, {"name": "spare_25", "at": 25, "size": 7}])
+        self.assertEqual(source.record_bytes(DUMP, "things/2", 32)[0], b"\2" + bytes(31))
+
+    def test_what_is_not_there_is_a_fault(self):
+        for name, size in (("things/3", 32), ("thing", 32), ("things/2", 33)):
+            with self.assertRaises(source.Fault):
+                source.record_bytes(DUMP, name, size)
+
+
+class Batches(unittest.TestCase):
+    def line(self, **asked):
+        (line,) = server.batch_of(Fields, {"table": "things", **asked})
+        return line
+
+    def test_values_are_quoted(self):
+        self.assertEqual(self.line(do="set", id=3, fields={"name": "it's; $x"}), "set things/3 'name=it'\\''s; $x'\n")
+        self.assertEqual(self.line(do="add", fields={"flag": "1"}), "add things 'flag=1'\n")
+        self.assertEqual(self.line(do="del", id=4), "del things/4\n")
+
+    def test_texts_that_are_no_line_are_hex(self):
+        self.assertEqual(self.line(do="set", id=3, fields={"name": "a\n\udcff\u00e4"}), "set things/3 name:hex=610affc3a4\n")
+
+    def test_what_is_no_edit_makes_no_line(self):
+        for asked in ({"do": "set", "id": 3, "fields": {}}, {"do": "set", "id": 3, "fields": {"flag": "1\n"}},
+                      {"do": "set", "id": 3, "fields": {"other": "1"}}, {"do": "set", "id": "3", "fields": {"flag": "1"}},
+                      {"do": "save", "fields": {"flag": "1"}}, {"do": "set", "id": 3, "fields": {"name": "\ud800"}}):
+            with self.assertRaises((source.Fault, KeyError)):
+                self.line(**asked)
+
+
+class Queues(unittest.TestCase):
+    def test_a_tab_that_does_not_read_loses_changes_and_is_told_how_many(self):
+        tab = live.Tab()
+        for number in range(live.LONGEST_QUEUE * 2 + 5):
+            tab.add_change(number)
+            self.assertLessEqual(len(tab._changes), live.LONGEST_QUEUE)
+        message = tab.take()
+        self.assertEqual(message["dropped"] + len(message["changes"]), live.LONGEST_QUEUE * 2 + 5)
+        self.assertEqual(message["changes"][-1], live.LONGEST_QUEUE * 2 + 4)
+        tab.add_change("next")
+        self.assertNotIn("dropped", tab.take())
+
+    def test_of_a_state_the_latest_is_sent(self):
+        tab = live.Tab()
+        tab.put("locks", [1])
+        tab.put("locks", [2])
+        self.assertEqual(tab.take()["locks"], [2])
+        tab.close()
+        self.assertIsNone(tab.take())
+
+
+class Streams(unittest.TestCase):
+    def test_the_state_after_a_loss_is_not_passed_on(self):
+        hub = live.Hub(None)
+        tab = hub.open_tab()
+        for line in (b'{"what":"lost","count":7,"seen":"reader"}', b'{"what":"load","area":"Lan","seen":"anew"}',
+                     b'{"what":"add","seen":"anew"}', b'{"what":"cha', b'{"what":"change","seen":"lock"}'):
+            hub._take(line)
+        self.assertEqual([change["what"] for change in tab.take()["changes"]], ["lost", "change"])
+
+    def test_a_new_tab_gets_the_last_changes_and_the_latest_states(self):
+        hub = live.Hub(None)
+        for number in range(live.RECENT + 5):
+            hub._take(b'{"seq":%d}' % number)
+        hub._put("locks", [1])
+        message = hub.open_tab().take()
+        self.assertEqual([change["seq"] for change in message["changes"]], list(range(5, live.RECENT + 5)))
+        self.assertTrue(all(change["old"] for change in message["changes"]))
+        self.assertEqual(message["locks"], [1])
+
+
+class Remarks(unittest.TestCase):
+    def test_what_watch_says_first_is_a_remark_and_last_a_reason(self):
+        hub, reason = live.Hub(None), []
+        child = types.SimpleNamespace(stderr=[b"authors are not known\n", b"watching\n", b"scctl: no memory\n"])
+        hub._read_remarks(child, 5, reason)
+        self.assertEqual(hub.open_tab().take()["stream"], {"begun": 5, "remark": "authors are not known"})
+        self.assertEqual(reason, ["scctl: no memory"])
+
+
+class Ssh(unittest.TestCase):
+    def test_words_are_quoted_for_the_shell_of_the_host(self):
+        command = source.SshRunner("router").command([["get", "a b", "x;y"], ["locks"]])
+        self.assertEqual(command, ["ssh", "router", "scctl", "get", "'a b'", "'x;y'", ";", "scctl", "locks"])
+
+
+if __name__ == "__main__":
+    unittest.main()
