@@ -211,10 +211,13 @@ class Session {
       again->print("%s\n", lines.line());
     }
     if (status != kOk || typed.changed.empty()) return status;
+    Buffer wanted(table_.stride);
+    memcpy(wanted.data(), shown_.data(), table_.stride);
+    typed.changed.merge(wanted.data(), typed.record.data());
     {
       const Quiet quiet(errors.writer());
-      status = set_record(call_.source, table_, id_, typed.record.data(), typed.changed,
-                          typed.spelling, shown_.data());
+      status = set_record(call_.source, table_, id_, wanted.data(), typed.changed, typed.spelling,
+                          shown_.data());
     }
     *is_written = status == kOk;
     if (*is_written) return status;

@@ -37,7 +37,12 @@ int run_reset(Call& call) {
   } else {
     for (const Field& field : table) mask.add(field);
   }
-  return set_record(call.source, table, target.id, record.data(), mask, Spelling::kAsLibrary);
+  Buffer wanted(table.stride);
+  if (!Reader(call.source, table).copy(target.id - 1, wanted.data())) {
+    return refuse_free(table, target.id);
+  }
+  mask.merge(wanted.data(), record.data());
+  return set_record(call.source, table, target.id, wanted.data(), mask, Spelling::kAsLibrary);
 }
 
 }  // namespace scctl

@@ -311,7 +311,15 @@ void log_seen(const Author& author, const char* words, const Seen* seen) {
   const bool is_change = seen->was != nullptr && seen->is != nullptr;
   Mask named(table);
   for (const Field& field : table) {
-    if (is_named(field) && (!is_change || !equal(field, seen->was, seen->is))) named.add(field);
+    if (!is_named(table, field) || (is_change && equal(field, seen->was, seen->is))) continue;
+    if (!is_change || field.kind != Kind::kBytes) {
+      named.add(field);
+      continue;
+    }
+    const uint32_t end = field.record_at + uint32_t{field.size};
+    for (uint32_t at = field.record_at; at < end; ++at) {
+      if (seen->was[at] != seen->is[at]) named.bytes()[at] = 0xff;
+    }
   }
   const Buffer none(table.stride);
   const bool is_whole = !is_change && !seen->is_unnamed;

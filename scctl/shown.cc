@@ -87,6 +87,15 @@ const uint8_t* Pages::see(uint32_t at, uint32_t size, uint8_t* room) const {
   return room;
 }
 
+bool is_named(const Table& table, const Field& field) {
+  if (field.kind != Kind::kBytes) return true;
+  const Table& names = names_of(table);
+  for (const Field* hidden = names.end(); hidden < names.end() + names.hidden_count; ++hidden) {
+    if (hidden->record_at == field.record_at) return true;
+  }
+  return false;
+}
+
 void Shown::begin(const Table& table, bool whole, const Pages& pages) {
   whole_ = whole;
   begin(table);

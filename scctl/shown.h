@@ -7,6 +7,7 @@
 #define SCCTL_SHOWN_H
 
 #include "commands.h"
+#include "store/overlay.h"
 
 namespace scctl {
 
@@ -15,8 +16,13 @@ constexpr int64_t kNever = INT64_MAX;
 constexpr int32_t kPatienceMs = 1000;
 constexpr int32_t kLongestStepMs = 50; /* between two looks at an incomplete record */
 
-/* Bytes of these fields are not kept: only a sum of them. */
-inline bool is_named(const Field& field) { return field.kind != Kind::kBytes; }
+/* Bytes of a table's other fields are not kept: only a sum of them. Of a field that an overlay covers
+ * the members have names. */
+bool is_named(const Table& table, const Field& field);
+/* Whether a field of a record's view is shown: bytes without a name are not. */
+inline bool is_shown(const Field& field) {
+  return field.kind != Kind::kBytes || (field.extra != nullptr && !is_spare_name(field.name));
+}
 
 /* An area that is watched. */
 struct Watched {
@@ -123,7 +129,7 @@ class Shown {
   const uint8_t* see(const Pages& pages, uint32_t position) const;
   uint8_t* at(uint32_t position) { return kept_.data() + position * size_; }
   const uint8_t* at(uint32_t position) const { return kept_.data() + position * size_; }
-  bool is_kept(const Field& field) const { return whole_ || is_named(field); }
+  bool is_kept(const Field& field) const { return whole_ || is_named(*table_, field); }
   uint32_t pack(const uint8_t* record, uint8_t* to) const;
   void keep(uint32_t position, const uint8_t* record, bool used);
   bool is_same(uint32_t position, const uint8_t* record) const;

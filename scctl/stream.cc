@@ -22,24 +22,49 @@ void add_value(const Field& field, const uint8_t* record, Text* to) {
     to->add("null");
 }
 
-void add_fields(const Seen& seen, Text* to) {
-  const uint8_t* contents = seen.was != nullptr ? seen.was : seen.is;
+/* Adds the fields that differ, by the names that the record had before and has after. True when bytes
+ * without a name differ. */
+bool add_fields(const Seen& seen, Text* to) {
+  const auto view = [&](const uint8_t* record) -> const Table& {
+    return record != nullptr ? view_of(seen.table, seen.position, record) : seen.table;
+  };
+  const Table &was_view = view(seen.was), &is_view = view(seen.is);
   const bool is_change = seen.was != nullptr && seen.is != nullptr;
+  bool is_unnamed = false;
   char before = '{';
-  for (const Field& field : seen.table) {
-    if (!is_named(field) || (is_change ? equal(field, seen.was, seen.is)
-                                       : size_without_trailing_zeros(field, contents) == 0)) {
-      continue;
+  const auto add = [&](const Field& field, const uint8_t* was, const uint8_t* is) {
+    const bool differs = was != nullptr && is != nullptr
+                             ? !equal(field, was, is)
+                             : size_without_trailing_zeros(field, was != nullptr ? was : is) != 0;
+    if (!differs) return;
+    if (!is_shown(field)) {
+      is_unnamed |= is_spare_name(field.name);
+      return;
     }
     to->print("%c\"%s\":[", before, field.name);
-    add_value(field, seen.was, to);
+    add_value(field, was, to);
     to->add(',');
-    add_value(field, seen.is, to);
+    add_value(field, is, to);
     to->add(']');
     before = ',';
+  };
+  const bool is_same_view = &was_view == &is_view;
+  const auto has = [](const Table& table, const Field& field) {
+    return find_field(table, field.name, strlen(field.name)) != nullptr;
+  };
+  if (seen.is != nullptr) {
+    for (const Field& field : is_view) {
+      add(field, is_change && (is_same_view || has(was_view, field)) ? seen.was : nullptr, seen.is);
+    }
+  }
+  if (seen.was != nullptr && !(is_change && is_same_view)) {
+    for (const Field& field : was_view) {
+      if (!is_change || !has(is_view, field)) add(field, seen.was, nullptr);
+    }
   }
   if (before == '{') to->add(before);
   to->add('}');
+  return is_unnamed;
 }
 
 }  // namespace
@@ -93,8 +118,8 @@ void ChangeStream::tell_record(const Seen& seen, const char* rest) {
               seen.was == nullptr  ? "add"
               : seen.is == nullptr ? "delete"
                                    : "change");
-  add_fields(seen, &line_);
-  if (seen.is_unnamed) line_.add(",\"unnamed\":true");
+  const bool is_unnamed = add_fields(seen, &line_);
+  if (is_unnamed || seen.is_unnamed) line_.add(",\"unnamed\":true");
   line_.add(rest);
   end();
 }

@@ -165,7 +165,7 @@ def main(words):
     started = time.monotonic()
     LOGS.mkdir(parents=True, exist_ok=True)
     checks = {**SOURCE_CHECKS, "analysis": sources.check_analysis, **CHECKS, **SLOW_CHECKS,
-              **ROUTER_CHECKS}
+              "page": tests.check_page, **ROUTER_CHECKS}
     if words[:1] == ["--only"]:
         run(words[1], checks[words[1]])
     else:
