@@ -1,6 +1,7 @@
 _scctl() {
   local command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]}
-  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help --overlay --secrets' fields='' words='' ahead=''
+  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help --overlay --secrets' fields=''
+  local words='' ahead=''
   local commands='tables fields areas list get find dump add set del clear bind unbind batch init save restore remove notify lease export import diff checkpoint checkpoints rollback check repair locks watch try confirm revert log undo overlay schema completion help'
   local tables='lan_settings lan_binds ac_binds wan wan_rest product_info misc_1 misc_2 misc_3 misc_4 misc_5 ip_groups time_groups port_forward ip_filter mac_filter url_filter qos aps ap_users ap_templates default_template client_groups clients'
   local areas='Lan Wan ProductInfo Misc VsIpport FwIpport IpGroup TimeGroup FwMac FwUrl Qos ManageApList ApUserList ApTemplateList DefApTemplate Clients_Groups Clients'

@@ -565,7 +565,9 @@ int run_completion(Call&) {
   puts(
       "_scctl() {\n"
       "  local command=${COMP_WORDS[1]} word=${COMP_WORDS[COMP_CWORD]}\n"
-      "  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help --overlay --secrets' fields='' words='' ahead=''");
+      "  local before=${COMP_WORDS[COMP_CWORD - 1]} options='--help --overlay --secrets' "
+      "fields=''\n"
+      "  local words='' ahead=''");
   print_completion_words();
   puts(
       "  if [[ $COMP_CWORD == 1 ]]; then\n"

@@ -66,8 +66,7 @@ TEST_F(OverlayTest, AnArrayThatACountExceeds_EndsWhereItEnds) {
             "scctl: wan.ports: '1,2,3' is not 8 numbers with commas between them\n");
   shown({"set", "wan/1", "port_count=1"});
   EXPECT_NE(shown({"get", "wan/1", "--json"}).find("\"ports\": [1]"), std::string::npos);
-  EXPECT_NE(shown({"get", "wan/1", "--json"}).find("\"spare_18\": \"020003\""),
-            std::string::npos);
+  EXPECT_NE(shown({"get", "wan/1", "--json"}).find("\"spare_18\": \"020003\""), std::string::npos);
 }
 
 TEST_F(OverlayTest, AnUnknownNumberOfAnEnum_IsShownAndTakenBack) {
