@@ -110,6 +110,16 @@ TEST_F(OverlayTest, ANameThatIsTaken_HasItsFieldInFront) {
   EXPECT_EQ(run(with({"export", "ManageApList"})).out, file);
 }
 
+TEST_F(OverlayTest, ALongName_IsAColumnAsWideAsItIs) {
+  const std::string name(60, 'n');
+  const std::string overlay =
+      use(overlay_of("\"" + name + R"(": {"at": 0, "kind": "unsigned", "size": 1},
+      "b": {"at": 1, "kind": "unsigned", "size": 1})"));
+  EXPECT_EQ(run(scctl(with_overlay({"list", "wan"}, overlay))).out,
+            "id   " + name + "  b\n1    0" + std::string(61, ' ') +
+                "0\n2\n3\n4\n(4 of 4 records; 1 more field: scctl get)\n");
+}
+
 TEST_F(OverlayTest, TheOpaquePartOfAListsRecord_HasMembersAmongTheFields) {
   const std::string overlay = use(
       R"({"overlay": 1, "types": {"t": {"size": 504, "members": {
