@@ -51,10 +51,8 @@ void format_cell(const Field& field, const uint8_t* record, Text* to) {
 }
 
 void add_cell(const char* text, size_t width, Text* to) {
-  static constexpr char kBlanks[] = "                                  ";
-  static_assert(sizeof kBlanks > kWidest + 2);
   to->add(text);
-  to->add(kBlanks, width - columns_of(text) + 2);
+  for (size_t n = columns_of(text); n < width + 2; ++n) to->add(' ');
 }
 
 void end_line(Text* to) {

@@ -66,8 +66,7 @@ TEST_F(OverlayTest, AnArrayThatACountExceeds_EndsWhereItEnds) {
             "scctl: wan.ports: '1,2,3' is not 8 numbers with commas between them\n");
   shown({"set", "wan/1", "port_count=1"});
   EXPECT_NE(shown({"get", "wan/1", "--json"}).find("\"ports\": [1]"), std::string::npos);
-  EXPECT_NE(shown({"get", "wan/1", "--json"}).find("\"spare_18\": \"020003\""),
-            std::string::npos);
+  EXPECT_NE(shown({"get", "wan/1", "--json"}).find("\"spare_18\": \"020003\""), std::string::npos);
 }
 
 TEST_F(OverlayTest, AnUnknownNumberOfAnEnum_IsShownAndTakenBack) {
@@ -109,6 +108,16 @@ TEST_F(OverlayTest, ANameThatIsTaken_HasItsFieldInFront) {
   done({"clear", "aps"});
   EXPECT_EQ(run(with({"import", "-"}), file).status, 0);
   EXPECT_EQ(run(with({"export", "ManageApList"})).out, file);
+}
+
+TEST_F(OverlayTest, ALongName_IsAColumnAsWideAsItIs) {
+  const std::string name(60, 'n');
+  const std::string overlay =
+      use(overlay_of("\"" + name + R"(": {"at": 0, "kind": "unsigned", "size": 1},
+      "b": {"at": 1, "kind": "unsigned", "size": 1})"));
+  EXPECT_EQ(run(scctl(with_overlay({"list", "wan"}, overlay))).out,
+            "id   " + name + "  b\n1    0" + std::string(61, ' ') +
+                "0\n2\n3\n4\n(4 of 4 records; 1 more field: scctl get)\n");
 }
 
 TEST_F(OverlayTest, TheOpaquePartOfAListsRecord_HasMembersAmongTheFields) {
