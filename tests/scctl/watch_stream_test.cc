@@ -100,7 +100,9 @@ TEST_F(WatchTest, Json_InitAndRead_AreOneObjectEach) {
   DelAllDhcpStaticItem(lan);
   JsonWatch watch({"Lan"});
   capture([&] { EXPECT_EQ(SC_Init_System_Lan_Config(1), 0); });
+  const double begun = now_ms();
   EXPECT_EQ(watch.rest(), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"lock\"");
+  EXPECT_LT(now_ms() - begun, 700) << "the end of Read is seen";
   rename("live");
   EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"saved1\",\"live\"]"));
   capture([&] { SC_Read_System_Lan_Config(lan); });
