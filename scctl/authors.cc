@@ -46,9 +46,9 @@ struct ProcPath {
 };
 
 /* The area of a lock file that a link of /proc leads to; also of one that is removed. */
-int area_of_link(int folder, const char* name) {
+int area_of_link(const char* link) {
   char path[128];
-  const ssize_t size = readlinkat(folder, name, path, sizeof path - 1);
+  const ssize_t size = readlink(link, path, sizeof path - 1);
   if (size < 0) return kAreaCount;
   path[size] = '\0';
   return strncmp(path, kLockFolder, kFolderLength) == 0 ? area_of_lock(path + kFolderLength)
@@ -57,7 +57,7 @@ int area_of_link(int folder, const char* name) {
 
 /* ---- the child ---- */
 
-/* Processes that were seen alive. */
+/* Processes that were about to run a program. */
 struct Known {
   Program program;
   uint32_t at; /* when, in ms */
@@ -89,17 +89,14 @@ bool read_program(Program* program) {
   if (name == nullptr || at == nullptr) return false;
   set_name(name + 1, static_cast<size_t>(at - name - 1), program);
   for (int blanks = 20; blanks > 0 && *at != '\0'; ++at) blanks -= *at == ' ';
-  program->start = static_cast<uint32_t>(strtoull(at, nullptr, 10));
+  program->start = static_cast<uint32_t>(strtoul(at, nullptr, 10));
   program->uid = status.st_uid;
   program->is_known = true;
   return true;
 }
 
 void identify(Program* program) {
-  if (read_program(program)) {
-    remember(*program);
-    return;
-  }
+  if (read_program(program)) return;
   const auto now = static_cast<uint32_t>(boot_ms());
   for (uint32_t n = 1; n <= kMostKnown; ++n) {
     const Known& known = g_known[(g_next_known - n) % kMostKnown];
@@ -151,7 +148,7 @@ void Authors::run_child(int events, int in, int out) {
   const pid_t watch = getppid(); /* it opens lock files, to ask who holds a record */
   for (;;) {
     pollfd ready[] = {{events, POLLIN, 0}, {in, POLLIN, 0}};
-    poll(ready, 2, -1);
+    ppoll(ready, 2, nullptr, nullptr);
     char asked = 0;
     if (ready[1].revents != 0 && read(in, &asked, 1) <= 0) _exit(0);
     if (asked == 'f') mark(events);
@@ -171,7 +168,7 @@ void Authors::run_child(int events, int in, int out) {
         if ((event->mask & FAN_OPEN_EXEC) != 0) {
           take_exec(*event, link, &note.program);
         } else if (event->pid != watch) {
-          note.area = static_cast<uint8_t>(area_of_link(AT_FDCWD, link));
+          note.area = static_cast<uint8_t>(area_of_link(link));
           identify(&note.program);
           note.events = static_cast<uint8_t>(event->mask);
           if (note.area < kAreaCount) {
@@ -234,7 +231,8 @@ void Authors::follow() { ask('f'); }
 void Authors::take(int timeout) {
   Note note;
   pollfd ready = {notes_, POLLIN, 0};
-  while (poll(&ready, 1, timeout) > 0 && read(notes_, &note, sizeof note) > 0) {
+  const timespec wait = {0, timeout * 1000000};
+  while (ppoll(&ready, 1, &wait, nullptr) > 0 && read(notes_, &note, sizeof note) > 0) {
     if ((note.events & kLost) != 0) lost_areas_ = UINT32_MAX;
     if ((note.events & kAnswer) != 0 && --due_answers_ == 0) return;
     if ((note.events & (kLost | kAnswer)) == 0) take(note);
@@ -248,7 +246,9 @@ bool has_open(const Program& program, int area) {
   if (folder == nullptr) return false;
   bool has = false;
   while (const dirent* entry = readdir(folder)) {
-    has |= area_of_link(dirfd(folder), entry->d_name) == area;
+    char link[sizeof entry->d_name + 24];
+    snprintf(link, sizeof link, "/proc/%u/fd/%s", program.pid, entry->d_name);
+    has |= area_of_link(link) == area;
   }
   closedir(folder);
   return has;

@@ -17,21 +17,11 @@ namespace {
 constexpr int32_t kRefillMs = 12;
 constexpr int kCopies = 100;
 
-/* Room for one record each: one that is seen through absent pages, a copy, and what is kept. */
-struct Room {
-  Buffer seen, copy, kept;
-  void fit(uint32_t size) {
-    if (size <= size_) return;
-    size_ = size;
-    Buffer* const buffers[] = {&seen, &copy, &kept};
-    for (Buffer* buffer : buffers) Buffer(size).swap(*buffer);
-  }
-
- private:
-  uint32_t size_ = 0;
-};
-
-Room g_room;
+/* Room for a record each: one that is seen through absent pages, and later the one that is kept; a
+ * copy; packed fields. What is never written of them takes no memory. */
+struct {
+  uint8_t seen[kLargestRecord], copy[kLargestRecord], kept[kLargestRecord];
+} g_room;
 
 /* Each step is a bijection, so a change of one word alone always changes the sum. */
 uint32_t add_to_sum(uint32_t sum, const uint8_t* bytes, size_t size) {
@@ -113,7 +103,6 @@ void Shown::begin(const Table& table) {
   for (const Field& field : table) size_ += is_kept(field) ? field.size : 0;
   Buffer(table.capacity * size_).swap(kept_);
   Buffer(table.capacity * sizeof(Mark)).swap(marks_);
-  g_room.fit(table.stride);
 }
 
 /* Whether the record was free and is, and leaves no bytes: most of the access points' large records
@@ -122,11 +111,11 @@ bool Shown::is_empty(const Pages& pages, uint32_t position) const {
   if (leaves_bytes() || is_section(*table_) || is_used(position)) return false;
   const auto id_at = static_cast<uint32_t>(table_->id_at);
   const uint32_t at = table_->at + position * table_->stride + id_at;
-  return load_word(pages.see(at, sizeof(int32_t), g_room.seen.data())) == table_->free;
+  return load_word(pages.see(at, sizeof(int32_t), g_room.seen)) == table_->free;
 }
 
 const uint8_t* Shown::see(const Pages& pages, uint32_t position) const {
-  return pages.see(table_->at + position * table_->stride, table_->stride, g_room.seen.data());
+  return pages.see(table_->at + position * table_->stride, table_->stride, g_room.seen);
 }
 
 /* Returns the sum of what is not kept. */
@@ -158,7 +147,7 @@ void Shown::keep(uint32_t position, const uint8_t* record, bool used) {
 }
 
 bool Shown::is_same(uint32_t position, const uint8_t* record) const {
-  uint8_t* packed = g_room.kept.data();
+  uint8_t* packed = g_room.kept;
   return marks()[position].sum == pack(record, packed) && memcmp(at(position), packed, size_) == 0;
 }
 
@@ -197,29 +186,29 @@ uint32_t Shown::look(const Look& look) {
       look.area->look_at(look.now + (age < 1 ? 1 : age < kLongestStepMs ? age : kLongestStepMs));
       continue;
     }
-    const bool used = store::is_used(*table_, g_room.copy.data());
+    const bool used = store::is_used(*table_, g_room.copy);
     count += tell(*look.teller, position, used);
-    keep(position, g_room.copy.data(), used);
+    keep(position, g_room.copy, used);
   }
   return count;
 }
 
 bool Shown::tell(Teller& teller, uint32_t position, bool used) const {
   const bool was = is_used(position);
-  uint8_t* packed = g_room.kept.data();
-  Buffer before(table_->stride); /* zeros now */
-  const uint32_t none = pack(before.data(), packed);
-  const uint32_t is = used ? pack(g_room.copy.data(), packed) : none;
-  unpack(position, before.data());
-  return teller.tell({*table_, position, was ? before.data() : nullptr,
-                      used ? g_room.copy.data() : nullptr,
+  uint8_t* packed = g_room.kept;
+  uint8_t* before = g_room.seen;
+  memset(before, 0, table_->stride);
+  const uint32_t none = pack(before, packed);
+  const uint32_t is = used ? pack(g_room.copy, packed) : none;
+  unpack(position, before);
+  return teller.tell({*table_, position, was ? before : nullptr, used ? g_room.copy : nullptr,
                       is != (was ? marks()[position].sum : none)});
 }
 
 /* A writer holds the byte. So the copy is complete if the byte was not held after it and the record
  * is still equal. */
 bool Shown::copy_whole(const Look& look, uint32_t position, int32_t byte) {
-  uint8_t* copy = g_room.copy.data();
+  uint8_t* copy = g_room.copy;
   for (int n = 0; n < kCopies; ++n) {
     memcpy(copy, see(look.pages, position), table_->stride);
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
@@ -231,7 +220,7 @@ bool Shown::copy_whole(const Look& look, uint32_t position, int32_t byte) {
 
 /* A record that was free and now has only its id is filled next. */
 int32_t Shown::claim_patience(uint32_t position) const {
-  const uint8_t* copy = g_room.copy.data();
+  const uint8_t* copy = g_room.copy;
   if (is_used(position) || !store::is_used(*table_, copy)) return 0;
   if (!is_same(position, copy)) return 0;
   for (const Field& field : *table_) {

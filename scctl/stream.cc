@@ -105,7 +105,8 @@ bool ChangeStream::flush() {
   bool is_there = true;
   while (at < out_.size()) {
     pollfd ready = {STDOUT_FILENO, POLLOUT, 0};
-    if (poll(&ready, 1, 0) <= 0) break;
+    const timespec now = {};
+    if (ppoll(&ready, 1, &now, nullptr) <= 0) break;
     const size_t left = out_.size() - at;
     const ssize_t size = write(STDOUT_FILENO, out_.c_str() + at, left < PIPE_BUF ? left : PIPE_BUF);
     if (size < 0 && (errno == EINTR || errno == EAGAIN)) break;

@@ -438,11 +438,15 @@ void run_command(const char* command, const char* area) {
 
 int run_watch(Call& call) {
   bool chosen[kAreaCount];
-  if (const int status = present_areas(call, chosen); status != kOk) return status;
+  const bool streaming = call.has(kJson) || call.has(kJournalOption);
+  /* A stream without named areas also tells of those that are made later. */
+  const int status = streaming && call.word_count == 0 ? parse_areas(call, true, chosen)
+                                                       : present_areas(call, chosen);
+  if (status != kOk) return status;
   handle_signals();
   const bool journaling = call.has(kJournalOption);
   if (journaling && !(open_state(true) && take_role(Role::kJournal, 1))) {
-    return fail(kNoArea, "the journal is kept by process %d, or %s cannot be used",
+    return fail(kNoArea, "process %d keeps the journal (0: %s cannot be used)",
                 holder_of(Role::kJournal), kStateFolder);
   }
   Watch watch(call.source, call.has(kJson), journaling);

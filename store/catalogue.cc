@@ -302,6 +302,14 @@ constexpr Table kTables[kTableCount] = {
   list_table("clients", FIELDS(kClientMembers, kClientList), sc::kClientList),
 };
 
+consteval bool have_records_at_most(uint32_t size) {
+  for (const Table& table : kTables) {
+    if (table.stride > size) return false;
+  }
+  return true;
+}
+static_assert(have_records_at_most(kLargestRecord));
+
 constexpr Reference kReferences[kReferenceCount] = {
   reference("ip_filter",  sc::kIpFilterMembers,  sc::kIpFilterIpGroup),
   reference("qos",        sc::kQosMembers,       sc::kQosIpGroup),

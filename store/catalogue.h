@@ -85,6 +85,8 @@ struct Table {
 
 constexpr int kTableCount = 24;
 extern const Table kTables[kTableCount];
+/* No record has more bytes. */
+constexpr uint32_t kLargestRecord = 24 * 1024;
 
 /* A rule's reference to a group. It is valid when the mode is 1; for time groups also when it is 2.
  * The deletion of a group deletes the rules of mode last_mode. */

@@ -17,17 +17,21 @@ namespace {
 
 using TraceWatchCostsTest = WatchTest;
 
-/* The memory that a process has for itself: what it allocated. */
+/* The memory that a process has allocated and written. */
 long allocated_kb(pid_t pid) {
   std::ifstream smaps("/proc/" + std::to_string(pid) + "/smaps");
   long all = 0, size = 0;
-  bool is_own = false;
+  bool is_own = false, was_program = false;
   for (std::string line; std::getline(smaps, line);) {
-    char path[256] = "";
+    char path[256] = "", rights[8];
     unsigned long inode;
-    if (sscanf(line.c_str(), "%*x-%*x %*s %*x %*s %lu %255s", &inode, path) >= 1) {
-      is_own = path[0] == '\0' || strcmp(path, "[heap]") == 0;
-    } else if (is_own && sscanf(line.c_str(), "Private_Dirty: %ld", &size) == 1) {
+    if (sscanf(line.c_str(), "%*x-%*x %7s %*x %*s %lu %255s", rights, &inode, path) >= 2) {
+      /* the heap, and what follows the program's own file: its variables */
+      const bool is_program = strstr(path, "/scctl") != nullptr;
+      is_own = is_program || strcmp(path, "[heap]") == 0 || (path[0] == '\0' && was_program);
+      was_program = is_program;
+      is_own = is_own && rights[1] == 'w';
+    } else if (is_own && sscanf(line.c_str(), "Anonymous: %ld", &size) == 1) {
       all += size;
     }
   }

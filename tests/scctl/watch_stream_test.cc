@@ -100,7 +100,9 @@ TEST_F(WatchTest, Json_InitAndRead_AreOneObjectEach) {
   DelAllDhcpStaticItem(lan);
   JsonWatch watch({"Lan"});
   capture([&] { EXPECT_EQ(SC_Init_System_Lan_Config(1), 0); });
+  const double begun = now_ms();
   EXPECT_EQ(watch.rest(), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"lock\"");
+  EXPECT_LT(now_ms() - begun, 700) << "the end of Read is seen";
   rename("live");
   EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"saved1\",\"live\"]"));
   capture([&] { SC_Read_System_Lan_Config(lan); });
@@ -137,6 +139,17 @@ TEST_F(WatchTest, Json_AnAreaThatIsRemovedAndMadeAnew_IsWatchedOn) {
   add(2, "two");
   EXPECT_NE(watch.rest().find("\"table\":\"lan_binds\",\"id\":1,\"what\":\"add\""),
             std::string::npos);
+}
+
+TEST_F(WatchTest, Json_AnAreaThatIsMadeLater_IsToldOf) {
+  ASSERT_EQ(SC_Uninit_System_Lan_Config(), 0);
+  JsonWatch watch({}); /* there is no area at all */
+  lan = started<LanBlock>("Lan");
+  EXPECT_EQ(watch.rest(kSlowMs), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"look\"");
+  pause_ms(1100);
+  rename("one");
+  add(1, "two");
+  EXPECT_NE(watch.rest().find("\"what\":\"add\""), std::string::npos);
 }
 
 /* ---- what does not keep up ---- */

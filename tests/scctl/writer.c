@@ -23,7 +23,8 @@ int main(int argc, char** argv) {
     char byte;
     if (argc > 3 && read(STDIN_FILENO, &byte, 1) != 1) return 1;
     snprintf(record.bind_name, sizeof record.bind_name, "%d.%d", (int)getpid(), n);
-    if (SC_Operate_System_List_DhcpdBind(lan, LIST_OP_MODIFY, &position, &record) != SC_LIST_OK) return 1;
+    if (SC_Operate_System_List_DhcpdBind(lan, LIST_OP_MODIFY, &position, &record) != SC_LIST_OK)
+      return 1;
   }
   return 0;
 }
