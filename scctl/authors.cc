@@ -194,7 +194,6 @@ Authors::~Authors() {
 bool Authors::begin() {
   char self[16] = "", own[16];
   snprintf(own, sizeof own, "%d", static_cast<int>(getpid()));
-  for (Suspect& suspect : suspects_) suspect.area = kAreaCount;
   /* Another namespace's /proc would name other processes. */
   if (readlink("/proc/self", self, sizeof self - 1) < 0) return false;
   errno = ENOENT;
@@ -272,7 +271,7 @@ void Authors::take(const Note& note) {
     lost_areas_ |= 1u << note.area;
     return;
   }
-  if (found->area == kAreaCount) *found = {note.program, note.area, false, false, false, false};
+  if (found->area == kAreaCount) *found = {note.program, note.area};
   const bool is_closed = (note.events & FAN_CLOSE) != 0;
   found->is_fresh = true;
   found->has_written |= (note.events & FAN_CLOSE_WRITE) != 0;
@@ -303,6 +302,7 @@ void Authors::find(AreaId area) {
 
 /* The changes of programs that had closed their files before the look were seen by it. */
 void Authors::end_look(AreaId area) {
+  if (notes_ < 0) return;
   lost_areas_ &= ~(1u << area);
   for (Suspect& suspect : suspects_) {
     if (suspect.area != area || suspect.is_fresh) continue;

@@ -49,9 +49,9 @@ class Authors {
  private:
   static constexpr int kMostSuspects = 64;
   struct Suspect {
-    Program program;
-    uint8_t area; /* kAreaCount: this place is free */
-    bool is_open, may_be_open, has_written, is_fresh;
+    Program program = {};
+    uint8_t area = kAreaCount; /* this place is free */
+    bool is_open = false, may_be_open = false, has_written = false, is_fresh = false;
   };
   /* What the child tells of a process and a lock file. */
   struct Note {
