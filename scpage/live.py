@@ -8,7 +8,7 @@ import time
 from source import Fault, said
 
 TICK = 1.0  # seconds between two signs of life for a tab
-SILENCE = 2.5  # after so many seconds without an answer the source counts as lost
+SILENCE = 2.3  # after so many seconds without an answer the source counts as lost
 RECENT = 200  # changes that a new tab is shown
 LONGEST_QUEUE = 2000  # changes that wait for a tab
 
@@ -74,7 +74,6 @@ class Hub:
         self._wanted = threading.Event()  # there is a tab
         self._asked = threading.Event()  # a look is due now
         self._changed = threading.Event()  # areas and differences are due
-        self._begun = None  # when the look that runs has begun
         self._usual = 0.0  # seconds that a look takes
 
     # ---- for the server ----
@@ -97,6 +96,8 @@ class Hub:
     def open_tab(self):
         tab = Tab()
         with self._lock:
+            if not self._tabs:
+                self._answered = time.monotonic()  # nobody has asked until now
             for name, value in self._latest.items():
                 tab.put(name, value)
             for change in self._recent:
@@ -155,17 +156,21 @@ class Hub:
 
     def _silence(self):
         """Tells when an answer does not come."""
-        while not self._stop.wait(0.25):
-            begun = self._begun
-            if begun is not None and time.monotonic() - begun > max(SILENCE - TICK, 2 * self._usual):
+        while not self._stop.wait(0.1):
+            limit = max(SILENCE, self._pause() + 1.5 * self._usual)
+            if self._wanted.is_set() and time.monotonic() - self._answered > limit:
                 self._missed("no answer")
+
+    def _pause(self):
+        """Seconds between two looks. A slow source is asked less often."""
+        return max(TICK, 1.5 * self._usual)
 
     def _look(self):
         """Locks and the running try. It shows whether the source is there."""
         bounds = None
         while self._wanted.wait() and not self._stop.is_set():
             self._asked.clear()
-            begun = self._begun = time.monotonic()
+            begun = time.monotonic()
             try:
                 locks, running = self.source.look()
                 self._usual = time.monotonic() - begun
@@ -184,10 +189,7 @@ class Hub:
                 self._put("try", running)
             except Fault as fault:
                 self._missed(str(fault))
-            finally:
-                self._begun = None
-            # A slow source is asked less often.
-            self._asked.wait(max(TICK, 2 * (time.monotonic() - begun)))
+            self._asked.wait(self._pause())
 
     def _areas(self):
         """Areas, and what differs from saved and from factory: each takes reading all archives."""

@@ -15,10 +15,12 @@ class Browser:
     """A Chromium with a profile of its own. Requests to anything but this machine are counted by `left`."""
 
     def __init__(self, *options):
-        self._profile = tempfile.mkdtemp(prefix="scpage-chromium-")
+        # In memory, where that is: a private world's /var. Chromium waits for its disk often.
+        self._profile = tempfile.mkdtemp(prefix="scpage-chromium-",
+                                         dir="/var" if os.path.exists("/var/private_world") else None)
         to_read, self._to = os.pipe()
         self._from, to_write = os.pipe()
-        command = ["chromium", "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+        command = ["chromium", "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-software-rasterizer", "--renderer-process-limit=3", "--disable-dev-shm-usage",
                    "--no-first-run", "--disable-background-networking", "--disable-component-update",
                    "--disable-sync", "--disable-extensions", "--disable-default-apps", "--mute-audio",
                    "--force-color-profile=srgb", "--hide-scrollbars", "--js-flags=--expose-gc",
@@ -27,7 +29,8 @@ class Browser:
         # Chromium reads from descriptor 3 and writes to 4.
         script = 'exec 3<&%d 4>&%d; exec "$@"' % (to_read, to_write)
         self._child = subprocess.Popen(["bash", "-c", script, "bash", *command],
-                                       pass_fds=(to_read, to_write), stdin=subprocess.DEVNULL,
+                                       pass_fds=(to_read, to_write),
+                                       env={**os.environ, "HOME": self._profile}, stdin=subprocess.DEVNULL,
                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         os.close(to_read)
         os.close(to_write)

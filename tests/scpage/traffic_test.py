@@ -14,7 +14,7 @@ import world
 from browser import Browser
 from world import Page, fresh_areas, scctl
 
-SECONDS = int(os.environ.get("SC_TEST_PAGE_SECONDS", 4))
+SECONDS = int(os.environ.get("SC_TEST_PAGE_SECONDS", 3))
 RATE = 50
 MOST_MS = 200
 
@@ -75,7 +75,7 @@ class Traffic(unittest.TestCase):
             scctl("batch", given="".join("set aps/%d group_info=full\n" % (first + n) for n in range(25)).encode())
             time.sleep(0.1)
         tab.wait("log.length === LOG_SIZE && marked.size === 0")
-        changed = change_for(2)
+        changed = change_for(1)
         time.sleep(1.5)
         heap, nodes = tab.heap()
         server = resident(page.child.pid)
@@ -86,10 +86,10 @@ class Traffic(unittest.TestCase):
         more_server = resident(page.child.pid)
         print("%d changes in %d s, %d shown; behind: median %d ms, 99 %% %d ms, most %d ms; "
               "script's heap %d -> %d KB, nodes %d -> %d, server %d -> %d KB" % (
-                  changed, SECONDS + 2, len(late), late[len(late) // 2], late[len(late) * 99 // 100], late[-1],
+                  changed, SECONDS + 1, len(late), late[len(late) // 2], late[len(late) * 99 // 100], late[-1],
                   heap // 1024, grown // 1024, nodes, more_nodes, server, more_server))
         self.assertEqual(len(late), changed)
-        self.assertLessEqual(late[len(late) * 99 // 100], MOST_MS)
+        self.assertLessEqual(late[-1], MOST_MS)
         self.assertLess(grown, heap * 1.1 + (200 << 10))
         self.assertLess(more_nodes, nodes * 1.1)
         self.assertLess(more_server, server * 1.05 + 1024)

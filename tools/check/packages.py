@@ -84,7 +84,7 @@ def check_content(suite, path, architecture, listed):
 
     wrong = [member.name for member in content if member.uid or member.gid or
              not member.issym() and member.mode != (
-                 0o755 if member.isdir() or re.search("/s?bin/", member.name) else 0o644)]
+                 0o755 if member.isdir() or re.search("/s?bin/|/private_world$", member.name) else 0o644)]
     suite.verdict(not wrong, "owners and modes in " + what, " ".join(wrong))
 
     for member in members:
