@@ -81,7 +81,7 @@ class Shown(InBrowser):
         tab = self.open(page, "#/t/lan_binds")
         scctl("set", "lan_binds/2", "name=moved")
         tab.wait("document.querySelector('main tbody').rows[1].innerText.includes('moved')", 2)
-        tab.wait("document.querySelector('#stream li').innerText.includes('camera → moved')", 2)
+        tab.wait("document.querySelector('#stream li').textContent.includes('camera → moved')", 2)
         scctl("add", "lan_binds/9", "mac=00:11:22:33:44:59", "ip=192.168.1.29")
         tab.wait("document.querySelector('main tbody').rows.length === 3")
         scctl("del", "lan_binds/1")
@@ -120,7 +120,7 @@ class Shown(InBrowser):
         self.assertNotIn("not in", tab.run("document.getElementById('main').innerText"))
         tab.run("passOn({what: 'lost', count: 1, time: new Date().toISOString()})")
         tab.wait("document.getElementById('main').innerText.includes('not in the stream')")
-        tab.wait("document.getElementById('stream').innerText.includes('1 changes were not seen')")
+        tab.wait("document.getElementById('stream').textContent.includes('1 changes were not seen')")
 
     def test_search_and_filter_leave_what_has_the_text(self):
         page = self.start()
@@ -136,7 +136,7 @@ class Shown(InBrowser):
         scctl("set", "lan_binds/1", "name=x")
         scctl("set", "aps/1", "group_info=hall")
         tab.wait("document.querySelectorAll('#stream li').length === 1")
-        self.assertIn("lobby → hall", tab.run("document.getElementById('stream').innerText"))
+        self.assertIn("lobby → hall", tab.run("document.getElementById('stream').textContent"))
 
     def test_each_field_has_its_bytes_beside_it(self):
         page = self.start()
@@ -202,7 +202,7 @@ class Hostile(InBrowser):
             self.assertIn(HOSTILE[:6], " ".join(tab.run("[...document.querySelectorAll('main td input')].map((i) => i.value)")))
         scctl("set", "lan_binds/10", "name=%s" % HOSTILE)
         self.go(tab, "#/")
-        tab.wait("document.getElementById('stream').innerText.includes('<img src=x')")
+        tab.wait("document.getElementById('stream').textContent.includes('<img src=x')")
         tab.wait("document.getElementById('main').innerText.includes('<img src=x')")
         self.assertEqual(tab.run("[typeof pwned, document.querySelectorAll('img, iframe, svg, body script').length]"),
                          ["undefined", 0])
