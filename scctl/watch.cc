@@ -112,9 +112,14 @@ class Events {
               inotify_ < 0 ? "inotify" : kLockFolder, strerror(error_));
   }
 
-  /* Waits for events, for a signal that ends the program, until output can be written if there is
-   * any, or until the given time. Marks the areas to compare. */
-  void wait(int64_t until, bool has_output, Watched* areas) {
+  enum class Output : uint8_t {
+    kIgnored,
+    kEmpty, /* the program ends when its reader is gone */
+    kWaits  /* for the reader, too */
+  };
+  /* Waits for events, for a signal that ends the program, for the reader of the output, or until
+   * the given time. Marks the areas to compare. */
+  void wait(int64_t until, Output output, Watched* areas) {
     const auto pause = static_cast<int32_t>(until - now_ms()); /* no 64-bit division */
     timespec timeout = {};
     if (pause > 0) {
@@ -125,9 +130,12 @@ class Events {
     sigemptyset(&ending);
     for (const int number : kEnding) sigaddset(&ending, number);
     sigprocmask(SIG_BLOCK, &ending, &before);
-    pollfd events[] = {{inotify_, POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}};
-    const bool any = g_ended == 0 && ppoll(events, has_output ? 2 : 1, &timeout, &before) > 0;
+    pollfd events[] = {{inotify_, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    if (output == Output::kWaits) events[1].events = POLLOUT;
+    const nfds_t count = output == Output::kIgnored ? 1 : 2;
+    const bool any = g_ended == 0 && ppoll(events, count, &timeout, &before) > 0;
     sigprocmask(SIG_SETMASK, &before, nullptr);
+    if ((events[1].revents & (POLLERR | POLLHUP)) != 0) g_ended = 1;
     if (!any || events[0].revents == 0) return;
     pause_ms(kSettleMs);
     alignas(inotify_event) char bytes[4096];
@@ -232,7 +240,11 @@ class Watch final : private Teller {
     for (const Watched& area : areas_) {
       if (area.chosen && area.due < until) until = area.due;
     }
-    events_.wait(until, stream_.has_unsent(), areas_);
+    using Output = Events::Output;
+    const Output output = !printing_             ? Output::kIgnored
+                          : stream_.has_unsent() ? Output::kWaits
+                                                 : Output::kEmpty;
+    events_.wait(until, output, areas_);
   }
 
   /* Compares the areas that are due and prints differences. Sets `changed` for areas that have
