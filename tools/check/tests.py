@@ -79,10 +79,11 @@ def run_box(suite):
 
 
 def check_device(suite):
-    """The router from boot to boot, and how long the end of a try takes."""
+    """The router from boot to boot, how long the end of a try takes, and the start with an overlay."""
     suite.run(["tests/device_runs_test.sh"],
               check="each boot lists what was saved or confirmed before, ended runs leave nothing")
     suite.run(["device/try_times"], check="a try of 300 records is taken back in time")
+    suite.run(["device/overlay_start"], check="an overlay of 500 fields is read in time")
 
 
 def check_powercuts(suite):
