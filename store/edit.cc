@@ -406,14 +406,21 @@ void choose_bytes(const Change& change, const uint8_t* now, uint32_t at, uint32_
 void choose_fields(const Change& change, const uint8_t* now, Mask* back, Mask* stays) {
   for (const Field& field : view_of(*change.table, change.position, now)) {
     const uint32_t end = field.record_at + uint32_t{field.size};
-    const bool is_opaque = field.kind == Kind::kBytes;
-    const uint32_t unit = is_opaque ? 1 : field.size;
-    for (uint32_t at = field.record_at; at < end; at += unit) {
-      choose_bytes(change, now, at, at + unit, back, stays);
+    const uint8_t* mask = change.mask.data();
+    if (field.kind != Kind::kBytes) {
+      if (next_run(mask, field.record_at, end).size == 0) continue;
+      choose_bytes(change, now, field.record_at, end, back, stays);
+      continue;
+    }
+    for (uint32_t at = field.record_at; (at = next_run(mask, at, end).at) < end; ++at) {
+      choose_bytes(change, now, at, at + 1, back, stays);
     }
   }
-  for (uint32_t at = 0; at < change.table->stride; ++at) {
-    if (stays->bytes()[at] != 0) back->bytes()[at] = 0;
+  const uint32_t size = change.table->stride;
+  const uint8_t* staying = stays->bytes();
+  for (Run run = next_run(staying, 0, size); run.size != 0;
+       run = next_run(staying, run.end(), size)) {
+    memset(back->bytes() + run.at, 0, run.size);
   }
 }
 

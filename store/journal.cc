@@ -29,7 +29,13 @@ void end_chunk(Chunk chunk, size_t start, Text* to) {
 }  // namespace
 
 Run next_run(const uint8_t* mask, uint32_t at, uint32_t end) {
-  while (at < end && mask[at] == 0) ++at;
+  /* Most of a mask is zeros, which are passed a word at a time. */
+  constexpr uint32_t kWord = sizeof(uint32_t);
+  while (at < end && mask[at] == 0) {
+    ++at;
+    if (at % kWord != 0) continue;
+    while (end - at >= kWord && *reinterpret_cast<const uint32_t*>(mask + at) == 0) at += kWord;
+  }
   uint32_t behind = at;
   while (behind < end && mask[behind] != 0) ++behind;
   return {at, behind - at};

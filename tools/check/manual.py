@@ -58,11 +58,18 @@ def check_commands(suite):
         text = output([scctl, name, "--help"])
         usage = re.match(r"usage: scctl (.*)\n", text)[1]
         words = re.sub(r" \[OPTION\]\.\.\.", "", usage)
-        suite.verdict(any(re.match(" {7}%s( |$)" % re.escape(words), line) for line in lines),
+        # Each of several forms may have a paragraph of its own.
+        forms = ["%s %s" % (name, form) for form in words.removeprefix(name + " ").split("|")]
+        suite.verdict(has(lines, words) or (len(forms) > 1 and all(has(lines, form) for form in forms)),
                       "scctl(1) on %s" % name, words)
         for option in re.findall(r"^  (--[\w-]+)", text, re.M):
             suite.verdict(any(re.search(re.escape(option) + r"\b", line) for line in lines),
                           "scctl(1) on %s of %s" % (option, name))
+
+
+def has(lines, words):
+    """Whether a paragraph of the page begins with these words."""
+    return any(re.match(" {7}%s( |$)" % re.escape(words), line) for line in lines)
 
 
 def said(command):
