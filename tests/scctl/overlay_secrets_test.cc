@@ -245,9 +245,10 @@ TEST_F(OverlaySecretsTest, ASecretWhoseConditionFails_StaysOneAmongTheSpares) {
   expect_hidden(run(with({"export", "Wan"})).out, "export");
   /* The log keeps the words of an edit. */
   settings[0] = 0;
-  EXPECT_EQ(run(with({"set", "wan/1", "spare_8=6162", "spare_5=09"})), (Outcome{0, "", ""}));
+  EXPECT_EQ(run(with({"set", "wan/1", "spare_8=6162", "spare_5=09", "spare_33=0a"})),
+            (Outcome{0, "", ""}));
   const std::string log = run(with({"log"})).out;
-  EXPECT_NE(log.find("'spare_8=<secret>' 'spare_5=09'"), std::string::npos) << log;
+  EXPECT_NE(log.find("'spare_8=<secret>' 'spare_5=09' 'spare_33=0a'"), std::string::npos) << log;
 }
 
 TEST_F(OverlaySecretsTest, ANumberThatDoesNotFit_IsNotTold) {
