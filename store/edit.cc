@@ -336,11 +336,15 @@ Written Edit::change(const Table& table, uint32_t position, const uint8_t* recor
   if (!is_used(table, to)) return Written::kNotUsed;
   if (expected != nullptr && !has_equal_fields(table, to, expected)) return Written::kChanged;
   Buffer merged;
-  if (mask.is_partial()) {
+  if (mask.is_partial() || is_covered(table)) {
     /* The other bits of a byte are those of now, under the lock. */
     Buffer(table.stride).swap(merged);
     memcpy(merged.data(), to, table.stride);
     mask.merge(merged.data(), record);
+    /* What was written under its names has them still. */
+    if (&view_of(table, position, record) != &view_of(table, position, merged.data())) {
+      return Written::kChanged;
+    }
     record = merged.data();
   }
   if (g_journal != nullptr) {
@@ -668,10 +672,6 @@ int set_record(Source& live, const Table& table, uint32_t id, const uint8_t* rec
     }
   }
   mask.merge(wanted.data(), record);
-  /* What was written under its names has them still. */
-  if (&view_of(table, id - 1, record) != &view_of(table, id - 1, wanted.data())) {
-    return fail_written(table, id, Written::kChanged);
-  }
   if (has_key) {
     if (const int status = refuse_clash(now, wanted.data(), static_cast<int>(id - 1), spelling);
         status != kOk) {

@@ -388,7 +388,7 @@ class OverlayReader {
       case kOrder: return order(&extra.is_big);
       case kUnit: return text(&extra.unit);
       case kRange: return range(member);
-      case kPattern: return text(&extra.pattern);
+      case kPattern: return text(&extra.pattern) && check_pattern(extra.pattern);
       case kIsSecret: return flag(&extra.is_secret);
       case kDefault: {
         Text value;
@@ -454,6 +454,23 @@ class OverlayReader {
     return true;
   }
 
+  /* regcomp calls itself for each parenthesis, and copies what a count repeats. */
+  bool check_pattern(const char* pattern) {
+    constexpr uint64_t kLongest = 255, kMostCopied = 1 << 18;
+    uint64_t copied = strlen(pattern);
+    bool good = copied <= kLongest;
+    for (const char* at = strchr(pattern, '{'); good && at != nullptr; at = strchr(at + 1, '{')) {
+      char* end;
+      int64_t least = 1, most = 1;
+      if (read_number(at + 1, &end, false, 16, &least) || *end == ',') {
+        if (*end != ',' || !read_number(end + 1, &end, false, 16, &most)) most = least;
+      }
+      copied *= static_cast<uint64_t>(most > 0 ? most : 1);
+      good = copied <= kMostCopied;
+    }
+    return good || refuse("the pattern is too large");
+  }
+
   bool conditions(const Condition** to) {
     *to = nullptr;
     return each_member([&](const char* name) {
@@ -466,7 +483,8 @@ class OverlayReader {
       for (bool first = true; json_->next(']', &first);) {
         if (!alternative(condition)) return false;
       }
-      return !json_->failed() || refuse_json();
+      if (json_->failed()) return refuse_json();
+      return condition->values != nullptr || refuse("a condition needs a value");
     });
   }
 

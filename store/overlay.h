@@ -77,7 +77,7 @@ class Overlays {
   const Table& find_view(const Table& table, int position, const uint8_t* record);
   View* make_view(const Table& table, const uint16_t* key, uint32_t key_size, bool is_of_all);
   void evaluate(const Attachment& attachment, const uint8_t* record, uint16_t* values) const;
-  void add_spares(View* view, const Field& field, const uint8_t* named);
+  void add_spares(View* view, const Field& field, const uint8_t* named, const uint8_t* secret);
   const char* spare_name(uint32_t at);
   bool attach(Model* model, Text* fault);
   void detach(const Model* model);
@@ -95,6 +95,7 @@ class Overlays {
 };
 
 /* spare_N: the name of bytes that no member names. */
+inline constexpr char kSpare[] = "spare_";
 bool is_spare_name(const char* name);
 
 /* Null: none. */

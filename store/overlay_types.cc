@@ -360,8 +360,10 @@ bool find_place(const char* path, Attachment* to) {
 }  // namespace
 
 bool is_spare_name(const char* name) {
-  if (strncmp(name, "spare_", 6) != 0) return false;
-  return name[6] != '\0' && name[6 + strspn(name + 6, "0123456789")] == '\0';
+  constexpr size_t kAhead = sizeof kSpare - 1;
+  if (strncmp(name, kSpare, kAhead) != 0) return false;
+  name += kAhead;
+  return *name != '\0' && name[strspn(name, "0123456789")] == '\0';
 }
 
 bool Overlays::attach(Model* model, const Place& place, Attachment* attachment, Text* fault) {

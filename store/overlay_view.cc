@@ -65,14 +65,19 @@ void free_view(View* view) {
   free(view);
 }
 
+/* Marks the bits of a field, in bytes that begin at `from` of the record. */
+void add_bits(const Field& field, uint32_t from, Buffer* bits) {
+  for (uint32_t n = 0; n < field.size; ++n) {
+    bits->data()[field.record_at - from + n] |= mask_at(field, n);
+  }
+}
+
 /* Members whose bits are partly those of a secret are secret, too. True when there is a secret. */
 bool spread_secrets(Field* first, Field* end, uint32_t from, Buffer* bits) {
   bool any = false;
   for (const Field* field = first; field < end; ++field) {
     any |= field->is_secret;
-    for (uint32_t n = 0; n < field->size && field->is_secret; ++n) {
-      bits->data()[field->record_at - from + n] |= mask_at(*field, n);
-    }
+    if (field->is_secret) add_bits(*field, from, bits);
   }
   for (Field* field = first; field < end && any; ++field) {
     for (uint32_t n = 0; n < field->size; ++n) {
@@ -170,7 +175,7 @@ const char* Overlays::spare_name(uint32_t at) {
   while (*place != nullptr && (*place)->at < at) place = &(*place)->next;
   if (*place != nullptr && (*place)->at == at) return (*place)->name;
   Text name;
-  name.print("spare_%u", at);
+  name.print("%s%u", kSpare, at);
   auto* made = arena_.make<SpareName>();
   made->at = at;
   made->name = arena_.keep(name.c_str());
@@ -179,8 +184,11 @@ const char* Overlays::spare_name(uint32_t at) {
   return made->name;
 }
 
-/* What no member names: runs of whole bytes, and bytes of which some bits are left. */
-void Overlays::add_spares(View* view, const Field& field, const uint8_t* named) {
+/* What no member names: runs of whole bytes, and bytes of which some bits are left. Where a secret
+ * stands under another condition, it may be left from then: these bytes are secret, in runs of their
+ * own. */
+void Overlays::add_spares(View* view, const Field& field, const uint8_t* named,
+                          const uint8_t* secret) {
   if (spare_masks_ == nullptr) {
     spare_masks_ = static_cast<const Extra**>(arena_.take(256 * sizeof(void*)));
   }
@@ -190,7 +198,10 @@ void Overlays::add_spares(View* view, const Field& field, const uint8_t* named) 
     if (left == 0) continue;
     Field spare = field;
     if (left == 0xff) {
-      while (at + size < field.size && named[at + size] == 0) ++size;
+      while (at + size < field.size && named[at + size] == 0 &&
+             (secret[at + size] != 0) == (secret[at] != 0)) {
+        ++size;
+      }
     } else {
       if (spare_masks_[left] == nullptr) {
         auto* extra = arena_.make<Extra>();
@@ -204,6 +215,7 @@ void Overlays::add_spares(View* view, const Field& field, const uint8_t* named) 
     spare.record_at = static_cast<uint16_t>(field.record_at + at);
     spare.size = static_cast<uint16_t>(size);
     spare.name = spare.member = spare_name(spare.record_at);
+    spare.is_secret = (secret[at] & left) != 0;
     add_field(view, spare);
   }
 }
@@ -222,7 +234,7 @@ View* Overlays::make_view(const Table& table, const uint16_t* key, uint32_t key_
   for (const Field& field : table) {
     const int first = view->table.field_count;
     uint8_t& fate = fates.data()[&field - table.fields];
-    Buffer named(field.size), secret(field.size);
+    Buffer named(field.size), secret(field.size), ever_secret(field.size);
     const uint16_t* values = key + 1;
     for (const Attachment* a = attachments_; a != nullptr; a = a->next) {
       if (a->table != &table) continue;
@@ -232,17 +244,16 @@ View* Overlays::make_view(const Table& table, const uint16_t* key, uint32_t key_
       fate = kHidden;
       const int known = view->table.field_count;
       for (const Node* node = a->nodes; node != nullptr; node = node->next) {
-        if (own[node->guard] <= node->index) continue;
         Field made = node->field;
+        if (made.is_secret) add_bits(made, field.record_at, &ever_secret);
+        if (own[node->guard] <= node->index) continue;
         if (node->is_counted) made.size = static_cast<uint16_t>(made.width * own[node->guard]);
         bool is_known = false;
         for (int n = first; n < known; ++n) {
           is_known |= strcmp(view->fields[n].name, made.name) == 0;
         }
         if (is_known) continue;
-        for (uint32_t n = 0; n < made.size; ++n) {
-          named.data()[made.record_at - field.record_at + n] |= mask_at(made, n);
-        }
+        add_bits(made, field.record_at, &named);
         add_field(view, made);
       }
     }
@@ -250,7 +261,7 @@ View* Overlays::make_view(const Table& table, const uint16_t* key, uint32_t key_
       add_field(view, field);
       continue;
     }
-    if (!is_of_all) add_spares(view, field, named.data());
+    if (!is_of_all) add_spares(view, field, named.data(), ever_secret.data());
     if (spread_secrets(view->fields + first, view->fields + view->table.field_count,
                        field.record_at, &secret)) {
       fate = kSecretHidden;
@@ -364,7 +375,14 @@ const Field* Overlays::find_condition(const Table& table, uint32_t position,
 }
 
 bool Overlays::is_secret(const char* name, size_t length) {
+  Text whole;
+  whole.add(name, length);
+  const int spare = is_spare_name(whole.c_str()) ? atoi(whole.c_str() + strlen(kSpare)) : -1;
   for (const Attachment* a = attachments_; a != nullptr; a = a->next) {
+    for (const Node* node = a->nodes; node != nullptr; node = node->next) {
+      const int place = spare - node->field.record_at;
+      if (node->field.is_secret && place >= 0 && place < node->field.size) return true;
+    }
     const Table& all = names(*a->table, a->id == 0 ? -1 : static_cast<int>(a->id) - 1);
     const Field* field = find_field(all, name, length);
     if (field != nullptr && field->is_secret) return true;

@@ -93,7 +93,9 @@ int parse_numbers(const Table& table, const Field& field, const char* text, size
        name != nullptr; name = name->next) {
     if (strcmp(name->name, text) != 0) continue;
     store_value(field, to, static_cast<uint64_t>(name->number));
-    return kOk;
+    if (load_value(field, to) == name->number) return kOk;
+    return fail(kRefused, "%s.%s: '%s' needs more than %d bits", table.name, field.name,
+                shown_value(field, text), bits);
   }
   for (size_t n = 0; n < count; ++n, ++at) {
     char* rest;
@@ -110,8 +112,10 @@ int parse_numbers(const Table& table, const Field& field, const char* text, size
       const uint64_t high = 1ULL << (bits - 1);
       Text least;
       if (is_signed) least.print("-%llu", static_cast<unsigned long long>(high));
-      return fail(kRefused, "%s.%s: %.*s is not within %s to %llu", table.name, field.name,
-                  static_cast<int>(rest - at), at, is_signed ? least.c_str() : "0",
+      Text given;
+      given.add(at, static_cast<size_t>(rest - at));
+      return fail(kRefused, "%s.%s: %s is not within %s to %llu", table.name, field.name,
+                  shown_value(field, given.c_str()), is_signed ? least.c_str() : "0",
                   static_cast<unsigned long long>(is_signed ? high - 1 : high - 1 + high));
     }
     store_value(field, to + n * field.width, static_cast<uint64_t>(value));
@@ -434,7 +438,8 @@ void format_assignment(const Field& field, const uint8_t* record, bool checked, 
     to->print(quoted ? "='%s'" : "=%s", kSecret);
     return;
   }
-  const bool is_refused = find_fault(field, record) != nullptr;
+  /* edit takes a line back as it was shown, also one that cannot be typed. */
+  const bool is_refused = quoted && find_fault(field, record) != nullptr;
   if (!is_text(field) && !is_refused) {
     to->add('=');
     format(field, record, to);

@@ -85,6 +85,23 @@ TEST_F(OverlayTest, AnUnknownNumberOfAnEnum_IsShownAndTakenBack) {
             "scctl: stdin:4: wan.mode: 'dhcq' is not a number\n");
 }
 
+TEST_F(OverlayTest, ANameWhoseNumberDoesNotFit_IsRefused) {
+  const std::string overlay = use(
+      R"({"overlay": 1, "enums": {"e": {"small": 44, "big": 300, "two": 2, "six": 6}},
+          "types": {"t": {"size": 8, "members": {
+            "a": {"at": 0, "kind": "enum", "size": 1, "names": "e"},
+            "b": {"at": 1, "kind": "bit", "bit": 0, "width": 2, "names": "e"}}}},
+          "at": {"Wan.sections/1.settings": "t"}})");
+  const auto with = [&](const Words& words) { return scctl(with_overlay(words, overlay)); };
+  EXPECT_EQ(run(with({"set", "wan/1", "a=small"})), (Outcome{0, "", ""}));
+  EXPECT_EQ(run(with({"set", "wan/1", "a=big"})),
+            (Outcome{1, "", "scctl: wan.a: 'big' needs more than 8 bits\n"}));
+  EXPECT_EQ(run(with({"set", "wan/1", "b=six"})),
+            (Outcome{1, "", "scctl: wan.b: 'six' needs more than 2 bits\n"}));
+  EXPECT_EQ(run(with({"set", "wan/1", "b=two"})), (Outcome{0, "", ""}));
+  EXPECT_EQ(run(with({"get", "wan/1.b"})).out, "two\n");
+}
+
 TEST_F(OverlayTest, ANameThatIsTaken_HasItsFieldInFront) {
   const std::string overlay = use(
       R"({"overlay": 1, "types": {"t": {"size": 8, "members": {
@@ -166,6 +183,30 @@ TEST_F(OverlayTest, WhatIsNoOverlay_IsRefusedByOneLine) {
             (Outcome{1, "", "scctl: /var/none.json: No such file or directory\n"}));
   EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1"}, "/var"))).err,
             "scctl: /var: no file of at most 256 KB\n");
+}
+
+TEST_F(OverlayTest, APatternThatIsTooLarge_IsRefusedByOneLine) {
+  const auto with = [](const std::string& pattern) {
+    return overlay_of(R"("a": {"at": 0, "kind": "text", "size": 64, "pattern": ")" + pattern +
+                      "\"}");
+  };
+  for (const std::string& pattern :
+       {std::string(60000, '('), std::string(256, 'a'), std::string("((a{1,99}){1,99}){1,99}"),
+        std::string("((a{99,}){99}){99,}"), std::string("((a{,99}){,99}){,99}")}) {
+    EXPECT_EQ(refused(with(pattern)), "scctl: /var/other.json:1: the pattern is too large\n");
+  }
+  for (const std::string& pattern :
+       {std::string(255, 'a'), std::string("^([ -~]{8,63}|[0-9a-fA-F]{64})$"),
+        std::string("a{0}a{x}a{,}a{1,}")}) {
+    EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.a"}, use(with(pattern))))),
+              (Outcome{0, "\n", ""}));
+  }
+}
+
+TEST_F(OverlayTest, AConditionWithoutAValue_IsRefusedByOneLine) {
+  EXPECT_EQ(refused(overlay_of(R"("a": {"at": 0, "kind": "unsigned", "size": 1, "if": {"b": []}},
+                                  "b": {"at": 1, "kind": "unsigned", "size": 1})")),
+            "scctl: /var/other.json:1: a condition needs a value\n");
 }
 
 TEST_F(OverlayTest, WhatLiesOutside_IsRefusedByOneLine) {

@@ -203,6 +203,66 @@ TEST_F(OverlaySecretsTest, AMemberThatSharesBytesWithASecret_IsOneToo) {
   EXPECT_NE(run(words).out.find("\"psk\": null, \"raw\": null, \"other\": 0"), std::string::npos);
 }
 
+/* The password of a mode that is off stays in its bytes. */
+TEST_F(OverlaySecretsTest, ASecretWhoseConditionFails_StaysOneAmongTheSpares) {
+  memset(block("Wan") + kWan, 0, 956);
+  const std::string overlay = use(overlay_of(R"(
+      "mode": {"at": 0, "kind": "unsigned", "size": 1},
+      "user": {"at": 1, "kind": "bytes", "size": 3, "if": {"mode": 1}},
+      "psk": {"at": 4, "kind": "text", "size": 16, "secret": true, "if": {"mode": 1}},
+      "keys": {"at": 20, "kind": "unsigned", "size": 4, "count": 2, "used": "mode", "secret": true},
+      "bits": {"at": 28, "kind": "bit", "bit": 1, "width": 2, "secret": true, "if": {"mode": 1}},
+      "low": {"at": 28, "kind": "bit", "bit": 0, "width": 1})"));
+  uint8_t* settings = block("Wan") + kWan;
+  memcpy(settings + 1, "\1\2\3", 3);
+  memcpy(settings + 4, kPlanted, strlen(kPlanted));
+  memcpy(settings + 20, "\xde\xad\xbe\xef\xde\xad\xbe\xef", 8);
+  settings[28] = 0x87;
+  const Image before = image("Wan");
+  const auto with = [&](const Words& words) { return scctl(with_overlay(words, overlay)); };
+  for (const Words& words : {Words{"get", "wan/1"},
+                             {"get", "wan/1", "--json"},
+                             {"get", "wan/1.settings"},
+                             {"get", "wan/1.spare_8"},
+                             {"list", "wan", "--commands"},
+                             {"export", "Wan"},
+                             {"dump", "Wan"}}) {
+    expect_hidden(run(with(words)).out, words[1]);
+  }
+  EXPECT_EQ(run(with({"get", "wan/1"})).out,
+            "mode            0\nlow             1\nspare_5         3/3 bytes\n"
+            "spare_8         <secret>\nspare_32        <secret>\nspare_33        0/927 bytes\n");
+  EXPECT_EQ(run(with({"get", "wan/1.spare_5"})).out, "010203\n");
+  EXPECT_EQ(run(with({"get", "wan/1.spare_8", "--secrets"})).out,
+            std::string(kHex) + "0000deadbeefdeadbeef\n");
+  EXPECT_EQ(run(with({"import", "-"}), run(with({"export", "Wan"})).out).out,
+            "tables changed: 0\n");
+  EXPECT_TRUE(before.matches(block("Wan")));
+  /* Of the list, what is used and what is left are both secret. */
+  settings[0] = 1;
+  EXPECT_NE(run(with({"get", "wan/1"})).out.find("\nkeys            <secret>\n"),
+            std::string::npos);
+  expect_hidden(run(with({"export", "Wan"})).out, "export");
+  /* The log keeps the words of an edit. */
+  settings[0] = 0;
+  EXPECT_EQ(run(with({"set", "wan/1", "spare_8=6162", "spare_5=09", "spare_33=0a"})),
+            (Outcome{0, "", ""}));
+  const std::string log = run(with({"log"})).out;
+  EXPECT_NE(log.find("'spare_8=<secret>' 'spare_5=09' 'spare_33=0a'"), std::string::npos) << log;
+}
+
+TEST_F(OverlaySecretsTest, ANumberThatDoesNotFit_IsNotTold) {
+  const std::string overlay =
+      use(overlay_of(R"("pin": {"at": 0, "kind": "unsigned", "size": 2, "secret": true})"));
+  const auto with = [&](const Words& words) { return scctl(with_overlay(words, overlay)); };
+  EXPECT_EQ(run(with({"set", "wan/1", "pin=70123"})).err,
+            "scctl: wan.pin: <secret> is not within 0 to 65535\n");
+  EXPECT_EQ(run(with({"import", "-"}), R"({"Wan": {"wan": [{"id": 1, "pin": 70123}]}})").err,
+            "scctl: stdin:1: wan.pin: <secret> is not within 0 to 65535\n");
+  EXPECT_EQ(run(with({"set", "wan/1", "pin=70123", "--secrets"})).err,
+            "scctl: wan.pin: 70123 is not within 0 to 65535\n");
+}
+
 TEST_F(OverlaySecretsTest, AnotherFile_TakesAMarkBack) {
   write_file("/var/second.json", R"({"overlay": 1, "completes": "vendor.json", "types": {
       "wan_section": {"members": {"psk": {"secret": false}}}}})");

@@ -224,6 +224,10 @@ TEST_F(OverlayTest, AFolder_IsTakenBesidesAndABadFileOfItIsLeftOut) {
             (Outcome{0, "0\n0\ncommands done: 2\n",
                      "scctl: /etc/sysconfig/overlays/a.json:2: expected a string; the file is left "
                      "out\n"}));
+  const std::string other = use(
+      R"({"overlay": 1, "types": {"t": {"size": 1}}, "at": {"ManageApList.aps.opaque_11800": "t"}})");
+  EXPECT_EQ(run(words, "get wan/1.mtu --overlay " + other + "\nget wan/1.mtu\n").out,
+            "0\n0\ncommands done: 2\n");
 }
 
 TEST_F(OverlayTest, ABatch_HasTheOverlaysOfItsCallAndALineItsOwn) {

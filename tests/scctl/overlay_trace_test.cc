@@ -70,5 +70,21 @@ TEST_F(TraceOverlayTest, AConditionThatChangesBeforeTheAreaIsHeld_StopsTheChange
   EXPECT_EQ(block("Wan")[kWan + 160], 0);
 }
 
+/* The same for the record: the condition that counts is the one under its lock. */
+TEST_F(TraceOverlayTest, AConditionThatChangesBeforeTheRecordIsHeld_StopsTheChange) {
+  make_section();
+  shown({"set", "wan/1", "mode=pppoe"});
+  const Outcome outcome =
+      trace(scctl(with_overlay({"set", "wan/1", "peer=10.0.0.1"})), [&](const SystemCall& call) {
+        const LockCall lock = lock_call(call);
+        if (!call.is_done && lock.is_lock && lock.first == 2 && lock.waits) {
+          block("Wan")[kWan + 8] = 1;
+        }
+        return Fate{};
+      });
+  EXPECT_EQ(outcome, (Outcome{1, "", "scctl: wan/1 was changed by another program meanwhile\n"}));
+  EXPECT_EQ(block("Wan")[kWan + 160], 0);
+}
+
 }  // namespace
 }  // namespace sc_test
