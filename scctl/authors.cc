@@ -186,9 +186,12 @@ void Authors::run_child(int events, int in, int out) {
 
 /* ---- the watch ---- */
 
-Authors::~Authors() {
+Authors::~Authors() { end(); }
+
+void Authors::end() {
   if (asks_ >= 0) close(asks_);
   if (notes_ >= 0) close(notes_);
+  asks_ = notes_ = -1;
 }
 
 bool Authors::begin() {
@@ -219,9 +222,13 @@ bool Authors::begin() {
 /* Takes all notes about what happened before this call. */
 void Authors::ask(char what) {
   if (notes_ < 0) return;
-  if (write(asks_, &what, 1) == 1) ++due_answers_;
+  const bool is_asked = write(asks_, &what, 1) == 1;
+  due_answers_ += is_asked;
   take(kAnswerMs);
-  if (due_answers_ != 0) lost_areas_ = UINT32_MAX;
+  if (due_answers_ != 0 || !is_asked) lost_areas_ = UINT32_MAX;
+  if (is_asked) return;
+  fputs("authors are no longer known: the process that looks for them has ended\n", stderr);
+  end();
 }
 
 void Authors::follow() { ask('f'); }

@@ -54,16 +54,28 @@ class Draft {
     setenv("SCCTL_EDIT", path_.c_str(), 1);
     fflush(stdout);
     signal(SIGCHLD, SIG_DFL); /* if it were ignored, system could not return how the editor ended */
-    if (system(command.c_str()) != 0) return fail(kRefused, "the editor failed");
+    const bool is_done = system(command.c_str()) == 0;
     const Descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    return file && read_file(file.number, typed) ? kOk : fail_file();
+    if (!file || !read_file(file.number, typed)) return fail_file();
+    if (!is_done) return fail_kept(shown, *typed, "the editor failed");
+    has_typed_ = true;
+    if (strlen(typed->c_str()) == typed->size()) return kOk;
+    return fail_kept(shown, *typed, "the text has a NUL byte");
   }
 
  private:
+  /* What was typed stays in the file. */
+  int fail_kept(const Text& shown, const Text& typed, const char* why) {
+    is_there_ = !has_typed_ && strcmp(shown.c_str(), typed.c_str()) == 0;
+    if (is_there_) return fail(kRefused, "%s", why);
+    return fail(kRefused, "%s; what was typed is in %s", why, path_.c_str());
+  }
+
   int fail_file() const { return fail(kNoArea, "%s: %s", path_.c_str(), strerror(errno)); }
 
   Text path_;
   bool is_there_ = false;
+  bool has_typed_ = false; /* at an earlier look */
 };
 
 /* Takes what is printed as an error meanwhile. */

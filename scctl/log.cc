@@ -422,22 +422,35 @@ bool is_logged(const Seen& seen, uint32_t* pid, Text* note) {
     return false;
   }
   const Chunk* last = nullptr;
+  Changes changes;
   size_t at = 0;
   for (const Chunk* chunk; (chunk = chunk_at(log, at)) != nullptr; at += chunk->size) {
-    if (chunk->kind == ChunkKind::kStep && &kTables[chunk->table] == &seen.table &&
-        chunk->position == seen.position) {
-      last = chunk;
+    if (chunk->kind != ChunkKind::kStep || &kTables[chunk->table] != &seen.table ||
+        chunk->position != seen.position) {
+      continue;
     }
+    last = chunk;
+    if (chunk->program == 0) changes.add(*chunk);
   }
   if (last == nullptr || last->program != 0 || (last->is_used != 0) != (seen.is != nullptr)) {
     return false;
   }
-  Changes changes;
-  changes.add(*last);
+  /* Another program may have changed other fields since. Of bytes without a name it is not known which
+   * differ: the edits have to have written some. */
   const Change* change = changes.first();
-  for (uint32_t n = 0; change != nullptr && seen.is != nullptr && n < seen.table.stride; ++n) {
-    if (change->mask.data()[n] != 0 && change->after.data()[n] != seen.is[n]) return false;
+  bool is_explained = !seen.is_unnamed;
+  for (const Field& field : seen.table) {
+    const bool named = is_named(seen.table, field);
+    const uint32_t end = seen.is == nullptr ? 0 : field.record_at + uint32_t{field.size};
+    for (uint32_t n = field.record_at; n < end; ++n) {
+      const bool is_edited = change->mask.data()[n] != 0;
+      const bool is_as_edited = is_edited && change->after.data()[n] == seen.is[n];
+      const bool differs = named ? seen.was == nullptr || seen.was[n] != seen.is[n] : is_edited;
+      if (differs && !is_as_edited) return false;
+      is_explained |= !named && is_edited;
+    }
   }
+  if (seen.is != nullptr && !is_explained) return false;
   if (const Chunk* begin = entry_before(log, last->entry + 1); begin != nullptr) {
     const Logged entry(log, *begin);
     *pid = entry.author.pid;

@@ -68,11 +68,11 @@ constexpr Command kCommands[] = {
   {"edit", "TABLE/ID", "change a record in an editor",
    "Opens it as FIELD=VALUE lines in $VISUAL, $EDITOR or vi, again after an error, and\n"
    "when another program changed it. An empty or unchanged file gives up.\n",
-   0, 1, 1, run_edit},
+   kNote, 1, 1, run_edit},
   {"reset", "TABLE/ID[.FIELD]", "set a record or a field to its factory value",
    "Takes it from the archives in /etc/sysconfig/factory. Creates a free record.\n"
    "Refuses a record that the factory does not have: del deletes it.\n",
-   kFactory, 1, 1, run_reset},
+   kFactory | kNote, 1, 1, run_reset},
   {"bind", "ap_templates/ID aps/ID", "bind an access point to a template",
    "",
    kNote, 2, 2, run_bind},

@@ -472,7 +472,12 @@ int run_watch(Call& call) {
     bool changed[kAreaCount];
     g_printing = 1;
     watch.look(changed, left);
-    if (!watch.flush()) break;
+    if (!watch.flush()) {
+      if (call.has(kJson) && errno != EPIPE) {
+        return fail(kRefused, "standard output: %s", strerror(errno));
+      }
+      break;
+    }
     g_printing = 0;
     for (int n = 0; n < kAreaCount; ++n) {
       if (!changed[n]) continue;

@@ -41,6 +41,19 @@ class EditRecordTest : public EditTest {
   }
   static std::string look(int number) { return read_file("/var/look" + std::to_string(number)); }
   Outcome edit() { return run(scctl({"edit", "lan_binds/2"})); }
+  /* Edits, which fails and keeps the file. Returns its text and removes it. */
+  std::string kept(const std::string& why) {
+    const Outcome outcome = edit();
+    const std::string words = "scctl: " + why + "; what was typed is in ";
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.err.starts_with(words + "/var/drafts/")) << outcome;
+    if (!outcome.err.starts_with(words)) return "";
+    const std::string path =
+        outcome.err.substr(words.size(), outcome.err.size() - words.size() - 1);
+    const std::string text = read_file(path);
+    unlink(path.c_str());
+    return text;
+  }
   const DhcpBindRecord& bind() { return block_as<LanBlock>("Lan")->lan_binds[1]; }
 
   const std::string kHeader_ =
@@ -94,9 +107,31 @@ TEST_F(EditRecordTest, AnEmptyOrUnchangedFile_GivesUp) {
 }
 
 TEST_F(EditRecordTest, AnEditorThatFails_ChangesNothing) {
-  looks({"sed -i s/two/three/ \"$1\"; exit 3"});
+  looks({"exit 3"});
   EXPECT_EQ(edit(), (Outcome{1, "", "scctl: the editor failed\n"}));
   EXPECT_STREQ(bind().bind_name, "two words");
+}
+
+TEST_F(EditRecordTest, WhatWasTypedBeforeTheEditorFailed_StaysInTheFile) {
+  looks({"sed -i s/two/three/ \"$1\"; exit 3"});
+  EXPECT_NE(kept("the editor failed").find("name=three words\n"), std::string::npos);
+  EXPECT_STREQ(bind().bind_name, "two words");
+  /* At the second look nothing more was typed. */
+  unlink("/var/looks");
+  looks({"sed -i 's/two/four/; s/^ip=.*/ip=here/' \"$1\"", "exit 3"});
+  EXPECT_NE(kept("the editor failed").find("name=four words\n"), std::string::npos);
+}
+
+TEST_F(EditRecordTest, ATextWithANulByte_IsNotWrittenInPart) {
+  looks({"printf 'flag=3\\n\\000\\nname=behind\\n' >\"$1\""});
+  EXPECT_EQ(kept("the text has a NUL byte"), std::string("flag=3\n\0\nname=behind\n", 21));
+  EXPECT_EQ(bind().bind_flag, 0);
+}
+
+TEST_F(EditRecordTest, TheNote_IsLogged) {
+  looks({"sed -i s/two/three/ \"$1\""});
+  done({"edit", "lan_binds/2", "--note", "ticket 12"});
+  EXPECT_NE(done({"log", "--json"}).find("\"note\": \"ticket 12\""), std::string::npos);
 }
 
 TEST_F(EditRecordTest, ErrorsAreComments_AndWhatWasTypedIsKept) {

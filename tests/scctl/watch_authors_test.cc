@@ -306,6 +306,27 @@ TEST_F(TraceWatchAuthorsTest, TheNoteOfAnEdit_IsToldWithIt) {
             std::string::npos);
 }
 
+/* Its child is killed: changes are told on, without authors, and that is said once. */
+TEST_F(TraceWatchAuthorsTest, WithoutItsChild_NoAuthorIsTold_AndThatIsSaid) {
+  JsonWatch watch({"Lan"});
+  const std::string pid = std::to_string(watch.program().pid());
+  const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
+  ASSERT_GT(child, 0);
+  rename("first");
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{getpid()}));
+  kill(child, SIGKILL);
+  for (const char* name : {"second", "third"}) {
+    Child([&] { rename(name); }).wait();
+    if (name[0] == 's') {
+      EXPECT_EQ(watch.raw_line(kSoonMs).value_or("nothing"),
+                "authors are no longer known: the process that looks for them has ended");
+    }
+    const Object object = watch.object();
+    EXPECT_NE(object.rest.find(name), std::string::npos) << object.rest;
+    EXPECT_EQ(object.author, "");
+  }
+}
+
 /* Neither the watch nor its child stops a writer, and the child goes with the watch. */
 TEST_F(TraceWatchAuthorsTest, StoppedItStopsNoWriter_KilledItLeavesNobody) {
   JsonWatch watch({"Lan"});

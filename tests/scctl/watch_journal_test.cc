@@ -82,6 +82,30 @@ TEST_F(TraceWatchJournalTest, OtherProgramsChanges_AreInTheWholeLog_ScctlsOnlyOn
       << json;
 }
 
+/* Also when they are of a record that scctl has just edited. */
+TEST_F(TraceWatchJournalTest, AnotherFieldThanScctlsEdit_IsTheOthers) {
+  JsonWatch watch({"--journal"});
+  EXPECT_EQ(
+      run(scctl({"batch"}), "set lan_binds/1 name=mine\nset lan_binds/1 ip=10.0.0.1\n").status, 0);
+  watch.object();
+  const auto flag_becomes = [&](int value) {
+    lan->lan_binds[0].bind_flag = value;
+    close(open(kLanLock, O_RDWR | O_CLOEXEC));
+    EXPECT_NE(watch.rest().find("\"flag\""), std::string::npos);
+  };
+  flag_becomes(50);
+  const std::string all = log({"--all"});
+  EXPECT_EQ(all.find("root  watch_journal_t[]\n  lan_binds/1.flag: 1 -> 50\n"
+                     "root  batch\n"),
+            0u)
+      << all;
+  /* An edit after that is scctl's, with all that it has edited before. */
+  done({"set", "lan_binds/1", "name=again"});
+  watch.object();
+  EXPECT_EQ(log({"--all"}).find("root  set lan_binds/1 'name=again'\n  lan_binds/1.name"), 0u)
+      << log({"--all"});
+}
+
 TEST_F(TraceWatchJournalTest, UndoEntry_TakesBackThatOne_AndUndoMeansScctlsOwn) {
   JsonWatch watch({"--journal"});
   done({"set", "lan_binds/1", "name=mine"});

@@ -233,6 +233,19 @@ TEST_F(WatchTest, Json_WhenItsReaderIsGone_EndsWithoutAChange) {
   EXPECT_TRUE(watch.ended());
 }
 
+TEST_F(WatchTest, Json_ToAFullDisk_FailsAndSaysWhy) {
+  add(1, "one");
+  Words words = {"sh", "-c", "exec \"$@\" >/dev/full", "sh"};
+  for (const std::string& word : scctl({"watch", "--json"})) words.push_back(word);
+  Program watch(words);
+  while (watch.err().find("watching") == std::string::npos) pause_ms(1);
+  rename("lost");
+  const Outcome outcome = watch.wait();
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_TRUE(outcome.err.ends_with("scctl: standard output: No space left on device\n"))
+      << outcome;
+}
+
 /* ---- what it costs ---- */
 
 TEST_F(WatchTest, Json_AChange_IsToldAtOnceBesideADaemon) {
