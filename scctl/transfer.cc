@@ -308,14 +308,17 @@ bool print_changes(const char* prefix, uint32_t id, const Table& was_view, const
   };
   bool any = false;
   for (const Field& field : is_view) {
-    const Field* other = &was_view == &is_view ? &field : find_shown(was_view, field.name);
-    if (other != nullptr ? (by_name ? !differ(*other, was, field, is) : equal(field, was, is))
-                         : is_same(field, is)) {
+    const bool is_same_view = &was_view == &is_view;
+    const Field* other = is_same_view ? nullptr : find_shown(was_view, field.name);
+    const Field& was_field = other != nullptr ? *other : field;
+    const bool is_in_both = is_same_view || other != nullptr;
+    if (is_in_both ? (by_name ? !differ(was_field, was, field, is) : equal(field, was, is))
+                   : is_same(field, is)) {
       continue;
     }
     any = true;
-    if (other != nullptr) {
-      print_change(prefix, is_view, id, *other, was, field, is);
+    if (is_in_both) {
+      print_change(prefix, is_view, id, was_field, was, field, is);
       continue;
     }
     Text value;
