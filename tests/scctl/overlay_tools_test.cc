@@ -63,6 +63,21 @@ TEST_F(OverlayToolsTest, AnEditor_ShowsMembersAndLeavesSecretsAsTheyAre) {
   EXPECT_EQ(secret_of("1"), std::string(kPlanted) + "\n");
 }
 
+/* A value that could not be typed has a line as any other, for a person to change. */
+TEST_F(OverlayToolsTest, AnEditor_ShowsAValueOutOfRangeAndLeavesIt) {
+  memset(block("Wan") + kWan + 4, 0, 2);
+  write_file("/var/editor",
+             "#!/bin/sh\ncp \"$1\" /var/seen; sed -i 's/^temperature=.*/temperature=7/' \"$1\"\n");
+  chmod("/var/editor", 0755);
+  setenv("EDITOR", "/var/editor", 1);
+  unsetenv("VISUAL");
+  shown({"edit", "wan/1"});
+  const std::string seen = read_file("/var/seen");
+  EXPECT_NE(seen.find("\nmtu=0\n"), std::string::npos) << seen;
+  EXPECT_EQ(shown({"get", "wan/1.temperature"}), "7\n");
+  EXPECT_EQ(shown({"get", "wan/1.mtu"}), "0\n");
+}
+
 TEST_F(OverlayToolsTest, Reset_TakesOneMember) {
   done({"save", "Wan"});
   std::filesystem::create_directory("/var/factory");
