@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -306,6 +307,33 @@ TEST_F(TraceWatchAuthorsTest, TheNoteOfAnEdit_IsToldWithIt) {
             std::string::npos);
 }
 
+/* More than it keeps: any of them may have changed the record. */
+TEST_F(TraceWatchAuthorsTest, TooManyInOneWindow_AreNotToldInPart) {
+  JsonWatch watch({"Lan"});
+  kill(watch.program().pid(), SIGSTOP);
+  for (int n = 0; n < 70; ++n) Child([&] { rename("n" + std::to_string(n)); }).wait();
+  kill(watch.program().pid(), SIGCONT);
+  const Object object = watch.object();
+  EXPECT_NE(object.rest.find("\"n69\""), std::string::npos) << object.rest;
+  EXPECT_EQ(object.author, "");
+  Child next([&] { rename("next"); });
+  next.wait();
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
+}
+
+TEST_F(TraceWatchAuthorsTest, AnotherLockFolder_IsFollowed) {
+  JsonWatch watch({"Lan"});
+  std::filesystem::rename("/var/lock_store", "/var/away");
+  std::filesystem::create_directory("/var/lock_store");
+  write_file(kLanLock, "\n");
+  lan->lan_binds[0].bind_flag += 1; /* seen when everything is looked at, as the folder is */
+  EXPECT_EQ(watch.object(kSlowMs).author, "");
+  Child next([&] { rename("next"); });
+  next.wait();
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
+  std::filesystem::remove_all("/var/away");
+}
+
 /* Its child is killed: changes are told on, without authors, and that is said once. */
 TEST_F(TraceWatchAuthorsTest, WithoutItsChild_NoAuthorIsTold_AndThatIsSaid) {
   JsonWatch watch({"Lan"});
@@ -325,6 +353,26 @@ TEST_F(TraceWatchAuthorsTest, WithoutItsChild_NoAuthorIsTold_AndThatIsSaid) {
     EXPECT_NE(object.rest.find(name), std::string::npos) << object.rest;
     EXPECT_EQ(object.author, "");
   }
+}
+
+/* The kernel gives a descriptor with each event. */
+TEST_F(TraceWatchAuthorsTest, TheChild_KeepsNoDescriptors) {
+  JsonWatch watch({"Lan"});
+  const std::string pid = std::to_string(watch.program().pid());
+  const std::string child = read_file("/proc/" + pid + "/task/" + pid + "/children");
+  const std::filesystem::path folder = "/proc/" + std::to_string(atoi(child.c_str())) + "/fd";
+  const auto count = [&] {
+    const std::filesystem::directory_iterator all(folder);
+    return std::distance(begin(all), end(all));
+  };
+  rename("first"); /* after it the child is at work */
+  watch.object();
+  const auto before = count();
+  for (int n = 0; n < 5; ++n) {
+    rename("n" + std::to_string(n));
+    EXPECT_NE(watch.object().author, "");
+  }
+  EXPECT_EQ(count(), before);
 }
 
 /* Neither the watch nor its child stops a writer, and the child goes with the watch. */

@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <sstream>
 
+#include <sysconfig/ap.h>
+
 #include "scctl/stream_case.h"
 
 namespace sc_test {
@@ -104,6 +106,20 @@ TEST_F(TraceWatchJournalTest, AnotherFieldThanScctlsEdit_IsTheOthers) {
   watch.object();
   EXPECT_EQ(log({"--all"}).find("root  set lan_binds/1 'name=again'\n  lan_binds/1.name"), 0u)
       << log({"--all"});
+}
+
+TEST_F(TraceWatchJournalTest, BytesWithoutANameBesideScctlsEdit_AreTheOthers) {
+  auto* aps = started<ManageApListBlock>("ManageApList");
+  ApLimitsRecord limits = {};
+  limits.max_ap_count = 300;
+  ASSERT_EQ(SC_Get_Ap_Info_Blank(aps, &limits), 0);
+  JsonWatch watch({"--journal"});
+  done({"set", "aps/1", "group_id=5"});
+  watch.object();
+  aps->aps[0].opaque_399[11000] = 7;
+  Child([] { close(open(lock_file("ManageApList").c_str(), O_WRONLY | O_CLOEXEC)); }).wait();
+  EXPECT_NE(watch.rest().find("\"unnamed\":true"), std::string::npos);
+  EXPECT_NE(log({"--all"}).find("(cannot be undone)"), std::string::npos) << log({"--all"});
 }
 
 TEST_F(TraceWatchJournalTest, UndoEntry_TakesBackThatOne_AndUndoMeansScctlsOwn) {
