@@ -23,7 +23,8 @@ class ShellScctl {
     std::string command;
     for (const std::string& word : scctl({})) command += " '" + word + "'";
     mkdir("/var/shell", 0755);
-    write_script("/var/shell/scctl", "exec" + command + " \"$@\"\n");
+    /* The command may be found by PATH itself. */
+    write_script("/var/shell/scctl", "PATH='" + path_ + "'\nexec" + command + " \"$@\"\n");
     setenv("PATH", ("/var/shell:" + path_).c_str(), 1);
   }
   ~ShellScctl() { setenv("PATH", path_.c_str(), 1); }
