@@ -242,12 +242,13 @@ class Source:
         opaque = [field["field"] for field in fields if field["kind"] == "bytes"]
         for record in records:
             for field in opaque:
-                record[field] = "%d bytes" % (len(record[field]) // 2)
+                # A record may lack a member of an overlay, and a secret has no value.
+                if isinstance(record.get(field), str):
+                    record[field] = "%d bytes" % (len(record[field]) // 2)
         return records
 
     def record(self, name, number):
         """A record: its fields, its bytes in hex, and the parts that the bytes have."""
-        fields = self.fields(name)
         area = self.table(name)["area"]
         record = self.runner.json("get", "%s/%d" % (name, number), "--json", *self.options(area))
         status, out, err = self.runner.call("dump", area, *self.options(area))
@@ -255,10 +256,11 @@ class Source:
             raise Fault(said(err))
         size = self.table(name)["bytes"]
         data, parts = record_bytes(out, "%s/%d" % (name, number), size)
+        fields = own_fields(record, self.fields(name), parts)
         names = {field["at"]: field["field"] for field in fields}
         for part in parts:
             part["field"] = names.get(part["at"])
-        return {"values": record, "fields": fields, "bytes": data.hex(), "parts": parts}
+        return {"values": record, "fields": fields, "bytes": data, "parts": parts}
 
     def diff(self, a, b):
         """The lines of scctl diff, and the areas that differ."""
@@ -349,9 +351,20 @@ class Archives(Source):
         return [*areas.values(), *broken]
 
 
+def own_fields(record, fields, parts):
+    """The fields that a record has. With overlays these may be others for each record, and bytes without
+    a name are among them, which are only shown."""
+    known = {field["field"]: field for field in fields}
+    places = {part["name"]: part for part in parts}
+    return [known.get(name) or {"field": name, "kind": "bytes", "bytes": places[name]["size"],
+                                "at": places[name]["at"], "shown_only": True}
+            for name in record if name in known or name in places]
+
+
 def record_bytes(dump, name, size):
-    """A record's bytes and the names of their parts, from what scctl dump prints of its area."""
-    data = bytearray()
+    """A record's bytes and the names of their parts, from what scctl dump prints of its area. The bytes
+    are hex; those of a secret are **."""
+    data = []
     parts = []
     inside = False
     for line in dump.splitlines():
@@ -363,9 +376,9 @@ def record_bytes(dump, name, size):
             zeros = re.match(r"(\d+) zero bytes?$", written)
             if part:
                 parts.append({"name": part, "at": len(data), "size": 0})
-            piece = bytes(int(zeros[1])) if zeros else bytes.fromhex(written)
+            piece = ["00"] * int(zeros[1]) if zeros else written.split()
             data += piece
             parts[-1]["size"] += len(piece)
     if len(data) != size:
         raise Fault("%s is not in the dump of its area" % name)
-    return bytes(data), parts
+    return "".join(data), parts

@@ -12,6 +12,7 @@ const SILENCE_MS = 2200; /* scpage sends at least every second */
 const PICTURE_MS = 50;
 const MARK_MS = 1000;
 const LONGEST_CELL = 60;
+const SECRET = '<secret>'; /* as scctl shows and takes it; its JSON has null */
 const FIRST_BYTES = 2048; /* of a record that are shown */
 
 const state = {areas: [], tables: [], locks: [], diff: {}, try: null, link: {live: true}, stream: {}};
@@ -45,6 +46,7 @@ function setText(node, text) {
 
 /* Control characters, those that turn the direction, and bytes that are no UTF-8 are written as escapes. */
 function shown(value) {
+  if (value === null) return SECRET;
   if (Array.isArray(value)) return value.join(',');
   return String(value ?? '').replace(
     /[\u0000-\u001f\u007f-\u009f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069]|\p{Surrogate}/gu, (c) => {
@@ -60,7 +62,7 @@ function short(value) {
   return text.length > LONGEST_CELL ? `${text.slice(0, LONGEST_CELL)}…` : text;
 }
 
-const typed = (value) => (Array.isArray(value) ? value.join(',') : String(value ?? ''));
+const typed = (value) => (value === null ? SECRET : Array.isArray(value) ? value.join(',') : String(value ?? ''));
 const bdi = (value) => el('bdi', {textContent: shown(value)});
 const clock = (date) => `${date.toLocaleTimeString([], {hour12: false})}`;
 const say = (text) => setText($('said'), text);
@@ -172,6 +174,7 @@ function entry(change) {
   const place = change.table ? `${change.table}/${change.id}` : change.area || '';
   const parts = Object.entries(change.fields || {}).map(([name, value]) => {
     if (!Array.isArray(value) || value.length !== 2) return name;
+    if (value[0] === null && value[1] === null) return `${name} ${SECRET}`;
     const [was, is] = value.map((v) => (v === null ? '' : shown(v).slice(0, 80)));
     return change.what === 'change' ? `${name} ${was || '(empty)'} → ${is || '(empty)'}` :
       `${name}=${change.what === 'delete' ? was : is}`;
@@ -532,7 +535,7 @@ function recordView(table, id) {
   function makeRow(field, number) {
     const row = {note: el('span', {className: 'bad'}), base: ''};
     const cell = el('td');
-    if (canEdit && field.bytes <= 1000) {
+    if (canEdit && field.bytes <= 1000 && !field.shown_only) {
       row.input = el('input', {type: 'text', 'aria-label': field.field, autocomplete: 'off', spellcheck: false,
         onblur: () => !isEditing(row) && row.live !== undefined && adopt(row, row.live)});
       cell.append(row.input, row.note);
@@ -542,10 +545,11 @@ function recordView(table, id) {
     }
     rows.set(field.field, row);
     const on = () => light(field.field, true), off = () => light(field.field, false);
-    body.append(el('tr', {'data-field': field.field, onmouseenter: on, onmouseleave: off, onfocusin: on, onfocusout: off},
+    row.tr = el('tr', {'data-field': field.field, onmouseenter: on, onmouseleave: off, onfocusin: on, onfocusout: off},
       el('th', {scope: 'row', className: `t${number % 6}`}, field.field,
         el('span', {className: 'dim', textContent: ` ${field.kind}`})),
-      cell, el('td', {className: 'mono', textContent: `${field.at}–${field.at + field.bytes - 1}`})));
+      cell, el('td', {className: 'mono', textContent: `${field.at}–${field.at + field.bytes - 1}`}));
+    body.append(row.tr);
   }
   function showBytes(read) {
     const order = new Map(read.fields.map((field, n) => [field.field, n % 6]));
@@ -593,8 +597,14 @@ function recordView(table, id) {
     kind: 'record', table,
     load: () => (id === null ? ask(`/table?name=${table}`) : ask(`/record?table=${table}&id=${id}`)),
     fill(read) {
-      if (!rows.size) read.fields.forEach(makeRow);
+      /* A record may have other members after a change. */
+      read.fields.forEach((field, n) => rows.has(field.field) || makeRow(field, n));
       if (id === null) return;
+      for (const [field, row] of rows) {
+        if (field in read.values) continue;
+        row.tr.remove();
+        rows.delete(field);
+      }
       for (const [field, row] of rows) adopt(row, read.values[field]);
       showBytes(read);
       setText(gone, '');

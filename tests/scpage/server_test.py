@@ -13,7 +13,7 @@ import unittest
 
 import world
 from stream import Stream
-from world import Page, children_of, fresh_areas, scctl, wait_for, watchers, words_of
+from world import ROOT, SCCTL, Page, children_of, fresh_areas, scctl, wait_for, watchers, words_of
 
 HOSTILE = "<img src=x onerror=alert(1)>'\"&amp; \u202ertl"
 AREAS = [row["area"] for row in json.loads(scctl("areas", "--json"))]
@@ -120,6 +120,30 @@ class ReadOnly(unittest.TestCase):
                 self.assertEqual(page.post(path, {"do": "add", "table": "ip_groups",
                                                   "fields": {"leading_text": "x"}})[0], 403)
         self.assertEqual(scctl("list", "ip_groups", "--json").strip(), "[]")
+
+
+class Overlay(unittest.TestCase):
+    """A router with names for the bytes of its firmware's own programs."""
+
+    def test_a_record_has_its_members_and_no_secret(self):
+        fresh_areas()
+        wrapper = "/var/scctl_with_overlay"
+        with open(wrapper, "w") as file:
+            file.write("#!/bin/sh\nexec '%s' \"$@\" --overlay '%s/examples/vendor/vendor.json'\n" % (SCCTL, ROOT))
+        os.chmod(wrapper, 0o755)
+        option = ("--overlay", "%s/examples/vendor/vendor.json" % ROOT)
+        scctl("set", "wan/1", "magic=0x314e4157", "mode=WAN_PPPOE", *option)
+        scctl("set", "wan/1", "mtu=1400", "pppoe.password=plAnted-Secret", *option)
+        with Page(environment={"SCCTL": wrapper}) as page:
+            answers = [page.request("GET", path) for path in ("/record?table=wan&id=1", "/table?name=wan", "/record?table=wan&id=2")]
+            self.assertEqual([status for status, _, _ in answers], [200] * 3)
+            for _, _, text in answers:
+                self.assertNotIn("plAnted", text)
+                self.assertNotIn(b"plAnted".hex(), text)
+            named, other = json.loads(answers[0][2]), json.loads(answers[2][2])
+        self.assertEqual((named["values"]["mtu"], named["values"]["pppoe.password"]), (1400, None))
+        self.assertEqual({field["field"] for field in named["fields"]} | {"id"}, set(named["values"]))
+        self.assertEqual([field["field"] for field in other["fields"]], ["settings"])
 
 
 class Edits(unittest.TestCase):

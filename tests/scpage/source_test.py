@@ -39,10 +39,22 @@ class Fields:
 class Dumps(unittest.TestCase):
     def test_a_record_has_its_bytes_and_parts(self):
         data, parts = source.record_bytes(DUMP, "things/1", 32)
-        self.assertEqual(data, b"\1\0\0\0" + b"00:11:22:33:44:55".ljust(20, b"\0") + bytes(8))
+        self.assertEqual(data, (b"\1\0\0\0" + b"00:11:22:33:44:55".ljust(20, b"\0") + bytes(8)).hex())
         self.assertEqual(parts, [{"name": "id", "at": 0, "size": 4}, {"name": "name", "at": 4, "size": 20},
                                  {"name": "flag", "at": 24, "size": 1}, {"name": "spare_25", "at": 25, "size": 7}])
-        self.assertEqual(source.record_bytes(DUMP, "things/2", 32)[0], b"\2" + bytes(31))
+        self.assertEqual(source.record_bytes(DUMP, "things/2", 32)[0], (b"\2" + bytes(31)).hex())
+
+    def test_bytes_of_a_secret_are_hidden_and_a_record_has_its_own_fields(self):
+        """A member of an overlay that does not hold, and bytes that are no number."""
+        dump = "things/1: byte 2 of the lock file\n" \
+               "       0  ** ** 41 00                                     psk level\n" \
+               "       4  4 zero bytes                                    spare_4\n"
+        data, parts = source.record_bytes(dump, "things/1", 8)
+        self.assertEqual(data, "****410000000000")
+        level = {"field": "level", "kind": "unsigned", "bytes": 1, "at": 2}
+        fields = source.own_fields({"id": 1, "spare_4": "", "level": 65},
+                                   [level, {"field": "absent", "kind": "mac", "bytes": 6, "at": 0}], parts)
+        self.assertEqual(fields, [{"field": "spare_4", "kind": "bytes", "bytes": 4, "at": 4, "shown_only": True}, level])
 
     def test_what_is_not_there_is_a_fault(self):
         for name, size in (("things/3", 32), ("thing", 32), ("things/2", 33)):
