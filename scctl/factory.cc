@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "commands.h"
+#include "members.h"
 #include "store/edit.h"
 #include "store/overlay.h"
 
@@ -27,19 +28,25 @@ int run_reset(Call& call) {
   if (target.field == nullptr && !is_used(table, live)) {
     return add_record(call.source, table, record.data(), Spelling::kAsLibrary, &target.id);
   }
-  Mask mask(table);
-  if (target.field != nullptr) {
-    const Table& view = view_of(table, target.id - 1, record.data());
-    const size_t length = strlen(target.field);
-    const Field* field = find_field(view, target.field, length);
-    if (field == nullptr) return unknown_field(view, target.field, length);
-    mask.add(*field);
-  } else {
-    for (const Field& field : table) mask.add(field);
-  }
   Buffer wanted(table.stride);
   if (!Reader(call.source, table).copy(target.id - 1, wanted.data())) {
     return refuse_free(table, target.id);
+  }
+  Mask mask(table);
+  if (target.field != nullptr) {
+    /* Both have to have the member: its bytes may be another one's. */
+    const Buffer* const both[] = {&record, &wanted};
+    for (const Buffer* own : both) {
+      const Table& view = view_of(table, target.id - 1, own->data());
+      const size_t length = strlen(target.field);
+      const Field* field = find_field(view, target.field, length);
+      if (field == nullptr) {
+        return unknown_member(table, target.id - 1, own->data(), target.field, length);
+      }
+      mask.add(*field);
+    }
+  } else {
+    for (const Field& field : table) mask.add(field);
   }
   mask.merge(wanted.data(), record.data());
   return set_record(call.source, table, target.id, wanted.data(), mask, Spelling::kAsLibrary);

@@ -22,6 +22,12 @@ void add_value(const Field& field, const uint8_t* record, Text* to) {
     to->add("null");
 }
 
+/* Whether the field differs; where there is one record only, whether it is not empty. */
+bool differs(const Field& field, const uint8_t* was, const uint8_t* is) {
+  if (was != nullptr && is != nullptr) return !equal(field, was, is);
+  return size_without_trailing_zeros(field, was != nullptr ? was : is) != 0;
+}
+
 /* Adds the fields that differ, by the names that the record had before and has after. True when bytes
  * without a name differ. */
 bool add_fields(const Seen& seen, Text* to) {
@@ -33,14 +39,11 @@ bool add_fields(const Seen& seen, Text* to) {
   bool is_unnamed = false;
   char before = '{';
   const auto add = [&](const Field& field, const uint8_t* was, const uint8_t* is) {
-    const bool differs = was != nullptr && is != nullptr
-                             ? !equal(field, was, is)
-                             : size_without_trailing_zeros(field, was != nullptr ? was : is) != 0;
-    if (!differs) return;
     if (!is_shown(field)) {
-      is_unnamed |= is_spare_name(field.name);
+      is_unnamed |= is_spare_name(field.name) && differs(field, seen.was, seen.is);
       return;
     }
+    if (!differs(field, was, is)) return;
     to->print("%c\"%s\":[", before, field.name);
     add_value(field, was, to);
     to->add(',');

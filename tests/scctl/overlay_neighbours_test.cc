@@ -48,6 +48,22 @@ TEST_F(OverlayNeighboursTest, NamedBitsBesideNamelessOnes_AreNotCounted) {
   EXPECT_EQ(with({"overlay", "cover", "Wan"}), (Outcome{0, "bytes without a name: 0\n", ""}));
 }
 
+/* A byte that goes back with one of its members tears the other one, which stays. */
+TEST_F(OverlayNeighboursTest, AByteOfTwoMembers_StaysForBothWhenOneStays) {
+  const std::string overlay = use(overlay_of(R"(
+      "low": {"at": 0, "kind": "bit", "bit": 0, "width": 3},
+      "wide": {"at": 0, "kind": "bit", "bit": 6, "width": 6})"));
+  const auto call = [&](const Words& words) { return run(scctl(with_overlay(words, overlay))); };
+  EXPECT_EQ(call({"set", "wan/1", "low=2", "wide=33"}).status, 0);
+  const uint8_t first = block("Wan")[kWan];
+  block("Wan")[kWan + 1] ^= 4; /* of wide, by another program */
+  const Outcome undone = call({"undo"});
+  EXPECT_EQ(undone.status, 1) << undone;
+  EXPECT_NE(undone.out.find("wan/1.wide: it was changed since; it stays\n"), std::string::npos)
+      << undone;
+  EXPECT_EQ(block("Wan")[kWan], first);
+}
+
 /* Types without a condition, at two tables. */
 TEST_F(OverlayNeighboursTest, TwoTables_HaveTheirOwnMembersAndSecrets) {
   const std::string overlay = use(

@@ -1,11 +1,11 @@
 /* Overlays in the commands around an edit: the stream of changes, edit, reset, and diffs as commands. */
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "scctl/overlay_case.h"
+#include "scctl/shell.h"
 
 namespace sc_test {
 namespace {
@@ -19,9 +19,21 @@ class OverlayToolsTest : public OverlayTest {
     make_section();
     shown({"set", "wan/1", std::string("psk=") + kPlanted, "mtu=1400"});
   }
-  std::string secret_of(const std::string& id) {
-    return shown({"get", "wan/" + id + ".psk", "--secrets"});
+  /* Edits wan/1 by a command of sed. Returns what the editor was shown. */
+  std::string edit(const std::string& command) {
+    write_script("/var/editor", "cp \"$1\" /var/seen; sed -i '" + command + "' \"$1\"\n");
+    setenv("EDITOR", "/var/editor", 1);
+    unsetenv("VISUAL");
+    shown({"edit", "wan/1"});
+    return read_file("/var/seen");
   }
+  void save_as_factory() {
+    done({"save", "Wan"});
+    std::filesystem::create_directory("/var/factory");
+    std::filesystem::copy("/var/dataconfig/config_wan.bin", "/var/factory/config_wan.bin",
+                          std::filesystem::copy_options::overwrite_existing);
+  }
+  std::string secret() { return shown({"get", "wan/1.psk", "--secrets"}); }
 };
 
 TEST_F(OverlayToolsTest, TheStream_HasMembersAndNoSecret) {
@@ -42,53 +54,55 @@ TEST_F(OverlayToolsTest, TheStream_HasMembersAndNoSecret) {
   /* A member that holds only after the change. */
   shown({"set", "wan/1", "mode=pppoe", "peer=10.0.0.1"});
   EXPECT_TRUE(says("\"peer\":[null,\"10.0.0.1\"]")) << watch.out();
+  /* One that holds no longer is told once, and its bytes are what they were. */
+  shown({"set", "wan/1", "mode=dhcp"});
+  const std::string last = "{\"mode\":[\"pppoe\",\"dhcp\"],\"peer\":[\"10.0.0.1\",null]}";
+  EXPECT_TRUE(says(last)) << watch.out();
   kill(watch.pid(), SIGTERM);
   const std::string all = watch.wait().out;
+  EXPECT_EQ(all.find("unnamed", all.find(last)), std::string::npos) << all;
   EXPECT_EQ(all.find(kPlanted), std::string::npos);
   EXPECT_EQ(all.find("another secret"), std::string::npos);
 }
 
 TEST_F(OverlayToolsTest, AnEditor_ShowsMembersAndLeavesSecretsAsTheyAre) {
-  write_file("/var/editor",
-             "#!/bin/sh\ncp \"$1\" /var/seen; sed -i 's/^mtu=.*/mtu=1200/' \"$1\"\n");
-  chmod("/var/editor", 0755);
-  setenv("EDITOR", "/var/editor", 1);
-  unsetenv("VISUAL");
-  shown({"edit", "wan/1"});
-  const std::string seen = read_file("/var/seen");
+  const std::string seen = edit("s/^mtu=.*/mtu=1200/");
   EXPECT_NE(seen.find("\nmtu=1400\n"), std::string::npos) << seen;
   EXPECT_NE(seen.find("\npsk=<secret>\n"), std::string::npos) << seen;
   EXPECT_EQ(seen.find(kPlanted), std::string::npos);
   EXPECT_EQ(shown({"get", "wan/1.mtu"}), "1200\n");
-  EXPECT_EQ(secret_of("1"), std::string(kPlanted) + "\n");
+  EXPECT_EQ(secret(), std::string(kPlanted) + "\n");
 }
 
 /* A value that could not be typed has a line as any other, for a person to change. */
 TEST_F(OverlayToolsTest, AnEditor_ShowsAValueOutOfRangeAndLeavesIt) {
   memset(block("Wan") + kWan + 4, 0, 2);
-  write_file("/var/editor",
-             "#!/bin/sh\ncp \"$1\" /var/seen; sed -i 's/^temperature=.*/temperature=7/' \"$1\"\n");
-  chmod("/var/editor", 0755);
-  setenv("EDITOR", "/var/editor", 1);
-  unsetenv("VISUAL");
-  shown({"edit", "wan/1"});
-  const std::string seen = read_file("/var/seen");
+  const std::string seen = edit("s/^temperature=.*/temperature=7/");
   EXPECT_NE(seen.find("\nmtu=0\n"), std::string::npos) << seen;
   EXPECT_EQ(shown({"get", "wan/1.temperature"}), "7\n");
   EXPECT_EQ(shown({"get", "wan/1.mtu"}), "0\n");
 }
 
 TEST_F(OverlayToolsTest, Reset_TakesOneMember) {
-  done({"save", "Wan"});
-  std::filesystem::create_directory("/var/factory");
-  std::filesystem::copy("/var/dataconfig/config_wan.bin", "/var/factory/config_wan.bin");
-  shown({"set", "wan/1", "mtu=1300", "mode=dhcp"});
+  save_as_factory();
+  /* Other members hold for the live record than for the factory's. */
+  shown({"set", "wan/1", "mtu=1300", "mode=pppoe", "peer=10.0.0.1"});
   shown({"reset", "wan/1.mtu", "--factory", "/var/factory"});
   EXPECT_EQ(shown({"get", "wan/1.mtu"}), "1400\n");
-  EXPECT_EQ(shown({"get", "wan/1.mode"}), "dhcp\n");
+  EXPECT_EQ(shown({"get", "wan/1.mode"}), "pppoe\n");
   const Outcome unknown = outcome({"reset", "wan/1.nothing", "--factory", "/var/factory"});
   EXPECT_EQ(unknown.status, 1) << unknown;
   EXPECT_NE(unknown.err.find("wan has no field 'nothing'"), std::string::npos) << unknown;
+}
+
+/* Bytes that are another member's now. */
+TEST_F(OverlayToolsTest, Reset_LeavesAMemberOfAnotherUnion) {
+  shown({"set", "wan/1", "address.family=4", "address.u.v4=10.0.0.1"});
+  save_as_factory();
+  shown({"set", "wan/1", "address.family=6", "address.u.v6=1,2,3,4,5,6,7,8"});
+  EXPECT_EQ(outcome({"reset", "wan/1.address.u.v4", "--factory", "/var/factory"}).status, 1);
+  EXPECT_EQ(outcome({"reset", "wan/1.address.u.v6", "--factory", "/var/factory"}).status, 1);
+  EXPECT_EQ(shown({"get", "wan/1.address.u.v6"}), "1,2,3,4,5,6,7,8\n");
 }
 
 TEST_F(OverlayToolsTest, ADiffAsCommands_NamesMembersAndMakesThemEqual) {
