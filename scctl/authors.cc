@@ -25,7 +25,6 @@ namespace scctl {
 
 namespace {
 
-constexpr char kLockFolder[] = "/var/lock_store/";
 constexpr size_t kFolderLength = sizeof kLockFolder - 1;
 
 /* Bits of a note that are none of the events that are asked for. */

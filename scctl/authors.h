@@ -15,6 +15,8 @@
 
 namespace scctl {
 
+constexpr char kLockFolder[] = "/var/lock_store/";
+
 /* The area whose lock file has this name in its folder; kAreaCount: none. */
 int area_of_lock(const char* name);
 

@@ -14,27 +14,28 @@ namespace scctl {
 using namespace store;
 
 enum Option : uint32_t {
-  kJson = 1,
-  kCommandsOption = 2,
-  kAll = 4,
-  kDryRun = 8,
-  kImage = 16,
-  kArchive = 32,
-  kExec = 64,
-  kCount = 128,
-  kInPlace = 256,
-  kDelete = 1024,
-  kTimeout = 2048,
-  kStatus = 4096,
-  kOnlyMine = 8192,
-  kNote = 16384,
-  kJournalOption = 32768,
-  kEntry = 65536,
-  kRename = 1u << 17,
-  kChanged = 1 << 20,
-  kFactory = 1 << 21,
-  kFields = 1 << 22,
-  kInput = 512, /* for commands only: the argument is a file, none or - is standard input */
+  kJson = 1 << 0,
+  kCommandsOption = 1 << 1,
+  kAll = 1 << 2,
+  kDryRun = 1 << 3,
+  kImage = 1 << 4,
+  kArchive = 1 << 5,
+  kExec = 1 << 6,
+  kCount = 1 << 7,
+  kInPlace = 1 << 8,
+  kDelete = 1 << 9,
+  kTimeout = 1 << 10,
+  kStatus = 1 << 11,
+  kOnlyMine = 1 << 12,
+  kNote = 1 << 13,
+  kJournalOption = 1 << 14,
+  kEntry = 1 << 15,
+  kEverybody = 1 << 16, /* --all of log */
+  kRename = 1 << 17,
+  kChanged = 1 << 18,
+  kFactory = 1 << 19,
+  kFields = 1 << 20,
+  kInput = 1 << 21, /* for commands only: the argument is a file, none or - is standard input */
 };
 constexpr uint32_t kSources = kImage | kArchive;
 
@@ -137,9 +138,9 @@ int present_areas(Call& call, bool* chosen);
 /* Prints that no area exists. */
 int fail_without_areas();
 
+class KeptSecrets;
 /* Makes the tables equal to those that are wanted, ids included, and prints what was done. With
  * --dry-run, prints what would change. A table that is not wanted stays as it is. */
-class KeptSecrets;
 int replace_tables(Call& call, Snapshot* wanted, const KeptSecrets* kept = nullptr);
 
 /* Replaces the values of secrets in words of a command by the token. */

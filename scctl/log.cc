@@ -300,10 +300,7 @@ void log_changes(const Author& author, const char* words, const Changes& changes
 /* ---- what the watch writes ---- */
 
 void log_seen(const Author& author, const char* words, const Seen* seen) {
-  uint32_t program = 0x811c9dc5;
-  for (const char* at = words; *at != '\0' && *at != '['; ++at) {
-    program = (program ^ static_cast<uint8_t>(*at)) * 0x01000193;
-  }
+  const uint32_t program = hash_of(words, strcspn(words, "["));
   Entry entry;
   entry.begin(author, words, static_cast<uint16_t>(program >> 16 | 1));
   if (seen == nullptr) return entry.set_not_undoable();
@@ -311,15 +308,11 @@ void log_seen(const Author& author, const char* words, const Seen* seen) {
   const bool is_change = seen->was != nullptr && seen->is != nullptr;
   Mask named(table);
   for (const Field& field : table) {
-    if (!is_named(table, field) || (is_change && equal(field, seen->was, seen->is))) continue;
-    if (!is_change || field.kind != Kind::kBytes) {
+    if (!is_named(table, field)) continue;
+    if (is_change)
+      named.add_difference(field, seen->was, seen->is);
+    else
       named.add(field);
-      continue;
-    }
-    const uint32_t end = field.record_at + uint32_t{field.size};
-    for (uint32_t at = field.record_at; at < end; ++at) {
-      if (seen->was[at] != seen->is[at]) named.bytes()[at] = 0xff;
-    }
   }
   const Buffer none(table.stride);
   const bool is_whole = !is_change && !seen->is_unnamed;
@@ -465,8 +458,8 @@ int run_log(Call& call) {
   Text text;
   JsonWriter writer(&text);
   if (call.has(kJson)) writer.open('[', JsonWriter::kLines);
-  for (const Chunk* chunk = entry_before(log, UINT32_MAX, call.has(kAll)); chunk != nullptr;
-       chunk = entry_before(log, chunk->entry, call.has(kAll))) {
+  for (const Chunk* chunk = entry_before(log, UINT32_MAX, call.has(kEverybody)); chunk != nullptr;
+       chunk = entry_before(log, chunk->entry, call.has(kEverybody))) {
     const Logged entry(log, *chunk);
     Changes changes;
     changes.add(log, 0, log.size(), chunk->entry);
@@ -506,9 +499,9 @@ int undo(Call& call, const Text& log, const Logged& entry) {
 
 int run_undo(Call& call) {
   uint32_t wanted = 1, before = UINT32_MAX;
-  const bool all = call.has(kEntry);
-  if (all) before = call.entry + 1;
-  if (all && call.word_count > 0) return fail(kUsage, "N and --entry exclude each other");
+  const bool is_one = call.has(kEntry); /* of any program */
+  if (is_one) before = call.entry + 1;
+  if (is_one && call.word_count > 0) return fail(kUsage, "N and --entry exclude each other");
   if (call.word_count == 1) {
     char* rest = call.words[0];
     const unsigned long number = strtoul(rest, &rest, 10);
@@ -521,8 +514,8 @@ int run_undo(Call& call) {
   if (const int status = read_log(&log); status != kOk) return status;
   const uint32_t first = before;
   for (uint32_t n = 0; n < wanted; ++n) {
-    const Chunk* chunk = entry_before(log, before, all);
-    if (all && (chunk == nullptr || chunk->entry != call.entry)) {
+    const Chunk* chunk = entry_before(log, before, is_one);
+    if (is_one && (chunk == nullptr || chunk->entry != call.entry)) {
       return fail(kRefused, "entry %u is not in the log", call.entry);
     }
     if (chunk == nullptr && n == 0) return fail(kRefused, "no edit is logged");
@@ -537,7 +530,7 @@ int run_undo(Call& call) {
   int status = kOk;
   before = first;
   for (uint32_t n = 0; n < wanted && !is_interrupted(); ++n) {
-    const Chunk* chunk = entry_before(log, before, all);
+    const Chunk* chunk = entry_before(log, before, is_one);
     if (chunk == nullptr) break;
     const int undone = undo(call, log, Logged(log, *chunk));
     if (undone != kOk) status = undone;

@@ -181,7 +181,7 @@ constexpr Command kCommands[] = {
    "The log is in memory and has 64 KB: the oldest edits make room. An edit that\n"
    "does not fit, and one of whole areas, cannot be undone. --all adds what\n"
    "other programs changed, from scctl watch --journal.\n",
-   kJson | kAll, 0, 0, run_log},
+   kJson | kEverybody, 0, 0, run_log},
   {"undo", "[N]", "take back the last edit, or the last N",
    "Takes back field by field what is still as the edit left it, and prints the\n"
    "rest, which stays. It is an edit itself: a second undo takes back the first.\n"
@@ -213,6 +213,7 @@ constexpr OptionRow kOptions[] = {
   {"json",     kJson,           nullptr,   "print JSON"},
   {"commands", kCommandsOption, nullptr,   "print commands to paste"},
   {"all",      kAll,            nullptr,   "all areas"},
+  {"all",      kEverybody,      nullptr,   "list what other programs changed, too"},
   {"dry-run",  kDryRun,         nullptr,   "print what would change, but change nothing"},
   {"image",    kImage,          "FILE",    "use a .cfg image, not the live area"},
   {"archive",  kArchive,        "FILE",    "use a .bin archive, not the live area"},

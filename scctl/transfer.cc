@@ -264,11 +264,9 @@ const Field* find_shown(const Table& view, const char* name) {
 /* Whether values of two overlays differ. */
 bool differ(const Field& was_field, const uint8_t* was, const Field& is_field, const uint8_t* is) {
   Text before, after;
-  const bool shows = g_shows_secrets;
-  g_shows_secrets = true;
+  const WithSecrets secrets;
   format_json(was_field, was, true, &before);
   format_json(is_field, is, true, &after);
-  g_shows_secrets = shows;
   return before.size() != after.size() || memcmp(before.c_str(), after.c_str(), before.size()) != 0;
 }
 
@@ -306,9 +304,9 @@ bool print_changes(const char* prefix, uint32_t id, const Table& was_view, const
   const auto is_same = [&](const Field& field, const uint8_t* own) {
     return by_name ? size_without_trailing_zeros(field, own) == 0 : equal(field, was, is);
   };
+  const bool is_same_view = &was_view == &is_view;
   bool any = false;
   for (const Field& field : is_view) {
-    const bool is_same_view = &was_view == &is_view;
     const Field* other = is_same_view ? nullptr : find_shown(was_view, field.name);
     const Field& was_field = other != nullptr ? *other : field;
     const bool is_in_both = is_same_view || other != nullptr;
@@ -325,11 +323,9 @@ bool print_changes(const char* prefix, uint32_t id, const Table& was_view, const
     add_value(&field, is, false, &value);
     print_values(prefix, is_view, id, field.name, "(none)", value.c_str());
   }
+  if (is_same_view) return any;
   for (const Field& field : was_view) {
-    if (&was_view == &is_view || is_same(field, was) ||
-        find_shown(is_view, field.name) != nullptr) {
-      continue;
-    }
+    if (is_same(field, was) || find_shown(is_view, field.name) != nullptr) continue;
     any = true;
     Text value;
     add_value(&field, was, false, &value);

@@ -24,12 +24,12 @@
 #include "state.h"
 #include "store/clock.h"
 #include "stream.h"
+#include "try.h"
 
 namespace scctl {
 
 namespace {
 
-constexpr char kLockFolder[] = "/var/lock_store/";
 constexpr char kImageFolder[] = "/var/systemconfig/";
 
 constexpr int64_t kPauseMs = 5000;
@@ -457,9 +457,9 @@ int run_watch(Call& call) {
   if (status != kOk) return status;
   handle_signals();
   const bool journaling = call.has(kJournalOption);
-  if (journaling && !(open_state(true) && take_role(Role::kJournal, 1))) {
-    return fail(kNoArea, "process %d keeps the journal (0: %s cannot be used)",
-                holder_of(Role::kJournal), kStateFolder);
+  if (journaling && !open_state(true)) return fail_state();
+  if (journaling && !take_role(Role::kJournal, 1)) {
+    return fail(kNoArea, "process %d keeps the journal already", holder_of(Role::kJournal));
   }
   Watch watch(call.source, call.has(kJson), journaling);
   watch.begin(chosen);

@@ -323,13 +323,17 @@ constexpr Reference kReferences[kReferenceCount] = {
 };
 // clang-format on
 
-const char* kind_name(const Field& field) {
-  const Extra* extra = field.extra;
-  if (extra != nullptr && extra->names != nullptr) return "enum";
-  if (extra != nullptr && extra->bits != 0) return "bit";
+const char* kind_name(Kind kind) {
   static constexpr const char* kNames[] = {"text",  "mac text", "address", "mac",
                                            "bytes", "signed",   "unsigned"};
-  return kNames[static_cast<int>(field.kind)];
+  return kNames[static_cast<int>(kind)];
+}
+
+const char* kind_name(const Field& field) {
+  const Extra* extra = field.extra;
+  if (extra != nullptr && extra->names != nullptr) return kEnumKind;
+  if (extra != nullptr && extra->bits != 0) return kBitKind;
+  return kind_name(field.kind);
 }
 
 namespace {

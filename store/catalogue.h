@@ -135,7 +135,10 @@ struct Reference {
 constexpr int kReferenceCount = 6;
 extern const Reference kReferences[kReferenceCount];
 
+const char* kind_name(Kind kind);
+/* The same as an overlay has it, which has two more. */
 const char* kind_name(const Field& field);
+inline constexpr char kEnumKind[] = "enum", kBitKind[] = "bit";
 
 /* Search by name; an area is also found by the stem of its files, and a hidden field by its own
  * name. Null when it does not exist. */

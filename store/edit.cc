@@ -28,17 +28,16 @@ void Mask::add(const Field& field) {
   for (size_t n = 0; n < field.size; ++n) bytes_.data()[field.record_at + n] |= mask_at(field, n);
 }
 
-void Mask::add_differences(const Table& view, const uint8_t* one, const uint8_t* other) {
-  for (const Field& field : view) {
-    if (equal(field, one, other)) continue;
-    if (field.kind != Kind::kBytes || field.extra != nullptr) {
-      add(field);
-      continue;
-    }
-    for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
-      if (one[at] != other[at]) bytes_.data()[at] = 0xff;
-    }
+void Mask::add_difference(const Field& field, const uint8_t* one, const uint8_t* other) {
+  if (equal(field, one, other)) return;
+  if (field.kind != Kind::kBytes || field.extra != nullptr) return add(field);
+  for (uint32_t at = field.record_at; at < field.record_at + uint32_t{field.size}; ++at) {
+    if (one[at] != other[at]) bytes_.data()[at] = 0xff;
   }
+}
+
+void Mask::add_differences(const Table& view, const uint8_t* one, const uint8_t* other) {
+  for (const Field& field : view) add_difference(field, one, other);
 }
 
 bool Mask::has(const Field& field) const {

@@ -22,11 +22,13 @@ class Mask {
  public:
   explicit Mask(const Table& table) : table_(table), bytes_(table.stride) {}
   void add(const Field& field);
-  /* Adds the bytes that differ: bytes of opaque fields one by one, other fields whole. */
+  /* Adds what differs: bytes of an opaque field one by one, another field whole. */
+  void add_difference(const Field& field, const uint8_t* one, const uint8_t* other);
+  /* The same for all fields of the table. */
   void add_differences(const uint8_t* one, const uint8_t* other) {
     add_differences(table_, one, other);
   }
-  /* The same with the fields of a view. */
+  /* The same for those of a view. */
   void add_differences(const Table& view, const uint8_t* one, const uint8_t* other);
   bool has(const Field& field) const;
   /* Whether only some bits of a byte are written. */

@@ -76,24 +76,12 @@ bool is_name(const char* name) {
 }
 
 template <class Thing>
-Thing* find_named(Thing* first, const char* name) {
-  while (first != nullptr && strcmp(first->name, name) != 0) first = first->next;
-  return first;
-}
-
-template <class Thing>
 void append(Thing** first, Thing* last) {
   while (*first != nullptr) first = &(*first)->next;
   *first = last;
 }
 
 }  // namespace
-
-uint32_t hash_of(const char* name) {
-  uint32_t hash = 2166136261u;
-  for (; *name != '\0'; ++name) hash = (hash ^ static_cast<uint8_t>(*name)) * 16777619u;
-  return hash;
-}
 
 /* Reads a file into a model. */
 class OverlayReader {
@@ -403,22 +391,20 @@ class OverlayReader {
   }
 
   bool kind(Member* member) {
-    static constexpr const char* kKinds[] = {"text",   "mac text", "address", "mac", "bytes",
-                                             "signed", "unsigned", "enum",    "bit"};
-    constexpr int kEnumKind = 7;
     const char* name = "";
     if (!text(&name)) return false;
-    int which = 0;
-    for (const char* known : kKinds) {
-      if (strcmp(known, name) == 0) break;
-      ++which;
-    }
-    if (which > kEnumKind + 1) return refuse("'%s' is no kind", name);
     member->has_kind = true;
-    member->is_enum = which == kEnumKind;
-    member->is_bit = which > kEnumKind;
-    member->kind = which < kEnumKind ? static_cast<Kind>(which) : Kind::kUnsigned;
-    return true;
+    member->is_enum = strcmp(name, kEnumKind) == 0;
+    member->is_bit = strcmp(name, kBitKind) == 0;
+    member->kind = Kind::kUnsigned;
+    if (member->is_enum || member->is_bit) return true;
+    int kind = 0;
+    while (kind <= static_cast<int>(Kind::kUnsigned) &&
+           strcmp(kind_name(static_cast<Kind>(kind)), name) != 0) {
+      ++kind;
+    }
+    member->kind = static_cast<Kind>(kind);
+    return member->kind <= Kind::kUnsigned || refuse("'%s' is no kind", name);
   }
 
   bool counts(Member* member) {

@@ -2,6 +2,7 @@
 #ifndef STORE_OVERLAY_MODEL_H
 #define STORE_OVERLAY_MODEL_H
 
+#include <string.h>
 #include <sys/types.h>
 
 #include "store/overlay.h"
@@ -149,7 +150,13 @@ struct View {
   View* next;
 };
 
-uint32_t hash_of(const char* name);
+inline uint32_t hash_of(const char* name) { return hash_of(name, strlen(name)); }
+
+template <class Thing>
+Thing* find_named(Thing* first, const char* name) {
+  while (first != nullptr && strcmp(first->name, name) != 0) first = first->next;
+  return first;
+}
 
 }  // namespace store
 

@@ -67,8 +67,7 @@ class Checker {
   /* Sets what follows from the kind. */
   bool check(const Type& type, Member& member) {
     if (member.type != nullptr) {
-      const Type* other = model_.types;
-      while (other != nullptr && strcmp(other->name, member.type) != 0) other = other->next;
+      const Type* other = find_named(model_.types, member.type);
       if (other == nullptr) return refuse(type, &member, "its type is missing");
       member.size = other->size;
       return true;
@@ -77,8 +76,7 @@ class Checker {
     Extra& extra = member.extra;
     const bool is_number = member.kind == Kind::kSigned || member.kind == Kind::kUnsigned;
     if (member.names != nullptr && is_number) {
-      const Enum* names = model_.enums;
-      while (names != nullptr && strcmp(names->name, member.names) != 0) names = names->next;
+      const Enum* names = find_named(model_.enums, member.names);
       if (names == nullptr) return refuse(type, &member, "its names are missing");
       extra.names = names->names;
       member.is_enum = true;
@@ -222,9 +220,8 @@ class Flattener {
         if (!add_node(member, at, size, own, is_counted ? 0 : own_index, is_counted)) return false;
       } else {
         prefix_.add('.');
-        const Type* type = model_.types;
-        while (strcmp(type->name, member.type) != 0) type = type->next;
-        if (!expand(*type, at, own, own_index, depth + 1)) return false;
+        if (!expand(*find_named(model_.types, member.type), at, own, own_index, depth + 1))
+          return false;
       }
       prefix_.cut(length);
     }
@@ -376,8 +373,7 @@ bool Overlays::attach(Model* model, const Place& place, Attachment* attachment, 
     return false;
   };
   if (!find_place(place.path, attachment)) return refuse("there is no such field of opaque bytes");
-  Type* type = model->types;
-  while (type != nullptr && strcmp(type->name, place.type) != 0) type = type->next;
+  Type* type = find_named(model->types, place.type);
   if (type == nullptr) return refuse("its type is missing");
   if (type->size > attachment->field->size) return refuse("the type is larger than the field");
   attachment->type = type;

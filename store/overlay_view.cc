@@ -19,10 +19,8 @@ bool is_one_of(const Field& field, const uint8_t* record, const Alternative* val
   const char* name = is_number ? name_of(field, number) : nullptr;
   Text text;
   if (!is_number) {
-    const bool shows = g_shows_secrets;
-    g_shows_secrets = true;
+    const WithSecrets secrets;
     format(field, record, &text);
-    g_shows_secrets = shows;
   }
   for (; values != nullptr; values = values->next) {
     char* end;

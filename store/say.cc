@@ -53,6 +53,12 @@ char g_told[128];
 
 }  // namespace
 
+uint32_t hash_of(const char* text, size_t size) {
+  uint32_t hash = 2166136261u;
+  for (size_t n = 0; n < size; ++n) hash = (hash ^ static_cast<uint8_t>(text[n])) * 16777619u;
+  return hash;
+}
+
 void tell(const char* format, ...) {
   va_list values;
   va_start(values, format);

@@ -29,6 +29,9 @@ extern const char* g_where;
  * ones. */
 extern const char* g_file;
 
+/* FNV-1a. */
+uint32_t hash_of(const char* text, size_t size);
+
 /* Prints what was done on a line of standard output. When standard output cannot be written, the
  * error message of flush_output contains the last of these lines. */
 void tell(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -13,6 +13,17 @@ enum class Origin : uint8_t { kTyped, kCopied };
 
 /* Whether secrets are shown. Otherwise a token stands for each. */
 extern bool g_shows_secrets;
+/* While it lives, secrets are formatted as they are: for a comparison. */
+class WithSecrets {
+ public:
+  WithSecrets() : before_(g_shows_secrets) { g_shows_secrets = true; }
+  ~WithSecrets() { g_shows_secrets = before_; }
+  WithSecrets(const WithSecrets&) = delete;
+  WithSecrets& operator=(const WithSecrets&) = delete;
+
+ private:
+  const bool before_;
+};
 inline constexpr char kSecret[] = "<secret>";
 inline bool is_hidden(const Field& field) { return field.is_secret && !g_shows_secrets; }
 /* Whether a value is the token: it leaves a secret as it is. */

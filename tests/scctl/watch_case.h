@@ -13,7 +13,9 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <regex>
 #include <string>
@@ -178,6 +180,41 @@ class WatchTest : public World {
     ASSERT_EQ(AddDhcpStaticItem(lan, &item), SC_LIST_OK);
   }
   void del(std::string ids) { DelDhcpStaticItem(lan, ids.data()); }
+
+  /* Names the binding with id 1 anew, 300 times, and measures how soon the watch shows each name.
+   * Prints it; of 100 names 99 have to be shown at once, in one of three tries. What other programs
+   * took of the time is no delay of the watch. */
+  void expect_at_once(pid_t watch, const std::function<bool(const std::string& name)>& is_shown) {
+    constexpr size_t kNames = 300, kHundredth = kNames * 99 / 100;
+    double p99 = 0;
+    listener->codes(); /* what was announced before */
+    for (int tries = 0; tries < 3; ++tries) {
+      std::vector<double> late, own;
+      for (size_t n = 0; n < kNames; ++n) {
+        const std::string name = "n" + std::to_string(n);
+        DhcpStaticItem item = item_of(1, name);
+        item.id = 1;
+        ASSERT_EQ(ModifyDhcpStaticItem(lan, &item), SC_LIST_OK);
+        const double done = now_ms();
+        const double queued = queued_ms(watch) + queued_ms(getpid());
+        ASSERT_TRUE(is_shown(name)) << name;
+        late.push_back(now_ms() - done);
+        own.push_back(late.back() - (queued_ms(watch) + queued_ms(getpid()) - queued));
+        if (n % 3 == 0) pause_ms(static_cast<int>(n % 5));
+      }
+      EXPECT_EQ(listener->codes().size(), kNames);
+      std::sort(late.begin(), late.end());
+      std::sort(own.begin(), own.end());
+      p99 = own[kHundredth];
+      printf(
+          "from a change to its line: median %.1f ms, 99 of 100 within %.1f ms; %.1f ms without "
+          "the "
+          "wait for a CPU\n",
+          late[kNames / 2], late[kHundredth], p99);
+      if (p99 <= kAtOnceMs) break;
+    }
+    EXPECT_LE(p99, kAtOnceMs);
+  }
 
   LanBlock* lan = nullptr;
   std::optional<Listener> listener; /* the daemon */

@@ -252,34 +252,9 @@ TEST_F(WatchTest, Json_AChange_IsToldAtOnceBesideADaemon) {
   add(1, "n");
   for (const char* name : {"ManageApList", "Clients", "Misc", "Qos"}) started<LanBlock>(name);
   JsonWatch watch({});
-  const pid_t watching = watch.program().pid();
-  double p99 = 0;
-  for (int tries = 0; tries < 3; ++tries) {
-    /* Of the time, what other programs took is no delay of watch. */
-    std::vector<double> late, own;
-    for (int n = 0; n < 300; ++n) {
-      DhcpStaticItem item = item_of(1, "n" + std::to_string(n));
-      item.id = 1;
-      ASSERT_EQ(ModifyDhcpStaticItem(lan, &item), SC_LIST_OK);
-      const double done = now_ms();
-      const double queued = queued_ms(watching) + queued_ms(getpid());
-      ASSERT_NE(watch.rest().find(",\"n" + std::to_string(n) + "\""), std::string::npos);
-      late.push_back(now_ms() - done);
-      own.push_back(late.back() - (queued_ms(watching) + queued_ms(getpid()) - queued));
-      if (n % 3 == 0) pause_ms(n % 5);
-    }
-    listener->codes();
-    std::sort(late.begin(), late.end());
-    std::sort(own.begin(), own.end());
-    p99 = own[own.size() * 99 / 100];
-    printf(
-        "from a change to its object: median %.1f ms, 99 of 100 within %.1f ms; %.1f ms without "
-        "the "
-        "wait for a CPU\n",
-        late[late.size() / 2], late[late.size() * 99 / 100], p99);
-    if (p99 <= kAtOnceMs) break;
-  }
-  EXPECT_LE(p99, kAtOnceMs);
+  expect_at_once(watch.program().pid(), [&](const std::string& name) {
+    return watch.rest().find(",\"" + name + "\"") != std::string::npos;
+  });
 }
 
 long sleeps_of_all(pid_t pid) {
