@@ -32,23 +32,20 @@ const char* setting(const char* name, const char* otherwise) {
 /* The temporary file. Only its owner may read it. */
 class Draft {
  public:
-  ~Draft() {
-    if (is_there_) unlink(path_.c_str());
-  }
+  ~Draft() { remove(); }
 
-  int create() {
-    path_.print("%s/scctl-edit.XXXXXX", setting("TMPDIR", "/tmp"));
-    const Descriptor file(mkstemp(path_.data()));
-    is_there_ = static_cast<bool>(file);
-    return is_there_ ? kOk : fail_file();
-  }
-
-  /* Shows the text in the editor, and reads it again. */
+  /* Shows the text in the editor, and reads it again. Each look has a file of its own: when there is
+   * no room for the next one, what was typed is in the one before. */
   int edit(const Text& shown, Text* typed) {
-    {
-      const Descriptor file(open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-      if (!file || !write_all(file.number, shown.c_str(), shown.size())) return fail_file();
+    Text path;
+    path.print("%s/scctl-edit.XXXXXX", setting("TMPDIR", "/tmp"));
+    if (!write(&path, shown)) {
+      Text why;
+      why.print("%s: %s", path.c_str(), strerror(errno));
+      return fail_kept(kNoArea, why.c_str());
     }
+    remove();
+    path_.add(path.c_str());
     Text command;
     command.print("%s \"$SCCTL_EDIT\"", setting("VISUAL", setting("EDITOR", "vi")));
     setenv("SCCTL_EDIT", path_.c_str(), 1);
@@ -56,26 +53,42 @@ class Draft {
     signal(SIGCHLD, SIG_DFL); /* if it were ignored, system could not return how the editor ended */
     const bool is_done = system(command.c_str()) == 0;
     const Descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file || !read_file(file.number, typed)) return fail_file();
-    if (!is_done) return fail_kept(shown, *typed, "the editor failed");
-    has_typed_ = true;
+    if (!file || !read_file(file.number, typed)) {
+      return fail(kNoArea, "%s: %s", path_.c_str(), strerror(errno));
+    }
+    has_typed_ |= is_done || strcmp(shown.c_str(), typed->c_str()) != 0;
+    if (!is_done) return fail_kept(kRefused, "the editor failed");
     if (strlen(typed->c_str()) == typed->size()) return kOk;
-    return fail_kept(shown, *typed, "the text has a NUL byte");
+    return fail_kept(kRefused, "the text has a NUL byte");
   }
 
  private:
-  /* What was typed stays in the file. */
-  int fail_kept(const Text& shown, const Text& typed, const char* why) {
-    is_there_ = !has_typed_ && strcmp(shown.c_str(), typed.c_str()) == 0;
-    if (is_there_) return fail(kRefused, "%s", why);
-    return fail(kRefused, "%s; what was typed is in %s", why, path_.c_str());
+  /* Makes a file with the text; the path gets its last letters. errno tells why not. */
+  static bool write(Text* path, const Text& text) {
+    const Descriptor file(mkstemp(path->data()));
+    if (!file) return false;
+    if (write_all(file.number, text.c_str(), text.size())) return true;
+    const int why = errno;
+    unlink(path->c_str());
+    errno = why;
+    return false;
   }
 
-  int fail_file() const { return fail(kNoArea, "%s: %s", path_.c_str(), strerror(errno)); }
+  void remove() {
+    if (path_.size() > 0) unlink(path_.c_str());
+    path_.clear();
+  }
 
-  Text path_;
-  bool is_there_ = false;
-  bool has_typed_ = false; /* at an earlier look */
+  /* What was typed stays in the file. */
+  int fail_kept(int status, const char* why) {
+    if (!has_typed_) return fail(status, "%s", why);
+    fail(status, "%s; what was typed is in %s", why, path_.c_str());
+    path_.clear();
+    return status;
+  }
+
+  Text path_; /* empty: there is no file */
+  bool has_typed_ = false;
 };
 
 /* Takes what is printed as an error meanwhile. */
@@ -175,8 +188,6 @@ class Session {
       : call_(call), table_(*target.table), id_(target.id), shown_(table_.stride) {}
 
   int run() {
-    Draft draft;
-    if (const int status = draft.create(); status != kOk) return status;
     if (!read(shown_.data())) return fail(kRefused, "%s/%u is free", table_.name, id_);
     Text text;
     text.print(
@@ -184,6 +195,7 @@ class Session {
         "# Empty the file or leave it unchanged to give up.\n",
         table_.name, id_);
     for (const Field& field : view()) add_line(field, shown_.data(), &text);
+    Draft draft;
     int status = kOk;
     bool is_written = false;
     while (!is_written && !is_interrupted()) {

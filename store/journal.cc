@@ -94,7 +94,7 @@ void pack_step(const Step& step, uint32_t entry, Text* to, uint16_t program) {
 }
 
 const Chunk* chunk_at(const Text& bytes, size_t at) {
-  if (bytes.size() - at < sizeof(Chunk)) return nullptr;
+  if (at > bytes.size() || bytes.size() - at < sizeof(Chunk)) return nullptr;
   const auto* chunk = reinterpret_cast<const Chunk*>(bytes.c_str() + at);
   const bool good = chunk->mark == kMark && chunk->size >= sizeof *chunk &&
                     chunk->size % alignof(Chunk) == 0 && chunk->size <= bytes.size() - at;

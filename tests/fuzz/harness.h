@@ -152,6 +152,8 @@ void run_archive(Source& source);
 void run_scctl_block(Source& source);
 void run_scctl_import(Source& source);
 void run_scctl_overlay(Source& source);
+void run_scctl_edit(Source& source);
+void run_scctl_state(Source& source);
 void run_scctl_batch(Source& source);
 void run_scctl_value(Source& source);
 void run_store_tar(Source& source);
@@ -164,6 +166,8 @@ inline constexpr Harness kHarnesses[] = {
     {"scctl_block", run_scctl_block},
     {"scctl_import", run_scctl_import},
     {"scctl_overlay", run_scctl_overlay},
+    {"scctl_edit", run_scctl_edit},
+    {"scctl_state", run_scctl_state},
     {"scctl_batch", run_scctl_batch},
     {"scctl_value", run_scctl_value},
     {"store_tar", run_store_tar},

@@ -1,7 +1,10 @@
 /* Hostile bytes for scctl, whose commands are run as functions: whole corrupt blocks under every
- * command that looks, live and as images; any text as the file of an import, as a batch and as
- * values. The blocks are segments in a world of their own. */
+ * command that looks, live and as images; any text as the file of an import, as an overlay, as a
+ * batch, as what an editor leaves and as values; corrupt files that earlier calls have kept. The
+ * blocks are segments in a world of their own. */
+#include <fcntl.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -9,9 +12,14 @@
 
 #include "fuzz/harness.h"
 #include "scctl/commands.h"
+#include "scctl/state.h"
+#include "scctl/words.h"
+#include "store/checkpoint.h"
+#include "store/edit.h"
+#include "store/journal.h"
+#include "store/kept.h"
 #include "store/overlay.h"
 #include "store/value.h"
-#include "scctl/words.h"
 #include "support/areas.h"
 
 namespace sc_fuzz {
@@ -202,6 +210,115 @@ void run_scctl_overlay(Source& source) {
   /* Conditions that depend on each other in a circle may be refused. */
   if (run_command({"import", kInput, "--overlay", kImage}) != store::kOk) return;
   if (memcmp(wan, expected.data(), expected.size()) != 0) found("an import lost bytes");
+}
+
+/* What an editor leaves of a record's text, at the first look and at the second. */
+void run_scctl_edit(Source& source) {
+  const store::Table& table = any_table(source, "");
+  const Bytes record = source.bytes(source.half() % 1024);
+  const Bytes text = source.rest();
+  const std::string area = store::kAreas[table.area].name;
+  memcpy(live(area), started(area).data(), started(area).size());
+  memcpy(live(area) + table.at, record.data(), std::min<size_t>(record.size(), table.stride));
+  write_file(kInput, text.data(), text.size());
+  /* The editor works without a shell, which would be most of an input's time. */
+  size_t left = text.size();
+  on_command = [&](const char*) {
+    write_file(getenv("SCCTL_EDIT"), text.data(), left);
+    left /= 2;
+    return 0;
+  };
+  setenv("TMPDIR", "/var/empty", 1);
+  if (run_command({"edit", std::string(table.name) + "/1"}) != store::kOk) {
+    unlink(getenv("SCCTL_EDIT")); /* where what was typed is kept */
+  }
+}
+
+namespace {
+
+/* The log: chunks, mostly whole ones of records and fields that exist. */
+Bytes any_log(Source& source) {
+  store::Text log;
+  while (!source.empty() && log.size() < 4096) {
+    const store::Table& table = any_table(source, "");
+    const uint8_t kind = source.byte();
+    const uint32_t entry = 1 + source.below(4), position = source.below(table.capacity);
+    const uint16_t program = source.byte() % 4 == 0 ? 1 : 0;
+    const size_t start = log.size();
+    if (kind % 4 == 1) {
+      const Bytes record = source.bytes(table.stride);
+      Exact before(record), after(record);
+      store::Mask mask(table);
+      for (uint32_t times = source.below(4); times > 0; --times) {
+        const store::Field& field = table.fields[source.below(table.field_count)];
+        after.data()[field.record_at] ^= source.byte();
+        mask.add(field);
+      }
+      store::pack_step({table, position, before.data(), after.data(),
+                        kind < 0x80 ? mask.bytes() : nullptr, kind % 8 < 4, kind % 16 < 8},
+                       entry, &log, program);
+    } else {
+      const Bytes payload = source.bytes(sizeof(scctl::Author) + source.below(64));
+      store::pack(static_cast<store::ChunkKind>(kind % 4), entry, payload.data(), payload.size(),
+                  &log, program);
+    }
+    if (source.byte() >= 0xc0) { /* another head or other runs */
+      const size_t at = start + source.half() % (log.size() - start);
+      log.data()[at] = static_cast<char>(source.byte());
+    }
+  }
+  return Bytes(log.c_str(), log.c_str() + log.size());
+}
+
+/* The manifest of a checkpoint, mostly with a sum that is right. */
+Bytes any_manifest(Source& source) {
+  const bool is_summed = source.byte() < 0xf0;
+  Bytes text = source.rest();
+  char end[32];
+  const int size =
+      snprintf(end, sizeof end, store::kManifestEnd, store::sum_of(text.data(), text.size()));
+  if (is_summed) text.insert(text.end(), end, end + size);
+  return text;
+}
+
+}  // namespace
+
+void run_scctl_state(Source& source) {
+  const std::string state = scctl::kStateFolder, flash = store::kArchiveFolder;
+  const std::string checkpoints = store::kCheckpoints;
+  for (const std::string& folder : {state, checkpoints, checkpoints + "/a"}) {
+    mkdir(folder.c_str(), 0700);
+  }
+  start_all();
+  const uint8_t kind = source.byte();
+  if (kind < 0x20) {
+    const Bytes marker = source.rest();
+    write_file((flash + "/try").c_str(), marker.data(), marker.size());
+    const int folder = open(flash.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    store::Marker first, second;
+    if (store::read_marker(folder, &first) == store::MarkerState::kThere) {
+      if (!store::write_marker(folder, first) ||
+          store::read_marker(folder, &second) != store::MarkerState::kThere ||
+          memcmp(&first, &second, sizeof first) != 0) {
+        found("a marker does not come back");
+      }
+    }
+    store::remove_marker(folder);
+    close(folder);
+  } else if (kind < 0x40) {
+    const Bytes manifest = any_manifest(source);
+    write_file((checkpoints + "/a/manifest").c_str(), manifest.data(), manifest.size());
+    run_command({"checkpoints"});
+    run_command({"rollback", "a", "--dry-run"});
+  } else {
+    const Bytes log = any_log(source);
+    write_file((state + (kind < 0x60 ? "/waiting" : "/log")).c_str(), log.data(), log.size());
+    if (kind < 0x60) run_command({"revert"});
+    run_command({"log"});
+    run_command({"log", "--all", "--json"});
+    run_command({"undo", "--entry", "3"});
+    run_command({"undo", "2"});
+  }
 }
 
 void run_scctl_batch(Source& source) {

@@ -1,5 +1,7 @@
 /* edit: a record as a text in an editor. The editor is a script. */
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <sysconfig/lan.h>
 
@@ -120,6 +122,27 @@ TEST_F(EditRecordTest, WhatWasTypedBeforeTheEditorFailed_StaysInTheFile) {
   unlink("/var/looks");
   looks({"sed -i 's/two/four/; s/^ip=.*/ip=here/' \"$1\"", "exit 3"});
   EXPECT_NE(kept("the editor failed").find("name=four words\n"), std::string::npos);
+}
+
+TEST_F(EditRecordTest, WhatWasTyped_StaysInTheFileWhenThereIsNoRoomForAnotherLook) {
+  ASSERT_EQ(mount("tmpfs", "/var/drafts", "tmpfs", 0, "size=8k"), 0);
+  looks(
+      {"printf 'name=typed\\nip=here\\n' >\"$1\"; head -c 16384 /dev/zero >/var/drafts/full "
+       "2>/dev/null; :"});
+  const Outcome outcome = edit();
+  EXPECT_EQ(outcome.status, 3) << outcome;
+  const std::string said = ": No space left on device; what was typed is in ";
+  const size_t at = outcome.err.find(said);
+  std::string text;
+  if (at != std::string::npos) {
+    const size_t path = at + said.size();
+    text = read_file(outcome.err.substr(path, outcome.err.size() - path - 1));
+  }
+  EXPECT_EQ(text, "name=typed\nip=here\n") << outcome;
+  using Files = std::filesystem::directory_iterator;
+  EXPECT_EQ(std::distance(Files("/var/drafts"), Files()), 2)
+      << "that file, and what filled the disk";
+  EXPECT_EQ(umount("/var/drafts"), 0);
 }
 
 TEST_F(EditRecordTest, ATextWithANulByte_IsNotWrittenInPart) {
