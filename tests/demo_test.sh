@@ -76,6 +76,10 @@ says ' var/systemconfig/config_lan.cfg' bindings.txt
 says 'mtu                   1400 bytes' bindings.txt
 says '  6 FwIpport, 9 Qos, 10 IpGroup' bindings.txt
 says '  6 FwIpport, 8 FwUrl, 7 FwMac, 9 Qos, 11 TimeGroup' bindings.txt
+says '"what":"add"' bindings.txt
+says '"number_3":[8080,8081]' bindings.txt
+# Emulators of a single program do not know fanotify, and so no authors.
+[[ ${#emulator[@]} -gt 0 ]] || says '"note":"the old port was taken"' bindings.txt
 says 'Sixteen images are back, 0 bytes differ.' bindings.txt
 [[ $(grep -c 'event command: change_event network' "$work/out") == 3 ]] ||
   complain 'bindings.txt: Lan is saved twice and Wan once, each with its event'

@@ -16,6 +16,7 @@
 #include "areas.h"
 #include "listener.h"
 #include "page.h"
+#include "stream.h"
 
 /* The areas of the tour. */
 static struct WanBlock* wan;
@@ -187,7 +188,11 @@ static void change_groups(void) {
 /* ---- port forwarding, and settings without a table ---- */
 
 static void forward_ports(void) {
-  heading("Port forwarding");
+  heading("Port forwarding, and who changed what");
+  puts(
+      "The daemon hears the code of the area. A watch tells each field before and after\n"
+      "and, where the kernel knows it, the program: an object on a line (folded here).\n");
+  start_stream("VsIpport");
   const struct PortFwItem rules[] = {{.leading_text = "web server",
                                       .ip_text = "10.0.0.20",
                                       .option_1 = 1,
@@ -205,8 +210,13 @@ static void forward_ports(void) {
   for (int i = 0; i < 2; i++) {
     row("  %-20s %s", rules[i].leading_text, answer(AddPortFwItem(forwards, &rules[i])));
     heard();
+    streamed();
   }
-  putchar('\n');
+  type("scctl set port_forward/1 number_3=8081 --note 'the old port was taken'");
+  row("  set under the same lock byte");
+  heard();
+  streamed();
+  stop_stream();
   type("scctl list port_forward");
 }
 

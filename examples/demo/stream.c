@@ -1,0 +1,56 @@
+#include "stream.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "page.h"
+
+enum { INDENT = 4, WIDTH = 78 - INDENT };
+
+static FILE* watch;
+static char* line;
+static size_t room;
+
+static size_t next_line(void) {
+  ssize_t size = getline(&line, &room, watch);
+  if (size <= 0) {
+    fputs("demo: the watch has ended\n", stderr);
+    exit(STATUS_CANNOT_RUN);
+  }
+  return (size_t)size - 1;
+}
+
+void start_stream(const char* area) {
+  char command[80];
+  snprintf(command, sizeof command, "scctl watch --json %s", area);
+  printf("$ %s &\n", command);
+  fflush(stdout);
+  strcat(command, " 2>&1"); /* where it says "watching" */
+  watch = popen(command, "r");
+  if (watch == NULL) {
+    perror("scctl");
+    exit(STATUS_CANNOT_RUN);
+  }
+  next_line();
+}
+
+void streamed(void) {
+  size_t left = next_line();
+  for (const char* at = line; left > 0;) {
+    size_t part = left;
+    if (part > WIDTH) {
+      part = WIDTH;
+      while (part > 1 && at[part - 1] != ',') part--;
+      if (part == 1) part = WIDTH; /* a member of more than a line */
+    }
+    printf("%*s%.*s\n", INDENT, "", (int)part, at);
+    at += part;
+    left -= part;
+  }
+}
+
+void stop_stream(void) {
+  pclose(watch);
+  free(line);
+}
