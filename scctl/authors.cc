@@ -30,6 +30,9 @@ constexpr size_t kFolderLength = sizeof kLockFolder - 1;
 /* Bits of a note that are none of the events that are asked for. */
 constexpr uint8_t kAnswer = FAN_ACCESS, kLost = FAN_MODIFY;
 
+/* What the child is asked: to answer when it has told all, and to follow another folder before. */
+constexpr char kTell = '?', kFollow = 'f';
+
 /* How long an answer of the child is waited for. */
 constexpr int kAnswerMs = 100;
 /* A process that is gone is the one that had this number so recently: the kernel gives all other
@@ -150,7 +153,7 @@ void Authors::run_child(int events, int in, int out) {
     ppoll(ready, 2, nullptr, nullptr);
     char asked = 0;
     if (ready[1].revents != 0 && read(in, &asked, 1) <= 0) _exit(0);
-    if (asked == 'f') mark(events);
+    if (asked == kFollow) mark(events);
     alignas(fanotify_event_metadata) char bytes[2048];
     ssize_t size;
     bool is_lost = false;
@@ -218,30 +221,33 @@ bool Authors::begin() {
   return child > 0;
 }
 
-/* Takes all notes about what happened before this call. */
+/* Takes all notes about what happened before this call. A child that did not answer in time is not
+ * asked and not waited for again until it has. */
 void Authors::ask(char what) {
   if (notes_ < 0) return;
-  const bool is_asked = write(asks_, &what, 1) == 1;
-  due_answers_ += is_asked;
-  take(kAnswerMs);
-  if (due_answers_ != 0 || !is_asked) lost_areas_ = UINT32_MAX;
-  if (is_asked) return;
+  const bool is_late = due_answers_ != 0;
+  if (!is_late || what == kFollow) due_answers_ += write(asks_, &what, 1) == 1;
+  const bool is_there = take(is_late ? 0 : kAnswerMs);
+  if (is_late || due_answers_ != 0 || !is_there) lost_areas_ = UINT32_MAX;
+  if (is_there) return;
   fputs("authors are no longer known: the process that looks for them has ended\n", stderr);
   end();
 }
 
-void Authors::follow() { ask('f'); }
+void Authors::follow() { ask(kFollow); }
 
-/* Takes notes until the answer that is due, or those that are there. */
-void Authors::take(int timeout) {
+/* Takes notes until the answer that is due, or those that are there. False when the child has ended. */
+bool Authors::take(int timeout) {
   Note note;
   pollfd ready = {notes_, POLLIN, 0};
   const timespec wait = {0, timeout * 1000000};
-  while (ppoll(&ready, 1, &wait, nullptr) > 0 && read(notes_, &note, sizeof note) > 0) {
+  while (ppoll(&ready, 1, &wait, nullptr) > 0) {
+    if (read(notes_, &note, sizeof note) <= 0) return false;
     if ((note.events & kLost) != 0) lost_areas_ = UINT32_MAX;
-    if ((note.events & kAnswer) != 0 && --due_answers_ == 0) return;
+    if ((note.events & kAnswer) != 0 && --due_answers_ == 0) return true;
     if ((note.events & (kLost | kAnswer)) == 0) take(note);
   }
+  return true;
 }
 
 namespace {
@@ -303,7 +309,7 @@ void Authors::begin_look() {
 
 void Authors::find(AreaId area) {
   area_ = area;
-  ask('?');
+  ask(kTell);
 }
 
 /* The changes of programs that had closed their files before the look were seen by it. */

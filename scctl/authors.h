@@ -65,7 +65,7 @@ class Authors {
   static void run_child(int events, int in, int out);
   void ask(char what);
   void end();
-  void take(int timeout);
+  bool take(int timeout);
   void take(const Note& note);
   static void settle(Suspect* suspect);
 

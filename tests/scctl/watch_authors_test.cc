@@ -334,12 +334,18 @@ TEST_F(TraceWatchAuthorsTest, AnotherLockFolder_IsFollowed) {
   std::filesystem::remove_all("/var/away");
 }
 
+/* The process that asks the kernel. */
+pid_t child_of(pid_t watch) {
+  const std::string pid = std::to_string(watch);
+  const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
+  EXPECT_GT(child, 0);
+  return child;
+}
+
 /* Its child is killed: changes are told on, without authors, and that is said once. */
 TEST_F(TraceWatchAuthorsTest, WithoutItsChild_NoAuthorIsTold_AndThatIsSaid) {
   JsonWatch watch({"Lan"});
-  const std::string pid = std::to_string(watch.program().pid());
-  const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
-  ASSERT_GT(child, 0);
+  const pid_t child = child_of(watch.program().pid());
   rename("first");
   EXPECT_EQ(watch.object().pids(), (std::set<int>{getpid()}));
   kill(child, SIGKILL);
@@ -355,12 +361,37 @@ TEST_F(TraceWatchAuthorsTest, WithoutItsChild_NoAuthorIsTold_AndThatIsSaid) {
   }
 }
 
+/* It is stopped: it is waited for once, not at each change, and tells authors again when it goes on. */
+TEST_F(TraceWatchAuthorsTest, WhileItsChildIsStopped_ChangesAreToldAtOnceWithoutAuthors) {
+  JsonWatch watch({"Lan"});
+  const pid_t child = child_of(watch.program().pid());
+  const auto change = [&](const std::string& name) {
+    Child([&] { rename(name); }).wait();
+    const Object object = watch.object();
+    EXPECT_NE(object.rest.find("\"" + name + "\""), std::string::npos) << object.rest;
+    return object;
+  };
+  kill(child, SIGSTOP);
+  const double begun = now_ms();
+  for (int n = 0; n < 30; ++n) EXPECT_EQ(change("stopped" + std::to_string(n)).author, "");
+  EXPECT_LT(now_ms() - begun, 1500);
+  kill(child, SIGCONT);
+  change("late"); /* it still has to tell of those before */
+  pause_ms(100);
+  EXPECT_NE(change("again").author, "");
+  kill(child, SIGSTOP);
+  change("stopped again");
+  kill(child, SIGKILL);
+  Child([&] { rename("ended"); }).wait();
+  EXPECT_EQ(watch.raw_line(kSoonMs).value_or("nothing"),
+            "authors are no longer known: the process that looks for them has ended");
+}
+
 /* The kernel gives a descriptor with each event. */
 TEST_F(TraceWatchAuthorsTest, TheChild_KeepsNoDescriptors) {
   JsonWatch watch({"Lan"});
-  const std::string pid = std::to_string(watch.program().pid());
-  const std::string child = read_file("/proc/" + pid + "/task/" + pid + "/children");
-  const std::filesystem::path folder = "/proc/" + std::to_string(atoi(child.c_str())) + "/fd";
+  const std::filesystem::path folder =
+      "/proc/" + std::to_string(child_of(watch.program().pid())) + "/fd";
   const auto count = [&] {
     const std::filesystem::directory_iterator all(folder);
     return std::distance(begin(all), end(all));
@@ -379,10 +410,7 @@ TEST_F(TraceWatchAuthorsTest, TheChild_KeepsNoDescriptors) {
 TEST_F(TraceWatchAuthorsTest, StoppedItStopsNoWriter_KilledItLeavesNobody) {
   JsonWatch watch({"Lan"});
   const pid_t pid = watch.program().pid();
-  const std::string children =
-      read_file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(pid) + "/children");
-  const pid_t child = atoi(children.c_str());
-  ASSERT_GT(child, 0);
+  const pid_t child = child_of(pid);
   kill(pid, SIGSTOP);
   kill(child, SIGSTOP);
   const double begun = now_ms();

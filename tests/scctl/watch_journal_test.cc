@@ -97,10 +97,10 @@ TEST_F(TraceWatchJournalTest, AnotherFieldThanScctlsEdit_IsTheOthers) {
   };
   flag_becomes(50);
   const std::string all = log({"--all"});
-  EXPECT_EQ(all.find("root  watch_journal_t[]\n  lan_binds/1.flag: 1 -> 50\n"
-                     "root  batch\n"),
-            0u)
-      << all;
+  /* The batch's own process may be a candidate, too. */
+  static const std::regex kTheOthers(
+      "(root|-)  ([^\n]*, )?watch_journal_t\\[\\]\n  lan_binds/1\\.flag: 1 -> 50\nroot  batch\n");
+  EXPECT_TRUE(std::regex_search(all, kTheOthers, std::regex_constants::match_continuous)) << all;
   /* An edit after that is scctl's, with all that it has edited before. */
   done({"set", "lan_binds/1", "name=again"});
   watch.object();
@@ -160,7 +160,9 @@ TEST_F(TraceWatchJournalTest, DeletedAndAdded_GoBack) {
 
 TEST_F(TraceWatchJournalTest, OneJournalAtATime_AndTheSecondSaysWho) {
   JsonWatch watch({"--journal"});
-  const Outcome second = run(scctl({"watch", "--journal"}));
+  Words words = {"timeout", "20"}; /* a second one would go on for ever */
+  for (const std::string& word : scctl({"watch", "--journal"})) words.push_back(word);
+  const Outcome second = run(words);
   EXPECT_EQ(second.status, 3);
   EXPECT_NE(second.err.find(std::to_string(watch.program().pid())), std::string::npos) << second;
 }
