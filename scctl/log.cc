@@ -289,9 +289,11 @@ Log g_log;
 
 void start_log() { g_log.start(); }
 
-void log_changes(const Author& author, const char* words, const Changes& changes) {
+void log_changes(const Author& author, const char* words, const char* note,
+                 const Changes& changes) {
   Entry entry;
   entry.begin(author, words);
+  entry.set_note(note);
   for (const Change* change = changes.first(); change != nullptr; change = change->next) {
     entry.add(change->step());
   }

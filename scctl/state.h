@@ -74,8 +74,10 @@ void log_seen(const Author& author, const char* words, const Seen* seen);
 /* Whether the difference is the last edit of the record that is logged, by scctl itself: its process
  * and its note. */
 bool is_logged(const Seen& seen, uint32_t* pid, Text* note);
+/* The process that made the try that runs, and its note. False when none runs. */
+bool read_try_note(uint32_t* pid, Text* note);
 /* Logs the changes of a try that was confirmed. */
-void log_changes(const Author& author, const char* words, const Changes& changes);
+void log_changes(const Author& author, const char* words, const char* note, const Changes& changes);
 
 }  // namespace scctl
 

@@ -99,6 +99,10 @@ int mark(Try& running, uint32_t areas) {
   return kOk;
 }
 
+void set_text(const char* from, char* to, size_t size) {
+  snprintf(to, size, "%s", from != nullptr ? from : "");
+}
+
 /* Writes the edits of this process into the try's journal. */
 class TryJournal final : public Journal {
  public:
@@ -107,7 +111,14 @@ class TryJournal final : public Journal {
   TryJournal(const TryJournal&) = delete;
   TryJournal& operator=(const TryJournal&) = delete;
 
-  int begin(uint32_t areas) override { return mark(running_, areas); }
+  int begin(uint32_t areas) override {
+    char(&note)[sizeof TryHeader::note] = running_.header.note;
+    if (note[0] == '\0' && g_note[0] != '\0') {
+      set_text(g_note, note, sizeof note);
+      if (!running_.write()) return fail_state();
+    }
+    return mark(running_, areas);
+  }
   bool append(const Step& step) override {
     if (running_.append(step)) return true;
     fail_state();
@@ -173,10 +184,6 @@ int make_by_program(Call& call, Try& running) {
   if (!running.write()) return fail_state();
   remove_copies();
   return kOk;
-}
-
-void set_text(const char* from, char* to, size_t size) {
-  snprintf(to, size, "%s", from != nullptr ? from : "");
 }
 
 /* ---- starting ---- */

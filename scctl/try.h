@@ -33,6 +33,7 @@ struct TryHeader {
   char boot[40];     /* the boot's id: areas and journal do not survive a boot */
   char terminal[32]; /* of the caller; empty: none */
   char words[256];
+  char note[128];
 };
 static_assert(sizeof(TryHeader) % alignof(Chunk) == 0);
 

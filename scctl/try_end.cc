@@ -257,7 +257,7 @@ void finish_confirmed(Try& running) {
   live.open_live();
   Changes changes;
   running.read_changes(live, &changes);
-  log_changes(running.header.author, running.header.words, changes);
+  log_changes(running.header.author, running.header.words, running.header.note, changes);
   close_try(running, nullptr, Text());
 }
 

@@ -17,7 +17,7 @@ namespace scctl {
 namespace {
 
 constexpr int kActorTries = 3000;
-constexpr char kKind[8] = "try 1";
+constexpr char kKind[8] = "try 2";
 
 void read_boot_id(char (&id)[sizeof TryHeader::boot]) {
   memset(id, 0, sizeof id);
@@ -163,6 +163,14 @@ int join(Try& running, const char* what) {
   const Phase phase = running.header.phase;
   if (phase == Phase::kMaking) return fail(kRefused, "%s: the try was not made", what);
   return kOk;
+}
+
+bool read_try_note(uint32_t* pid, Text* note) {
+  Try running;
+  if (!open_state(false) || !running.open()) return false;
+  *pid = running.header.author.pid;
+  note->add(running.header.note);
+  return true;
 }
 
 bool read_waiting(Changes* changes) {

@@ -50,6 +50,7 @@ int run_status(Call& call) {
     writer.open('{', JsonWriter::kLines);
     write_author(header.author, &writer);
     writer.member("command", header.words);
+    if (header.note[0] != '\0') writer.member("note", header.note);
     writer.member("phase", phase_name(header.phase));
     writer.member("left", running.left());
     writer.name("changes");

@@ -372,16 +372,18 @@ class Watch final : private Teller {
     authors_.find(seen.table.area);
     uint32_t pid = 0;
     Text note;
-    const bool is_own = is_logged(seen, &pid, &note);
+    bool is_own = is_logged(seen, &pid, &note);
+    if (!is_own) read_try_note(&pid, &note);
     Text rest, words;
     Author first = {time(nullptr), boot_ms(), kNobody, 0};
-    bool is_noted = false;
+    bool is_noted = false, is_scctl = true;
     for (const Program* one = nullptr; (one = authors_.next(one)) != nullptr;) {
       if (words.size() == 0) {
         first.pid = one->pid;
         if (one->is_known) first.uid = one->uid;
       }
       is_noted |= one->pid == pid && note.size() > 0;
+      is_scctl &= strcmp(one->name, "scctl") == 0;
       words.print("%s%s[%u]", words.size() > 0 ? ", " : "", one->name, one->pid);
       rest.print("%s{\"pid\":%u", rest.size() > 0 ? "," : ",\"author\":[", one->pid);
       if (one->is_known) {
@@ -398,6 +400,8 @@ class Watch final : private Teller {
       add_json_text(note.c_str(), &rest);
     }
     if (printing_) stream_.tell_record(seen, rest.c_str());
+    /* What scctl tries is logged when it is confirmed; what it takes back leaves nothing to log. */
+    is_own |= is_scctl && words.size() > 0;
     if (words.size() == 0) words.add("unknown");
     if (journaling_ && !is_own) log_seen(first, words.c_str(), &seen);
     return true;

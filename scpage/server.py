@@ -25,6 +25,7 @@ FILES = {"/page.css": "text/css", "/page.js": "text/javascript", "/icon.svg": "i
 LONGEST_BODY = 1 << 17
 LONGEST_WRITE = 10  # seconds until a tab that does not read is given up
 TRY_SECONDS = 90
+LONGEST_NOTE = 100
 
 
 class Refused(Exception):
@@ -125,9 +126,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             try:
                 lines = batch_of(source, asked)
                 seconds = self._number(str(asked.get("seconds", TRY_SECONDS)))
+                note = asked.get("note", "")
+                if len(note) > LONGEST_NOTE or not note.isprintable():
+                    raise Refused(400, "a note is one line of at most %d letters" % LONGEST_NOTE)
             except (AttributeError, KeyError, TypeError):
                 raise Refused(400, "this is no edit") from None
-            told = source.change(lines, seconds)
+            told = source.change(lines, seconds, note)
         elif self.path == "/confirm":
             told = source.confirm()
         elif self.path == "/revert":

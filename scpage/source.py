@@ -273,9 +273,10 @@ class Source:
         return {"lines": lines[:LONGEST_DIFF], "more": max(0, len(lines) - LONGEST_DIFF),
                 "areas": sorted(areas)}
 
-    def change(self, lines, seconds):
+    def change(self, lines, seconds, note=""):
         """Tries the commands in a batch. Returns what scctl prints."""
-        return self._end_of(self.runner.call("try", "--timeout", str(seconds), "batch", "-",
+        noted = ["--note", note] if note else []
+        return self._end_of(self.runner.call("try", "--timeout", str(seconds), "batch", "-", *noted,
                                              given="".join(lines).encode()))
 
     def confirm(self):

@@ -512,6 +512,7 @@ function recordView(table, id) {
         (text) => el('th', {scope: 'col', textContent: text})))), body)));
   const rows = new Map(); /* field: row, value, input, note, base */
   const seconds = el('input', {type: 'number', min: 1, max: 86400, value: 90});
+  const why = el('input', {type: 'text', maxLength: 100, autocomplete: 'off'});
   const newId = el('input', {type: 'number', min: 1, max: state.tables.find((row) => row.table === table).records});
 
   const isEditing = (row) => row.input && (row.input.value !== row.base || document.activeElement === row.input);
@@ -573,7 +574,7 @@ function recordView(table, id) {
     event.preventDefault();
     const fields = {};
     for (const [field, row] of rows) if (row.input && row.input.value !== row.base) fields[field] = row.input.value;
-    const edit = {do: id === null ? 'add' : 'set', table, fields, seconds: Number(seconds.value)};
+    const edit = {do: id === null ? 'add' : 'set', table, fields, seconds: Number(seconds.value), note: why.value};
     if (id !== null) edit.id = id;
     else if (newId.value) edit.id = Number(newId.value);
     if (!await act('/try', edit)) return;
@@ -584,7 +585,7 @@ function recordView(table, id) {
     for (const field of Object.keys(fields)) rows.get(field).base = fields[field];
     refresh();
   }
-  const remove = () => act('/try', {do: 'del', table, id, seconds: Number(seconds.value)});
+  const remove = () => act('/try', {do: 'del', table, id, seconds: Number(seconds.value), note: why.value});
   function discard() {
     for (const row of rows.values()) {
       if (!row.input) continue;
@@ -622,6 +623,7 @@ function recordView(table, id) {
     form.append(el('p', {},
       id === null ? el('label', {}, 'Id, or the first free ', newId) : '',
       el('label', {}, 'Seconds until it is taken back ', seconds),
+      el('label', {}, 'Why (for the log) ', why),
       el('button', {textContent: id === null ? 'Try to add' : 'Try the change'}),
       el('button', {type: 'button', textContent: 'Discard', onclick: discard}),
       id === null ? '' : el('button', {type: 'button', textContent: 'Try to delete', onclick: remove})));

@@ -158,6 +158,29 @@ TEST_F(TraceWatchJournalTest, DeletedAndAdded_GoBack) {
   EXPECT_EQ(lan->lan_binds[2].slot_id, -1);
 }
 
+/* The watch sees the try's change before the try is in the log. */
+TEST_F(TraceWatchJournalTest, ATry_IsLoggedOnceWhenItIsConfirmedAndNeverWhenItIsTakenBack) {
+  JsonWatch watch({"--journal"});
+  const auto try_name = [&](const std::string& name) {
+    const std::string line = "set lan_binds/1 name=" + name;
+    EXPECT_EQ(run(scctl({"try", "batch", "-", "--note", "for " + name}), line).status, 0);
+    const std::string rest = watch.rest();
+    EXPECT_NE(rest.find(",\"" + name + "\"]}"), std::string::npos) << rest;
+    EXPECT_NE(rest.find(",\"note\":\"for " + name + "\""), std::string::npos) << rest;
+    EXPECT_NE(done({"try", "--status", "--json"}).find("\"note\": \"for " + name + "\""),
+              std::string::npos);
+  };
+  try_name("back");
+  done({"revert"});
+  EXPECT_NE(watch.rest().find("[\"back\",\"one\"]"), std::string::npos);
+  EXPECT_EQ(log({"--all"}), "");
+  try_name("kept");
+  done({"confirm"});
+  EXPECT_EQ(log({"--all"}),
+            "root  try batch - --note 'for kept'\n  lan_binds/1.name: one -> kept\n");
+  EXPECT_NE(done({"log", "--json"}).find("\"note\": \"for kept\""), std::string::npos);
+}
+
 TEST_F(TraceWatchJournalTest, OneJournalAtATime_AndTheSecondSaysWho) {
   JsonWatch watch({"--journal"});
   Words words = {"timeout", "20"}; /* a second one would go on for ever */

@@ -342,6 +342,8 @@ class Used(InBrowser):
         tab.wait("document.querySelector('tr[data-field=name] input')?.value === 'camera'")
         reach("(e) => e.closest('tr[data-field=name]')")
         tab.type("typed ")
+        reach("(e) => e.closest('label')?.textContent.startsWith('Why')")
+        tab.type("ticket 12")
         tab.key("Enter")
         tab.wait("document.getElementById('left')")
         self.assertIn("typed", json.dumps(json.loads(scctl("try", "--status", "--json"))["changes"]))
@@ -351,6 +353,7 @@ class Used(InBrowser):
         tab.key("Enter")
         tab.wait("document.getElementById('try').hidden")
         self.assertIn("typed", scctl("get", "lan_binds/2.name"))
+        self.assertEqual(json.loads(scctl("log", "--json"))[0]["note"], "ticket 12")
 
     def test_the_countdown_is_that_of_the_try(self):
         page = self.start("--edit")

@@ -173,6 +173,15 @@ class Edits(unittest.TestCase):
         self.assertEqual(status, 502)  # a try runs
         self.assertIn("try", text)
 
+    def test_a_note_is_logged_with_its_edit(self):
+        note = "it's \"down\"; $(reboot) --json é"
+        self.edit("set", id=1, fields={"name": "x"}, note=note)
+        self.page.post("/confirm")
+        self.assertEqual(json.loads(scctl("log", "--json"))[0]["note"], note)
+        for note in ("a\nb", "\0", "\ud800", "x" * 101, 7, None):
+            status, _ = self.page.post("/try", {"do": "del", "table": "lan_binds", "id": 1, "note": note})
+            self.assertEqual(status, 400, note)
+
     def test_bytes_that_are_no_line_of_text_arrive(self):
         for text in ("\udcff\udc80x", "a\tb\x1b[31m\n", "'; del lan_binds/1 #", "$(reboot)`id`\\ \"", ""):
             self.edit("set", id=1, fields={"name": text})
