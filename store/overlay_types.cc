@@ -75,7 +75,16 @@ class Checker {
     if (!member.has_kind) return refuse(type, &member, "it has neither a kind nor a type");
     Extra& extra = member.extra;
     const bool is_number = member.kind == Kind::kSigned || member.kind == Kind::kUnsigned;
-    if (member.names != nullptr && is_number) {
+    if ((member.names != nullptr || member.range[0] != nullptr) && !is_number) {
+      return refuse(type, &member, "only a number has names or a range");
+    }
+    if (extra.pattern != nullptr && member.kind != Kind::kText) {
+      return refuse(type, &member, "only a text has a pattern");
+    }
+    if (member.used != nullptr && member.dimensions == 0) {
+      return refuse(type, &member, "it is no array, and is not counted");
+    }
+    if (member.names != nullptr) {
       const Enum* names = find_named(model_.enums, member.names);
       if (names == nullptr) return refuse(type, &member, "its names are missing");
       extra.names = names->names;
@@ -108,7 +117,7 @@ class Checker {
     }
     extra.is_list = is_of_numbers(member) && member.dimensions > 0;
     extra.is_counted = member.used != nullptr;
-    return member.range[0] == nullptr || !is_number || take_range(type, member);
+    return member.range[0] == nullptr || take_range(type, member);
   }
 
   bool take_range(const Type& type, Member& member) {

@@ -209,6 +209,25 @@ TEST_F(OverlayTest, AConditionWithoutAValue_IsRefusedByOneLine) {
             "scctl: /var/other.json:1: a condition needs a value\n");
 }
 
+TEST_F(OverlayTest, AnAttributeOfAnotherKind_IsRefusedByOneLine) {
+  const auto why = [&](const std::string& member) {
+    const std::string said = refused(overlay_of("\"a\": {\"at\": 0, " + member + "}"));
+    const std::string begin = "scctl: /var/other.json: t.a: ";
+    EXPECT_TRUE(said.starts_with(begin)) << said;
+    return said.substr(std::min(begin.size(), said.size()));
+  };
+  for (const char* kind : {"text", "bytes", "mac", "address"}) {
+    const std::string of_kind = std::string(R"("size": 8, "kind": ")") + kind + '"';
+    EXPECT_EQ(why(of_kind + R"(, "range": [1, 2])"), "only a number has names or a range\n");
+    EXPECT_EQ(why(of_kind + R"(, "names": "e")"), "only a number has names or a range\n");
+  }
+  EXPECT_EQ(why(R"("kind": "unsigned", "size": 1, "pattern": "a")"), "only a text has a pattern\n");
+  EXPECT_EQ(why(R"("kind": "mac text", "size": 18, "pattern": "a")"),
+            "only a text has a pattern\n");
+  EXPECT_EQ(why(R"("kind": "bytes", "size": 1, "used": "b")"),
+            "it is no array, and is not counted\n");
+}
+
 TEST_F(OverlayTest, WhatLiesOutside_IsRefusedByOneLine) {
   const auto member = [](const std::string& text) { return overlay_of("\"a\": {" + text + "}"); };
   EXPECT_EQ(refused(member(R"("at": 956, "kind": "unsigned", "size": 1)")),
