@@ -143,9 +143,6 @@ class KeptSecrets;
  * --dry-run, prints what would change. A table that is not wanted stays as it is. */
 int replace_tables(Call& call, Snapshot* wanted, const KeptSecrets* kept = nullptr);
 
-/* Replaces the values of secrets in words of a command by the token. */
-void hide_secrets(Text* words);
-
 /* Prints commands that turn the areas that both have from the first into the second. True when
  * anything was printed. */
 bool print_commands(Source& from, Source& into);

@@ -430,6 +430,23 @@ int open_source(const Command& command, Call* call) {
 
 namespace {
 
+/* Replaces the values of secrets in words of a command by the token. */
+void hide_secrets(Text* word) {
+  static constexpr char kNameLetters[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.[]";
+  const char* text = word->c_str();
+  for (const char* at = text; g_overlays != nullptr && *at != '\0'; ++at) {
+    const size_t length = strspn(at, kNameLetters);
+    at += length;
+    if (*at == '\0') return;
+    if ((*at == '=' || *at == ':') && g_overlays->is_secret(at - length, length)) {
+      word->cut(static_cast<size_t>(at - text));
+      word->print("=%s", kSecret);
+      return;
+    }
+  }
+}
+
 /* The words of this call, as people may read them. */
 int g_count;
 char** g_given;
@@ -477,22 +494,6 @@ class OverlaysInUse {
 };
 
 }  // namespace
-
-void hide_secrets(Text* word) {
-  static constexpr char kNameLetters[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.[]";
-  const char* text = word->c_str();
-  for (const char* at = text; g_overlays != nullptr && *at != '\0'; ++at) {
-    const size_t length = strspn(at, kNameLetters);
-    at += length;
-    if (*at == '\0') return;
-    if ((*at == '=' || *at == ':') && g_overlays->is_secret(at - length, length)) {
-      word->cut(static_cast<size_t>(at - text));
-      word->print("=%s", kSecret);
-      return;
-    }
-  }
-}
 
 const Rows<Command> kAllCommands = {kCommands, sizeof kCommands / sizeof *kCommands};
 const Rows<OptionRow> kAllOptions = {kOptions, kOptionCount};

@@ -72,8 +72,10 @@ class Choice {
   int check() {
     if (const int status = split_assignment(word_, &given_); status != kOk) return status;
     const Table& names = names_of(table);
-    if (find_field(names, given_.name, given_.length) == nullptr) {
-      return unknown_field(names, given_.name, given_.length);
+    const Field* field = find_field(names, given_.name, given_.length);
+    if (field == nullptr) return unknown_field(names, given_.name, given_.length);
+    if (is_hidden(*field)) {
+      return fail(kRefused, "%s.%s is a secret; --secrets finds it", table.name, field->name);
     }
     return is_covered(table) ? kOk : parse_in(table);
   }
@@ -344,10 +346,7 @@ int run_find(Call& call) {
   if (choice.status() != kOk) return choice.status();
   if (found > 0) return kOk;
   if (call.has(kJson)) return kRefused;
-  Text word;
-  word.add(call.words[1]);
-  hide_secrets(&word);
-  return fail(kRefused, "no record of %s has %s", table.name, word.c_str());
+  return fail(kRefused, "no record of %s has %s", table.name, call.words[1]);
 }
 
 int run_get(Call& call) {

@@ -417,6 +417,9 @@ int run_diff(Call& call) {
     return status;
   }
   const bool commands = call.has(kCommandsOption);
+  if (commands && (one.overlays != g_overlays || other.overlays != g_overlays)) {
+    return fail(kUsage, "commands have the names of --overlay FILE alone, not of @OVERLAY");
+  }
   bool any = false;
   unsigned compared = 0;
   for (const Area& area : kAreas) {

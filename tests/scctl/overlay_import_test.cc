@@ -150,6 +150,11 @@ TEST_F(OverlayImportTest, TwoOverlays_AreComparedByTheNames) {
                      "wan/1.new: (none) -> 4\n"
                      "wan/1.old: 3 -> (none)\n",
                      ""}));
+  /* A command has one name for a member. */
+  const Outcome refused = {
+      2, "", "scctl: commands have the names of --overlay FILE alone, not of @OVERLAY\n"};
+  EXPECT_EQ(run(scctl({"diff", "/var/image@/var/one.json", "live", "--commands"})), refused);
+  EXPECT_EQ(run(scctl({"diff", "/var/image", "live@/var/two.json", "--commands"})), refused);
 }
 
 TEST_F(OverlayImportTest, AnImport_MayBeLargerWithOverlays) {
