@@ -521,9 +521,14 @@ int Overlays::load(const char* path, bool is_of_folder) {
     }
     good = attach(model, &fault);
   }
-  if (!good) {
-    return fail(kRefused, "%s%s", fault.c_str(), is_of_folder ? "; the file is left out" : "");
+  if (!good && is_of_folder) {
+    static Text said; /* lines of a batch may read the folder again */
+    fault.add("; the file is left out\n");
+    if (strstr(said.c_str(), fault.c_str()) != nullptr) return kRefused;
+    said.add(fault.c_str());
+    fault.trim('\n');
   }
+  if (!good) return fail(kRefused, "%s", fault.c_str());
   model->next = models_;
   models_ = model;
   return kOk;
