@@ -7,7 +7,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,10 +16,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <sysconfig/core.h>
-
 #include "commands.h"
 #include "listing.h"
+#include "record_locks.h"
 #include "try.h"
 #include "store/edit.h"
 #include "store/gzip.h"
@@ -30,111 +28,22 @@ namespace scctl {
 
 namespace {
 
-bool can_be_saved(const Area& area) { return area.row().stem[0] != '\0'; }
-
-/* ---- the copy of one moment ---- */
-
-constexpr uint32_t kLongest = 1000; /* milliseconds until a record has to be free */
-constexpr int kUnlockedCopies = 100;
-/* The lock files of the areas that are copied, for shared locks on all records of an area. Never
- * waits in the kernel (F_SETLKW): the kernel could then answer another program's wait with EDEADLK,
- * and the library would write without a lock. No edit of this process is open meanwhile: the end of
- * these descriptors would drop its locks. */
-class RecordLocks {
- public:
-  explicit RecordLocks(Source& live) {
-    for (const Area& area : kAreas) {
-      const AreaId id = id_of(area);
-      files_[id] = kNotCopied;
-      if (!can_be_saved(area) || live.block(id) == nullptr) continue;
-      files_[id] = open(lock_path(area).text, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-      if (files_[id] < 0) files_[id] = -errno;
-    }
-  }
-  ~RecordLocks() {
-    for (const int file : files_) {
-      if (file >= 0) close(file);
-    }
-  }
-  RecordLocks(const RecordLocks&) = delete;
-  RecordLocks& operator=(const RecordLocks&) = delete;
-
-  /* Locks the areas from `first` up to `end` all at once, within a second. Holds none of them while
-   * it pauses: a program that holds a record of one area may wait for one of another. */
-  bool hold(int first, int end) {
-    const uint64_t start = boot_ms();
-    while (true) {
-      int n = first;
-      while (n < end && lock(n, F_RDLCK)) ++n;
-      if (n == end) return true;
-      error_ = errno == EACCES && files_[n] >= 0 ? EAGAIN : errno;
-      missing_ = n;
-      release(first, n);
-      if (error_ != EAGAIN || boot_ms() - start >= kLongest) return false;
-      pause_ms(1);
-    }
-  }
-  void release(int first, int end) {
-    for (int n = first; n < end; ++n) lock(n, F_UNLCK);
-  }
-  /* Prints why the last hold did not succeed. */
-  void format_failure(Text* to) const {
-    const Area& area = kAreas[missing_];
-    if (error_ == EAGAIN)
-      to->print("records of area %s were locked for a second", area.name);
-    else
-      to->print("%s: %s", lock_path(area).text, strerror(error_));
-  }
-
- private:
-  static constexpr int kNotCopied = INT_MIN;
-
-  bool lock(int n, short type) {
-    if (files_[n] == kNotCopied) return true;
-    if (files_[n] < 0) {
-      errno = -files_[n];
-      return false;
-    }
-    return sc_lock_reg(files_[n], F_SETLK, type, first_byte(n), SEEK_SET, 0) == 0;
-  }
-  /* The lowest byte that guards a record; 0 means all bytes behind it, too. */
-  static off_t first_byte(int n) {
-    uint32_t first = 2;
-    for (const Table& table : kTables) {
-      if (table.area == n && table.lock_at < 0) first = lock_index_of(table, 0);
-    }
-    return static_cast<off_t>(first);
-  }
-
-  int files_[kAreaCount]; /* or minus the errno of a file that could not be opened */
-  int missing_ = 0;
-  int error_ = 0;
-};
-
-/* Copies all areas. False when there is none. `why_not` stays empty when they are of one moment. */
+/* Copies all areas that can be saved. False when there is none. `why_not` stays empty when the copies
+ * are of one moment. */
 bool copy_areas(Source& live, Checkpoint* to, Text* why_not) {
-  bool any = false;
+  constexpr int kUnlockedCopies = 100;
+  RecordLocks locks(live, saved_areas());
   for (const Area& area : kAreas) {
-    const AreaId id = id_of(area);
-    if (!can_be_saved(area) || live.block(id) == nullptr) continue;
+    if (!locks.has(id_of(area))) continue;
     if (to->add_area(area) == nullptr) exit(fail(kRefused, "out of memory"));
-    any = true;
   }
-  RecordLocks locks(live);
-  const bool one_moment = locks.hold(0, kAreaCount);
-  if (!one_moment) locks.format_failure(why_not);
-  for (int n = 0; n < kAreaCount; ++n) {
-    if (to->images[n] == nullptr) continue;
-    const bool held = one_moment || locks.hold(n, n + 1);
-    if (!held) why_not->print("; %s without its locks", kAreas[n].name);
+  locks.copy(why_not, [&](AreaId id, bool held) {
     /* Without locks it is copied again while it changes, but not for ever. */
     for (int times = held ? 1 : kUnlockedCopies; times > 0; --times) {
-      const uint8_t* from = live.block(static_cast<AreaId>(n));
-      if (!copy_pages(to->images[n], from, kAreas[n].row().size)) break;
+      if (!copy_pages(to->images[id], live.block(id), kAreas[id].row().size)) break;
     }
-    if (held && !one_moment) locks.release(n, n + 1);
-  }
-  return any;
+  });
+  return !locks.empty();
 }
 
 /* ---- the folder ---- */

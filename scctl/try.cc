@@ -171,7 +171,9 @@ int run_program(char** words) {
 int make_by_program(Call& call, Try& running) {
   if (const int status = mark(running, saved_areas()); status != kOk) return status;
   call.source.open_live();
-  if (!copy_areas(call.source)) return fail_state();
+  Text why_not;
+  if (!copy_areas(call.source, &why_not)) return fail_state();
+  if (why_not.size() > 0) fail(kOk, "copied area by area, not in one moment: %s", why_not.c_str());
   running.header.is_command = 1;
   if (!running.write()) return fail_state();
   if (const int status = run_program(call.words); status != kOk) return status;

@@ -122,8 +122,9 @@ bool is_marked();
  * so. */
 void look_after_try();
 
-/* Saves the areas as they are before a program changes them; adds to the try what it changed. */
-bool copy_areas(Source& live);
+/* Keeps the areas as they are before a program changes them; adds to the try what it changed. False
+ * with errno; `why_not` stays empty when they are of one moment. */
+bool copy_areas(Source& live, Text* why_not);
 void remove_copies();
 bool add_differences(Source& live, const Try& running, Changes* changes);
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "commands.h"
+#include "record_locks.h"
 #include "store/kept.h"
 #include "try.h"
 
@@ -207,19 +208,15 @@ bool write_sparse(int file, const uint8_t* block, size_t size) {
 
 }  // namespace
 
-bool copy_areas(Source& live) {
-  for (const Area& area : kAreas) {
-    const uint8_t* block = live.block(id_of(area));
-    if (block == nullptr) continue;
-    const int file = open_state_file(CopyName(area).text, O_WRONLY | O_CREAT | O_TRUNC);
-    if (file < 0) return false;
-    const bool written = write_sparse(file, block, area.row().size);
-    const int why = errno;
-    close(file);
-    errno = why;
-    if (!written) return false;
-  }
-  return true;
+bool copy_areas(Source& live, Text* why_not) {
+  int why = 0;
+  RecordLocks(live, ~0u).copy(why_not, [&](AreaId id, bool) {
+    const Area& area = kAreas[id];
+    const Descriptor file(open_state_file(CopyName(area).text, O_WRONLY | O_CREAT | O_TRUNC));
+    if (!file || !write_sparse(file.number, live.block(id), area.row().size)) why = errno;
+  });
+  errno = why;
+  return why == 0;
 }
 
 void remove_copies() {

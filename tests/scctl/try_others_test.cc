@@ -373,6 +373,34 @@ class TriedProgramTest : public TryTest {
   const char* name() { return block_as<LanBlock>("Lan")->lan_binds[0].bind_name; }
 };
 
+/* A record that is half written when the try begins is no state to go back to. */
+TEST_F(TriedProgramTest, ARecordThatIsBeingWritten_IsWaitedFor) {
+  make_store();
+  auto& record = block_as<LanBlock>("Lan")->lan_binds[0];
+  LockHolder foreign(lock_file("Lan"), record.lock_index);
+  put_text(record.bind_name, "half");
+  Program caller(try_of_a_long_program(60));
+  pause_ms(300);
+  EXPECT_FALSE(exists("/var/runs"));
+  put_text(record.bind_name, "whole");
+  foreign.release();
+  ASSERT_TRUE(becomes([] { return exists("/var/runs"); }));
+  kill(caller.pid(), SIGKILL);
+  EXPECT_TRUE(becomes(is_over, 2500));
+  EXPECT_STREQ(name(), "whole");
+}
+
+TEST_F(TriedProgramTest, WhenARecordIsNotFree_SaysSoAndGoesOn) {
+  make_store();
+  auto& record = block_as<LanBlock>("Lan")->lan_binds[1];
+  const LockHolder foreign(lock_file("Lan"), record.lock_index);
+  const Outcome outcome = run_scctl({"try", "--", "true"});
+  EXPECT_EQ(outcome,
+            (Outcome{0, "nothing was changed; no try runs\n",
+                     "scctl: copied area by area, not in one moment: records of area Lan were "
+                     "locked for a second; Lan without its locks\n"}));
+}
+
 TEST_F(TriedProgramTest, WhenItsCallerIsKilled_EndsAndIsTakenBack) {
   make_store();
   const Images before = live();
