@@ -285,6 +285,7 @@ TEST_F(TryOthersTest, RevertByHandOfAHeldRecord_LeavesTheRestToTheGuards) {
   EXPECT_EQ(outcome.out, "lan_binds/1: another program holds it\n");
   EXPECT_EQ(outcome.err, "scctl: its guards go on: other programs hold records or save areas\n");
   EXPECT_NE(refusal({"confirm"}).find("too late"), std::string::npos);
+  EXPECT_EQ(refusal({"try", "--timeout", "60"}), "scctl: too late: the try ends already\n");
   foreign.release();
   EXPECT_TRUE(becomes(is_over, 3000));
   expect_live(before);

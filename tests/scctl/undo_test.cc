@@ -90,6 +90,16 @@ TEST_F(UndoTest, UndoOfSeveral_GoesBackStepByStepAndAnnounces) {
   expect_live(before);
 }
 
+TEST_F(UndoTest, AnAdditionThatIsUndone_IsAnnounced) {
+  for (const char* name : {"lan_binds", "aps"}) {
+    const EditedTable& table = edited_table(name);
+    done({"add", record_name(table, 1), table.key});
+    Listener listener;
+    done({"undo"});
+    EXPECT_EQ(listener.codes(), one_of(table.area)) << name;
+  }
+}
+
 TEST_F(UndoTest, WhatAnotherProgramChangedSince_StaysAndIsListed) {
   make_store();
   done({"set", "lan_binds/1", "name=mine", "flag=1"});
