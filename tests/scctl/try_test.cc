@@ -1,6 +1,8 @@
 /* A try from its start to each of its ends: what is live, what is on the flash, who hears of it, and
  * what a refused command says. */
+#include <sys/ioctl.h>
 #include <sys/statvfs.h>
+#include <termios.h>
 
 #include <algorithm>
 
@@ -331,8 +333,10 @@ TEST_F(TryTest, WithoutItsFolders_ATryIsRefused) {
 /* Mounts a file system over a folder. */
 class Mounted {
  public:
-  Mounted(const char* folder, const char* options, unsigned long flags = 0) : folder_(folder) {
-    EXPECT_EQ(mount("tmpfs", folder, "tmpfs", flags, options), 0);
+  Mounted(const char* folder, const char* options, unsigned long flags = 0,
+          const char* kind = "tmpfs")
+      : folder_(folder) {
+    EXPECT_EQ(mount(kind, folder, kind, flags, options), 0);
   }
   ~Mounted() { EXPECT_EQ(umount2(folder_, MNT_DETACH), 0); }
 
@@ -455,19 +459,76 @@ TEST_F(TryTest, AHangupOfTheSession_EndsNoGuard) {
   expect_live(before);
 }
 
+/* A terminal that somebody works at, by its name in a folder of terminals. */
+class Terminal {
+ public:
+  explicit Terminal(const std::string& folder = "/dev/pts")
+      : screen_(open((folder + "/ptmx").c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)) {
+    int number = -1, locked = 0;
+    EXPECT_EQ(ioctl(screen_, TIOCGPTN, &number), 0);
+    EXPECT_EQ(ioctl(screen_, TIOCSPTLCK, &locked), 0);
+    path = folder + "/" + std::to_string(number);
+    file = open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_GE(file, 0);
+  }
+  ~Terminal() {
+    close(file);
+    close(screen_);
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  std::string shown() const {
+    char text[512];
+    const ssize_t size = read(screen_, text, sizeof text);
+    return size > 0 ? std::string(text, static_cast<size_t>(size)) : "";
+  }
+
+  std::string path;
+  int file;
+
+ private:
+  int screen_;
+};
+
 TEST_F(TryTest, TheEnd_IsToldOnTheTerminalsOfItsUser) {
-  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  ASSERT_TRUE(terminal >= 0 && grantpt(terminal) == 0 && unlockpt(terminal) == 0);
-  const int other_end = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  ASSERT_GE(other_end, 0);
+  const Terminal own, other;
+  /* Root gives one to another user. Who is not root has both. */
+  const bool is_root = geteuid() == 0;
+  ASSERT_TRUE(!is_root || fchown(other.file, 65534, 65534) == 0);
   start_try_of("add lan_binds/3 mac=00:11:22:33:44:55\n", 1);
   EXPECT_TRUE(becomes(is_over));
-  char text[512] = {};
-  EXPECT_GT(read(terminal, text, sizeof text - 1), 0);
-  EXPECT_NE(std::string(text).find("scctl: the try of "), std::string::npos) << text;
-  EXPECT_NE(std::string(text).find(" is taken back (it was not confirmed)"), std::string::npos);
-  close(other_end);
-  close(terminal);
+  const std::string text = own.shown();
+  EXPECT_NE(text.find("scctl: the try of "), std::string::npos) << text;
+  EXPECT_NE(text.find(" is taken back (it was not confirmed)"), std::string::npos) << text;
+  EXPECT_EQ(other.shown(), is_root ? "" : text);
+}
+
+/* A serial console. */
+TEST_F(TryTest, TheEnd_IsToldOnTheTerminalOfItsCallerWhereverThatIs) {
+  std::filesystem::create_directory("/var/terminals");
+  const Mounted consoles("/var/terminals", "newinstance,ptmxmode=0666", 0, "devpts");
+  const Terminal console("/var/terminals");
+  write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
+  for (const char* standard : {"0<", "1>", "2>"}) {
+    const std::string command = std::string("exec \"$@\" ") + standard + console.path;
+    ASSERT_EQ(run(joined(Words{"sh", "-c", command, "sh"}, try_batch(60))).status, 0);
+    console.shown();
+    revert();
+    EXPECT_NE(console.shown().find(" is taken back (by scctl revert)"), std::string::npos)
+        << standard;
+  }
+}
+
+TEST_F(TryTest, ATerminalWhoseUserHasStoppedIt_HoldsUpNoEnd) {
+  const Images before = live();
+  const Terminal terminal;
+  ASSERT_EQ(tcflow(terminal.file, TCOOFF), 0);
+  start_try_of("add lan_binds/3 mac=00:11:22:33:44:55\n");
+  Program revert(scctl({"revert"}));
+  EXPECT_TRUE(becomes([&] { return revert.ended(); }, 5000));
+  EXPECT_TRUE(is_over());
+  expect_live(before);
 }
 
 }  // namespace
