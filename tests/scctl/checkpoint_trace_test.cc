@@ -111,6 +111,21 @@ TEST_F(TraceCheckpointTest, AllOfIt_IsOnFlashBeforeItHasItsName) {
                                       "sync .a.new", "rename .a.new a", "sync .", "sync all"}));
 }
 
+/* A cut between the two would bring back the name of a checkpoint whose files are gone. */
+TEST_F(TraceCheckpointTest, ADeletedOne_HasLostItsNameOnFlashBeforeAFileOfItGoes) {
+  std::vector<std::string> steps;
+  trace(scctl({"checkpoint", "--delete", "kept"}), [&](const SystemCall& call) {
+    if (call.is_done) return Fate{};
+    if (call.call == SYS_renameat || call.call == SYS_renameat2) steps.push_back("rename");
+    if (call.call == SYS_fsync) steps.push_back("sync " + call.file(0));
+    if (call.call == SYS_unlinkat) steps.push_back("remove");
+    return Fate{};
+  });
+  ASSERT_GE(steps.size(), 3u);
+  steps.resize(3);
+  EXPECT_EQ(steps, (std::vector<std::string>{"rename", std::string("sync ") + kFolder, "remove"}));
+}
+
 /* gzip writes by its own calls: those of a file are made when it is synced. */
 TEST_F(TraceCheckpointTest, AFile_IsSyncedWhenItIsWhole) {
   std::set<std::string> synced;

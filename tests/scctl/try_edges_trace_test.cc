@@ -241,6 +241,22 @@ TEST_F(TraceTryEdgeTest, WhileTheMarkerCannotBeRemoved_NothingIsConfirmed) {
   EXPECT_FALSE(exists(kMarkerFile));
 }
 
+/* A process that was forked for the logger and goes on would remove the next try's file. */
+TEST_F(TraceTryEdgeTest, WithoutALogger_OneProcessEndsTheTry) {
+  start_try_of("set ap_users/4 opaque_14=736574\n"); /* whose end needs no other program */
+  const std::string path = getenv("PATH");
+  setenv("PATH", "/var/nowhere", 1);
+  size_t ends = 0;
+  const Outcome outcome = trace(scctl({"revert"}), [&](const SystemCall& call) {
+    ends += !call.is_done && call.call == SYS_unlinkat && call.file(0) == kState &&
+            call.text(1) == "try";
+    return Fate{};
+  });
+  setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(outcome, (Outcome{0, "", ""}));
+  EXPECT_EQ(ends, 1u);
+}
+
 /* ---- guards ---- */
 
 TEST_F(TraceTryEdgeTest, AGuardOfTheLastTryThatWasStopped_DoesNotKeepTheNextOneFromStarting) {

@@ -174,6 +174,8 @@ TEST_F(TryTest, AChangeThatFails_IsTakenBackAtOnceWithItsStatus) {
       {{"--", "sh", "-c", program + "; exit 7"}, 7},
       /* What a terminal sends to all in the foreground is the program's. */
       {{"--", "sh", "-c", program + "; kill -INT $PPID; kill -QUIT $PPID; exit 8"}, 8},
+      {{"--", "sh", "-c", program + "; kill -INT $$; exit 9"}, 128 + SIGINT},
+      {{"--", "sh", "-c", program + "; kill -QUIT $$; exit 9"}, 128 + SIGQUIT},
       {{"--", "sh", "-c", program + "; kill -9 $$"}, 128 + SIGKILL},
       {{"--", "/var/missing"}, 127},
       {{"--", "/var/text"}, 126},
@@ -425,6 +427,16 @@ TEST_F(TryTest, AReaderOfItsOutput_SeesTheEndAtOnce) {
   EXPECT_NE(outcome.out.find("it is taken back in"), std::string::npos) << outcome;
   EXPECT_TRUE(has_guards());
   EXPECT_FALSE(is_over());
+}
+
+TEST_F(TryTest, TheFolderOfItsCaller_IsNotKeptBusy) {
+  std::filesystem::create_directory("/var/stick");
+  ASSERT_EQ(mount("tmpfs", "/var/stick", "tmpfs", 0, ""), 0);
+  write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
+  const Words in_there = {"sh", "-c", "cd /var/stick && exec \"$@\"", "sh"};
+  ASSERT_EQ(run(joined(in_there, try_batch(60))).status, 0);
+  EXPECT_TRUE(has_guards());
+  EXPECT_EQ(umount2("/var/stick", 0), 0);
 }
 
 TEST_F(TryTest, AHangupOfTheSession_EndsNoGuard) {

@@ -113,6 +113,31 @@ TEST_F(UndoTest, WhatAnotherProgramChangedSince_StaysAndIsListed) {
   EXPECT_EQ(block_as<LanBlock>("Lan")->lan_binds[0].bind_flag, 0);
 }
 
+TEST_F(UndoTest, OneOfSeveralThatDoesNotGoBackWhole_IsNoSuccess) {
+  make_store();
+  done({"set", "lan_binds/1", "name=a"});
+  done({"set", "lan_binds/2", "name=b"});
+  memcpy(block_as<LanBlock>("Lan")->lan_binds[1].bind_name, "theirs", 7);
+  EXPECT_EQ(run_scctl({"undo", "2"}).status, 1);
+  EXPECT_STREQ(name_of(0), "one");
+  EXPECT_STREQ(name_of(1), "theirs");
+}
+
+TEST_F(UndoTest, WhatATriedProgramEdits_IsLoggedOnceAndWhenItIsConfirmed) {
+  make_store();
+  const std::vector<std::string> before = commands();
+  const Words tried = joined(Words{"try", "--"}, scctl({"set", "lan_binds/1", "name=tried"}));
+  run_scctl(tried);
+  EXPECT_EQ(commands(), before);
+  done({"revert"});
+  EXPECT_EQ(commands(), before);
+  run_scctl(tried);
+  done({"confirm"});
+  const std::vector<std::string> after = commands();
+  ASSERT_EQ(after.size(), before.size() + 1);
+  EXPECT_TRUE(after[0].starts_with("try -- ")) << after[0];
+}
+
 TEST_F(UndoTest, WhatCannotBeUndone_IsRefusedAndNothingIsChanged) {
   EXPECT_EQ(refusal({"undo"}), "scctl: no edit is logged\n");
   EXPECT_EQ(refusal({"undo", "0"}, 2), "scctl: expected a number of edits above 0, not '0'\n");

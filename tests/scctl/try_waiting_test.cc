@@ -1,0 +1,48 @@
+/* Records that could not return with their try: they wait for scctl revert. */
+#include <sysconfig/lan.h>
+
+#include "scctl/tries.h"
+#include "support/locks.h"
+
+namespace sc_test {
+namespace {
+
+class WaitingTest : public TryTest {
+ protected:
+  void SetUp() override {
+    TryTest::SetUp();
+    make_store();
+    before_ = live();
+  }
+  /* A try deletes a record, and has ended while another one had its place. */
+  void make_wait(const std::string& record, const Words& other) {
+    start_try_of("del " + record + "\n");
+    done(joined({"add", record}, other));
+    EXPECT_EQ(revert_in_part(), record + ": it waits: its id is used by another record\n");
+    done({"del", record});
+  }
+  Images before_;
+};
+
+TEST_F(WaitingTest, ARecordThatAnotherProgramHolds_WaitsOn) {
+  make_wait("lan_binds/2", {"mac=00:11:22:33:44:77"});
+  LockHolder foreign(lock_file("Lan"), block_as<LanBlock>("Lan")->lan_binds[1].lock_index);
+  EXPECT_EQ(run_scctl({"revert"}), (Outcome{1,
+                                            "taken back: 0 of 1 record that waited\n"
+                                            "lan_binds/2: another program holds it\n",
+                                            ""}));
+  foreign.release();
+  EXPECT_EQ(revert(), "taken back: 1 of 1 record that waited\n");
+  expect_live(before_);
+}
+
+TEST_F(WaitingTest, RecordsOfSeveralTries_ReturnTogether) {
+  make_wait("lan_binds/2", {"mac=00:11:22:33:44:77"});
+  make_wait("clients/1", {"client_mac=02:00:00:00:00:77"});
+  EXPECT_EQ(revert(), "taken back: 2 of 2 records that waited\n");
+  expect_live(before_);
+  EXPECT_EQ(refusal({"revert"}), "scctl: no try runs\n");
+}
+
+}  // namespace
+}  // namespace sc_test
