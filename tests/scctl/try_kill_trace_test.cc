@@ -1,6 +1,9 @@
 /* A try whose processes are killed or stopped, one at each of their system calls: it is taken back
  * in time as a whole, or it was confirmed as a whole.
  */
+#include <sysconfig/filter.h>
+#include <sysconfig/rules.h>
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -383,6 +386,31 @@ TEST_F(TraceRevertTest, ABinding_GoesBackUnderBothBytesInTheirOrder) {
   steps.resize(8);
   EXPECT_EQ(steps, (std::vector<std::string>{"template", "ap 2", "ap 2 free", "template free",
                                              "template", "ap 1", "ap 1 free", "template free"}));
+}
+
+/* Groups return before their rules, and go behind them. */
+TEST_F(TraceRevertTest, WhileARevertWrites_EachRuleHasItsGroup) {
+  make_store();
+  const Images before = live();
+  start_try_of(
+      "del ip_groups/2\nadd ip_groups/9 leading_text=new\n"
+      "set ip_filter/5 ip_group_id=9\nadd qos/9 ip_mode=1 ip_group_id=9\n");
+  const auto& groups = block_as<IpGroupBlock>("IpGroup")->groups;
+  std::set<std::string> lost;
+  const auto look = [&](const char* table, const auto& rules) {
+    for (const auto& rule : rules) {
+      if (rule.slot_id < 0 || rule.ip_mode != 1 || groups[rule.ip_group_id - 1].slot_id > 0)
+        continue;
+      lost.insert(table + std::to_string(rule.slot_id));
+    }
+  };
+  trace(scctl({"revert"}), [&](const SystemCall&) {
+    look("ip_filter/", block_as<FwIpportBlock>("FwIpport")->rules);
+    look("qos/", block_as<QosBlock>("Qos")->rules);
+    return Fate{};
+  });
+  EXPECT_EQ(lost, std::set<std::string>());
+  expect_live(before);
 }
 
 TEST_F(TraceTryTest, AnEditKilledAtAnyCall_IsInTheLogIfItWasMade) {
