@@ -281,6 +281,23 @@ TEST_F(TraceTryEdgeTest, AGuardOfTheLastTryThatWasStopped_DoesNotKeepTheNextOneF
   EXPECT_TRUE(becomes([] { return holder(kGuardByte) != 0 && holder(kTwinByte) != 0; }));
 }
 
+TEST_F(TraceTryEdgeTest, WhenBothGuardsOfTheLastTryWereStopped_TheNextOneHasItsOwn) {
+  const Images before = live();
+  start_try_of("set lan_binds/1 name=tried\n");
+  const pid_t guards[] = {holder(kGuardByte), holder(kTwinByte)};
+  trace(scctl({"revert"}), [&](const SystemCall& call) {
+    if (call.call == SYS_unlinkat && call.file(0) == kState && call.text(1) == "try") {
+      for (const pid_t guard : guards) kill(guard, SIGSTOP);
+    }
+    return Fate{};
+  });
+  EXPECT_EQ(holder(kGuardByte), guards[0]);
+  EXPECT_EQ(holder(kTwinByte), guards[1]);
+  start_try_of("set lan_binds/1 name=again\n", 1);
+  EXPECT_TRUE(becomes(is_over, 6000));
+  expect_live(before);
+}
+
 /* The last try has ended when a call looks for it, and the next one has begun when it looks again. */
 TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   start_try_of("set lan_binds/1 name=tried\n");

@@ -441,12 +441,18 @@ TEST_F(KeptTest, RenewalWithACallThatFails_IsTold) {
   }
 }
 
-TEST_F(KeptTest, CopyThatIsRenewed_HasTheArchivesMode) {
+TEST_F(KeptTest, CopyThatIsRenewed_HasTheArchivesOwnerAndMode) {
   save(1);
+  const bool is_root = geteuid() == 0;
+  const uid_t owner = is_root ? 65534 : geteuid();
+  const gid_t group = is_root ? 1 : getegid();
+  ASSERT_EQ(chown(kArchive, owner, group), 0);
   ASSERT_EQ(chmod(kArchive, 0640), 0);
   EXPECT_TRUE(renew());
   struct stat copy;
   ASSERT_EQ(stat(kGood, &copy), 0);
+  EXPECT_EQ(copy.st_uid, owner);
+  EXPECT_EQ(copy.st_gid, group);
   EXPECT_EQ(copy.st_mode & 07777, 0640u);
 }
 
