@@ -66,7 +66,7 @@ namespace {
 
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
-constexpr int kTriesOfOneSecond = 1000;
+constexpr uint64_t kSecondMs = 1000;
 
 volatile sig_atomic_t g_interrupted; /* the signal; 0: none */
 
@@ -93,8 +93,7 @@ int check_header(const Area& area, const uint8_t* block) {
 
 }  // namespace
 
-Edit::Edit(Source& live, Patience patience)
-    : live_(live), tries_(patience == Patience::kForever ? -1 : kTriesOfOneSecond) {
+Edit::Edit(Source& live, Patience patience) : live_(live), patience_(patience) {
   for (int n = 0; n < 3; ++n) {
     struct sigaction action = {}, was;
     action.sa_handler = interrupt; /* without SA_RESTART, so a wait ends */
@@ -111,17 +110,24 @@ void Edit::set_changed(AreaId area) {
   if (g_journal != nullptr) g_journal->set_not_undoable();
 }
 
+/* By the clock: a pause of a millisecond lasts ten and more where timers are coarse. */
+bool Edit::is_out_of_patience() {
+  const uint64_t now = boot_ms();
+  if (waits_until_ms_ == 0) waits_until_ms_ = now + kSecondMs;
+  return now >= waits_until_ms_;
+}
+
 /* Takes a byte. After EDEADLK it is not held, so the call is repeated. errno is EAGAIN when the
  * patience is at its end. */
 bool Edit::lock(int file, uint32_t byte) {
   while (g_interrupted == 0) {
-    const int command = tries_ < 0 ? F_SETLKW : F_SETLK;
+    const int command = patience_ == Patience::kForever ? F_SETLKW : F_SETLK;
     if (sc_lock_reg(file, command, F_WRLCK, static_cast<off_t>(byte), SEEK_SET, 1) == 0) {
       return true;
     }
-    if (errno == EACCES && tries_ >= 0) errno = EAGAIN; /* POSIX allows both for a held byte */
+    if (errno == EACCES && command == F_SETLK) errno = EAGAIN; /* POSIX allows both: it is held */
     if (errno != EDEADLK && errno != EINTR && errno != EAGAIN) return false;
-    if (errno == EAGAIN && (tries_ == 0 || --tries_ == 0)) return false;
+    if (errno == EAGAIN && is_out_of_patience()) return false;
     if (errno != EINTR) pause_ms(1);
   }
   errno = EINTR;

@@ -113,13 +113,15 @@ class Edit {
 
   int hold(AreaId area);
   bool lock(int file, uint32_t byte);
+  bool is_out_of_patience();
   bool write_down(const Step& step);
   Written write_binding(uint32_t template_id, int32_t ap_position, bool is_bound);
   Written use(const Table& table, uint32_t position, const uint8_t* record);
   Written put_back(const Change& change, Mask* stays);
 
   Source& live_;
-  int tries_; /* of locks that are held; -1: as many as it takes */
+  Patience patience_;
+  uint64_t waits_until_ms_ = 0; /* 0: nothing was waited for yet */
   uint32_t held_ = 0;
   uint32_t changed_ = 0;
   int removed_ = 0;

@@ -1,6 +1,8 @@
 /* A try beside programs that an event starts, a full memory, stopped processes, and a flash that
  * takes nothing; and the log of a device that has run for long.
  */
+#include <sysconfig/lan.h>
+
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -11,6 +13,7 @@
 
 #include "scctl/lock_calls.h"
 #include "scctl/tries.h"
+#include "support/locks.h"
 #include "support/trace.h"
 
 namespace sc_test {
@@ -350,6 +353,26 @@ TEST_F(TraceTryEdgeTest, WhileAnotherProgramSaves_WhatIsTakenBackIsAnnouncedOnce
   EXPECT_TRUE(becomes(is_over));
   const size_t times = daemon.heard().size();
   EXPECT_TRUE(times == 1 || times == 2) << times; /* once by each guard */
+}
+
+/* A kernel with a coarse timer makes a pause of a millisecond ten and more. */
+TEST_F(TraceTryEdgeTest, WhereEachPauseIsLong_ARecordThatIsHeldIsWaitedForASecondAllTheSame) {
+  start_try_of("set lan_binds/1 name=tried\nset lan_binds/2 name=tried\n");
+  const auto& lan = *block_as<LanBlock>("Lan");
+  const LockHolder foreign(lock_file("Lan"), lan.lan_binds[0].lock_index);
+  size_t pauses = 0;
+  const auto begin = Clock::now();
+  const Outcome outcome = trace(scctl({"revert"}), [&](const SystemCall& call) {
+    if (call.is_done || (call.call != SYS_clock_nanosleep && call.call != SYS_nanosleep))
+      return Fate{};
+    ++pauses;
+    pause_ms(9);
+    return Fate{};
+  });
+  EXPECT_EQ(outcome.out, "lan_binds/1: another program holds it\n");
+  EXPECT_GT(pauses, 10u);
+  EXPECT_LE(ms_since(begin), 4000);
+  EXPECT_STREQ(lan.lan_binds[1].bind_name, "two");
 }
 
 /* ---- the flash ---- */
