@@ -1,4 +1,4 @@
-/* What ends a try while it is made. */
+/* What ends a try while it is made, and who has what a try keeps. */
 #include <sysconfig/clients.h>
 #include <sysconfig/lan.h>
 
@@ -9,6 +9,8 @@
 
 namespace sc_test {
 namespace {
+
+constexpr char kStateFolder[] = "/var/systemconfig/scctl";
 
 /* A try whose second record another program holds while it is made. */
 class HeldWhileMadeTest : public TryTest {
@@ -51,6 +53,78 @@ TEST_F(HeldWhileMadeTest, MadeBehindItsDeadline_IsTakenBackAtOnce) {
   EXPECT_TRUE(is_over());
   expect_live(before_);
   for (const pid_t guard : guards) kill(guard, SIGCONT);
+}
+
+/* ---- what a try keeps ---- */
+
+TEST_F(TryTest, WhatATryKeeps_IsForItsUserAlone) {
+  write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
+  std::filesystem::remove_all(kStateFolder);
+  const Words with_open_mask = {"sh", "-c", "umask 0; exec \"$@\"", "sh"};
+  ASSERT_EQ(run(joined(with_open_mask, try_batch(60))).status, 0);
+  using std::filesystem::perms;
+  const auto mode = [](const std::filesystem::path& path) { return status(path).permissions(); };
+  EXPECT_EQ(mode(kStateFolder), perms::owner_all);
+  for (const auto& entry : std::filesystem::directory_iterator(kStateFolder)) {
+    EXPECT_EQ(mode(entry.path()), perms::owner_read | perms::owner_write) << entry.path();
+  }
+}
+
+/* A program could write into the journal of the try that it is part of. */
+TEST_F(TryTest, ATriedProgram_InheritsNoFileOfTheTry) {
+  const Words list = {"try", "--", "sh", "-c", "ls -l /proc/$$/fd >/var/files; exit 1"};
+  EXPECT_EQ(run_scctl(list).status, 1);
+  const std::string files = read_file("/var/files");
+  EXPECT_NE(files.find(" 0 -> "), std::string::npos) << files;
+  for (const char* folder : {"/var/systemconfig", "/var/lock_store", "/var/dataconfig"}) {
+    EXPECT_EQ(files.find(folder), std::string::npos) << files;
+  }
+}
+
+TEST_F(TryTest, AFolderOfTheStateThatIsALink_IsNotFollowed) {
+  std::filesystem::remove_all(kStateFolder);
+  std::filesystem::create_directory("/var/elsewhere");
+  std::filesystem::create_directory_symlink("/var/elsewhere", kStateFolder);
+  write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
+  EXPECT_EQ(refusal({"try", "batch", kBatch}, 3),
+            "scctl: /var/systemconfig/scctl: Not a directory\n");
+  EXPECT_TRUE(std::filesystem::is_empty("/var/elsewhere"));
+  std::filesystem::remove(kStateFolder);
+}
+
+/* Where the folder of the state outlives a boot. */
+TEST_F(TryTest, WhatATryBeforeTheBootKept_IsNoTry) {
+  make_store();
+  start_try_of("set ap_users/4 opaque_14=736574\n"); /* without a marker */
+  const Images after = live();
+  const pid_t guards[] = {holder(kGuardByte), holder(kTwinByte)};
+  for (const pid_t guard : guards) kill(guard, SIGSTOP);
+  for (const pid_t guard : guards) kill(guard, SIGKILL);
+  ASSERT_TRUE(becomes([] { return !has_guards(); }));
+  std::string kept = read_file(kTryFile);
+  const std::string boot = read_file("/proc/sys/kernel/random/boot_id");
+  const size_t at = kept.find(boot.substr(0, 36));
+  ASSERT_NE(at, std::string::npos);
+  kept[at] = kept[at] == '0' ? '1' : '0';
+  write_file(kTryFile, kept);
+  EXPECT_EQ(refusal({"revert"}), "scctl: no try runs\n");
+  expect_live(after);
+  start_try_of("set lan_binds/1 name=tried\n");
+  EXPECT_EQ(run_scctl({"try", "--status"}).status, 0);
+}
+
+/* An alarm ends a guard's wait for a daemon that hangs. */
+TEST_F(TryTest, SignalsThatItsCallerBlocks_ReachItsGuards) {
+  sigset_t alarms, before;
+  sigemptyset(&alarms);
+  sigaddset(&alarms, SIGALRM);
+  sigprocmask(SIG_BLOCK, &alarms, &before);
+  start_try_of("add lan_binds/3 mac=00:11:22:33:44:55\n");
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  for (const off_t byte : {kGuardByte, kTwinByte}) {
+    const std::string status = read_file("/proc/" + std::to_string(holder(byte)) + "/status");
+    EXPECT_NE(status.find("\nSigBlk:\t0000000000000000\n"), std::string::npos) << status;
+  }
 }
 
 }  // namespace

@@ -507,7 +507,7 @@ TEST_F(TryOthersTest, OnlyMine_RefusesToSaveWhatOthersChanged) {
   EXPECT_EQ(refused.out, "  lan_binds/2.name: two -> foreign\n");
   EXPECT_EQ(refused.err, "scctl: not confirmed: these changes are not part of the try\n");
   EXPECT_TRUE(flash()["config_lan.bin"] == before.at("config_lan.bin"));
-  EXPECT_TRUE(exists(kTryFile));
+  EXPECT_NE(done({"try", "--status"}).find(", made, "), std::string::npos);
   const Outcome confirmed = run_scctl({"confirm"});
   EXPECT_EQ(confirmed.status, 0);
   EXPECT_NE(confirmed.out.find("lan_binds/2.name: two -> foreign\n"), std::string::npos);
