@@ -196,6 +196,25 @@ TEST_F(TraceTryEdgeTest, ChangesOfAProgramWithoutRoomForThem_AreTakenBack) {
   }
 }
 
+TEST_F(TraceTryEdgeTest, ChangesOfABatchWithoutRoomForThem_AreTakenBack) {
+  std::string commands;
+  for (int n = 0; n < 60; ++n) {
+    commands += "set lan_binds/1 name=" + std::string(180, static_cast<char>('a' + n % 2)) + "\n";
+  }
+  write_file(kBatch, commands);
+  const Images before = live();
+  const MountedOver small("/var/systemconfig", "size=32k");
+  write_file("/var/systemconfig/filler", std::string(16 * 1024, 'x'));
+  const Outcome outcome = run(try_batch(60));
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_TRUE(
+      outcome.err.ends_with("No space left on device\nscctl: the try failed, and is taken back\n"))
+      << outcome;
+  expect_live(before);
+  EXPECT_TRUE(is_over());
+  EXPECT_TRUE(becomes([] { return !has_guards(); }));
+}
+
 TEST_F(TraceTryEdgeTest, CopiesOfAreasThatDoNotFit_AreRemoved) {
   const MountedOver small("/var/systemconfig", "size=48k");
   const Outcome outcome = run(scctl({"try", "--", "true"}));

@@ -83,6 +83,11 @@ class TraceTryTest : public TrySeries {
     EXPECT_GE(calls + kMoreOrLess, n);
   }
 
+  /* Forks of the program are left alone. */
+  static Fate own(const SystemCall& call) {
+    return call.process == getpgid(call.process) ? Fate{} : Fate{Fate::kLeaves};
+  }
+
   /* All as before, and nothing of the try is left. */
   bool is_taken_back() { return is_over() && !exists(kMarkerFile) && is_live(before_); }
   void expect_taken_back(size_t n, int ms) {
@@ -107,10 +112,6 @@ class TraceTryTest : public TrySeries {
   std::map<std::string, std::string> flash_;
 
  private:
-  /* Forks of the program are left alone. */
-  static Fate own(const SystemCall& call) {
-    return call.process == getpgid(call.process) ? Fate{} : Fate{Fate::kLeaves};
-  }
   /* Counts a call of the program itself. Those by which it waits are as many as it takes. */
   static bool is_counted(const SystemCall& call, size_t* calls) {
     const bool waits = call.call == SYS_clock_nanosleep || call.call == SYS_nanosleep ||
@@ -134,6 +135,20 @@ TEST_F(TraceTryTest, TheCallerKilledAtAnyCall_IsTakenBackInTime) {
     }
     expect_taken_back(n, 3000 + kLateMs);
   });
+}
+
+/* The journal knows of the marker before it is there. */
+TEST_F(TraceTryTest, TheCallerKilledBehindItsMarker_LeavesNone) {
+  bool is_there = false;
+  trace(try_batch(60), [&](const SystemCall& call) {
+    if (own(call).kind == Fate::kLeaves) return own(call);
+    if (is_there) return Fate{Fate::kKills};
+    is_there = call.is_done && call.call == SYS_renameat && call.file(2) == "/var/dataconfig" &&
+               call.text(3) == "try";
+    return Fate{};
+  });
+  EXPECT_TRUE(is_there);
+  expect_taken_back(0, kLateMs);
 }
 
 /* Kills a process and all that it started, which may be stopped for good. */

@@ -57,6 +57,15 @@ TEST_F(HeldWhileMadeTest, MadeBehindItsDeadline_IsTakenBackAtOnce) {
 
 /* ---- what a try keeps ---- */
 
+/* After a power cut the boot restores these areas, and no other. */
+TEST_F(TryTest, TheMarker_NamesEachAreaOfTheChangeAndWhetherItWasSaved) {
+  make_store();
+  done({"save", "Lan", "Qos"});
+  start_try_of(
+      "set lan_binds/1 name=tried\nset clients/1 text_52=tried\nset ap_users/4 opaque_14=ff\n");
+  EXPECT_EQ(read_file(kMarkerFile), "sysconfig try 1\nlan good\nclients none\nend\n");
+}
+
 TEST_F(TryTest, WhatATryKeeps_IsForItsUserAlone) {
   write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
   std::filesystem::remove_all(kStateFolder);
