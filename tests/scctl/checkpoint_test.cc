@@ -258,6 +258,25 @@ TEST_F(CheckpointTest, ABrokenFile_IsFoundAndNothingOfItsCheckpointIsApplied) {
   EXPECT_TRUE(is_good("older"));
 }
 
+/* As another version may write it. */
+TEST_F(CheckpointTest, AManifestWithAnAreaThatIsUnknownOrThereTwice_IsBroken) {
+  done({"checkpoint", "a"});
+  std::string good = read_file(manifest("a"));
+  good.erase(good.rfind("sum "));
+  const size_t at = good.find("\nqos ") + 1;
+  const std::string qos = good.substr(at, good.find('\n', at) + 1 - at);
+  for (const std::string& text : {good, good + qos, good + "x" + qos}) {
+    const bool is_whole = text == good;
+    uint64_t sum = 0xcbf29ce484222325;
+    for (const char byte : text) sum = (sum ^ static_cast<uint8_t>(byte)) * 0x100000001b3;
+    char end[32];
+    snprintf(end, sizeof end, "sum %016llx\n", static_cast<unsigned long long>(sum));
+    write_file(manifest("a"), text + end);
+    EXPECT_EQ(is_good("a"), is_whole) << text;
+    EXPECT_EQ(run(scctl({"rollback", "a"})).status, is_whole ? 0 : 3) << text;
+  }
+}
+
 /* ---- rollback ---- */
 
 class RollbackTest : public CheckpointTest {

@@ -156,6 +156,23 @@ TEST_F(TraceTryEdgeTest, AnArchiveThatIsLostWhileOthersAreSaved_KeepsTheTryFromB
   std::filesystem::remove_all("/var/own");
 }
 
+/* A boot would then leave the archives as they are: old ones beside new ones. */
+TEST_F(TraceTryEdgeTest, AMarkerThatIsLostWhileAreasAreSaved_KeepsTheTryFromBeingConfirmed) {
+  std::filesystem::create_directory("/var/own");
+  write_file("/var/own/change_event", "#!/bin/sh\nrm -f /var/dataconfig/try\n");
+  std::filesystem::permissions("/var/own/change_event", std::filesystem::perms::owner_all);
+  start_try_of("set lan_binds/1 name=tried\n");
+  const Outcome outcome = run(with_path("/var/own", {"confirm"}));
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_EQ(outcome.err,
+            "scctl: not confirmed: /var/dataconfig/try was removed; scctl revert takes the try "
+            "back\n");
+  done({"revert"});
+  EXPECT_EQ(done({"get", "lan_binds/1.name", "--archive", "/var/dataconfig/config_lan.bin"}),
+            "one\n");
+  std::filesystem::remove_all("/var/own");
+}
+
 /* A copy that is older than its archive would bring an old state back after a power cut. */
 TEST_F(TraceTryEdgeTest, AnOldCopy_IsRenewedBeforeTheFirstChange) {
   done({"set", "lan_binds/1", "name=newer"});

@@ -55,6 +55,18 @@ TEST_F(HeldWhileMadeTest, MadeBehindItsDeadline_IsTakenBackAtOnce) {
   for (const pid_t guard : guards) kill(guard, SIGCONT);
 }
 
+TEST_F(TryTest, WhoseOutputCannotBeWritten_IsTakenBack) {
+  const Images before = live();
+  write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
+  const Words to_full = {"sh", "-c", "exec \"$@\" >/dev/full", "sh"};
+  const Outcome outcome = run(joined(to_full, try_batch(60)));
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_NE(outcome.err.find("scctl: the try failed, and is taken back\n"), std::string::npos)
+      << outcome;
+  EXPECT_TRUE(is_over());
+  expect_live(before);
+}
+
 /* ---- what a try keeps ---- */
 
 /* After a power cut the boot restores these areas, and no other. */

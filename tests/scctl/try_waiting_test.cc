@@ -1,4 +1,4 @@
-/* Records that could not return with their try: they wait for scctl revert. */
+/* Records that did not go back with their try: those that wait for scctl revert, and those that stay. */
 #include <sysconfig/lan.h>
 
 #include "scctl/tries.h"
@@ -42,6 +42,16 @@ TEST_F(WaitingTest, RecordsOfSeveralTries_ReturnTogether) {
   EXPECT_EQ(revert(), "taken back: 2 of 2 records that waited\n");
   expect_live(before_);
   EXPECT_EQ(refusal({"revert"}), "scctl: no try runs\n");
+}
+
+/* When it has taken the try back, nobody looks on. */
+TEST_F(WaitingTest, WhatAGuardLeft_IsToldByTheStatus) {
+  start_try_of("add lan_binds/7 mac=00:11:22:33:44:07 ip=10.0.0.7\n", 1);
+  done({"set", "lan_binds/7", "name=foreign"});
+  ASSERT_TRUE(becomes(is_over));
+  const std::string status = run_scctl({"try", "--status"}).out;
+  EXPECT_TRUE(status.ends_with("\nlan_binds/7: it was added, and changed since; it stays\n"))
+      << status;
 }
 
 }  // namespace

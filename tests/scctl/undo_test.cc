@@ -252,6 +252,19 @@ TEST_F(UndoTest, WhileAnotherProgramWritesTheLog_AnEditWaits) {
   EXPECT_EQ(commands().size(), 2u);
 }
 
+/* A batch whose commands come one by one, from a terminal or another program. */
+TEST_F(UndoTest, WhileABatchWaitsForItsNextCommand_OtherEditsAreLogged) {
+  make_store();
+  const size_t before = commands().size();
+  const Program batch(joined({"sh", "-c", "(echo set lan_binds/1 name=a; sleep 5) | \"$@\"", "sh"},
+                             scctl({"batch", "-"})));
+  ASSERT_TRUE(becomes([&] { return name_of(0) == std::string("a"); }));
+  done({"set", "lan_binds/2", "name=b"});
+  const std::vector<std::string> all = commands();
+  ASSERT_EQ(all.size(), before + 2);
+  EXPECT_EQ(all[0], "set lan_binds/2 'name=b'");
+}
+
 /* A kill between the log and the record: the log has a change that was never made. */
 TEST_F(UndoTest, AChangeThatWasLoggedAndNotMade_IsNotUndone) {
   done({"add", "lan_binds/1", "mac=00:11:22:33:44:01", "name=one"});
