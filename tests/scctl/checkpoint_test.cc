@@ -326,6 +326,14 @@ TEST_F(RollbackTest, AfterEditsOfEveryTable_TheAreasAreEqualByteForByte) {
   EXPECT_TRUE(listener.codes().empty());
 }
 
+TEST_F(RollbackTest, ADryRunOfATry_IsRefused) {
+  done({"checkpoint", "a"});
+  done({"add", "lan_binds/3", "mac=00:11:22:33:44:55"});
+  EXPECT_EQ(run(scctl({"rollback", "a", "--dry-run", "--timeout", "60"})),
+            (Outcome{2, "", "scctl: --dry-run and --timeout exclude each other\n"}));
+  EXPECT_EQ(run(scctl({"revert"})).err, "scctl: no try runs\n");
+}
+
 TEST_F(RollbackTest, RecordsThatWereAddedSince_AreDeletedAndCounted) {
   done({"add", "lan_binds/3", "mac=00:11:22:33:44:55"});
   done({"checkpoint", "a"});

@@ -55,6 +55,20 @@ TEST_F(HeldWhileMadeTest, MadeBehindItsDeadline_IsTakenBackAtOnce) {
   for (const pid_t guard : guards) kill(guard, SIGCONT);
 }
 
+TEST_F(TryTest, OfAnAreaThatAnotherProgramSaves_DoesNotStart) {
+  make_store();
+  const Images before = live();
+  write_file(kBatch, "set lan_binds/1 name=tried\n");
+  const LockHolder save(lock_file("Lan"), 1);
+  const Outcome outcome = run(try_batch(60));
+  EXPECT_EQ(outcome.status, 1) << outcome;
+  EXPECT_NE(outcome.err.find("area Lan is being saved by another program\n"), std::string::npos)
+      << outcome;
+  EXPECT_TRUE(is_over());
+  EXPECT_FALSE(exists(kMarkerFile));
+  expect_live(before);
+}
+
 TEST_F(TryTest, WhoseOutputCannotBeWritten_IsTakenBack) {
   const Images before = live();
   write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
