@@ -151,6 +151,26 @@ TEST_F(TraceTryTest, TheCallerKilledBehindItsMarker_LeavesNone) {
   expect_taken_back(0, kLateMs);
 }
 
+/* What the program changed is in the journal before the header says so. */
+TEST_F(TraceTryTest, ATryOfAProgramKilledBehindItsJournal_IsTakenBack) {
+  constexpr size_t kIsCommandAt = 12;
+  bool is_command = false, is_due = false;
+  const Words command = joined(Words{"try", "--"}, scctl({"batch", kBatch}));
+  trace(scctl(command), [&](const SystemCall& call) {
+    if (own(call).kind == Fate::kLeaves) return own(call);
+    if (is_due) return Fate{Fate::kKills};
+    if (call.is_done && call.call == SYS_pwrite64 && call.file(0) == kTryFile &&
+        call.arguments[3] == 0) {
+      const bool was_command = is_command;
+      is_command = call.bytes(1, kIsCommandAt + 1)[kIsCommandAt] != 0;
+      is_due = was_command && !is_command;
+    }
+    return Fate{};
+  });
+  EXPECT_TRUE(is_due);
+  expect_taken_back(0, kLateMs);
+}
+
 /* Kills a process and all that it started, which may be stopped for good. */
 void kill_tree(pid_t pid) {
   const std::string id = std::to_string(pid);
