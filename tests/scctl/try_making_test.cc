@@ -3,6 +3,7 @@
 #include <sysconfig/lan.h>
 
 #include <optional>
+#include <sstream>
 
 #include "scctl/tries.h"
 #include "support/locks.h"
@@ -103,6 +104,27 @@ TEST_F(TryTest, WhatATryKeeps_IsForItsUserAlone) {
   for (const auto& entry : std::filesystem::directory_iterator(kStateFolder)) {
     EXPECT_EQ(mode(entry.path()), perms::owner_read | perms::owner_write) << entry.path();
   }
+}
+
+/* Those of a try whose processes were all killed. */
+TEST_F(TryTest, OldCopiesOfAreas_AreNotTakenForThoseOfBefore) {
+  make_store();
+  const Images before = live();
+  const std::string state = kStateFolder;
+  run_scctl({"try", "--", "sh", "-c", "ls " + state + " >/var/names; exit 1"});
+  std::istringstream names(read_file("/var/names"));
+  size_t copies = 0;
+  for (std::string name; names >> name;) {
+    if (!name.starts_with("before_")) continue;
+    write_file(state + "/" + name, std::string(100000, 'x'));
+    ++copies;
+  }
+  EXPECT_EQ(copies, before.size());
+  const Words edit = scctl({"set", "lan_binds/1", "name=tried"});
+  EXPECT_EQ(run_scctl(joined(Words{"try", "--"}, edit)).status, 0);
+  EXPECT_EQ(run_scctl({"diff", "try", "live"}).out, "lan_binds/1.name: one -> tried\n");
+  revert();
+  expect_live(before);
 }
 
 /* A program could write into the journal of the try that it is part of. */

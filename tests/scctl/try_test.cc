@@ -266,6 +266,7 @@ TEST_F(TryTest, ConfirmBehindTheDeadline_IsTooLate) {
   pause_ms(1100);
   EXPECT_NE(refusal({"confirm"}).find("too late"), std::string::npos);
   EXPECT_NE(refusal({"try", "--timeout", "50"}).find("too late"), std::string::npos);
+  EXPECT_NE(done({"try", "--status"}).find(", 0 s left: "), std::string::npos);
   EXPECT_TRUE(exists(kTryFile));
 }
 
@@ -293,6 +294,16 @@ TEST_F(TryTest, Extended_ItLastsLonger) {
   EXPECT_GE(ms_since(begin), 4000);
   EXPECT_LE(ms_since(begin), 6500);
   expect_live(before);
+}
+
+TEST_F(TryTest, Extended_ItsTimeCountsFromNow) {
+  start_try_of("add lan_binds/3 mac=00:11:22:33:44:55\n");
+  done({"try", "--timeout", "40"});
+  const std::string status = done({"try", "--status"});
+  const size_t at = status.find(", made, ") + strlen(", made, ");
+  const int left = atoi(status.c_str() + at);
+  EXPECT_LE(left, 40) << status;
+  EXPECT_GT(left, 0) << status;
 }
 
 TEST_F(TryTest, AMarkerOfBeforeTheBoot_KeepsATryFromStarting) {
