@@ -516,10 +516,16 @@ int Overlays::load(const char* path, bool is_of_folder) {
     if (has_file(*other, *model->files)) return kOk;
   }
   if (good) {
+    Attachment* replaced = nullptr; /* of the files that it completes */
     for (const Model* other = models_; other != nullptr; other = other->next) {
-      if (has_file(*model, *other->files)) detach(other);
+      if (has_file(*model, *other->files)) detach(other, &replaced);
     }
     good = attach(model, &fault);
+    while (!good && replaced != nullptr) {
+      Attachment* next = replaced->next;
+      add(replaced);
+      replaced = next;
+    }
   }
   if (!good && is_of_folder) {
     static Text said; /* lines of a batch may read the folder again */

@@ -80,7 +80,8 @@ class Overlays {
   void add_spares(View* view, const Field& field, const uint8_t* named, const uint8_t* secret);
   const char* spare_name(uint32_t at);
   bool attach(Model* model, Text* fault);
-  void detach(const Model* model);
+  void add(Attachment* attachment);
+  void detach(const Model* model, Attachment** to);
   bool attach(Model* model, const Place& place, Attachment* attachment, Text* fault);
 
   struct SpareName;

@@ -129,6 +129,7 @@ struct Attachment {
   Guard* guards;
   Guard** guards_end;
   const Guard** numbered; /* the guards, the first at 1 */
+  uint32_t node_count;    /* and of types */
   uint16_t guard_count;
   uint16_t root; /* the guard of the type itself; 0: it always holds */
   SeenHashes seen;

@@ -395,15 +395,30 @@ bool Overlays::attach(Model* model, const Place& place, Attachment* attachment, 
                  other->model->path);
     return false;
   }
-  return Flattener(arena_, *model, *attachment, attachments_, fault, &node_count_).run();
+  uint32_t count = node_count_;
+  const bool good = Flattener(arena_, *model, *attachment, attachments_, fault, &count).run();
+  attachment->node_count = count - node_count_;
+  return good;
 }
 
-void Overlays::detach(const Model* model) {
+void Overlays::add(Attachment* attachment) {
+  attachment->next = attachments_;
+  attachments_ = attachment;
+  node_count_ += attachment->node_count;
+}
+
+/* Moves those of a model into another list. */
+void Overlays::detach(const Model* model, Attachment** to) {
   for (Attachment** at = &attachments_; *at != nullptr;) {
-    if ((*at)->model == model)
-      *at = (*at)->next;
-    else
-      at = &(*at)->next;
+    Attachment* one = *at;
+    if (one->model != model) {
+      at = &one->next;
+      continue;
+    }
+    *at = one->next;
+    one->next = *to;
+    *to = one;
+    node_count_ -= one->node_count;
   }
 }
 
@@ -412,11 +427,11 @@ bool Overlays::attach(Model* model, Text* fault) {
   for (const Place* place = model->places; place != nullptr; place = place->next) {
     auto* attachment = arena_.make<Attachment>();
     if (!attach(model, *place, attachment, fault)) {
-      detach(model);
+      Attachment* unused = nullptr;
+      detach(model, &unused);
       return false;
     }
-    attachment->next = attachments_;
-    attachments_ = attachment;
+    add(attachment);
   }
   return true;
 }

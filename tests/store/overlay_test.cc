@@ -99,6 +99,32 @@ TEST_F(ViewTest, AViewThatIsMadeAgain_IsAsBefore) {
   EXPECT_EQ(names(), before);
 }
 
+/* As in a folder, where a file that is not good is left out. */
+TEST_F(ViewTest, AFileThatIsNotGood_TakesNothingFromTheOneThatItCompletes) {
+  write_file("/var/second.json", R"({"overlay": 1, "completes": "vendor.json", "types": {
+      "wan_section": {"members": {"mtu": {"range": [-1, 5]}}}}})");
+  EXPECT_EQ(overlays_.load("/var/second.json", true), store::kRefused);
+  EXPECT_NE(names().find("mtu "), std::string::npos) << names();
+}
+
+/* There is room for 16384 members and types in all. */
+TEST_F(ViewTest, FilesThatDoNotCount_TakeNoRoom) {
+  const auto with =
+      [](const std::string& file, const std::string& more, const std::string& places) {
+        write_file(file, R"({"overlay": 1, )" + more + R"("types": {"none": {"size": 0},
+        "t": {"size": 0, "members": {"a": {"at": 0, "type": "none", "count": 9000}}}},
+        "at": {)" + places + "}}");
+        return file;
+      };
+  const std::string place = R"("Misc.settings_140": "t")";
+  const std::string bad = with("/var/bad.json", "", place + R"(, "Misc.nothing": "t")");
+  const std::string first = with("/var/first.json", "", place);
+  const std::string second = with("/var/second.json", R"("completes": "first.json", )", "");
+  EXPECT_EQ(overlays_.load(bad.c_str(), true), store::kRefused);
+  EXPECT_EQ(overlays_.load(first.c_str()), 0);
+  EXPECT_EQ(overlays_.load(second.c_str()), 0);
+}
+
 /* A member that does not hold decides nothing, wherever its bytes lead. */
 TEST_F(ViewTest, AConditionOnAMemberThatDoesNotHold_DoesNotHold) {
   write_file("/var/other.json", R"({"overlay": 1, "types": {"t": {"size": 8, "members": {
