@@ -471,14 +471,18 @@ function tableView(table) {
     apply(change) {
       const known = coming.has(change.id) ? coming.get(change.id) : rows.get(change.id)?.record;
       const record = {...known, id: change.id};
+      let isWhole = change.what !== 'add' && !change.unnamed;
       for (const [name, value] of Object.entries(change.fields || {})) {
-        if (Array.isArray(value) && value.length === 2 && !opaque.has(name)) record[name] = value[1];
+        if (!Array.isArray(value) || value.length !== 2 || opaque.has(name)) continue;
+        if (value[1] !== null || change.what === 'delete') record[name] = value[1];
+        else isWhole = false;
       }
       coming.set(change.id, change.what === 'delete' ? null : record);
       dirty.add(change.id);
       schedule();
-      /* Fields that are zero, and bytes without a name, are not in the line. */
-      if (change.what === 'add' || change.unnamed) refresh();
+      /* Fields that are zero, and bytes without a name, are not in the line. A null is a secret, or a member
+       * that the record no longer has. */
+      if (!isWhole) refresh();
     },
     showRecords(ids) {
       for (const id of ids) {

@@ -44,8 +44,8 @@ class InBrowser(unittest.TestCase):
     def setUp(self):
         fill()
 
-    def start(self, *options):
-        page = Page(*options)
+    def start(self, *options, environment=None):
+        page = Page(*options, environment=environment)
         self.addCleanup(page.end)
         return page
 
@@ -121,6 +121,31 @@ class Shown(InBrowser):
         tab.run("passOn({what: 'lost', count: 1, time: new Date().toISOString()})")
         tab.wait("document.getElementById('main').innerText.includes('not in the stream')")
         tab.wait("document.getElementById('stream').textContent.includes('1 changes were not seen')")
+
+    def test_a_member_that_holds_no_longer_is_empty_and_a_secret_stays_one(self):
+        wrapper = "/var/scctl_with_overlay"
+        with open(wrapper, "w") as file:
+            file.write("#!/bin/sh\nexec '%s' \"$@\" --overlay /var/members.json\n" % world.SCCTL)
+        os.chmod(wrapper, 0o755)
+        with open("/var/members.json", "w") as file:
+            json.dump({"overlay": 1, "at": {"Wan.sections.settings": "t"}, "types": {"t": {"size": 16, "members": {
+                "mode": {"at": 0, "kind": "unsigned", "size": 1},
+                "number": {"at": 1, "kind": "unsigned", "size": 1, "if": {"mode": 1}},
+                "pin": {"at": 2, "kind": "text", "size": 4, "secret": True, "if": {"mode": 1}},
+                "psk": {"at": 6, "kind": "text", "size": 8, "secret": True}}}}}, file)
+        option = ("--overlay", "/var/members.json")
+        scctl("set", "wan/1", "mode=1", "number=7", "pin=1234", "psk=planted", *option)
+        tab = self.open(self.start(environment={"SCCTL": wrapper}), "#/t/wan")
+        cells = "[...document.querySelector('main tbody tr').cells].slice(1).map((c) => c.textContent).join('|')"
+        tab.wait(cells + " === '1|7|<secret>|<secret>'")
+        number = "document.querySelector('main tbody tr').cells[2].textContent"
+        tab.run("""window.numbers = []; new MutationObserver(() => numbers.push(%s)).observe(
+            document.querySelector('main tbody'), {subtree: true, childList: true, characterData: true}), 0""" % number)
+        scctl("set", "wan/1", "psk=another", "number=8", *option)
+        tab.wait(cells + " === '1|8|<secret>|<secret>'")
+        scctl("set", "wan/1", "mode=0", *option)
+        tab.wait(cells + " === '0|||<secret>'")
+        self.assertEqual(set(tab.run("numbers")), {"8", ""})
 
     def test_search_and_filter_leave_what_has_the_text(self):
         page = self.start()
