@@ -334,6 +334,32 @@ TEST_F(CompletedOverlayTest, ItsAttributes_ReplaceThoseOfTheFirst) {
   EXPECT_EQ(block("Wan")[kWan + 300], 5);
 }
 
+TEST_F(CompletedOverlayTest, ItsConditions_ReplaceThoseOfTheFirst) {
+  const std::string text = R"("types": {"wan_section": {"if": {"mtu": 7}, "members": {
+      "peer": {"if": {"mtu": 7}}}}})";
+  block("Wan")[kWan + 4] = 7;
+  const std::string json = run(completed(text, {"get", "wan/1", "--json"})).out;
+  EXPECT_NE(json.find("\"magic\": 0, "), std::string::npos) << json;
+  EXPECT_NE(json.find("\"peer\": \"0.0.0.0\", "), std::string::npos) << json;
+}
+
+TEST_F(CompletedOverlayTest, AKindOrAType_ReplacesTheOther) {
+  make_section();
+  const std::string text = R"("types": {"wan_section": {"members": {
+      "address": {"kind": "bytes", "size": 20}, "wide": {"type": "radio"}}}})";
+  block("Wan")[kWan + 244] = 9;
+  block("Wan")[kWan + 188] = 5;
+  EXPECT_EQ(run(completed(text, {"get", "wan/1.address"})).out, "09\n");
+  EXPECT_EQ(run(completed(text, {"get", "wan/1.wide.channel"})).out, "5\n");
+}
+
+TEST_F(CompletedOverlayTest, APathFromTheRoot_IsTakenAsItIs) {
+  make_section();
+  write_file("/var/third.json", R"({"overlay": 1, "completes": "/var/vendor.json"})");
+  EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.mtu"}, "/var/third.json"))),
+            (Outcome{0, "0\n", ""}));
+}
+
 TEST_F(CompletedOverlayTest, WhatTheFirstLacks_IsNamed) {
   EXPECT_EQ(
       run(completed(R"("types": {"wan_section": {"members": {"mtx": {"unit": "bytes"}}}})",

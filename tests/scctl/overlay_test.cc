@@ -216,12 +216,15 @@ TEST_F(OverlayTest, AFolder_IsTakenBesidesAndABadFileOfItIsLeftOut) {
   const std::string script =
       "mount -t tmpfs none /etc && mkdir -p /etc/sysconfig/overlays && cd /etc/sysconfig/overlays "
       "&&"
-      "cp /var/vendor.json b.json && echo '{' >a.json && echo x >notes.txt && \"$@\"";
+      "cp /var/vendor.json b.json && cp b.json c.json && echo '{' >a.json && echo x >notes.txt "
+      "&& echo '{' >.b.json && \"$@\"";
   Words words = {"unshare", "-m", "sh", "-c", script, "sh"};
   const Words command = scctl({"batch"});
   words.insert(words.end(), command.begin(), command.end());
   const std::string left_out =
-      "scctl: /etc/sysconfig/overlays/a.json:2: expected a string; the file is left out\n";
+      "scctl: /etc/sysconfig/overlays/a.json:2: expected a string; the file is left out\n"
+      "scctl: /etc/sysconfig/overlays/c.json: Wan.sections.settings and Wan.sections.settings of "
+      "/etc/sysconfig/overlays/b.json name the same bytes; the file is left out\n";
   EXPECT_EQ(run(words, "get wan/1.mtu\nget wan/1.mtu\n"),
             (Outcome{0, "0\n0\ncommands done: 2\n", left_out}));
   const std::string other = use(

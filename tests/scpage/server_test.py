@@ -408,8 +408,10 @@ class Life(unittest.TestCase):
             self.assertGreater(len(page.json("/table?name=aps")["records"]), 30)
             self.assertEqual(page.post("/try", {"do": "set", "table": "aps", "id": 1,
                                                 "fields": {"group_info": "tried"}})[0], 200)
+            own = world.world_of(page.child.pid)
             guards = [pid for pid in map(int, filter(str.isdigit, os.listdir("/proc")))
-                      if words_of(pid)[1:4] == ["try", "--timeout", "90"]]
+                      if words_of(pid)[1:4] == ["try", "--timeout", "90"] and world.world_of(pid) == own]
+            self.assertEqual(len(guards), 2)
             stream.close()
         self.assertEqual(scctl("export"), before)
         wait_for(lambda: not [pid for pid in guards if words_of(pid)], "the end of the guards")

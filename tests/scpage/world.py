@@ -64,6 +64,14 @@ def words_of(pid):
         return []
 
 
+def world_of(pid):
+    """Names the world that a process is in; None: it is gone."""
+    try:
+        return os.readlink("/proc/%d/ns/ipc" % pid)
+    except OSError:
+        return None
+
+
 def watchers(page):
     """The watchers that scpage has started; each may have processes of its own."""
     return [pid for pid in children_of(page.child.pid, 1) if words_of(pid)[1:3] == ["watch", "--json"]]

@@ -144,5 +144,45 @@ TEST_F(ViewTest, AConditionOnAMemberThatDoesNotHold_DoesNotHold) {
   EXPECT_TRUE(has_c());
 }
 
+/* The members of a type in the place of the settings of Misc, for a record. */
+class ConditionTest : public World {
+ protected:
+  std::string names(const std::string& members, const std::string& record) {
+    write_file("/var/other.json", R"({"overlay": 1, "types": {"t": {"size": 16, "members": {)" +
+                                      members + R"(}}}, "at": {"Misc.settings_140": "t"}})");
+    store::Overlays overlays;
+    EXPECT_EQ(overlays.load("/var/other.json"), 0);
+    const store::Table& misc = *store::find_table("misc_1", 6);
+    uint8_t bytes[772] = {};
+    memcpy(bytes + 4, record.data(), record.size());
+    std::string all;
+    for (const store::Field& field : overlays.view(misc, 0, bytes)) {
+      if (!store::is_spare_name(field.name)) all += std::string(field.name) + " ";
+    }
+    return all;
+  }
+};
+
+TEST_F(ConditionTest, AValueThatOnlyBeginsAsTheNumber_IsAnother) {
+  const std::string members = R"("a": {"at": 0, "kind": "unsigned", "size": 1},
+      "b": {"at": 1, "kind": "unsigned", "size": 1, "if": {"a": "7x"}},
+      "c": {"at": 2, "kind": "unsigned", "size": 1, "if": {"a": "0x7"}})";
+  EXPECT_EQ(names(members, "\7"), "a c ");
+}
+
+TEST_F(ConditionTest, ATextThatIsASecret_DecidesByWhatItIs) {
+  const std::string members = R"("a": {"at": 0, "kind": "text", "size": 4, "secret": true},
+      "b": {"at": 4, "kind": "unsigned", "size": 1, "if": {"a": "yes"}})";
+  EXPECT_EQ(names(members, "yes"), "a b ");
+  EXPECT_EQ(names(members, "no"), "a ");
+}
+
+TEST_F(ConditionTest, ACountBelowZero_CountsNothing) {
+  const std::string members = R"("n": {"at": 0, "kind": "signed", "size": 1},
+      "list": {"at": 1, "kind": "unsigned", "size": 1, "count": 3, "used": "n"})";
+  EXPECT_EQ(names(members, "\xff"), "n ");
+  EXPECT_EQ(names(members, "\1"), "n list ");
+}
+
 }  // namespace
 }  // namespace sc_test
