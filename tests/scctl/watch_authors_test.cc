@@ -402,6 +402,9 @@ TEST_F(TraceWatchAuthorsTest, TheChild_KeepsNoDescriptors) {
   for (int n = 0; n < 5; ++n) {
     rename("n" + std::to_string(n));
     EXPECT_NE(watch.object().author, "");
+    /* It is told of each program that is run, too. */
+    waitpid(started_writer({SC_TEST_WRITER, "1"}), nullptr, 0);
+    EXPECT_NE(watch.object().author, "");
   }
   EXPECT_EQ(count(), before);
 }

@@ -74,6 +74,18 @@ TEST_F(WatchTest, Json_TextThatIsNoUtf8_IsEscaped) {
                                     "\"a\\u0000left\"]"));
 }
 
+TEST_F(WatchTest, Json_TheTime_IsThatOfUtcInAnyZone) {
+  add(1, "one");
+  JsonWatch watch({"Lan"}, "export TZ=EAST-5:30; ");
+  rename("two");
+  const std::string line = watch.raw_line(kSoonMs).value_or("nothing");
+  const size_t at = line.find("\"time\":\"");
+  ASSERT_NE(at, std::string::npos) << line;
+  tm told = {};
+  ASSERT_NE(strptime(line.c_str() + at + 8, "%Y-%m-%dT%H:%M:%S", &told), nullptr) << line;
+  EXPECT_NEAR(static_cast<double>(timegm(&told)), static_cast<double>(time(nullptr)), 60) << line;
+}
+
 /* A value between two looks is not known. */
 TEST_F(WatchTest, Json_ARecordThatMayHaveChangedMoreOften_IsSaidToBeSo) {
   add(1, "one");
