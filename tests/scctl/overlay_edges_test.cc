@@ -292,6 +292,17 @@ TEST_F(OverlayTest, MembersThatOverlap_AreRefusedOutsideOfUnions) {
             "scctl: /var/other.json: t.b: another member has its bits, too\n");
 }
 
+TEST_F(OverlayTest, BitsThatMeetInAByte_DoNotOverlap) {
+  const auto with = [](const std::string& bit) {
+    return overlay_of(R"("a": {"at": 0, "kind": "bit", "bit": 0, "width": 12},
+                         "b": {"at": 0, "kind": "bit", "bit": )" +
+                      bit + R"(, "width": 3})");
+  };
+  block("Wan")[kWan + 1] = 0x50;
+  EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.b"}, use(with("12"))))), (Outcome{0, "5\n", ""}));
+  EXPECT_EQ(refused(with("11")), "scctl: /var/other.json: t.b: another member has its bits, too\n");
+}
+
 TEST_F(OverlayTest, TwoOverlaysOfOneByte_AreBothNamed) {
   const std::string overlay = use(overlay_of(""));
   Words words = with_overlay({"get", "wan/1"});

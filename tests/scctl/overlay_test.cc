@@ -268,6 +268,14 @@ TEST_F(OverlayTest, WithoutAHelper_AnImportSaysWhereItShouldBe) {
   write_file("/var/scctl-overlay-import", "#!/bin/sh\necho \"$@\"\nexit 5\n");
   ASSERT_EQ(run({"chmod", "+x", "/var/scctl-overlay-import"}).status, 0);
   EXPECT_EQ(run(words), (Outcome{5, "x.o --at A=b\n", ""}));
+  /* The one that is installed is the second choice. */
+  const std::string script =
+      "mount -t tmpfs none /usr/local/bin && printf '#!/bin/sh\\necho installed\\n' "
+      ">/usr/local/bin/scctl-overlay-import && chmod +x /usr/local/bin/scctl-overlay-import && "
+      "\"$@\"; rm -f /var/scctl-overlay-import; \"$@\"";
+  Words sandbox = {"unshare", "-m", "sh", "-c", script, "sh"};
+  sandbox.insert(sandbox.end(), words.begin(), words.end());
+  EXPECT_EQ(run(sandbox).out, "x.o --at A=b\ninstalled\n");
 }
 
 }  // namespace

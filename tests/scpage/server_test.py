@@ -72,6 +72,10 @@ class Rights(unittest.TestCase):
             with self.subTest("%s: %s" % (name, value)):
                 self.assert_refused(self.page.request("POST", "/try", self.edit, {name: value}))
 
+    def test_a_body_that_is_too_long_is_not_read(self):
+        self.assertEqual(self.page.request("POST", "/try", dict(self.edit, more="x" * (1 << 17)))[0], 413)
+        self.assertEqual(scctl("get", "lan_binds/1.name"), "kept\n")
+
     def test_a_rebound_name_gets_nothing(self):
         for path in ("/", self.page.url[len(self.page.origin):], "/page.js", "/table?name=lan_binds"):
             status, _, text = self.page.request("GET", path, headers={"Host": "evil.example"})
@@ -361,6 +365,20 @@ class Sources(unittest.TestCase):
             shutil.copy("/var/dataconfig/config_misc.bin", self.folder)
             self.assertIn("archive: config_misc.bin", page.request("GET", page.url[len(page.origin):])[2])
         self.assertEqual(sorted(before), sorted(path.name for path in self.folder.iterdir()))
+
+    def test_names_of_archives_are_text(self):
+        fresh_areas()
+        scctl("save", "Lan")
+        hostile = "<img src=x onerror=alert(1)>"
+        folder = self.folder / (hostile + '"')
+        folder.mkdir()
+        shutil.copy("/var/dataconfig/config_lan.bin", folder / ("good%s.bin" % hostile))
+        (folder / ("broken%s.bin" % hostile)).write_bytes(b"x")
+        with Page("--archives", str(folder)) as page:
+            text = page.request("GET", page.url[len(page.origin):])[2]
+        self.assertNotIn("<img", text)
+        for name in ("archive: good&lt;img", "<h3>broken&lt;img", "%s/&lt;img" % self.folder):
+            self.assertIn(name, text)
 
     def test_no_folder_no_program_and_wrong_words_are_told(self):
         for words, status in ((["--archives", "/none"], 3), (["--demo", "--ssh", "x"], 2), (["--port", "x"], 2),
