@@ -183,6 +183,12 @@ TEST_F(OverlayTest, WhatIsNoOverlay_IsRefusedByOneLine) {
             (Outcome{1, "", "scctl: /var/none.json: No such file or directory\n"}));
   EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1"}, "/var"))).err,
             "scctl: /var: no file of at most 256 KB\n");
+  /* Nobody writes into it. */
+  ASSERT_EQ(run({"mkfifo", "/var/pipe.json"}).status, 0);
+  Words words = {"timeout", "20"};
+  const Words command = scctl(with_overlay({"get", "wan/1"}, "/var/pipe.json"));
+  words.insert(words.end(), command.begin(), command.end());
+  EXPECT_EQ(run(words), (Outcome{1, "", "scctl: /var/pipe.json: no file of at most 256 KB\n"}));
 }
 
 TEST_F(OverlayTest, APatternThatIsTooLarge_IsRefusedByOneLine) {
@@ -392,6 +398,10 @@ TEST_F(CompletedOverlayTest, BesideTheFileThatItCompletes_ItCountsOnce) {
   const Outcome shown = run(words);
   EXPECT_EQ(shown.status, 0) << shown;
   EXPECT_NE(shown.out.find("0 octets"), std::string::npos) << shown;
+  /* In the other order, too. */
+  const Outcome other =
+      run(scctl(with_overlay(with_overlay({"get", "wan/1"}, "/var/second.json"))));
+  EXPECT_EQ(other, shown);
 }
 
 }  // namespace

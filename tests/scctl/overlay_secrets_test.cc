@@ -203,12 +203,18 @@ TEST_F(OverlaySecretsTest, ANewRecord_HasNoSecretThatCouldStay) {
 TEST_F(OverlaySecretsTest, AMemberThatSharesBytesWithASecret_IsOneToo) {
   const std::string overlay = use(
       R"({"overlay": 1, "types": {"t": {"size": 16, "union": true, "members": {
-          "psk": {"at": 0, "kind": "text", "size": 8, "secret": true},
+          "psk": {"at": 4, "kind": "text", "size": 8, "secret": true},
           "raw": {"at": 0, "kind": "bytes", "size": 16},
-          "other": {"at": 8, "kind": "unsigned", "size": 4}}}},
+          "last": {"at": 8, "kind": "unsigned", "size": 4},
+          "before": {"at": 0, "kind": "unsigned", "size": 4},
+          "behind": {"at": 12, "kind": "unsigned", "size": 4}}}},
           "at": {"Wan.sections/1.settings": "t"}})");
   const Words words = scctl(with_overlay({"get", "wan/1", "--json"}, overlay));
-  EXPECT_NE(run(words).out.find("\"psk\": null, \"raw\": null, \"other\": 0"), std::string::npos);
+  const std::string json = run(words).out;
+  EXPECT_NE(json.find("\"psk\": null, \"raw\": null, \"last\": null, \"before\": " +
+                      std::to_string(kMagic) + ", \"behind\": 0"),
+            std::string::npos)
+      << json;
 }
 
 /* The password of a mode that is off stays in its bytes. */

@@ -233,6 +233,40 @@ TEST_F(WatchTest, Json_ForAReaderThatStops_LinesAreDroppedAndCounted_AndTheState
   EXPECT_TRUE(watch.program().ended());
 }
 
+/* A pipe that has room for a part of what waits. */
+TEST_F(WatchTest, Json_ForAReaderThatReadsALittle_ItWaitsNoLonger_AndTellsTheLossFirst) {
+  add(1, "n");
+  JsonWatch watch({"Lan"});
+  fcntl(watch.pipe(), F_SETPIPE_SZ, 4096);
+  const std::string name(190, 'x');
+  for (int n = 0; n < 150; ++n) {
+    rename(name + std::to_string(n));
+    pause_ms(5);
+  }
+  long seq = watch.object().seq; /* reads a page */
+  EXPECT_EQ(seq, 1);
+  pause_ms(100);
+  /* -1 where the kernel does not count. */
+  const auto bytes_read = [&] {
+    std::ifstream io("/proc/" + std::to_string(watch.program().pid()) + "/io");
+    std::string word;
+    long count = -1;
+    io >> word >> count;
+    return count;
+  };
+  const long before = bytes_read();
+  rename("again");
+  pause_ms(100);
+  if (before >= 0) EXPECT_GT(bytes_read(), before) << "it does not look";
+  Object object = watch.object();
+  for (; object.rest.find("\"lost\"") == std::string::npos; object = watch.object()) {
+    ASSERT_NE(object.rest, "nothing");
+    EXPECT_EQ(object.seq, ++seq) << object.rest;
+  }
+  const std::string state = state_of_lan(watch);
+  EXPECT_NE(state.find("\"name\":[null,\"again\"]"), std::string::npos) << state;
+}
+
 /* A watch over ssh that stays on a router where nothing changes. */
 TEST_F(WatchTest, Json_WhenItsReaderIsGone_EndsWithoutAChange) {
   add(1, "one");

@@ -31,6 +31,9 @@ class FirstAnswer(unittest.TestCase):
         self.assertIn("1 of 64 used, archive: none", text)
         self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
         self.assertNotIn("unsafe", headers["Content-Security-Policy"])
+        self.assertIn("frame-ancestors 'none'", headers["Content-Security-Policy"])
+        self.assertEqual([headers[name] for name in ("X-Frame-Options", "X-Content-Type-Options", "Cache-Control")],
+                         ["DENY", "nosniff", "no-store"])
 
     def test_tells_when_areas_do_not_exist(self):
         scctl("remove", "--all")
@@ -265,6 +268,49 @@ class Tabs(unittest.TestCase):
                                      == "end %d" % last], 5000)
             seen.append(time.monotonic() - began)
         self.assertLess(max(seen), 1)
+
+    def test_a_new_tab_gets_more_than_64_kb_of_changes(self):
+        for number in range(1, 33):
+            scctl("add", "lan_binds/%d" % number, "mac=02:00:00:00:00:%02x" % number, "ip=192.168.1.%d" % number)
+        reading = Stream(self.page)
+        self.addCleanup(reading.close)
+        # Some at a time: what waits for the reader of watch is limited, too.
+        for number in range(25):
+            first = number % 4 * 8 + 1
+            scctl("batch", given="".join("set lan_binds/%d name=%s%d\n" % (n, "x" * 190, number)
+                                         for n in range(first, first + 8)).encode())
+            reading.until(lambda m: [c for c in m.get("changes", []) if c.get("id") == first + 7 and
+                                     c["fields"].get("name", ["", ""])[1].endswith("x%d" % number)], 20)
+        late = Stream(self.page)
+        self.addCleanup(late.close)
+        changes = late.until(lambda m: m.get("changes"))
+        self.assertEqual(len(changes), 200)
+        self.assertGreater(len(json.dumps(changes)), 65536)
+        # What follows is read from its beginning.
+        scctl("set", "aps/1", "group_info=after it")
+        late.until(lambda m: [c for c in m.get("changes", []) if c["table"] == "aps"])
+
+    def test_without_a_tab_nothing_is_asked(self):
+        calls = "/var/calls"
+        wrapper = "/var/scctl_that_notes"
+        with open(wrapper, "w") as file:
+            file.write("#!/bin/sh\necho \"$*\" >>%s\nexec '%s' \"$@\"\n" % (calls, SCCTL))
+        os.chmod(wrapper, 0o755)
+        pathlib.Path(calls).write_text("")
+        with Page(environment={"SCCTL": wrapper}) as page:
+            asked = lambda: pathlib.Path(calls).read_text().splitlines()
+            stream = Stream(page)
+            stream.until(lambda m: m.get("areas"))
+            stream.close()
+            time.sleep(3)
+            before = asked()
+            self.assertIn("locks --json", before)
+            time.sleep(3)
+            self.assertEqual(asked(), before)
+            # It begins again with the next tab.
+            stream = Stream(page)
+            wait_for(lambda: len(asked()) > len(before) + 2, "a look")
+            stream.close()
 
     def test_a_watcher_that_ends_is_started_again(self):
         first = watchers(self.page)[0]

@@ -1,8 +1,11 @@
 """Parts of scpage that need no router: the reader of dumps, the lines of a batch, the queue of a tab."""
 
+import socket
 import sys
+import threading
 import types
 import unittest
+import unittest.mock
 
 import world
 
@@ -94,6 +97,24 @@ class Queues(unittest.TestCase):
         self.assertEqual(message["changes"][-1], live.LONGEST_QUEUE * 2 + 4)
         tab.add_change("next")
         self.assertNotIn("dropped", tab.take())
+
+    def test_a_tab_that_never_reads_is_given_up(self):
+        ours, theirs = socket.socketpair()
+        self.addCleanup(theirs.close)
+        ours.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4096)
+        handler = server.Handler.__new__(server.Handler)
+        handler.connection = ours
+        tab = live.Tab()
+        tab.add_change("x" * 1000000)
+        with unittest.mock.patch.object(server, "LONGEST_WRITE", 1):
+            sender = threading.Thread(target=handler._send_stream, args=(tab,), daemon=True)
+            sender.start()
+            sender.join(10)
+        self.assertFalse(sender.is_alive())
+        ours.close()
+        theirs.settimeout(5)
+        while theirs.recv(65536):
+            pass
 
     def test_of_a_state_the_latest_is_sent(self):
         tab = live.Tab()

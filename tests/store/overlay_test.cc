@@ -177,6 +177,13 @@ TEST_F(ConditionTest, ATextThatIsASecret_DecidesByWhatItIs) {
   EXPECT_EQ(names(members, "no"), "a ");
 }
 
+TEST_F(ConditionTest, ACountOfAnArrayOfArrays_IsOfTheOuterOne) {
+  const std::string members = R"("n": {"at": 0, "kind": "unsigned", "size": 1},
+      "a": {"at": 1, "kind": "text", "size": 1, "count": [3, 2], "used": "n"})";
+  EXPECT_EQ(names(members, "\1"), "n a[0][0] a[0][1] ");
+  EXPECT_EQ(names(members, "\2"), "n a[0][0] a[0][1] a[1][0] a[1][1] ");
+}
+
 TEST_F(ConditionTest, ACountBelowZero_CountsNothing) {
   const std::string members = R"("n": {"at": 0, "kind": "signed", "size": 1},
       "list": {"at": 1, "kind": "unsigned", "size": 1, "count": 3, "used": "n"})";
