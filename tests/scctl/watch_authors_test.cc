@@ -12,6 +12,8 @@
 #include <functional>
 #include <thread>
 
+#include <sysconfig/ap.h>
+
 #include "scctl/stream_case.h"
 
 namespace sc_test {
@@ -31,6 +33,46 @@ class TraceWatchAuthorsTest : public WatchTest {
     const size_t comma = at == std::string::npos ? at : rest.find("\",\"", at);
     return comma == std::string::npos ? -1 : atoi(rest.c_str() + comma + 3);
   }
+};
+
+/* The process of a watch that asks the kernel. */
+pid_t child_of(const Program& watch) {
+  const std::string pid = std::to_string(watch.pid());
+  const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
+  EXPECT_GT(child, 0);
+  return child;
+}
+
+/* A writer that waits before its change. */
+class WaitingWriter {
+ public:
+  explicit WaitingWriter(Words words) {
+    EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
+    words.insert(words.end(), {"0", "1", "each"});
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(ends_[0], STDIN_FILENO);
+      std::vector<char*> arguments;
+      for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+      arguments.push_back(nullptr);
+      execvp(arguments[0], arguments.data());
+      _exit(127);
+    }
+    pause_ms(100);
+  }
+  pid_t pid() const { return pid_; }
+  /* Lets it change its record and end. */
+  void go() {
+    EXPECT_EQ(write(ends_[1], "x", 1), 1);
+    int status = -1;
+    waitpid(pid_, &status, 0);
+    EXPECT_EQ(status, 0);
+    for (const int end : ends_) close(end);
+  }
+
+ private:
+  int ends_[2];
+  pid_t pid_;
 };
 
 /* Runs a program to its end. */
@@ -281,6 +323,158 @@ TEST_F(TraceWatchAuthorsTest, AReusedNumber_TellsTheProgramThatHasItNow) {
   ASSERT_TRUE(watch.knows_authors());
   EXPECT_EQ(watch.object().author, "{\"pid\":400,\"uid\":0,\"program\":\"writer\"}");
   EXPECT_EQ(watch.object().author, "{\"pid\":400,\"uid\":0,\"program\":\"second\"}");
+}
+
+/* Two processes with one number in one window. */
+TEST_F(TraceWatchAuthorsTest, AReusedNumberInOneWindow_ListsBoth) {
+  std::ofstream("/var/script")
+      << "\"$@\" & watch=$!\nsleep 0.5\nln -s " SC_TEST_WRITER
+         " /var/second\nkill -STOP $watch\n"
+         "echo 399 >/proc/sys/kernel/ns_last_pid; " SC_TEST_WRITER
+         " 0; sleep 0.1\n"
+         "echo 399 >/proc/sys/kernel/ns_last_pid; /var/second 0; sleep 0.1\n"
+         "kill -CONT $watch\nsleep 1\nkill $watch\n";
+  JsonWatch watch({"Lan"}, "set -- unshare --pid --fork --mount-proc sh /var/script \"$@\"; ");
+  ASSERT_TRUE(watch.knows_authors());
+  EXPECT_EQ(watch.object().author,
+            "{\"pid\":400,\"uid\":0,\"program\":\"writer\"},"
+            "{\"pid\":400,\"uid\":0,\"program\":\"second\"}");
+}
+
+/* It is gone when it is asked for, and another program had its number before. */
+TEST_F(TraceWatchAuthorsTest, AReusedNumberLater_TellsNoFormerProgram) {
+  std::ofstream("/var/script")
+      << "\"$@\" & watch=$!\nsleep 0.5\nchild=$(cat /proc/$watch/task/$watch/children)\n"
+         "echo 399 >/proc/sys/kernel/ns_last_pid; " SC_TEST_WRITER
+         " 0\n"
+         "while [ ! -e /var/go ]; do sleep 0.05; done\nkill -STOP $child\n"
+         "echo 399 >/proc/sys/kernel/ns_last_pid; (: >>/var/lock_store/lan_conf_lock)\n"
+         "kill -CONT $child\nsleep 1\nkill $watch\n";
+  JsonWatch watch({"Lan"}, "set -- unshare --pid --fork --mount-proc sh /var/script \"$@\"; ");
+  ASSERT_TRUE(watch.knows_authors());
+  EXPECT_EQ(watch.object().author, "{\"pid\":400,\"uid\":0,\"program\":\"writer\"}");
+  pause_ms(1200);
+  lan->lan_binds[1].bind_flag = 77;
+  write_file("/var/go", "");
+  const Object object = watch.object();
+  EXPECT_NE(object.rest.find("\"flag\":[2,77]"), std::string::npos) << object.rest;
+  EXPECT_EQ(object.author, "{\"pid\":400}");
+}
+
+TEST_F(TraceWatchAuthorsTest, ANameWithBracketsAndBlanks_IsToldWhole) {
+  symlink(SC_TEST_WRITER, "/var/a) (b");
+  JsonWatch watch({"Lan"});
+  ASSERT_TRUE(watch.knows_authors());
+  WaitingWriter writer({"/var/a) (b"});
+  writer.go();
+  const std::string pid = std::to_string(writer.pid());
+  EXPECT_EQ(watch.object().author, "{\"pid\":" + pid + ",\"uid\":0,\"program\":\"a) (b\"}");
+}
+
+/* The program that is run decides whose it is, also when it is gone before it is asked for. It lies on
+ * another mount than the one that runs it. */
+TEST_F(TraceWatchAuthorsTest, AProgramThatRunsAsItsOwner_IsTheOwners) {
+  ASSERT_EQ(run({"sh", "-c", "cp " SC_TEST_WRITER " /var/owned && chmod 4755 /var/owned"}).status,
+            0);
+  JsonWatch watch({"Lan"});
+  ASSERT_TRUE(watch.knows_authors());
+  WaitingWriter writer({"setpriv", "--reuid", "12345", "--clear-groups", "/var/owned"});
+  const pid_t child = child_of(watch.program());
+  kill(watch.program().pid(), SIGSTOP);
+  kill(child, SIGSTOP);
+  writer.go();
+  kill(child, SIGCONT);
+  pause_ms(100);
+  kill(watch.program().pid(), SIGCONT);
+  EXPECT_EQ(watch.object().author,
+            "{\"pid\":" + std::to_string(writer.pid()) + ",\"uid\":0,\"program\":\"owned\"}");
+}
+
+/* Its close was told with an earlier change. */
+TEST_F(TraceWatchAuthorsTest, AChangeWithoutAClose_IsNotThatOfWhoHasTheFileOpen) {
+  JsonWatch watch({"Lan"});
+  int ready[2], go[2];
+  ASSERT_EQ(pipe(ready) | pipe(go), 0);
+  Child holder([&] {
+    rename("by the holder");
+    const int file = open(kLanLock, O_RDWR | O_CLOEXEC);
+    char byte = 0;
+    write(ready[1], &byte, 1);
+    read(go[0], &byte, 1);
+    close(file);
+  });
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{holder.pid()}));
+  Child other([&] { rename("by another"); });
+  other.wait();
+  EXPECT_EQ(watch.object().pids(), (std::set<int>{holder.pid(), other.pid()}));
+  lan->lan_binds[1].bind_flag += 1;
+  const Object object = watch.object(kSlowMs);
+  EXPECT_NE(object.rest.find("\"seen\":\"look\""), std::string::npos) << object.rest;
+  EXPECT_EQ(object.author, "");
+  ASSERT_EQ(write(go[1], &byte, 1), 1);
+  holder.wait();
+  for (const int end : {ready[0], ready[1], go[0], go[1]}) close(end);
+}
+
+/* ---- authors that may be missing ---- */
+
+/* The answer of its child is late: it may know of another program. */
+TEST_F(TraceWatchAuthorsTest, WithoutAnAnswerInTime_NoAuthorIsTold) {
+  JsonWatch watch({"Lan"});
+  ASSERT_TRUE(watch.knows_authors());
+  const pid_t child = child_of(watch.program());
+  kill(watch.program().pid(), SIGSTOP);
+  Child([&] { rename("one"); }).wait();
+  pause_ms(50);
+  kill(child, SIGSTOP);
+  Child([&] { rename("two"); }).wait();
+  kill(watch.program().pid(), SIGCONT);
+  const Object object = watch.object();
+  EXPECT_NE(object.rest.find("[\"n\",\"two\"]"), std::string::npos) << object.rest;
+  EXPECT_EQ(object.author, "");
+  kill(child, SIGCONT);
+  pause_ms(50);
+  Child([&] { rename("three"); }).wait();
+  EXPECT_NE(watch.rest().find("\"three\""), std::string::npos);
+  Child next([&] { rename("next"); });
+  next.wait();
+  EXPECT_EQ(watch.object().pids().count(next.pid()), 1u); /* perhaps beside one that came late */
+}
+
+/* More events than the kernel keeps, so that only one of two writers is known, of two areas. */
+TEST_F(TraceWatchAuthorsTest, AfterMoreEventsThanTheKernelKeeps_NoAuthorIsTold) {
+  auto* aps = started<ManageApListBlock>("ManageApList");
+  ApLimitsRecord limits = {};
+  limits.max_ap_count = 300;
+  ASSERT_EQ(SC_Get_Ap_Info_Blank(aps, &limits), 0);
+  JsonWatch watch({"Lan", "ManageApList"});
+  ASSERT_TRUE(watch.knows_authors());
+  const auto change_both = [&](uint8_t to) {
+    Child([&] {
+      rename("n" + std::to_string(to));
+      aps->aps[0].group_id = to;
+      close(open(lock_file("ManageApList").c_str(), O_WRONLY | O_CLOEXEC));
+    }).wait();
+  };
+  const pid_t child = child_of(watch.program());
+  kill(watch.program().pid(), SIGSTOP);
+  kill(child, SIGSTOP);
+  change_both(1);
+  std::ifstream told("/proc/sys/fs/fanotify/max_queued_events");
+  int most = 16384;
+  told >> most;
+  for (int n = 0; n < most; ++n) write_file("/var/lock_store/x" + std::to_string(n), "");
+  change_both(2);
+  kill(child, SIGCONT);
+  pause_ms(300);
+  kill(watch.program().pid(), SIGCONT);
+  for (const char* table : {"lan_binds", "aps"}) {
+    const Object object = watch.object();
+    EXPECT_NE(object.rest.find(table), std::string::npos) << object.rest;
+    EXPECT_EQ(object.author, "") << table;
+  }
 }
 
 TEST_F(TraceWatchAuthorsTest, WithoutTheRight_NoAuthorIsTold_AndChangesAre) {
