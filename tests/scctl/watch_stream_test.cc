@@ -127,6 +127,23 @@ TEST_F(WatchTest, Json_InitAndRead_AreOneObjectEach) {
   EXPECT_EQ(watch.rest(200), "nothing");
 }
 
+/* Beside the image that a Read removes. */
+TEST_F(WatchTest, Json_AnotherFileThatIsRemoved_IsNoRead) {
+  for (int n = 1; n <= 3; ++n) add(n, "n");
+  JsonWatch watch({"Lan"});
+  kill(watch.program().pid(), SIGSTOP);
+  for (const char* name : {"config_lan.cfg.old", "config_lan", "xconfig_lan.cfg"}) {
+    const std::string path = std::string("/var/systemconfig/") + name;
+    write_file(path, "x");
+    unlink(path.c_str());
+  }
+  lan->lan_binds[1].bind_flag = 77;
+  rename("one");
+  kill(watch.program().pid(), SIGCONT);
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"n\",\"one\"]"));
+  EXPECT_EQ(watch.rest(), bind_line(2, "change", "\"flag\":[2,77]"));
+}
+
 TEST_F(WatchTest, Json_ALockFileThatIsMadeAnew_IsFollowed) {
   add(1, "one");
   JsonWatch watch({"Lan"});
