@@ -259,6 +259,27 @@ TEST_F(EditRecordTest, TextsThatAreNotPlain_StayAsTheyAreWhenAnotherFieldChanges
   EXPECT_EQ(bind().bind_flag, 1);
 }
 
+TEST_F(EditRecordTest, TheLastLine_NeedsNoEnd) {
+  looks({"printf name=three >\"$1\""});
+  EXPECT_EQ(edit(), (Outcome{0, "", ""}));
+  EXPECT_STREQ(bind().bind_name, "three");
+}
+
+TEST_F(EditRecordTest, ALineThatStandsTwice_IsRefusedAlsoAsItWasShown) {
+  looks({"echo flag=0 >>\"$1\"; sed -i s/two/three/ \"$1\"", ":"});
+  EXPECT_EQ(edit(), (Outcome{2, "lan_binds/2 is not changed\n", ""}));
+  EXPECT_NE(look(2).find("#! scctl: flag stands twice\nflag=0\n"), std::string::npos) << look(2);
+  EXPECT_STREQ(bind().bind_name, "two words");
+}
+
+/* As set takes it. */
+TEST_F(EditRecordTest, AKeyInHex_IsComparedAsTheLibraryDoes) {
+  done({"add", "lan_binds/5", "mac=00:11:22:33:44:05", "ip=10.0.0.5"});
+  looks({"sed -i 's/^mac=.*/mac:hex=30302d31312d32322d33332d34342d3035/' \"$1\""});
+  EXPECT_EQ(edit(), (Outcome{0, "", ""}));
+  EXPECT_STREQ(bind().bind_mac, "00-11-22-33-44-05");
+}
+
 TEST_F(EditRecordTest, Settings_AreOneLine) {
   looks({"sed -i 's/^settings=.*/settings=0102/' \"$1\""});
   EXPECT_EQ(run(scctl({"edit", "wan/2"})), (Outcome{0, "", ""}));

@@ -1,5 +1,6 @@
 /* metrics: the text format of Prometheus, and figures that are right. */
 #include <fcntl.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -105,6 +106,22 @@ TEST_F(MetricsTest, ArchiveHealthAndAge_AndWhatIsNotSaved) {
   for (const char* name : {"area_unsaved_records", "archive_good", "saves_total"}) {
     EXPECT_EQ(samples.count(of(name, "ApUserList")), 0u) << name;
   }
+  /* A clock that was set back. */
+  times[1].tv_sec += 10000;
+  utimensat(AT_FDCWD, archive.c_str(), times, 0);
+  EXPECT_EQ(read().at(of("archive_age_seconds", "Qos")), 0);
+}
+
+/* Without gzip nobody knows. */
+TEST_F(MetricsTest, AnArchiveThatCannotBeJudged_IsNeitherGoodNorBad) {
+  done({"save", "Qos"});
+  const std::string path = getenv("PATH");
+  setenv("PATH", "/var/none", 1);
+  const Samples samples = read();
+  setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(samples.count(of("archive_good", "Qos")), 0u);
+  EXPECT_EQ(samples.count(of("area_unsaved_records", "Qos")), 0u);
+  EXPECT_EQ(samples.count(of("archive_age_seconds", "Qos")), 1u);
 }
 
 TEST_F(MetricsTest, HoldersAndWaiters_AreProcesses) {

@@ -121,5 +121,28 @@ TEST_F(OverlayToolsTest, ADiffAsCommands_NamesMembersAndMakesThemEqual) {
   EXPECT_EQ(lines.find(kPlanted), std::string::npos);
 }
 
+/* The firmware's next version has the bytes elsewhere. */
+TEST_F(OverlayToolsTest, ADiffOfTwoOverlays_ComparesBytesThatMoved) {
+  done({"save", "Wan"});
+  const auto with_raw = [](const std::string& file, int at) {
+    write_file(file, overlay_of("\"raw\": {\"at\": " + std::to_string(at) +
+                                R"(, "kind": "bytes", "size": 4})"));
+    return "@" + file;
+  };
+  const std::string was = with_raw("/var/was.json", 300), is = with_raw("/var/is.json", 310);
+  memcpy(block("Wan") + kWan + 310, "\1\2\3", 3);
+  EXPECT_NE(run(scctl({"diff", "live" + was, "live" + is}))
+                .out.find("wan/1.raw: (0 bytes) -> (3 bytes)\n"),
+            std::string::npos);
+}
+
+TEST_F(OverlayToolsTest, ADiff_TakesAFileWithAnAtInItsName) {
+  write_file("/var/image@home", std::string(reinterpret_cast<char*>(block("Wan")), 4476));
+  shown({"set", "wan/1", "mtu=1300"});
+  EXPECT_EQ(shown({"get", "wan/1.mtu"}), "1300\n");
+  EXPECT_NE(outcome({"diff", "/var/image@home", "live"}).out.find("wan/1.mtu: 1400 -> 1300\n"),
+            std::string::npos);
+}
+
 }  // namespace
 }  // namespace sc_test
