@@ -262,6 +262,19 @@ TEST_F(OverlayTest, WhatLiesOutside_IsRefusedByOneLine) {
   }
 }
 
+TEST_F(OverlayTest, ASizeThatAKindCannotHave_IsRefusedByOneLine) {
+  for (const char* kind :
+       {R"("kind": "unsigned", "size": 9)", R"("kind": "signed")", R"("kind": "text", "size": 0)",
+        R"("kind": "mac text", "size": 16)", R"("kind": "enum", "size": 16)"}) {
+    EXPECT_EQ(refused(overlay_of("\"a\": {\"at\": 0, " + std::string(kind) + "}")),
+              "scctl: /var/other.json: t.a: its kind has no such size\n");
+  }
+  /* One that has its own. */
+  const std::string overlay = use(overlay_of(R"("a": {"at": 0, "kind": "mac text", "size": 17},
+      "b": {"at": 20, "kind": "mac", "size": 1}, "c": {"at": 26, "kind": "unsigned", "size": 3})"));
+  EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.b"}, overlay))).out, "00:00:00:00:00:00\n");
+}
+
 TEST_F(OverlayTest, DeepAndEndlessTypes_AreRefusedByOneLine) {
   EXPECT_EQ(refused(std::string(200000, '[')),
             "scctl: /var/other.json:1: no { where an object begins\n");

@@ -194,6 +194,15 @@ TEST_F(OverlayTest, Fields_SayWhatTheOverlaySays) {
   }
 }
 
+TEST_F(OverlayTest, ADefaultThatIsNoNumber_IsATextInTheSchema) {
+  const std::string overlay = use(overlay_of(R"(
+      "a": {"at": 0, "kind": "unsigned", "size": 1, "default": "1x"},
+      "b": {"at": 1, "kind": "signed", "size": 1, "default": -1})"));
+  const std::string schema = run(scctl(with_overlay({"schema"}, overlay))).out;
+  EXPECT_NE(schema.find("\"default\": \"1x\""), std::string::npos);
+  EXPECT_NE(schema.find("\"default\": -1"), std::string::npos);
+}
+
 TEST_F(OverlayTest, Cover_CountsTheBytesWithoutANameAndEndsWithTheirNumber) {
   make_section();
   shown({"set", "wan/1", "mtu=1400", "psk=geheim 123"});
@@ -208,6 +217,14 @@ TEST_F(OverlayTest, Cover_CountsTheBytesWithoutANameAndEndsWithTheirNumber) {
                                                            ""}));
   EXPECT_EQ(run(scctl({"overlay", "cover", "Wan"})).out,
             "wan/1.settings: 19 of 956 bytes\nbytes without a name: 19\n");
+  /* The last area, too; each area has spares in its header. */
+  block("Wan")[kWan + 300] = block("Wan")[kWan + 302] = block("Wan")[kWan + 6] = 0;
+  const uint32_t last = static_cast<uint32_t>(image("Clients").size()) - 1;
+  const std::string before = outcome({"overlay", "cover", "Clients"}).out;
+  block("Clients")[last] ^= 0x7f;
+  const std::string after = outcome({"overlay", "cover", "Clients"}).out;
+  EXPECT_NE(before, after);
+  EXPECT_TRUE(outcome({"overlay", "cover"}).out.ends_with(after)) << after;
 }
 
 TEST_F(OverlayTest, AFolder_IsTakenBesidesAndABadFileOfItIsLeftOut) {

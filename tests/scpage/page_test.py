@@ -147,6 +147,14 @@ class Shown(InBrowser):
         tab.wait(cells + " === '0|||<secret>'")
         self.assertEqual(set(tab.run("numbers")), {"8", ""})
 
+    def test_changes_of_before_are_in_the_stream_alone(self):
+        tab = self.open(self.start(), "#/t/lan_binds")
+        tab.run("follow({old: true, table: 'lan_binds', id: 2, what: 'change', time: new Date().toISOString(), "
+                "fields: {name: ['camera', 'former']}})")
+        tab.wait("document.getElementById('stream').textContent.includes('camera → former')")
+        time.sleep(0.3)
+        self.assertNotIn("former", tab.run("document.getElementById('main').innerText"))
+
     def test_search_and_filter_leave_what_has_the_text(self):
         page = self.start()
         tab = self.open(page, "#/t/lan_binds")
@@ -225,6 +233,10 @@ class Hostile(InBrowser):
                 self.assertIn(text, shown, table)
             self.go(tab, "#/r/%s/10" % table)
             self.assertIn(HOSTILE[:6], " ".join(tab.run("[...document.querySelectorAll('main td input')].map((i) => i.value)")))
+        scctl("set", "lan_binds/10", "name=a\u202etxt\u2066\u200f\u2028\u061cb")
+        self.go(tab, "#/t/lan_binds")
+        tab.wait("document.querySelector('main tbody tr:last-child').innerText.includes("
+                 "'a\\\\u202etxt\\\\u2066\\\\u200f\\\\u2028\\\\u061cb')")
         scctl("set", "lan_binds/10", "name=%s" % HOSTILE)
         self.go(tab, "#/")
         tab.wait("document.getElementById('stream').textContent.includes('<img src=x')")
