@@ -121,6 +121,33 @@ class Shown(InBrowser):
         tab.run("passOn({what: 'lost', count: 1, time: new Date().toISOString()})")
         tab.wait("document.getElementById('main').innerText.includes('not in the stream')")
         tab.wait("document.getElementById('stream').textContent.includes('1 changes were not seen')")
+        # What scpage has dropped for this tab, and an area that was loaded, are read, too.
+        for name, told in (("dropped", "take({tick: Date.now() / 1000, dropped: 7})"),
+                           ("loaded", "passOn({what: 'load', area: 'Lan', time: new Date().toISOString()})")):
+            scctl("set", "lan_binds/2", "name=%s" % name)
+            time.sleep(0.5)
+            self.assertNotIn(name, tab.run("document.getElementById('main').innerText"))
+            tab.run(told)
+            tab.wait("document.getElementById('main').innerText.includes('%s')" % name)
+        tab.wait("document.getElementById('stream').textContent.includes('7 changes were not seen')")
+
+    def test_changes_during_a_read_are_shown_behind_it(self):
+        tab = self.open(self.start(), "#/t/lan_binds")
+        # An answer that is on its way until it is let go.
+        tab.run("window.passOn = follow, follow = () => {}, window.real = ask, ask = async (path) => { "
+                "const read = await real(path); await new Promise((done) => { window.letGo = done; }); return read; }, 0")
+        tab.run("refresh(), 0")
+        tab.wait("window.letGo")
+        tab.run("passOn({table: 'lan_binds', id: 2, what: 'change', time: new Date().toISOString(), "
+                "fields: {name: ['camera', 'meanwhile']}})")
+        tab.run("window.letGo()")
+        tab.wait("document.querySelector('main tbody').rows[1].innerText.includes('meanwhile')", 3)
+        # What is asked for meanwhile is read afterwards.
+        tab.run("window.letGo = null, refresh(), 0")
+        tab.wait("window.letGo")
+        scctl("set", "lan_binds/2", "name=afterwards")
+        tab.run("ask = real, refresh(), letGo()")
+        tab.wait("document.querySelector('main tbody').rows[1].innerText.includes('afterwards')", 3)
 
     def test_a_member_that_holds_no_longer_is_empty_and_a_secret_stays_one(self):
         wrapper = "/var/scctl_with_overlay"
@@ -325,6 +352,15 @@ class Lost(InBrowser):
             if end == signal.SIGSTOP:
                 tab.wait("document.getElementById('link').textContent === 'live'", 5)
 
+    def test_a_router_that_does_not_answer_is_told_with_the_reason(self):
+        tab = self.open(self.start())
+        tab.run("take({tick: Date.now() / 1000, link: {live: false, since: Date.now() / 1000, why: 'no answer'}})")
+        self.assertRegex(tab.run("document.getElementById('link').textContent"),
+                         r"^stale since \d\d:\d\d:\d\d: no answer$")
+        self.assertEqual(tab.run("document.documentElement.classList.contains('stale')"), True)
+        tab.run("take({tick: Date.now() / 1000, link: {live: true}})")
+        self.assertEqual(tab.run("document.getElementById('link').textContent"), "live")
+
     def test_changes_that_a_page_has_missed_are_shown_when_it_is_back(self):
         page = self.start()
         tab = self.open(page, "#/t/lan_binds")
@@ -358,6 +394,19 @@ class Used(InBrowser):
         self.assertEqual(tab.run("[%s.value, %s.value]" % (name, ip)), ["half typ", "192.168.1.77"])
         tab.run("[...document.querySelectorAll('main button')].find((b) => b.textContent === 'Discard').click()")
         self.assertEqual(tab.run("[%s.value, %s.value]" % (name, ip)), ["third", "192.168.1.78"])
+        # Then they follow again, and of what is sent only what was typed is part.
+        tab.run("document.activeElement.blur()")
+        scctl("set", "lan_binds/1", "name=fourth")
+        tab.wait(name + ".value === 'fourth'", 3)
+        tab.run(name + ".focus()")
+        tab.type(" typed")
+        tab.run(ip + ".focus()")
+        scctl("set", "lan_binds/1", "ip=192.168.1.79")
+        tab.wait(ip + ".parentNode.innerText.includes('now: 192.168.1.79')", 3)
+        tab.key("Enter")
+        tab.wait("document.getElementById('left')")
+        self.assertEqual(scctl("get", "lan_binds/1.ip"), "192.168.1.79\n")
+        self.assertIn("typed", scctl("get", "lan_binds/1.name"))
 
     def test_it_can_be_used_by_keyboard_alone(self):
         page = self.start("--edit")
