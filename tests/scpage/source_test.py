@@ -1,7 +1,11 @@
 """Parts of scpage that need no router: the reader of dumps, the lines of a batch, the queue of a tab."""
 
+import os
+import pathlib
+import shutil
 import socket
 import sys
+import tempfile
 import threading
 import types
 import unittest
@@ -63,6 +67,35 @@ class Dumps(unittest.TestCase):
         for name, size in (("things/3", 32), ("thing", 32), ("things/2", 33)):
             with self.assertRaises(source.Fault):
                 source.record_bytes(DUMP, name, size)
+
+
+class Tables(unittest.TestCase):
+    def test_of_bytes_their_number_is_shown_and_of_a_secret_nothing(self):
+        told = {"tables": [{"table": "things", "area": "Lan"}],
+                "fields": [{"field": "token", "kind": "bytes"}, {"field": "name", "kind": "text"}],
+                "list": [{"id": 1, "token": None, "name": "a"}, {"id": 2, "token": "0102", "name": "b"}, {"id": 3}]}
+        runner = types.SimpleNamespace(json=lambda *words: told[words[0]])
+        self.assertEqual(source.Source(runner, "").records("things"),
+                         [{"id": 1, "token": None, "name": "a"}, {"id": 2, "token": "2 bytes", "name": "b"}, {"id": 3}])
+
+
+class Programs(unittest.TestCase):
+    def test_of_the_builds_that_run_here_the_newest_is_taken(self):
+        folder = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, folder)
+        (folder / "CMakeLists.txt").touch()
+        for age, (name, text) in enumerate((("later", "#!/bin/sh\n"), ("mipsel", "\x7fELF"), ("former", "#!/bin/sh\n"),
+                                            ("broken", "#!/bin/sh\nexit 1\n"))):
+            path = folder / "build" / name / "scctl/scctl"
+            path.parent.mkdir(parents=True)
+            path.write_text(text)
+            path.chmod(0o755)
+            os.utime(path, (1000000 - age, 1000000 - age))
+        with unittest.mock.patch.object(source, "ROOT", folder), \
+                unittest.mock.patch.dict(os.environ, {"PATH": "/nowhere", "SCCTL": ""}):
+            self.assertEqual(source.find_scctl(None), str(folder / "build/later/scctl/scctl"))
+            os.utime(folder / "build/former/scctl/scctl", (2000000, 2000000))
+            self.assertEqual(source.find_scctl(None), str(folder / "build/former/scctl/scctl"))
 
 
 class Batches(unittest.TestCase):
