@@ -154,11 +154,20 @@ int area_of_lock(const char* name) {
   return area;
 }
 
+/* Tells the watch what is none of the kernel's events; nothing if there is none. */
+void Authors::tell(int out, int what) {
+  Note note = {};
+  note.events = static_cast<uint8_t>(what);
+  if (what != 0) write(out, &note, sizeof note);
+}
+
 void Authors::run_child(int events, int in, int out) {
   sched_param priority = {};
   priority.sched_priority = 1;
   syscall(SYS_sched_setscheduler, 0, SCHED_FIFO, &priority); /* musl has no function for it */
   const pid_t watch = getppid(); /* it opens lock files, to ask who holds a record */
+  mark_programs(events);
+  tell(out, kAnswer);
   for (;;) {
     pollfd ready[] = {{events, POLLIN, 0}, {in, POLLIN, 0}};
     ppoll(ready, 2, nullptr, nullptr);
@@ -191,9 +200,7 @@ void Authors::run_child(int events, int in, int out) {
         close(event->fd);
       }
     }
-    Note note = {};
-    note.events = static_cast<uint8_t>((is_lost ? kLost : 0) | (asked != 0 ? kAnswer : 0));
-    if (note.events != 0) write(out, &note, sizeof note);
+    tell(out, (is_lost ? kLost : 0) | (asked != 0 ? kAnswer : 0));
   }
 }
 
@@ -218,7 +225,6 @@ bool Authors::begin() {
   int asks[2], notes[2];
   if (!events || !mark(events.number) || pipe2(asks, O_CLOEXEC) != 0) return false;
   if (pipe2(notes, O_CLOEXEC | O_NONBLOCK) != 0) return false;
-  mark_programs(events.number);
   const pid_t child = fork();
   if (child == 0) {
     close(asks[1]);
@@ -229,7 +235,8 @@ bool Authors::begin() {
   close(notes[1]);
   asks_ = asks[1];
   notes_ = notes[0];
-  return child > 0;
+  ++due_answers_; /* it hears of programs from then on */
+  return child > 0 && take(kAnswerMs);
 }
 
 /* Takes all notes about what happened before this call. A child that did not answer in time is not

@@ -63,6 +63,7 @@ class Authors {
   };
 
   static void run_child(int events, int in, int out);
+  static void tell(int out, int what);
   void ask(char what);
   void end();
   bool take(int timeout);
