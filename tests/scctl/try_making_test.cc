@@ -2,6 +2,7 @@
 #include <sysconfig/clients.h>
 #include <sysconfig/lan.h>
 
+#include <algorithm>
 #include <optional>
 #include <sstream>
 
@@ -182,6 +183,19 @@ TEST_F(TryTest, SignalsThatItsCallerBlocks_ReachItsGuards) {
     const std::string status = read_file("/proc/" + std::to_string(holder(byte)) + "/status");
     EXPECT_NE(status.find("\nSigBlk:\t0000000000000000\n"), std::string::npos) << status;
   }
+}
+
+/* ---- what is shown of it ---- */
+
+TEST_F(TryTest, WithoutATry_TheStatusInJsonIsNull) {
+  EXPECT_EQ(run_scctl({"try", "--status", "--json"}), (Outcome{1, "null\n", ""}));
+}
+
+TEST_F(TryTest, ATriedSetting_IsAllThatDiffers) {
+  start_try_of("set wan/2 settings=ff\n");
+  const std::string differing = run_scctl({"diff", "try", "live"}).out;
+  EXPECT_EQ(std::count(differing.begin(), differing.end(), '\n'), 1) << differing;
+  EXPECT_TRUE(differing.starts_with("wan/2.")) << differing;
 }
 
 }  // namespace

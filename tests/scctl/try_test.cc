@@ -368,6 +368,17 @@ TEST_F(TryTest, AReadOnlyFlash_KeepsATryFromStarting) {
   EXPECT_TRUE(is_over());
 }
 
+TEST_F(TryTest, AFullMemory_KeepsATryFromStarting) {
+  const Images before = live();
+  write_file(kBatch, "add lan_binds/3 mac=00:11:22:33:44:55\n");
+  const Mounted small("/var/systemconfig", "size=16k");
+  run({"sh", "-c", "cat /dev/zero >/var/systemconfig/filler 2>/dev/null"});
+  EXPECT_EQ(refusal({"try", "batch", kBatch}, 3),
+            "scctl: /var/systemconfig/scctl: No space left on device\n");
+  expect_live(before);
+  EXPECT_TRUE(flash().empty());
+}
+
 TEST_F(TryTest, AFullFlash_KeepsATryFromStartingAndTheMissingBytesAreSaid) {
   make_store();
   const Mounted small("/var/dataconfig", "size=192k");

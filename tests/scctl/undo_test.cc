@@ -54,6 +54,10 @@ TEST_F(UndoTest, TheLog_TellsEveryEditNewestFirst) {
             std::string::npos)
       << text;
   const std::string json = done({"log", "--json"});
+  for (const char* what : {"add", "change", "delete"}) {
+    const std::string text_of_one = std::string("\"what\": \"") + what + "\"";
+    EXPECT_NE(json.find(text_of_one), std::string::npos) << what << "\n" << json;
+  }
   EXPECT_NE(json.find("{\"entry\": 2, \"time\": \"20"), std::string::npos) << json;
   EXPECT_NE(
       json.find("\"command\": \"set lan_binds/2 'name=other'\", \"undoable\": true, \"changes\": "
