@@ -191,6 +191,25 @@ TEST_F(TryTest, WithoutATry_TheStatusInJsonIsNull) {
   EXPECT_EQ(run_scctl({"try", "--status", "--json"}), (Outcome{1, "null\n", ""}));
 }
 
+TEST_F(TryTest, TheStatus_TellsWhoWhenWhatAndWhatOthersChanged) {
+  make_store();
+  start_try_of("set lan_binds/1 name=tried\n");
+  done({"set", "lan_binds/1", "name=other"});
+  const std::string json = done({"try", "--status", "--json"});
+  const std::string who = json.substr(json.find("\"pid\": ") + strlen("\"pid\": "));
+  const std::string pid = who.substr(0, who.find_first_not_of("0123456789"));
+  EXPECT_NE(done({"try", "--status"}).find(" (process " + pid + ") since 20"), std::string::npos);
+  for (const char* part :
+       {"\"time\": \"20", "\"command\": \"try --timeout 60 batch /var/batch\"",
+        "\"phase\": \"made\"", "\"left\": ",
+        "\"changes\": [{\"table\": \"lan_binds\", \"id\": 1, \"what\": \"change\", "
+        "\"fields\": {\"name\": [\"one\", \"tried\"]}}]",
+        "\"others\": [{\"table\": \"lan_binds\", \"id\": 1, \"what\": \"change\", "
+        "\"fields\": {\"name\": [\"tried\", \"other\"]}}]"}) {
+    EXPECT_NE(json.find(part), std::string::npos) << part << "\n" << json;
+  }
+}
+
 TEST_F(TryTest, ATriedSetting_IsAllThatDiffers) {
   start_try_of("set wan/2 settings=ff\n");
   const std::string differing = run_scctl({"diff", "try", "live"}).out;
