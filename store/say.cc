@@ -69,6 +69,9 @@ void tell(const char* format, ...) {
 
 int flush_output() {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return kOk;
+  static bool is_said;
+  if (is_said) return kRefused;
+  is_said = true;
   /* When a file is edited, the edit is discarded, so the line would be wrong. */
   if (g_told[0] == '\0' || g_file != nullptr) {
     return fail(kRefused, "standard output: the text could not be written");

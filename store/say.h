@@ -35,7 +35,7 @@ uint32_t hash_of(const char* text, size_t size);
 /* Prints what was done on a line of standard output. When standard output cannot be written, the
  * error message of flush_output contains the last of these lines. */
 void tell(const char* format, ...) __attribute__((format(printf, 1, 2)));
-/* Flushes standard output. If that fails, prints an error message and returns its status. */
+/* Flushes standard output. If that fails, prints an error message, once, and returns its status. */
 int flush_output();
 
 /* The known name that is nearest to a wrong name, if it is near: up to a third of its letters may
