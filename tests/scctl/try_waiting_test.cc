@@ -1,4 +1,5 @@
-/* Records that did not go back with their try: those that wait for scctl revert, and those that stay. */
+/* What does not go back with its try: records that wait for scctl revert, and records that stay; and
+ * what a confirm takes for changes of the try. */
 #include <sysconfig/lan.h>
 
 #include "scctl/tries.h"
@@ -52,6 +53,16 @@ TEST_F(WaitingTest, WhatAGuardLeft_IsToldByTheStatus) {
   const std::string status = run_scctl({"try", "--status"}).out;
   EXPECT_TRUE(status.ends_with("\nlan_binds/7: it was added, and changed since; it stays\n"))
       << status;
+}
+
+/* The archives differ from the areas in the try's own changes alone. */
+TEST_F(WaitingTest, NoneOfATrysOwnChanges_IsTakenForAnotherPrograms) {
+  done({"save", "--all"});
+  for (const char* change : {"del lan_binds/2\n", "add lan_binds/9 mac=00:11:22:33:44:09\n",
+                             "set lan_settings/1 settings=ff\n"}) {
+    start_try_of(change);
+    EXPECT_EQ(run_scctl({"confirm", "--only-mine"}), (Outcome{0, "", ""})) << change;
+  }
 }
 
 }  // namespace
