@@ -123,7 +123,8 @@ class Shown(InBrowser):
         tab.wait("document.getElementById('stream').textContent.includes('1 changes were not seen')")
         # What scpage has dropped for this tab, and an area that was loaded, are read, too.
         for name, told in (("dropped", "take({tick: Date.now() / 1000, dropped: 7})"),
-                           ("loaded", "passOn({what: 'load', area: 'Lan', time: new Date().toISOString()})")):
+                           ("loaded", "passOn({what: 'load', area: 'Lan', time: new Date().toISOString()})"),
+                           ("begun", "take({tick: Date.now() / 1000, stream: {begun: 1, remark: ''}})")):
             scctl("set", "lan_binds/2", "name=%s" % name)
             time.sleep(0.5)
             self.assertNotIn(name, tab.run("document.getElementById('main').innerText"))
@@ -173,6 +174,19 @@ class Shown(InBrowser):
         scctl("set", "wan/1", "mode=0", *option)
         tab.wait(cells + " === '0|||<secret>'")
         self.assertEqual(set(tab.run("numbers")), {"8", ""})
+
+    def test_a_stream_that_pauses_shows_all_when_it_goes_on(self):
+        tab = self.open(self.start())
+        lines = "document.querySelectorAll('#stream li').length"
+        before = tab.run(lines)
+        tab.run("document.getElementById('pause').click()")
+        for name in ("one", "two"):
+            scctl("set", "lan_binds/2", "name=%s" % name)
+            tab.wait("log.some((row) => row.said.includes('%s'))" % name)
+        time.sleep(0.2)
+        self.assertEqual(tab.run(lines), before)
+        tab.run("document.getElementById('pause').click()")
+        tab.wait("%s === %d" % (lines, before + 2))
 
     def test_changes_of_before_are_in_the_stream_alone(self):
         tab = self.open(self.start(), "#/t/lan_binds")
