@@ -1,4 +1,5 @@
 /* The journal: what other programs change is in the log while scctl watch --journal runs. */
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -82,6 +83,26 @@ TEST_F(TraceWatchJournalTest, OtherProgramsChanges_AreInTheWholeLog_ScctlsOnlyOn
   EXPECT_NE(json.find("\"pid\": " + std::to_string(getpid()) + ", \"program\": \"watch_journal_t["),
             std::string::npos)
       << json;
+}
+
+/* It is gone before it is asked for, and no program was run in it: whose it was is not known. */
+TEST_F(TraceWatchJournalTest, AnAuthorOfUnknownUser_IsNoUsers) {
+  JsonWatch watch({"--journal"});
+  const std::string pid = std::to_string(watch.program().pid());
+  const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
+  ASSERT_GT(child, 0);
+  kill(watch.program().pid(), SIGSTOP);
+  kill(child, SIGSTOP);
+  Child writer([&] { rename("by nobody"); });
+  writer.wait();
+  kill(child, SIGCONT);
+  pause_ms(100);
+  kill(watch.program().pid(), SIGCONT);
+  EXPECT_EQ(watch.object().author, "{\"pid\":" + std::to_string(writer.pid()) + "}");
+  const std::string text = log({"--all"});
+  EXPECT_EQ(text.find("root"), std::string::npos) << text;
+  EXPECT_NE(text.find("one -> 'by nobody'"), std::string::npos) << text;
+  EXPECT_EQ(done({"log", "--all", "--json"}).find("\"uid\""), std::string::npos);
 }
 
 /* Also when they are of a record that scctl has just edited. */

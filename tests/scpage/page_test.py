@@ -88,7 +88,18 @@ class Shown(InBrowser):
         tab.wait("document.querySelector('main tbody').rows.length === 2")
         self.assertEqual(tab.run("[...document.querySelectorAll('main tbody th')].map((c) => c.innerText.trim())"),
                          ["2", "9"])
+        scctl("add", "lan_binds/5", "mac=00:11:22:33:44:60", "ip=192.168.1.30")
+        tab.wait("document.querySelector('main tbody').rows.length === 3")
+        self.assertEqual(tab.run("[...document.querySelectorAll('main tbody th')].map((c) => c.innerText.trim())"),
+                         ["2", "5", "9"])
         self.assert_quiet(page, tab)
+
+    def test_the_stream_has_all_candidates_and_no_secret(self):
+        tab = self.open(self.start())
+        tab.run("follow({table: 'wan', id: 1, what: 'change', time: new Date().toISOString(), "
+                "fields: {psk: [null, null]}, author: [{pid: 11, uid: 0, program: 'httpd'}, {pid: 12}]})")
+        tab.wait("document.querySelector('#stream li')?.textContent.includes('wan/1 psk <secret>')")
+        self.assertIn("httpd (11) or process (12)", tab.run("document.querySelector('#stream li').textContent"))
 
     def test_areas_tell_use_and_whether_they_are_saved(self):
         scctl("save", "Lan")
@@ -124,6 +135,8 @@ class Shown(InBrowser):
         # What scpage has dropped for this tab, and an area that was loaded, are read, too.
         for name, told in (("dropped", "take({tick: Date.now() / 1000, dropped: 7})"),
                            ("loaded", "passOn({what: 'load', area: 'Lan', time: new Date().toISOString()})"),
+                           ("unnamed", "passOn({table: 'lan_binds', id: 2, what: 'change', fields: {}, unnamed: true, "
+                            "time: new Date().toISOString()})"),
                            ("begun", "take({tick: Date.now() / 1000, stream: {begun: 1, remark: ''}})")):
             scctl("set", "lan_binds/2", "name=%s" % name)
             time.sleep(0.5)
@@ -174,6 +187,13 @@ class Shown(InBrowser):
         scctl("set", "wan/1", "mode=0", *option)
         tab.wait(cells + " === '0|||<secret>'")
         self.assertEqual(set(tab.run("numbers")), {"8", ""})
+        self.go(tab, "#/r/wan/1")
+        rows = "[...document.querySelectorAll('main tbody tr')].map((r) => r.dataset.field).join()"
+        tab.wait(rows + ".startsWith('mode,psk,spare')")
+        scctl("set", "wan/1", "mode=1", *option)
+        tab.wait("%s.includes('number') && %s.includes('pin') && !%s.includes('spare_1,')" % (rows, rows, rows), 3)
+        scctl("set", "wan/1", "mode=0", *option)
+        tab.wait("!%s.includes('number') && !%s.includes('pin')" % (rows, rows), 3)
 
     def test_a_stream_that_pauses_shows_all_when_it_goes_on(self):
         tab = self.open(self.start())
@@ -421,6 +441,25 @@ class Used(InBrowser):
         tab.wait("document.getElementById('left')")
         self.assertEqual(scctl("get", "lan_binds/1.ip"), "192.168.1.79\n")
         self.assertIn("typed", scctl("get", "lan_binds/1.name"))
+        # What was sent is typed no longer.
+        tab.run("document.activeElement.blur()")
+        scctl("revert")
+        tab.wait(name + ".value === 'fourth'", 3)
+
+    def test_a_deletion_is_a_try_and_what_is_refused_is_told(self):
+        page = self.start("--edit")
+        tab = self.open(page, "#/r/lan_binds/2")
+        remove = "[...document.querySelectorAll('main button')].find((b) => b.textContent === 'Try to delete').click()"
+        said, gone = ("document.getElementById('said').textContent", "document.querySelector('main p[role=status]').textContent")
+        tab.run(remove)
+        tab.wait("document.getElementById('left')")
+        self.assertEqual([row["id"] for row in json.loads(scctl("list", "lan_binds", "--json"))], [1])
+        tab.wait(gone + ".includes('lan_binds/2')")
+        self.assertEqual(tab.run(said), "")
+        tab.run(remove)
+        tab.wait(said + ".includes('try')", 5)
+        scctl("revert")
+        tab.wait(gone + " === ''", 5)
 
     def test_it_can_be_used_by_keyboard_alone(self):
         page = self.start("--edit")
