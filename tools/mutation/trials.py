@@ -19,7 +19,7 @@ BESIDES = ("layout_test", "abi_test")
 # What a test may take beyond what it takes on the unchanged code.
 SPARE_SECONDS = 30
 
-# A test that can be run by itself: a transcript, or a test of a program, "" for all of it.
+# A test that can be run by itself: a script, or a test of a program, "" for all of it.
 Test = collections.namedtuple("Test", "program name")
 Verdict = collections.namedtuple("Verdict", "test seconds hung said")
 
@@ -36,8 +36,10 @@ class Tests:
         listed = json.loads(subprocess.run(
             ["ctest", "--test-dir", str(BUILD), "--show-only=json-v1"], check=True, text=True,
             stdout=subprocess.PIPE).stdout)["tests"]
-        self.transcripts = {test["name"]: test["command"] for test in listed
-                            if test["command"][0].endswith("/scctl_test.sh")}
+        # Scripts that run scctl: transcripts, and the reader of its schema.
+        self.scripts = {test["name"]: test["command"] for test in listed
+                        if any(word.endswith(("/scctl_test.sh", "/schema_test.py"))
+                               for word in test["command"])}
         ours = {build.sources[item] for tool in build.tools for item in build.link(tool)[1]
                 if build.sources[item].parts[0] != "core"}
         # Programs that are linked with a part of the tools, compiled for them.
@@ -47,7 +49,7 @@ class Tests:
                       if "test_programs.dir" in " ".join(build.link(test)[0])]
         self.tests = []
         if of_tools:
-            self.tests += [Test(name, "") for name in self.transcripts]
+            self.tests += [Test(name, "") for name in self.scripts]
             for program in sorted({*self.linked, *runs_tools}):
                 self.tests += [Test(program, name) for name in self.names_in(program)]
         else:
@@ -75,8 +77,8 @@ class Tests:
         for tool in self.build.tools:
             environment[tool.split("/")[-1].upper()] = str(folder / tool)
         program = tests[0].program
-        if program in self.transcripts:
-            command = self.transcripts[program][:-1] + [str(folder)]
+        if program in self.scripts:
+            command = [word.replace(str(BUILD), str(folder)) for word in self.scripts[program]]
         else:
             command = [str(folder / program), "--gtest_fail_fast", "--gtest_brief=1"]
             if tests[0].name:
@@ -85,7 +87,7 @@ class Tests:
         command = ["prlimit", "--fsize=%d" % 2**30, "--data=%d" % 2**32, "--core=0", *command]
         start = time.monotonic()
         with tempfile.TemporaryFile() as said:
-            process = subprocess.Popen(command, cwd=ROOT if program in self.transcripts else folder,
+            process = subprocess.Popen(command, cwd=ROOT if program in self.scripts else folder,
                                        env=environment, stdin=subprocess.DEVNULL, stdout=said,
                                        stderr=subprocess.STDOUT)
             hung = False
