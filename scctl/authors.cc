@@ -154,29 +154,25 @@ int area_of_lock(const char* name) {
   return area;
 }
 
-/* Tells the watch what is none of the kernel's events; nothing if there is none. */
-void Authors::tell(int out, int what) {
-  Note note = {};
-  note.events = static_cast<uint8_t>(what);
-  if (what != 0) write(out, &note, sizeof note);
-}
-
 void Authors::run_child(int events, int in, int out) {
   sched_param priority = {};
   priority.sched_priority = 1;
   syscall(SYS_sched_setscheduler, 0, SCHED_FIFO, &priority); /* musl has no function for it */
   const pid_t watch = getppid(); /* it opens lock files, to ask who holds a record */
-  mark_programs(events);
-  tell(out, kAnswer);
+  mark_programs(events);         /* here, because it takes memory */
+  /* What has to be told also when there was no room for it. */
+  bool is_lost = false;
+  uint32_t answers = 0;
   for (;;) {
-    pollfd ready[] = {{events, POLLIN, 0}, {in, POLLIN, 0}};
-    ppoll(ready, 2, nullptr, nullptr);
+    const bool is_due = is_lost || answers != 0;
+    pollfd ready[] = {{events, POLLIN, 0}, {in, POLLIN, 0}, {out, POLLOUT, 0}};
+    ppoll(ready, is_due ? 3 : 2, nullptr, nullptr);
     char asked = 0;
     if (ready[1].revents != 0 && read(in, &asked, 1) <= 0) _exit(0);
     if (asked == kFollow) mark(events);
+    answers += asked != 0;
     alignas(fanotify_event_metadata) char bytes[2048];
     ssize_t size;
-    bool is_lost = false;
     while ((size = read(events, bytes, sizeof bytes)) > 0 || (size < 0 && errno != EAGAIN)) {
       const auto* event = reinterpret_cast<const fanotify_event_metadata*>(bytes);
       is_lost |= size < 0;
@@ -200,7 +196,13 @@ void Authors::run_child(int events, int in, int out) {
         close(event->fd);
       }
     }
-    tell(out, (is_lost ? kLost : 0) | (asked != 0 ? kAnswer : 0));
+    while (is_lost || answers != 0) {
+      Note note = {};
+      note.events = static_cast<uint8_t>((is_lost ? kLost : 0) | (answers != 0 ? kAnswer : 0));
+      if (write(out, &note, sizeof note) < 0) break;
+      is_lost = false;
+      answers -= answers != 0;
+    }
   }
 }
 
@@ -235,8 +237,8 @@ bool Authors::begin() {
   close(notes[1]);
   asks_ = asks[1];
   notes_ = notes[0];
-  ++due_answers_; /* it hears of programs from then on */
-  return child > 0 && take(kAnswerMs);
+  if (child > 0) ask(kTell); /* the answer says that the child is at work */
+  return child > 0;
 }
 
 /* Takes all notes about what happened before this call. A child that did not answer in time is not

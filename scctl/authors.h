@@ -63,7 +63,6 @@ class Authors {
   };
 
   static void run_child(int events, int in, int out);
-  static void tell(int out, int what);
   void ask(char what);
   void end();
   bool take(int timeout);

@@ -282,6 +282,8 @@ TEST_F(OverlayTest, WithoutAHelper_AnImportSaysWhereItShouldBe) {
                         0),
       0u)
       << missing.err;
+  EXPECT_TRUE(missing.err.ends_with("/scctl-overlay-import: No such file or directory\n"))
+      << missing.err;
   write_file("/var/scctl-overlay-import", "#!/bin/sh\necho \"$@\"\nexit 5\n");
   ASSERT_EQ(run({"chmod", "+x", "/var/scctl-overlay-import"}).status, 0);
   EXPECT_EQ(run(words), (Outcome{5, "x.o --at A=b\n", ""}));

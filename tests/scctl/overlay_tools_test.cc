@@ -93,6 +93,9 @@ TEST_F(OverlayToolsTest, Reset_TakesOneMember) {
   const Outcome unknown = outcome({"reset", "wan/1.nothing", "--factory", "/var/factory"});
   EXPECT_EQ(unknown.status, 1) << unknown;
   EXPECT_NE(unknown.err.find("wan has no field 'nothing'"), std::string::npos) << unknown;
+  EXPECT_EQ(outcome({"reset", "wan/2.mtu", "--factory", "/var/factory"}).err,
+            "scctl: wan/2 has no field 'mtu'; settings: magic is 0, wan_section needs "
+            "1463897669\n");
 }
 
 /* Bytes that are another member's now. */
