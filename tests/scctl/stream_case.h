@@ -4,6 +4,7 @@
 #define SCCTL_STREAM_CASE_H
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <set>
 
@@ -46,6 +47,13 @@ class JsonWatch : public Watch {
   }
 
   bool knows_authors() const { return knows_authors_; }
+  /* The process that asks the kernel for authors. */
+  pid_t child() {
+    const std::string pid = std::to_string(program().pid());
+    const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
+    EXPECT_GT(child, 0);
+    return child;
+  }
 
   Object object(int ms = kSoonMs) {
     static const std::regex kObject(
@@ -80,6 +88,17 @@ inline std::string bind_line(int id, const std::string& what, const std::string&
                              const std::string& behind = "\"seen\":\"lock\"") {
   return "\"area\":\"Lan\",\"table\":\"lan_binds\",\"id\":" + std::to_string(id) + ",\"what\":\"" +
          what + "\",\"fields\":{" + fields + "}," + behind;
+}
+
+/* Runs a program, which the caller waits for. */
+inline pid_t started_writer(const Words& words) {
+  const pid_t pid = fork();
+  if (pid != 0) return pid;
+  std::vector<char*> arguments;
+  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  execv(arguments[0], arguments.data());
+  _exit(127);
 }
 
 }  // namespace sc_test

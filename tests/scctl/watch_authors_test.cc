@@ -35,14 +35,6 @@ class TraceWatchAuthorsTest : public WatchTest {
   }
 };
 
-/* The process of a watch that asks the kernel. */
-pid_t child_of(const Program& watch) {
-  const std::string pid = std::to_string(watch.pid());
-  const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
-  EXPECT_GT(child, 0);
-  return child;
-}
-
 /* A writer that waits before its change. */
 class WaitingWriter {
  public:
@@ -74,17 +66,6 @@ class WaitingWriter {
   int ends_[2];
   pid_t pid_;
 };
-
-/* Runs a program to its end. */
-pid_t started_writer(const Words& words) {
-  const pid_t pid = fork();
-  if (pid != 0) return pid;
-  std::vector<char*> arguments;
-  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
-  arguments.push_back(nullptr);
-  execv(arguments[0], arguments.data());
-  _exit(127);
-}
 
 struct Told {
   int changes = 0, authors = 0, alone = 0, named = 0, wrong = 0;
@@ -379,7 +360,7 @@ TEST_F(TraceWatchAuthorsTest, AProgramThatRunsAsItsOwner_IsTheOwners) {
   JsonWatch watch({"Lan"});
   ASSERT_TRUE(watch.knows_authors());
   WaitingWriter writer({"setpriv", "--reuid", "12345", "--clear-groups", "/var/owned"});
-  const pid_t child = child_of(watch.program());
+  const pid_t child = watch.child();
   kill(watch.program().pid(), SIGSTOP);
   kill(child, SIGSTOP);
   writer.go();
@@ -424,7 +405,7 @@ TEST_F(TraceWatchAuthorsTest, AChangeWithoutAClose_IsNotThatOfWhoHasTheFileOpen)
 TEST_F(TraceWatchAuthorsTest, WithoutAnAnswerInTime_NoAuthorIsTold) {
   JsonWatch watch({"Lan"});
   ASSERT_TRUE(watch.knows_authors());
-  const pid_t child = child_of(watch.program());
+  const pid_t child = watch.child();
   kill(watch.program().pid(), SIGSTOP);
   Child([&] { rename("one"); }).wait();
   pause_ms(50);
@@ -458,7 +439,7 @@ TEST_F(TraceWatchAuthorsTest, AfterMoreEventsThanTheKernelKeeps_NoAuthorIsTold) 
       close(open(lock_file("ManageApList").c_str(), O_WRONLY | O_CLOEXEC));
     }).wait();
   };
-  const pid_t child = child_of(watch.program());
+  const pid_t child = watch.child();
   kill(watch.program().pid(), SIGSTOP);
   kill(child, SIGSTOP);
   change_both(1);
@@ -526,100 +507,6 @@ TEST_F(TraceWatchAuthorsTest, AnotherLockFolder_IsFollowed) {
   next.wait();
   EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
   std::filesystem::remove_all("/var/away");
-}
-
-/* The process that asks the kernel. */
-pid_t child_of(pid_t watch) {
-  const std::string pid = std::to_string(watch);
-  const pid_t child = atoi(read_file("/proc/" + pid + "/task/" + pid + "/children").c_str());
-  EXPECT_GT(child, 0);
-  return child;
-}
-
-/* Its child is killed: changes are told on, without authors, and that is said once. */
-TEST_F(TraceWatchAuthorsTest, WithoutItsChild_NoAuthorIsTold_AndThatIsSaid) {
-  JsonWatch watch({"Lan"});
-  const pid_t child = child_of(watch.program().pid());
-  rename("first");
-  EXPECT_EQ(watch.object().pids(), (std::set<int>{getpid()}));
-  kill(child, SIGKILL);
-  for (const char* name : {"second", "third"}) {
-    Child([&] { rename(name); }).wait();
-    if (name[0] == 's') {
-      EXPECT_EQ(watch.raw_line(kSoonMs).value_or("nothing"),
-                "authors are no longer known: the process that looks for them has ended");
-    }
-    const Object object = watch.object();
-    EXPECT_NE(object.rest.find(name), std::string::npos) << object.rest;
-    EXPECT_EQ(object.author, "");
-  }
-}
-
-/* It is stopped: it is waited for once, not at each change, and tells authors again when it goes on. */
-TEST_F(TraceWatchAuthorsTest, WhileItsChildIsStopped_ChangesAreToldAtOnceWithoutAuthors) {
-  JsonWatch watch({"Lan"});
-  const pid_t child = child_of(watch.program().pid());
-  const auto change = [&](const std::string& name) {
-    Child([&] { rename(name); }).wait();
-    const Object object = watch.object();
-    EXPECT_NE(object.rest.find("\"" + name + "\""), std::string::npos) << object.rest;
-    return object;
-  };
-  kill(child, SIGSTOP);
-  const double begun = now_ms();
-  for (int n = 0; n < 30; ++n) EXPECT_EQ(change("stopped" + std::to_string(n)).author, "");
-  EXPECT_LT(now_ms() - begun, 1500);
-  kill(child, SIGCONT);
-  change("late"); /* it still has to tell of those before */
-  pause_ms(100);
-  EXPECT_NE(change("again").author, "");
-  kill(child, SIGSTOP);
-  change("stopped again");
-  kill(child, SIGKILL);
-  Child([&] { rename("ended"); }).wait();
-  EXPECT_EQ(watch.raw_line(kSoonMs).value_or("nothing"),
-            "authors are no longer known: the process that looks for them has ended");
-}
-
-/* The kernel gives a descriptor with each event. */
-TEST_F(TraceWatchAuthorsTest, TheChild_KeepsNoDescriptors) {
-  JsonWatch watch({"Lan"});
-  const std::filesystem::path folder =
-      "/proc/" + std::to_string(child_of(watch.program().pid())) + "/fd";
-  const auto count = [&] {
-    const std::filesystem::directory_iterator all(folder);
-    return std::distance(begin(all), end(all));
-  };
-  rename("first"); /* after it the child is at work */
-  watch.object();
-  const auto before = count();
-  for (int n = 0; n < 5; ++n) {
-    rename("n" + std::to_string(n));
-    EXPECT_NE(watch.object().author, "");
-    /* It is told of each program that is run, too. */
-    waitpid(started_writer({SC_TEST_WRITER, "1"}), nullptr, 0);
-    EXPECT_NE(watch.object().author, "");
-  }
-  EXPECT_EQ(count(), before);
-}
-
-/* Neither the watch nor its child stops a writer, and the child goes with the watch. */
-TEST_F(TraceWatchAuthorsTest, StoppedItStopsNoWriter_KilledItLeavesNobody) {
-  JsonWatch watch({"Lan"});
-  const pid_t pid = watch.program().pid();
-  const pid_t child = child_of(pid);
-  kill(pid, SIGSTOP);
-  kill(child, SIGSTOP);
-  const double begun = now_ms();
-  for (int n = 0; n < 2000; ++n) rename("n" + std::to_string(n));
-  EXPECT_LT(now_ms() - begun, 4000);
-  kill(child, SIGCONT);
-  kill(pid, SIGCONT);
-  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"n\",\"n1999\"]",
-                                    "\"seen\":\"lock\",\"closes\":2000"));
-  kill(pid, SIGKILL);
-  for (int ms = 0; ms < kSoonMs && kill(child, 0) == 0; ++ms) pause_ms(1);
-  EXPECT_NE(kill(child, 0), 0);
 }
 
 }  // namespace
