@@ -15,6 +15,7 @@ import select
 import signal
 import socket
 import subprocess
+import sys
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
@@ -66,7 +67,7 @@ class Box:
     """
 
     def __init__(self, job, flash=EMPTY_FLASH, guard=False, initrds=(), console=None,
-                 terminal=False, frozen=None, counting=False, words=""):
+                 terminal=False, frozen=None, counting=False, words="", boot=0):
         if len(flash) != FLASH_SIZE:
             raise BoxError("a flash image has %d bytes, this one %d" % (FLASH_SIZE, len(flash)))
         self._terminal = terminal
@@ -96,7 +97,8 @@ class Box:
         kernel_arguments = " ".join([
             "console=ttyS0 quiet", "mem=%dM@0" % (FLASH_AT // MIB),
             "mem=%dM@%dM" % ((MEMORY - end) // MIB, end // MIB),
-            *(["nokaslr"] if counting else []), "job=" + job, "guard=%d" % guard,
+            *(["nokaslr"] if counting else []), *(["boot=%d" % boot] if boot else []),
+            "job=" + job, "guard=%d" % guard,
             *(['words="%s"' % words] if words else []),
             "flash=flash,%d,%d,%d" % (FLASH_AT, FLASH_SIZE, ERASE_BLOCK),
             "spare=spare,%d,%d,%d" % (SPARE_AT, SPARE_SIZE, ERASE_BLOCK)])
@@ -237,6 +239,15 @@ class Box:
                 raise BoxError("no line with '%s' within %d s; the console's last lines:\n%s"
                                % (pattern, seconds, "\n".join(self.lines[-20:])))
 
+    def answers(self):
+        """Whether the emulator itself, not its router, still works."""
+        self._control.settimeout(10)
+        try:
+            self._ask("query-status")
+        except OSError:
+            return False
+        return True
+
     def run(self, seconds):
         """Lets the box run until it switches itself off."""
         if self._terminal:
@@ -258,3 +269,18 @@ class Box:
             text = line.decode(errors="replace").rstrip("\r")
             self.lines.append(text)
             self._echo(text)
+
+
+def count_in_box(job, measure, **options):
+    """What measure(box) returns of a box that counts its time. The emulator can hang in a timer of its
+    own. It does that at a certain instruction, so the same box would hang again. Another one has a
+    word more for its kernel, and comes to that timer at another instruction."""
+    boots = 4
+    for boot in range(boots):
+        with Box(job, counting=True, boot=boot, **options) as router:
+            try:
+                return measure(router)
+            except BoxError:
+                if boot == boots - 1 or router.answers():
+                    raise
+        print("the emulator hangs; once more, by another boot", file=sys.stderr, flush=True)

@@ -116,7 +116,9 @@ TEST_F(MetricsTest, ArchiveHealthAndAge_AndWhatIsNotSaved) {
 TEST_F(MetricsTest, AnArchiveThatCannotBeJudged_IsNeitherGoodNorBad) {
   done({"save", "Qos"});
   const std::string path = getenv("PATH");
-  setenv("PATH", "/var/none", 1);
+  mkdir("/var/none", 0755);
+  write_script("/var/none/gzip", "exit 127\n");
+  setenv("PATH", ("/var/none:" + path).c_str(), 1);
   const Samples samples = read();
   setenv("PATH", path.c_str(), 1);
   EXPECT_EQ(samples.count(of("archive_good", "Qos")), 0u);
