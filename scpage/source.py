@@ -33,9 +33,17 @@ def find_scctl(ended):
         return os.path.abspath(found)
     if not (ROOT / "CMakeLists.txt").exists():
         raise Fault("there is no scctl in PATH; install sysconfig-tools or set SCCTL")
-    built = sorted(ROOT.glob("build/**/scctl/scctl"), key=lambda path: path.stat().st_mtime)
+    built = sorted(ROOT.glob("build/*/scctl/scctl"), key=built_at)
     built = [path for path in built if runs(path)]
     return str(built[-1]) if built else build_scctl(ended)
+
+
+def built_at(path):
+    """A build may be going on, which replaces it."""
+    try:
+        return path.stat().st_mtime
+    except OSError:
+        return 0.0
 
 
 def runs(path):
