@@ -121,6 +121,7 @@ TEST_F(WatchTest, Json_InitAndRead_AreOneObjectEach) {
   EXPECT_EQ(watch.rest(), "\"area\":\"Lan\",\"what\":\"load\",\"seen\":\"image\"");
   /* Read again: nothing differs. A save writes an image, too. */
   capture([&] { SC_Read_System_Lan_Config(lan); });
+  EXPECT_EQ(watch.rest(1000), "nothing");
   rename("live");
   EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"saved1\",\"live\"]"));
   capture([&] { SC_Save_System_Lan_Config2Flash(lan); });
