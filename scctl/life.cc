@@ -152,7 +152,8 @@ int need_writable_files(const Area& area) {
   if (const int status = need_means(area, image); status != kOk) return status;
   Path written[] = {image, archive_path(area)};
   for (Path& path : written) {
-    /* A file that does not exist is created in its folder. */
+    if (is_regular(path) && access(path.text, W_OK) == 0) continue;
+    /* A file that does not exist is created in its folder. Another save may just have removed its image. */
     if (access(path.text, F_OK) != 0) {
       *strrchr(path.text, '/') = '\0';
     } else if (!is_regular(path)) {

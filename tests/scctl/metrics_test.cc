@@ -156,7 +156,7 @@ TEST_F(MetricsTest, Saves_AreCountedExactlyAlsoAtOnce) {
       saves.push_back(std::make_unique<Program>(scctl({"save", name})));
     }
   }
-  for (const auto& save : saves) EXPECT_EQ(save->wait().status, 0);
+  for (const auto& save : saves) EXPECT_EQ(save->wait(), (Outcome{0, "", ""}));
   EXPECT_EQ(read().at(of("saves_total", "Lan")), 8);
   EXPECT_EQ(read().at(of("saves_total", "Qos")), 8);
   EXPECT_EQ(read().at(of("saves_total", "Wan")), 0);
