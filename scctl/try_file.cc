@@ -211,6 +211,7 @@ bool write_sparse(int file, const uint8_t* block, size_t size) {
 bool copy_areas(Source& live, Text* why_not) {
   int why = 0;
   RecordLocks(live, ~0u).copy(why_not, [&](AreaId id, bool) {
+    if (why != 0) return;
     const Area& area = kAreas[id];
     const Descriptor file(open_state_file(CopyName(area).text, O_WRONLY | O_CREAT | O_TRUNC));
     if (!file || !write_sparse(file.number, live.block(id), area.row().size)) why = errno;

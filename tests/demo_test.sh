@@ -78,6 +78,7 @@ says '  6 FwIpport, 9 Qos, 10 IpGroup' bindings.txt
 says '  6 FwIpport, 8 FwUrl, 7 FwMac, 9 Qos, 11 TimeGroup' bindings.txt
 says '"what":"add"' bindings.txt
 says '"number_3":[8080,8081]' bindings.txt
+! grep -q '^ *watching$' "$work/out" || complain 'bindings.txt: shows a line that is no change'
 # Emulators of a single program do not know fanotify, and so no authors.
 [[ ${#emulator[@]} -gt 0 ]] || says '"note":"the old port was taken"' bindings.txt
 says 'Sixteen images are back, 0 bytes differ.' bindings.txt

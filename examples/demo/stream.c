@@ -23,27 +23,25 @@ static size_t next_line(void) {
 
 void start_stream(const char* area) {
   char command[80];
-  snprintf(command, sizeof command, "scctl watch --json %s", area);
-  printf("$ %s &\n", command);
+  printf("$ scctl watch --json %s &\n", area);
   fflush(stdout);
-  strcat(command, " 2>&1"); /* where it says "watching" */
+  snprintf(command, sizeof command, "scctl watch --json %s 2>&1", area);
   watch = popen(command, "r");
   if (watch == NULL) {
     perror("scctl");
     exit(STATUS_CANNOT_RUN);
   }
-  next_line();
+  /* Who may not know authors is told so first. */
+  do {
+    next_line();
+  } while (strcmp(line, "watching\n") != 0);
 }
 
 void streamed(void) {
   size_t left = next_line();
   for (const char* at = line; left > 0;) {
-    size_t part = left;
-    if (part > WIDTH) {
-      part = WIDTH;
-      while (part > 1 && at[part - 1] != ',') part--;
-      if (part == 1) part = WIDTH; /* a member of more than a line */
-    }
+    size_t part = left < WIDTH ? left : WIDTH;
+    while (part < left && part > 1 && at[part - 1] != ',') part--;
     printf("%*s%.*s\n", INDENT, "", (int)part, at);
     at += part;
     left -= part;

@@ -17,6 +17,26 @@
 namespace sc_test {
 namespace {
 
+/* The library packs an image and removes it. */
+TEST_F(TraceEditTest, ASaveWhoseImageAnotherSaveRemoves_IsMade) {
+  const std::string path = "/var/systemconfig/config_lan.cfg";
+  const std::set<long> kLooks = {SYS_access, SYS_stat, SYS_newfstatat, SYS_faccessat,
+                                 SYS_faccessat2};
+  for (int last = 1; last <= 2; ++last) {
+    write_file(path, "x");
+    int looks = 0;
+    const Outcome outcome = trace(scctl({"save", "Lan"}), [&](const SystemCall& call) {
+      if (call.is_done && kLooks.count(call.call) != 0 &&
+          (call.text(0) == path || call.text(1) == path) && ++looks == last) {
+        EXPECT_EQ(unlink(path.c_str()), 0);
+      }
+      return Fate{};
+    });
+    EXPECT_EQ(outcome, (Outcome{0, "", ""})) << last;
+    EXPECT_GE(looks, last);
+  }
+}
+
 TEST_F(TraceEditTest, AddAtAnId_ShowsNothingElseAtAnyMoment) {
   const Image before = image("Lan");
   Image after = before;

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -65,6 +66,32 @@ class WaitingWriter {
  private:
   int ends_[2];
   pid_t pid_;
+};
+
+/* A process that has done something, and keeps the files open that it opened for that. */
+class FileHolder {
+ public:
+  explicit FileHolder(const std::function<void()>& action)
+      : paired_(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_)), child_([&] {
+          action();
+          char byte = 0;
+          if (write(ends_[1], &byte, 1) == 1) read(ends_[1], &byte, 1);
+        }) {
+    char byte = 0;
+    EXPECT_EQ(paired_, 0);
+    EXPECT_EQ(read(ends_[0], &byte, 1), 1);
+  }
+  pid_t pid() const { return child_.pid(); }
+  void end() {
+    EXPECT_EQ(write(ends_[0], "", 1), 1);
+    EXPECT_EQ(child_.wait(), 0);
+    for (const int end : ends_) close(end);
+  }
+
+ private:
+  int ends_[2];
+  int paired_;
+  Child child_;
 };
 
 struct Told {
@@ -212,20 +239,12 @@ TEST_F(TraceWatchAuthorsTest, TwoInOneWindow_AreBothListed_AReaderIsNot) {
 TEST_F(TraceWatchAuthorsTest, WhoHasTheFileStillOpen_IsListed) {
   JsonWatch watch({"Lan"});
   for (int round = 0; round < 3; ++round) {
-    int ready[2], go[2];
-    ASSERT_EQ(pipe(ready) | pipe(go), 0);
-    Child holder([&] {
+    FileHolder holder([&] {
       /* Opened and closed before: both may be reported as one. */
       close(open(kLanLock, O_RDWR | O_CLOEXEC));
-      const int file = open(kLanLock, O_RDWR | O_CLOEXEC);
+      open(kLanLock, O_RDWR | O_CLOEXEC);
       lan->lan_binds[0].bind_flag += 1;
-      char byte = 0;
-      write(ready[1], &byte, 1);
-      read(go[0], &byte, 1);
-      close(file);
     });
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
     Object object = watch.object();
     if (object.rest.find("\"flag\"") == std::string::npos) object = watch.object();
     EXPECT_EQ(object.pids().count(holder.pid()), 1u) << object.rest << object.author;
@@ -235,10 +254,8 @@ TEST_F(TraceWatchAuthorsTest, WhoHasTheFileStillOpen_IsListed) {
     });
     other.wait();
     EXPECT_EQ(watch.object().pids(), (std::set<int>{holder.pid(), other.pid()}));
-    ASSERT_EQ(write(go[1], &byte, 1), 1);
-    holder.wait();
+    holder.end();
     pause_ms(20);
-    for (const int end : {ready[0], ready[1], go[0], go[1]}) close(end);
   }
 }
 
@@ -374,18 +391,10 @@ TEST_F(TraceWatchAuthorsTest, AProgramThatRunsAsItsOwner_IsTheOwners) {
 /* Its close was told with an earlier change. */
 TEST_F(TraceWatchAuthorsTest, AChangeWithoutAClose_IsNotThatOfWhoHasTheFileOpen) {
   JsonWatch watch({"Lan"});
-  int ready[2], go[2];
-  ASSERT_EQ(pipe(ready) | pipe(go), 0);
-  Child holder([&] {
+  FileHolder holder([&] {
     rename("by the holder");
-    const int file = open(kLanLock, O_RDWR | O_CLOEXEC);
-    char byte = 0;
-    write(ready[1], &byte, 1);
-    read(go[0], &byte, 1);
-    close(file);
+    open(kLanLock, O_RDWR | O_CLOEXEC);
   });
-  char byte = 0;
-  ASSERT_EQ(read(ready[0], &byte, 1), 1);
   EXPECT_EQ(watch.object().pids(), (std::set<int>{holder.pid()}));
   Child other([&] { rename("by another"); });
   other.wait();
@@ -394,9 +403,7 @@ TEST_F(TraceWatchAuthorsTest, AChangeWithoutAClose_IsNotThatOfWhoHasTheFileOpen)
   const Object object = watch.object(kSlowMs);
   EXPECT_NE(object.rest.find("\"seen\":\"look\""), std::string::npos) << object.rest;
   EXPECT_EQ(object.author, "");
-  ASSERT_EQ(write(go[1], &byte, 1), 1);
-  holder.wait();
-  for (const int end : {ready[0], ready[1], go[0], go[1]}) close(end);
+  holder.end();
 }
 
 /* ---- authors that may be missing ---- */

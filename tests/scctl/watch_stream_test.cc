@@ -214,15 +214,22 @@ TEST_F(WatchTest, Json_AfterMoreEventsThanTheKernelQueues_TheLossIsSaidAndTheSta
   EXPECT_NE(state.find("\"name\":[null,\"same\"]"), std::string::npos) << state;
 }
 
+/* More changes than the pipe has room for, which nobody reads. The names of lan_binds/1 begin so and end with
+ * the number of the change. */
+const std::string kLong(190, 'x');
+void change_without_reader(const JsonWatch& watch,
+                           const std::function<void(const std::string&)>& rename) {
+  fcntl(watch.pipe(), F_SETPIPE_SZ, 4096);
+  for (int n = 0; n < 150; ++n) {
+    rename(kLong + std::to_string(n));
+    pause_ms(5);
+  }
+}
+
 TEST_F(WatchTest, Json_ForAReaderThatStops_LinesAreDroppedAndCounted_AndTheStateFollows) {
   add(1, "n");
   JsonWatch watch({"Lan"});
-  fcntl(watch.pipe(), F_SETPIPE_SZ, 4096);
-  const std::string name(190, 'x');
-  for (int n = 0; n < 150; ++n) {
-    rename(name + std::to_string(n));
-    pause_ms(5);
-  }
+  change_without_reader(watch, [&](const std::string& name) { rename(name); });
   /* It waits for nobody: it still looks, in no more memory, and a signal ends it. */
   for (off_t byte = 0; byte < 70; ++byte) EXPECT_FALSE(is_locked(kLanLock, byte)) << byte;
   long seq = 0;
@@ -238,12 +245,12 @@ TEST_F(WatchTest, Json_ForAReaderThatStops_LinesAreDroppedAndCounted_AndTheState
   EXPECT_EQ(object.seq, seq + lost + 1);
   EXPECT_LT(seq, 120);
   const std::string state = state_of_lan(watch);
-  EXPECT_NE(state.find("\"name\":[null,\"" + name + "149\"]"), std::string::npos) << state;
+  EXPECT_NE(state.find("\"name\":[null,\"" + kLong + "149\"]"), std::string::npos) << state;
   rename("on");
-  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"" + name + "149\",\"on\"]"));
+  EXPECT_EQ(watch.rest(), bind_line(1, "change", "\"name\":[\"" + kLong + "149\",\"on\"]"));
 
   for (int n = 0; n < 100; ++n) {
-    rename(name + std::to_string(n));
+    rename(kLong + std::to_string(n));
     pause_ms(5);
   }
   kill(watch.program().pid(), SIGTERM);
@@ -255,12 +262,7 @@ TEST_F(WatchTest, Json_ForAReaderThatStops_LinesAreDroppedAndCounted_AndTheState
 TEST_F(WatchTest, Json_ForAReaderThatReadsALittle_ItWaitsNoLonger_AndTellsTheLossFirst) {
   add(1, "n");
   JsonWatch watch({"Lan"});
-  fcntl(watch.pipe(), F_SETPIPE_SZ, 4096);
-  const std::string name(190, 'x');
-  for (int n = 0; n < 150; ++n) {
-    rename(name + std::to_string(n));
-    pause_ms(5);
-  }
+  change_without_reader(watch, [&](const std::string& name) { rename(name); });
   long seq = watch.object().seq; /* reads a page */
   EXPECT_EQ(seq, 1);
   pause_ms(100);
