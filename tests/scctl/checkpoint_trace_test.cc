@@ -56,24 +56,28 @@ TEST_F(TraceCheckpointTest, ItNeverWaitsInTheKernel_AndItsLocksAreShared) {
   }
 }
 
+/* Neither for the one moment nor, behind that, for an area alone. */
 TEST_F(TraceCheckpointTest, WhileItPauses_ItHoldsNothing) {
-  LockHolder holder(lock_file("Qos"), 2);
-  std::set<std::string> held;
-  int pauses = 0;
-  trace(scctl({"checkpoint", "a"}), [&](const SystemCall& call) {
-    const LockCall lock = lock_call(call);
-    if (call.is_done && lock.is_lock && lock.type == F_UNLCK) held.erase(call.file(0));
-    if (call.is_done && lock.is_lock && lock.type == F_RDLCK && call.result == 0) {
-      held.insert(call.file(0));
-    }
-    if (!call.is_done && (call.call == SYS_clock_nanosleep || call.call == SYS_nanosleep)) {
-      EXPECT_EQ(held, std::set<std::string>{});
-      if (++pauses == 5) holder.release();
-    }
-    return Fate{};
-  });
-  EXPECT_EQ(pauses, 5);
-  EXPECT_TRUE(listed("a").ends_with("in one moment"));
+  for (const bool is_released : {true, false}) {
+    LockHolder holder(lock_file("Qos"), 2);
+    std::set<std::string> held;
+    int pauses = 0;
+    trace(scctl({"checkpoint", "a"}), [&](const SystemCall& call) {
+      const LockCall lock = lock_call(call);
+      if (call.is_done && lock.is_lock && lock.type == F_UNLCK) held.erase(call.file(0));
+      if (call.is_done && lock.is_lock && lock.type == F_RDLCK && call.result == 0) {
+        held.insert(call.file(0));
+      }
+      if (!call.is_done && (call.call == SYS_clock_nanosleep || call.call == SYS_nanosleep)) {
+        EXPECT_EQ(held, std::set<std::string>{});
+        if (++pauses == 5 && is_released) holder.release();
+      }
+      return Fate{};
+    });
+    EXPECT_EQ(listed("a").ends_with("in one moment"), is_released);
+    if (is_released) EXPECT_EQ(pauses, 5);
+    done({"checkpoint", "--delete", "a"});
+  }
 }
 
 TEST_F(TraceCheckpointTest, NothingIsWrittenWhileLocksAreHeld) {

@@ -95,6 +95,25 @@ class Daemon {
   int socket_;
 };
 
+/* The stream tells it with the change, which is before the try is made. */
+TEST_F(TraceTryEdgeTest, ANote_IsInTheTryBeforeARecordIsLocked) {
+  const std::string note("for the stream", sizeof "for the stream"); /* the words have it, too */
+  for (const char* area : {"Lan", "ApUserList"}) {
+    write_file(kBatch, area == std::string("Lan") ? "del lan_binds/1\n" : "del ap_users/4\n");
+    int locked = 0;
+    const Words words = scctl({"try", "batch", kBatch, "--note", note.c_str()});
+    trace(words, [&](const SystemCall& call) {
+      if (!call.is_done && lock_call(call).type == F_WRLCK && call.file(0) == lock_file(area)) {
+        ++locked;
+        EXPECT_NE(read_file(kTryFile).find(note), std::string::npos) << area;
+      }
+      return without_forks(call);
+    });
+    EXPECT_GT(locked, 0) << area;
+    done({"revert"});
+  }
+}
+
 /* ---- programs that go on ---- */
 
 TEST_F(TraceTryEdgeTest, AProgramThatAnEventLeavesRunning_HoldsUpNoConfirm) {

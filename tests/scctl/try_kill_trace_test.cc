@@ -71,21 +71,17 @@ class TraceTryTest : public TrySeries {
   /* The number of calls that a program itself makes. */
   static size_t calls_of(const Words& command) {
     size_t calls = 0;
-    trace(command, [&](const SystemCall& call) { return is_counted(call, &calls), own(call); });
+    trace(command,
+          [&](const SystemCall& call) { return is_counted(call, &calls), without_forks(call); });
     return calls;
   }
   /* Kills or stops a program at its call n. */
   static void end_at(const Words& command, size_t n, Fate::Kind kind) {
     size_t calls = 0;
     trace(command, [&](const SystemCall& call) {
-      return is_counted(call, &calls) && calls == n ? Fate{kind} : own(call);
+      return is_counted(call, &calls) && calls == n ? Fate{kind} : without_forks(call);
     });
     EXPECT_GE(calls + kMoreOrLess, n);
-  }
-
-  /* Forks of the program are left alone. */
-  static Fate own(const SystemCall& call) {
-    return call.process == getpgid(call.process) ? Fate{} : Fate{Fate::kLeaves};
   }
 
   /* All as before, and nothing of the try is left. */
@@ -116,7 +112,7 @@ class TraceTryTest : public TrySeries {
   static bool is_counted(const SystemCall& call, size_t* calls) {
     const bool waits = call.call == SYS_clock_nanosleep || call.call == SYS_nanosleep ||
                        (call.call == SYS_fcntl && call.arguments[1] == F_GETLK);
-    if (call.is_done || waits || own(call).kind == Fate::kLeaves) return false;
+    if (call.is_done || waits || without_forks(call).kind == Fate::kLeaves) return false;
     ++*calls;
     return true;
   }
@@ -141,7 +137,7 @@ TEST_F(TraceTryTest, TheCallerKilledAtAnyCall_IsTakenBackInTime) {
 TEST_F(TraceTryTest, TheCallerKilledBehindItsMarker_LeavesNone) {
   bool is_there = false;
   trace(try_batch(60), [&](const SystemCall& call) {
-    if (own(call).kind == Fate::kLeaves) return own(call);
+    if (without_forks(call).kind == Fate::kLeaves) return without_forks(call);
     if (is_there) return Fate{Fate::kKills};
     is_there = call.is_done && call.call == SYS_renameat && call.file(2) == "/var/dataconfig" &&
                call.text(3) == "try";
@@ -157,7 +153,7 @@ TEST_F(TraceTryTest, ATryOfAProgramKilledBehindItsJournal_IsTakenBack) {
   bool is_command = false, is_due = false;
   const Words command = joined(Words{"try", "--"}, scctl({"batch", kBatch}));
   trace(scctl(command), [&](const SystemCall& call) {
-    if (own(call).kind == Fate::kLeaves) return own(call);
+    if (without_forks(call).kind == Fate::kLeaves) return without_forks(call);
     if (is_due) return Fate{Fate::kKills};
     if (call.is_done && call.call == SYS_pwrite64 && call.file(0) == kTryFile &&
         call.arguments[3] == 0) {

@@ -503,17 +503,29 @@ TEST_F(TraceWatchAuthorsTest, TooManyInOneWindow_AreNotToldInPart) {
   EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
 }
 
+/* Also when the watch's child does not answer at that time. */
 TEST_F(TraceWatchAuthorsTest, AnotherLockFolder_IsFollowed) {
-  JsonWatch watch({"Lan"});
-  std::filesystem::rename("/var/lock_store", "/var/away");
-  std::filesystem::create_directory("/var/lock_store");
-  write_file(kLanLock, "\n");
-  lan->lan_binds[0].bind_flag += 1; /* seen when everything is looked at, as the folder is */
-  EXPECT_EQ(watch.object(kSlowMs).author, "");
-  Child next([&] { rename("next"); });
-  next.wait();
-  EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
-  std::filesystem::remove_all("/var/away");
+  for (const bool is_late : {false, true}) {
+    JsonWatch watch({"Lan"});
+    if (is_late) {
+      kill(watch.child(), SIGSTOP);
+      Child([&] { rename("late"); }).wait();
+      EXPECT_EQ(watch.object().author, "");
+    }
+    std::filesystem::rename("/var/lock_store", "/var/away");
+    std::filesystem::create_directory("/var/lock_store");
+    write_file(kLanLock, "\n");
+    lan->lan_binds[0].bind_flag += 1; /* seen when everything is looked at, as the folder is */
+    EXPECT_EQ(watch.object(kSlowMs).author, "");
+    if (is_late) {
+      kill(watch.child(), SIGCONT);
+      pause_ms(100);
+    }
+    Child next([&] { rename("next"); });
+    next.wait();
+    EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
+    std::filesystem::remove_all("/var/away");
+  }
 }
 
 }  // namespace

@@ -105,6 +105,14 @@ TEST_F(TraceWatchJournalTest, AnAuthorOfUnknownUser_IsNoUsers) {
   EXPECT_EQ(done({"log", "--all", "--json"}).find("\"uid\""), std::string::npos);
 }
 
+TEST_F(TraceWatchJournalTest, AChangeWithoutAnAuthor_IsInTheWholeLog) {
+  JsonWatch watch({"Lan", "--journal"});
+  lan->lan_binds[1].bind_flag += 1;
+  EXPECT_EQ(watch.object(kSlowMs).author, "");
+  const std::string text = log({"--all"});
+  EXPECT_NE(text.find("unknown\n  lan_binds/2.flag: 2 -> 3\n"), std::string::npos) << text;
+}
+
 /* Also when they are of a record that scctl has just edited. */
 TEST_F(TraceWatchJournalTest, AnotherFieldThanScctlsEdit_IsTheOthers) {
   JsonWatch watch({"--journal"});

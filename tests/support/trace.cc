@@ -204,6 +204,10 @@ std::string SystemCall::file(int argument) const {
   return std::string(target, size > 0 ? static_cast<size_t>(size) : 0);
 }
 
+Fate without_forks(const SystemCall& call) {
+  return call.process == getpgid(call.process) ? Fate{} : Fate{Fate::kLeaves};
+}
+
 Outcome trace(const Words& command, const std::function<Fate(const SystemCall&)>& look,
               const std::string& input) {
   Program program(command, input, Program::kTracer);

@@ -44,6 +44,9 @@ struct Fate {
   int error = 0; /* errno of a call that fails; the call is not made */
 };
 
+/* Leaves the forks of a program alone. */
+Fate without_forks(const SystemCall& call);
+
 /* Runs a command and shows each of its system calls twice: before it is made and after it. Only the
  * answer to the former is used. Forks of the program are followed to their ends; programs that it
  * starts are not. kKills sends SIGKILL to the process that makes the call. */
