@@ -311,6 +311,8 @@ int run_check(Call& call) {
 
 namespace {
 
+constexpr uint32_t kGatherMs = 1000;
+
 /* Locks several bytes of a lock file, in an area that is edited. It tries to lock them, again and
  * again for at most a second, and never waits in the kernel. If a process waited while it held
  * other bytes, the kernel could return EDEADLK to a third program, and the library would then write
@@ -325,11 +327,11 @@ class Gathered {
   void want(int64_t first, uint32_t count) { ranges_[count_++] = {first, count}; }
 
   bool gather() {
-    constexpr int kTries = 1000;
-    for (int n = 0; n < kTries && !is_interrupted(); ++n) {
-      if (n > 0) pause_ms(1);
+    Wait wait(kGatherMs);
+    while (!is_interrupted()) {
       if (take_all()) return true;
       release();
+      if (!wait.pause()) break;
     }
     return false;
   }

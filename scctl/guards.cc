@@ -20,7 +20,7 @@ namespace {
 constexpr uint32_t kStepMs = 200;
 constexpr uint32_t kBusyStepMs = 50;    /* while a try is being ended */
 constexpr uint32_t kCallersEndMs = 600; /* for a caller that still makes the change */
-constexpr int kStartTries = 3000;
+constexpr uint32_t kStartMs = 3000;
 
 Role twin_of(Role role) { return role == Role::kGuard ? Role::kTwin : Role::kGuard; }
 
@@ -95,7 +95,7 @@ bool act(Try& running) {
     clear_way(running, actor);
     return false;
   }
-  if (duty(running) == Duty::kNothing || !take_role(Role::kActor, 1)) return false;
+  if (duty(running) == Duty::kNothing || !take_role(Role::kActor, 0)) return false;
   Try now; /* what was read before may be out of date */
   const bool is_over = !now.open() || !now.is_same(running) || do_duty(now, "it was not confirmed");
   leave_role(Role::kActor);
@@ -120,7 +120,8 @@ bool act(Try& running) {
   /* One that was killed may still hold the byte. */
   if (!open_state(false) || !take_role(role, kStepMs) || !first.open()) _exit(0);
   /* The caller starts both: the twin may be on its way. */
-  for (uint32_t n = 0; n < kStepMs && holder_of(twin_of(role)) == 0; ++n) pause_ms(1);
+  for (Wait wait(kStepMs); holder_of(twin_of(role)) == 0 && wait.pause();) {
+  }
   while (true) {
     Try running;
     if (!running.open() || !running.is_same(first)) {
@@ -155,11 +156,11 @@ void start_guard(Role role) {
 bool start_guards() {
   start_guard(Role::kGuard);
   start_guard(Role::kTwin);
-  for (int n = 0; n < kStartTries; ++n) {
-    if (holder_of(Role::kGuard) != 0 && holder_of(Role::kTwin) != 0) return true;
-    pause_ms(1);
+  Wait wait(kStartMs);
+  while (holder_of(Role::kGuard) == 0 || holder_of(Role::kTwin) == 0) {
+    if (!wait.pause()) return false;
   }
-  return false;
+  return true;
 }
 
 void look_after_try() {

@@ -27,7 +27,7 @@ namespace scctl {
 namespace {
 
 constexpr size_t kMostLog = 64 * 1024;
-constexpr int kTriesToLog = 1000;
+constexpr uint32_t kLoggerMs = 1000;
 constexpr char kLog[] = "log";
 
 /* Changes of a record by one program that follow its first within this time are one entry. */
@@ -113,11 +113,11 @@ class Entry {
 
   /* A logger that was stopped is not waited for for ever. */
   static bool lock_folder() {
-    for (int n = 0; n < kTriesToLog; ++n) {
-      if (flock(state_folder(), LOCK_EX | LOCK_NB) == 0) return true;
-      pause_ms(1);
+    Wait wait(kLoggerMs);
+    while (flock(state_folder(), LOCK_EX | LOCK_NB) != 0) {
+      if (!wait.pause()) return false;
     }
-    return false;
+    return true;
   }
 
   bool append(int file, Text& chunk) {

@@ -13,7 +13,7 @@ namespace scctl {
 
 namespace {
 
-constexpr uint32_t kLongest = 1000; /* milliseconds until a record has to be free */
+constexpr uint32_t kLongestMs = 1000; /* until a record has to be free */
 
 /* The lowest byte that guards a record. */
 off_t first_byte(int n) {
@@ -46,7 +46,7 @@ RecordLocks::~RecordLocks() {
 /* Locks the areas from `first` up to `end` all at once, within a second. Holds none of them while it
  * pauses: a program that holds a record of one area may wait for one of another. */
 bool RecordLocks::hold(int first, int end) {
-  const uint64_t start = boot_ms();
+  Wait wait(kLongestMs);
   while (true) {
     int n = first;
     while (n < end && lock(n, F_RDLCK)) ++n;
@@ -54,8 +54,7 @@ bool RecordLocks::hold(int first, int end) {
     error_ = errno == EACCES && files_[n] >= 0 ? EAGAIN : errno;
     missing_ = n;
     release(first, n);
-    if (error_ != EAGAIN || boot_ms() - start >= kLongest) return false;
-    pause_ms(1);
+    if (error_ != EAGAIN || !wait.pause()) return false;
   }
 }
 

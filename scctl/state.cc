@@ -46,10 +46,10 @@ void forget_state() {
 
 int state_folder() { return g_folder; }
 
-bool take_role(Role role, int tries) {
+bool take_role(Role role, uint32_t ms) {
+  Wait wait(ms);
   while (sc_lock_reg(g_locks, F_SETLK, F_WRLCK, static_cast<off_t>(role), SEEK_SET, 1) != 0) {
-    if (--tries <= 0) return false;
-    pause_ms(1);
+    if (!wait.pause()) return false;
   }
   return true;
 }

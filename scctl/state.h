@@ -36,8 +36,8 @@ bool open_state(bool create);
 void forget_state();
 /* The folder's descriptor. */
 int state_folder();
-/* Tries so often, a millisecond apart. */
-bool take_role(Role role, int tries);
+/* Waits that long for a process that has it. */
+bool take_role(Role role, uint32_t ms);
 void leave_role(Role role);
 /* The process that holds the role; 0: none. */
 pid_t holder_of(Role role);

@@ -21,7 +21,7 @@ namespace scctl {
 namespace {
 
 constexpr uint32_t kUsualSeconds = 90;
-constexpr int kGuardsEndTries = 3000; /* a millisecond apart */
+constexpr uint32_t kGuardsEndMs = 3000;
 constexpr uint32_t kMarkerBytes = 4096;
 
 /* ---- the marker ---- */
@@ -200,7 +200,7 @@ int refuse_running(const Try& running) {
 /* Takes the actor's role for a try that is started; the last one's guards have to be gone. */
 int become_actor() {
   if (!open_state(true)) return fail_state();
-  if (!take_role(Role::kActor, 1)) {
+  if (!take_role(Role::kActor, 0)) {
     return fail(kRefused, "a try is being made or ended by process %d",
                 static_cast<int>(holder_of(Role::kActor)));
   }
@@ -210,9 +210,9 @@ int become_actor() {
     return fail(kRefused, "%s/%s is of a try before the last boot; scguard restore ends it",
                 kArchiveFolder, kMarkerName);
   }
-  for (int n = 0; is_guarded(Role::kGuard) || is_guarded(Role::kTwin); ++n) {
-    if (n == kGuardsEndTries) return fail(kRefused, "the guards of the last try do not end");
-    pause_ms(1);
+  Wait wait(kGuardsEndMs);
+  while (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) {
+    if (!wait.pause()) return fail(kRefused, "the guards of the last try do not end");
   }
   return kOk;
 }

@@ -99,11 +99,10 @@ class Alarms {
 /* ---- saves ---- */
 
 OwnSaves::OwnSaves() {
-  constexpr uint64_t kMostMs = 10000;
+  constexpr uint32_t kMostMs = 10000;
   file_ = openat(state_folder(), "saves", O_RDWR | O_CREAT | O_NOFOLLOW, 0600);
-  const uint64_t begin = boot_ms();
-  while (file_ >= 0 && flock(file_, LOCK_EX | LOCK_NB) != 0 && boot_ms() - begin < kMostMs) {
-    pause_ms(10);
+  Wait wait(kMostMs);
+  while (file_ >= 0 && flock(file_, LOCK_EX | LOCK_NB) != 0 && wait.pause()) {
   }
 }
 

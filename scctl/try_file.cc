@@ -17,7 +17,7 @@ namespace scctl {
 
 namespace {
 
-constexpr int kActorTries = 3000;
+constexpr uint32_t kActorMs = 3000;
 constexpr char kKind[8] = "try 2";
 
 void read_boot_id(char (&id)[sizeof TryHeader::boot]) {
@@ -156,7 +156,7 @@ int need_try(Try& running) {
 
 int join(Try& running, const char* what) {
   if (const int status = need_try(running); status != kOk) return status;
-  if (!take_role(Role::kActor, kActorTries)) {
+  if (!take_role(Role::kActor, kActorMs)) {
     return fail(kRefused, "%s: process %d still makes or ends the try", what,
                 static_cast<int>(holder_of(Role::kActor)));
   }

@@ -462,7 +462,7 @@ int run_watch(Call& call) {
   handle_signals();
   const bool journaling = call.has(kJournalOption);
   if (journaling && !open_state(true)) return fail_state();
-  if (journaling && !take_role(Role::kJournal, 1)) {
+  if (journaling && !take_role(Role::kJournal, 0)) {
     return fail(kNoArea, "process %d keeps the journal already", holder_of(Role::kJournal));
   }
   Watch watch(call.source, call.has(kJson), journaling);

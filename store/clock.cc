@@ -9,6 +9,14 @@ void pause_ms(uint32_t ms) {
   nanosleep(&pause, nullptr);
 }
 
+bool Wait::pause() {
+  const uint64_t now = boot_ms();
+  if (end_ == 0) end_ = now + ms_;
+  if (now >= end_) return false;
+  pause_ms(1);
+  return true;
+}
+
 /* The division has 32 bits: this CPU has no instruction for 64. */
 uint64_t boot_ms() {
   timespec now;

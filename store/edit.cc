@@ -13,7 +13,6 @@
 #include <sysconfig/core.h>
 
 #include "core/bytes.h"
-#include "store/clock.h"
 #include "store/overlay.h"
 #include "store/value.h"
 
@@ -66,7 +65,7 @@ namespace {
 
 constexpr int kEndingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
-constexpr uint64_t kSecondMs = 1000;
+constexpr uint32_t kSecondMs = 1000;
 
 volatile sig_atomic_t g_interrupted; /* the signal; 0: none */
 
@@ -93,7 +92,7 @@ int check_header(const Area& area, const uint8_t* block) {
 
 }  // namespace
 
-Edit::Edit(Source& live, Patience patience) : live_(live), patience_(patience) {
+Edit::Edit(Source& live, Patience patience) : live_(live), patience_(patience), wait_(kSecondMs) {
   for (int n = 0; n < 3; ++n) {
     struct sigaction action = {}, was;
     action.sa_handler = interrupt; /* without SA_RESTART, so a wait ends */
@@ -110,13 +109,6 @@ void Edit::set_changed(AreaId area) {
   if (g_journal != nullptr) g_journal->set_not_undoable();
 }
 
-/* By the clock: a pause of a millisecond lasts ten and more where timers are coarse. */
-bool Edit::is_out_of_patience() {
-  const uint64_t now = boot_ms();
-  if (waits_until_ms_ == 0) waits_until_ms_ = now + kSecondMs;
-  return now >= waits_until_ms_;
-}
-
 /* Takes a byte. After EDEADLK it is not held, so the call is repeated. errno is EAGAIN when the
  * patience is at its end. */
 bool Edit::lock(int file, uint32_t byte) {
@@ -127,8 +119,8 @@ bool Edit::lock(int file, uint32_t byte) {
     }
     if (errno == EACCES && command == F_SETLK) errno = EAGAIN; /* POSIX allows both: it is held */
     if (errno != EDEADLK && errno != EINTR && errno != EAGAIN) return false;
-    if (errno == EAGAIN && is_out_of_patience()) return false;
-    if (errno != EINTR) pause_ms(1);
+    if (errno == EAGAIN && !wait_.pause()) return false;
+    if (errno == EDEADLK) pause_ms(1);
   }
   errno = EINTR;
   return false;

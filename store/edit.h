@@ -10,6 +10,7 @@
 #ifndef STORE_EDIT_H
 #define STORE_EDIT_H
 
+#include "store/clock.h"
 #include "store/journal.h"
 #include "store/source.h"
 
@@ -113,7 +114,6 @@ class Edit {
 
   int hold(AreaId area);
   bool lock(int file, uint32_t byte);
-  bool is_out_of_patience();
   bool write_down(const Step& step);
   Written write_binding(uint32_t template_id, int32_t ap_position, bool is_bound);
   Written use(const Table& table, uint32_t position, const uint8_t* record);
@@ -121,7 +121,7 @@ class Edit {
 
   Source& live_;
   Patience patience_;
-  uint64_t waits_until_ms_ = 0; /* 0: nothing was waited for yet */
+  Wait wait_;
   uint32_t held_ = 0;
   uint32_t changed_ = 0;
   int removed_ = 0;

@@ -59,16 +59,16 @@ const char* read_archive(const char* path, int opened, const sc::AreaRow* area,
 
 /* ---- locks for reading ---- */
 
-constexpr int kLockTries = 1000; /* a millisecond apart */
-constexpr int kSaveTries = 5000; /* a save takes longer: it packs, writes and syncs */
+constexpr uint32_t kLockMs = 1000;
+constexpr uint32_t kSaveMs = 5000; /* a save takes longer: it packs, writes and syncs */
 constexpr int kReadTries = 1000;
 constexpr int32_t kAreaByte = 1; /* the byte that a save holds */
 
-bool lock_shared(int file, int32_t lock_index, int tries) {
+bool lock_shared(int file, int32_t lock_index, uint32_t ms) {
+  Wait wait(ms);
   while (sc_lock_reg(file, F_SETLK, F_RDLCK, lock_index, SEEK_SET, 1) != 0) {
     if (errno == EACCES) errno = EAGAIN; /* POSIX allows both for a lock of another process */
-    if (--tries <= 0 || errno != EAGAIN) return false;
-    pause_ms(1);
+    if (errno != EAGAIN || !wait.pause()) return false;
   }
   return true;
 }
@@ -120,9 +120,9 @@ NoSaves::NoSaves(const Area& area) : area_(id_of(area)) {
   if (g_lock_files[area_] != 0) return;
   file_ = open_lock_file(area);
   if (file_ < 0) return;
-  static int tries = kSaveTries; /* after one long wait, the next do not wait */
-  held_ = lock_shared(file_, kAreaByte, tries);
-  if (!held_) tries = 1;
+  static uint32_t ms = kSaveMs; /* after one long wait, the next do not wait */
+  held_ = lock_shared(file_, kAreaByte, ms);
+  if (!held_) ms = 0;
   g_lock_files[area_] = file_;
 }
 
@@ -316,7 +316,7 @@ Reader::Reader(Source& source, const Table& table, int field_count)
     : table_(table),
       block_(source.block(table.area)),
       field_count_(field_count),
-      tries_(kLockTries) {
+      wait_ms_(kLockMs) {
   /* Closing a lock file that an edit has open would drop the locks of the edit. */
   if (!source.is_live() || g_lock_files[table.area] != 0) return;
   lock_ = open_lock_file(kAreas[table.area]);
@@ -358,11 +358,11 @@ bool Reader::copy(uint32_t position, uint8_t* to) {
   const uint8_t* from = block_ + table_.at + position * table_.stride;
   if (!is_used(table_, from)) return false;
   const int32_t byte = named_lock(table_, block_, position);
-  if (lock_ >= 0 && lock_shared(lock_, byte, tries_)) {
+  if (lock_ >= 0 && lock_shared(lock_, byte, wait_ms_)) {
     copy_parts(to, from);
     sc_lock_reg(lock_, F_SETLK, F_UNLCK, byte, SEEK_SET, 1);
   } else {
-    tries_ = 1; /* the holder may hold other bytes, too: the next records are not waited for */
+    wait_ms_ = 0; /* the holder may hold other bytes, too: the next records are not waited for */
     copy_until_equal(to, from);
   }
   /* The record may have been freed before it was locked. */

@@ -143,7 +143,7 @@ class Reader {
   const uint8_t* block_;
   int field_count_;
   int lock_ = -1;
-  int tries_;
+  uint32_t wait_ms_;
 };
 
 /* When two MAC texts are equal: as addresses, or as the library compares them, for which - and :

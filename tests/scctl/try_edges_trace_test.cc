@@ -430,25 +430,59 @@ TEST_F(TraceTryEdgeTest, WhileAnotherProgramSaves_WhatIsTakenBackIsAnnouncedOnce
   EXPECT_TRUE(times == 1 || times == 2) << times; /* once by each guard */
 }
 
+/* ---- waits ---- */
+
 /* A kernel with a coarse timer makes a pause of a millisecond ten and more. */
-TEST_F(TraceTryEdgeTest, WhereEachPauseIsLong_ARecordThatIsHeldIsWaitedForASecondAllTheSame) {
+class TraceCoarseTimerTest : public TraceTryEdgeTest {
+ protected:
+  /* Runs scctl, whose pauses get longer, and expects a wait of so many milliseconds in all. */
+  static Outcome waited(const Words& words, size_t ms) {
+    size_t pauses = 0;
+    const Outcome outcome = trace(scctl(words), [&](const SystemCall& call) {
+      if (call.is_done || (call.call != SYS_clock_nanosleep && call.call != SYS_nanosleep))
+        return Fate{};
+      ++pauses;
+      pause_ms(9);
+      return Fate{};
+    });
+    EXPECT_GT(pauses, ms / 100)
+        << words[0]; /* ten milliseconds each, and more on a loaded machine */
+    EXPECT_LE(pauses, ms / 10 + 10) << words[0];
+    return outcome;
+  }
+};
+
+TEST_F(TraceCoarseTimerTest, ARecordThatIsHeld_IsWaitedForASecondAllTheSame) {
   start_try_of("set lan_binds/1 name=tried\nset lan_binds/2 name=tried\n");
   const auto& lan = *block_as<LanBlock>("Lan");
   const LockHolder foreign(lock_file("Lan"), lan.lan_binds[0].lock_index);
-  size_t pauses = 0;
-  const auto begin = Clock::now();
-  const Outcome outcome = trace(scctl({"revert"}), [&](const SystemCall& call) {
-    if (call.is_done || (call.call != SYS_clock_nanosleep && call.call != SYS_nanosleep))
-      return Fate{};
-    ++pauses;
-    pause_ms(9);
-    return Fate{};
-  });
-  EXPECT_EQ(outcome.out, "lan_binds/1: another program holds it\n");
-  EXPECT_GT(pauses, 10u);
-  EXPECT_LE(pauses, 110u); /* ten milliseconds each, and more on a loaded machine */
-  EXPECT_LE(ms_since(begin), 4000);
+  EXPECT_EQ(waited({"list", "lan_binds"}, 1000).status, 0);
+  EXPECT_EQ(waited({"checkpoint", "a"}, 2000).status, 0); /* all areas, then this one alone */
+  EXPECT_EQ(waited({"revert"}, 1000).out, "lan_binds/1: another program holds it\n");
   EXPECT_STREQ(lan.lan_binds[1].bind_name, "two");
+}
+
+TEST_F(TraceCoarseTimerTest, ASaveThatDoesNotEnd_IsWaitedForFiveSecondsAllTheSame) {
+  const LockHolder foreign(lock_file("Lan"), 1);
+  /* Its byte also guards the settings. */
+  EXPECT_EQ(waited({"list", "lan_settings"}, 1000).status, 0);
+  EXPECT_EQ(waited({"diff", "saved", "live"}, 5000 + 1000).status, 0);
+}
+
+TEST_F(TraceCoarseTimerTest, ATryThatIsBeingEnded_IsWaitedForThreeSecondsAllTheSame) {
+  start_try_of("set lan_binds/1 name=tried\n");
+  const LockHolder foreign(kStateLocks, kActorByte);
+  const Outcome outcome = waited({"confirm"}, 3000);
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.err.find("not confirmed: process "), std::string::npos) << outcome;
+}
+
+TEST_F(TraceCoarseTimerTest, ALogThatIsBeingWritten_IsWaitedForASecondAllTheSame) {
+  done({"set", "lan_binds/1", "name=first"});
+  const int folder = open(kState, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  EXPECT_EQ(flock(folder, LOCK_EX), 0);
+  EXPECT_EQ(waited({"set", "lan_binds/1", "name=second"}, 1000).status, 0);
+  close(folder);
 }
 
 /* ---- the flash ---- */
