@@ -34,8 +34,9 @@ constexpr uint8_t kAnswer = FAN_ACCESS, kLost = FAN_MODIFY;
 /* What the child is asked: to answer when it has told all, and to follow another folder before. */
 constexpr char kTell = '?', kFollow = 'f';
 
-/* How long an answer of the child is waited for. */
+/* How long an answer of the child is waited for, and its first one. */
 constexpr int kAnswerMs = 100;
+constexpr int kFirstAnswerMs = 1000;
 /* A process that is gone is the one that had this number so recently: the kernel gives all other
  * numbers first. */
 constexpr uint32_t kRecentMs = 1000;
@@ -237,30 +238,30 @@ bool Authors::begin() {
   close(notes[1]);
   asks_ = asks[1];
   notes_ = notes[0];
-  if (child > 0) ask(kTell); /* the answer says that the child is at work */
+  if (child > 0) ask(kTell, kFirstAnswerMs); /* the answer says that the child is at work */
   return child > 0;
 }
 
 /* Takes all notes about what happened before this call. A child that did not answer in time is not
  * asked and not waited for again until it has. */
-void Authors::ask(char what) {
+void Authors::ask(char what, int ms) {
   if (notes_ < 0) return;
   const bool is_late = due_answers_ != 0;
   if (!is_late || what == kFollow) due_answers_ += write(asks_, &what, 1) == 1;
-  const bool is_there = take(is_late ? 0 : kAnswerMs);
-  if (is_late || due_answers_ != 0 || !is_there) lost_areas_ = UINT32_MAX;
+  const bool is_there = take(is_late ? 0 : ms);
+  if (due_answers_ != 0 || !is_there) lost_areas_ = UINT32_MAX;
   if (is_there) return;
   fputs("authors are no longer known: the process that looks for them has ended\n", stderr);
   end();
 }
 
-void Authors::follow() { ask(kFollow); }
+void Authors::follow() { ask(kFollow, kAnswerMs); }
 
 /* Takes notes until the answer that is due, or those that are there. False when the child has ended. */
 bool Authors::take(int timeout) {
   Note note;
   pollfd ready = {notes_, POLLIN, 0};
-  const timespec wait = {0, timeout * 1000000};
+  const timespec wait = {timeout / 1000, timeout % 1000 * 1000000};
   while (ppoll(&ready, 1, &wait, nullptr) > 0) {
     if (read(notes_, &note, sizeof note) <= 0) return false;
     if ((note.events & kLost) != 0) lost_areas_ = UINT32_MAX;
@@ -323,13 +324,15 @@ void Authors::settle(Suspect* suspect) {
 
 void Authors::begin_look() {
   if (notes_ < 0) return;
+  /* Notes that come late may be of changes that an earlier look has seen. */
+  if (due_answers_ != 0) lost_areas_ = UINT32_MAX;
   take(0);
   for (Suspect& suspect : suspects_) suspect.is_fresh = false;
 }
 
 void Authors::find(AreaId area) {
   area_ = area;
-  ask(kTell);
+  ask(kTell, kAnswerMs);
 }
 
 /* The changes of programs that had closed their files before the look were seen by it. */

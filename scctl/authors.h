@@ -63,7 +63,7 @@ class Authors {
   };
 
   static void run_child(int events, int in, int out);
-  void ask(char what);
+  void ask(char what, int ms);
   void end();
   bool take(int timeout);
   void take(const Note& note);

@@ -28,6 +28,26 @@ class TraceWatchAuthorsTest : public WatchTest {
     for (int n = 1; n <= 8; ++n) add(n, "n");
   }
 
+  /* Its child goes on and tells of the earlier changes first, whose programs are not the authors of what
+   * comes. A program that ends while its change is looked at may be a candidate in the next look, too. */
+  void tells_authors_again(JsonWatch& watch) {
+    std::set<int> told;
+    pid_t before = 0;
+    for (int n = 0; n < 20 && told.empty(); ++n) {
+      pause_ms(50);
+      Child next([&] { rename("again" + std::to_string(n)); });
+      next.wait();
+      told = watch.object().pids();
+      if (told.empty()) {
+        before = next.pid();
+        continue;
+      }
+      EXPECT_EQ(told.count(next.pid()), 1u);
+      EXPECT_EQ(told.size(), 1u + told.count(before));
+    }
+    EXPECT_FALSE(told.empty());
+  }
+
   /* The process that the name of a binding tells. */
   static int writer_of(const std::string& rest) {
     const size_t at = rest.find("\"name\":[\"");
@@ -423,12 +443,7 @@ TEST_F(TraceWatchAuthorsTest, WithoutAnAnswerInTime_NoAuthorIsTold) {
   EXPECT_NE(object.rest.find("[\"n\",\"two\"]"), std::string::npos) << object.rest;
   EXPECT_EQ(object.author, "");
   kill(child, SIGCONT);
-  pause_ms(50);
-  Child([&] { rename("three"); }).wait();
-  EXPECT_NE(watch.rest().find("\"three\""), std::string::npos);
-  Child next([&] { rename("next"); });
-  next.wait();
-  EXPECT_EQ(watch.object().pids().count(next.pid()), 1u); /* perhaps beside one that came late */
+  tells_authors_again(watch);
 }
 
 /* More events than the kernel keeps, so that only one of two writers is known, of two areas. */
@@ -517,13 +532,8 @@ TEST_F(TraceWatchAuthorsTest, AnotherLockFolder_IsFollowed) {
     write_file(kLanLock, "\n");
     lan->lan_binds[0].bind_flag += 1; /* seen when everything is looked at, as the folder is */
     EXPECT_EQ(watch.object(kSlowMs).author, "");
-    if (is_late) {
-      kill(watch.child(), SIGCONT);
-      pause_ms(100);
-    }
-    Child next([&] { rename("next"); });
-    next.wait();
-    EXPECT_EQ(watch.object().pids(), (std::set<int>{next.pid()}));
+    if (is_late) kill(watch.child(), SIGCONT);
+    tells_authors_again(watch);
     std::filesystem::remove_all("/var/away");
   }
 }
