@@ -7,6 +7,7 @@ import socket
 import sys
 import tempfile
 import threading
+import time
 import types
 import unittest
 import unittest.mock
@@ -176,6 +177,69 @@ class Streams(unittest.TestCase):
         self.assertEqual([change["seq"] for change in message["changes"]], list(range(5, live.RECENT + 5)))
         self.assertTrue(all(change["old"] for change in message["changes"]))
         self.assertEqual(message["locks"], [1])
+
+
+    def test_a_watcher_that_only_closes_its_output_is_ended(self):
+        runner = source.Runner("/bin/sh")
+        hub = live.Hub(types.SimpleNamespace(runner=runner))
+        started = []
+
+        def start(words):
+            if started:
+                hub._stop.set()
+                raise source.Fault("not again")
+            started.append(runner._start(["/bin/sh", "-c", "exec >&- 2>&-; exec sleep 60"], None))
+            return started[0]
+
+        with unittest.mock.patch.object(runner, "start", start):
+            hub._watch()
+        self.assertIsNotNone(started[0].poll())
+        self.assertEqual(runner._children, set())
+
+
+class Links(unittest.TestCase):
+    """Since when the source is lost."""
+
+    def test_it_is_lost_since_its_last_answer_and_told_once(self):
+        hub = live.Hub(None)
+        tab = hub.open_tab()
+        hub._answered = time.monotonic() - 100
+        hub._missed("no answer")
+        link = tab.take()["link"]
+        self.assertAlmostEqual(link["since"], time.time() - 100, delta=5)
+        hub._missed("no answer")
+        tab.put("locks", [])
+        self.assertNotIn("link", tab.take())
+        hub._found()
+        self.assertEqual(tab.take()["link"], {"live": True})
+        hub._missed("no answer")
+        self.assertAlmostEqual(tab.take()["link"]["since"], time.time(), delta=5)
+
+    def test_while_there_is_no_tab_no_answer_is_missed(self):
+        hub = live.Hub(None)
+        hub._answered = time.monotonic() - 100
+        first = hub.open_tab()
+        hub._missed("no answer")
+        self.assertAlmostEqual(first.take()["link"]["since"], time.time(), delta=5)
+        hub._found()
+        hub._answered = time.monotonic() - 100
+        second = hub.open_tab()
+        hub._missed("no answer")
+        second.take()
+        self.assertAlmostEqual(first.take()["link"]["since"], time.time() - 100, delta=5)
+
+
+class Calls(unittest.TestCase):
+    def test_a_call_that_takes_too_long_is_ended(self):
+        runner = source.Runner("/bin/sleep")
+        children = []
+        start = runner._start
+        with unittest.mock.patch.object(source, "LONGEST_CALL", 0.2), \
+                unittest.mock.patch.object(runner, "_start", lambda *words: children.append(start(*words)) or children[0]), \
+                self.assertRaisesRegex(source.Fault, "no answer within"):
+            runner.call("60")
+        self.assertIsNotNone(children[0].poll())
+        self.assertEqual(runner._children, set())
 
 
 class Remarks(unittest.TestCase):
