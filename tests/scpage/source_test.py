@@ -242,6 +242,39 @@ class Calls(unittest.TestCase):
         self.assertEqual(runner._children, set())
 
 
+    def test_at_the_end_all_have_ended_soon_if_they_can(self):
+        for line, least, most in (("echo; exec sleep 60", 0, 1.5), ("trap '' TERM; echo; sleep 60 & wait", 2, 10)):
+            runner = source.Runner("/bin/sh")
+            child = runner.start(["-c", line])
+            child.stdout.readline()  # it has set its trap
+            begun = time.monotonic()
+            runner.stop()
+            taken = time.monotonic() - begun
+            self.assertIsNotNone(child.poll())
+            self.assertTrue(least <= taken < most, taken)
+            runner.end(child)
+            with self.assertRaisesRegex(source.Fault, "scpage ends"):
+                runner.start(["-c", "exit"])
+
+
+class Differences(unittest.TestCase):
+    def diff(self, *answer):
+        runner = types.SimpleNamespace(call=lambda *words: answer,
+                                       json=lambda *words: [{"table": "things", "area": "Lan"}])
+        return source.Source(runner, "").diff("saved", "live")
+
+    def test_of_many_the_first_are_shown_and_the_rest_is_counted(self):
+        lines = ["things/%d: added" % n for n in range(source.LONGEST_DIFF + 2)] + ["Qos: missing"]
+        self.assertEqual(self.diff(1, "\n".join(lines) + "\n", ""),
+                         {"lines": lines[:-3], "more": 3, "areas": ["Lan", "Qos"]})
+        self.assertEqual(self.diff(0, "", ""), {"lines": [], "more": 0, "areas": []})
+
+    def test_what_fails_is_no_equality(self):
+        for status in (1, 2):
+            with self.assertRaisesRegex(source.Fault, "no such archive"):
+                self.diff(status, "", "scctl: no such archive\n")
+
+
 class Remarks(unittest.TestCase):
     def test_what_watch_says_first_is_a_remark_and_last_a_reason(self):
         hub, reason = live.Hub(None), []
