@@ -157,7 +157,7 @@ function showLink() {
 function follow(change) {
   note(change);
   if (change.old) return;
-  if (change.what === 'lost' || change.what === 'load' || !change.table) {
+  if (!change.table) { // a whole area, or changes that were not seen
     refresh();
   } else if (change.table === view.table) {
     if (view.late) view.late.push(change);
