@@ -196,9 +196,11 @@ int delete_checkpoint(const char* name) {
   Descriptor store(-1);
   if (const int status = open_store(&store); status != kOk) return status;
   const HiddenName hidden(name, ".old");
-  if (renameat(store.number, name, store.number, hidden.text) == 0 && fsync(store.number) == 0 &&
-      remove_folder(store.number, hidden.text)) {
-    return kOk;
+  if (renameat(store.number, name, store.number, hidden.text) == 0) {
+    if (fsync(store.number) == 0 && remove_folder(store.number, hidden.text)) return kOk;
+    const int why = errno;
+    renameat(store.number, hidden.text, store.number, name); /* what is left stays listed */
+    errno = why;
   }
   return fail(kNoArea, "checkpoint %s: %s", name, strerror(errno));
 }

@@ -95,17 +95,25 @@ class Commands {
         return;
       }
     }
-    printf("scctl %s %s/%u", is_new ? "add" : "set", table.name, position + 1);
     Text line;
+    bool has_secret = false;
     const Table& view = view_of(table, position, record);
     for (const Field& field : view) {
       const bool is_left_out =
           is_new ? size_without_trailing_zeros(field, record) == 0 : equal(field, now, record);
-      const bool is_needed = &field + 1 == view.end() && line.size() == 0;
+      const bool is_needed = &field + 1 == view.end() && line.size() == 0 && !has_secret;
       if (is_left_out && !is_needed && &field != same) continue;
-      format_assignment(field, record, &field != same, &line);
+      if (is_hidden(field) && !is_left_out) {
+        has_secret = true;
+        printf("# %s/%u.%s is a secret; --secrets prints its value\n", table.name, position + 1,
+               field.name);
+      } else {
+        format_assignment(field, record, &field != same, &line);
+      }
     }
-    puts(line.c_str());
+    if (is_new || line.size() > 0) {
+      printf("scctl %s %s/%u%s\n", is_new ? "add" : "set", table.name, position + 1, line.c_str());
+    }
     memcpy(is.put(position), record, table.stride);
   }
 

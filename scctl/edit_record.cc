@@ -168,6 +168,9 @@ class Typed {
     if (named_.has(*field)) return fail(kUsage, "%s stands twice", field->name);
     named_.add(*field);
     if (equal(*field, record.data(), shown)) return kOk;
+    if (const char* fault = find_fault(*field, record.data()); fault != nullptr) {
+      return fail(kRefused, "%s.%s: %s", table_.name, field->name, fault);
+    }
     changed.add(*field);
     if (own != Spelling::kAsMac) spelling = own;
     return kOk;
@@ -203,8 +206,9 @@ class Session {
       if (const int failed = draft.edit(text, &typed); failed != kOk) return failed;
       if (strcmp(typed.c_str(), text.c_str()) == 0) break;
       text.clear();
-      status = write(typed, &text, &is_written);
-      if (status == kOk) break;
+      const int written = write(typed, &text, &is_written);
+      if (is_written || written != kOk) status = written;
+      if (written == kOk) break;
     }
     if (!is_written) tell("%s/%u is not changed", table_.name, id_);
     return status;

@@ -103,6 +103,14 @@ class Entry {
  private:
   void add(Text& chunk) {
     is_closed_ = true;
+    write(chunk);
+    /* Who may not write it was never told of it. */
+    if (number_ == 0 && program_ == 0 && errno != EACCES) {
+      fail(kOk, "%s/%s: %s; undo will not know this edit", kStateFolder, kLog, strerror(errno));
+    }
+  }
+
+  void write(Text& chunk) {
     if (!open_state(true) || !lock_folder()) return;
     if (const int file = open_state_file(kLog, O_RDWR | O_CREAT | O_APPEND); file >= 0) {
       is_closed_ = !append(file, chunk);
@@ -351,6 +359,14 @@ struct Logged {
   const char* note;
   bool is_undoable;
 
+  /* Words of scctl are kept as they are shown; another program has the name that it gave itself. */
+  void add_words(Text* to) const {
+    if (chunk->program == 0)
+      to->add(words);
+    else
+      to->add_shown(words, strlen(words));
+  }
+
   explicit Logged(const Text& log, const Chunk& begin) : chunk(&begin), is_undoable(true) {
     const char* payload = reinterpret_cast<const char*>(&begin + 1);
     memcpy(&author, payload, sizeof author);
@@ -388,7 +404,7 @@ void print_entry(const Logged& entry, const Changes& changes) {
   else
     add_user(entry.author.uid, &line);
   line.add("  ");
-  line.add_shown(entry.words, strlen(entry.words));
+  entry.add_words(&line);
   if (!entry.is_undoable) line.add("  (cannot be undone)");
   puts(line.c_str());
   print_changes("  ", changes);
@@ -487,10 +503,10 @@ int undo(Call& call, const Text& log, const Logged& entry) {
   {
     Edit edit(call.source);
     if (const int status = edit.begin(changes.areas()); status != kOk) return status;
-    take_back(edit, changes, &report);
+    take_back(edit, changes, "it does not come back", &report);
   }
   Text words;
-  words.add_shown(entry.words, strlen(entry.words));
+  entry.add_words(&words);
   tell("taken back: %u of %u record%s of edit %u: %s", count(changes, Fate::kBack), count(changes),
        count(changes) == 1 ? "" : "s", entry.chunk->entry, words.c_str());
   fputs(report.c_str(), stdout);
@@ -507,10 +523,10 @@ int run_undo(Call& call) {
   if (call.word_count == 1) {
     char* rest = call.words[0];
     const unsigned long number = strtoul(rest, &rest, 10);
-    if (call.words[0][0] < '1' || call.words[0][0] > '9' || *rest != '\0' || number > INT32_MAX) {
+    if (call.words[0][0] < '1' || call.words[0][0] > '9' || *rest != '\0') {
       return fail(kUsage, "expected a number of edits above 0, not '%s'", call.words[0]);
     }
-    wanted = static_cast<uint32_t>(number);
+    wanted = number < INT32_MAX ? static_cast<uint32_t>(number) : INT32_MAX; /* all */
   }
   Text log;
   if (const int status = read_log(&log); status != kOk) return status;

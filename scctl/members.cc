@@ -57,8 +57,11 @@ int check_replaced(const Table& table, uint32_t position, const uint8_t* now,
 
 int unknown_member(const Table& table, uint32_t position, const uint8_t* record, const char* name,
                    size_t length) {
-  Text reasons;
-  if (g_overlays != nullptr) g_overlays->add_reasons(table, position, record, &reasons);
+  Text reasons, member;
+  member.add(name, length);
+  if (g_overlays != nullptr) {
+    g_overlays->add_reasons(table, position, record, member.c_str(), &reasons);
+  }
   if (reasons.size() == 0) return unknown_field(view_of(table, position, record), name, length);
   reasons.trim('\n');
   return fail(kRefused, "%s/%u has no field '%.*s'; %s", table.name, position + 1,

@@ -69,7 +69,7 @@ void look_at_archive(Source& live, AreaId id, Figures* figures) {
     }
   }
   struct stat file;
-  if (stat(archive_path(area).text, &file) != 0) return;
+  if (lstat(archive_path(area).text, &file) != 0 || !S_ISREG(file.st_mode)) return;
   const time_t age = time(nullptr) - file.st_mtime;
   figures->of[kAge][id] = age > 0 ? static_cast<long>(age) : 0;
 }

@@ -384,7 +384,7 @@ int run_get(Call& call) {
   } else {
     print_fields(view, record.data(), &text);
     if (g_overlays != nullptr) {
-      g_overlays->add_reasons(table, target.id - 1, record.data(), &text);
+      g_overlays->add_reasons(table, target.id - 1, record.data(), nullptr, &text);
     }
   }
   print(text);

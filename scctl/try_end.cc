@@ -59,7 +59,7 @@ void close_try(const Try& running, const char* why, const Text& report) {
     text.print(" is taken back (%s): ", why);
   else
     text.add(" is confirmed: ");
-  text.add_shown(running.header.words, strnlen(running.header.words, sizeof running.header.words));
+  text.add(running.header.words, strnlen(running.header.words, sizeof running.header.words));
   announce_end(running.header, text.c_str());
   Text ended;
   add_time(time(nullptr), false, &ended);
@@ -207,7 +207,7 @@ Ended take_back_live(Source& live, Changes& changes, Text* report) {
     const Alarms alarms;
     Edit edit(live, Patience::kOneSecond);
     edit.begin_in_time(changes.areas());
-    take_back(edit, changes, report);
+    take_back(edit, changes, "it waits", report);
     /* A guard that was killed may have announced nothing. One that comes back for the flash does
      * not announce again. */
     static bool is_told;

@@ -67,7 +67,7 @@ int run_status(Call& call) {
   line.print(" (process %u) since ", header.author.pid);
   add_time(header.author.time, false, &line);
   line.print(", %s, %u s left: ", phase_name(header.phase), running.left());
-  line.add_shown(header.words, strlen(header.words));
+  line.add(header.words);
   puts(line.c_str());
   if (header.is_command != 0) puts("whatever changes meanwhile is part of it");
   print_changes("  ", changes);

@@ -66,8 +66,10 @@ class Overlays {
   const Table& view(const Table& table, uint32_t position, const uint8_t* record);
   /* All members, whether they hold or not; of one record, or of all for a position of -1. */
   const Table& names(const Table& table, int position);
-  /* Adds a line for each type that does not hold for the record: "FIELD: why". */
-  void add_reasons(const Table& table, uint32_t position, const uint8_t* record, Text* to) const;
+  /* Adds a line for each type that does not hold for the record, "FIELD: why", and one that tells why
+   * the member of that name does not hold. */
+  void add_reasons(const Table& table, uint32_t position, const uint8_t* record, const char* member,
+                   Text* to) const;
   /* A member on whose value others depend; null: there is none of this name. */
   const Field* find_condition(const Table& table, uint32_t position, const char* name) const;
   /* Whether a member of this name, of any table, is a secret, or a field with a secret in it. */

@@ -109,9 +109,10 @@ class Checker {
     } else {
       extra.bits = 0;
     }
-    if (member.kind == Kind::kMac) member.size = 6;
-    if (member.kind == Kind::kAddress) member.size = 4;
-    if (member.size == 0 || (is_number && !member.is_bit && member.size > 8) ||
+    const uint32_t due = member.kind == Kind::kMac ? 6 : member.kind == Kind::kAddress ? 4 : 0;
+    if (member.size == 0) member.size = due;
+    if (member.size == 0 || (due != 0 && member.size != due) ||
+        (is_number && !member.is_bit && member.size > 8) ||
         (member.kind == Kind::kMacText && member.size < kMacTextSize)) {
       return refuse(type, &member, "its kind has no such size");
     }
@@ -126,7 +127,11 @@ class Checker {
     char* end;
     extra.has_range = read_number(member.range[0], &end, is_signed, 64, &extra.least) &&
                       read_number(member.range[1], &end, is_signed, 64, &extra.most);
-    return extra.has_range || refuse(type, &member, "its range does not fit its sign");
+    if (!extra.has_range) return refuse(type, &member, "its range does not fit its sign");
+    const bool is_empty =
+        is_signed ? extra.least > extra.most
+                  : static_cast<uint64_t>(extra.least) > static_cast<uint64_t>(extra.most);
+    return !is_empty || refuse(type, &member, "its range ends before it begins");
   }
 
   Arena& arena_;

@@ -70,19 +70,14 @@ void add_bits(const Field& field, uint32_t from, Buffer* bits) {
   }
 }
 
-/* Members whose bits are partly those of a secret are secret, too. True when there is a secret. */
-bool spread_secrets(Field* first, Field* end, uint32_t from, Buffer* bits) {
+/* Marks members with bits of a secret as secret, too. True when there is one. */
+bool spread_secrets(Field* first, Field* end, uint32_t from, const uint8_t* secret) {
   bool any = false;
-  for (const Field* field = first; field < end; ++field) {
-    any |= field->is_secret;
-    if (field->is_secret) add_bits(*field, from, bits);
-  }
-  for (Field* field = first; field < end && any; ++field) {
+  for (Field* field = first; field < end; ++field) {
     for (uint32_t n = 0; n < field->size; ++n) {
-      if ((bits->data()[field->record_at - from + n] & mask_at(*field, n)) != 0) {
-        field->is_secret = true;
-      }
+      field->is_secret |= (secret[field->record_at - from + n] & mask_at(*field, n)) != 0;
     }
+    any |= field->is_secret;
   }
   return any;
 }
@@ -182,9 +177,8 @@ const char* Overlays::spare_name(uint32_t at) {
   return made->name;
 }
 
-/* What no member names: runs of whole bytes, and bytes of which some bits are left. Where a secret
- * stands under another condition, it may be left from then: these bytes are secret, in runs of their
- * own. */
+/* What no member names: runs of whole bytes, and bytes of which some bits are left. Those of a secret
+ * are in runs of their own. */
 void Overlays::add_spares(View* view, const Field& field, const uint8_t* named,
                           const uint8_t* secret) {
   if (spare_masks_ == nullptr) {
@@ -213,7 +207,6 @@ void Overlays::add_spares(View* view, const Field& field, const uint8_t* named,
     spare.record_at = static_cast<uint16_t>(field.record_at + at);
     spare.size = static_cast<uint16_t>(size);
     spare.name = spare.member = spare_name(spare.record_at);
-    spare.is_secret = (secret[at] & left) != 0;
     add_field(view, spare);
   }
 }
@@ -232,7 +225,8 @@ View* Overlays::make_view(const Table& table, const uint16_t* key, uint32_t key_
   for (const Field& field : table) {
     const int first = view->table.field_count;
     uint8_t& fate = fates.data()[&field - table.fields];
-    Buffer named(field.size), secret(field.size), ever_secret(field.size);
+    /* Also of a secret that does not hold: it may be left from when it did. */
+    Buffer named(field.size), secret(field.size);
     const uint16_t* values = key + 1;
     for (const Attachment* a = attachments_; a != nullptr; a = a->next) {
       if (a->table != &table) continue;
@@ -243,7 +237,7 @@ View* Overlays::make_view(const Table& table, const uint16_t* key, uint32_t key_
       const int known = view->table.field_count;
       for (const Node* node = a->nodes; node != nullptr; node = node->next) {
         Field made = node->field;
-        if (made.is_secret) add_bits(made, field.record_at, &ever_secret);
+        if (made.is_secret) add_bits(made, field.record_at, &secret);
         if (own[node->guard] <= node->index) continue;
         if (node->is_counted) made.size = static_cast<uint16_t>(made.width * own[node->guard]);
         bool is_known = false;
@@ -259,9 +253,9 @@ View* Overlays::make_view(const Table& table, const uint16_t* key, uint32_t key_
       add_field(view, field);
       continue;
     }
-    if (!is_of_all) add_spares(view, field, named.data(), ever_secret.data());
+    if (!is_of_all) add_spares(view, field, named.data(), secret.data());
     if (spread_secrets(view->fields + first, view->fields + view->table.field_count,
-                       field.record_at, &secret)) {
+                       field.record_at, secret.data())) {
       fate = kSecretHidden;
     }
   }
@@ -339,25 +333,44 @@ bool Overlays::covers(const Table& table) const {
   return a != nullptr;
 }
 
+namespace {
+
+/* "mode is 2, fixed.address needs 1" */
+void add_reason(const Guard& guard, const char* needing, const uint8_t* record, Text* to) {
+  to->print("%s is ", guard.operand->field.name);
+  format_part(guard.operand->field, record, false, to);
+  to->print(", %s needs ", needing);
+  if (guard.values == nullptr) to->add("more");
+  for (const Alternative* value = guard.values; value != nullptr; value = value->next) {
+    add_word(value->text, strlen(value->text), to);
+    if (value->next != nullptr) to->add(" or ");
+  }
+  to->add('\n');
+}
+
+}  // namespace
+
 void Overlays::add_reasons(const Table& table, uint32_t position, const uint8_t* record,
-                           Text* to) const {
+                           const char* member, Text* to) const {
   for (const Attachment* a = attachments_; a != nullptr; a = a->next) {
     if (!a->is_of(table, static_cast<int>(position)) || a->root == 0) continue;
     Buffer room((a->guard_count + 1u) * sizeof(uint16_t));
     auto* values = reinterpret_cast<uint16_t*>(room.data());
     evaluate(*a, record, values);
-    if (values[a->root] != 0) continue;
     uint16_t n = 1;
-    while (values[n] != 0) ++n;
-    const Guard* guard = a->numbered[n];
-    to->print("%s: %s is ", a->field->name, guard->name);
-    format_part(guard->operand->field, record, false, to);
-    to->print(", %s needs ", a->type->name);
-    for (const Alternative* value = guard->values; value != nullptr; value = value->next) {
-      add_word(value->text, strlen(value->text), to);
-      if (value->next != nullptr) to->add(" or ");
+    if (values[a->root] == 0) {
+      while (values[n] != 0) ++n;
+      to->print("%s: ", a->field->name);
+      add_reason(*a->numbered[n], a->type->name, record, to);
+      continue;
     }
-    to->add('\n');
+    for (const Node* node = a->nodes; member != nullptr && node != nullptr; node = node->next) {
+      if (strcmp(node->field.name, member) != 0 || values[node->guard] > node->index) continue;
+      const Guard* guard = a->numbered[node->guard];
+      while (values[guard->outer] <= guard->outer_index) guard = a->numbered[guard->outer];
+      add_reason(*guard, member, record, to);
+      break;
+    }
   }
 }
 

@@ -42,8 +42,8 @@ bool has_conditions(const Table& table) {
 
 class TakingBack {
  public:
-  TakingBack(Edit& edit, Changes& changes, Text* report)
-      : edit_(edit), changes_(changes), report_(report) {}
+  TakingBack(Edit& edit, Changes& changes, const char* kept, Text* report)
+      : edit_(edit), changes_(changes), kept_(kept), report_(report) {}
 
   void run() {
     plan();
@@ -218,10 +218,7 @@ class TakingBack {
   }
 
   bool wait(Change& change, const char* why) {
-    Text line;
-    line.print("it waits: %s", why);
-    say(change, nullptr, line.c_str());
-    change.fate = Fate::kWaits;
+    say_kept(change, why);
     undo_prediction(change);
     return false;
   }
@@ -274,10 +271,7 @@ class TakingBack {
       case Written::kNotUsed: what = "it was deleted since"; break;
       case Written::kChanged: what = "it was added, and changed since; it stays"; break;
       case Written::kFailed: what = "it cannot be written; it stays"; break;
-      case Written::kNotFree:
-        what = "it waits: its id is used by another record";
-        change.fate = Fate::kWaits;
-        break;
+      case Written::kNotFree: say_kept(change, "its id is used by another record"); break;
       case Written::kDone:
         if (stays.empty() && !change.is_partly_kept) change.fate = Fate::kBack;
         break;
@@ -290,6 +284,13 @@ class TakingBack {
     }
   }
 
+  void say_kept(Change& change, const char* why) {
+    Text line;
+    line.print("%s: %s", kept_, why);
+    say(change, nullptr, line.c_str());
+    change.fate = Fate::kWaits;
+  }
+
   void say(const Change& change, const Field* field, const char* what) {
     report_->print("%s/%u%s%s: %s\n", change.table->name, change.position + 1,
                    field != nullptr ? "." : "", field != nullptr ? field->name : "", what);
@@ -297,14 +298,15 @@ class TakingBack {
 
   Edit& edit_;
   Changes& changes_;
+  const char* kept_;
   Text* report_;
   Snapshot now_[kTableCount], then_[kTableCount];
 };
 
 }  // namespace
 
-void take_back(Edit& edit, Changes& changes, Text* report) {
-  TakingBack(edit, changes, report).run();
+void take_back(Edit& edit, Changes& changes, const char* kept, Text* report) {
+  TakingBack(edit, changes, kept, report).run();
 }
 
 unsigned count(const Changes& changes, Fate fate) {

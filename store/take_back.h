@@ -12,9 +12,10 @@
 namespace store {
 
 /* Takes back the changes that are due, and sets their fates. Adds a line to the report for each
- * value that stays and for each record that waits. The areas are begun; it may be repeated for
+ * value that stays and for each record that waits, "it waits: why", where `kept` says instead of "it
+ * waits" what becomes of it. The areas are begun; it may be repeated for
  * changes that are still due. */
-void take_back(Edit& edit, Changes& changes, Text* report);
+void take_back(Edit& edit, Changes& changes, const char* kept, Text* report);
 
 /* How many changes have this fate. */
 unsigned count(const Changes& changes, Fate fate);

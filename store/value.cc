@@ -103,8 +103,10 @@ int parse_numbers(const Table& table, const Field& field, const char* text, size
     const bool fits = read_number(at, &rest, is_signed, bits, &value);
     const char expected = n + 1 < count ? ',' : '\0';
     if (rest == at || rest > end || (rest == end ? '\0' : *rest) != expected) {
-      return count == 1 ? fail(kRefused, "%s.%s: '%s' is not a number", table.name, field.name,
-                               shown_value(field, text))
+      const bool has_names = field.extra != nullptr && field.extra->names != nullptr;
+      return count == 1 ? fail(kRefused, "%s.%s: '%s' is %s", table.name, field.name,
+                               shown_value(field, text),
+                               has_names ? "neither a name nor a number" : "not a number")
                         : fail(kRefused, "%s.%s: '%s' is not %zu numbers with commas between them",
                                table.name, field.name, shown_value(field, text), count);
     }

@@ -191,6 +191,19 @@ TEST_F(CheckpointTest, Delete_RemovesThisOneAlone) {
   EXPECT_EQ(names(), std::set<std::string>{"before"});
 }
 
+TEST_F(CheckpointTest, OneThatCannotBeDeleted_StaysListedUntilItCan) {
+  done({"checkpoint", "a"});
+  const std::string foreign = std::string(kFolder) + "/a/folder";
+  mkdir(foreign.c_str(), 0755);
+  EXPECT_EQ(run(scctl({"checkpoint", "--delete", "a"})),
+            (Outcome{3, "", "scctl: checkpoint a: Directory not empty\n"}));
+  EXPECT_EQ(names(), std::set<std::string>{"a"});
+  EXPECT_NE(done({"checkpoints"}).find("broken"), std::string::npos);
+  rmdir(foreign.c_str());
+  done({"checkpoint", "--delete", "a"});
+  EXPECT_EQ(names(), std::set<std::string>{});
+}
+
 TEST_F(CheckpointTest, WhileAnotherOneIsMade_NoneIsMadeOrDeleted) {
   done({"checkpoint", "a"});
   const int store = open(kFolder, O_RDONLY);

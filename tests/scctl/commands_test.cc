@@ -374,7 +374,9 @@ TEST_F(CommandsTest, ABatchOfManyFiles_KeepsNoneOpen) {
 TEST_F(CommandsTest, WhereTheLibraryCannotBeSilenced_ThatIsSaidAndNothingLost) {
   EXPECT_EQ(
       with_descriptors(5, {"remove", "Lan"}),
-      (Outcome{0, "", "scctl: cannot silence the library's messages: Too many open files\n"}));
+      (Outcome{0, "",
+               "scctl: /var/systemconfig/scctl/log: Too many open files; undo will not know this "
+               "edit\nscctl: cannot silence the library's messages: Too many open files\n"}));
   EXPECT_EQ(scctl_run({"remove", "Lan"}).status, 3);
 }
 

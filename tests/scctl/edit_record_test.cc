@@ -203,6 +203,26 @@ TEST_F(EditRecordTest, AnErrorThatIsLeft_GivesUpWithItsStatus) {
   EXPECT_EQ(bind().bind_ip, 0x0200000au);
 }
 
+TEST_F(EditRecordTest, AnEmptyFileAfterAnError_GivesUpWithTheErrorsStatus) {
+  for (const std::string& last : {": >\"$1\"", "sed -i 's/^ip=.*/ip=10.0.0.2/' \"$1\""}) {
+    unlink("/var/looks");
+    looks({"sed -i 's/^ip=.*/ip=bad/' \"$1\"", last});
+    EXPECT_EQ(edit(), (Outcome{1, "lan_binds/2 is not changed\n", ""}));
+  }
+}
+
+TEST_F(EditRecordTest, AValueThatAnOverlayForbids_IsAnErrorAndNotWritten) {
+  write_file("/var/overlay.json", R"({"overlay": 1, "types": {"t": {"size": 16, "members": {
+      "mtu": {"at": 0, "kind": "unsigned", "size": 2, "range": [576, 1500]}}}},
+      "at": {"Wan.sections/1.settings": "t"}})");
+  const Words words = scctl({"edit", "wan/1", "--overlay", "/var/overlay.json"});
+  looks({"sed -i 's/^mtu=.*/mtu=1/' \"$1\"", "sed -i 's/^mtu=.*/mtu=1492/' \"$1\""});
+  EXPECT_EQ(run(words), (Outcome{0, "", ""}));
+  EXPECT_NE(look(2).find("\n#! scctl: wan.mtu: it is out of range\nmtu=1\n"), std::string::npos)
+      << look(2);
+  EXPECT_EQ(done({"get", "wan/1.mtu", "--overlay", "/var/overlay.json"}), "1492\n");
+}
+
 TEST_F(EditRecordTest, ARecordThatChangedMeanwhile_IsShownAndNotOverwritten) {
   const ShellScctl in_path;
   looks({"scctl set lan_binds/2 ip=10.0.0.7; sed -i s/two/three/ \"$1\"", ":"});

@@ -126,6 +126,11 @@ TEST_F(MetricsTest, AnArchiveThatCannotBeJudged_IsNeitherGoodNorBad) {
   EXPECT_EQ(samples.count(of("archive_age_seconds", "Qos")), 1u);
 }
 
+TEST_F(MetricsTest, WhatIsNoFile_HasNoAge) {
+  std::filesystem::create_directory(golden_area("Qos").archive_path);
+  EXPECT_EQ(read().count(of("archive_age_seconds", "Qos")), 0u);
+}
+
 TEST_F(MetricsTest, HoldersAndWaiters_AreProcesses) {
   LockHolder one(lock_file("Lan"), 5), other(lock_file("Lan"), 9);
   Program waiter(scctl({"add", "lan_binds/4", "name=x"})); /* byte 5 */

@@ -82,7 +82,7 @@ TEST_F(OverlayTest, AnUnknownNumberOfAnEnum_IsShownAndTakenBack) {
   EXPECT_EQ(shown({"get", "wan/1.mode"}), "dhcp\n");
   named.replace(named.find("\"dhcp\""), 6, "\"dhcq\"");
   EXPECT_EQ(outcome({"import", "-"}, named).err,
-            "scctl: stdin:4: wan.mode: 'dhcq' is not a number\n");
+            "scctl: stdin:4: wan.mode: 'dhcq' is neither a name nor a number\n");
 }
 
 TEST_F(OverlayTest, ANameWhoseNumberDoesNotFit_IsRefused) {
@@ -230,6 +230,16 @@ TEST_F(OverlayTest, AnAttributeOfAnotherKind_IsRefusedByOneLine) {
   EXPECT_EQ(why(R"("kind": "unsigned", "size": 1, "pattern": "a")"), "only a text has a pattern\n");
   EXPECT_EQ(why(R"("kind": "mac text", "size": 18, "pattern": "a")"),
             "only a text has a pattern\n");
+  for (const char* kind : {"\"unsigned\"", "\"signed\""}) {
+    const std::string number = std::string(R"("size": 8, "kind": )") + kind;
+    EXPECT_EQ(why(number + R"(, "range": [2, 1])"), "its range ends before it begins\n");
+    use(overlay_of("\"a\": {\"at\": 0, " + number + R"(, "range": [1, 1]})"));
+    EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.a"}, "/var/other.json"))).status, 0) << kind;
+  }
+  EXPECT_EQ(why(R"("kind": "unsigned", "size": 8, "range": [9223372036854775808, 1])"),
+            "its range ends before it begins\n");
+  EXPECT_EQ(why(R"("kind": "signed", "size": 8, "range": [1, -1])"),
+            "its range ends before it begins\n");
   EXPECT_EQ(why(R"("kind": "bytes", "size": 1, "used": "b")"),
             "it is no array, and is not counted\n");
 }
@@ -265,13 +275,14 @@ TEST_F(OverlayTest, WhatLiesOutside_IsRefusedByOneLine) {
 TEST_F(OverlayTest, ASizeThatAKindCannotHave_IsRefusedByOneLine) {
   for (const char* kind :
        {R"("kind": "unsigned", "size": 9)", R"("kind": "signed")", R"("kind": "text", "size": 0)",
-        R"("kind": "mac text", "size": 16)", R"("kind": "enum", "size": 16)"}) {
+        R"("kind": "mac text", "size": 16)", R"("kind": "enum", "size": 16)",
+        R"("kind": "mac", "size": 5)", R"("kind": "address", "size": 16)"}) {
     EXPECT_EQ(refused(overlay_of("\"a\": {\"at\": 0, " + std::string(kind) + "}")),
               "scctl: /var/other.json: t.a: its kind has no such size\n");
   }
   /* One that has its own. */
   const std::string overlay = use(overlay_of(R"("a": {"at": 0, "kind": "mac text", "size": 17},
-      "b": {"at": 20, "kind": "mac", "size": 1}, "c": {"at": 26, "kind": "unsigned", "size": 3})"));
+      "b": {"at": 20, "kind": "mac"}, "c": {"at": 26, "kind": "unsigned", "size": 3})"));
   EXPECT_EQ(run(scctl(with_overlay({"get", "wan/1.b"}, overlay))).out, "00:00:00:00:00:00\n");
 }
 

@@ -79,7 +79,7 @@ TEST_F(OverlayImportTest, NamesThatTheRecordDoesNotHave_AreErrorsOfTheirLines) {
       "{\"Wan\": {\"wan\": [{\"id\": 1, \"magic\": 1463897669,\n \"mode\": \"dhcp\",\n \"peer\": "
       "\"1.2.3.4\"}]}}";
   EXPECT_EQ(outcome({"import", "-"}, file).err,
-            "scctl: stdin:3: wan has no field 'peer'; the nearest is deep\n");
+            "scctl: stdin:3: wan/1 has no field 'peer'; mode is dhcp, peer needs 7 or pppoe\n");
   EXPECT_EQ(outcome({"import", "-"}, "{\"Wan\": {\"wan\": [{\"id\": 1, \"mtu\": 600}]}}").err,
             "scctl: stdin:1: wan/1 has no field 'mtu'; settings: magic is 0, wan_section needs "
             "1463897669\n");

@@ -219,6 +219,50 @@ TEST_F(OverlaySecretsTest, AMemberThatSharesBytesWithASecret_IsOneToo) {
       << json;
 }
 
+/* Its bytes may be left from when it held, whatever stands there now. */
+TEST_F(OverlaySecretsTest, MembersInItsPlaceWhileASecretDoesNotHold_AreSecret) {
+  memset(block("Wan") + kWan, 0, 956);
+  const std::string overlay = use(R"({"overlay": 1, "types": {"t": {"size": 24, "union": true,
+      "members": {
+          "mode": {"at": 0, "kind": "unsigned", "size": 4},
+          "psk": {"at": 4, "kind": "text", "size": 16, "secret": true, "if": {"mode": 1}},
+          "name": {"at": 4, "kind": "text", "size": 16, "if": {"mode": 2}},
+          "head": {"at": 4, "kind": "unsigned", "size": 2},
+          "last": {"at": 20, "kind": "unsigned", "size": 4}}}},
+          "at": {"Wan.sections/1.settings": "t"}})");
+  const auto all = [&](const Words& words) { return run(scctl(with_overlay(words, overlay))); };
+  for (int mode = 1; mode <= 3; ++mode) {
+    const std::string text = "mode=" + std::to_string(mode);
+    EXPECT_EQ(all({"set", "wan/1", text}).status, 0);
+    if (mode == 1) EXPECT_EQ(all({"set", "wan/1", std::string("psk=") + kPlanted}).status, 0);
+    for (const Words& words : {Words{"get", "wan/1"},
+                               {"get", "wan/1.name"},
+                               {"export", "Wan"},
+                               {"list", "wan"},
+                               {"get", "wan/1.head"},
+                               {"dump", "Wan"}}) {
+      const Outcome outcome = all(words);
+      expect_hidden(outcome.out + outcome.err, words[0] + " " + text);
+      EXPECT_EQ(outcome.out.find("27760"), std::string::npos) << "the number of its first bytes";
+    }
+    EXPECT_EQ(all({"get", "wan/1.head"}).out, "<secret>\n") << text;
+    EXPECT_EQ(all({"get", "wan/1.last"}).out, "0\n") << text;
+  }
+}
+
+TEST_F(OverlaySecretsTest, DiffCommands_SaysWhereASecretIsMissing) {
+  shown({"set", "wan/1", "mtu=1400"});
+  done({"save", "--all"});
+  shown({"set", "wan/1", "psk=another-Secret"});
+  const Words words = {"diff", "live", "saved", "--commands"};
+  EXPECT_EQ(hidden(words),
+            (Outcome{1, "# wan/1.psk is a secret; --secrets prints its value\n", ""}));
+  shown({"set", "wan/1", "mtu=1492"});
+  const Outcome two = hidden(words);
+  EXPECT_EQ(std::count(two.out.begin(), two.out.end(), '\n'), 2) << two;
+  EXPECT_NE(two.out.find("\nscctl set wan/1 mtu=1400\n"), std::string::npos) << two;
+}
+
 /* The password of a mode that is off stays in its bytes. */
 TEST_F(OverlaySecretsTest, ASecretWhoseConditionFails_StaysOneAmongTheSpares) {
   memset(block("Wan") + kWan, 0, 956);

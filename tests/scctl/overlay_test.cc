@@ -65,8 +65,9 @@ TEST_F(OverlayTest, AnotherFamily_HasTheOtherMembersOfTheUnion) {
   make_section();
   shown({"set", "wan/1", "address.family=6", "address.u.v6=8193,3512,0,0,0,0,0,1"});
   EXPECT_EQ(block("Wan")[kWan + 248], 0x20); /* the first byte is the most significant */
-  EXPECT_EQ(outcome({"get", "wan/1.address.u.v4"}).err,
-            "scctl: wan has no field 'address.u.v4'; the nearest is address.u.v6\n");
+  EXPECT_EQ(
+      outcome({"get", "wan/1.address.u.v4"}).err,
+      "scctl: wan/1 has no field 'address.u.v4'; address.family is 6, address.u.v4 needs 4\n");
 }
 
 TEST_F(OverlayTest, AConditionThatDoesNotHold_ShowsHexAndWhy) {

@@ -398,6 +398,30 @@ TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
   EXPECT_EQ(run_scctl({"try", "--status"}).status, 0);
 }
 
+/* It looks while the try has no guards yet, and waits for the maker's role. */
+TEST_F(TraceTryEdgeTest, GuardsThatTheMakerStartsMeanwhile_WereNotKilled) {
+  for (const bool are_started : {true, false}) {
+    start_try_of("set lan_binds/1 name=tried\n");
+    const std::string journal = read_file(kTryFile);
+    unlink(kTryFile);
+    ASSERT_TRUE(becomes([] { return !has_guards(); }));
+    write_file(kTryFile, journal);
+    std::optional<LockHolder> guard;
+    const Outcome outcome = trace(scctl({"tables"}), [&](const SystemCall& call) {
+      const LockCall lock = lock_call(call);
+      const bool takes_role = lock.is_lock && lock.type == F_WRLCK && lock.first == kActorByte;
+      if (!call.is_done && takes_role && are_started && !guard)
+        guard.emplace(kStateLocks, kTwinByte);
+      return without_forks(call);
+    });
+    EXPECT_EQ(outcome.err, are_started ? ""
+                                       : "scctl: the guards of the try were killed; they are "
+                                         "started again\n");
+    guard.reset();
+    run_scctl({"revert"});
+  }
+}
+
 /* All is written, and nothing is announced. */
 TEST_F(TraceTryEdgeTest, AGuardKilledBeforeItAnnounces_IsReplacedByOneThatDoes) {
   const Daemon daemon;

@@ -149,6 +149,7 @@ TEST_F(UndoTest, WhatCannotBeUndone_IsRefusedAndNothingIsChanged) {
   EXPECT_EQ(refusal({"undo", "1x"}, 2), "scctl: expected a number of edits above 0, not '1x'\n");
   done({"add", "lan_binds/1", "mac=00:11:22:33:44:01", "name=one"});
   EXPECT_EQ(refusal({"undo", "2"}), "scctl: only 1 edit is logged\n");
+  EXPECT_EQ(refusal({"undo", "99999999999999999999"}), "scctl: only 1 edit is logged\n");
   done({"save", "Lan"});
   done({"restore", "Lan"});
   done({"set", "lan_binds/1", "name=two"});
@@ -278,6 +279,37 @@ TEST_F(UndoTest, AChangeThatWasLoggedAndNotMade_IsNotUndone) {
   run_scctl({"undo"});
   expect_live(before);
   EXPECT_STREQ(name_of(0), "one");
+}
+
+TEST_F(UndoTest, ADeletedRecordWhosePlaceIsTaken_DoesNotComeBackAndDoesNotWait) {
+  done({"add", "lan_binds/1", "mac=00:11:22:33:44:01", "name=one"});
+  done({"del", "lan_binds/1"});
+  done({"add", "lan_binds/1", "mac=00:11:22:33:44:02", "name=two"});
+  const Outcome outcome = run_scctl({"undo", "--entry", "2"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.out.find("lan_binds/1: it does not come back: its id is used by another "
+                             "record\n"),
+            std::string::npos)
+      << outcome;
+}
+
+TEST_F(UndoTest, WordsThatAreNoPlainText_AreShownAsTheyAreTyped) {
+  done({"add", "lan_binds/1", "mac=00:11:22:33:44:01", "name=a\nb\\c"});
+  EXPECT_NE(done({"log"}).find("add lan_binds/1 'mac=00:11:22:33:44:01' 'name=a\\x0ab\\c'\n"),
+            std::string::npos)
+      << done({"log"});
+  EXPECT_NE(done({"undo"}).find(" 'name=a\\x0ab\\c'\n"), std::string::npos);
+}
+
+TEST_F(UndoTest, AnEditThatCannotBeLogged_SaysSo) {
+  done({"add", "lan_binds/1", "mac=00:11:22:33:44:01", "name=one"});
+  unlink(kLogFile);
+  mkdir(kLogFile, 0700);
+  EXPECT_EQ(run_scctl({"set", "lan_binds/1", "name=two"}),
+            (Outcome{0, "",
+                     std::string("scctl: ") + kLogFile +
+                         ": Is a directory; undo will not know this edit\n"}));
+  rmdir(kLogFile);
 }
 
 TEST_F(UndoTest, AChunkThatAKillCutOff_IsIgnoredAndOverwritten) {
