@@ -3,7 +3,7 @@
 
 # make_root FOLDER: a minimal Debian 12 with the host's mirror and download settings.
 make_root() {
-  local root=$1 release=bookworm mirror
+  local root=$1 release=bookworm mirror cafile
   if [[ $(id -u) -ne 0 ]] || ! command -v debootstrap >/dev/null; then
     echo "$0: needs root and the package debootstrap" >&2
     return 1
@@ -17,6 +17,13 @@ make_root() {
   apt-config dump | grep -E '^Acquire::(Check|Retries|http|https)' \
     >"$root/etc/apt/apt.conf.d/99host" || true
   cp /etc/resolv.conf "$root/etc/resolv.conf"
+  cafile=$(npm config get cafile 2>/dev/null || true)
+  if [[ -f $cafile ]]; then
+    mkdir -p "$root/etc/ssl"
+    cp "$cafile" "$root/etc/ssl/host_ca.crt"
+    echo "cafile=/etc/ssl/host_ca.crt" >"$root/root/.npmrc"
+  fi
+  chmod 755 "$root" # the tests have users who are not root
 }
 
 # run_in_root FOLDER COMMAND...: the root is a mount point, as the tests make / private.
