@@ -353,7 +353,7 @@ void add_reason(const Guard& guard, const char* needing, const uint8_t* record, 
 void Overlays::add_reasons(const Table& table, uint32_t position, const uint8_t* record,
                            const char* member, Text* to) const {
   for (const Attachment* a = attachments_; a != nullptr; a = a->next) {
-    if (!a->is_of(table, static_cast<int>(position)) || a->root == 0) continue;
+    if (!a->is_of(table, static_cast<int>(position))) continue;
     Buffer room((a->guard_count + 1u) * sizeof(uint16_t));
     auto* values = reinterpret_cast<uint16_t*>(room.data());
     evaluate(*a, record, values);

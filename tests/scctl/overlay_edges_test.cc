@@ -215,6 +215,21 @@ TEST_F(OverlayTest, AConditionWithoutAValue_IsRefusedByOneLine) {
             "scctl: /var/other.json:1: a condition needs a value\n");
 }
 
+TEST_F(OverlayTest, AMemberUnderTwoConditions_SaysTheOuterOneFirst) {
+  memset(block("Wan") + kWan, 0, 956);
+  const std::string overlay = use(overlay_of(R"("mode": {"at": 0, "kind": "unsigned", "size": 1},
+      "in": {"at": 4, "type": "u", "if": {"mode": 1}})",
+                                             956, R"(, "u": {"size": 8, "members": {
+      "form": {"at": 0, "kind": "unsigned", "size": 1},
+      "x": {"at": 4, "kind": "unsigned", "size": 1, "if": {"form": 2}}}})"));
+  const auto why = [&](const Words& words) { return run(scctl(with_overlay(words, overlay))).err; };
+  const std::string begin = "scctl: wan/1 has no field 'in.x'; ";
+  EXPECT_EQ(why({"get", "wan/1.in.x"}), begin + "mode is 0, in.x needs 1\n");
+  EXPECT_EQ(why({"set", "wan/1", "in.x=1"}), begin + "mode is 0, in.x needs 1\n");
+  EXPECT_EQ(why({"set", "wan/1", "mode=1", "in.x=1"}), begin + "in.form is 0, in.x needs 2\n");
+  EXPECT_EQ(why({"set", "wan/1", "mode=1", "in.form=2", "in.x=1"}), "");
+}
+
 TEST_F(OverlayTest, AnAttributeOfAnotherKind_IsRefusedByOneLine) {
   const auto why = [&](const std::string& member) {
     const std::string said = refused(overlay_of("\"a\": {\"at\": 0, " + member + "}"));

@@ -400,7 +400,8 @@ TEST_F(TraceTryEdgeTest, ACallBetweenTwoTries_RemovesNoneOfThem) {
 
 /* It looks while the try has no guards yet, and waits for the maker's role. */
 TEST_F(TraceTryEdgeTest, GuardsThatTheMakerStartsMeanwhile_WereNotKilled) {
-  for (const bool are_started : {true, false}) {
+  for (const off_t byte : {kGuardByte, kTwinByte, off_t{-1}}) {
+    const bool is_started = byte >= 0;
     start_try_of("set lan_binds/1 name=tried\n");
     const std::string journal = read_file(kTryFile);
     unlink(kTryFile);
@@ -410,13 +411,12 @@ TEST_F(TraceTryEdgeTest, GuardsThatTheMakerStartsMeanwhile_WereNotKilled) {
     const Outcome outcome = trace(scctl({"tables"}), [&](const SystemCall& call) {
       const LockCall lock = lock_call(call);
       const bool takes_role = lock.is_lock && lock.type == F_WRLCK && lock.first == kActorByte;
-      if (!call.is_done && takes_role && are_started && !guard)
-        guard.emplace(kStateLocks, kTwinByte);
+      if (!call.is_done && takes_role && is_started && !guard) guard.emplace(kStateLocks, byte);
       return without_forks(call);
     });
-    EXPECT_EQ(outcome.err, are_started ? ""
-                                       : "scctl: the guards of the try were killed; they are "
-                                         "started again\n");
+    EXPECT_EQ(outcome.err, is_started ? ""
+                                      : "scctl: the guards of the try were killed; they are "
+                                        "started again\n");
     guard.reset();
     run_scctl({"revert"});
   }
