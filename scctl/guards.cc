@@ -169,14 +169,14 @@ void look_after_try() {
   if (!running.open()) return;
   /* What other programs change while a try of any program is made is part of the try. */
   if (running.header.phase == Phase::kMaking && running.header.is_command != 0) g_journal = nullptr;
-  const pid_t killed[] = {holder_of(Role::kGuard), holder_of(Role::kTwin)};
+  const pid_t before[] = {holder_of(Role::kGuard), holder_of(Role::kTwin)};
   if (is_guarded(Role::kGuard) || is_guarded(Role::kTwin)) return;
   clear_way(running, holder_of(Role::kActor));
   if (!take_role(Role::kActor, kStepMs)) return; /* it is being made or ended */
   /* The maker of the try may have started them meanwhile. */
   const auto is_new = [&](Role role) {
     const pid_t guard = holder_of(role);
-    return guard != 0 && guard != killed[static_cast<int>(role)];
+    return guard != 0 && guard != before[static_cast<int>(role)];
   };
   if (running.open() && !is_new(Role::kGuard) && !is_new(Role::kTwin)) {
     const bool is_over = do_duty(running, "its guards were killed");

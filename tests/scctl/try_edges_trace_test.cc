@@ -486,6 +486,15 @@ TEST_F(TraceCoarseTimerTest, ARecordThatIsHeld_IsWaitedForASecondAllTheSame) {
   EXPECT_STREQ(lan.lan_binds[1].bind_name, "two");
 }
 
+TEST_F(TraceCoarseTimerTest, OnlyTheFirstOfSeveralThatAreHeld_IsWaitedFor) {
+  const auto& lan = *block_as<LanBlock>("Lan");
+  const LockHolder record(lock_file("Lan"), lan.lan_binds[0].lock_index);
+  const LockHolder next(lock_file("Lan"), lan.lan_binds[1].lock_index);
+  EXPECT_EQ(waited({"list", "lan_binds"}, 1000).status, 0);
+  const LockHolder save(lock_file("FwMac"), 1), other(lock_file("FwUrl"), 1);
+  EXPECT_EQ(waited({"diff", "saved", "saved"}, 5000).status, 0);
+}
+
 TEST_F(TraceCoarseTimerTest, ASaveThatDoesNotEnd_IsWaitedForFiveSecondsAllTheSame) {
   const LockHolder foreign(lock_file("Lan"), 1);
   /* Its byte also guards the settings. */
